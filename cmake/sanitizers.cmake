@@ -1,0 +1,9 @@
+if(VELM_SANITIZE)
+    add_compile_options(-O1 -g -fno-omit-frame-pointer -fsanitize=address,undefined
+                        -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+if(VELM_COVERAGE)
+    add_compile_options(--coverage -O0 -g -fprofile-update=atomic)
+    add_link_options(--coverage)
+endif()

@@ -1,0 +1,12 @@
+# Linked by every target of ours: warnings are errors, and a path in a log line or an assertion
+# is the file's own path from the root.
+add_library(velm_warnings INTERFACE)
+target_compile_options(velm_warnings INTERFACE
+    -Wall -Wextra -Wpedantic -Werror -Wshadow -Wformat=2 -Wcast-align -Wundef
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
+    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
+
+# For the shipped code only: gtest's macros do not compile under these.
+add_library(velm_strict_warnings INTERFACE)
+target_link_libraries(velm_strict_warnings INTERFACE velm_warnings)
+target_compile_options(velm_strict_warnings INTERFACE -Wconversion -Wsign-conversion)

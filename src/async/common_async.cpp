@@ -1,0 +1,132 @@
+#include "async/common_async.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <memory>
+
+#include "handles/fd.h"
+#include "handles/libevent.h"
+#include "handles/memory.h"
+#include "logger/fatal.h"
+
+struct common_async_context {
+    event_ptr timer; // none for an action call
+    common_async_callback callback = nullptr;
+    void *user_data = nullptr;
+};
+
+namespace {
+
+constexpr char log_category[] = "common_async";
+
+using context_ptr = std::unique_ptr<common_async_context>;
+
+struct module_state {
+    event_base *base = nullptr;
+    unique_fd pipe_read;
+    unique_fd pipe_write;
+    event_ptr event_pipe_watcher;
+    std::deque<context_ptr> waiting;
+    bool awake = false; // a pointer lies in the pipe, so the loop will turn
+};
+module_state state;
+
+context_ptr make_context(common_async_callback callback, void *user_data)
+{
+    const allocation_name naming{__func__, "ctx"};
+    auto context = std::make_unique<common_async_context>();
+    context->callback = callback;
+    context->user_data = user_data;
+    return context;
+}
+
+void action_run(context_ptr ctx, short events)
+{
+    if (ctx == nullptr || ctx->callback == nullptr) {
+        FATAL("%s: %s is null: %s", "action_cb", "ctx->cb", "null reference");
+    }
+    ctx->callback(ctx->user_data, events, ctx.get());
+}
+
+void action_cb(evutil_socket_t, short events, void *argument) noexcept
+{
+    action_run(adopt<common_async_context>(argument), events);
+}
+
+/// One pointer wakes the loop for as long as actions wait: it stays in the pipe, which is readable
+/// on every turn, until the last one has run. So the pipe never fills and a turn costs no write.
+void event_pipe_cb(evutil_socket_t fd, short events, void *) noexcept
+{
+    context_ptr context = std::move(state.waiting.front());
+    state.waiting.pop_front();
+    action_run(std::move(context), events);
+    if (!state.waiting.empty()) {
+        return;
+    }
+    void *woken_by = nullptr;
+    if (read(fd, &woken_by, sizeof woken_by) != static_cast<ssize_t>(sizeof woken_by)) {
+        FATAL("%s: error reading from pipe: %s", __func__, std::strerror(errno));
+    }
+    state.awake = false;
+}
+
+void wake_loop(const char *caller)
+{
+    if (state.awake) {
+        return;
+    }
+    const void *pointer = state.waiting.front().get();
+    if (write(state.pipe_write.get(), &pointer, sizeof pointer) !=
+        static_cast<ssize_t>(sizeof pointer)) {
+        FATAL("%s: error writing to pipe: %s", caller, std::strerror(errno));
+    }
+    state.awake = true;
+}
+
+} // namespace
+
+void common_async_set_event_base(event_base *base)
+{
+    state.base = base;
+}
+
+void common_async_init()
+{
+    event_base *const base = state.base;
+    state = {};
+    state.base = base;
+    int event_pipe[2] = {-1, -1};
+    const int rc = pipe2(event_pipe, O_CLOEXEC | O_NONBLOCK);
+    REQUIRE_CALL(rc == 0, "pipe(event_pipe)", rc);
+    state.pipe_read.reset(event_pipe[0]);
+    state.pipe_write.reset(event_pipe[1]);
+    state.event_pipe_watcher.reset(
+        event_new(state.base, state.pipe_read.get(), EV_READ | EV_PERSIST, event_pipe_cb, nullptr));
+    REQUIRE_NOT_NULL(state.event_pipe_watcher, "event_pipe_watcher");
+    const int added = event_add(state.event_pipe_watcher.get(), nullptr);
+    REQUIRE_CALL(added == 0, "event_add(event_pipe_watcher, NULL)", added);
+}
+
+int common_async_action_call(common_async_callback callback, void *user_data)
+{
+    state.waiting.push_back(make_context(callback, user_data));
+    wake_loop(__func__);
+    return 0;
+}
+
+int common_async_action_schedule(common_async_callback callback, void *user_data, long seconds,
+                                 long microseconds)
+{
+    context_ptr ctx = make_context(callback, user_data);
+    ctx->timer.reset(evtimer_new(state.base, action_cb, ctx.get()));
+    REQUIRE_MEMORY(ctx->timer, "timer");
+    const timeval tv{seconds, microseconds};
+    const int rc = evtimer_add(ctx->timer.get(), &tv);
+    REQUIRE_CALL(rc == 0, "evtimer_add(ctx->e, &tv)", rc);
+    ctx.release(); // the dispatcher takes it back
+    return 0;
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <event2/event.h>
+
+/// Calls that run later on the event loop: as soon as the loop turns next (an action call), or
+/// after a delay (an action schedule). Loop thread only.
+///
+/// Action calls run in the order they were made, one a loop turn, never inside the call that makes
+/// them. They wait in memory; the pipe only wakes the loop, so any number can be queued from one
+/// callback without blocking.
+
+struct common_async_context;
+
+/// `user_data` stays owned by the callback. `events` are libevent's flags. `context` is freed when
+/// the callback returns.
+using common_async_callback = void (*)(void *user_data, short events,
+                                       common_async_context *context);
+
+/// Before common_async_init. The base is borrowed for the life of the process.
+void common_async_set_event_base(event_base *base);
+
+/// Makes the pipe and its read event; every failure is fatal.
+void common_async_init();
+
+/// Queues a call; 0. A null callback is fatal when its turn comes.
+int common_async_action_call(common_async_callback callback, void *user_data);
+
+/// Runs the call once after the delay (microseconds below 1000000), on a later loop turn even when
+/// the delay is zero; 0.
+int common_async_action_schedule(common_async_callback callback, void *user_data, long seconds,
+                                 long microseconds);

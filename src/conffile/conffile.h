@@ -1,0 +1,29 @@
+#pragma once
+
+#include <memory>
+
+/// The configuration file: lines of key=value, "#" comments, at most 4096 bytes.
+///
+/// A ConfigFile owns the text that was read; its pairs point into it. Pairs stand in reverse line
+/// order, so the last line of a key is found first.
+struct ConfigFile;
+struct ConfigPair;
+
+struct conffile_deleter {
+    void operator()(ConfigFile *file) const noexcept;
+};
+using conffile_ptr = std::unique_ptr<ConfigFile, conffile_deleter>;
+
+/// Reads and parses a file; null (and a log line) when it cannot be opened or one of its lines is
+/// no key=value pair: such a file is rejected whole. The last byte read is always dropped, which
+/// normally is the last newline.
+[[nodiscard]] conffile_ptr conffile_parse(const char *path);
+
+/// The value of the first pair with exactly this key, or null. Borrowed from the file.
+[[nodiscard]] const char *conffile_get_value(const ConfigFile *file, const char *key);
+
+/// The first pair when `pair` is null, else the one behind it; null at the end or without a file.
+[[nodiscard]] const ConfigPair *conffile_next_pair(const ConfigFile *file, const ConfigPair *pair);
+
+[[nodiscard]] const char *conffile_pair_key(const ConfigPair *pair);
+[[nodiscard]] const char *conffile_pair_value(const ConfigPair *pair);

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <event2/buffer.h>
+#include <event2/bufferevent.h>
+#include <event2/event.h>
+#include <event2/http.h>
+#include <event2/listener.h>
+
+#include "handles/handle.h"
+
+using event_base_ptr = handle<event_base, event_base_free>;
+using event_config_ptr = handle<event_config, event_config_free>;
+using event_ptr = handle<event, event_free>;             // removes the event first
+using evbuffer_handle = handle<evbuffer, evbuffer_free>; // evbuffer_ptr is a position in one
+using bufferevent_handle = handle<bufferevent, bufferevent_free>;
+using evconnlistener_ptr = handle<evconnlistener, evconnlistener_free>;
+using evhttp_uri_ptr = handle<evhttp_uri, evhttp_uri_free>;
+using evhttp_connection_ptr = handle<evhttp_connection, evhttp_connection_free>;

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+#include "handles/handle.h"
+
+/// Text or bytes that a C function made with malloc.
+using malloc_text = handle<char, std::free>;
+
+/// Makes an object that crosses a C callback as `void *`; the callback takes it back with `adopt`
+/// in its first statement.
+template <typename T, typename... Args>
+T *release_new(Args &&...args)
+{
+    return std::make_unique<T>(std::forward<Args>(args)...).release();
+}
+
+template <typename T>
+std::unique_ptr<T> adopt(void *object) noexcept
+{
+    return std::unique_ptr<T>{static_cast<T *>(object)};
+}
+
+/// A zero-filled plain object, or null when memory is exhausted: for the few places that answer
+/// that with a log line instead of ending the process.
+template <typename T>
+using plain_ptr = handle<T, std::free>;
+
+template <typename T>
+plain_ptr<T> try_make_plain(std::size_t count = 1) noexcept
+{
+    static_assert(std::is_trivially_destructible_v<T>);
+    return plain_ptr<T>{static_cast<T *>(std::calloc(count, sizeof(T)))};
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include "handles/handle.h"
+
+using bio_ptr = handle<BIO, BIO_free_all>;
+using evp_md_ctx_ptr = handle<EVP_MD_CTX, EVP_MD_CTX_free>;
+using evp_pkey_ptr = handle<EVP_PKEY, EVP_PKEY_free>;
+using x509_ptr = handle<X509, X509_free>;
+using x509_store_ptr = handle<X509_STORE, X509_STORE_free>;
+using x509_store_ctx_ptr = handle<X509_STORE_CTX, X509_STORE_CTX_free>;
+using ssl_ctx_ptr = handle<SSL_CTX, SSL_CTX_free>;
+using ssl_ptr = handle<SSL, SSL_free>;
+
+/// OPENSSL_free is a macro, so it needs a function to stand for it.
+struct openssl_free_deleter {
+    void operator()(void *memory) const noexcept
+    {
+        OPENSSL_free(memory);
+    }
+};
+using openssl_bytes = std::unique_ptr<unsigned char, openssl_free_deleter>;

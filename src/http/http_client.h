@@ -1,0 +1,69 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+/// Asynchronous HTTP and HTTPS requests on the event loop. Names resolve without blocking. Every
+/// HTTPS server must present a chain to the configured CA file and the right host name.
+
+struct evkeyvalq;
+struct http_client_connection;
+
+enum http_client_method : int {
+    HTTP_CLIENT_GET = 0,
+    HTTP_CLIENT_POST = 1,
+    HTTP_CLIENT_PATCH = 2,
+    HTTP_CLIENT_DELETE = 3,
+    HTTP_CLIENT_PUT = 4,
+};
+
+struct http_client_header {
+    std::string name;
+    std::string value;
+    bool used = false; // replaced one of the client's own headers
+};
+
+/// What to ask. The client copies what it keeps.
+struct http_client_request_data {
+    http_client_connection *connection = nullptr; // null: a connection of the request's own
+    std::string uri;
+    std::vector<http_client_header> headers;
+    std::string post_data;
+    int timeout_s = 0; // for the whole exchange, connecting included; 0 or less: the default
+    bool skip_server_verification = false;
+    bool skip_hostname_verification = false;
+};
+
+/// Called once. `code` is the HTTP status; -1 for a time-out at any stage and other negative values
+/// for libevent's request errors; 0 when the connection could not be made. Headers and body may be
+/// null; the body is terminated and, like the headers, valid during the call only.
+using http_client_response_handler = void (*)(int code, evkeyvalq *headers, const char *body,
+                                              std::size_t body_length, void *argument);
+
+void http_client_set_event_base(event_base *base);
+
+/// Makes the TLS context that verifies servers against the CA file; 0, or -1 when the file cannot
+/// be used. Reads the resolver's configuration again.
+[[nodiscard]] int http_client_setup_ssl(const char *ca_file);
+
+/// Lets go of the TLS context; requests in flight keep theirs.
+void http_client_free_ssl();
+
+/// Null clears it.
+void http_client_set_user_agent_string(const char *user_agent);
+
+/// Appends a header; null arguments are fatal.
+void http_client_add_header(http_client_request_data *data, const char *header_name,
+                            const char *header_value);
+
+/// Starts a request. A negative result: not started, and the handler is not called.
+[[nodiscard]] int http_request_internal(http_client_method method,
+                                        const http_client_request_data &data,
+                                        http_client_response_handler handler, void *argument);
+
+/// A connection that the caller holds, to pin requests to one host.
+[[nodiscard]] http_client_connection *http_client_connection_create();
+void http_client_connection_free(http_client_connection *connection);

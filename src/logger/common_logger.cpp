@@ -1,0 +1,335 @@
+#include "logger/common_logger.h"
+
+#include <sys/time.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <forward_list>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "conffile/conffile.h"
+
+namespace {
+
+constexpr std::size_t line_capacity = 8000;
+constexpr std::size_t file_name_max = 255;
+constexpr std::array<const char *, 6> level_names{"TRACE", "DEBUG", "INFO",
+                                                  "WARN",  "ERROR", "SYSLOG"};
+
+struct category_entry {
+    std::string name;
+    int threshold;
+};
+
+struct module_state {
+    bool enabled = false;
+    int level = LOG_LEVEL_DEBUG;
+    bool to_stdout = false;
+    bool to_syslog = false;
+    bool to_file = false;
+    bool line_and_file = false;
+    std::string file_name;
+    std::optional<std::string> syslog_ident;
+    std::forward_list<category_entry> categories; // the last one used stands first
+    const common_logger_observer *observer = nullptr;
+};
+module_state state;
+
+/// A line under construction: never more than the buffer holds, always terminated.
+class line_buffer {
+  public:
+    [[gnu::format(printf, 2, 0)]] bool append(const char *format, va_list arguments)
+    {
+        const std::size_t room = text_.size() - length_;
+        const int written = std::vsnprintf(&text_[length_], room, format, arguments);
+        if (written < 0) {
+            return false;
+        }
+        length_ += std::min(static_cast<std::size_t>(written), room - 1);
+        return true;
+    }
+
+    [[gnu::format(printf, 2, 3)]] void append(const char *format, ...)
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        append(format, arguments);
+        va_end(arguments);
+    }
+
+    void append_time(const std::tm &time)
+    {
+        length_ += std::strftime(&text_[length_], text_.size() - length_, "%F %T", &time);
+    }
+
+    /// The newline of a line that filled the buffer takes the place of its last character.
+    void end_line()
+    {
+        length_ = std::min(length_, text_.size() - 2);
+        text_[length_++] = '\n';
+        text_[length_] = '\0';
+    }
+
+    /// Nothing from outside may end the line or steer the terminal that shows it.
+    void replace_control_characters(std::size_t from)
+    {
+        for (std::size_t i = from; i < length_; ++i) {
+            const auto c = static_cast<unsigned char>(text_[i]);
+            const bool is_c1 = c == 0xc2 && i + 1 < length_ &&
+                               static_cast<unsigned char>(text_[i + 1]) >= 0x80 &&
+                               static_cast<unsigned char>(text_[i + 1]) < 0xa0;
+            if (is_c1) {
+                text_[i] = '?';
+                text_[++i] = '?';
+            } else if (c == '\n' || c == '\t' || c == '\r') {
+                text_[i] = ' ';
+            } else if (c < 0x20 || c == 0x7f) {
+                text_[i] = '?';
+            }
+        }
+    }
+
+    [[nodiscard]] std::size_t length() const
+    {
+        return length_;
+    }
+    [[nodiscard]] const char *text(std::size_t from = 0) const
+    {
+        return &text_[from];
+    }
+
+  private:
+    std::array<char, line_capacity> text_;
+    std::size_t length_ = 0;
+};
+
+bool is_true(std::string_view value)
+{
+    return value == "true" || value == "yes";
+}
+
+int level_from_name(const char *name)
+{
+    for (std::size_t i = 0; i < level_names.size(); ++i) {
+        if (strcasecmp(name, level_names[i]) == 0) {
+            return static_cast<int>(i);
+        }
+    }
+    return LOG_LEVEL_MUTE;
+}
+
+const char *level_name(int level)
+{
+    const auto last = static_cast<int>(level_names.size()) - 1;
+    return level_names[static_cast<std::size_t>(std::clamp(level, 0, last))];
+}
+
+/// The category's own threshold, or the global one. A category found moves to the head of the
+/// list, so the busy ones are found first.
+int threshold_of(std::string_view category)
+{
+    auto before = state.categories.before_begin();
+    for (auto entry = state.categories.begin(); entry != state.categories.end(); before = entry++) {
+        if (entry->name == category) {
+            const int threshold = entry->threshold;
+            if (entry != state.categories.begin()) {
+                state.categories.splice_after(state.categories.before_begin(), state.categories,
+                                              before);
+            }
+            return threshold;
+        }
+    }
+    return state.level;
+}
+
+void open_or_close_syslog()
+{
+    if (state.to_syslog) {
+        openlog(state.syslog_ident ? state.syslog_ident->c_str() : "unknown", LOG_CONS | LOG_PID,
+                LOG_USER);
+    } else {
+        closelog();
+    }
+}
+
+void after_reconfiguration()
+{
+    open_or_close_syslog();
+    if (state.observer != nullptr && state.observer->reconfigured != nullptr) {
+        state.observer->reconfigured();
+    }
+}
+
+void set_enabled(const char *value)
+{
+    if (is_true(value)) {
+        state.enabled = true;
+        return;
+    }
+    common_logger_reset();
+    if (state.observer != nullptr && state.observer->disabled != nullptr) {
+        state.observer->disabled();
+    }
+}
+
+void set_output(bool &output, const char *value)
+{
+    output = is_true(value);
+    state.enabled = state.enabled || output;
+}
+
+void write_line_to_file(const line_buffer &line)
+{
+    // Opened and closed for every line, so the file may be rotated or removed at any time.
+    std::FILE *file = std::fopen(state.file_name.c_str(), "ae");
+    if (file == nullptr) {
+        return;
+    }
+    std::fwrite(line.text(), 1, line.length(), file);
+    std::fflush(file);
+    std::fclose(file);
+}
+
+void emit(line_buffer &line, std::size_t after_time, const char *category, int level,
+          const char *file, int source_line)
+{
+    if (state.to_stdout) {
+        std::puts(line.text());
+        std::fflush(stdout);
+    }
+    if (state.to_syslog) {
+        syslog(level > LOG_LEVEL_WARN ? LOG_ERR : LOG_DEBUG - level, "%s", line.text(after_time));
+    }
+    line.end_line();
+    if (state.to_file) {
+        write_line_to_file(line);
+    }
+    if (state.observer != nullptr && state.observer->line != nullptr) {
+        state.observer->line(category, level, line.text(), file, source_line);
+    }
+}
+
+} // namespace
+
+bool common_logger_is_enabled()
+{
+    return state.enabled;
+}
+
+void common_logger_log(const char *category, int level, const char *file, int line,
+                       const char *format, ...)
+{
+    if (!state.enabled || level < threshold_of(category)) {
+        return;
+    }
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    std::tm local{};
+    localtime_r(&now.tv_sec, &local);
+
+    line_buffer text;
+    text.append_time(local);
+    text.append(".%03ld ", static_cast<long>(now.tv_usec / 1000));
+    const std::size_t after_time = text.length();
+    text.append("%5.10s ", level_name(level));
+    if (state.line_and_file) {
+        text.append("file: %s, line: %i - ", file, line);
+    }
+    text.append("%s - ", category);
+    const std::size_t message = text.length();
+
+    va_list arguments;
+    va_start(arguments, format);
+    const bool formatted = text.append(format, arguments);
+    va_end(arguments);
+    if (!formatted) {
+        std::fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
+        return;
+    }
+    text.replace_control_characters(message);
+    emit(text, after_time, category, level, file, line);
+}
+
+void common_logger_set(const char *key, const char *value)
+{
+    if (key == nullptr || value == nullptr) {
+        return;
+    }
+    constexpr std::string_view category_prefix = "category.";
+    const std::string_view name{key};
+    if (name == "enabled") {
+        set_enabled(value);
+    } else if (name == "level") {
+        state.level = level_from_name(value);
+    } else if (name == "stdout") {
+        set_output(state.to_stdout, value);
+    } else if (name == "syslog") {
+        set_output(state.to_syslog, value);
+    } else if (name == "file") {
+        set_output(state.to_file, value);
+    } else if (name == "file.name") {
+        state.file_name = std::string{value}.substr(0, file_name_max);
+    } else if (name == "lineandfile") {
+        state.line_and_file = is_true(value);
+    } else if (name == "syslog.ident") {
+        state.syslog_ident = value;
+    } else if (name.starts_with(category_prefix)) {
+        state.categories.push_front(
+            {std::string{name.substr(category_prefix.size())}, level_from_name(value)});
+    }
+    if (state.observer != nullptr && state.observer->key_set != nullptr) {
+        state.observer->key_set(key, value);
+    }
+}
+
+void common_logger_configure_from_string(const char *text)
+{
+    common_logger_reset();
+    std::string_view rest{text == nullptr ? "" : text};
+    while (!rest.empty()) {
+        const std::string item{rest.substr(0, rest.find(':'))};
+        rest.remove_prefix(std::min(rest.size(), item.size() + 1));
+        const std::size_t equals = item.find('=');
+        if (equals != std::string::npos) {
+            common_logger_set(item.substr(0, equals).c_str(), item.substr(equals + 1).c_str());
+        }
+    }
+    after_reconfiguration();
+}
+
+void common_logger_configure_from_file(const ConfigFile *file)
+{
+    constexpr std::string_view prefix = "logger.";
+    common_logger_reset();
+    for (const ConfigPair *pair = conffile_next_pair(file, nullptr); pair != nullptr;
+         pair = conffile_next_pair(file, pair)) {
+        if (std::string_view{conffile_pair_key(pair)}.starts_with(prefix)) {
+            common_logger_set(conffile_pair_key(pair) + prefix.size(), conffile_pair_value(pair));
+        }
+    }
+    after_reconfiguration();
+}
+
+void common_logger_reset()
+{
+    state.enabled = false;
+    state.to_file = false;
+    state.categories.clear();
+    if (state.to_syslog) {
+        state.to_syslog = false;
+        closelog();
+    }
+}
+
+void common_logger_set_observer(const common_logger_observer *observer)
+{
+    state.observer = observer;
+}

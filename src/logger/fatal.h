@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdlib>
+
+#include "logger/common_logger.h"
+
+/// Programming errors and exhausted memory: one ERROR line, then abort(). Input is never fatal.
+/// The file that uses these macros has a `log_category` (see common_logger.h).
+
+// clang-format off
+/// One ERROR line of the caller's own text, then abort().
+#define FATAL(...)                                                                                \
+    do {                                                                                          \
+        LOG_ERROR(__VA_ARGS__);                                                                   \
+        std::abort();                                                                             \
+    } while (false)
+
+/// A null that the caller promised not to pass: REQUIRE_NOT_NULL(config, "config").
+#define REQUIRE_NOT_NULL(pointer, name)                                                           \
+    do {                                                                                          \
+        if ((pointer) == nullptr) {                                                               \
+            FATAL("%s: %s is null: %s", __func__, name, "null reference");                        \
+        }                                                                                         \
+    } while (false)
+
+/// A C allocation that failed: REQUIRE_MEMORY(array, "bssids").
+#define REQUIRE_MEMORY(pointer, name)                                                             \
+    do {                                                                                          \
+        if ((pointer) == nullptr) {                                                               \
+            FATAL("%s: %s is null: %s", __func__, name, "not enough memory");                     \
+        }                                                                                         \
+    } while (false)
+
+/// A call that cannot fail did: REQUIRE_CALL(rc == 0, "event_add(watcher, NULL)", rc).
+#define REQUIRE_CALL(condition, call, result)                                                     \
+    do {                                                                                          \
+        if (!(condition)) {                                                                       \
+            FATAL("%s: call failed: %s result: %i loc: %s:%i", __func__, call, (result),          \
+                  __FILE__, __LINE__);                                                            \
+        }                                                                                         \
+    } while (false)
+// clang-format on
+
+/// Names the object that the C++ allocations of this scope make, so that the fatal line of
+/// exhausted memory names it:
+///     const allocation_name naming{__func__, "d->ip"};
+/// Scopes nest. The texts are literals.
+class allocation_name {
+  public:
+    allocation_name(const char *function, const char *object) noexcept;
+    ~allocation_name();
+    allocation_name(const allocation_name &) = delete;
+    allocation_name &operator=(const allocation_name &) = delete;
+
+  private:
+    const char *outer_function_;
+    const char *outer_object_;
+};
+
+/// Makes exhausted memory of C++ allocations and of cJSON the fatal line
+/// "%s: %s is null: %s" with the innermost allocation_name (or the allocator itself) and
+/// "not enough memory". Called first in main.
+void fatal_install_memory_handlers();

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "velm_config.h"
+
+/// Decides whether a phone is a genuine copy of the app on a genuine device.
+
+/// Remembers the configuration (borrowed) and loads the keys and the root certificate; problems are
+/// logged and leave what an earlier run loaded in force. Runs again on reload.
+void velm_attestation_engine_init(const velm_config *config);
+
+struct velm_attestation_result {
+    bool success = false;
+    std::string attestation_key; // base64 of the DER SubjectPublicKeyInfo, on success
+};
+
+/// App Attest attestation object (CBOR) of a new key. The device id takes no part in the check.
+[[nodiscard]] velm_attestation_result
+velm_attestation_engine_ios_verify_attestation(const char *device_id,
+                                               std::span<const std::uint8_t> attestation_object,
+                                               std::span<const std::uint8_t> client_data_hash);
+
+/// App Attest assertion object (CBOR) by the key that the device's pairing holds.
+[[nodiscard]] bool
+velm_attestation_engine_ios_verify_assertion(const char *device_id,
+                                             std::span<const std::uint8_t> assertion_object,
+                                             std::span<const std::uint8_t> client_data_hash);
+
+/// Called once, on the loop.
+using velm_android_verify_assertion_callback = void (*)(bool success, void *user_data);
+
+/// Who judges an Android integrity token: this device, or Google's decoding service.
+inline constexpr int velm_android_method_local = 0;
+inline constexpr int velm_android_method_remote = 1;
+
+/// Play Integrity token; copies its input and reports later through `result_cb`. The result is that
+/// of queueing the work (0). A missing argument or another method is fatal.
+int velm_attestation_engine_android_verify_assertion(
+    const char *device_id, std::span<const std::uint8_t> assertion_object,
+    std::span<const std::uint8_t> message_digest, int method,
+    velm_android_verify_assertion_callback result_cb, void *user_data);

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <cstdint>
+
+#include "handles/cjson.h"
+#include "velm_config.h"
+
+/// Decides whether a push may go out now, and builds the FCM message for one phone.
+
+inline constexpr std::uint32_t velm_push_data = 0;
+inline constexpr std::uint32_t velm_push_notification = 1;
+
+/// Remembers the configuration (borrowed), forgets the last push, initialises the FCM sender.
+void velm_cloud_messaging_init(const velm_config *config);
+
+/// Pushes to every paired phone, at most once in 60 s; a push inside those is dropped.
+/// `timeout` is in seconds.
+void velm_cloud_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type);
+
+/// The message for one pairing, a new object. A null pairing is fatal.
+[[nodiscard]] json_ptr velm_cloud_messaging_generate_push_content(const cJSON *pairing,
+                                                                  std::uint32_t timeout,
+                                                                  std::uint32_t type);

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include "handles/cjson.h"
+#include "velm_config.h"
+
+/// Serves the local location-policy clients: a request becomes a push to the paired phones, and a
+/// phone's location a report to every connected client.
+
+void velm_location_policy_ipc_set_event_base(event_base *base);
+void velm_location_policy_ipc_init(const velm_config *config);
+
+/// Starts the IPC server at the configured socket, ending a running one first. From a loop event.
+void location_policy_ipc_start();
+void location_policy_ipc_stop();
+
+/// Hands a phone's location on; copies its arguments and works later on the loop. Null is fatal.
+void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location);

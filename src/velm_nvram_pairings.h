@@ -1,0 +1,68 @@
+#pragma once
+
+#include "handles/cjson.h"
+#include "velm_config.h"
+
+/// The paired phones, kept in nvram, one group of keys "zelkad_pairing_<slot>_<member>" a slot.
+/// In memory a pairing is an object of nine strings: "status" ("Valid" or "Invalid"), "dev_id",
+/// "dev_type", "name", "push_token", "date_added", "dev_model", "os_version", "attestation_key".
+/// A slot is live exactly when its "status" is "Valid". Slots run from 0 to the pairings limit
+/// minus 1. Nothing is cached. Writes become durable with save. Returned objects are the caller's.
+/// Null arguments are fatal.
+
+/// Remembers the configuration (borrowed) and prints all pairings. Runs again on reload.
+void velm_nvram_pairings_init(const velm_config *config);
+
+/// An index outside the limit or a null value is fatal.
+void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *field,
+                                                      const char *value);
+
+/// The first slot, live or not, that bears the device id; -1 without one.
+[[nodiscard]] int velm_nvram_pairings_select_index_by_field(const char *dev_id);
+
+/// 1 when the slot is live. An index outside the limit is fatal.
+[[nodiscard]] int velm_nvram_pairings_is_valid_pairing(int index);
+
+/// All nine members, empty.
+[[nodiscard]] json_ptr velm_nvram_pairings_create_empty_pairing();
+
+/// Sets a member of the record in memory; a null value is stored as the empty string.
+void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field, const char *value);
+
+/// The slot's record, live or not; null when the index is outside the limit.
+[[nodiscard]] json_ptr velm_nvram_pairings_select_pairing_by_index(int index);
+
+/// The records of all slots, or of the live ones, in slot order.
+[[nodiscard]] json_ptr velm_nvram_pairings_read_pairings(int only_valid);
+
+/// The record of the first slot with this device id, or null.
+[[nodiscard]] json_ptr velm_nvram_pairings_select_pairing(const char *dev_id);
+[[nodiscard]] int velm_nvram_pairings_pairing_exists(const char *dev_id);
+
+/// Stores a record in the slot of its device id, else in the lowest slot that is not live; a full
+/// store keeps nothing, so look at the limit first.
+void velm_nvram_pairings_write_pairing(const cJSON *pairing);
+
+/// Stores a record of a phone that is paired already, and prints.
+void velm_nvram_pairings_update_pairing(const cJSON *pairing);
+
+/// Stamps "date_added" into the record, stores it and prints.
+void velm_nvram_pairings_insert_pairing(cJSON *pairing);
+
+/// Marks the slot "Invalid" and empties its other members; nothing when no slot has the id.
+void velm_nvram_pairings_delete_pairing(const char *dev_id);
+
+/// The number of live slots.
+[[nodiscard]] int velm_nvram_pairings_count_pairings();
+
+/// 1 when at least as many slots are live as the limit says.
+[[nodiscard]] int velm_nvram_pairings_limit_reached();
+
+/// The push tokens of the live slots, empty ones left out, in slot order.
+[[nodiscard]] json_ptr velm_nvram_pairings_get_push_tokens();
+
+/// Prints, then commits nvram.
+void velm_nvram_pairings_save_pairings();
+
+/// All slots at TRACE.
+void velm_nvram_pairings_print_pairings();

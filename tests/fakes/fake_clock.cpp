@@ -1,0 +1,38 @@
+#include "fakes/fake_clock.h"
+
+#include <optional>
+
+namespace {
+std::optional<std::time_t> fixed_now;
+} // namespace
+
+extern "C" std::time_t time(std::time_t *result) noexcept
+{
+    timespec real{};
+    clock_gettime(CLOCK_REALTIME, &real);
+    const std::time_t now = fixed_now.value_or(real.tv_sec);
+    if (result != nullptr) {
+        *result = now;
+    }
+    return now;
+}
+
+void fake_clock_set(std::time_t now)
+{
+    fixed_now = now;
+}
+
+void fake_clock_advance(std::time_t seconds)
+{
+    fixed_now = fixed_now.value_or(time(nullptr)) + seconds;
+}
+
+void fake_clock_break()
+{
+    fixed_now = -1;
+}
+
+void fake_clock_reset()
+{
+    fixed_now.reset();
+}

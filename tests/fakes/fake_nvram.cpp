@@ -1,0 +1,27 @@
+#include "fakes/fake_nvram.h"
+
+#include <nvram.h>
+
+#include <cstring>
+
+fake_nvram_state fake_nvram;
+
+extern "C" char *nvram_unf_get(const char *name)
+{
+    ++fake_nvram.reads;
+    const auto found = fake_nvram.values.find(name);
+    return found == fake_nvram.values.end() ? nullptr : strdup(found->second.c_str());
+}
+
+extern "C" int nvram_set(const char *name, const char *value)
+{
+    ++fake_nvram.writes;
+    fake_nvram.values[name] = value;
+    return 0;
+}
+
+extern "C" int nvram_commit(void)
+{
+    ++fake_nvram.commits;
+    return 0;
+}

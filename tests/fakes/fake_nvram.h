@@ -1,0 +1,14 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+/// nvram in memory, for tests that need no store: the functions of platform/include over a map.
+struct fake_nvram_state {
+    std::map<std::string, std::string> values;
+    int commits = 0;
+    int reads = 0;
+    int writes = 0;
+};
+
+extern fake_nvram_state fake_nvram;

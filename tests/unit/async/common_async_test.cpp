@@ -1,0 +1,133 @@
+#include "async/common_async.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "fakes/captured_log.h"
+
+namespace {
+
+std::vector<int> ran;
+
+void note(void *number, short, common_async_context *)
+{
+    ran.push_back(static_cast<int>(reinterpret_cast<intptr_t>(number)));
+}
+
+void *number(int value)
+{
+    return reinterpret_cast<void *>(static_cast<intptr_t>(value));
+}
+
+class Async : public testing::Test {
+  protected:
+    Async()
+    {
+        ran.clear();
+        common_async_set_event_base(base);
+        common_async_init();
+    }
+
+    /// Turns the loop until `count` actions have run, or nothing more happens.
+    void run_until(std::size_t count)
+    {
+        for (std::size_t turn = 0; turn < 10 * count + 10 && ran.size() < count; ++turn) {
+            event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+        }
+    }
+
+    // Outlives the module's events, as in the daemon.
+    static inline event_base *const base = event_base_new();
+};
+
+TEST_F(Async, TwoActionCallsRunInTheOrderTheyWereMadeAndNotInsideTheCall)
+{
+    common_async_action_call(note, number(1));
+    common_async_action_call(note, number(2));
+    EXPECT_TRUE(ran.empty());
+    run_until(2);
+    EXPECT_EQ(ran, (std::vector{1, 2}));
+}
+
+TEST_F(Async, OneActionRunsALoopTurn)
+{
+    common_async_action_call(note, number(1));
+    common_async_action_call(note, number(2));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, std::vector{1});
+}
+
+TEST_F(Async, AScheduleWithZeroDelayRunsOnALaterLoopTurn)
+{
+    common_async_action_schedule(note, number(7), 0, 0);
+    EXPECT_TRUE(ran.empty());
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, std::vector{7});
+}
+
+TEST_F(Async, AScheduleRunsOnceAfterItsDelay)
+{
+    common_async_action_schedule(note, number(2), 0, 20000);
+    common_async_action_schedule(note, number(1), 0, 1000);
+    while (ran.size() < 2) {
+        event_base_loop(base, EVLOOP_ONCE);
+    }
+    EXPECT_EQ(ran, (std::vector{1, 2}));
+}
+
+void queue_another(void *, short, common_async_context *)
+{
+    ran.push_back(1);
+    common_async_action_call(note, number(2));
+    EXPECT_EQ(ran, std::vector{1}) << "the new action ran inside the call";
+}
+
+TEST_F(Async, ACallbackMayQueueFurtherActions)
+{
+    common_async_action_call(queue_another, nullptr);
+    run_until(2);
+    EXPECT_EQ(ran, (std::vector{1, 2}));
+}
+
+TEST_F(Async, QueuesAgainAfterTheQueueRanEmpty)
+{
+    for (int round = 0; round < 3; ++round) {
+        common_async_action_call(note, number(round));
+        run_until(static_cast<std::size_t>(round) + 1);
+    }
+    EXPECT_EQ(ran, (std::vector{0, 1, 2}));
+}
+
+constexpr int flood = 100000;
+
+void queue_flood(void *, short, common_async_context *)
+{
+    for (int i = 0; i < flood; ++i) {
+        common_async_action_call(note, number(i));
+    }
+}
+
+TEST_F(Async, AHundredThousandActionsFromOneCallbackAllRunInOrder)
+{
+    common_async_action_call(queue_flood, nullptr);
+    run_until(flood);
+    ASSERT_EQ(ran.size(), static_cast<std::size_t>(flood));
+    for (int i = 0; i < flood; ++i) {
+        ASSERT_EQ(ran[static_cast<std::size_t>(i)], i);
+    }
+}
+
+TEST_F(Async, AnActionWithoutCallbackEndsTheProcess)
+{
+    const captured_log log;
+    EXPECT_DEATH(
+        {
+            common_async_action_call(nullptr, nullptr);
+            event_base_loop(base, EVLOOP_ONCE);
+        },
+        "action_cb: ctx->cb is null: null reference");
+}
+
+} // namespace
