@@ -1,0 +1,92 @@
+#include "launch/common_launch.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include "fakes/captured_log.h"
+
+namespace {
+
+TEST(Launch, GivesStatusAndOutput)
+{
+    int status = -1;
+    std::string output = "old";
+    EXPECT_EQ(common_launch("echo one; echo two", &status, &output), 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(output, "one\ntwo\n");
+}
+
+TEST(Launch, LeavesTheExitCodeToTheCaller)
+{
+    int status = 0;
+    std::string output;
+    EXPECT_EQ(common_launch("echo partly; exit 7", &status, &output), 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+    EXPECT_EQ(output, "partly\n");
+}
+
+TEST(Launch, NeedsNeitherStatusNorOutput)
+{
+    EXPECT_EQ(common_launch("exit 0", nullptr, nullptr), 0);
+}
+
+class LaunchOutput : public testing::TestWithParam<int> {};
+
+TEST_P(LaunchOutput, OfAnyLengthIsWhole)
+{
+    const std::string command = "head -c " + std::to_string(GetParam()) + " /dev/zero";
+    std::string output;
+    EXPECT_EQ(common_launch(command.c_str(), nullptr, &output), 0);
+    EXPECT_EQ(output, std::string(static_cast<std::size_t>(GetParam()), '\0'));
+}
+
+INSTANTIATE_TEST_SUITE_P(AroundTheChunk, LaunchOutput,
+                         testing::Values(0, 1, 1023, 1024, 1025, 2048, 100000));
+
+TEST(Launch, OfNoCommandIsRefused)
+{
+    const captured_log log;
+    int status = 5;
+    std::string output = "old";
+    EXPECT_EQ(common_launch(nullptr, &status, &output), -2);
+    EXPECT_EQ(status, 5);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - Command can't be NULL"));
+}
+
+TEST(Launch, OfACommandEndedByASignalFails)
+{
+    const captured_log log;
+    int status = 5;
+    std::string output = "old";
+    EXPECT_EQ(common_launch("echo lost; kill -9 $$", &status, &output), -3);
+    EXPECT_EQ(status, 5);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - Command hasn't terminated normally - probably unexpected "
+                        "signal"));
+}
+
+TEST(Launch, WithoutDescriptorsFails)
+{
+    const captured_log log;
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{0, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    std::string output = "old";
+    const int result = common_launch("echo never", nullptr, &output);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(result, -3);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - popen failed: Too many open files"));
+}
+
+TEST(Launch, LeavesNoChildBehind)
+{
+    ASSERT_EQ(common_launch("exit 0", nullptr, nullptr), 0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+} // namespace
