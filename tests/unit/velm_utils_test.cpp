@@ -261,7 +261,11 @@ void dump_without_memory()
     const rlimit no_growth{0, 0};
     setrlimit(RLIMIT_AS, &no_growth);
     // Blocks smaller than the dump's text, until none is left.
-    while (try_make_plain<char>(16384).release() != nullptr) {
+    for (char *volatile block = nullptr;;) {
+        block = try_make_plain<char>(16384).release();
+        if (block == nullptr) {
+            break;
+        }
     }
     velm_utils_log_hex(dumped.data(), dumped.size());
     std::_Exit(log.has("TRACE velm_utils - (no memory)") ? 0 : 1);
