@@ -1,12 +1,11 @@
 #include "conffile/conffile.h"
 
-#include <array>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
-#include <utility>
 
+#include "file/regular_file.h"
 #include "handles/memory.h"
 #include "logger/common_logger.h"
 
@@ -26,8 +25,6 @@ namespace {
 
 constexpr char log_category[] = "conf_file";
 constexpr std::size_t content_capacity = 4096;
-
-using stdio_file = handle<std::FILE, std::fclose>;
 
 bool is_space(char c)
 {
@@ -126,7 +123,7 @@ conffile_ptr conffile_parse(const char *path)
         return nullptr;
     }
     LOG_INFO("parsing configuration file: %s", path);
-    const stdio_file in{std::fopen(path, "re")};
+    const stdio_file in = open_regular_file(path);
     if (in == nullptr) {
         LOG_DEBUG("cannot open file: %s", path);
         return nullptr;

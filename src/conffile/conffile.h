@@ -14,9 +14,9 @@ struct conffile_deleter {
 };
 using conffile_ptr = std::unique_ptr<ConfigFile, conffile_deleter>;
 
-/// Reads and parses a file; null (and a log line) when it cannot be opened or one of its lines is
-/// no key=value pair: such a file is rejected whole. The last byte read is always dropped, which
-/// normally is the last newline.
+/// Reads and parses a file; null (and a log line) when it cannot be opened, is no regular file or
+/// one of its lines is no key=value pair: such a file is rejected whole. The last byte read is
+/// always dropped, which normally is the last newline.
 [[nodiscard]] conffile_ptr conffile_parse(const char *path);
 
 /// The value of the first pair with exactly this key, or null. Borrowed from the file.
