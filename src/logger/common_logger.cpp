@@ -160,6 +160,12 @@ void open_or_close_syslog()
     }
 }
 
+void set_syslog_ident(const char *value)
+{
+    state.syslog_ident = value;
+    open_or_close_syslog(); // which may hold a pointer to the ident that was
+}
+
 void after_reconfiguration()
 {
     open_or_close_syslog();
@@ -280,7 +286,7 @@ void common_logger_set(const char *key, const char *value)
     } else if (name == "lineandfile") {
         state.line_and_file = is_true(value);
     } else if (name == "syslog.ident") {
-        state.syslog_ident = value;
+        set_syslog_ident(value);
     } else if (name.starts_with(category_prefix)) {
         state.categories.push_front(
             {std::string{name.substr(category_prefix.size())}, level_from_name(value)});
