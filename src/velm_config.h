@@ -42,7 +42,7 @@ void velm_config_set_defaults(velm_config *config);
 
 /// Applies the file's keys, the logger's first. A file that cannot be read or parsed changes
 /// nothing. Null arguments are fatal.
-void velm_config_load_from_file(velm_config *config, const char *path);
+void velm_config_load_from_file(velm_config *config, const char *file);
 
 /// One TRACE line a field, in the order of the record.
 void velm_config_print_to_log(const velm_config *config);
@@ -55,7 +55,7 @@ void set_config_value_uint16(const ConfigFile *cfile, const char *key, std::uint
 /// True exactly for "true", "yes" and "1".
 void set_config_value_bool(const ConfigFile *cfile, const char *key, bool *dst);
 
-/// Copies a text into a fixed field, cut to the field and always terminated.
+/// Copies a text into a fixed field, cut to the field; the rest of the field is zeroed.
 void velm_config_copy_text(char *dst, std::size_t size, const char *src);
 
 /// The first line of the LAN address field: what is bound, joined, pushed and answered with.
