@@ -1,0 +1,165 @@
+#include "velm_sys_params.h"
+
+#include <nvram.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+
+#include "handles/memory.h"
+#include "launch/common_launch.h"
+#include "logger/fatal.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_sys_params";
+constexpr char primary_interface[] = "wl0";
+constexpr int bridges_max = 16;
+constexpr long radios_max = 32;
+constexpr long ssids_max = 64;
+constexpr std::size_t interface_name_max = 15; // IFNAMSIZ without its NUL
+
+std::optional<std::string> nvram_text(const std::string &name)
+{
+    const malloc_text value{nvram_unf_get(name.c_str())};
+    return value == nullptr ? std::nullopt : std::optional<std::string>{value.get()};
+}
+
+/// A count as base-10 text, cut to `limit`; a negative one and text that is no number count as 0.
+int parse_count(const std::string &text, long limit)
+{
+    return static_cast<int>(std::clamp(std::strtol(text.c_str(), nullptr, 10), 0L, limit));
+}
+
+bool has_member(const std::string &members, const char *interface)
+{
+    const json_ptr names = velm_split_string(members.c_str(), " ");
+    const cJSON *name = nullptr;
+    cJSON_ArrayForEach(name, names)
+    {
+        if (std::string_view{name->valuestring} == interface) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// The name of the first bridge that the first radio's primary interface belongs to.
+std::optional<std::string> find_lan_bridge()
+{
+    for (int index = 0; index < bridges_max; ++index) {
+        const std::string key = "lan" + std::to_string(index);
+        const std::optional<std::string> members = nvram_text(key + "_ifnames");
+        if (members && has_member(*members, primary_interface)) {
+            std::optional<std::string> name = nvram_text(key + "_ifname");
+            LOG_TRACE("%s - brindex[%d], br_name=%s", __func__, index,
+                      name ? name->c_str() : "(null)");
+            return name;
+        }
+    }
+    return std::nullopt;
+}
+
+bool is_interface_character(char c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '.' || c == ':' || c == '-';
+}
+
+/// The name goes into a shell command, so nothing but an interface name may pass.
+bool is_interface_name(std::string_view name)
+{
+    return !name.empty() && name.size() <= interface_name_max && name != "." && name != ".." &&
+           name.front() != '-' && std::all_of(name.begin(), name.end(), is_interface_character);
+}
+
+/// Every IPv4 address of the interface, one a line, or nothing.
+std::optional<std::string> query_addresses(const char *caller, const std::string &interface)
+{
+    const std::string command =
+        "ip -f inet addr show " + interface + " | sed -En -e 's/.*inet ([0-9.]+).*/\\1/p'";
+    LOG_TRACE("%s - running command: %s", caller, command.c_str());
+    int status = 0;
+    std::string output;
+    if (common_launch(command.c_str(), &status, &output) != 0 || status != 0 ||
+        !output.ends_with('\n')) {
+        return std::nullopt;
+    }
+    output.pop_back();
+    return output;
+}
+
+void append_bssid(cJSON *bssids, const std::string &bssid)
+{
+    json_ptr item{cJSON_CreateString(bssid.c_str())};
+    REQUIRE_MEMORY(item, "item");
+    cJSON_AddItemToArray(bssids, item.release());
+}
+
+void get_bssids_for_radio(cJSON *bssids, int radio)
+{
+    const std::string key = "wl" + std::to_string(radio);
+    const std::optional<std::string> max_ssid = nvram_text(key + "_maxssid");
+    if (!max_ssid) {
+        LOG_ERROR("%s - failed to get max ssid num for wl%d", __func__, radio);
+        return;
+    }
+    const std::optional<std::string> primary = nvram_text(key + "_hwaddr");
+    if (!primary) {
+        LOG_ERROR("%s - failed to get hwaddr for wl%d", __func__, radio);
+        return;
+    }
+    LOG_TRACE("%s - wl%d bssid is %s", __func__, radio, primary->c_str());
+    append_bssid(bssids, *primary);
+    const int count = parse_count(*max_ssid, ssids_max);
+    for (int ssid = 1; ssid < count; ++ssid) {
+        const auto bssid = nvram_text(key + '.' + std::to_string(ssid) + "_hwaddr");
+        if (bssid) {
+            LOG_TRACE("%s - wl%d.%d bssid is %s", __func__, radio, ssid, bssid->c_str());
+            append_bssid(bssids, *bssid);
+        }
+    }
+}
+
+} // namespace
+
+std::optional<std::string> get_ipv4_address_wlif()
+{
+    const std::optional<std::string> bridge = find_lan_bridge();
+    std::optional<std::string> addresses;
+    if (bridge && is_interface_name(*bridge)) {
+        addresses = query_addresses(__func__, *bridge);
+    }
+    if (!addresses) {
+        LOG_ERROR("%s - failed to get IP address for %s", __func__, primary_interface);
+    }
+    return addresses;
+}
+
+std::optional<std::string> get_lanif_name_wlif()
+{
+    return find_lan_bridge();
+}
+
+json_ptr sys_bssids()
+{
+    json_ptr bssids{cJSON_CreateArray()};
+    REQUIRE_MEMORY(bssids, "bssids");
+    const std::optional<std::string> radios = nvram_text("wl_radio_num");
+    const int count = radios ? parse_count(*radios, radios_max) : 0;
+    for (int radio = 0; radio < count; ++radio) {
+        get_bssids_for_radio(bssids.get(), radio);
+    }
+    return bssids;
+}
+
+std::optional<std::string> sys_serial_number()
+{
+    return nvram_text("ap_serial_number");
+}
+
+std::optional<std::string> sys_mac_address()
+{
+    return nvram_text("wl0_hwaddr");
+}
