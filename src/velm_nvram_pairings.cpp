@@ -1,0 +1,305 @@
+#include "velm_nvram_pairings.h"
+
+#include <nvram.h>
+
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <string_view>
+
+#include "handles/memory.h"
+#include "logger/fatal.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_nvram_pairings";
+
+constexpr char status_valid[] = "Valid";
+constexpr char status_invalid[] = "Invalid";
+
+/// The members in the order of the record, which is also that of the dump.
+constexpr std::array<const char *, 9> members{"status",    "dev_id",     "dev_type",
+                                              "name",      "push_token", "date_added",
+                                              "dev_model", "os_version", "attestation_key"};
+
+/// "status" stands first here too, so a slot is live before its fields follow.
+constexpr std::array<const char *, 8> written_from_record{
+    "dev_id",    "dev_type",   "name",       "push_token",
+    "dev_model", "os_version", "date_added", "attestation_key"};
+
+struct module_state {
+    const velm_config *config = nullptr;
+};
+module_state state;
+
+int pairings_limit()
+{
+    return state.config == nullptr ? 0 : state.config->pairings_limit;
+}
+
+bool is_slot(int index)
+{
+    return index >= 0 && index < pairings_limit();
+}
+
+using key_text = std::array<char, 64>;
+
+key_text key_of(int index, const char *field)
+{
+    key_text key{};
+    std::snprintf(key.data(), key.size(), "zelkad_pairing_%d_%s", index, field);
+    return key;
+}
+
+malloc_text read_field(int index, const char *field)
+{
+    return malloc_text{nvram_unf_get(key_of(index, field).data())};
+}
+
+bool field_equals(int index, const char *field, std::string_view value)
+{
+    const malloc_text stored = read_field(index, field);
+    return stored != nullptr && value == stored.get();
+}
+
+json_ptr read_slot(int index)
+{
+    json_ptr pairing = velm_nvram_pairings_create_empty_pairing();
+    for (const char *member : members) {
+        velm_nvram_pairings_update_pairing_field(pairing.get(), member,
+                                                 read_field(index, member).get());
+    }
+    return pairing;
+}
+
+int first_slot_not_live()
+{
+    for (int index = 0; index < pairings_limit(); ++index) {
+        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+            return index;
+        }
+    }
+    return -1;
+}
+
+void append(cJSON *list, json_ptr item)
+{
+    const bool appended = cJSON_AddItemToArray(list, item.get()) != 0;
+    REQUIRE_CALL(appended, "cJSON_AddItemToArray(list, item)", 0);
+    item.release();
+}
+
+json_ptr make_list()
+{
+    json_ptr list{cJSON_CreateArray()};
+    REQUIRE_MEMORY(list, "list");
+    return list;
+}
+
+using time_text = std::array<char, 21>;
+
+time_text print_current_utc_time()
+{
+    time_text text{"2023-03-08T13:32:00Z"};
+    const std::time_t now = std::time(nullptr);
+    if (now == static_cast<std::time_t>(-1)) {
+        FATAL("%s: cannot get time now", __func__);
+    }
+    std::tm broken_down{};
+    const std::tm *ptm = gmtime_r(&now, &broken_down);
+    REQUIRE_NOT_NULL(ptm, "ptm");
+    if (std::strftime(text.data(), text.size(), "%FT%TZ", ptm) == 0) {
+        FATAL("%s: cannot print time", __func__);
+    }
+    return text;
+}
+
+} // namespace
+
+void velm_nvram_pairings_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    state.config = config;
+    velm_nvram_pairings_print_pairings();
+}
+
+void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *field,
+                                                      const char *value)
+{
+    REQUIRE_NOT_NULL(field, "field");
+    REQUIRE_NOT_NULL(value, "value");
+    if (!is_slot(index)) {
+        FATAL("%s: invalid pairing index", __func__);
+    }
+    nvram_set(key_of(index, field).data(), value);
+}
+
+int velm_nvram_pairings_select_index_by_field(const char *dev_id)
+{
+    REQUIRE_NOT_NULL(dev_id, "dev_id");
+    for (int index = 0; index < pairings_limit(); ++index) {
+        if (field_equals(index, "dev_id", dev_id)) {
+            return index;
+        }
+    }
+    return -1;
+}
+
+int velm_nvram_pairings_is_valid_pairing(int index)
+{
+    if (!is_slot(index)) {
+        FATAL("%s: invalid pairing index", __func__);
+    }
+    return field_equals(index, "status", status_valid) ? 1 : 0;
+}
+
+json_ptr velm_nvram_pairings_create_empty_pairing()
+{
+    json_ptr pairing{cJSON_CreateObject()};
+    REQUIRE_MEMORY(pairing, "pairing");
+    for (const char *member : members) {
+        velm_nvram_pairings_update_pairing_field(pairing.get(), member, "");
+    }
+    return pairing;
+}
+
+void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field, const char *value)
+{
+    REQUIRE_NOT_NULL(pairing, "pairing");
+    REQUIRE_NOT_NULL(field, "field");
+    json_ptr text{cJSON_CreateString(value == nullptr ? "" : value)};
+    REQUIRE_MEMORY(text, "text");
+    const bool present = cJSON_GetObjectItemCaseSensitive(pairing, field) != nullptr;
+    const bool stored =
+        (present ? cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get())
+                 : cJSON_AddItemToObject(pairing, field, text.get())) != 0;
+    REQUIRE_CALL(stored, "cJSON_AddItemToObject(pairing, field, text)", 0);
+    text.release();
+}
+
+json_ptr velm_nvram_pairings_select_pairing_by_index(int index)
+{
+    return is_slot(index) ? read_slot(index) : nullptr;
+}
+
+json_ptr velm_nvram_pairings_read_pairings(int only_valid)
+{
+    json_ptr list = make_list();
+    for (int index = 0; index < pairings_limit(); ++index) {
+        if (!only_valid || velm_nvram_pairings_is_valid_pairing(index)) {
+            append(list.get(), read_slot(index));
+        }
+    }
+    return list;
+}
+
+json_ptr velm_nvram_pairings_select_pairing(const char *dev_id)
+{
+    return velm_nvram_pairings_select_pairing_by_index(
+        velm_nvram_pairings_select_index_by_field(dev_id));
+}
+
+int velm_nvram_pairings_pairing_exists(const char *dev_id)
+{
+    return velm_nvram_pairings_select_pairing(dev_id) != nullptr ? 1 : 0;
+}
+
+void velm_nvram_pairings_write_pairing(const cJSON *pairing)
+{
+    REQUIRE_NOT_NULL(pairing, "pairing");
+    const char *pairing_id = velm_utils_get_field_value_from_json_object(pairing, "dev_id");
+    REQUIRE_NOT_NULL(pairing_id, "pairing_id");
+    int index = velm_nvram_pairings_select_index_by_field(pairing_id);
+    if (index < 0) {
+        index = first_slot_not_live();
+    }
+    if (index < 0) {
+        return;
+    }
+    velm_nvram_pairings_write_pairing_field_by_index(index, "status", status_valid);
+    for (const char *member : written_from_record) {
+        velm_nvram_pairings_write_pairing_field_by_index(
+            index, member, velm_utils_get_field_value_from_json_object(pairing, member));
+    }
+}
+
+void velm_nvram_pairings_update_pairing(const cJSON *pairing)
+{
+    velm_nvram_pairings_write_pairing(pairing);
+    velm_nvram_pairings_print_pairings();
+}
+
+void velm_nvram_pairings_insert_pairing(cJSON *pairing)
+{
+    velm_nvram_pairings_update_pairing_field(pairing, "date_added",
+                                             print_current_utc_time().data());
+    velm_nvram_pairings_write_pairing(pairing);
+    velm_nvram_pairings_print_pairings();
+}
+
+void velm_nvram_pairings_delete_pairing(const char *dev_id)
+{
+    const int index = velm_nvram_pairings_select_index_by_field(dev_id);
+    if (index < 0) {
+        return;
+    }
+    velm_nvram_pairings_write_pairing_field_by_index(index, "status", status_invalid);
+    for (const char *member : written_from_record) {
+        velm_nvram_pairings_write_pairing_field_by_index(index, member, "");
+    }
+    velm_nvram_pairings_print_pairings();
+}
+
+int velm_nvram_pairings_count_pairings()
+{
+    int count = 0;
+    for (int index = 0; index < pairings_limit(); ++index) {
+        count += velm_nvram_pairings_is_valid_pairing(index);
+    }
+    return count;
+}
+
+int velm_nvram_pairings_limit_reached()
+{
+    return velm_nvram_pairings_count_pairings() >= pairings_limit() ? 1 : 0;
+}
+
+json_ptr velm_nvram_pairings_get_push_tokens()
+{
+    json_ptr tokens = make_list();
+    for (int index = 0; index < pairings_limit(); ++index) {
+        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+            continue;
+        }
+        const malloc_text token = read_field(index, "push_token");
+        if (token != nullptr && *token != '\0') {
+            append(tokens.get(), json_ptr{cJSON_CreateString(token.get())});
+        }
+    }
+    return tokens;
+}
+
+void velm_nvram_pairings_save_pairings()
+{
+    velm_nvram_pairings_print_pairings();
+    LOG_TRACE("%s - nvram_commit - start", __func__);
+    nvram_commit();
+    LOG_TRACE("%s - nvram_commit - end", __func__);
+}
+
+void velm_nvram_pairings_print_pairings()
+{
+    if (!common_logger_is_enabled()) {
+        return; // the dump reads every slot
+    }
+    LOG_TRACE("velm pairings [");
+    for (int index = 0; index < pairings_limit(); ++index) {
+        for (const char *member : members) {
+            const malloc_text value = read_field(index, member);
+            LOG_TRACE("   zelkad_pairing_%d_%s=%s", index, member,
+                      value == nullptr ? "" : value.get());
+        }
+    }
+    LOG_TRACE("]");
+}
