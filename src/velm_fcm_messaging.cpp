@@ -1,0 +1,230 @@
+#include "velm_fcm_messaging.h"
+
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "async/common_async.h"
+#include "cloud_addresses.h"
+#include "file/common_file.h"
+#include "handles/cjson.h"
+#include "handles/memory.h"
+#include "http/http_client.h"
+#include "logger/fatal.h"
+#include "velm_cloud_messaging.h"
+#include "velm_google_auth.h"
+#include "velm_nvram_pairings.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_fcm_messaging";
+
+constexpr int http_ok = 200;
+constexpr int http_not_found = 404;
+
+/// Counts the loads of the configuration, so that a token asked for with the key of an earlier one
+/// is not taken for the present one.
+using load_number = unsigned;
+
+struct module_state {
+    const velm_config *config = nullptr;
+    json_ptr fcm_private_key;
+    json_ptr access_token;
+    load_number load = 0;
+};
+module_state state;
+
+struct push_params {
+    std::uint32_t timeout;
+    std::uint32_t type;
+};
+
+struct token_context {
+    push_params params;
+    load_number load;
+};
+
+struct send_context {
+    json_ptr pairing;
+    push_params cm_params_copy;
+};
+
+const char *text_or_empty(const cJSON *object, const char *field)
+{
+    const char *text = velm_utils_get_field_value_from_json_object(object, field);
+    return text == nullptr ? "" : text;
+}
+
+void unpair(const send_context &context, int code)
+{
+    const char *dev_id = text_or_empty(context.pairing.get(), "dev_id");
+    if (velm_nvram_pairings_pairing_exists(dev_id)) {
+        velm_nvram_pairings_delete_pairing(dev_id);
+        velm_nvram_pairings_save_pairings();
+    }
+    LOG_INFO("%s - [%s,%s,%s,%d] - unpaired (unregistered token)", "send_push_handler", dev_id,
+             text_or_empty(context.pairing.get(), "dev_type"),
+             text_or_empty(context.pairing.get(), "push_token"), code);
+}
+
+void send_push_handler(int code, evkeyvalq *, const char *body, std::size_t length,
+                       void *argument) noexcept
+{
+    const auto context = adopt<send_context>(argument);
+    LOG_DEBUG("%s [%p] - code: %d", __func__, static_cast<void *>(context.get()), code);
+    if (body != nullptr && length > 0) {
+        LOG_TRACE("%s [%p] - body: %.*s", __func__, static_cast<void *>(context.get()),
+                  static_cast<int>(length), body);
+    }
+    if (code == http_not_found) {
+        unpair(*context, code);
+    } else if (code != http_ok) {
+        const cJSON *pairing = context->pairing.get();
+        LOG_ERROR("%s - [%s,%s,%s,%d]", __func__, text_or_empty(pairing, "dev_id"),
+                  text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"), code);
+    }
+}
+
+/// False, and the reason logged, when the push cannot be addressed or authorised.
+bool can_send(const cJSON *pairing)
+{
+    constexpr char function[] = "send_push";
+    if (*text_or_empty(pairing, "push_token") == '\0') {
+        LOG_ERROR("%s - empty push_token", function);
+        return false;
+    }
+    if (state.fcm_private_key == nullptr ||
+        *text_or_empty(state.fcm_private_key.get(), "project_id") == '\0') {
+        LOG_ERROR("%s - missing project_id", function);
+        return false;
+    }
+    if (state.access_token == nullptr) {
+        LOG_ERROR("%s - missing auth token", function);
+        return false;
+    }
+    if (*text_or_empty(state.access_token.get(), "access_token") == '\0') {
+        LOG_ERROR("%s - missing access_token", function);
+        return false;
+    }
+    return true;
+}
+
+http_client_request_data make_request(const send_context &context)
+{
+    http_client_request_data request;
+    request.uri = std::string{cloud_fcm_base} + "/v1/projects/" +
+                  text_or_empty(state.fcm_private_key.get(), "project_id") + "/messages:send";
+    request.timeout_s = cloud_timeout_s;
+    const std::string authorization =
+        std::string{"Bearer "} + text_or_empty(state.access_token.get(), "access_token");
+    http_client_add_header(&request, "Authorization", authorization.c_str());
+    const json_ptr content = velm_cloud_messaging_generate_push_content(
+        context.pairing.get(), context.cm_params_copy.timeout, context.cm_params_copy.type);
+    const json_text body{cJSON_PrintUnformatted(content.get())};
+    REQUIRE_MEMORY(body, "body");
+    request.post_data = body.get();
+    return request;
+}
+
+void send_push(void *argument, short, common_async_context *) noexcept
+{
+    auto context = adopt<send_context>(argument);
+    const cJSON *pairing = context->pairing.get();
+    LOG_TRACE("%s - [%s,%s,%s]", __func__, text_or_empty(pairing, "dev_id"),
+              text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"));
+    if (!can_send(pairing)) {
+        return;
+    }
+    const http_client_request_data request = make_request(*context);
+    LOG_TRACE("%s - %s", __func__, request.post_data.c_str());
+    const int rc =
+        http_request_internal(HTTP_CLIENT_POST, request, send_push_handler, context.get());
+    if (rc < 0) {
+        LOG_ERROR("%s - failed making http request: %d", __func__, rc);
+        return;
+    }
+    context.release(); // the response handler frees it
+}
+
+void prepare_to_send_push(void *argument, short, common_async_context *) noexcept
+{
+    const auto params = adopt<push_params>(argument);
+    LOG_TRACE("%s - %d", __func__, state.config->pairings_limit);
+    long delay_s = 0;
+    for (int index = 0; index < state.config->pairings_limit; ++index) {
+        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+            continue;
+        }
+        const allocation_name naming{__func__, "cm_params_copy"};
+        auto context = std::make_unique<send_context>(
+            send_context{velm_nvram_pairings_select_pairing_by_index(index), *params});
+        // One second apart, so that the phones do not all answer at once.
+        common_async_action_schedule(send_push, context.release(), ++delay_s, 0);
+    }
+}
+
+void queue_pushes(const push_params &params)
+{
+    common_async_action_call(prepare_to_send_push, release_new<push_params>(params));
+}
+
+void access_token_received(json_ptr token, void *argument)
+{
+    const auto context = adopt<token_context>(argument);
+    if (context->load != state.load) {
+        return; // asked for with a key that a reload has replaced
+    }
+    state.access_token = std::move(token);
+    if (state.access_token != nullptr) {
+        queue_pushes(context->params);
+    }
+}
+
+void request_access_token(const push_params &params)
+{
+    if (state.fcm_private_key == nullptr) {
+        LOG_ERROR("%s - missing private key", __func__);
+        return;
+    }
+    velm_google_auth_request_access_token(state.fcm_private_key.get(), cloud_scope_firebase,
+                                          access_token_received,
+                                          release_new<token_context>(params, state.load));
+}
+
+bool token_serves()
+{
+    return state.access_token != nullptr &&
+           static_cast<double>(std::time(nullptr)) <
+               velm_utils_get_number_value_from_json_object(state.access_token.get(), "valid_to");
+}
+
+} // namespace
+
+void velm_fcm_messaging_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    state.config = config;
+    const char *path = config->cloudmessaging_firebase_privatekey_path;
+    if (!common_file_exists(path)) {
+        LOG_ERROR("%s - missing private key", __func__);
+        return;
+    }
+    const auto text = read_binary_file(path);
+    state.fcm_private_key.reset(text ? cJSON_Parse(text->c_str()) : nullptr);
+    state.access_token.reset();
+    ++state.load;
+    if (state.fcm_private_key == nullptr) {
+        LOG_ERROR("%s - cannot parse private key", __func__);
+    }
+}
+
+void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)
+{
+    const push_params params{timeout, type};
+    if (token_serves()) {
+        queue_pushes(params);
+    } else {
+        request_access_token(params);
+    }
+}

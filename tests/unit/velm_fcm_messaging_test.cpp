@@ -1,0 +1,376 @@
+#include "velm_fcm_messaging.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "async/common_async.h"
+#include "fakes/captured_log.h"
+#include "fakes/fake_clock.h"
+#include "fakes/fake_nvram.h"
+#include "handles/memory.h"
+#include "http/http_client.h"
+#include "velm_cloud_messaging.h"
+#include "velm_google_auth.h"
+#include "velm_nvram_pairings.h"
+
+namespace {
+
+struct sent_request {
+    http_client_request_data data;
+    http_client_response_handler handler;
+    void *argument;
+};
+std::vector<sent_request> sent;
+
+struct token_request {
+    velm_google_auth_response_handler handler;
+    void *context;
+};
+std::vector<token_request> token_requests;
+
+struct scheduled_action {
+    common_async_callback callback;
+    void *user_data;
+    long delay_s;
+};
+std::vector<scheduled_action> actions;
+
+} // namespace
+
+// The loop's part: actions are kept until the test runs them.
+int common_async_action_call(common_async_callback callback, void *user_data)
+{
+    actions.push_back({callback, user_data, 0});
+    return 0;
+}
+
+int common_async_action_schedule(common_async_callback callback, void *user_data, long seconds,
+                                 long)
+{
+    actions.push_back({callback, user_data, seconds});
+    return 0;
+}
+
+int velm_google_auth_request_access_token(const cJSON *, const char *,
+                                          velm_google_auth_response_handler response_handler,
+                                          void *context)
+{
+    token_requests.push_back({response_handler, context});
+    return 0;
+}
+
+namespace {
+int start_result = 0;
+} // namespace
+
+int http_request_internal(http_client_method method, const http_client_request_data &data,
+                          http_client_response_handler handler, void *argument)
+{
+    EXPECT_EQ(method, HTTP_CLIENT_POST);
+    if (start_result == 0) {
+        sent.push_back({data, handler, argument});
+    }
+    return start_result;
+}
+
+void http_client_add_header(http_client_request_data *data, const char *header_name,
+                            const char *header_value)
+{
+    data->headers.push_back({header_name, header_value});
+}
+
+namespace {
+
+constexpr char error_line[] = "ERROR velm_fcm_messaging - ";
+
+class Fcm : public testing::Test {
+  protected:
+    Fcm()
+    {
+        fake_nvram = {};
+        fake_clock_set(1700000000);
+        start_result = 0;
+        config.pairings_limit = 10;
+        velm_nvram_pairings_init(&config);
+        velm_config_copy_text(config.cloudmessaging_firebase_privatekey_path,
+                              sizeof config.cloudmessaging_firebase_privatekey_path,
+                              key_path.c_str());
+        write_key(R"({"project_id":"velm-test","client_email":"a@b"})");
+        velm_cloud_messaging_init(&config); // initialises the sender too
+    }
+    ~Fcm() override
+    {
+        // What a test left in flight ends here, as the loop would end it.
+        while (!actions.empty() || !sent.empty() || !token_requests.empty()) {
+            if (!token_requests.empty()) {
+                answer_token(nullptr);
+            } else if (!actions.empty()) {
+                run_actions();
+            } else {
+                answer(200);
+            }
+        }
+        unlink(key_path.c_str());
+        fake_clock_reset();
+    }
+
+    void write_key(const std::string &text) const
+    {
+        std::ofstream{key_path} << text;
+    }
+
+    static void pair_slot(int slot, const std::string &dev_id, const std::string &token)
+    {
+        const std::string prefix = "zelkad_pairing_" + std::to_string(slot) + "_";
+        fake_nvram.values[prefix + "status"] = "Valid";
+        fake_nvram.values[prefix + "dev_id"] = dev_id;
+        fake_nvram.values[prefix + "dev_type"] = "iOS";
+        fake_nvram.values[prefix + "push_token"] = token;
+    }
+
+    /// Runs what is queued now; what that queues stays. Returns the delays, in order.
+    static std::vector<long> run_actions()
+    {
+        std::vector<scheduled_action> now;
+        now.swap(actions);
+        std::vector<long> delays;
+        for (const auto &action : now) {
+            delays.push_back(action.delay_s);
+            action.callback(action.user_data, 0, nullptr);
+        }
+        return delays;
+    }
+
+    static void answer_token(const char *json)
+    {
+        ASSERT_FALSE(token_requests.empty());
+        const token_request request = token_requests.front();
+        token_requests.erase(token_requests.begin());
+        request.handler(json_ptr{json == nullptr ? nullptr : cJSON_Parse(json)}, request.context);
+    }
+
+    static void answer(int code, const std::string &body = "{}")
+    {
+        ASSERT_FALSE(sent.empty());
+        const sent_request request = sent.front();
+        sent.erase(sent.begin());
+        request.handler(code, nullptr, body.c_str(), body.size(), request.argument);
+    }
+
+    /// From the request to the sends, with a token that serves.
+    static void push()
+    {
+        velm_fcm_messaging_push_to_all(30, 0);
+        if (!token_requests.empty()) {
+            answer_token(R"({"access_token":"ya29.x","valid_to":1700003599})");
+        }
+        run_actions();
+        run_actions();
+    }
+
+    const std::string key_path =
+        testing::TempDir() + "velm_fcm_key_" + std::to_string(getpid()) + ".json";
+    velm_config config{};
+};
+
+TEST_F(Fcm, ThreePairingsInSlotsZeroFourAndSevenAreSentAfterOneTwoAndThreeSeconds)
+{
+    pair_slot(0, "a", "ta");
+    pair_slot(4, "b", "tb");
+    pair_slot(7, "c", "tc");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    EXPECT_EQ(run_actions(), (std::vector<long>{1, 2, 3}));
+    ASSERT_EQ(sent.size(), 3U);
+    EXPECT_NE(sent[1].data.post_data.find(R"("token":"tb")"), std::string::npos);
+}
+
+TEST_F(Fcm, TheRequestHasItsAddressBearerTokenAndTimeout)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].data.uri, "https://fcm.googleapis.com/v1/projects/velm-test/messages:send");
+    ASSERT_EQ(sent[0].data.headers.size(), 1U);
+    EXPECT_EQ(sent[0].data.headers[0].name, "Authorization");
+    EXPECT_EQ(sent[0].data.headers[0].value, "Bearer ya29.x");
+    EXPECT_EQ(sent[0].data.timeout_s, 10);
+    EXPECT_FALSE(sent[0].data.skip_server_verification);
+    EXPECT_FALSE(sent[0].data.skip_hostname_verification);
+}
+
+TEST_F(Fcm, AnExpiredTokenTriggersExactlyOneTokenRequestBeforeTheSends)
+{
+    pair_slot(0, "a", "ta");
+    pair_slot(1, "b", "tb");
+    push();
+    fake_clock_set(1700003598);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_TRUE(token_requests.empty()) << "one second is left";
+    fake_clock_set(1700003599);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(token_requests.size(), 1U);
+}
+
+TEST_F(Fcm, ATokenWithoutALifetimeServesOnce)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700000000})");
+    run_actions();
+    run_actions();
+    EXPECT_EQ(sent.size(), 1U);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(token_requests.size(), 1U);
+}
+
+TEST_F(Fcm, WithoutATokenNothingIsSent)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(nullptr);
+    EXPECT_TRUE(actions.empty());
+}
+
+TEST_F(Fcm, ATokenAskedForBeforeAReloadIsDropped)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    velm_fcm_messaging_init(&config);
+    answer_token(R"({"access_token":"old","valid_to":1700003599})");
+    EXPECT_TRUE(actions.empty());
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(token_requests.size(), 1U) << "the old key's token is not held";
+}
+
+TEST_F(Fcm, StatusNotFoundUnpairsThePhoneAndCommits)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    push();
+    answer(404);
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 0);
+    EXPECT_EQ(fake_nvram.commits, 1);
+    EXPECT_TRUE(log.has("INFO velm_fcm_messaging - send_push_handler - [a,iOS,ta,404] - unpaired "
+                        "(unregistered token)"));
+}
+
+TEST_F(Fcm, StatusNotFoundForAPhoneUnpairedMeanwhileOnlyLogs)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    push();
+    velm_nvram_pairings_delete_pairing("a");
+    const int writes = fake_nvram.writes;
+    answer(404);
+    EXPECT_EQ(fake_nvram.writes, writes);
+    EXPECT_EQ(fake_nvram.commits, 0);
+    EXPECT_TRUE(log.contains("[a,iOS,ta,404] - unpaired (unregistered token)"));
+}
+
+TEST_F(Fcm, EveryOtherStatusKeepsThePairingAndAllButOkAreLogged)
+{
+    for (const int code : {200, 201, 400, 401, 403, 429, 500, 503, -1, 0}) {
+        const captured_log log;
+        pair_slot(0, "a", "ta");
+        push();
+        answer(code);
+        EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1) << code;
+        EXPECT_EQ(log.has(std::string{error_line} + "send_push_handler - [a,iOS,ta," +
+                          std::to_string(code) + "]"),
+                  code != 200)
+            << code;
+    }
+}
+
+TEST_F(Fcm, AnEmptyPushTokenIsNotSent)
+{
+    const captured_log log;
+    pair_slot(0, "a", "");
+    push();
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - empty push_token"));
+}
+
+TEST_F(Fcm, AKeyWithoutProjectIdSendsNothing)
+{
+    const captured_log log;
+    write_key(R"({"client_email":"a@b"})");
+    velm_fcm_messaging_init(&config);
+    pair_slot(0, "a", "ta");
+    push();
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - missing project_id"));
+}
+
+TEST_F(Fcm, ATokenObjectWithoutAccessTokenSendsNothing)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"valid_to":1700003599})");
+    run_actions();
+    run_actions();
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - missing access_token"));
+}
+
+TEST_F(Fcm, AReloadBetweenScheduleAndSendLeavesNoToken)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    velm_fcm_messaging_init(&config);
+    run_actions();
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - missing auth token"));
+}
+
+TEST_F(Fcm, ARequestThatCannotStartIsLogged)
+{
+    const captured_log log;
+    start_result = -2;
+    pair_slot(0, "a", "ta");
+    push();
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - failed making http request: -2"));
+}
+
+TEST_F(Fcm, AMissingKeyFileIsLoggedAndTheEarlierKeyStays)
+{
+    const captured_log log;
+    unlink(key_path.c_str());
+    velm_fcm_messaging_init(&config);
+    EXPECT_TRUE(log.has(std::string{error_line} + "velm_fcm_messaging_init - missing private key"));
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(token_requests.size(), 1U);
+}
+
+TEST_F(Fcm, AKeyFileThatIsNoJsonLeavesNoKey)
+{
+    const captured_log log;
+    write_key("no json");
+    velm_fcm_messaging_init(&config);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_TRUE(token_requests.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "request_access_token - missing private key"));
+}
+
+TEST_F(Fcm, ThePrivateKeyIsNeverLogged)
+{
+    const captured_log log;
+    write_key(R"({"project_id":"p","private_key":"SECRET"})");
+    velm_fcm_messaging_init(&config);
+    pair_slot(0, "a", "ta");
+    push();
+    EXPECT_FALSE(log.contains("SECRET"));
+}
+
+} // namespace
