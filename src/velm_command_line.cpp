@@ -1,0 +1,104 @@
+#include "velm_command_line.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "velm_version.h"
+
+namespace {
+
+void print_usage(const char *program)
+{
+    std::printf("Usage:\n");
+    std::printf(" %s\n", program);
+    std::printf(" %s -c path_to_config\n", program);
+    std::printf(" %s -c path_to_config -i lan_ip_address -n lan_if_name -s serial_number -m "
+                "mac_address -b bssids_list\n",
+                program);
+    std::printf("  (all parameters are optional)\n");
+    std::printf("\n");
+    std::printf(" %s -v\n", program);
+    std::printf(" %s -h\n", program);
+}
+
+void print_version(std::string_view program)
+{
+    const std::size_t slash = program.rfind('/');
+    const std::string name{slash == std::string_view::npos ? program : program.substr(slash + 1)};
+    std::printf("%s %i.%i.%i\n", name.c_str(), velm_version_major, velm_version_minor,
+                velm_version_patch);
+}
+
+/// The daemon changes to "/" when it detaches, and reads the file again on every reload.
+std::string absolute_path(const char *path)
+{
+    if (*path == '\0' || *path == '/') {
+        return path;
+    }
+    char directory[PATH_MAX];
+    if (getcwd(directory, sizeof directory) == nullptr) {
+        return path;
+    }
+    return std::string{directory} + "/" + path;
+}
+
+} // namespace
+
+velm_command_line velm_command_line_parse(int argc, char **argv)
+{
+    velm_command_line given;
+    int options = 0;
+    bool help = false;
+    bool version = false;
+    bool bad = false;
+    for (int c = 0; (c = getopt(argc, argv, "hvc:i:n:s:m:b:")) != -1; ++options) {
+        switch (c) {
+        case 'h':
+            help = true;
+            break;
+        case 'v':
+            version = true;
+            break;
+        case 'c':
+            given.config_path = absolute_path(optarg);
+            break;
+        case 'i':
+            given.lan_ip_address = optarg;
+            break;
+        case 'n':
+            given.lan_name = optarg;
+            break;
+        case 's':
+            given.serial_number = optarg;
+            break;
+        case 'm':
+            given.mac_address = optarg;
+            break;
+        case 'b':
+            given.bssids = optarg;
+            break;
+        default:
+            std::printf("unknown parameter: -%c\n", c);
+            bad = true;
+            break;
+        }
+    }
+    if (options == 1 && help) {
+        print_usage(argv[0]);
+        std::exit(EXIT_SUCCESS);
+    }
+    if (options == 1 && version) {
+        print_version(argv[0]);
+        std::exit(EXIT_SUCCESS);
+    }
+    if (bad) {
+        std::printf("\n");
+        print_usage(argv[0]);
+        std::exit(EXIT_FAILURE);
+    }
+    return given;
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+/// The daemon's command line: "hvc:i:n:s:m:b:" by POSIX getopt, whose own diagnostics stay on.
+
+/// What was given; the last one of a repeated option counts.
+struct velm_command_line {
+    std::optional<std::string> config_path; // -c, absolute; empty: no file is read
+    std::optional<std::string> lan_ip_address;
+    std::optional<std::string> lan_name;
+    std::optional<std::string> serial_number;
+    std::optional<std::string> mac_address;
+    std::optional<std::string> bssids;
+};
+
+/// Parses the arguments. Ends the process with 0 after help or version, each honoured only as the
+/// sole option, and with 1 after an option that getopt does not accept.
+[[nodiscard]] velm_command_line velm_command_line_parse(int argc, char **argv);
