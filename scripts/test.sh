@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both.
+# The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
+#
+# usage: scripts/test.sh [PRESET ...]      default: release asan
+set -u
+cd "$(dirname "$0")/.."
+. scripts/install-dependencies.sh
+
+presets=("$@")
+[ ${#presets[@]} -gt 0 ] || presets=(release asan)
+results=build/test-results
+rm -rf "$results"
+mkdir -p "$results"
+failed_steps=()
+
+step() { # NAME COMMAND...: a step that fails is reported, and the others still run
+    local name=$1
+    shift
+    printf '\n== %s\n' "$name"
+    "$@" || failed_steps+=("$name")
+}
+
+build() {
+    cmake --preset "$1" >"$results/configure-$1.log" 2>&1 || { cat "$results/configure-$1.log"; return 1; }
+    cmake --build --preset "$1" >"$results/build-$1.log" 2>&1 || { tail -n 100 "$results/build-$1.log"; return 1; }
+}
+
+unit() {
+    rm -rf "build/$1/test-results"
+    ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure >"$results/unit-$1.log" 2>&1
+    local status=$?
+    [ $status -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$results/unit-$1.log" | tail -n 400
+    tail -n 4 "$results/unit-$1.log"
+    local file
+    for file in "build/$1/test-results"/*.xml; do
+        [ -e "$file" ] && cp "$file" "$results/unit-$1-$(basename "$file")"
+    done
+    return $status
+}
+
+python_tests() { # PRESET NAME FOLDER
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider --build "build/$1" \
+        --junitxml="$results/$2-$1.xml" "$3"
+}
+
+for preset in "${presets[@]}"; do
+    step "build $preset" build "$preset"
+    step "unit tests, $preset" unit "$preset"
+    step "end-to-end tests, $preset" python_tests "$preset" e2e tests/e2e
+done
+step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
+
+printf '\n'
+for name in ${failed_steps[@]+"${failed_steps[@]}"}; do
+    printf 'failed: %s\n' "$name"
+done
+/usr/bin/python3 scripts/sum-results.py "$results" ${failed_steps[@]+"${failed_steps[@]}"}
