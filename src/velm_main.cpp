@@ -1,0 +1,70 @@
+#include "velm_main.h"
+
+#include <string_view>
+
+#include "async/common_async.h"
+#include "logger/fatal.h"
+#include "velm_http_server.h"
+#include "velm_location_policy_ipc.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_main";
+
+struct module_state {
+    event_base *base = nullptr;
+    velm_config *config = nullptr;
+};
+module_state state;
+
+void start_servers(void *, short, common_async_context *) noexcept
+{
+    http_server_start();
+    location_policy_ipc_start();
+}
+
+} // namespace
+
+void velm_main_set_event_base(event_base *base)
+{
+    state.base = base;
+    velm_http_server_set_event_base(base);
+    velm_location_policy_ipc_set_event_base(base);
+}
+
+void velm_main_init(velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    state.config = config;
+    velm_http_server_init(config);
+    velm_location_policy_ipc_init(config);
+}
+
+void velm_main_start()
+{
+    common_async_action_call(start_servers, nullptr);
+}
+
+void velm_main_deinit()
+{
+    velm_http_server_stop();
+    location_policy_ipc_stop();
+}
+
+void netlink_ip_address_changed(const char *ifname, const char *address)
+{
+    LOG_TRACE("%s - %s new ip: %s", __func__, ifname == nullptr ? "?" : ifname,
+              address == nullptr ? "?" : address);
+    if (ifname == nullptr || address == nullptr || *ifname == '\0' || *address == '\0') {
+        return;
+    }
+    velm_config *config = state.config;
+    if (std::string_view{ifname} != config->lan_name ||
+        std::string_view{address} == config->lan_ip_address) {
+        return;
+    }
+    velm_config_copy_text(config->lan_ip_address, sizeof config->lan_ip_address, address);
+    velm_main_deinit();
+    velm_main_init(config);
+    velm_main_start();
+}
