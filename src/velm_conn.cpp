@@ -1,0 +1,229 @@
+#include "velm_conn.h"
+
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "handles/libevent.h"
+#include "handles/memory.h"
+#include "logger/fatal.h"
+#include "velm_ipc_cmd.h"
+
+// Plain events instead of a bufferevent: that joins what waits in its output buffer into one write,
+// and on this kind of socket a write is a packet, so a client would see several frames as one.
+struct velm_conn {
+    unique_fd socket;
+    event_ptr read_event;
+    event_ptr write_event; // pending while packets wait
+    std::deque<std::vector<std::uint8_t>> waiting;
+    velm_ipc_cmd_input input;
+    velm_ipc *server = nullptr;
+    velm_conn_frame_handler handler = nullptr;
+    bool closed = false;
+};
+
+namespace {
+
+constexpr char log_category[] = "IPC_CONN";
+constexpr timeval write_timeout{15, 0};
+constexpr std::size_t read_chunk = 1024;
+
+// Twice the usual net.core.wmem_max is what a client can set as its send buffer, and no packet is
+// longer than that. Never touched beyond what comes, so it costs address space only.
+std::array<std::uint8_t, 2 * 212992> read_buffer;
+
+void connection_close(velm_conn *conn)
+{
+    conn->closed = true;
+    conn->read_event.reset();
+    conn->write_event.reset();
+    conn->waiting.clear();
+    conn->socket.reset();
+}
+
+/// A packet without bytes reads like the end of the stream. It is the end only when the peer has
+/// shut down and nothing more lies in the queue.
+bool is_end_of_stream(int socket)
+{
+    pollfd peer{socket, POLLRDHUP, 0};
+    if (poll(&peer, 1, 0) == 0) {
+        return false;
+    }
+    int unread = 0;
+    return ioctl(socket, FIONREAD, &unread) != 0 || unread == 0;
+}
+
+void packet_handle(velm_conn *conn, std::span<const std::uint8_t> packet)
+{
+    while (!packet.empty() && !conn->closed) {
+        const std::size_t size = std::min(packet.size(), read_chunk);
+        velm_ipc_cmd_read(conn, conn->input, packet.first(size), conn->handler);
+        packet = packet.subspan(size);
+    }
+}
+
+void read_failed(velm_conn *conn, int error)
+{
+    if (error == EAGAIN || error == EINTR) {
+        return;
+    }
+    LOG_ERROR("Read error");
+    LOG_ERROR("Connection error: %s", std::strerror(error));
+    connection_close(conn);
+}
+
+/// One packet a turn, so that a client that floods does not hold up the others.
+void read_cb(evutil_socket_t socket, short, void *context) noexcept
+{
+    auto *const conn = static_cast<velm_conn *>(context);
+    // With MSG_TRUNC the result is the packet's whole length, even when that is not read whole.
+    const ssize_t size =
+        recv(socket, read_buffer.data(), read_buffer.size(), MSG_TRUNC | MSG_DONTWAIT);
+    if (size < 0) {
+        read_failed(conn, errno);
+        return;
+    }
+    if (size == 0) {
+        if (is_end_of_stream(socket)) {
+            LOG_TRACE("Connection closed");
+            connection_close(conn);
+        }
+        return;
+    }
+    if (static_cast<std::size_t>(size) > read_buffer.size()) {
+        LOG_ERROR("Unexpected error in read cb");
+        connection_close(conn);
+        return;
+    }
+    packet_handle(conn, std::span{read_buffer}.first(static_cast<std::size_t>(size)));
+}
+
+enum class sent { whole, later, failed };
+
+sent packet_send(velm_conn *conn, std::span<const std::uint8_t> packet)
+{
+    const ssize_t size =
+        send(conn->socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (size >= 0) {
+        return sent::whole; // a packet goes whole or not at all
+    }
+    const int error = errno;
+    if (error == EAGAIN || error == EINTR) {
+        return sent::later;
+    }
+    LOG_ERROR("Write error");
+    LOG_ERROR("Connection error: %s", std::strerror(error));
+    connection_close(conn);
+    return sent::failed;
+}
+
+/// Each wait for the peer is timed anew.
+bool write_wait(velm_conn *conn)
+{
+    if (event_add(conn->write_event.get(), &write_timeout) == 0) {
+        return true;
+    }
+    LOG_ERROR("Cannot set timeouts");
+    connection_close(conn);
+    return false;
+}
+
+void write_cb(evutil_socket_t, short events, void *context) noexcept
+{
+    auto *const conn = static_cast<velm_conn *>(context);
+    if ((events & EV_WRITE) == 0) {
+        LOG_ERROR("Write timeout");
+        connection_close(conn);
+        return;
+    }
+    while (!conn->waiting.empty()) {
+        const sent result = packet_send(conn, conn->waiting.front());
+        if (result == sent::failed) {
+            return;
+        }
+        if (result == sent::later) {
+            write_wait(conn);
+            return;
+        }
+        conn->waiting.pop_front();
+    }
+}
+
+bool packet_queue(velm_conn *conn, std::span<const std::uint8_t> packet)
+{
+    if (conn->waiting.size() == velm_conn_queue_limit) {
+        LOG_ERROR("Write error");
+        LOG_ERROR("Connection error: %s", "peer does not read");
+        connection_close(conn);
+        return false;
+    }
+    conn->waiting.emplace_back(packet.begin(), packet.end());
+    return conn->waiting.size() > 1 || write_wait(conn);
+}
+
+} // namespace
+
+void velm_conn_destroy(velm_conn *conn) noexcept
+{
+    if (conn == nullptr) {
+        LOG_TRACE("Conn already deleted");
+        return;
+    }
+    LOG_TRACE("Conn delete");
+    adopt<velm_conn>(conn);
+}
+
+velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *server,
+                               velm_conn_frame_handler handler)
+{
+    velm_conn_ptr conn{release_new<velm_conn>()};
+    conn->socket = std::move(socket);
+    conn->server = server;
+    conn->handler = handler;
+    const int fd = conn->socket.get();
+    conn->read_event.reset(event_new(base, fd, EV_READ | EV_PERSIST, read_cb, conn.get()));
+    conn->write_event.reset(event_new(base, fd, EV_WRITE, write_cb, conn.get()));
+    if (conn->read_event == nullptr || conn->write_event == nullptr ||
+        event_add(conn->read_event.get(), nullptr) != 0) {
+        LOG_ERROR("Cannot enable event read/write");
+        return nullptr;
+    }
+    return conn;
+}
+
+velm_ipc *velm_conn_server(const velm_conn *conn)
+{
+    return conn->server;
+}
+
+bool velm_conn_is_closed(const velm_conn *conn)
+{
+    return conn->closed;
+}
+
+bool velm_conn_write(velm_conn *conn, std::span<const std::uint8_t> packet)
+{
+    if (conn->closed) {
+        return false;
+    }
+    if (!conn->waiting.empty()) {
+        return packet_queue(conn, packet);
+    }
+    switch (packet_send(conn, packet)) {
+    case sent::whole:
+        return true;
+    case sent::later:
+        return packet_queue(conn, packet);
+    case sent::failed:
+        break;
+    }
+    return false;
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <span>
+
+#include "handles/fd.h"
+#include "handles/handle.h"
+
+/// One connection of the location-policy IPC: a connected SOCK_SEQPACKET socket on the loop.
+///
+/// What is written leaves as a packet of its own, or not at all. While the peer does not read, up
+/// to 64 packets wait; one more, or 15 s without progress, ends the connection. What is read goes
+/// into the frame parser (velm_ipc_cmd.h) in pieces of at most 1024 bytes. There is no read
+/// time-out: a client may stay silent for ever.
+///
+/// An error or the end of the stream marks the connection closed, once: its socket is given back
+/// at that moment, what still waited is dropped, and nothing is read or written any more. The
+/// object itself lives until its owner destroys it, so it may end inside any call made on it.
+
+struct velm_conn;
+struct velm_ipc;
+
+inline constexpr std::size_t velm_conn_queue_limit = 64;
+
+/// Takes one request frame. `payload` is borrowed. Non-zero when the request was taken; 0 answers
+/// it with busy. It may write to the connection but must not destroy it.
+using velm_conn_frame_handler = int (*)(velm_conn *conn, std::uint32_t id, std::uint16_t type,
+                                        const void *payload, std::size_t len, std::time_t deadline);
+
+/// Null logs and does nothing else.
+void velm_conn_destroy(velm_conn *conn) noexcept;
+using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
+
+/// Takes a connected, non-blocking socket over. `server` is handed back by velm_conn_server and
+/// may be null; without a handler the frames are parsed and dropped. Null when the socket cannot be
+/// watched; it is closed then.
+[[nodiscard]] velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *server,
+                                             velm_conn_frame_handler handler);
+
+[[nodiscard]] velm_ipc *velm_conn_server(const velm_conn *conn);
+[[nodiscard]] bool velm_conn_is_closed(const velm_conn *conn);
+
+/// Sends the bytes as one packet, now or when the peer has read. False when the connection is
+/// closed or ends by this.
+bool velm_conn_write(velm_conn *conn, std::span<const std::uint8_t> packet);

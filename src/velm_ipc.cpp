@@ -1,0 +1,293 @@
+#include "velm_ipc.h"
+
+#include <sys/socket.h>
+#include <velm/location_policy.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "handles/libevent.h"
+#include "handles/memory.h"
+#include "logger/fatal.h"
+#include "velm_conn.h"
+#include "velm_ipc_cmd.h"
+#include "velm_ipc_socket.h"
+
+namespace {
+
+struct outstanding_request {
+    velm_conn *conn; // removed together with the request
+    std::uint32_t seq;
+    std::uint32_t id; // the client's
+    std::time_t deadline;
+};
+
+} // namespace
+
+struct velm_ipc {
+    event_base *base = nullptr;
+    std::string client_path;
+    std::string server_path;
+    evconnlistener_ptr listener;
+    event_ptr listener_pause;
+    event_ptr timer;
+    std::vector<velm_conn_ptr> connections;
+    velm_conn *client = nullptr; // the one of the connections that we made ourselves
+    std::vector<outstanding_request> requests;
+    std::uint32_t request_seq = 0;
+    std::uint32_t report_seq = 0;
+    velm_ipc_cmd_handler handler = nullptr;
+};
+
+namespace {
+
+constexpr char log_category[] = "IPC";
+constexpr timeval tick_interval{1, 0};
+constexpr timeval listener_pause_time{0, 200000};
+
+bool request_is_from(const outstanding_request &request, const velm_conn *conn)
+{
+    return request.conn == conn;
+}
+
+bool has_too_many_requests(const velm_ipc *server, const velm_conn *conn)
+{
+    const auto count = std::count_if(
+        server->requests.begin(), server->requests.end(),
+        [conn](const outstanding_request &request) { return request_is_from(request, conn); });
+    return static_cast<std::size_t>(count) >= velm_ipc_outstanding_limit;
+}
+
+void request_forget(velm_ipc *server, std::uint32_t seq)
+{
+    std::erase_if(server->requests,
+                  [seq](const outstanding_request &request) { return request.seq == seq; });
+}
+
+int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const void *payload,
+                  std::size_t len, std::time_t deadline)
+{
+    velm_ipc *const server = velm_conn_server(conn);
+    if (has_too_many_requests(server, conn)) {
+        return 0;
+    }
+    const std::uint32_t seq = ++server->request_seq;
+    server->requests.push_back({conn, seq, id, deadline});
+    const int taken =
+        server->handler == nullptr ? 0 : server->handler(server, seq, type, payload, len);
+    if (taken == 0) {
+        request_forget(server, seq);
+    }
+    return taken;
+}
+
+velm_conn *connection_add(velm_ipc *server, unique_fd socket)
+{
+    velm_conn_ptr conn = velm_conn_create(server->base, std::move(socket), server, frame_handler);
+    if (conn == nullptr) {
+        LOG_ERROR("Cannot create connection");
+        return nullptr;
+    }
+    server->connections.push_back(std::move(conn));
+    return server->connections.back().get();
+}
+
+void log_peer(const char *caller, int socket)
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+        LOG_DEBUG("%s - pid: %d uid: %u gid: %u", caller, peer.pid, peer.uid, peer.gid);
+    }
+}
+
+void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, void *context) noexcept
+{
+    unique_fd socket{fd};
+    LOG_TRACE("Accept new connection...");
+    if (address->sa_family != AF_UNIX) {
+        LOG_ERROR("Invalid protocol");
+        return;
+    }
+    log_peer(__func__, fd);
+    if (connection_add(static_cast<velm_ipc *>(context), std::move(socket)) != nullptr) {
+        LOG_INFO("Connection accepted");
+    }
+}
+
+/// Accepting fails for as long as the process is out of descriptors, and the listener stays
+/// readable: without a pause the loop would spin.
+void listener_error_cb(evconnlistener *listener, void *context) noexcept
+{
+    LOG_ERROR("Listener error");
+    evconnlistener_disable(listener);
+    evtimer_add(static_cast<velm_ipc *>(context)->listener_pause.get(), &listener_pause_time);
+}
+
+void listener_resume_cb(evutil_socket_t, short, void *context) noexcept
+{
+    evconnlistener_enable(static_cast<velm_ipc *>(context)->listener.get());
+}
+
+bool server_listen(velm_ipc *server)
+{
+    server->listener_pause.reset(evtimer_new(server->base, listener_resume_cb, server));
+    REQUIRE_MEMORY(server->listener_pause, "listener_pause");
+    unique_fd socket = velm_ipc_socket_listen(server->server_path.c_str());
+    if (!socket) {
+        const int error = errno;
+        LOG_ERROR("Cannot create listener");
+        LOG_ERROR("%s - %s: %s", __func__, server->server_path.c_str(), std::strerror(error));
+        return false;
+    }
+    server->listener.reset(evconnlistener_new(server->base, accept_cb, server,
+                                              LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0,
+                                              socket.get()));
+    if (server->listener == nullptr) {
+        LOG_ERROR("Cannot create listener");
+        return false;
+    }
+    socket.release(); // the listener closes it
+    evconnlistener_set_error_cb(server->listener.get(), listener_error_cb);
+    return true;
+}
+
+void client_reconnect(velm_ipc *server)
+{
+    const bool connected = server->client != nullptr && !velm_conn_is_closed(server->client);
+    if (server->client_path.empty() || connected) {
+        return;
+    }
+    unique_fd socket = velm_ipc_socket_connect(server->client_path.c_str());
+    if (!socket) {
+        return;
+    }
+    server->client = connection_add(server, std::move(socket));
+    if (server->client != nullptr) {
+        LOG_TRACE("Connected");
+    }
+}
+
+void closed_connections_remove(velm_ipc *server)
+{
+    std::erase_if(server->requests, [](const outstanding_request &request) {
+        return velm_conn_is_closed(request.conn);
+    });
+    if (server->client != nullptr && velm_conn_is_closed(server->client)) {
+        server->client = nullptr;
+    }
+    std::erase_if(server->connections,
+                  [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
+}
+
+void orphaned_requests_remove(velm_ipc *server)
+{
+    const std::time_t now = std::time(nullptr);
+    std::erase_if(server->requests, [now](const outstanding_request &request) {
+        if (now <= request.deadline) {
+            return false;
+        }
+        // Our number first, the client's second, whatever the words say: the line is read so.
+        LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
+        return true;
+    });
+}
+
+void timer_cb(evutil_socket_t, short, void *context) noexcept
+{
+    velm_ipc_tick(static_cast<velm_ipc *>(context));
+}
+
+void timer_start(velm_ipc *server)
+{
+    server->timer.reset(event_new(server->base, -1, EV_PERSIST, timer_cb, server));
+    REQUIRE_MEMORY(server->timer, "timer");
+    const int rc = event_add(server->timer.get(), &tick_interval);
+    REQUIRE_CALL(rc == 0, "event_add(timer, &tv)", rc);
+}
+
+bool path_fits(const char *path)
+{
+    if (path == nullptr || std::strlen(path) <= velm_ipc_path_limit) {
+        return true;
+    }
+    LOG_ERROR("%s - path is longer than %u characters: %s", "velm_ipc_create", velm_ipc_path_limit,
+              path);
+    return false;
+}
+
+const char *or_empty(const char *text)
+{
+    return text == nullptr ? "" : text;
+}
+
+} // namespace
+
+void velm_ipc_destroy(velm_ipc *server) noexcept
+{
+    adopt<velm_ipc>(server);
+}
+
+velm_ipc_ptr velm_ipc_create(event_base *base, const char *client_path, const char *server_path)
+{
+    if (!path_fits(client_path) || !path_fits(server_path)) {
+        return nullptr;
+    }
+    velm_ipc_ptr server{release_new<velm_ipc>()};
+    server->base = base;
+    server->client_path = or_empty(client_path);
+    server->server_path = or_empty(server_path);
+    if (!server->server_path.empty() && !server_listen(server.get())) {
+        return nullptr;
+    }
+    client_reconnect(server.get());
+    timer_start(server.get());
+    return server;
+}
+
+void velm_ipc_set_cmd_handler(velm_ipc *server, velm_ipc_cmd_handler handler)
+{
+    server->handler = handler;
+}
+
+int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, std::size_t len,
+                     std::uint32_t status)
+{
+    const auto found =
+        std::find_if(server->requests.begin(), server->requests.end(),
+                     [seq](const outstanding_request &request) { return request.seq == seq; });
+    if (found == server->requests.end()) {
+        return 0;
+    }
+    const outstanding_request request = *found;
+    server->requests.erase(found);
+    return velm_ipc_cmd_send_resp(request.conn, VELM_LOCATION_REQUEST, request.id, status, payload,
+                                  len);
+}
+
+int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len)
+{
+    int all_sent = 1;
+    for (const velm_conn_ptr &conn : server->connections) {
+        if (velm_conn_is_closed(conn.get())) {
+            continue;
+        }
+        if (velm_ipc_cmd_send_resp(conn.get(), VELM_LOCATION_REPORT, ++server->report_seq,
+                                   VELM_STATUS_OK, payload, len) == 0) {
+            all_sent = 0;
+        }
+    }
+    return all_sent;
+}
+
+void velm_ipc_tick(velm_ipc *server)
+{
+    client_reconnect(server);
+    closed_connections_remove(server);
+    orphaned_requests_remove(server);
+}

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "handles/handle.h"
+
+/// The location-policy IPC: listens on a Unix socket (SOCK_SEQPACKET), keeps the connections and
+/// the requests that wait for an answer, and sends answers and reports. The same object can also
+/// be a client that connects to such a server and keeps reconnecting. Loop thread only.
+///
+/// A request waits at most 600 s; of one connection at most 64 wait, and one more is answered with
+/// busy. Whatever a connection left behind goes with it.
+
+struct velm_ipc;
+
+inline constexpr std::size_t velm_ipc_outstanding_limit = 64;
+
+/// Takes one request; non-zero when it took it. `seq` names the request to velm_ipc_respond, which
+/// it may call at once. `payload` (140 bytes) is borrowed. It must not destroy the server.
+using velm_ipc_cmd_handler = int (*)(velm_ipc *server, std::uint32_t seq, std::uint16_t type,
+                                     const void *payload, std::size_t len);
+
+void velm_ipc_destroy(velm_ipc *server) noexcept;
+using velm_ipc_ptr = handle<velm_ipc, velm_ipc_destroy>;
+
+/// `server_path` is where it listens, `client_path` the server it connects to; either may be null.
+/// Null, with a line in the log, when a path is longer than 107 characters or the socket cannot be
+/// set up. A server to connect to may come later: it is tried again every second.
+[[nodiscard]] velm_ipc_ptr velm_ipc_create(event_base *base, const char *client_path,
+                                           const char *server_path);
+
+/// Until there is one, every request is answered with busy.
+void velm_ipc_set_cmd_handler(velm_ipc *server, velm_ipc_cmd_handler handler);
+
+/// Answers the request and forgets it. 0 when it is unknown (expired, or its client has gone) or
+/// the answer cannot be sent.
+int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, std::size_t len,
+                     std::uint32_t status);
+
+/// Sends a report to every live connection; 1 when every send succeeded.
+int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len);
+
+/// What the timer does every second: reconnects, and lets go of closed connections and of requests
+/// that waited too long.
+void velm_ipc_tick(velm_ipc *server);

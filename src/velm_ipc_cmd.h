@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "velm_conn.h"
+
+/// Framing of the location-policy IPC; the frames themselves are in velm/location_policy.h.
+
+/// What the parser keeps of a connection between two reads: less than one request frame, and how
+/// much of a skipped frame has not come yet.
+struct velm_ipc_cmd_input {
+    std::vector<std::uint8_t> buffer;
+    std::size_t skip = 0;
+};
+
+/// Parses the bytes just read behind those kept from before. Each request frame (type 4096, 140
+/// bytes of payload) goes to the handler with a deadline 600 s from now, and is answered with busy
+/// when that returns 0. A frame of another length is skipped whole; another type says that the two
+/// sides disagree, so everything buffered is thrown away. Stops when the connection closes.
+void velm_ipc_cmd_read(velm_conn *conn, velm_ipc_cmd_input &input,
+                       std::span<const std::uint8_t> bytes, velm_conn_frame_handler handler);
+
+/// Sends an answer or a report with at most 224 bytes of payload, or a request with at most 140.
+/// 1 when the frame was sent or waits for the peer to read; 0 for a closed connection, a payload
+/// that is too long, or a null one that is not empty.
+int velm_ipc_cmd_send_resp(velm_conn *conn, std::uint16_t type, std::uint32_t id,
+                           std::uint32_t status, const void *payload, std::size_t len);
+int velm_ipc_cmd_send_req(velm_conn *conn, std::uint16_t type, std::uint32_t id,
+                          const void *payload, std::size_t len);

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "handles/fd.h"
+
+/// The sockets of the location-policy IPC: AF_UNIX, SOCK_SEQPACKET, non-blocking. On failure they
+/// return none, with the reason in errno.
+
+/// sun_path less its terminator.
+inline constexpr unsigned velm_ipc_path_limit = 107;
+
+/// Makes the directory and those above it, mode 0700, like mkdir -p. A trailing "/" is ignored.
+/// False for a path that is empty or 256 characters or longer, and where something else than a
+/// directory stands in the way.
+[[nodiscard]] bool velm_ipc_socket_create_dir(const char *path);
+
+/// A socket that listens at the path, which others than the owner and the group cannot use. What
+/// was there before is removed and the parent directory made.
+/// Deliberately not close-on-exec, unlike the other descriptors of the process.
+[[nodiscard]] unique_fd velm_ipc_socket_listen(const char *path);
+
+/// A close-on-exec socket connected to a server's path.
+[[nodiscard]] unique_fd velm_ipc_socket_connect(const char *path);

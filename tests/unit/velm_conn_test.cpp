@@ -1,0 +1,293 @@
+#include "velm_conn.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <array>
+#include <string>
+
+#include "fakes/captured_log.h"
+#include "fakes/ipc_peer.h"
+#include "handles/libevent.h"
+
+namespace {
+
+std::vector<std::uint32_t> handled;
+
+int note_frame(velm_conn *, std::uint32_t id, std::uint16_t, const void *, std::size_t, std::time_t)
+{
+    handled.push_back(id);
+    return 1;
+}
+
+class Conn : public testing::Test {
+  protected:
+    Conn()
+    {
+        handled.clear();
+        int pair[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
+        peer.reset(pair[0]);
+        conn = velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, note_frame);
+    }
+
+    bool turn_until_closed()
+    {
+        return ipc_turn_until(base.get(), [this] { return velm_conn_is_closed(conn.get()); });
+    }
+
+    bool turn_until_handled(std::size_t count)
+    {
+        return ipc_turn_until(base.get(), [count] { return handled.size() >= count; });
+    }
+
+    /// Writes numbered packets until one must wait, and returns how many went out at once. The
+    /// kernel takes a bounded number, far below the bound of this loop.
+    std::uint32_t fill_socket()
+    {
+        std::uint32_t sent = 0;
+        while (sent < 10000 && event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED) == 1) {
+            write_number(sent++);
+        }
+        return sent - 1;
+    }
+
+    bool write_number(std::uint32_t number)
+    {
+        return velm_conn_write(conn.get(), ipc_frame(40960, number, ipc_bytes(224)));
+    }
+
+    /// The event that waits for the peer to read, the only one here with a time-out; null without.
+    event *waiting_event()
+    {
+        event *found = nullptr;
+        event_base_foreach_event(
+            base.get(),
+            [](const event_base *, const event *candidate, void *context) {
+                if (event_pending(candidate, EV_TIMEOUT, nullptr) != 0) {
+                    *static_cast<event **>(context) = const_cast<event *>(candidate);
+                }
+                return 0;
+            },
+            &found);
+        return found;
+    }
+
+    const event_base_ptr base{event_base_new()};
+    unique_fd peer;
+    velm_conn_ptr conn;
+};
+
+TEST_F(Conn, WhatIsWrittenLeavesAtOnceAsAPacketOfItsOwn)
+{
+    for (std::uint32_t number = 0; number < 3; ++number) {
+        EXPECT_TRUE(write_number(number));
+    }
+    for (std::uint32_t number = 0; number < 3; ++number) {
+        const auto packet = ipc_receive(peer);
+        ASSERT_TRUE(packet.has_value());
+        EXPECT_EQ(packet->size(), 240U);
+        EXPECT_EQ(ipc_header(*packet).id, number);
+    }
+    EXPECT_FALSE(ipc_receive(peer).has_value());
+}
+
+TEST_F(Conn, PacketsThatWaitedKeepTheirOrderAndTheirBounds)
+{
+    std::uint32_t count = fill_socket() + 1; // the last of these waits
+    for (int more = 0; more < 40; ++more) {
+        EXPECT_TRUE(write_number(count++));
+    }
+    std::uint32_t expected = 0;
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+        while (const auto packet = ipc_receive(peer)) {
+            EXPECT_EQ(packet->size(), 240U);
+            EXPECT_EQ(ipc_header(*packet).id, expected++);
+        }
+        return expected == count;
+    }));
+    EXPECT_FALSE(velm_conn_is_closed(conn.get()));
+}
+
+TEST_F(Conn, SixtyFourPacketsMayWaitAndOneMoreDropsAClientThatNeverReads)
+{
+    const captured_log log;
+    fill_socket(); // one packet waits now
+    for (std::size_t waiting = 1; waiting < velm_conn_queue_limit; ++waiting) {
+        ASSERT_TRUE(write_number(0)) << waiting;
+    }
+    EXPECT_FALSE(velm_conn_is_closed(conn.get()));
+    EXPECT_FALSE(write_number(0));
+    EXPECT_TRUE(velm_conn_is_closed(conn.get()));
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Write error"));
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Connection error: peer does not read"));
+    EXPECT_EQ(event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED), 0);
+}
+
+TEST_F(Conn, WhileAPacketWaitsItsTimeIsLimitedToFifteenSeconds)
+{
+    EXPECT_EQ(waiting_event(), nullptr);
+    fill_socket();
+    ASSERT_NE(waiting_event(), nullptr);
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    timeval due{};
+    event_pending(waiting_event(), EV_TIMEOUT, &due);
+    EXPECT_NEAR(static_cast<double>(due.tv_sec - now.tv_sec), 15.0, 2.0);
+}
+
+TEST_F(Conn, AWriteTimeOutEndsTheConnection)
+{
+    fill_socket();
+    const captured_log log;
+    ASSERT_NE(waiting_event(), nullptr);
+    event_active(waiting_event(), EV_TIMEOUT, 0);
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Write timeout"));
+}
+
+TEST_F(Conn, APeerThatClosesMarksItClosedAndGivesTheSocketBack)
+{
+    const captured_log log;
+    peer.reset();
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_TRUE(log.has("TRACE IPC_CONN - Connection closed"));
+    EXPECT_EQ(event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED), 0);
+    EXPECT_FALSE(write_number(1));
+}
+
+TEST_F(Conn, TheEndIsReportedOnceAlsoWhenWritingAndReadingFailTogether)
+{
+    const captured_log log;
+    peer.reset();
+    EXPECT_FALSE(write_number(1));
+    EXPECT_FALSE(write_number(2));
+    ipc_turn(base.get());
+    EXPECT_EQ(log.count("Write error"), 1);
+    EXPECT_EQ(log.count("Connection error: Broken pipe"), 1);
+    EXPECT_EQ(log.count("Connection closed"), 0);
+}
+
+TEST_F(Conn, AReadErrorIsReportedWithItsText)
+{
+    const captured_log log;
+    write_number(1); // the peer leaves without reading it, which resets the connection
+    peer.reset();
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Read error"));
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Connection error: Connection reset by peer"));
+}
+
+TEST_F(Conn, RequestsSentBeforeThePeerLeftAreStillHandled)
+{
+    ipc_send(peer, ipc_request(1));
+    ipc_send(peer, ipc_request(2));
+    peer.reset();
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_EQ(handled, (std::vector<std::uint32_t>{1, 2}));
+}
+
+TEST_F(Conn, AnEmptyPacketIsNoEndOfTheStream)
+{
+    ASSERT_TRUE(ipc_send(peer, {}));
+    ASSERT_TRUE(ipc_send(peer, ipc_request(3)));
+    EXPECT_TRUE(turn_until_handled(1));
+    EXPECT_FALSE(velm_conn_is_closed(conn.get()));
+}
+
+TEST_F(Conn, AnEmptyPacketBeforeALastRequestOfALeavingPeerLosesNothing)
+{
+    ipc_send(peer, {});
+    ipc_send(peer, ipc_request(3));
+    peer.reset();
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_EQ(handled, std::vector<std::uint32_t>{3});
+}
+
+TEST_F(Conn, TwentySixRequestsInOnePacketAreAllHandled)
+{
+    ipc_bytes packet;
+    for (std::uint32_t id = 1; id <= 26; ++id) {
+        const ipc_bytes request = ipc_request(id);
+        packet.insert(packet.end(), request.begin(), request.end());
+    }
+    ASSERT_TRUE(ipc_send(peer, packet));
+    EXPECT_TRUE(turn_until_handled(26));
+    EXPECT_EQ(handled.back(), 26U);
+}
+
+TEST_F(Conn, ALongPacketIsReadWhole)
+{
+    ipc_bytes packet = ipc_frame(4096, 1, ipc_bytes(65535, 0xee)); // skipped
+    const ipc_bytes request = ipc_request(2);
+    packet.insert(packet.end(), request.begin(), request.end());
+    ASSERT_TRUE(ipc_send(peer, packet));
+    EXPECT_TRUE(turn_until_handled(1));
+    EXPECT_EQ(handled, std::vector<std::uint32_t>{2});
+}
+
+TEST_F(Conn, APacketTooLongToReadWholeEndsTheConnectionInsteadOfLosingBytes)
+{
+    const int size = 1 << 20;
+    if (setsockopt(peer.get(), SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
+        GTEST_SKIP() << "only a privileged client can send packets of this length";
+    }
+    const captured_log log;
+    ASSERT_TRUE(ipc_send(peer, ipc_bytes(2 * 212992 + 1)));
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Unexpected error in read cb"));
+}
+
+TEST_F(Conn, ARequestInTwoPacketsIsHandledOnce)
+{
+    const ipc_bytes request = ipc_request(4);
+    ipc_send(peer, ipc_bytes(request.begin(), request.begin() + 78));
+    ipc_turn(base.get());
+    EXPECT_TRUE(handled.empty());
+    ipc_send(peer, ipc_bytes(request.begin() + 78, request.end()));
+    EXPECT_TRUE(turn_until_handled(1));
+    EXPECT_EQ(handled, std::vector<std::uint32_t>{4});
+}
+
+TEST_F(Conn, OnePacketIsReadALoopTurn)
+{
+    for (std::uint32_t id = 1; id <= 3; ++id) {
+        ipc_send(peer, ipc_request(id));
+    }
+    event_base_loop(base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    EXPECT_EQ(handled.size(), 1U);
+}
+
+TEST_F(Conn, DestroyingClosesTheSocket)
+{
+    const captured_log log;
+    conn.reset();
+    EXPECT_EQ(ipc_receive(peer), ipc_bytes{});
+    EXPECT_TRUE(log.has("TRACE IPC_CONN - Conn delete"));
+}
+
+TEST_F(Conn, DestroyingNothingIsOnlyLogged)
+{
+    const captured_log log;
+    velm_conn_destroy(nullptr);
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"TRACE IPC_CONN - Conn already deleted"});
+}
+
+TEST_F(Conn, ADescriptorThatCannotBeWatchedMakesNoConnection)
+{
+    const captured_log log;
+    unique_fd file{open("/proc/self/exe", O_RDONLY | O_CLOEXEC)};
+    const int number = file.get();
+    EXPECT_EQ(velm_conn_create(base.get(), std::move(file), nullptr, note_frame), nullptr);
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Cannot enable event read/write"));
+    EXPECT_EQ(fcntl(number, F_GETFD), -1) << "the descriptor leaked";
+}
+
+TEST_F(Conn, HandsTheServerBack)
+{
+    EXPECT_EQ(velm_conn_server(conn.get()), nullptr);
+}
+
+} // namespace
