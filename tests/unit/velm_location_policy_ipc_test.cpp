@@ -315,6 +315,7 @@ TEST_F(LocationPolicy, NothingIsSentBeforeTheLoopTurns)
     const unique_fd client = connect();
     deliver();
     EXPECT_FALSE(ipc_receive(client).has_value());
+    EXPECT_TRUE(next_packet(client).has_value());
 }
 
 struct time_case {

@@ -1,0 +1,352 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+
+#include "fakes/captured_log.h"
+#include "fakes/ipc_peer.h"
+#include "handles/libevent.h"
+#include "velm_conn.h"
+#include "velm_ipc.h"
+
+extern char **environ;
+
+namespace {
+
+/// A program run beside the loop; ended with the object if it has not ended by itself.
+class child {
+  public:
+    explicit child(const std::vector<std::string> &arguments)
+    {
+        std::vector<char *> argv;
+        for (const std::string &argument : arguments) {
+            argv.push_back(const_cast<char *>(argument.c_str()));
+        }
+        argv.push_back(nullptr);
+        const unique_fd out_end = open_pipe(out_);
+        const unique_fd error_end = open_pipe(error_);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out_end.get(), STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, error_end.get(), STDERR_FILENO);
+        EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+    }
+    child(const child &) = delete;
+    child &operator=(const child &) = delete;
+    ~child()
+    {
+        if (pid_ > 0 && !status_.has_value()) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+    bool has_ended()
+    {
+        drain(out_, out);
+        drain(error_, error);
+        int status = 0;
+        if (!status_.has_value() && waitpid(pid_, &status, WNOHANG) == pid_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            drain(out_, out);
+            drain(error_, error);
+        }
+        return status_.has_value();
+    }
+    [[nodiscard]] int exit_status() const
+    {
+        return status_.value_or(-1);
+    }
+
+    std::string out;
+    std::string error;
+
+  private:
+    static unique_fd open_pipe(unique_fd &read_end)
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        read_end.reset(ends[0]);
+        fcntl(ends[0], F_SETFL, O_NONBLOCK);
+        return unique_fd{ends[1]};
+    }
+    static void drain(const unique_fd &from, std::string &to)
+    {
+        std::array<char, 4096> buffer{};
+        for (ssize_t size = 0; (size = read(from.get(), buffer.data(), buffer.size())) > 0;) {
+            to.append(buffer.data(), static_cast<std::size_t>(size));
+        }
+    }
+
+    pid_t pid_ = -1;
+    unique_fd out_;
+    unique_fd error_;
+    std::optional<int> status_;
+};
+
+std::vector<std::uint16_t> asked_timeouts;
+std::function<int(velm_ipc *server, std::uint32_t seq)> on_request;
+
+int take_request(velm_ipc *server, std::uint32_t seq, std::uint16_t, const void *payload,
+                 std::size_t)
+{
+    velm_location_request request{};
+    std::memcpy(&request, payload, sizeof request);
+    asked_timeouts.push_back(request.timeout);
+    return on_request == nullptr ? 1 : on_request(server, seq);
+}
+
+velm_location_report sample_report()
+{
+    velm_location_report report{};
+    report.valid = 1;
+    report.latitude = 52.25;
+    report.longitude = 21.5;
+    report.horizontal_uncertainty1 = 4.5;
+    report.rssi = -54;
+    std::strcpy(report.phone_model, "iPhone15,2");
+    return report;
+}
+
+int broadcast(velm_ipc *server, const velm_location_report &report)
+{
+    return velm_ipc_broadcast_report(server, &report, sizeof report);
+}
+
+class IpcClients : public testing::Test {
+  protected:
+    IpcClients()
+    {
+        asked_timeouts.clear();
+        on_request = nullptr;
+        server = velm_ipc_create(base.get(), nullptr, socket_path.c_str());
+        EXPECT_NE(server, nullptr);
+        velm_ipc_set_cmd_handler(server.get(), take_request);
+    }
+
+    [[nodiscard]] std::vector<std::string> velmctl(std::vector<std::string> arguments) const
+    {
+        arguments.insert(arguments.begin(), VELMCTL);
+        arguments.insert(arguments.end(), {"--socket", socket_path});
+        return arguments;
+    }
+
+    int run(child &program)
+    {
+        EXPECT_TRUE(ipc_turn_until(base.get(), [&program] { return program.has_ended(); }));
+        return program.exit_status();
+    }
+
+    const temporary_directory directory;
+    const std::string socket_path = directory.path() + "/socket";
+    const event_base_ptr base{event_base_new()};
+    velm_ipc_ptr server;
+};
+
+TEST_F(IpcClients, LocateAsksAndPrintsTheReport)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
+    child program{velmctl({"locate", "--timeout", "515", "--wait", "9"})};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{515});
+    EXPECT_NE(program.out.find("position: 52.2500000, 21.5000000\n"), std::string::npos);
+    EXPECT_NE(program.out.find("phone model: iPhone15,2\n"), std::string::npos);
+    EXPECT_EQ(program.error, "");
+}
+
+TEST_F(IpcClients, LocateAsksForSixtySecondsUnlessToldOtherwise)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{60});
+}
+
+TEST_F(IpcClients, LocatePrintsOneJsonObject)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
+    child program{velmctl({"locate", "--json"})};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(program.out.find("{\"kind\":\"report\",\"type\":40960,\"id\":1,"), 0U);
+    EXPECT_EQ(std::count(program.out.begin(), program.out.end(), '\n'), 1);
+}
+
+TEST_F(IpcClients, LocateEndsWithThreeWhenNoPhoneIsPaired)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t seq) {
+        const velm_location_report none{};
+        return velm_ipc_respond(asked, seq, &none, sizeof none, VELM_STATUS_NO_PAIRED_DEVICES);
+    };
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 3);
+    EXPECT_EQ(program.out, "");
+    EXPECT_EQ(program.error, "velmctl: no phone is paired\n");
+}
+
+TEST_F(IpcClients, LocatePrintsTheAnswerAsJsonToo)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t seq) {
+        return velm_ipc_respond(asked, seq, nullptr, 0, VELM_STATUS_NO_PAIRED_DEVICES);
+    };
+    child program{velmctl({"locate", "--json"})};
+    EXPECT_EQ(run(program), 3);
+    EXPECT_NE(program.out.find("\"status_text\":\"no paired devices\"}"), std::string::npos);
+}
+
+TEST_F(IpcClients, LocateEndsWithFiveWhenTheDaemonIsBusy)
+{
+    on_request = [](velm_ipc *, std::uint32_t) { return 0; };
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 5);
+    EXPECT_EQ(program.error, "velmctl: the daemon is busy\n");
+}
+
+TEST_F(IpcClients, LocateEndsWithFourWhenTheTimeIsUp)
+{
+    child program{velmctl({"locate", "--wait", "1"})};
+    EXPECT_EQ(run(program), 4);
+    EXPECT_EQ(asked_timeouts.size(), 1U);
+    EXPECT_EQ(program.error, "velmctl: no location came in time\n");
+}
+
+TEST_F(IpcClients, LocateFailsWhenTheDaemonGoes)
+{
+    child program{velmctl({"locate"})};
+    EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
+    server.reset();
+    EXPECT_EQ(run(program), 1);
+    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection\n");
+}
+
+TEST_F(IpcClients, LocateFailsWhereNobodyListens)
+{
+    server.reset();
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 1);
+    EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
+}
+
+TEST_F(IpcClients, LocatePassesOverFramesThatMakeNoSense)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) {
+        velm_ipc_broadcast_report(asked, "short", 5);
+        return broadcast(asked, sample_report());
+    };
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(program.error, "velmctl: passed over a frame of type 40960\n");
+}
+
+TEST_F(IpcClients, AHostileReportCannotForgeLines)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) {
+        velm_location_report report = sample_report();
+        std::fill(std::begin(report.phone_model), std::end(report.phone_model), '\n');
+        std::fill(std::begin(report.os_version), std::end(report.os_version), '\x1b');
+        return broadcast(asked, report);
+    };
+    child program{velmctl({"locate"})};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_NE(program.out.find("phone model: " + std::string(64, '?') + "\n"), std::string::npos);
+    EXPECT_NE(program.out.find("phone os: " + std::string(64, '?') + "\n"), std::string::npos);
+    EXPECT_EQ(std::count(program.out.begin(), program.out.end(), '\n'), 12);
+}
+
+TEST_F(IpcClients, WatchPrintsReportsAsTheyComeAndAsksNothing)
+{
+    child program{velmctl({"watch", "--json", "--wait", "2"})};
+    const captured_log log;
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&log] { return log.contains("Connection accepted"); }));
+    for (int line = 1; line <= 3; ++line) {
+        broadcast(server.get(), sample_report());
+        EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+            return program.has_ended() ||
+                   std::count(program.out.begin(), program.out.end(), '\n') == line;
+        }));
+        EXPECT_FALSE(program.has_ended()) << program.error;
+    }
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(std::count(program.out.begin(), program.out.end(), '\n'), 3);
+    EXPECT_TRUE(asked_timeouts.empty());
+}
+
+TEST_F(IpcClients, WatchEndsWithFourWhenNothingCame)
+{
+    child program{velmctl({"watch", "--wait", "1"})};
+    EXPECT_EQ(run(program), 4);
+    EXPECT_EQ(program.out, "");
+}
+
+struct usage_case {
+    const char *name;
+    std::vector<std::string> arguments;
+};
+class VelmctlUsage : public IpcClients, public testing::WithParamInterface<usage_case> {};
+
+TEST_P(VelmctlUsage, IsRefusedWithTwoAndTheUsage)
+{
+    std::vector<std::string> arguments = GetParam().arguments;
+    arguments.insert(arguments.begin(), VELMCTL);
+    child program{arguments};
+    EXPECT_EQ(run(program), 2);
+    EXPECT_NE(program.error.find("usage: velmctl locate"), std::string::npos);
+    EXPECT_EQ(program.out, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CommandLines, VelmctlUsage,
+    testing::Values(usage_case{"NoCommand", {}}, usage_case{"UnknownCommand", {"find"}},
+                    usage_case{"TwoCommands", {"locate", "watch"}},
+                    usage_case{"UnknownOption", {"locate", "--loud"}},
+                    usage_case{"NoValue", {"locate", "--socket"}},
+                    usage_case{"TimeoutTooLarge", {"locate", "--timeout", "65536"}},
+                    usage_case{"TimeoutNoNumber", {"locate", "--timeout", "1s"}},
+                    usage_case{"TimeoutEmpty", {"locate", "--timeout", ""}},
+                    usage_case{"WaitNegative", {"locate", "--wait", "-1"}},
+                    usage_case{"WatchWithTimeout", {"watch", "--timeout", "5"}}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(IpcClients, HelpIsNoFailure)
+{
+    child program{{VELMCTL, "--help"}};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(program.out.find("usage: velmctl locate"), 0U);
+}
+
+TEST_F(IpcClients, APathTooLongForASocketFails)
+{
+    child program{{VELMCTL, "locate", "--socket", std::string(108, 's')}};
+    EXPECT_EQ(run(program), 1);
+    EXPECT_EQ(program.error, "velmctl: a socket path has 1 to 107 characters\n");
+}
+
+TEST_F(IpcClients, TheExampleOfTheDocumentPrintsTheLocation)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
+    child program{{IPC_EXAMPLE, socket_path}};
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(program.out, "52.250000 21.500000 +-4.5 m\n");
+    EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{60});
+}
+
+TEST_F(IpcClients, TheExampleOfTheDocumentUnderstandsThatNoPhoneIsPaired)
+{
+    on_request = [](velm_ipc *asked, std::uint32_t seq) {
+        const velm_location_report none{};
+        return velm_ipc_respond(asked, seq, &none, sizeof none, VELM_STATUS_NO_PAIRED_DEVICES);
+    };
+    child program{{IPC_EXAMPLE, socket_path}};
+    EXPECT_EQ(run(program), 3);
+    EXPECT_EQ(program.error, "status 3\n");
+}
+
+} // namespace

@@ -1,0 +1,222 @@
+#include "velmctl_print.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <system_error>
+
+namespace {
+
+constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
+
+[[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...)
+{
+    std::array<char, 1024> line{}; // two numbers of 310 digits fit
+    va_list arguments;
+    va_start(arguments, pattern);
+    std::vsnprintf(line.data(), line.size(), pattern, arguments);
+    va_end(arguments);
+    return line.data();
+}
+
+struct utf8_row {
+    unsigned char mask, lead; // of the first byte
+    std::size_t length;
+    char32_t least; // smaller ones are written too long
+};
+constexpr utf8_row utf8_rows[] = {
+    {0x80, 0x00, 1, 0x0},
+    {0xe0, 0xc0, 2, 0x80},
+    {0xf0, 0xe0, 3, 0x800},
+    {0xf8, 0xf0, 4, 0x10000},
+};
+
+struct character {
+    char32_t code = 0;
+    std::size_t length = 0; // 0: no character begins here
+};
+
+bool is_scalar_value(char32_t code)
+{
+    return code <= 0x10ffff && (code < 0xd800 || code > 0xdfff);
+}
+
+character next_character(std::string_view text)
+{
+    const auto first = static_cast<unsigned char>(text.front());
+    for (const utf8_row &row : utf8_rows) {
+        if ((first & row.mask) != row.lead || text.size() < row.length) {
+            continue;
+        }
+        char32_t code = first & static_cast<unsigned char>(~row.mask);
+        for (const char next : text.substr(1, row.length - 1)) {
+            const auto byte = static_cast<unsigned char>(next);
+            if ((byte & 0xc0) != 0x80) {
+                return {};
+            }
+            code = (code << 6) | (byte & 0x3fU);
+        }
+        return code >= row.least && is_scalar_value(code) ? character{code, row.length}
+                                                          : character{};
+    }
+    return {};
+}
+
+bool is_control(char32_t code)
+{
+    return code < 0x20 || (code >= 0x7f && code < 0xa0);
+}
+
+/// `special` gives what stands for a character, or nothing when it stands for itself.
+std::string rewrite(std::string_view text, std::string (*special)(char32_t code))
+{
+    std::string out;
+    while (!text.empty()) {
+        const character next = next_character(text);
+        if (next.length == 0) {
+            out += replacement;
+            text.remove_prefix(1);
+            continue;
+        }
+        const std::string instead = special(next.code);
+        out += instead.empty() ? text.substr(0, next.length) : std::string_view{instead};
+        text.remove_prefix(next.length);
+    }
+    return out;
+}
+
+/// As short as it can be without losing a bit.
+std::string json_number(double number)
+{
+    if (!std::isfinite(number)) {
+        return "null";
+    }
+    std::array<char, 32> text{};
+    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc{} ? std::string{text.data(), end} : "null";
+}
+
+std::string json_string(std::string_view text)
+{
+    return '"' + velmctl_text_for_json(text) + '"';
+}
+
+std::string ip_to_text(const velm_location_report &report)
+{
+    const std::uint8_t *const ip = report.phone_ip;
+    return format("%u.%u.%u.%u", ip[0], ip[1], ip[2], ip[3]);
+}
+
+std::string bssid_to_text(const velm_location_report &report)
+{
+    const std::uint8_t *const mac = report.bssid;
+    return format("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+}
+
+std::string json_header(const char *kind, const velm_frame_header &header)
+{
+    return format("{\"kind\":\"%s\",\"type\":%u,\"id\":%u,\"sent\":%u,\"sent_iso\":\"%s\","
+                  "\"status\":%u",
+                  kind, header.type, header.id, header.time,
+                  velmctl_time_to_text(header.time).c_str(), header.status);
+}
+
+const char *status_to_text(std::uint32_t status)
+{
+    switch (status) {
+    case VELM_STATUS_OK:
+        return "ok";
+    case VELM_STATUS_BUSY:
+        return "busy";
+    case VELM_STATUS_NO_PAIRED_DEVICES:
+        return "no paired devices";
+    default:
+        return "unknown";
+    }
+}
+
+} // namespace
+
+std::string velmctl_time_to_text(std::uint32_t time)
+{
+    const auto seconds = static_cast<std::time_t>(time);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 32> text{};
+    std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text.data();
+}
+
+std::string_view velmctl_field(std::span<const char> field)
+{
+    const auto end = std::find(field.begin(), field.end(), '\0');
+    return {field.data(), static_cast<std::size_t>(end - field.begin())};
+}
+
+std::string velmctl_text_for_terminal(std::string_view text)
+{
+    return rewrite(text, [](char32_t code) { return std::string{is_control(code) ? "?" : ""}; });
+}
+
+std::string velmctl_text_for_json(std::string_view text)
+{
+    return rewrite(text, [](char32_t code) -> std::string {
+        if (code == '"' || code == '\\') {
+            return {'\\', static_cast<char>(code)};
+        }
+        return is_control(code) ? format("\\u%04x", static_cast<unsigned>(code)) : "";
+    });
+}
+
+std::string velmctl_report_to_text(const velm_frame_header &header,
+                                   const velm_location_report &report)
+{
+    std::string out = format("report: %u%s\n", header.id, report.valid == 1 ? "" : " (not valid)");
+    out += "time: " + velmctl_time_to_text(report.time) + '\n';
+    out += format("position: %.7f, %.7f\n", report.latitude, report.longitude);
+    out +=
+        format("horizontal uncertainty: %g m, %g m, orientation %g\n",
+               report.horizontal_uncertainty1, report.horizontal_uncertainty2, report.orientation);
+    out += format("height: %g m, kind %u\n", report.height, report.height_kind);
+    out += format("vertical uncertainty: %g m\n", report.vertical_uncertainty);
+    out += format("rssi: %d dBm\n", report.rssi);
+    out += "bssid: " + (report.bssid_present != 0 ? bssid_to_text(report) : "none") + '\n';
+    out += "phone model: " + velmctl_text_for_terminal(velmctl_field(report.phone_model)) + '\n';
+    out += "phone os: " + velmctl_text_for_terminal(velmctl_field(report.os_version)) + '\n';
+    out += "phone ip: " + ip_to_text(report) + '\n';
+    return out + '\n';
+}
+
+std::string velmctl_report_to_json(const velm_frame_header &header,
+                                   const velm_location_report &report)
+{
+    std::string out = json_header("report", header);
+    out += format(",\"valid\":%u", report.valid);
+    out += ",\"phone_ip\":" + json_string(ip_to_text(report));
+    out += ",\"os_version\":" + json_string(velmctl_field(report.os_version));
+    out += ",\"phone_model\":" + json_string(velmctl_field(report.phone_model));
+    out += format(",\"time\":%u", report.time);
+    out += ",\"time_iso\":" + json_string(velmctl_time_to_text(report.time));
+    out += format(",\"bssid_present\":%u", report.bssid_present);
+    out += ",\"bssid\":" + json_string(bssid_to_text(report));
+    out += format(",\"rssi\":%d", report.rssi);
+    out += ",\"latitude\":" + json_number(report.latitude);
+    out += ",\"longitude\":" + json_number(report.longitude);
+    out += ",\"horizontal_uncertainty1\":" + json_number(report.horizontal_uncertainty1);
+    out += ",\"horizontal_uncertainty2\":" + json_number(report.horizontal_uncertainty2);
+    out += ",\"orientation\":" + json_number(report.orientation);
+    out += ",\"height\":" + json_number(report.height);
+    out += format(",\"height_kind\":%u", report.height_kind);
+    out += ",\"vertical_uncertainty\":" + json_number(report.vertical_uncertainty);
+    return out + "}\n";
+}
+
+std::string velmctl_answer_to_json(const velm_frame_header &header)
+{
+    return json_header("answer", header) +
+           format(",\"status_text\":\"%s\"}\n", status_to_text(header.status));
+}
