@@ -192,6 +192,8 @@ TEST_F(Conn, RequestsSentBeforeThePeerLeftAreStillHandled)
 TEST_F(Conn, AnEmptyPacketIsNoEndOfTheStream)
 {
     ASSERT_TRUE(ipc_send(peer, {}));
+    ASSERT_TRUE(ipc_send(peer, {}));
+    ipc_turn(base.get());
     ASSERT_TRUE(ipc_send(peer, ipc_request(3)));
     EXPECT_TRUE(turn_until_handled(1));
     EXPECT_FALSE(velm_conn_is_closed(conn.get()));
