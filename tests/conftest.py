@@ -1,0 +1,17 @@
+"""What all Python tests share: which build they look at."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import pytest
+
+REPOSITORY = Path(__file__).resolve().parents[1]
+
+
+def pytest_addoption(parser: pytest.Parser) -> None:
+    parser.addoption(
+        "--build",
+        default=str(REPOSITORY / "build" / "release"),
+        help="build directory of the daemon under test; its name says whether it is instrumented",
+    )
