@@ -1,0 +1,57 @@
+"""A build of the daemon: where its programs are and what its sanitizers need."""
+
+from __future__ import annotations
+
+import functools
+import subprocess
+import sysconfig
+from pathlib import Path
+
+PROGRAMS = ("velmd", "nvram", "velmctl")
+
+
+class BuildError(RuntimeError):
+    """The build is not there or lacks something."""
+
+
+class Build:
+    """A CMake build directory, such as build/release; the one named asan is instrumented."""
+
+    def __init__(self, directory: Path | str) -> None:
+        self.directory = Path(directory).resolve()
+        self.is_asan = "asan" in self.directory.name
+        missing = [name for name in PROGRAMS if not self.program(name).is_file()]
+        if missing:
+            raise BuildError(f"{self.directory} lacks {', '.join(missing)}: build it first")
+
+    def program(self, name: str) -> Path:
+        return self.directory / "bin" / name
+
+    @functools.cached_property
+    def leak_probe(self) -> Path:
+        """A library that makes an instrumented daemon look for leaks when told to."""
+        source = Path(__file__).with_name("leak_probe.c")
+        library = self.directory / "leak_probe.so"
+        if not library.exists() or library.stat().st_mtime < source.stat().st_mtime:
+            command = ["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", library, source]
+            subprocess.run(command, check=True)
+        return library
+
+    def sanitizer_environment(self, log: Path) -> dict[str, str]:
+        """Reports go to `log`.PID; leaks are looked for on request only."""
+        common = f"log_path={log}:halt_on_error=1:abort_on_error=0:exitcode=99"
+        return {
+            # A preloaded clock or probe may stand before the runtime: nothing they define matters.
+            "ASAN_OPTIONS": f"{common}:verify_asan_link_order=0:detect_leaks=1"
+            ":leak_check_at_exit=0:detect_stack_use_after_return=1:strict_string_checks=1",
+            "UBSAN_OPTIONS": f"{common}:print_stacktrace=1",
+        }
+
+
+def faketime_library() -> Path:
+    """The library that moves the clock of the program that preloads it."""
+    triplet = sysconfig.get_config_var("MULTIARCH") or "*"
+    found = sorted(Path("/usr/lib").glob(f"{triplet}/faketime/libfaketime.so.1"))
+    if not found:
+        raise BuildError("libfaketime is not installed")
+    return found[0]

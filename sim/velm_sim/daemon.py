@@ -1,0 +1,258 @@
+"""One run of velmd: started in its namespaces, watched from outside, ended, judged."""
+
+from __future__ import annotations
+
+import os
+import re
+import signal
+import subprocess
+import time
+from collections.abc import Callable
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from .build import Build, faketime_library
+
+TCP_LISTEN = "0A"
+UNIX_ACCEPTS = 0x10000
+
+
+class DaemonError(RuntimeError):
+    """The daemon did not do what a caller waited for."""
+
+
+class SanitizerError(AssertionError):
+    """A sanitizer reported something, or the daemon leaked."""
+
+
+def wait_until(condition: Callable[[], object], timeout: float, what: str) -> None:
+    """Returns as soon as the condition holds; `TimeoutError` with `what` when it never does."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        if time.monotonic() > deadline:
+            raise TimeoutError(f"after {timeout} s: {what}")
+        time.sleep(0.005)
+
+
+@dataclass
+class Daemon:
+    """velmd started by `command` (which becomes the daemon, under the same pid).
+
+    `directory` takes its standard output, its log "velmd.log" and the sanitizers' reports.
+    """
+
+    build: Build
+    directory: Path
+    command: list[str]
+    environment: dict[str, str]
+    port: int
+    socket_path: Path
+    pid_file: Path | None = None
+    clock: bool = False
+    process: subprocess.Popen[bytes] | None = None
+    pid: int = 0
+    judged: set[Path] = field(default_factory=set)
+
+    # Start and end.
+
+    def start(self) -> None:
+        """Starts without waiting for anything."""
+        environment = {**os.environ, **self.environment}
+        preload = []
+        if self.build.is_asan:
+            environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
+            environment["VELM_LEAK_PROBE_DONE"] = str(self._leak_verdict)
+            preload.append(str(self.build.leak_probe))
+        if self.clock:
+            self.move_clock(0)
+            environment.update(
+                FAKETIME_TIMESTAMP_FILE=str(self._clock_file),
+                FAKETIME_NO_CACHE="1",
+                FAKETIME_DONT_FAKE_MONOTONIC="1",
+                NO_FAKE_STAT="1",
+            )
+            preload.append(str(faketime_library()))
+        # Only the daemon itself gets the preloads, not the commands that lead to it.
+        environment["VELM_PRELOAD"] = " ".join(preload)
+        with open(self.directory / "stdout", "ab") as output:
+            self.process = subprocess.Popen(
+                self.command,
+                env=environment,
+                stdin=subprocess.DEVNULL,
+                stdout=output,
+                stderr=subprocess.STDOUT,
+            )
+        self.pid = self.process.pid
+        if self.pid_file:
+            self._follow_detached()
+
+    def _follow_detached(self) -> None:
+        """The started process ends at once; the pid file names the one that goes on."""
+        assert self.process and self.pid_file
+        file = self.pid_file
+        if self.process.wait(timeout=10) != 0:
+            raise DaemonError(f"detaching ended with {self.process.returncode}")
+        wait_until(lambda: file.exists() and file.read_text().endswith("\n"), 10, "pid file")
+        self.pid = int(file.read_text())
+        self.process = None
+
+    def wait_until_serving(self, timeout: float = 10.0) -> None:
+        """Returns when HTTPS and IPC listen."""
+
+        def serving() -> bool:
+            if not self.alive():
+                raise DaemonError(f"velmd ended with {self.exit_status()}\n{self.tail()}")
+            return bool(self.https_listener()) and bool(self.ipc_listener())
+
+        try:
+            wait_until(serving, timeout, "velmd does not listen")
+        except TimeoutError as problem:
+            raise DaemonError(f"{problem}\n{self.tail()}") from None
+
+    def stop(self) -> None:
+        """Ends the daemon. A sanitizer report or a leak is an error."""
+        was_alive = self.alive()
+        try:
+            if was_alive and self.build.is_asan:
+                self.check_leaks()
+        finally:
+            self.kill()
+        self.check_sanitizers()
+
+    def kill(self, number: signal.Signals = signal.SIGTERM) -> None:
+        if self.alive():
+            os.kill(self.pid, number)
+            wait_until(lambda: not self.alive(), 10, f"pid {self.pid} does not end")
+
+    def alive(self) -> bool:
+        if not self.pid:
+            return False
+        if self.process:
+            return self.process.poll() is None
+        try:
+            state = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()[0]
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+        return state not in "ZX"
+
+    def exit_status(self) -> int | None:
+        return self.process.poll() if self.process else None
+
+    # Watching.
+
+    def https_listener(self) -> str:
+        """The kernel's number of the listening HTTPS socket, empty when nothing listens."""
+        for line in self._proc("net/tcp").splitlines()[1:]:
+            columns = line.split()
+            if columns[3] == TCP_LISTEN and int(columns[1].rpartition(":")[2], 16) == self.port:
+                return columns[9]
+        return ""
+
+    def ipc_listener(self) -> str:
+        for line in self._proc("net/unix").splitlines()[1:]:
+            columns = line.split()
+            if columns[-1] == str(self.socket_path) and int(columns[3], 16) & UNIX_ACCEPTS:
+                return columns[6]
+        return ""
+
+    def _proc(self, name: str) -> str:
+        try:
+            return Path(f"/proc/{self.pid}/{name}").read_text()
+        except OSError:
+            return ""
+
+    def resident_kib(self) -> int:
+        found = re.search(r"VmRSS:\s+(\d+)", self._proc("status"))
+        return int(found.group(1)) if found else 0
+
+    def descriptors(self) -> int:
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def cpu_seconds(self) -> float:
+        fields = self._proc("stat").rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+    # The log.
+
+    @property
+    def log_file(self) -> Path:
+        return self.directory / "velmd.log"
+
+    def log(self, start: int = 0) -> str:
+        """What was logged since the mark `start`."""
+        try:
+            return self.log_file.read_bytes()[start:].decode(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def log_mark(self) -> int:
+        try:
+            return self.log_file.stat().st_size
+        except FileNotFoundError:
+            return 0
+
+    def wait_log(self, text: str, *, start: int = 0, count: int = 1, timeout: float = 10.0) -> str:
+        """The log once it holds `text` that often; `TimeoutError` otherwise."""
+        wait_until(lambda: self.log(start).count(text) >= count, timeout, f"no log line {text!r}")
+        return self.log(start)
+
+    def tail(self, lines: int = 60) -> str:
+        """The end of what the daemon said, for people."""
+        try:
+            output = (self.directory / "stdout").read_text(errors="replace")
+        except FileNotFoundError:
+            output = ""
+        parts = [f"-- {self.log_file}", *self.log().splitlines()[-lines:]]
+        return "\n".join([*parts, "-- standard output and error", *output.splitlines()[-lines:]])
+
+    # Changing its world.
+
+    @property
+    def _clock_file(self) -> Path:
+        return self.directory / "clock"
+
+    def move_clock(self, seconds: float) -> None:
+        """The daemon's wall clock is off by that much from now on; its timers run as ever."""
+        if not self.clock:
+            raise DaemonError("started without a clock that can be moved")
+        next_file = self.directory / "clock.next"
+        next_file.write_text(f"{seconds:+.3f}\n")
+        next_file.replace(self._clock_file)
+
+    def reload(self, timeout: float = 10.0) -> None:
+        """SIGHUP, and the wait until new listeners have taken the place of the old ones."""
+        before = (self.https_listener(), self.ipc_listener())
+        os.kill(self.pid, signal.SIGHUP)
+
+        def replaced() -> bool:
+            if not self.alive():
+                raise DaemonError(f"velmd ended with {self.exit_status()}\n{self.tail()}")
+            after = (self.https_listener(), self.ipc_listener())
+            return all(after) and after[0] != before[0] and after[1] != before[1]
+
+        wait_until(replaced, timeout, "the servers did not come back after SIGHUP")
+
+    # Judging.
+
+    @property
+    def _leak_verdict(self) -> Path:
+        return self.directory / "leak-verdict"
+
+    def check_leaks(self, timeout: float = 20.0) -> None:
+        """Makes an instrumented daemon look for leaks now."""
+        self._leak_verdict.unlink(missing_ok=True)
+        os.kill(self.pid, signal.SIGUSR2)
+        wait_until(
+            lambda: not self.alive() or self._leak_verdict.exists(), timeout, "no leak check"
+        )
+        self.check_sanitizers()
+
+    def sanitizer_reports(self) -> list[Path]:
+        return sorted(self.directory.glob("sanitizer.*"))
+
+    def check_sanitizers(self) -> None:
+        """`SanitizerError` with every report not yet raised."""
+        fresh = [path for path in self.sanitizer_reports() if path not in self.judged]
+        self.judged.update(fresh)
+        if fresh:
+            raise SanitizerError("\n".join(path.read_text(errors="replace") for path in fresh))
