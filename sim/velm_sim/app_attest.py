@@ -40,7 +40,7 @@ AAGUID_PRODUCTION = b"appattest" + bytes(7)
 AAGUID_DEVELOPMENT = b"appattestdevelop"
 FLAGS = 0x40
 # As long as the receipts of real phones, so that our objects have their size.
-RECEIPT_LENGTH = 3700
+RECEIPT_LENGTH = 3993
 
 Edit = Callable[[dict[Any, Any]], Any]
 

@@ -120,9 +120,14 @@ class Daemon:
         self.check_sanitizers()
 
     def kill(self, number: signal.Signals = signal.SIGTERM) -> None:
-        if self.alive():
-            os.kill(self.pid, number)
+        if not self.alive():
+            return
+        os.kill(self.pid, number)
+        try:
             wait_until(lambda: not self.alive(), 10, f"pid {self.pid} does not end")
+        except TimeoutError:
+            os.kill(self.pid, signal.SIGKILL)
+            raise
 
     def alive(self) -> bool:
         if not self.pid:

@@ -1,0 +1,25 @@
+#!/bin/sh
+# Shows the main job: a local client asks for the location, a paired phone delivers it.
+# Installs what is missing and builds first. Options:
+#   --stay   leave everything running and print commands to try by hand
+set -eu
+cd "$(dirname "$0")/.."
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "The demo makes network namespaces: run it as root." >&2
+    exit 1
+fi
+
+./scripts/install-dependencies.sh
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+echo "Building the release preset ..."
+if ! { cmake --preset release -DVELM_TESTS=OFF && cmake --build --preset release; } >"$log" 2>&1; then
+    tail -n 60 "$log" >&2
+    exit 1
+fi
+rm -f "$log"
+trap - EXIT
+
+PYTHONPATH=sim exec /usr/bin/python3 -m velm_sim.demo --build build/release "$@"
