@@ -1,0 +1,332 @@
+"""The main job: a local client asks, the phones are pushed, a phone posts, every client hears."""
+
+from __future__ import annotations
+
+import ssl
+import time
+from collections.abc import Callable
+
+import pytest
+from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, VENDOR, AccessPoint
+from velm_sim.answers import Answer
+from velm_sim.cloud import UNREGISTERED, Cloud
+from velm_sim.etc_files import ROOT
+from velm_sim.ipc_client import (
+    REPORT,
+    REQUEST,
+    STATUS_NO_PAIRED_DEVICES,
+    STATUS_OK,
+    IpcClient,
+    Report,
+)
+from velm_sim.phone import OMIT, Phone, Prepared, sample_location
+
+
+def assert_report_matches(report: Report, phone: Phone, location: dict[str, object]) -> None:
+    assert report == Report(
+        valid=1,
+        phone_ip=str(phone.host.source),
+        os_version=phone.profile.os_version,
+        phone_model=phone.profile.model,
+        time=int(str(location["timestamp"])),
+        bssid_present=1,
+        bssid=phone.bssid.lower(),
+        rssi=int(float(str(location["rssi"]))),
+        reserved=bytes(8),
+        latitude=float(str(location["latitude"])),
+        longitude=float(str(location["longitude"])),
+        horizontal_uncertainty1=float(str(location["accuracy"])),
+        horizontal_uncertainty2=float(str(location["accuracy"])),
+        orientation=0.0,
+        height=float(str(location["altitude"])),
+        height_kind=2,
+        vertical_uncertainty=float(str(location["verticalAccuracy"])),
+    )
+
+
+def test_a_request_ends_in_a_report_for_every_client(
+    cloud: Cloud, paired_phone: Phone, ipc: IpcClient, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    bystander = connect_ipc()
+    ipc.request(wanted_within=45)
+    (push,) = cloud.fcm.wait()
+    payload = push.json()["message"]["apns"]["payload"]
+    assert payload["location"] == f"{paired_phone.host.server}:{paired_phone.host.port}"
+    location = sample_location()
+    assert paired_phone.location(location).status == 200
+    for client in (ipc, bystander):
+        frame = client.receive()
+        assert (frame.type, frame.status) == (REPORT, STATUS_OK)
+        assert_report_matches(Report.decode(frame.payload), paired_phone, location)
+
+
+def test_the_push_carries_what_the_app_needs(
+    cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    ipc.request(wanted_within=45)
+    (push,) = cloud.fcm.wait()
+    message = push.json()
+    stamp = message["message"]["apns"]["payload"]["timestamp"]
+    assert abs(int(stamp) - push.time) <= 2
+    assert message == {
+        "message": {
+            "token": paired_phone.profile.push_token,
+            "apns": {
+                "payload": {
+                    "aps": {"content-available": 1},
+                    "serialNumber": SERIAL_NUMBER,
+                    "location": "192.168.1.1:8443",
+                    "timestamp": stamp,
+                    "timeout": "45",
+                    "messageType": "data",
+                    "bssids": list(BSSIDS),
+                },
+                "fcm_options": {"analytics_label": "push_ios"},
+            },
+        }
+    }
+    assert push.headers["content-type"] == "application/json"
+    assert len(cloud.token.requests) == 1 and not cloud.refusals
+
+
+def test_pushes_leave_one_second_apart(
+    cloud: Cloud, pair_phones: Callable[[int], list[Phone]], ipc: IpcClient
+) -> None:
+    phones = pair_phones(3)
+    ipc.request()
+    pushes = cloud.fcm.wait(3)
+    tokens = [push.json()["message"]["token"] for push in pushes]
+    assert tokens == [phone.profile.push_token for phone in phones]
+    gaps = [after.monotonic - before.monotonic for before, after in zip(pushes, pushes[1:])]
+    assert all(0.8 < gap < 1.5 for gap in gaps), gaps
+
+
+def test_a_request_without_a_paired_phone_is_answered_at_once(cloud: Cloud, ipc: IpcClient) -> None:
+    asked = ipc.request(request_id=77)
+    frame = ipc.receive(timeout=1)
+    assert (frame.type, frame.id, frame.status) == (REQUEST, asked, STATUS_NO_PAIRED_DEVICES)
+    report = Report.decode(frame.payload)
+    assert report.valid == 0 and abs(report.time - time.time()) <= 2
+    assert frame.payload[:136] == bytes(136) and frame.payload[140:] == bytes(84)
+    assert not cloud.fcm.requests
+
+
+def test_a_request_with_a_paired_phone_gets_no_answer_of_its_own(
+    cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    ipc.request()
+    cloud.fcm.wait()
+    assert ipc.is_silent(0.2)
+
+
+def test_info_names_the_access_point(phone: Phone) -> None:
+    reply = phone.info()
+    assert (reply.status, reply.headers["content-type"]) == (200, "application/json")
+    assert reply.json() == {
+        "serialNumber": SERIAL_NUMBER,
+        "vendorId": VENDOR,
+        "version": "1.2.0",
+        "bssids": list(BSSIDS),
+        "pairingsLimit": 10,
+    }
+
+
+def test_three_locations_in_one_body_are_three_reports(
+    paired_phone: Phone, ipc: IpcClient
+) -> None:
+    locations = [sample_location(rssi=-40 - number) for number in range(3)]
+    assert paired_phone.location(locations).status == 200
+    for location in locations:
+        assert_report_matches(ipc.receive_report(), paired_phone, location)
+
+
+def test_pairing_is_stored_with_the_attested_key(
+    access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    stored = access_point.pairing(0)
+    profile = paired_phone.profile
+    assert stored["status"] == "Valid"
+    assert stored["dev_id"] == profile.device_id
+    assert stored["name"] == profile.name
+    assert stored["push_token"] == profile.push_token
+    assert stored["attestation_key"]
+    listed = paired_phone.pairings().json()["pairings"]
+    assert listed == [
+        {
+            "deviceId": profile.device_id,
+            "friendlyName": profile.name,
+            "deviceType": "iOS",
+            "pairingDate": stored["date_added"],
+        }
+    ]
+
+
+def test_pairing_again_by_assertion_keeps_key_and_date(
+    access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    before = access_point.pairing(0)
+    assert paired_phone.pair(by="assertion", pair={"friendlyName": "Renamed"}).status == 200
+    assert access_point.pairing(0) == {**before, "name": "Renamed"}
+
+
+def test_a_pairing_request_cannot_be_repeated(phone: Phone) -> None:
+    request = phone.prepare_pair()
+    assert [phone.send(request).status for _ in range(2)] == [200, 424]
+
+
+def test_a_location_cannot_be_repeated(paired_phone: Phone) -> None:
+    request = paired_phone.prepare_location()
+    assert [paired_phone.send(request).status for _ in range(2)] == [200, 424]
+
+
+def test_an_unpaired_phone_is_no_longer_heard(
+    access_point: AccessPoint, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    assert paired_phone.unpair().status == 200
+    assert paired_phone.pairings().json() == {"pairings": []}
+    assert access_point.pairing(0)["status"] == "Invalid"
+    # Its key went with the pairing, so it is the signature that nobody can check any more.
+    assert paired_phone.location().status == 412
+    ipc.request()
+    assert ipc.receive(timeout=1).status == STATUS_NO_PAIRED_DEVICES
+
+
+Refused = Callable[[Phone], Prepared]
+
+REFUSED: dict[str, tuple[int, Refused]] = {
+    "body changed after signing": (
+        412,
+        lambda phone: _changed_body(phone.prepare_location()),
+    ),
+    "unknown challenge": (424, lambda phone: phone.prepare_location(challenge="0" * 32)),
+    "counter 0": (412, lambda phone: phone.prepare_location(counter=0)),
+    "assertion for another app": (412, lambda phone: phone.prepare_location(rp_id="X.other")),
+    "wrong password": (401, lambda phone: phone.prepare_location(auth={"password": "no"})),
+    "root with the right password": (
+        401,
+        lambda phone: phone.prepare_location(
+            auth={"username": ROOT.username, "password": ROOT.password}
+        ),
+    ),
+    "BSSID of somebody else": (
+        409,
+        lambda phone: phone.prepare_location(auth={"bssid": "02:00:00:00:00:01"}),
+    ),
+    "no device id": (400, lambda phone: phone.prepare_location(auth={"deviceId": OMIT})),
+    "no location": (400, lambda phone: phone.prepare_location(members={"location": OMIT})),
+    "empty list of locations": (400, lambda phone: phone.prepare_location([])),
+    "location that is text": (400, lambda phone: phone.prepare_location("here")),
+}
+
+
+def _changed_body(request: Prepared) -> Prepared:
+    return request.with_body(request.body.replace(b"52.5", b"52.6"))
+
+
+@pytest.mark.parametrize("name", REFUSED)
+def test_a_location_is_refused_with(name: str, paired_phone: Phone, ipc: IpcClient) -> None:
+    status, prepare = REFUSED[name]
+    reply = paired_phone.send(prepare(paired_phone))
+    assert (reply.status, reply.body) == (status, b"")
+    assert ipc.is_silent(0.05)
+
+
+BENT_ATTESTATIONS: dict[str, dict[str, object]] = {
+    "counter 1": {"counter": 1},
+    "strange aaguid": {"aaguid": b"appattestnowhere"},
+    "credential id of another key": {"credential_id": bytes(32)},
+    "nonce of another request": {"nonce": bytes(32)},
+    "no nonce": {"omit_nonce_extension": True},
+    "other format": {"fmt": "packed"},
+    "fourth member": {"extra": {"more": b"x"}},
+    "other app": {"rp_id": "X.other"},
+}
+
+
+@pytest.mark.parametrize("name", BENT_ATTESTATIONS)
+def test_an_attestation_is_refused_with(
+    name: str, access_point: AccessPoint, phone: Phone
+) -> None:
+    before = access_point.nvram_show()
+    reply = phone.pair(**BENT_ATTESTATIONS[name])
+    assert (reply.status, reply.body) == (412, b"")
+    assert access_point.nvram_show() == before
+
+
+def test_a_phone_whose_token_is_unknown_is_unpaired(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.fcm.answer_next(UNREGISTERED)
+    ipc.request()
+    access_point.daemon.wait_log("unpaired (unregistered token)")
+    assert access_point.pairing(0)["status"] == "Invalid"
+
+
+@pytest.mark.parametrize("status", [400, 401, 429, 500, 503])
+def test_a_phone_stays_paired_when_the_push_fails_with(
+    status: int, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.fcm.answer_next(Answer.json({"error": {"code": status}}, status))
+    ipc.request()
+    access_point.daemon.wait_log(f" - code: {status}")
+    assert access_point.pairing(0)["status"] == "Valid"
+    assert paired_phone.location().status == 200
+
+
+def test_reload_keeps_pairings_and_forgets_challenges(
+    access_point: AccessPoint, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    challenge = paired_phone.fetch_challenge()
+    access_point.reload()
+    assert paired_phone.location(challenge=challenge).status == 424
+    client = connect_ipc()
+    location = sample_location()
+    assert paired_phone.location(location).status == 200
+    assert_report_matches(client.receive_report(), paired_phone, location)
+
+
+@pytest.mark.movable_clock
+def test_a_challenge_lives_for_sixty_seconds(
+    access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    fresh, old = paired_phone.fetch_challenge(), paired_phone.fetch_challenge()
+    access_point.move_clock(59)
+    assert paired_phone.location(challenge=fresh).status == 200
+    access_point.move_clock(61)
+    assert paired_phone.location(challenge=old).status == 424
+
+
+@pytest.mark.movable_clock
+def test_five_wrong_passwords_lock_the_login_for_a_minute(
+    access_point: AccessPoint, phone: Phone
+) -> None:
+    for _ in range(5):
+        assert phone.challenge({"password": "wrong"}).status == 401
+    assert phone.challenge().status == 401
+    assert "login blocked" in access_point.log()
+    access_point.move_clock(61)
+    assert phone.challenge().status == 200
+
+
+@pytest.mark.parametrize(
+    ("version", "accepted"),
+    [
+        (ssl.TLSVersion.TLSv1_1, False),
+        (ssl.TLSVersion.TLSv1_2, True),
+        (ssl.TLSVersion.TLSv1_3, True),
+    ],
+)
+def test_tls_version(phone: Phone, version: ssl.TLSVersion, accepted: bool) -> None:
+    phone.host.tls = version
+    if accepted:
+        assert phone.info().status == 200
+    else:
+        with pytest.raises((ssl.SSLError, ConnectionError)):
+            phone.info()
+
+
+def test_the_detached_daemon_writes_its_pid_and_registers(cold_access_point: AccessPoint) -> None:
+    daemon = cold_access_point.start(daemonize=True)
+    assert cold_access_point.pid_file.read_text() == f"{daemon.pid}\n"
+    assert f'"pid": {daemon.pid}' in cold_access_point.registry.read_text()
+    assert cold_access_point.phone().info().status == 200
