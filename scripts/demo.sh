@@ -15,7 +15,8 @@ fi
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
 echo "Building the release preset ..."
-if ! { cmake --preset release -DVELM_TESTS=OFF && cmake --build --preset release; } >"$log" 2>&1; then
+if ! { cmake --preset release &&
+    cmake --build --preset release --target velmd nvram velmctl; } >"$log" 2>&1; then
     tail -n 60 "$log" >&2
     exit 1
 fi

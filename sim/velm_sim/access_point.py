@@ -120,7 +120,8 @@ class AccessPoint:
         (at / "attestation_root.pem").write_text(secret.attestation.root.pem)
         secret.account.write(at / "service_account.json")
         (at / "integrity_decryption.jwk").write_text(secret.integrity_decryption.export())
-        (at / "integrity_verification.jwk").write_text(secret.integrity_verification.export_public())
+        public = secret.integrity_verification.export_public()
+        (at / "integrity_verification.jwk").write_text(public)
 
     def configure(self, changes: Mapping[str, str | None]) -> None:
         """Changes keys and writes the file; None drops a key. A running daemon needs a reload."""

@@ -141,7 +141,10 @@ def make_server(
         subject(names[0]),
         p256(),
         issuer,
-        extensions=[(alternatives, False), (x509.BasicConstraints(ca=False, path_length=None), True)],
+        extensions=[
+            (alternatives, False),
+            (x509.BasicConstraints(ca=False, path_length=None), True),
+        ],
         not_before=not_before,
         not_after=not_after,
     )

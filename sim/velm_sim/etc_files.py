@@ -42,7 +42,9 @@ class EtcFiles:
         with open(self.directory / name, "w", encoding="utf-8") as file:
             file.write(text)
 
-    def set_accounts(self, logins: Iterable[Login], fields: Mapping[str, str] | None = None) -> None:
+    def set_accounts(
+        self, logins: Iterable[Login], fields: Mapping[str, str] | None = None
+    ) -> None:
         """Accounts by password, and accounts by what stands in their password field."""
         accounts = {login.username: hashed(login.password) for login in logins}
         accounts.update(fields or {})

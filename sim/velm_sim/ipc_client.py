@@ -18,7 +18,7 @@ STATUS_NO_PAIRED_DEVICES = 3
 
 HEADER = struct.Struct("=HHIII")
 REQUEST_PAYLOAD_LENGTH = 140
-#                          valid ip  os  model time present bssid rssi reserved doubles kind vertical
+# valid, ip, os, model, time, BSSID present, BSSID, RSSI, reserved, doubles, height kind, vertical
 REPORT_LAYOUT = struct.Struct("=I 4s 64s 64s I B 6s x h 2x 8s 6d I 4x d")
 assert HEADER.size == 16 and REPORT_LAYOUT.size == 224
 

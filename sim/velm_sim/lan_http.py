@@ -54,7 +54,7 @@ class LanHost:
         return self._contexts[wanted]
 
     def connect_tcp(self, source: str | None = None) -> socket.socket:
-        """A connection on which nothing has been said yet: the caller drips, halves or stays silent."""
+        """A connection on which nothing was said yet: the caller may drip, halve or stay silent."""
         raw = self.namespace.socket()
         try:
             raw.settimeout(self.timeout)

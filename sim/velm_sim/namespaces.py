@@ -147,7 +147,7 @@ def owner_is_gone(name: str) -> bool:
 
 
 def remove_stale() -> None:
-    """Ends and removes what killed runs left: processes in their namespaces, the namespaces, files."""
+    """Ends and removes what killed runs left: processes in namespaces, the namespaces, files."""
     names = [path.name for path in NAMESPACE_DIRECTORY.glob(f"{PREFIX}-*")]
     for name in filter(owner_is_gone, names):
         with contextlib.suppress(NetworkError):

@@ -142,7 +142,8 @@ class Phone:
         }
         content = changed({"pair": changed(described, pair)}, members)
         request = self.prepare("/pair", content, auth=self._signed_auth(challenge, auth))
-        return self.attested(request, **bend) if by == "attestation" else self.signed(request, **bend)
+        prove = {"attestation": self.attested, "assertion": self.signed}[by]
+        return prove(request, **bend)
 
     def location(self, location: Any = None, **arguments: Any) -> Reply:
         return self.send(self.prepare_location(location, **arguments))
@@ -157,7 +158,8 @@ class Phone:
         **bend: Any,
     ) -> Prepared:
         """One location object or a list; the sample when none is given."""
-        content = changed({"location": sample_location() if location is None else location}, members)
+        described = sample_location() if location is None else location
+        content = changed({"location": described}, members)
         request = self.prepare("/location", content, auth=self._signed_auth(challenge, auth))
         return self.signed(request, **bend)
 

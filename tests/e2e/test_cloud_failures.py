@@ -1,0 +1,178 @@
+"""A cloud that fails in every way leaves the daemon serving and every phone paired."""
+
+from __future__ import annotations
+
+import time
+from collections.abc import Callable, Iterator
+
+import pytest
+from velm_sim.access_point import AccessPoint
+from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
+from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.dns import DnsServer
+from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network
+from velm_sim.phone import Phone
+
+FAILURES: dict[str, Answer] = {
+    "hangs up": HANG_UP,
+    "talks garbage": GARBAGE,
+    "sends no JSON": Answer(body=b"<html>"),
+    "sends an empty body": Answer(body=b""),
+    "cuts the body short": Answer(body=b'{"access_token": "x"}', cut_after=5),
+    "sends two megabytes": Answer.over_large(2 << 20),
+    "answers 400": Answer.json({"error": "invalid_grant"}, 400),
+    "answers 503": Answer(503, b""),
+    "redirects": Answer(302, b"", {"Location": "https://www.example.org/"}),
+    "sends a list": Answer.json([1, 2, 3]),
+    "sends a token that is a number": Answer.json({"access_token": 123, "expires_in": 3600}),
+}
+
+
+def assert_still_serving(access_point: AccessPoint, phone: Phone, ipc: IpcClient) -> None:
+    assert access_point.daemon_alive()
+    assert access_point.pairing(0)["status"] == "Valid"
+    assert phone.location().status == 200
+    assert ipc.receive_report().valid == 1
+
+
+@pytest.mark.parametrize("name", FAILURES)
+def test_no_push_without_a_token_when_the_token_endpoint(
+    name: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.token.answer_always(FAILURES[name])
+    ipc.request()
+    cloud.token.wait()
+    assert_still_serving(access_point, paired_phone, ipc)
+    assert not cloud.fcm.requests
+
+
+@pytest.mark.parametrize("name", FAILURES)
+def test_a_phone_stays_paired_when_the_push_service(
+    name: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.fcm.answer_always(FAILURES[name])
+    ipc.request()
+    cloud.fcm.wait()
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+@pytest.mark.parametrize(
+    "certificate", ["other_ca", "self_signed", "other_name", "expired", "not_yet_valid"]
+)
+def test_nothing_is_said_to_a_cloud_whose_certificate_is(
+    certificate: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.certificate = certificate
+    ipc.request()
+    access_point.daemon.wait_log("http request failed")
+    assert cloud.connections == 1
+    assert not cloud.token.requests
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+@pytest.mark.parametrize("silent", ["before the handshake", "after the request"])
+def test_a_silent_cloud_is_given_up_after_ten_seconds(
+    silent: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.handshakes = silent != "before the handshake"
+    cloud.token.answer_always(SILENCE)
+    start = time.monotonic()
+    ipc.request()
+    access_point.daemon.wait_log("http request failed", timeout=13)
+    assert 9.5 < time.monotonic() - start < 12
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+def test_a_dripping_cloud_is_given_up_after_ten_seconds(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.token.answer_always(Answer(body=b" " * 1000, drip=0.1))
+    start = time.monotonic()
+    ipc.request()
+    access_point.daemon.wait_log("http request failed", timeout=13)
+    assert 9.5 < time.monotonic() - start < 12
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+def test_an_answer_after_a_reload_reaches_nobody(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    cloud.token.answer_next(Answer.json({"access_token": "t", "expires_in": 60}, delay=0.5))
+    connect_ipc().request()
+    cloud.token.wait()
+    access_point.reload()
+    time.sleep(0.6)  # the answer arrives meanwhile
+    assert_still_serving(access_point, paired_phone, connect_ipc())
+
+
+@pytest.mark.movable_clock
+def test_a_token_serves_until_its_last_second(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.token_lifetime = 200
+    for pushes, (moment, tokens) in enumerate([(0, 1), (100, 1), (201, 2)], start=1):
+        access_point.move_clock(moment)
+        cloud.clock_offset = moment
+        ipc.request()
+        cloud.fcm.wait(pushes)
+        assert len(cloud.token.requests) == tokens
+    assert not cloud.refusals
+
+
+@pytest.mark.movable_clock
+def test_pushes_are_at_least_a_minute_apart(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    ipc.request()
+    cloud.fcm.wait(1)
+    access_point.move_clock(55)
+    ipc.request()
+    access_point.daemon.wait_log("too often (limit 60)")
+    access_point.move_clock(62)
+    ipc.request()
+    assert len(cloud.fcm.wait(2)) == 2
+
+
+@pytest.fixture
+def dns(network: Network) -> Iterator[DnsServer]:
+    made = DnsServer(
+        network.cloud, network.CLOUD_ADDRESS, dict.fromkeys(HOSTS, network.CLOUD_ADDRESS)
+    )
+    yield made
+    made.stop()
+
+
+def test_names_are_resolved_by_dns(
+    cold_access_point: AccessPoint, cloud: Cloud, dns: DnsServer
+) -> None:
+    cold_access_point.etc.set_hosts({})
+    cold_access_point.etc.set_resolvers([Network.CLOUD_ADDRESS])
+    cold_access_point.start()
+    assert cold_access_point.phone().pair().status == 200
+    with IpcClient(cold_access_point.socket_path) as ipc:
+        ipc.request()
+        cloud.fcm.wait()
+    assert {"oauth2.googleapis.com", "fcm.googleapis.com"} <= set(dns.asked)
+
+
+def test_a_silent_dns_server_delays_nobody_else(
+    cold_access_point: AccessPoint, cloud: Cloud, dns: DnsServer
+) -> None:
+    dns.answers = False
+    cold_access_point.etc.set_hosts({})
+    cold_access_point.etc.set_resolvers([Network.CLOUD_ADDRESS])
+    cold_access_point.start()
+    phone = cold_access_point.phone()
+    assert phone.pair().status == 200
+    with IpcClient(cold_access_point.socket_path) as ipc, phone.host.session() as session:
+        session.connect()
+        ipc.request()
+        cold_access_point.daemon.wait_log("velm_google_auth")
+        slowest = 0.0
+        for _ in range(20):
+            start = time.monotonic()
+            assert session.request("/info").status == 200
+            slowest = max(slowest, time.monotonic() - start)
+    assert slowest < 0.25
+    assert not cloud.connections

@@ -1,0 +1,241 @@
+"""Peers that leave, stall, flood or lie hold no more than their own connection."""
+
+from __future__ import annotations
+
+import os
+import resource
+import socket
+import ssl
+import struct
+import time
+from collections.abc import Callable
+
+import pytest
+from velm_sim.access_point import AccessPoint
+from velm_sim.daemon import wait_until
+from velm_sim.ipc_client import REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
+from velm_sim.lan_http import LanHost
+from velm_sim.phone import Phone, sample_location
+
+# No connection that does nothing useful is kept for longer.
+LONGEST_STALL = 45.0
+
+
+def reset(connection: socket.socket) -> None:
+    """Leaves without a goodbye."""
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
+def half_handshake(host: LanHost) -> socket.socket:
+    """A TCP connection on which a TLS client has said its first word only."""
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    client = host.context().wrap_bio(incoming, outgoing, server_hostname=host.server)
+    with pytest.raises(ssl.SSLWantReadError):
+        client.do_handshake()
+    raw = host.connect_tcp()
+    raw.sendall(outgoing.read())
+    return raw
+
+
+def after_handshake(sent: bytes) -> Callable[[LanHost], socket.socket]:
+    def connect(host: LanHost) -> socket.socket:
+        tls = host.connect_tls()
+        tls.sendall(sent)
+        return tls
+
+    return connect
+
+
+STALLS: dict[str, Callable[[LanHost], socket.socket]] = {
+    "nothing at all": lambda host: host.connect_tcp(),
+    "half a handshake": half_handshake,
+    "no request": after_handshake(b""),
+    "half a request line": after_handshake(b"GET /in"),
+    "half the headers": after_handshake(b"POST /pair HTTP/1.1\r\nHost: x\r\n"),
+    "half a body": after_handshake(b"POST /pair HTTP/1.1\r\nContent-Length: 100\r\n\r\n{"),
+    "no second request": after_handshake(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n"),
+    "HTTP/0.9": after_handshake(b"GET /info\r\n"),
+}
+
+
+def is_closed(connection: socket.socket) -> bool:
+    connection.setblocking(False)
+    try:
+        while connection.recv(65536):
+            pass
+    except (BlockingIOError, ssl.SSLWantReadError):
+        return False
+    except OSError:
+        return True
+    return True
+
+
+def test_stalled_connections_are_closed_after_a_bounded_time(access_point: AccessPoint) -> None:
+    before = access_point.daemon.descriptors()
+    # Addresses differ, since one address may hold a few connections only.
+    stalled = [
+        connect(access_point.lan_host(number % 4)) for number, connect in enumerate(STALLS.values())
+    ]
+    try:
+        wait_until(
+            lambda: all(is_closed(connection) for connection in stalled),
+            LONGEST_STALL,
+            "stalled connections stay open",
+        )
+    finally:
+        for connection in stalled:
+            connection.close()
+    wait_until(lambda: access_point.daemon.descriptors() <= before, 5, "descriptors stay open")
+
+
+def test_a_dripped_request_is_ended_after_a_bounded_time(access_point: AccessPoint) -> None:
+    host = access_point.lan_host()
+    start = time.monotonic()
+    with host.connect_tls() as tls:
+        tls.sendall(b"GET /info HTTP/1.1\r\n")
+        with pytest.raises(OSError):
+            while time.monotonic() - start < LONGEST_STALL:
+                tls.sendall(b"X-Drip: 1\r\n")
+                time.sleep(0.5)
+    assert time.monotonic() - start < LONGEST_STALL
+
+
+@pytest.mark.parametrize("leave", [reset, socket.socket.close])
+@pytest.mark.parametrize("stall", STALLS)
+def test_a_peer_that_leaves_takes_everything_with_it_after(
+    stall: str, leave: Callable[[socket.socket], None], access_point: AccessPoint
+) -> None:
+    before = access_point.daemon.descriptors()
+    leave(STALLS[stall](access_point.lan_host()))
+    wait_until(lambda: access_point.daemon.descriptors() <= before, 5, "descriptors stay open")
+    assert access_point.phone().info().status == 200
+
+
+@pytest.mark.parametrize("stall", STALLS)
+def test_a_reload_is_safe_while_a_peer_sends(stall: str, access_point: AccessPoint) -> None:
+    connection = STALLS[stall](access_point.lan_host())
+    access_point.reload()
+    wait_until(lambda: is_closed(connection), 5, "the old server's connection stays open")
+    connection.close()
+    assert access_point.phone().info().status == 200
+
+
+def test_a_phone_that_leaves_while_its_request_is_checked_harms_nobody(
+    access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    for _ in range(20):
+        request = paired_phone.prepare_location()
+        session = paired_phone.host.session()
+        session.send(request.path, request.body, request.headers)
+        session.close()
+    assert paired_phone.location().status == 200
+    assert access_point.daemon_alive()
+
+
+def test_a_reload_with_requests_in_flight_loses_only_them(
+    access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    sessions = []
+    for number in range(4):
+        session = access_point.lan_host(number).session()
+        session.connect()
+        sessions.append(session)
+    requests = [paired_phone.prepare_location() for _ in sessions]
+    for session, request in zip(sessions, requests):
+        session.send(request.path, request.body, request.headers)
+    access_point.reload()
+    for session in sessions:
+        session.close()
+    assert paired_phone.location().status == 200
+
+
+def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
+    before = access_point.daemon.resident_kib()
+    with access_point.lan_host().connect_tls() as tls:
+        tls.sendall(b"GET /info HTTP/1.1\r\n")
+        with pytest.raises(OSError):
+            for number in range(4000):
+                tls.sendall(b"X-%d: %s\r\n" % (number, b"x" * 4000))
+    assert access_point.daemon.resident_kib() - before < 16384
+    assert access_point.phone().info().status == 200
+
+
+def test_without_descriptors_it_neither_spins_nor_dies_and_serves_again(
+    access_point: AccessPoint,
+) -> None:
+    daemon = access_point.daemon
+    limit = daemon.descriptors() + 2
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (limit, 4096))
+    held = [access_point.lan_host(number).connect_tcp() for number in range(6)]
+    spent = daemon.cpu_seconds()
+    time.sleep(1)  # the time in which a spinning daemon would burn a second
+    assert daemon.cpu_seconds() - spent < 0.3
+    for connection in held:
+        connection.close()
+    wait_until(lambda: daemon.descriptors() < limit, 10, "descriptors stay open")
+    assert access_point.phone().info().status == 200
+
+
+def test_a_client_that_never_reads_is_dropped_and_the_others_are_served(
+    access_point: AccessPoint, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    deaf, other = connect_ipc(), connect_ipc()
+    deaf.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
+    before = access_point.daemon.resident_kib()
+    small = {"latitude": 1, "longitude": 2}
+    received = 0
+    for _ in range(12):
+        assert paired_phone.location([small] * 150).status == 200
+        for _ in range(150):
+            other.receive_report()
+            received += 1
+    assert received == 1800
+    assert access_point.daemon.resident_kib() - before < 8192
+    with pytest.raises(OSError):
+        for _ in range(4):
+            deaf.request()
+            time.sleep(1.1)  # dropped connections go at the next tick of a second
+    other.request()
+
+
+def test_a_client_that_leaves_with_a_request_pending_harms_nobody(
+    access_point: AccessPoint, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    leaving, staying = connect_ipc(), connect_ipc()
+    for _ in range(50):
+        leaving.request()
+    leaving.close()
+    location = sample_location()
+    assert paired_phone.location(location).status == 200
+    assert staying.receive_report().time == int(location["timestamp"])
+
+
+FRAMES: dict[str, bytes] = {
+    "an unknown type": struct.pack("=HHIII", 9, 140, 1, 0, 0) + bytes(140),
+    "139 bytes of payload": struct.pack("=HHIII", REQUEST, 139, 1, 0, 0) + bytes(139),
+    "no payload": struct.pack("=HHIII", REQUEST, 0, 1, 0, 0),
+    "half a header": b"\x00\x10\x8c",
+    "4000 strange bytes": b"\xee" * 4000,
+}
+
+
+@pytest.mark.parametrize("name", FRAMES)
+def test_the_next_client_is_answered_after(
+    name: str, ipc: IpcClient, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    ipc.send(FRAMES[name])
+    assert ipc.is_silent(0.05)
+    other = connect_ipc()
+    asked = other.request()
+    answer = other.receive(timeout=1)
+    assert (answer.id, answer.status) == (asked, STATUS_NO_PAIRED_DEVICES)
+
+
+def test_garbage_instead_of_tls_is_turned_away(access_point: AccessPoint) -> None:
+    for data in (b"GET /info HTTP/1.1\r\n\r\n", os.urandom(2000), b"\x16\x03\x01\xff\xff"):
+        with access_point.lan_host().connect_tcp() as raw:
+            raw.sendall(data)
+            raw.shutdown(socket.SHUT_WR)
+            wait_until(lambda: is_closed(raw), 10, "garbage is kept")
+    assert access_point.phone().info().status == 200
