@@ -49,6 +49,7 @@ class Daemon:
     socket_path: Path
     pid_file: Path | None = None
     clock: bool = False
+    working_directory: Path | None = None
     process: subprocess.Popen[bytes] | None = None
     pid: int = 0
     judged: set[Path] = field(default_factory=set)
@@ -78,6 +79,7 @@ class Daemon:
             self.process = subprocess.Popen(
                 self.command,
                 env=environment,
+                cwd=self.working_directory,
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=subprocess.STDOUT,
