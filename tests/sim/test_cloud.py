@@ -191,7 +191,7 @@ def test_a_slow_answer_is_slow(cloud: Cloud, caller: LanHost) -> None:
 
 
 def test_our_unregistered_answer_is_the_real_one() -> None:
-    answers = json.loads((DATA / "fcm_responses.json").read_text())
+    answers = json.loads((DATA.parent / "push" / "fcm_responses.json").read_text())
     (real,) = [one for one in answers if one["id"] == "404-unregistered-captured-2024"]
     assert (UNREGISTERED.status, json.loads(UNREGISTERED.body)) == (404, real["body"])
 
