@@ -1,0 +1,30 @@
+#pragma once
+
+#include <evhtp/evhtp.h>
+
+#include "handles/cjson.h"
+#include "velm_config.h"
+
+/// What the server's own files share: the result callbacks of the routes, and how a route answers.
+
+/// Result callbacks: called by the preprocessor with the paused request and the break code; each
+/// answers and resumes the request.
+void http_method_info_handle(evhtp_request_t *request, int break_code);
+void http_method_challenge_handle(evhtp_request_t *request, int break_code);
+void http_method_pair_handle(evhtp_request_t *request, int break_code);
+void http_method_pairings_handle(evhtp_request_t *request, int break_code);
+void http_method_unpair_handle(evhtp_request_t *request, int break_code);
+void http_method_location_handle(evhtp_request_t *request, int break_code);
+
+/// The HTTP status of a break code: 200, 400, 424, 412, 401, 404, 409, else 500.
+[[nodiscard]] int http_server_status_from_break_code(int break_code);
+
+/// Answers with an empty body and resumes the paused request. The request must not be touched
+/// afterwards.
+void http_server_reply_status(evhtp_request_t *request, int status);
+
+/// Answers 200 with the object printed unformatted as application/json, and resumes the request.
+void http_server_reply_json(evhtp_request_t *request, const cJSON *object);
+
+/// The configuration handed to velm_http_server_init.
+[[nodiscard]] const velm_config *http_server_config();
