@@ -1,0 +1,166 @@
+#include "velm_http_server_head_filter.h"
+
+#include <strings.h>
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::string_view line_end = "\r\n";
+constexpr std::string_view head_end = "\r\n\r\n";
+constexpr std::string_view blanks = " \t";
+constexpr const char *lifted_names[] = {"X-Assertion", "X-Attestation"};
+
+bool same_name(std::string_view name, std::string_view other)
+{
+    return name.size() == other.size() && strncasecmp(name.data(), other.data(), name.size()) == 0;
+}
+
+/// The literal of a header that is lifted, else null.
+const char *lifted_name(std::string_view name)
+{
+    const auto *const found =
+        std::find_if(std::begin(lifted_names), std::end(lifted_names),
+                     [name](const char *lifted) { return same_name(name, lifted); });
+    return found == std::end(lifted_names) ? nullptr : *found;
+}
+
+std::string_view trim(std::string_view text)
+{
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+void append_lifted(std::string *value, std::string_view text)
+{
+    value->append(text.substr(0, http_head_max_lifted - value->size()));
+}
+
+/// Reads the lines after the request line, one call a line.
+class header_lines {
+  public:
+    explicit header_lines(http_head *head) : head_{head}
+    {
+    }
+
+    void add(std::string_view line)
+    {
+        if (++count_ > http_head_max_headers) {
+            head_->refusal = "too many headers";
+            return;
+        }
+        if (!line.empty() && blanks.find(line.front()) != std::string_view::npos) {
+            add_folded(line);
+            return;
+        }
+        add_header(line);
+    }
+
+  private:
+    void add_header(std::string_view line)
+    {
+        const std::size_t colon = line.find(':');
+        const std::string_view name = line.substr(0, colon);
+        const std::string_view value =
+            colon == std::string_view::npos ? std::string_view{} : trim(line.substr(colon + 1));
+        const char *const lifted = colon == std::string_view::npos ? nullptr : lifted_name(name);
+        in_lifted_ = lifted != nullptr;
+        if (in_lifted_) {
+            head_->lifted.push_back({lifted, {}});
+            append_lifted(&head_->lifted.back().value, value);
+            return;
+        }
+        head_->transfer_encoding |= same_name(name, "Transfer-Encoding");
+        value_size_ = 0;
+        keep(line, std::max(name.size(), value.size()));
+    }
+
+    /// A line that begins with white space continues the header before it.
+    void add_folded(std::string_view line)
+    {
+        if (!in_lifted_) {
+            keep(line, trim(line).size());
+            return;
+        }
+        std::string *const value = &head_->lifted.back().value;
+        if (!value->empty()) {
+            append_lifted(value, " ");
+        }
+        append_lifted(value, trim(line));
+    }
+
+    void keep(std::string_view line, std::size_t size)
+    {
+        value_size_ += size;
+        if (value_size_ > http_head_max_value) {
+            head_->refusal = "header too long";
+            return;
+        }
+        head_->text.append(line).append(line_end);
+    }
+
+    http_head *head_;
+    std::size_t count_ = 0;
+    std::size_t value_size_ = 0; // of the header being read, its folded lines included
+    bool in_lifted_ = false;
+};
+
+/// The URI stands between the first two blanks; a line without them is the parser's to judge.
+bool uri_too_long(std::string_view request_line)
+{
+    const std::size_t before = std::min(request_line.find(' '), request_line.size());
+    const std::string_view rest = request_line.substr(before);
+    return rest.substr(0, rest.rfind(' ') + 1).size() > http_head_max_value + 2 ||
+           before > http_head_max_value;
+}
+
+std::string_view take_line(std::string_view *rest)
+{
+    const std::size_t end = std::min(rest->find(line_end), rest->size());
+    const std::string_view line = rest->substr(0, end);
+    rest->remove_prefix(std::min(end + line_end.size(), rest->size()));
+    return line;
+}
+
+} // namespace
+
+std::size_t http_head_length(std::string_view bytes, std::size_t *scanned)
+{
+    // The end may have begun in what was there before.
+    const std::size_t from =
+        std::min(*scanned, bytes.size()) - std::min({*scanned, bytes.size(), head_end.size() - 1});
+    const std::size_t end = bytes.find(head_end, from);
+    *scanned = bytes.size();
+    return end == std::string_view::npos ? 0 : end + head_end.size();
+}
+
+http_head http_head_filter(std::string_view head)
+{
+    http_head result;
+    if (head.size() > http_head_max_size) {
+        result.refusal = "head too long";
+        return result;
+    }
+    if (head.find('\0') != std::string_view::npos) {
+        // The parser's texts end at it: a path would compare as what stands before.
+        result.refusal = "zero byte in the head";
+        return result;
+    }
+    std::string_view rest = head;
+    const std::string_view request_line = take_line(&rest);
+    if (uri_too_long(request_line)) {
+        result.refusal = "uri too long";
+        return result;
+    }
+    result.text.reserve(head.size());
+    result.text.append(request_line).append(line_end);
+    header_lines lines{&result};
+    while (rest.size() > line_end.size() && result.refusal == nullptr) {
+        lines.add(take_line(&rest));
+    }
+    result.text.append(line_end);
+    return result;
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What a request head goes through before libevhtp's parser sees it. The parser takes any number
+/// of headers but no value above 8191 bytes, and the attestation of a phone comes close to that; so
+/// the head is gathered whole, held against our own limits, and the two long headers are lifted out
+/// of it, to be put back when the parser is done.
+
+inline constexpr std::size_t http_head_max_size = 64 * 1024; // the whole head, blank line included
+inline constexpr std::size_t http_head_max_headers = 100;    // lines after the request line
+/// What the parser's buffer takes: one URI, or one value of any header that is not lifted.
+inline constexpr std::size_t http_head_max_value = 8191;
+/// A lifted value is kept up to here: one more than the longest that is valid, so that the check of
+/// its length still sees that it was too long.
+inline constexpr std::size_t http_head_max_lifted = 16384 + 1;
+
+/// "X-Assertion" or "X-Attestation", in any case; the value without the white space around it and
+/// with a folded line joined by one blank.
+struct http_head_lifted {
+    const char *name; // a literal
+    std::string value;
+};
+
+struct http_head {
+    const char *refusal = nullptr; // why the head is refused, a literal; null: it is not
+    std::string text;              // for the parser: all lines but the lifted ones, unchanged
+    std::vector<http_head_lifted> lifted;
+    bool transfer_encoding = false; // the body may be chunked: only the parser knows where it ends
+};
+
+/// The length of the head that `bytes` begin with, its blank line included; 0 when it has not ended
+/// yet. `scanned` is the caller's memory of how far earlier calls have looked (0 at first).
+[[nodiscard]] std::size_t http_head_length(std::string_view bytes, std::size_t *scanned);
+
+/// Takes a whole head apart. Lines that are no headers stay for the parser to judge.
+[[nodiscard]] http_head http_head_filter(std::string_view head);
