@@ -129,12 +129,16 @@ std::string_view take_line(std::string_view *rest)
 
 std::size_t http_head_length(std::string_view bytes, std::size_t *scanned)
 {
-    // The end may have begun in what was there before.
-    const std::size_t from =
-        std::min(*scanned, bytes.size()) - std::min({*scanned, bytes.size(), head_end.size() - 1});
-    const std::size_t end = bytes.find(head_end, from);
+    std::size_t at = std::min(*scanned, bytes.size());
     *scanned = bytes.size();
-    return end == std::string_view::npos ? 0 : end + head_end.size();
+    while ((at = bytes.find('\n', at)) != std::string_view::npos) {
+        ++at;
+        const std::string_view so_far = bytes.substr(0, at);
+        if (!so_far.ends_with(line_end) || so_far.ends_with(head_end)) {
+            return at;
+        }
+    }
+    return 0;
 }
 
 http_head http_head_filter(std::string_view head)
@@ -142,6 +146,10 @@ http_head http_head_filter(std::string_view head)
     http_head result;
     if (head.size() > http_head_max_size) {
         result.refusal = "head too long";
+        return result;
+    }
+    if (!head.ends_with(head_end)) {
+        result.refusal = "line feed without carriage return";
         return result;
     }
     if (head.find('\0') != std::string_view::npos) {

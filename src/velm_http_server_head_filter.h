@@ -33,7 +33,8 @@ struct http_head {
 };
 
 /// The length of the head that `bytes` begin with, its blank line included; 0 when it has not ended
-/// yet. `scanned` is the caller's memory of how far earlier calls have looked (0 at first).
+/// yet. A line feed without a carriage return ends it too: such a head is refused at once.
+/// `scanned` is the caller's memory of how far earlier calls have looked (0 at first).
 [[nodiscard]] std::size_t http_head_length(std::string_view bytes, std::size_t *scanned);
 
 /// Takes a whole head apart. Lines that are no headers stay for the parser to judge.

@@ -1,0 +1,202 @@
+#include "velm_http_server.h"
+
+#include <arpa/inet.h>
+#include <openssl/err.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "async/common_async.h"
+#include "handles/evhtp.h"
+#include "handles/openssl.h"
+#include "logger/fatal.h"
+#include "velm_http_server_connections.h"
+#include "velm_http_server_routes.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_http_server";
+
+constexpr int HTTP_SERVER_MAX_CONNS = 128; // the listen backlog
+
+/// How long a phone may resume its TLS session. The ticket holds it: nothing is kept here.
+constexpr long tls_session_seconds = 2L * 60 * 60;
+
+/// libevhtp's record borrows the texts, and the instance borrows the record.
+struct tls_settings {
+    std::string pemfile;
+    std::string privfile;
+    evhtp_ssl_cfg_t http_server_ssl_config{};
+};
+
+struct module_state {
+    event_base *base = nullptr;
+    const velm_config *config = nullptr;
+    std::unique_ptr<tls_settings> settings;         // what the next start uses
+    std::unique_ptr<tls_settings> settings_serving; // what the instance borrows
+    evhtp_ptr http_server_instance;
+};
+module_state state;
+
+/// Without a passphrase callback OpenSSL would ask for one on the terminal and block.
+int no_passphrase(char *, int, int, void *) noexcept
+{
+    return 0;
+}
+
+EVP_PKEY *read_private_key(char *path) noexcept
+{
+    const bio_ptr file{BIO_new_file(path, "r")};
+    return file == nullptr ? nullptr
+                           : PEM_read_bio_PrivateKey(file.get(), nullptr, no_passphrase, nullptr);
+}
+
+std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)
+{
+    auto settings = std::make_unique<tls_settings>();
+    settings->pemfile = config->http_server_cert_path;
+    settings->privfile = config->http_server_key_path;
+    evhtp_ssl_cfg_t &http_server_ssl_config = settings->http_server_ssl_config;
+    http_server_ssl_config.pemfile = settings->pemfile.data();
+    http_server_ssl_config.privfile = settings->privfile.data();
+    http_server_ssl_config.decrypt_cb = read_private_key;
+    http_server_ssl_config.ssl_opts = SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1;
+    return settings;
+}
+
+/// What libevhtp's record cannot say.
+void tune_tls(SSL_CTX *tls)
+{
+    SSL_CTX_set_options(tls, SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS); // 9 kB less for an idle connection
+    SSL_CTX_set_timeout(tls, tls_session_seconds);
+    SSL_CTX_set_num_tickets(tls, 1); // the second costs a handshake 8 % and is hardly ever used
+}
+
+std::string openssl_error_text()
+{
+    char text[256] = "no reason given";
+    const unsigned long code = ERR_peek_last_error();
+    if (code != 0) {
+        ERR_error_string_n(code, text, sizeof text);
+    }
+    return text;
+}
+
+/// evhtp_ssl_init says yes to a certificate and a key that nobody can be served with.
+int init_tls(evhtp_t *http_server_instance, evhtp_ssl_cfg_t *http_server_ssl_config)
+{
+    ERR_clear_error();
+    int rc = evhtp_ssl_init(http_server_instance, http_server_ssl_config);
+    if (rc >= 0 && (SSL_CTX_get0_certificate(http_server_instance->ssl_ctx) == nullptr ||
+                    SSL_CTX_check_private_key(http_server_instance->ssl_ctx) != 1)) {
+        rc = -1;
+    }
+    if (rc < 0) {
+        LOG_ERROR("%s - cannot use %s with %s: %s", __func__, http_server_ssl_config->pemfile,
+                  http_server_ssl_config->privfile, openssl_error_text().c_str());
+    }
+    ERR_clear_error();
+    return rc;
+}
+
+/// evhtp_bind_socket takes text that is no address for one.
+int bind_socket(evhtp_t *http_server_instance)
+{
+    const std::string address = velm_config_lan_ip_address(state.config);
+    in_addr checked{};
+    if (inet_pton(AF_INET, address.c_str(), &checked) != 1) {
+        LOG_ERROR("%s - no IPv4 address: %s", __func__, address.c_str());
+        return -1;
+    }
+    const int rc = evhtp_bind_socket(http_server_instance, address.c_str(),
+                                     state.config->http_server_port, HTTP_SERVER_MAX_CONNS);
+    if (rc < 0) {
+        LOG_ERROR("%s - %s:%u: %s", __func__, address.c_str(),
+                  unsigned{state.config->http_server_port}, std::strerror(errno));
+    }
+    return rc;
+}
+
+void serve()
+{
+    state.http_server_instance.reset(evhtp_new(state.base, nullptr));
+    REQUIRE_MEMORY(state.http_server_instance, "http_server_instance");
+    evhtp_t *const http_server_instance = state.http_server_instance.get();
+    evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
+    int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
+    REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
+    tune_tls(http_server_instance->ssl_ctx);
+    http_connections_attach(http_server_instance, {});
+    rc = bind_socket(http_server_instance);
+    REQUIRE_CALL(rc >= 0,
+                 "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
+                 "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
+                 rc);
+    http_connections_watch_listener();
+    http_server_register_routes(http_server_instance);
+}
+
+void start_action(void *, short, common_async_context *) noexcept
+{
+    http_server_start();
+}
+
+} // namespace
+
+const velm_config *http_server_config()
+{
+    return state.config;
+}
+
+void http_server_start()
+{
+    LOG_TRACE("%s - begin", __func__);
+    velm_http_server_stop();
+    if (state.config->http_server_port == 0) {
+        LOG_ERROR("%s - not configured", __func__);
+        return;
+    }
+    serve();
+    LOG_TRACE("%s - end", __func__);
+}
+
+void http_server_stop()
+{
+    LOG_INFO("%s", __func__);
+    http_connections_close();
+    state.http_server_instance.reset();
+    state.settings_serving.reset();
+}
+
+void velm_http_server_set_event_base(event_base *base)
+{
+    state.base = base;
+}
+
+void velm_http_server_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    if (state.http_server_instance != nullptr && state.settings_serving == nullptr) {
+        state.settings_serving = std::move(state.settings);
+    }
+    state.config = config;
+    state.settings = make_tls_settings(config);
+    http_server_forget_info();
+}
+
+void velm_http_server_start()
+{
+    common_async_action_call(start_action, nullptr);
+}
+
+void velm_http_server_stop()
+{
+    if (state.http_server_instance != nullptr) {
+        http_server_stop();
+    }
+}

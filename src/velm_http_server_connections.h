@@ -1,0 +1,41 @@
+#pragma once
+
+#include <event2/event.h>
+#include <evhtp/evhtp.h>
+#include <sys/time.h>
+
+#include <cstddef>
+
+/// The live connections of the HTTPS server. libevhtp keeps no list of them, sets no limit and no
+/// end to their time; all three are kept here, and what a connection sends is held back until the
+/// parser may have it: first a whole head (see velm_http_server_head_filter.h), then its body, then
+/// nothing until the reply has left.
+
+inline constexpr std::size_t http_server_max_body_size = 8192;
+
+struct http_connection_limits {
+    /// A TLS connection costs some 50 kB while it works: together about 3 MB of a small device.
+    std::size_t total = 64;
+    /// A phone opens a few at a time; what is left serves the others when one host takes its share.
+    std::size_t per_address = 16;
+    /// From accept, or from the end of the last reply, to the last byte of the next request, the TLS
+    /// handshake and any idle time included. A total, so that dripping bytes gains nothing. While the
+    /// checks of a request run it does not end; a reply is to be taken within twice this time.
+    timeval request_time{30, 0};
+    /// How long the listener rests when the process is out of descriptors.
+    timeval listener_rest{0, 200 * 1000};
+};
+
+/// Installs itself in an instance that has its TLS settings. Before binding; one instance at a time.
+void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits);
+
+/// Makes the listener rest when accepting fails, where it would spin. After binding.
+void http_connections_watch_listener();
+
+/// Ends the listener and frees every connection, requests in flight included, so that the instance
+/// can be freed. From a loop event only: never from a route's callback, since the parser touches the
+/// connection after it.
+void http_connections_close();
+
+/// How many are open.
+[[nodiscard]] std::size_t http_connections_count();

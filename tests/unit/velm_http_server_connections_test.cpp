@@ -1,0 +1,587 @@
+// First: libevhtp's headers rename what the system's regex.h declares.
+#include <gtest/gtest.h>
+
+#include "velm_http_server_connections.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fakes/captured_log.h"
+#include "fakes/https_client.h"
+#include "handles/evhtp.h"
+
+namespace {
+
+using std::string;
+using namespace std::chrono_literals;
+
+struct request_seen {
+    string path, assertion, attestation, body;
+};
+std::vector<request_seen> seen;
+std::vector<evhtp_request_t *> paused;
+int last_socket = -1;
+
+string header_of(evhtp_request_t *request, const char *name)
+{
+    const char *const value = evhtp_header_find(request->headers_in, name);
+    return value == nullptr ? "(none)" : value;
+}
+
+void note(evhtp_request_t *request)
+{
+    const std::size_t size = evbuffer_get_length(request->buffer_in);
+    string body(size, '\0');
+    evbuffer_copyout(request->buffer_in, body.data(), size);
+    seen.push_back({request->uri->path->full, header_of(request, "X-Assertion"),
+                    header_of(request, "X-Attestation"), body});
+    last_socket = request->conn->sock;
+}
+
+void answer(evhtp_request_t *request, void *)
+{
+    note(request);
+    evbuffer_add(request->buffer_out, "ok", 2);
+    evhtp_send_reply(request, EVHTP_RES_OK);
+}
+
+void pause(evhtp_request_t *request, void *)
+{
+    note(request);
+    evhtp_request_pause(request);
+    paused.push_back(request);
+}
+
+void answer_much(evhtp_request_t *request, void *)
+{
+    const string much(16U << 20U, 'a');
+    evbuffer_add(request->buffer_out, much.data(), much.size());
+    evhtp_send_reply(request, EVHTP_RES_OK);
+}
+
+void answer_paused()
+{
+    evhtp_request_t *const request = paused.back();
+    paused.pop_back();
+    evbuffer_add(request->buffer_out, "ok", 2);
+    evhtp_send_reply(request, EVHTP_RES_OK);
+    evhtp_request_resume(request);
+}
+
+constexpr char get[] = "GET /now HTTP/1.1\r\nHost: a\r\n\r\n";
+constexpr char get_paused[] = "GET /pause HTTP/1.1\r\nHost: a\r\n\r\n";
+
+class Connections : public testing::Test {
+  protected:
+    Connections()
+    {
+        seen.clear();
+        paused.clear();
+    }
+    ~Connections() override
+    {
+        stop();
+    }
+
+    void serve(const http_connection_limits &limits = {})
+    {
+        htp.reset(evhtp_new(loop, nullptr));
+        settings.pemfile = identity.cert_path.data();
+        settings.privfile = identity.key_path.data();
+        ASSERT_EQ(evhtp_ssl_init(htp.get(), &settings), 0);
+        http_connections_attach(htp.get(), limits);
+        ASSERT_EQ(evhtp_bind_socket(htp.get(), "127.0.0.1", port, 128), 0);
+        http_connections_watch_listener();
+        evhtp_set_cb(htp.get(), "/pause", pause, nullptr);
+        evhtp_set_cb(htp.get(), "/much", answer_much, nullptr);
+        evhtp_set_gencb(htp.get(), answer, nullptr);
+    }
+
+    void stop()
+    {
+        if (htp != nullptr) {
+            http_connections_close();
+            htp.reset();
+        }
+    }
+
+    std::unique_ptr<https_client> client(const char *from = "127.0.0.1")
+    {
+        return std::make_unique<https_client>(loop, port, from);
+    }
+    std::unique_ptr<https_client> connected(const char *from = "127.0.0.1")
+    {
+        auto made = client(from);
+        EXPECT_TRUE(made->handshake());
+        return made;
+    }
+    bool reaches(std::size_t count)
+    {
+        return turn_until(loop, [count] { return http_connections_count() == count; });
+    }
+    bool pauses()
+    {
+        return turn_until(loop, [] { return !paused.empty(); });
+    }
+
+    static inline event_base *const loop = event_base_new();
+    static inline tls_identity identity;
+    captured_log log;
+    unsigned short port = free_port();
+    evhtp_ssl_cfg_t settings{};
+    evhtp_ptr htp;
+};
+
+http_connection_limits quick()
+{
+    http_connection_limits limits;
+    limits.request_time = {0, 100 * 1000};
+    return limits;
+}
+
+// What arrives
+
+TEST_F(Connections, SeveralRequestsAreServedOnOneConnection)
+{
+    serve();
+    const auto peer = connected();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(peer->ask(get).body, "ok");
+    }
+    EXPECT_EQ(http_connections_count(), 1U);
+}
+
+TEST_F(Connections, ConnectionCloseEndsAfterTheWholeReply)
+{
+    serve();
+    const auto peer = connected();
+    const http_reply reply = peer->ask("GET /much HTTP/1.1\r\nConnection: close\r\n\r\n");
+    EXPECT_EQ(reply.body.size(), 16U << 20U);
+    EXPECT_TRUE(peer->is_closed());
+}
+
+struct value_case {
+    const char *name, *header;
+    std::size_t sent, arrives;
+};
+class LongHeader : public Connections, public testing::WithParamInterface<value_case> {};
+TEST_P(LongHeader, ArrivesForTheRoute)
+{
+    serve();
+    const auto peer = connected();
+    const string value(GetParam().sent, 'v');
+    const http_reply reply = peer->ask("POST /now HTTP/1.1\r\nContent-Length: 4\r\n" +
+                                       string{GetParam().header} + ": " + value + "\r\n\r\nbody");
+    ASSERT_EQ(reply.status, 200);
+    const bool is_assertion = GetParam().header == string{"X-Assertion"};
+    EXPECT_EQ(is_assertion ? seen[0].assertion : seen[0].attestation,
+              string(GetParam().arrives, 'v'));
+    EXPECT_EQ(is_assertion ? seen[0].attestation : seen[0].assertion, "(none)");
+    EXPECT_EQ(seen[0].body, "body");
+    // Nothing of it stays for the next request.
+    EXPECT_EQ(peer->ask(get).status, 200);
+    EXPECT_EQ(seen[1].assertion + seen[1].attestation, "(none)(none)");
+}
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, LongHeader,
+    testing::Values(value_case{"Assertion0", "X-Assertion", 0, 0},
+                    value_case{"Assertion8191", "X-Assertion", 8191, 8191},
+                    value_case{"Assertion8192", "X-Assertion", 8192, 8192},
+                    value_case{"Assertion16384", "X-Assertion", 16384, 16384},
+                    value_case{"Assertion16385", "X-Assertion", 16385, 16385},
+                    value_case{"Assertion50000", "X-Assertion", 50000, 16385},
+                    value_case{"Attestation8192", "X-Attestation", 8192, 8192},
+                    value_case{"Attestation16384", "X-Attestation", 16384, 16384},
+                    value_case{"Attestation16385", "X-Attestation", 16385, 16385}),
+    [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, BothLongHeadersOfOneRequestArrive)
+{
+    serve();
+    const auto peer = connected();
+    peer->ask("GET /now HTTP/1.1\r\nX-Assertion: " + string(16384, 'a') +
+              "\r\nX-Attestation: " + string(16384, 'b') + "\r\n\r\n");
+    ASSERT_EQ(seen.size(), 1U);
+    EXPECT_EQ(seen[0].assertion, string(16384, 'a'));
+    EXPECT_EQ(seen[0].attestation, string(16384, 'b'));
+}
+
+TEST_F(Connections, AHeadThatIsSplitAnywhereArrivesTheSame)
+{
+    serve();
+    const auto peer = connected();
+    const string request =
+        "POST /split/request?a=b HTTP/1.1\r\nhost: a\r\nx-assertion: one\r\n\ttwo"
+        "\r\nContent-Length: 3\r\n\r\nabc";
+    for (std::size_t split = 1; split < request.size(); ++split) {
+        seen.clear();
+        peer->send(request.substr(0, split));
+        turn_for(loop, 0ms);
+        ASSERT_EQ(peer->ask(request.substr(split)).status, 200) << split;
+        ASSERT_EQ(seen.size(), 1U);
+        ASSERT_EQ(seen[0].path, "/split/request") << split;
+        ASSERT_EQ(seen[0].assertion, "one two") << split;
+        ASSERT_EQ(seen[0].body, "abc") << split;
+    }
+}
+
+TEST_F(Connections, ARequestThatComesByteByByteArrivesTheSame)
+{
+    serve();
+    const auto peer = connected();
+    for (const char byte : string{"POST /now HTTP/1.1\r\nX-Assertion: a\r\n"
+                                  "Transfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"}) {
+        peer->send({&byte, 1});
+        turn_for(loop, 0ms);
+    }
+    EXPECT_EQ(peer->receive().status, 200);
+    ASSERT_EQ(seen.size(), 1U);
+    EXPECT_EQ(seen[0].assertion, "a");
+    EXPECT_EQ(seen[0].body, "abc");
+}
+
+TEST_F(Connections, RequestsThatComeTogetherAreServedOneAfterTheOther)
+{
+    serve();
+    const auto peer = connected();
+    const string post = "POST /now HTTP/1.1\r\nContent-Length: 3\r\nX-Assertion: a\r\n\r\nabc";
+    peer->send(post + get_paused + get + get);
+    EXPECT_EQ(peer->receive().status, 200);
+    ASSERT_TRUE(pauses());
+    EXPECT_EQ(seen.size(), 2U);
+    answer_paused();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(peer->receive().status, 200);
+    }
+    EXPECT_EQ(seen.size(), 4U);
+}
+
+TEST_F(Connections, ARequestBehindAChunkedOneIsLookedAtToo)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /pause HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"
+               "GET /now HTTP/1.1\r\nX-Assertion: " +
+               string(10000, 'a') + "\r\n\r\n");
+    ASSERT_TRUE(pauses());
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(seen.at(1).assertion, string(10000, 'a'));
+}
+
+// Limits
+
+struct body_case {
+    const char *name;
+    std::size_t size;
+    bool chunked, served;
+};
+class BodySize : public Connections, public testing::WithParamInterface<body_case> {};
+TEST_P(BodySize, IsServedUpTo8192Bytes)
+{
+    serve();
+    const auto peer = connected();
+    const string body(GetParam().size, 'b');
+    if (GetParam().chunked) {
+        char size[16];
+        std::snprintf(size, sizeof size, "%zx\r\n", body.size() - 1);
+        peer->send("POST /now HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1\r\nb\r\n" +
+                   string{size} + body.substr(1) + "\r\n0\r\n\r\n");
+    } else {
+        peer->send("POST /now HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
+                   "\r\n\r\n" + body);
+    }
+    EXPECT_EQ(peer->receive().status, GetParam().served ? 200 : 0);
+    EXPECT_EQ(seen.size(), GetParam().served ? 1U : 0U);
+    if (GetParam().served) {
+        EXPECT_EQ(seen[0].body, body);
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Sizes, BodySize,
+                         testing::Values(body_case{"Length8191", 8191, false, true},
+                                         body_case{"Length8192", 8192, false, true},
+                                         body_case{"Length8193", 8193, false, false},
+                                         body_case{"Chunked8191", 8191, true, true},
+                                         body_case{"Chunked8192", 8192, true, true},
+                                         body_case{"Chunked8193", 8193, true, false}),
+                         [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, ABodyThatIsAnnouncedTooLongIsRefusedBeforeItComes)
+{
+    serve();
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n").status, 0);
+    EXPECT_TRUE(log.has(" WARN velm_http_server - refuse - body too long") ||
+                log.contains("refuse - body too long"));
+    EXPECT_TRUE(reaches(0));
+}
+
+struct refused_case {
+    const char *name;
+    string request;
+};
+class RefusedRequest : public Connections, public testing::WithParamInterface<refused_case> {};
+TEST_P(RefusedRequest, ClosesTheConnectionAndCallsNoRoute)
+{
+    serve();
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask(GetParam().request).status, 0);
+    EXPECT_TRUE(peer->is_closed());
+    EXPECT_TRUE(seen.empty());
+    EXPECT_TRUE(reaches(0));
+}
+string many_headers(std::size_t count)
+{
+    string lines;
+    for (std::size_t i = 0; i < count; ++i) {
+        lines += "A: b\r\n";
+    }
+    return lines;
+}
+INSTANTIATE_TEST_SUITE_P(
+    Requests, RefusedRequest,
+    testing::Values(
+        refused_case{"Headers101", "GET /now HTTP/1.1\r\n" + many_headers(101) + "\r\n"},
+        refused_case{"Value8192", "GET /now HTTP/1.1\r\nA: " + string(8192, 'a') + "\r\n\r\n"},
+        refused_case{"Uri8192", "GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n"},
+        refused_case{"HeadThatNeverEnds", "GET /now HTTP/1.1\r\nA: " + string(70000, 'a')},
+        refused_case{"Http09", "GET /now\r\n\r\n"},
+        refused_case{"BareLineFeeds", "GET /now HTTP/1.1\nHost: a\n\n"},
+        refused_case{"ZeroByteInThePath", string("GET /now\0x HTTP/1.1\r\n\r\n", 23)},
+        refused_case{"NoHttpAtAll", "\x16\x03\x01 no http\r\n\r\n"},
+        refused_case{"NegativeLength", "GET /now HTTP/1.1\r\nContent-Length: -1\r\n\r\n"}),
+    [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, AHundredHeadersAndTheLongestValueAreServed)
+{
+    serve();
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask("GET /now HTTP/1.1\r\n" + many_headers(99) + "A: " + string(8191, 'a') +
+                        "\r\n\r\n")
+                  .status,
+              200);
+}
+
+TEST_F(Connections, AConnectionAboveTheCapOfItsAddressIsClosedAtOnce)
+{
+    http_connection_limits limits;
+    limits.total = 4;
+    limits.per_address = 2;
+    serve(limits);
+    auto first = connected();
+    const auto second = connected();
+    EXPECT_TRUE(client()->is_closed());
+    EXPECT_EQ(connected("127.0.0.2")->ask(get).status, 200);
+    first.reset();
+    ASSERT_TRUE(reaches(1));
+    EXPECT_EQ(connected()->ask(get).status, 200);
+}
+
+TEST_F(Connections, AConnectionAboveTheTotalIsClosedAtOnce)
+{
+    http_connection_limits limits;
+    limits.total = 3;
+    limits.per_address = 2;
+    serve(limits);
+    auto first = connected();
+    const auto second = connected();
+    const auto third = connected("127.0.0.2");
+    EXPECT_TRUE(client("127.0.0.2")->is_closed());
+    EXPECT_EQ(http_connections_count(), 3U);
+    first.reset();
+    ASSERT_TRUE(reaches(2));
+    EXPECT_EQ(connected("127.0.0.2")->ask(get).status, 200);
+}
+
+TEST_F(Connections, SocketsAreNotHandedToChildProcesses)
+{
+    serve();
+    const auto peer = connected();
+    peer->ask(get);
+    EXPECT_NE(fcntl(last_socket, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(fcntl(evconnlistener_get_fd(htp->server), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(Connections, OutOfDescriptorsTheListenerRestsAndServesAgainWhenSomeAreFree)
+{
+    http_connection_limits limits;
+    limits.listener_rest = {0, 20 * 1000};
+    serve(limits);
+    auto peer = client();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const std::clock_t cpu_before = std::clock();
+    turn_for(loop, 200ms);
+    const double cpu_s = static_cast<double>(std::clock() - cpu_before) / CLOCKS_PER_SEC;
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_GE(log.count("on_accept_error - cannot accept: Too many open files"), 2);
+    EXPECT_LE(log.count("cannot accept"), 12);
+    EXPECT_LT(cpu_s, 0.15);
+    EXPECT_EQ(http_connections_count(), 0U);
+    ASSERT_TRUE(peer->handshake());
+    EXPECT_EQ(peer->ask(get).status, 200);
+}
+
+TEST_F(Connections, TheListenerMayEndWhileItRests)
+{
+    http_connection_limits limits;
+    limits.listener_rest = {0, 20 * 1000};
+    serve(limits);
+    const auto peer = client();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit none{3, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_TRUE(turn_until(loop, [this] { return log.contains("cannot accept"); }));
+    stop();
+    setrlimit(RLIMIT_NOFILE, &before);
+    turn_for(loop, 50ms);
+}
+
+// Time
+
+TEST_F(Connections, ASocketWithoutHandshakeIsClosedWhenItsTimeIsUp)
+{
+    serve(quick());
+    const auto peer = client();
+    ASSERT_TRUE(reaches(1));
+    EXPECT_TRUE(peer->is_closed());
+    EXPECT_EQ(http_connections_count(), 0U);
+}
+
+TEST_F(Connections, AHalfDoneHandshakeIsClosedWhenItsTimeIsUp)
+{
+    serve(quick());
+    const auto peer = client();
+    EXPECT_EQ(SSL_do_handshake(peer->tls()), -1); // sends the hello and never reads on
+    ASSERT_TRUE(reaches(1));
+    EXPECT_TRUE(reaches(0));
+}
+
+TEST_F(Connections, AnIdleConnectionIsClosedWhenItsTimeIsUp)
+{
+    serve(quick());
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask(get).status, 200);
+    EXPECT_TRUE(peer->is_closed());
+}
+
+struct drip_case {
+    const char *name, *start;
+};
+class Drip : public Connections, public testing::WithParamInterface<drip_case> {};
+TEST_P(Drip, GainsNoTime)
+{
+    serve(quick());
+    const auto peer = connected();
+    const auto begin = std::chrono::steady_clock::now();
+    peer->send(GetParam().start);
+    while (!peer->has_ended() && std::chrono::steady_clock::now() - begin < 5s) {
+        peer->send("a");
+        turn_for(loop, 5ms);
+    }
+    EXPECT_TRUE(peer->has_ended());
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+    EXPECT_TRUE(seen.empty());
+}
+INSTANTIATE_TEST_SUITE_P(
+    Places, Drip,
+    testing::Values(drip_case{"Head", "GET /now HTTP/1.1\r\nA: "},
+                    drip_case{"Body", "POST /now HTTP/1.1\r\nContent-Length: 8000\r\n\r\n"}),
+    [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, APausedRequestIsNotClosedAndTheTimeBeginsAgainAfterItsReply)
+{
+    serve(quick());
+    const auto peer = connected();
+    peer->send(get_paused);
+    ASSERT_TRUE(pauses());
+    turn_for(loop, 350ms);
+    EXPECT_EQ(http_connections_count(), 1U);
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    const auto replied = std::chrono::steady_clock::now();
+    EXPECT_TRUE(peer->is_closed());
+    EXPECT_GT(std::chrono::steady_clock::now() - replied, 80ms);
+}
+
+TEST_F(Connections, AReplyThatNobodyReadsEndsTheConnection)
+{
+    serve(quick());
+    const auto peer = connected();
+    peer->send("GET /much HTTP/1.1\r\nHost: a\r\n\r\n");
+    ASSERT_TRUE(reaches(1));
+    EXPECT_TRUE(reaches(0));
+}
+
+// Stop
+
+TEST_F(Connections, ClosingEndsConnectionsOfEveryKind)
+{
+    serve();
+    const auto bare = client();
+    const auto half_handshake = client();
+    EXPECT_EQ(SSL_do_handshake(half_handshake->tls()), -1);
+    const auto silent = connected();
+    const auto idle = connected();
+    EXPECT_EQ(idle->ask(get).status, 200);
+    const auto half_head = connected();
+    half_head->send("GET /now HTTP/1.1\r\nHo");
+    const auto half_body = connected();
+    half_body->send("POST /now HTTP/1.1\r\nContent-Length: 9\r\n\r\nab");
+    const auto in_flight = connected();
+    in_flight->send(get_paused);
+    const auto unread = connected();
+    unread->send("GET /much HTTP/1.1\r\nHost: a\r\n\r\n");
+    ASSERT_TRUE(pauses());
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 8U);
+    stop();
+    EXPECT_EQ(http_connections_count(), 0U);
+    for (https_client *const peer : {bare.get(), silent.get(), idle.get(), half_head.get(),
+                                     half_body.get(), in_flight.get()}) {
+        EXPECT_TRUE(peer->is_closed());
+    }
+    turn_for(loop, 20ms);
+    EXPECT_EQ(seen.size(), 2U);
+}
+
+TEST_F(Connections, AClientThatGoesWhileItsRequestIsPausedHarmsNobody)
+{
+    serve();
+    for (const bool by_reset : {true, false}) {
+        auto peer = connected();
+        peer->send(get_paused);
+        ASSERT_TRUE(pauses());
+        if (by_reset) {
+            peer->reset();
+        }
+        peer.reset();
+        turn_for(loop, 10ms);
+        answer_paused();
+        EXPECT_TRUE(reaches(0));
+    }
+}
+
+TEST_F(Connections, AClientThatGoesInTheMiddleOfAnythingIsForgotten)
+{
+    serve();
+    for (const char *const part :
+         {"", "GET /now HTTP/1.1\r\nA", "POST /now HTTP/1.1\r\nContent-Length: 9\r\n\r\nab"}) {
+        auto peer = connected();
+        peer->send(part);
+        turn_for(loop, 2ms);
+        peer->reset();
+        EXPECT_TRUE(reaches(0)) << part;
+    }
+}
+
+} // namespace

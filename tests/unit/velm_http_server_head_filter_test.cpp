@@ -1,0 +1,192 @@
+#include "velm_http_server_head_filter.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using std::string;
+
+std::size_t length_of(const string &bytes)
+{
+    std::size_t scanned = 0;
+    return http_head_length(bytes, &scanned);
+}
+
+string head_with(const string &lines)
+{
+    return "POST /pair HTTP/1.1\r\n" + lines + "\r\n";
+}
+
+TEST(HeadLength, ReachesToTheEndOfTheBlankLine)
+{
+    EXPECT_EQ(length_of("GET / HTTP/1.1\r\nHost: a\r\n\r\nbody"), 27U);
+}
+
+TEST(HeadLength, IsNothingBeforeTheBlankLineIsThere)
+{
+    EXPECT_EQ(length_of(""), 0U);
+    EXPECT_EQ(length_of("GET / HTTP/1.1\r\nHost: a\r\n\r"), 0U);
+}
+
+TEST(HeadLength, IsFoundWhereverTheBytesAreSplit)
+{
+    const string head = head_with("Host: a\r\n");
+    for (std::size_t split = 0; split <= head.size(); ++split) {
+        std::size_t scanned = 0;
+        const std::size_t early = http_head_length(head.substr(0, split), &scanned);
+        ASSERT_EQ(early, split == head.size() ? head.size() : 0) << split;
+        ASSERT_EQ(http_head_length(head, &scanned), split == head.size() ? 0 : head.size())
+            << split;
+    }
+}
+
+TEST(HeadLength, EndsAtALineFeedWithoutCarriageReturnSoThatTheHeadIsRefused)
+{
+    const string head = "GET / HTTP/1.1\nHost: a\n\n";
+    EXPECT_EQ(length_of(head), 15U);
+    EXPECT_STREQ(http_head_filter(head.substr(0, 15)).refusal, "line feed without carriage return");
+}
+
+TEST(HeadFilter, LeavesAHeadWithoutLongHeadersAsItIs)
+{
+    const string head = head_with("Host: a\r\nX-Other:  b \r\nno header at all\r\n:\r\n");
+    const http_head result = http_head_filter(head);
+    EXPECT_EQ(result.refusal, nullptr);
+    EXPECT_EQ(result.text, head);
+    EXPECT_TRUE(result.lifted.empty());
+}
+
+TEST(HeadFilter, LeavesAHeadWithoutAnyHeaderAsItIs)
+{
+    EXPECT_EQ(http_head_filter(head_with("")).text, head_with(""));
+}
+
+struct lift_case {
+    const char *name, *lines, *header, *value;
+};
+class Lifts : public testing::TestWithParam<lift_case> {};
+TEST_P(Lifts, TheValueOutOfTheHead)
+{
+    const http_head result =
+        http_head_filter(head_with(string{"Host: a\r\n"} + GetParam().lines + "X-Last: c\r\n"));
+    ASSERT_EQ(result.refusal, nullptr);
+    EXPECT_EQ(result.text, head_with("Host: a\r\nX-Last: c\r\n"));
+    ASSERT_EQ(result.lifted.size(), 1U);
+    EXPECT_STREQ(result.lifted[0].name, GetParam().header);
+    EXPECT_EQ(result.lifted[0].value, GetParam().value);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Lines, Lifts,
+    testing::Values(
+        lift_case{"Assertion", "X-Assertion: abc\r\n", "X-Assertion", "abc"},
+        lift_case{"Attestation", "X-Attestation: abc\r\n", "X-Attestation", "abc"},
+        lift_case{"LowerCase", "x-assertion: abc\r\n", "X-Assertion", "abc"},
+        lift_case{"UpperCase", "X-ATTESTATION: abc\r\n", "X-Attestation", "abc"},
+        lift_case{"NoBlank", "X-Assertion:abc\r\n", "X-Assertion", "abc"},
+        lift_case{"WhiteSpaceAround", "X-Assertion: \t abc\t \r\n", "X-Assertion", "abc"},
+        lift_case{"ColonInside", "X-Assertion: a:b\r\n", "X-Assertion", "a:b"},
+        lift_case{"Empty", "X-Assertion:\r\n", "X-Assertion", ""},
+        lift_case{"OnlyBlanks", "X-Assertion:   \r\n", "X-Assertion", ""},
+        lift_case{"FoldedByBlank", "X-Assertion: ab\r\n  cd \r\n", "X-Assertion", "ab cd"},
+        lift_case{"FoldedByTab", "X-Assertion: ab\r\n\tcd\r\n\tef\r\n", "X-Assertion", "ab cd ef"},
+        lift_case{"FoldedFromTheStart", "X-Assertion:\r\n abc\r\n", "X-Assertion", "abc"}),
+    [](const auto &row) { return string{row.param.name}; });
+
+TEST(HeadFilter, LiftsNoHeaderWhoseNameOnlyResembles)
+{
+    const string head = head_with("X-Assertions: a\r\nX-Assertio: b\r\nX-Assertion : c\r\n");
+    EXPECT_EQ(http_head_filter(head).text, head);
+}
+
+TEST(HeadFilter, KeepsDoubledHeadersInTheirOrder)
+{
+    const http_head result =
+        http_head_filter(head_with("X-Assertion: 1\r\nX-Attestation: 2\r\nX-Assertion: 3\r\n"));
+    ASSERT_EQ(result.lifted.size(), 3U);
+    EXPECT_EQ(result.lifted[0].value + result.lifted[1].value + result.lifted[2].value, "123");
+}
+
+TEST(HeadFilter, KeepsALiftedValueOf16384CharactersWhole)
+{
+    const string value(16384, 'a');
+    EXPECT_EQ(http_head_filter(head_with("X-Assertion: " + value + "\r\n")).lifted.at(0).value,
+              value);
+}
+
+TEST(HeadFilter, KeepsOneCharacterMoreOfALongerValueSoThatItIsSeenToBeTooLong)
+{
+    for (const std::size_t size : {16385U, 16386U, 40000U}) {
+        const http_head result =
+            http_head_filter(head_with("X-Assertion: " + string(size, 'a') + "\r\n"));
+        EXPECT_EQ(result.lifted.at(0).value, string(16385, 'a'));
+    }
+    const http_head folded =
+        http_head_filter(head_with("X-Assertion: " + string(16384, 'a') + "\r\n bcd\r\n efg\r\n"));
+    EXPECT_EQ(folded.lifted.at(0).value, string(16384, 'a') + " ");
+}
+
+struct limit_case {
+    const char *name;
+    string head;
+    const char *refusal;
+};
+string headers(std::size_t count)
+{
+    string lines;
+    for (std::size_t i = 0; i < count; ++i) {
+        lines += "A: b\r\n";
+    }
+    return lines;
+}
+string head_of_size(std::size_t size)
+{
+    string lines;
+    const string line = "A: " + string(8000, 'a') + "\r\n";
+    while (head_with(lines + line).size() + 10 < size) {
+        lines += line;
+    }
+    const string rest = "B: \r\n";
+    lines += "B: " + string(size - head_with(lines + rest).size(), 'b') + "\r\n";
+    return head_with(lines);
+}
+string head_of_uri(std::size_t size)
+{
+    return "GET " + string(size, '/') + " HTTP/1.1\r\n\r\n";
+}
+class HeadLimit : public testing::TestWithParam<limit_case> {};
+TEST_P(HeadLimit, HoldsOnBothSides)
+{
+    EXPECT_STREQ(http_head_filter(GetParam().head).refusal, GetParam().refusal);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Limits, HeadLimit,
+    testing::Values(
+        limit_case{"Headers100", head_with(headers(100)), nullptr},
+        limit_case{"Headers101", head_with(headers(101)), "too many headers"},
+        limit_case{"LiftedHeadersCount", head_with(headers(100) + "X-Assertion: a\r\n"),
+                   "too many headers"},
+        limit_case{"FoldedLinesCount", head_with(headers(100) + " a\r\n"), "too many headers"},
+        limit_case{"Value8191", head_with("A: " + string(8191, 'a') + "\r\n"), nullptr},
+        limit_case{"Value8192", head_with("A: " + string(8192, 'a') + "\r\n"), "header too long"},
+        limit_case{"FoldedValue8192",
+                   head_with("A: " + string(8000, 'a') + "\r\n\t" + string(192, 'a') + "\r\n"),
+                   "header too long"},
+        limit_case{"Name8192", head_with(string(8192, 'a') + ": a\r\n"), "header too long"},
+        limit_case{"NoColon8192", head_with(string(8192, 'a') + "\r\n"), "header too long"},
+        limit_case{"Uri8191", head_of_uri(8191), nullptr},
+        limit_case{"Uri8192", head_of_uri(8192), "uri too long"},
+        limit_case{"Head65536", head_of_size(65536), nullptr},
+        limit_case{"Head65537", head_of_size(65537), "head too long"},
+        limit_case{"ZeroByte", string("GET /info\0x HTTP/1.1\r\n\r\n", 24),
+                   "zero byte in the head"}),
+    [](const auto &row) { return string{row.param.name}; });
+
+TEST(HeadFilter, TellsWhetherOnlyTheParserKnowsTheEndOfTheBody)
+{
+    EXPECT_TRUE(http_head_filter(head_with("transfer-encoding: chunked\r\n")).transfer_encoding);
+    EXPECT_FALSE(http_head_filter(head_with("Content-Length: 3\r\n")).transfer_encoding);
+}
+
+} // namespace
