@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -143,6 +144,8 @@ https_client::https_client(event_base *loop, unsigned short port, const char *fr
     require(connect(fd_.get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) == 0,
             "connect");
     fcntl(fd_.get(), F_SETFL, O_NONBLOCK);
+    const int on = 1; // each record leaves at once
+    setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     tls_.reset(SSL_new(context_.get()));
     SSL_set_app_data(tls_.get(), this);
     SSL_set_fd(tls_.get(), fd_.get());
