@@ -122,25 +122,6 @@ int bind_socket(evhtp_t *http_server_instance)
     return rc;
 }
 
-void serve()
-{
-    state.http_server_instance.reset(evhtp_new(state.base, nullptr));
-    REQUIRE_MEMORY(state.http_server_instance, "http_server_instance");
-    evhtp_t *const http_server_instance = state.http_server_instance.get();
-    evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
-    int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
-    REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
-    tune_tls(http_server_instance->ssl_ctx);
-    http_connections_attach(http_server_instance, {});
-    rc = bind_socket(http_server_instance);
-    REQUIRE_CALL(rc >= 0,
-                 "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
-                 "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
-                 rc);
-    http_connections_watch_listener();
-    http_server_register_routes(http_server_instance);
-}
-
 void start_action(void *, short, common_async_context *) noexcept
 {
     http_server_start();
@@ -161,7 +142,21 @@ void http_server_start()
         LOG_ERROR("%s - not configured", __func__);
         return;
     }
-    serve();
+    state.http_server_instance.reset(evhtp_new(state.base, nullptr));
+    REQUIRE_MEMORY(state.http_server_instance, "http_server_instance");
+    evhtp_t *const http_server_instance = state.http_server_instance.get();
+    evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
+    int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
+    REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
+    tune_tls(http_server_instance->ssl_ctx);
+    http_connections_attach(http_server_instance, {});
+    rc = bind_socket(http_server_instance);
+    REQUIRE_CALL(rc >= 0,
+                 "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
+                 "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
+                 rc);
+    http_connections_watch_listener();
+    http_server_register_routes(http_server_instance);
     LOG_TRACE("%s - end", __func__);
 }
 

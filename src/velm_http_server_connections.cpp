@@ -186,12 +186,19 @@ bool take_head(server_connection *peer)
     return begin_body(peer, head.transfer_encoding);
 }
 
+/// How much of what is held the parser may have without seeing anything of the next request. A
+/// chunked body ends at a line's end, and only the parser knows at which: so line by line.
+std::size_t body_piece(const server_connection *peer)
+{
+    if (peer->body_end_unknown) {
+        return std::min(peer->held.find('\n'), peer->held.size() - 1) + 1;
+    }
+    return static_cast<std::size_t>(std::min<std::uint64_t>(peer->held.size(), peer->body_left));
+}
+
 bool take_body(server_connection *peer)
 {
-    const std::size_t size =
-        peer->body_end_unknown
-            ? peer->held.size()
-            : static_cast<std::size_t>(std::min<std::uint64_t>(peer->held.size(), peer->body_left));
+    const std::size_t size = peer->held.empty() ? 0 : body_piece(peer);
     if (size == 0) {
         return false;
     }
@@ -203,9 +210,8 @@ bool take_body(server_connection *peer)
     }
     if (has_reached_its_route(peer)) {
         begin_answering(peer);
-        return true;
     }
-    return false;
+    return true;
 }
 
 bool take_nothing(server_connection *peer)

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -265,15 +266,22 @@ TEST_F(Connections, RequestsThatComeTogetherAreServedOneAfterTheOther)
 TEST_F(Connections, ARequestBehindAChunkedOneIsLookedAtToo)
 {
     serve();
-    const auto peer = connected();
-    peer->send("POST /pause HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n0\r\n\r\n"
-               "GET /now HTTP/1.1\r\nX-Assertion: " +
-               string(10000, 'a') + "\r\n\r\n");
-    ASSERT_TRUE(pauses());
-    answer_paused();
-    EXPECT_EQ(peer->receive().status, 200);
-    EXPECT_EQ(peer->receive().status, 200);
-    EXPECT_EQ(seen.at(1).assertion, string(10000, 'a'));
+    for (const char *const path : {"/pause", "/now"}) {
+        seen.clear();
+        const auto peer = connected();
+        peer->send("POST " + string{path} +
+                   " HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n3\r\na\nc\r\n0\r\n\r\n"
+                   "GET /now HTTP/1.1\r\nX-Assertion: " +
+                   string(10000, 'a') + "\r\n\r\n");
+        ASSERT_TRUE(turn_until(loop, [] { return !seen.empty(); }));
+        if (!paused.empty()) {
+            answer_paused();
+        }
+        EXPECT_EQ(peer->receive().status, 200);
+        EXPECT_EQ(peer->receive().status, 200);
+        EXPECT_EQ(seen.at(0).body, "a\nc");
+        EXPECT_EQ(seen.at(1).assertion, string(10000, 'a'));
+    }
 }
 
 TEST_F(Connections, AClientThatAwaitsLeaveToSendItsBodyGetsIt)
@@ -369,6 +377,31 @@ INSTANTIATE_TEST_SUITE_P(
         refused_case{"NoHttpAtAll", "\x16\x03\x01 no http\r\n\r\n"},
         refused_case{"NegativeLength", "GET /now HTTP/1.1\r\nContent-Length: -1\r\n\r\n"}),
     [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, BentRequestsHarmNobody)
+{
+    serve();
+    const string request = "POST /now?a=b HTTP/1.1\r\nHost: a\r\nX-Assertion: one\r\n\ttwo\r\n"
+                           "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
+                           "3\r\nabc\r\n0\r\n\r\n";
+    const string bytes{"\0\r\n\t :;%/?#\xff"
+                       "09aZ",
+                       16};
+    std::minstd_rand random{1};
+    for (int round = 0; round < 150; ++round) {
+        string bent = request + request;
+        for (int i = 0; i < 4; ++i) {
+            bent.at(random() % bent.size()) = bytes.at(random() % bytes.size());
+        }
+        const std::size_t split = random() % bent.size();
+        const auto peer = connected();
+        peer->send(bent.substr(0, split));
+        turn_for(loop, 0ms);
+        peer->send(bent.substr(split));
+        turn_for(loop, 0ms);
+    }
+    EXPECT_EQ(connected()->ask(get).status, 200);
+}
 
 TEST_F(Connections, AHundredHeadersAndTheLongestValueAreServed)
 {
