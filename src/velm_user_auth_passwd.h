@@ -1,0 +1,7 @@
+#pragma once
+
+/// Logins against the system password database.
+
+/// 1 when the password is right for that system account, else 0; never 1 for "root". Hashes on the
+/// calling thread, so it takes as long as the account's hash asks. Null arguments are fatal.
+[[nodiscard]] int velm_user_auth_passwd_login(const char *username, const char *password);
