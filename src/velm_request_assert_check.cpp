@@ -1,0 +1,143 @@
+#include "velm_request_assert_check.h"
+
+#include <strings.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "crypto/common_crypto.h"
+#include "logger/fatal.h"
+#include "velm_attestation_engine.h"
+#include "velm_challenge_engine.h"
+#include "velm_request_input.h"
+#include "velm_request_preprocessor_record.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_request_assert_check";
+constexpr char check_name[] = "make_assert_check";
+
+struct module_state {
+    const velm_config *config = nullptr;
+};
+module_state state;
+
+void log_finished(const velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p] - finished", check_name, static_cast<const void *>(p));
+}
+
+/// A failed assertion counts only while integrity checking is switched on.
+int android_break_code(bool success)
+{
+    if (success) {
+        return VELM_BREAK_NONE;
+    }
+    if (state.config->app_android_integrity_enabled) {
+        return VELM_BREAK_ASSERTION;
+    }
+    LOG_ERROR("%s - IGNORING FAILED ASSERTION!", "android_verify_assertion_result");
+    return VELM_BREAK_NONE;
+}
+
+/// The engine's answer, which may come after the request has gone: the record waits for it.
+void android_verify_assertion_result(bool success, void *user_data) noexcept
+{
+    auto *const p = static_cast<velm_request_preprocessor *>(user_data);
+    const int code = android_break_code(success);
+    log_finished(p);
+    velm_request_preprocessor_continue(p, code);
+}
+
+int android_method()
+{
+    return strcasecmp(state.config->app_android_integrity_method, "remote") == 0
+               ? velm_android_method_remote
+               : velm_android_method_local;
+}
+
+/// Nothing when the engine will report.
+std::optional<int> verify_assertion(velm_request_preprocessor &p,
+                                    std::span<const std::uint8_t> assertion,
+                                    std::span<const std::uint8_t> digest)
+{
+    switch (velm_utils_device_type_from_string(p.client_device_type)) {
+    case velm_device_type::ios:
+        return velm_attestation_engine_ios_verify_assertion(p.client_device_id, assertion, digest)
+                   ? VELM_BREAK_NONE
+                   : VELM_BREAK_ASSERTION;
+    case velm_device_type::android:
+        velm_attestation_engine_android_verify_assertion(p.client_device_id, assertion, digest,
+                                                         android_method(),
+                                                         android_verify_assertion_result, &p);
+        return std::nullopt;
+    case velm_device_type::unknown:
+        break;
+    }
+    return VELM_BREAK_ASSERTION;
+}
+
+std::optional<int> assert_check(velm_request_preprocessor &p)
+{
+    // The exact bytes that the phone signed.
+    const std::string message = request_body_require(p.request, check_name, "message_buf");
+    if (message.empty()) {
+        return VELM_BREAK_ASSERTION;
+    }
+    if (velm_challenge_engine_consume_challenge(p.client_challenge) == 0) {
+        return VELM_BREAK_CHALLENGE;
+    }
+    const auto digest = common_crypto_sha256(bytes_of(message));
+    if (!digest.has_value()) {
+        return VELM_BREAK_ASSERTION;
+    }
+    const auto assertion = common_crypto_base64_decode(*p.client_assertion);
+    if (!assertion.has_value()) {
+        return VELM_BREAK_ASSERTION;
+    }
+    return verify_assertion(p, *assertion, *digest);
+}
+
+void require_field(const void *field, const char *name)
+{
+    if (field == nullptr) {
+        FATAL("%s: %s is null: %s", check_name, name, "null reference");
+    }
+}
+
+/// What the request check guarantees.
+void require_fields(const velm_request_preprocessor &p)
+{
+    require_field(p.client_device_id, "p->client_device_id");
+    require_field(p.client_assertion.has_value() ? p.client_assertion->c_str() : nullptr,
+                  "p->client_assertion");
+    require_field(p.client_challenge, "p->client_challenge");
+    require_field(p.request, "p->request");
+}
+
+std::optional<int> assert_check_run(velm_request_preprocessor &p)
+{
+    LOG_TRACE("%s [%p] - start", check_name, static_cast<const void *>(&p));
+    require_fields(p);
+    const std::optional<int> code = assert_check(p);
+    if (code.has_value()) {
+        log_finished(&p);
+    }
+    return code;
+}
+
+} // namespace
+
+void velm_request_assert_check_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    state.config = config;
+}
+
+void make_assert_check(velm_request_preprocessor *p)
+{
+    common_async_action_call(preproc_check_run<assert_check_run>, p);
+}

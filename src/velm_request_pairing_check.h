@@ -1,0 +1,11 @@
+#pragma once
+
+#include "velm_config.h"
+#include "velm_request_preprocessor.h"
+
+/// The paired-app check: the device id is that of a pairing.
+
+void velm_request_pairing_check_init(const velm_config *config);
+
+/// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_PAIRING.
+void make_pairing_check(velm_request_preprocessor *p);

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "velm_config.h"
+#include "velm_request_preprocessor.h"
+
+/// The user/password check: the caller knows the password of a system account. After five failures
+/// in a row, whoever made them, every login is refused until 60 s after the first of them.
+
+/// The count of failures outlives a reload.
+void velm_request_user_pass_check_init(const velm_config *config);
+
+/// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_LOGIN.
+void make_user_pass_check(velm_request_preprocessor *p);
