@@ -1,0 +1,321 @@
+#include "velm_request_preprocessor.h"
+
+#include <event2/util.h>
+#include <openssl/crypto.h>
+
+#include <cstddef>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "handles/evhtp.h"
+#include "handles/memory.h"
+#include "logger/fatal.h"
+#include "velm_request_assert_check.h"
+#include "velm_request_device_check.h"
+#include "velm_request_input.h"
+#include "velm_request_pairing_check.h"
+#include "velm_request_preprocessor_record.h"
+#include "velm_request_user_pass_check.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_request_preprocessor";
+
+const void *address_of(const velm_request_preprocessor *p)
+{
+    return p;
+}
+
+const char *shown(const char *text)
+{
+    return text != nullptr ? text : "(null)";
+}
+
+const char *shown(const std::optional<std::string> &text)
+{
+    return text.has_value() ? text->c_str() : "(null)";
+}
+
+std::optional<std::string> copied(const char *text)
+{
+    return text != nullptr ? std::optional<std::string>{text} : std::nullopt;
+}
+
+/// The connection is being freed, and the paused request with it.
+evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
+{
+    auto *const p = static_cast<velm_request_preprocessor *>(user_data);
+    p->request = nullptr;
+    p->request_gone = true;
+    return EVHTP_RES_OK;
+}
+
+/// The password would otherwise stay readable in freed memory.
+void wipe_password(const velm_request_preprocessor &p)
+{
+    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p.body.get(), "auth");
+    const cJSON *const password = cJSON_GetObjectItemCaseSensitive(auth, "password");
+    if (cJSON_IsString(password)) {
+        OPENSSL_cleanse(password->valuestring, std::strlen(password->valuestring));
+    }
+}
+
+void finish_async(void *user_data, short /*events*/, common_async_context * /*context*/) noexcept
+{
+    const auto p = adopt<velm_request_preprocessor>(user_data);
+    LOG_TRACE("%s [%p]", __func__, address_of(p.get()));
+    if (!p->request_gone) {
+        // The answer may free the request: from here on the record must not be told.
+        evhtp_request_unset_hook(p->request, evhtp_hook_on_request_fini);
+        p->callback(p->request, p->break_code);
+    }
+    wipe_password(*p);
+}
+
+int preproc_state_handler_init(velm_request_preprocessor *p)
+{
+    const std::optional<in_addr> peer = request_peer_address(p->request);
+    if (peer.has_value()) {
+        evutil_inet_ntop(AF_INET, &*peer, p->client_ip, sizeof p->client_ip);
+    }
+    const evhtp_uri_t *const uri = p->request->uri;
+    p->path = copied(uri != nullptr && uri->path != nullptr ? uri->path->full : nullptr);
+    LOG_TRACE("%s [%p] - ip:   %s", __func__, address_of(p), p->client_ip);
+    LOG_TRACE("%s [%p] - path: %s", __func__, address_of(p), shown(p->path));
+    return 0;
+}
+
+struct auth_member {
+    const char *name;
+    const char *velm_request_preprocessor::*view;
+    std::size_t limit;
+};
+// clang-format off
+constexpr auth_member auth_members[] = {
+    {"deviceId",   &velm_request_preprocessor::client_device_id,   request_id_limit},
+    {"deviceType", &velm_request_preprocessor::client_device_type, request_word_limit},
+    {"bssid",      &velm_request_preprocessor::client_bssid,       request_word_limit},
+    {"username",   &velm_request_preprocessor::client_username,    request_id_limit},
+    {"password",   &velm_request_preprocessor::client_password,    request_id_limit},
+};
+constexpr auth_member challenge_member =
+    {"challenge",  &velm_request_preprocessor::client_challenge,   request_id_limit};
+// clang-format on
+
+bool read_auth_member(velm_request_preprocessor *p, const cJSON *auth, const auth_member &member)
+{
+    const char *const text = velm_utils_get_field_value_from_json_object(auth, member.name);
+    p->*member.view = text;
+    if (!request_text_fits(text, member.limit)) {
+        return false;
+    }
+    return member.view != &velm_request_preprocessor::client_device_type ||
+           velm_utils_device_type_from_string(text) != velm_device_type::unknown;
+}
+
+bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
+{
+    if (!read_auth_member(p, auth, challenge_member)) {
+        return false;
+    }
+    const char *const assertion = request_header(p->request, "X-Assertion");
+    if (!request_text_fits(assertion, request_header_limit)) {
+        return false;
+    }
+    p->client_assertion = assertion;
+    return true;
+}
+
+/// Reads the body and the headers into the record; false at the first one that will not do.
+bool read_request(velm_request_preprocessor *p)
+{
+    velm_request_body parsed = velm_request_parse_request_body(p->request);
+    p->body = std::move(parsed.body);
+    if (parsed.status != 200) {
+        return false;
+    }
+    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p->body.get(), "auth");
+    for (const auth_member &member : auth_members) {
+        if (!read_auth_member(p, auth, member)) {
+            return false;
+        }
+    }
+    return !p->checks.assertion || read_assertion(p, auth);
+}
+
+int preproc_state_handler_request_check(velm_request_preprocessor *p)
+{
+    p->break_code = VELM_BREAK_NONE;
+    if (p->checks.request && !read_request(p)) {
+        p->break_code = VELM_BREAK_BAD_REQUEST;
+    }
+    p->client_user_agent = copied(request_header(p->request, "User-Agent"));
+    const void *const id = address_of(p);
+    LOG_TRACE("%s [%p] - device id:   %s", __func__, id, shown(p->client_device_id));
+    LOG_TRACE("%s [%p] - device type: %s", __func__, id, shown(p->client_device_type));
+    LOG_TRACE("%s [%p] - bssid:       %s", __func__, id, shown(p->client_bssid));
+    LOG_TRACE("%s [%p] - username:    %s", __func__, id, shown(p->client_username));
+    // In clear, and only at this level: how a login is debugged in the field.
+    LOG_TRACE("%s [%p] - password:    %s", __func__, id, shown(p->client_password));
+    LOG_TRACE("%s [%p] - challenge:   %s", __func__, id, shown(p->client_challenge));
+    LOG_TRACE("%s [%p] - assertion:   %s", __func__, id, shown(p->client_assertion));
+    LOG_TRACE("%s [%p] - user_agent:  %s", __func__, id, shown(p->client_user_agent));
+    return 0;
+}
+
+int preproc_state_handler_assertion_check(velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p]", __func__, address_of(p));
+    make_assert_check(p);
+    return 1;
+}
+
+int preproc_state_handler_user_pass_check(velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p]", __func__, address_of(p));
+    make_user_pass_check(p);
+    return 1;
+}
+
+int preproc_state_handler_paired_app_check(velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p]", __func__, address_of(p));
+    make_pairing_check(p);
+    return 1;
+}
+
+int preproc_state_handler_device_check(velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p]", __func__, address_of(p));
+    make_device_check(p);
+    return 1;
+}
+
+int preproc_state_handler_finished(velm_request_preprocessor *p)
+{
+    LOG_TRACE("%s [%p]", __func__, address_of(p));
+    common_async_action_call(finish_async, p);
+    return 0;
+}
+
+/// `handler` gives 1 when a check it started will continue the machine, else 0; `flag` is the check
+/// that a route may leave out.
+struct preproc_state_row {
+    preproc_state state;
+    const char *name;
+    int (*handler)(velm_request_preprocessor *);
+    bool velm_request_checks::*flag;
+};
+// clang-format off
+constexpr preproc_state_row preproc_states[] = {
+    {preproc_state::init,             "init",             preproc_state_handler_init,             nullptr},
+    {preproc_state::request_check,    "request_check",    preproc_state_handler_request_check,    &velm_request_checks::request},
+    {preproc_state::assertion_check,  "assertion_check",  preproc_state_handler_assertion_check,  &velm_request_checks::assertion},
+    {preproc_state::user_pass_check,  "user_pass_check",  preproc_state_handler_user_pass_check,  &velm_request_checks::user_pass},
+    {preproc_state::paired_app_check, "paired_app_check", preproc_state_handler_paired_app_check, &velm_request_checks::paired_app},
+    {preproc_state::device_check,     "device_check",     preproc_state_handler_device_check,     &velm_request_checks::device},
+    {preproc_state::finished,         "finished",         preproc_state_handler_finished,         nullptr},
+};
+// clang-format on
+
+constexpr bool rows_in_state_order()
+{
+    for (std::size_t i = 0; i < std::size(preproc_states); ++i) {
+        if (static_cast<std::size_t>(preproc_states[i].state) != i) {
+            return false;
+        }
+    }
+    return std::size(preproc_states) == static_cast<std::size_t>(preproc_state::finished) + 1;
+}
+static_assert(rows_in_state_order());
+
+preproc_state next_state(const velm_request_preprocessor *p)
+{
+    for (const preproc_state_row &row : preproc_states) {
+        if (row.state > p->state && row.flag != nullptr && p->checks.*row.flag) {
+            return row.state;
+        }
+    }
+    return preproc_state::finished;
+}
+
+void velm_request_preprocessor_loop(void *user_data, short /*events*/,
+                                    common_async_context * /*context*/) noexcept
+{
+    auto *const p = static_cast<velm_request_preprocessor *>(user_data);
+    if (p->break_code != VELM_BREAK_NONE) {
+        p->state = preproc_state::finished;
+        LOG_TRACE("%s [%p] - break: %d", __func__, address_of(p), p->break_code);
+    } else if (p->request_gone) {
+        p->state = preproc_state::finished;
+        LOG_TRACE("%s [%p] - request gone", __func__, address_of(p));
+    }
+    const auto index = static_cast<std::size_t>(p->state);
+    if (index >= std::size(preproc_states)) {
+        FATAL("%s: invalid state: %d", __func__, static_cast<int>(p->state));
+    }
+    const preproc_state_row &row = preproc_states[index];
+    LOG_TRACE("%s [%p] - current state: %s", __func__, address_of(p), row.name);
+    const int waits = row.handler(p);
+    if (p->state == preproc_state::finished) {
+        return;
+    }
+    p->state = next_state(p);
+    if (waits == 0) {
+        common_async_action_call(velm_request_preprocessor_loop, p);
+    }
+}
+
+} // namespace
+
+void velm_request_preprocessor_init(const velm_config * /*config*/)
+{
+    LOG_TRACE("%s", __func__);
+}
+
+velm_request_preprocessor *velm_request_preprocessor_create(const velm_request_checks &checks)
+{
+    const allocation_name naming{__func__, "preprocessor"};
+    auto *const p = release_new<velm_request_preprocessor>();
+    p->checks = checks;
+    return p;
+}
+
+void velm_request_preprocessor_attach_request(velm_request_preprocessor *preprocessor,
+                                              evhtp_request_t *request)
+{
+    REQUIRE_NOT_NULL(preprocessor, "preprocessor");
+    REQUIRE_NOT_NULL(request, "request");
+    preprocessor->request = request;
+    const int rc =
+        evhtp_request_hook(request, evhtp_hook_on_request_fini, request_fini, preprocessor);
+    REQUIRE_CALL(rc == 0, "evhtp_request_set_hook(request, evhtp_hook_on_request_fini)", rc);
+}
+
+void velm_request_preprocessor_set_callback(velm_request_preprocessor *preprocessor,
+                                            velm_request_callback callback)
+{
+    REQUIRE_NOT_NULL(preprocessor, "preprocessor");
+    REQUIRE_NOT_NULL(callback, "callback");
+    preprocessor->callback = callback;
+}
+
+void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor)
+{
+    const velm_request_preprocessor *const p = preprocessor;
+    REQUIRE_NOT_NULL(p, "preprocessor");
+    REQUIRE_NOT_NULL(p->request, "p->request");
+    if (p->state != preproc_state::init) {
+        FATAL("%s: %s != %s", __func__, "p->state", "preproc_state_init");
+    }
+    common_async_action_call(velm_request_preprocessor_loop, preprocessor);
+}
+
+void velm_request_preprocessor_continue(velm_request_preprocessor *preprocessor, int break_code)
+{
+    REQUIRE_NOT_NULL(preprocessor, "preprocessor");
+    preprocessor->break_code = break_code;
+    common_async_action_call(velm_request_preprocessor_loop, preprocessor);
+}
