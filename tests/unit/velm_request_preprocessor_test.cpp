@@ -3,7 +3,10 @@
 
 #include "velm_request_preprocessor.h"
 
+#include <openssl/crypto.h>
+
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <string>
@@ -56,6 +59,8 @@ void answer_result(evhtp_request_t *request, int break_code)
     evhtp_request_resume(request);
 }
 
+std::vector<std::string> wiped;
+
 constexpr velm_request_checks all_checks{true, true, true, true, true};
 constexpr velm_request_checks request_only{true, false, false, false, false};
 constexpr velm_request_checks request_and_assertion{true, true, false, false, false};
@@ -104,6 +109,13 @@ class Preprocessor : public testing::Test {
 };
 
 } // namespace
+
+/// Stands in for OpenSSL's function, to see what is wiped.
+extern "C" void OPENSSL_cleanse(void *memory, size_t size)
+{
+    wiped.emplace_back(static_cast<const char *>(memory), size);
+    std::memset(memory, 0, size);
+}
 
 void make_assert_check(velm_request_preprocessor *p)
 {
@@ -259,6 +271,13 @@ TEST_F(Preprocessor, TheCallbackMayAnswerAndResumeTheRequest)
     paused_request request{good_body};
     start(request, request_only, answer_result);
     EXPECT_EQ(request.reply().substr(0, 15), "HTTP/1.1 200 OK");
+}
+
+TEST_F(Preprocessor, WipesThePasswordWithTheRecord)
+{
+    wiped.clear();
+    EXPECT_EQ(run(good_body, request_only), 0);
+    EXPECT_EQ(wiped, std::vector<std::string>{"secret"});
 }
 
 // The request goes first
