@@ -52,7 +52,7 @@ int verify_attestation(const evhtp_request_t *request, const cJSON *auth,
     LOG_TRACE("%s - challenge:   %s", __func__, input.challenge);
     LOG_TRACE("%s - attestation: %s", __func__, input.attestation);
     const auto digest =
-        common_crypto_sha256(bytes_of(request_body_require(request, __func__, "body_buf")));
+        common_crypto_sha256(request_bytes(request_body_require(request, __func__, "body_buf")));
     if (!digest.has_value()) {
         return 500;
     }

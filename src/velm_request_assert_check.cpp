@@ -90,7 +90,7 @@ std::optional<int> assert_check(velm_request_preprocessor &p)
     if (velm_challenge_engine_consume_challenge(p.client_challenge) == 0) {
         return VELM_BREAK_CHALLENGE;
     }
-    const auto digest = common_crypto_sha256(bytes_of(message));
+    const auto digest = common_crypto_sha256(request_bytes(message));
     if (!digest.has_value()) {
         return VELM_BREAK_ASSERTION;
     }

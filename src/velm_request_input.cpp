@@ -58,7 +58,7 @@ std::optional<in_addr> request_peer_address(const evhtp_request_t *request)
     return peer.sin_addr;
 }
 
-std::span<const std::uint8_t> bytes_of(std::string_view text)
+std::span<const std::uint8_t> request_bytes(std::string_view text)
 {
     return {reinterpret_cast<const std::uint8_t *>(text.data()), text.size()};
 }

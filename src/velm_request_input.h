@@ -37,5 +37,5 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 /// The peer's IPv4 address; nothing for another family.
 [[nodiscard]] std::optional<in_addr> request_peer_address(const evhtp_request_t *request);
 
-/// The same memory as bytes.
-[[nodiscard]] std::span<const std::uint8_t> bytes_of(std::string_view text);
+/// The same memory as bytes, for the crypto functions.
+[[nodiscard]] std::span<const std::uint8_t> request_bytes(std::string_view text);

@@ -94,7 +94,7 @@ json_ptr parse_json(const std::string &text)
         return nullptr;
     }
     const std::string_view value{text.c_str(), static_cast<std::size_t>(end - text.c_str())};
-    if (!is_utf8(bytes_of(value)) || has_nul_in_string(value)) {
+    if (!is_utf8(request_bytes(value)) || has_nul_in_string(value)) {
         return nullptr;
     }
     return tree;

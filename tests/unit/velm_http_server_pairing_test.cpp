@@ -86,7 +86,7 @@ velm_attestation_engine_ios_verify_attestation(const char *device_id,
     ++server.attestations;
     server.device_id = device_id;
     server.attestation.assign(attestation_object.begin(), attestation_object.end());
-    const auto expected = common_crypto_sha256(bytes_of(server.attested_body));
+    const auto expected = common_crypto_sha256(request_bytes(server.attested_body));
     if (!std::equal(client_data_hash.begin(), client_data_hash.end(), expected->begin())) {
         return {};
     }

@@ -38,7 +38,7 @@ std::vector<int> reported;
 
 bool is_digest_of_signed_body(std::span<const std::uint8_t> digest)
 {
-    const auto expected = common_crypto_sha256(bytes_of(engines.signed_body));
+    const auto expected = common_crypto_sha256(request_bytes(engines.signed_body));
     return expected.has_value() && std::equal(digest.begin(), digest.end(), expected->begin());
 }
 
