@@ -605,11 +605,12 @@ TEST_F(HttpServer, InitWhileItServesLeavesTheSettingsInUseAlone)
 // Fatal
 
 constexpr char ssl_init_failed[] =
-    "http_server_start: call failed: evhtp_ssl_init\\(http_server_instance, http_server_ssl_config\\) "
+    "http_server_start: call failed: evhtp_ssl_init\\(http_server_instance, "
+    "http_server_ssl_config\\) "
     "result: -1 loc: src/velm_http_server.cpp:[0-9]+";
-constexpr char bind_failed[] =
-    "http_server_start: call failed: evhtp_bind_socket\\( http_server_instance, velm_config->lan_ip_address, "
-    "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS\\) result: -1";
+constexpr char bind_failed[] = "http_server_start: call failed: evhtp_bind_socket\\( "
+                               "http_server_instance, velm_config->lan_ip_address, "
+                               "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS\\) result: -1";
 
 TEST_F(HttpServer, AMissingCertificateEndsTheDaemon)
 {
