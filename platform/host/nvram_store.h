@@ -1,0 +1,75 @@
+#pragma once
+
+#include <array>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "nvram_committed.h"
+#include "nvram_format.h"
+#include "nvram_live.h"
+
+/// Settings in a directory, shared by all processes of the machine. What one process sets, every
+/// other sees with its next read; what is committed survives a power cut, the rest does not.
+///
+/// In the directory: "live" (nvram_live.h), "committed.0" and "committed.1" (nvram_committed.h).
+/// Writers take turns by flock() on the directory itself; readers take no lock. A writer that is
+/// killed leaves the settings as they were or as it wanted them. Damage is reported on standard
+/// error, once while it lasts, and what is good is used.
+///
+/// A read costs a stat() and a look-up; the files are parsed only when they changed. One thread.
+///
+/// Functions that return `int` give 0 or an errno value, and on failure nothing has changed:
+/// EINVAL a bad name or value, EMSGSIZE a value beyond nvram_value_max, EDQUOT all beyond
+/// nvram_total_max, ETIMEDOUT another process keeps the lock, EIO every committed copy is damaged.
+class nvram_store {
+  public:
+    /// An empty boot id means that boots cannot be told apart: then nothing can be set.
+    nvram_store(std::string directory, std::string boot_id);
+
+    /// Null when the setting is absent. Good until the next call.
+    [[nodiscard]] const std::string *find(std::string_view name);
+
+    /// All settings. Good until the next call.
+    [[nodiscard]] const nvram_settings &settings();
+
+    /// Why the last read had nothing to look at: 0, EIO when damage left nothing good, or what the
+    /// file system said.
+    [[nodiscard]] int fault() const;
+
+    /// Applies all changes or, on failure, none. Writes nothing when they change nothing.
+    [[nodiscard]] int apply(std::span<const nvram_change> changes);
+
+    [[nodiscard]] int commit();
+
+    /// Goes back to the last commit, as a power cut would.
+    [[nodiscard]] int revert();
+
+  private:
+    enum class event { unreadable, live, committed_0, committed_1, nothing_left };
+    enum class lock { none, held };
+
+    int refresh();
+    int refresh_in(int directory, lock kind);
+    int load(int directory, lock kind);
+    int open_locked(unique_fd &directory);
+    int note_fault(int rc);
+    void report(event what, bool happens, const std::string &text);
+    void report_load(nvram_live_fate fate, const nvram_committed &committed);
+    [[nodiscard]] bool changes_nothing(std::span<const nvram_change> changes) const;
+
+    std::string directory_;
+    std::string live_path_;
+    std::string boot_id_;
+    bool loaded_ = false;
+    int fault_ = 0;
+    nvram_live live_;
+    nvram_settings settings_;
+    std::array<bool, 5> reported_{};
+};
+
+/// What such a value means, in words.
+const char *nvram_store_error_text(int rc);
+
+/// The store of the environment variable VELM_NVRAM, by default /var/lib/velmd/nvram.
+nvram_store &nvram_store_of_environment();
