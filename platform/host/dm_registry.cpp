@@ -1,6 +1,7 @@
 #include <dm.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,6 +106,9 @@ int registry_append(const std::string &path, std::string line)
     if (!file) {
         return errno;
     }
+    // The lock only keeps a line that is being written from being taken for a cut one; without it
+    // an empty line may come between.
+    (void)host_file_lock(file.get(), LOCK_EX);
     if (ends_in_a_cut_line(file.get())) {
         line.insert(0, "\n");
     }
