@@ -38,6 +38,9 @@ std::string boot_id_read()
 /// The daemon changes its working directory when it detaches; the store must not move with it.
 std::string absolute_path(std::string_view path)
 {
+    while (path.size() > 1 && path.ends_with('/')) {
+        path.remove_suffix(1);
+    }
     char here[4096];
     if (path.starts_with('/') || getcwd(here, sizeof here) == nullptr) {
         return std::string{path};

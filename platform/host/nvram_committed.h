@@ -25,8 +25,8 @@ struct nvram_committed {
 /// Reads both copies; 0, or why one of them cannot be opened or read.
 [[nodiscard]] int nvram_committed_read(int directory, nvram_committed &committed);
 
-/// Makes `settings` the committed ones: on 0 they survive a power cut, on another value the earlier
-/// commit stands. A damaged copy that has to make room is kept beside as "<name>.damaged". Needs the
-/// lock and what read gave under it.
+/// Makes `settings` the committed ones: on 0 they survive a power cut; on another value either they
+/// or those of the earlier commit do. A damaged copy that has to make room is kept beside as
+/// "<name>.damaged". Needs the lock, and what read gave under it.
 [[nodiscard]] int nvram_committed_write(int directory, const nvram_committed &committed,
                                         const nvram_settings &settings);

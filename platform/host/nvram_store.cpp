@@ -73,7 +73,7 @@ void nvram_store::report_load(nvram_live_fate fate, const nvram_committed &commi
         report(events[i], committed.damaged[i],
                std::string{"/"} + nvram_committed_names[i] + " is damaged and left out");
     }
-    report(event::nothing_left, fault_ == EIO, ": no good copy is left");
+    report(event::nothing_left, fault_ == EBADMSG, ": no good copy is left");
 }
 
 int nvram_store::note_fault(int rc)
@@ -108,7 +108,7 @@ int nvram_store::load(int directory, lock kind)
     }
     const bool nothing_good = !live.usable && committed.newest < 0 &&
                               (committed.any_damaged() || fate == nvram_live_fate::lost);
-    fault_ = nothing_good ? EIO : 0;
+    fault_ = nothing_good ? EBADMSG : 0;
     settings_ = live.usable ? std::move(settings) : std::move(committed.settings);
     live_ = std::move(live);
     loaded_ = true;
@@ -238,7 +238,7 @@ int nvram_store::revert()
         return rc;
     }
     if (committed.newest < 0 && committed.any_damaged()) {
-        return EIO;
+        return EBADMSG;
     }
     if (settings_ == committed.settings) {
         return 0;
@@ -263,7 +263,7 @@ const char *nvram_store_error_text(int rc)
         return "another process keeps the store locked";
     case ENOTSUP:
         return "the kernel's boot id cannot be read";
-    case EIO:
+    case EBADMSG:
         return "the store is damaged, and no good copy is left";
     default:
         return std::strerror(rc);

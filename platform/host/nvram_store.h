@@ -21,7 +21,7 @@
 ///
 /// Functions that return `int` give 0 or an errno value, and on failure nothing has changed:
 /// EINVAL a bad name or value, EMSGSIZE a value beyond nvram_value_max, EDQUOT all beyond
-/// nvram_total_max, ETIMEDOUT another process keeps the lock, EIO every committed copy is damaged.
+/// nvram_total_max, ETIMEDOUT another process keeps the lock, EBADMSG no good copy is left.
 class nvram_store {
   public:
     /// An empty boot id means that boots cannot be told apart: then nothing can be set.
@@ -33,7 +33,7 @@ class nvram_store {
     /// All settings. Good until the next call.
     [[nodiscard]] const nvram_settings &settings();
 
-    /// Why the last read had nothing to look at: 0, EIO when damage left nothing good, or what the
+    /// Why the last read had nothing to look at: 0, EBADMSG when damage left nothing good, or what the
     /// file system said.
     [[nodiscard]] int fault() const;
 

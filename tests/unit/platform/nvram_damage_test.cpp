@@ -164,11 +164,11 @@ TEST_F(Damage, OfAllCopiesIsAFaultAndNoCommitWritesOverThem)
         put_bytes(directory.file(name), "garbage");
     }
     EXPECT_EQ(seen(this_boot), plain_settings{});
-    EXPECT_EQ(fault, EIO);
+    EXPECT_EQ(fault, EBADMSG);
     EXPECT_TRUE(said.ends_with(line(": no good copy is left"))) << said;
     nvram_store store{directory.path(), this_boot};
-    EXPECT_EQ(store.commit(), EIO);
-    EXPECT_EQ(store.revert(), EIO);
+    EXPECT_EQ(store.commit(), EBADMSG);
+    EXPECT_EQ(store.revert(), EBADMSG);
     EXPECT_EQ(bytes_of(directory.file("committed.0")), "garbage");
 }
 
@@ -189,7 +189,7 @@ TEST_F(Damage, OfTheCommittedCopiesLetsNoRevertThrowTheLiveSettingsAway)
     put_bytes(directory.file("committed.0"), "");
     put_bytes(directory.file("committed.1"), "");
     nvram_store store{directory.path(), this_boot};
-    EXPECT_EQ(store.revert(), EIO);
+    EXPECT_EQ(store.revert(), EBADMSG);
     EXPECT_EQ(all_of(store), whole_live);
 }
 
@@ -202,7 +202,7 @@ TEST_F(Damage, ThingsThatAreNoFilesAreLeftOut)
     std::filesystem::remove(directory.file("committed.0"));
     std::filesystem::create_symlink("/dev/zero", directory.file("committed.0"));
     EXPECT_EQ(seen(this_boot), plain_settings{});
-    EXPECT_EQ(fault, EIO);
+    EXPECT_EQ(fault, EBADMSG);
 }
 
 TEST_F(Damage, AFileOfManyGigabytesIsNotRead)
@@ -298,7 +298,7 @@ TEST_F(Damage, RandomFilesNeverHurt)
         }
         const plain_settings settings = seen(this_boot);
         // A prefix of the live file may be all that is left whole.
-        ASSERT_TRUE(fault == EIO || settings == first_commit || settings == second_commit ||
+        ASSERT_TRUE(fault == EBADMSG || settings == first_commit || settings == second_commit ||
                     settings == half_live || settings == whole_live)
             << round;
     }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,9 +63,9 @@ void lose_data(const unsynced_file &file)
         break;
     }
     // A file may keep its new size over blocks that were never written: they read as zeros.
-    if (kept != written) {
-        ftruncate(file.file, file.synced_size + kept);
-        ftruncate(file.file, found.st_size);
+    if (kept != written && (ftruncate(file.file, file.synced_size + kept) != 0 ||
+                            ftruncate(file.file, found.st_size) != 0)) {
+        std::abort();
     }
 }
 

@@ -85,6 +85,14 @@ TEST_F(Nvram, ARelativeStoreStaysWhereItIsWhenTheProcessChangesItsDirectory)
     EXPECT_FALSE(std::filesystem::exists("/relative"));
 }
 
+TEST_F(Nvram, ASlashBehindTheStoresNameChangesNothing)
+{
+    setenv("VELM_NVRAM", (directory.path() + "//").c_str(), 1);
+    ASSERT_EQ(nvram_set("a", "1"), 0);
+    EXPECT_EQ(std::filesystem::status(directory.path()).permissions(),
+              std::filesystem::perms::owner_all);
+}
+
 TEST_F(Nvram, WhatCannotBeSetIsRefusedAndSaidOnceWhileItLasts)
 {
     testing::internal::CaptureStderr();
