@@ -213,11 +213,10 @@ TEST_F(Damage, AFileOfManyGigabytesIsNotRead)
     EXPECT_EQ(seen(this_boot), first_commit);
 }
 
-/// A record of a hostile body under right checksums.
+/// A committed file with this body under right checksums, which are computed here anew: an encoder
+/// of ours would not make such a body, and both cannot share a mistake.
 std::string forged(const std::string &body)
 {
-    // The checksums come from the encoder: a record of one change whose value is the body ends in
-    // it, so its own frame is dropped and made again around the body alone.
     std::vector<std::uint8_t> file;
     nvram_header_append(file, {9, {}});
     const auto little_endian = [](std::uint32_t value) {
