@@ -25,3 +25,5 @@ struct openssl_free_deleter {
     }
 };
 using openssl_bytes = std::unique_ptr<unsigned char, openssl_free_deleter>;
+
+using general_names_ptr = handle<GENERAL_NAMES, GENERAL_NAMES_free>;
