@@ -2,6 +2,7 @@
 
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
+#include <event2/dns.h>
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/listener.h>
@@ -16,3 +17,14 @@ using bufferevent_handle = handle<bufferevent, bufferevent_free>;
 using evconnlistener_ptr = handle<evconnlistener, evconnlistener_free>;
 using evhttp_uri_ptr = handle<evhttp_uri, evhttp_uri_free>;
 using evhttp_connection_ptr = handle<evhttp_connection, evhttp_connection_free>;
+
+/// Requests that wait for an answer end with an error first.
+struct evdns_base_deleter {
+    void operator()(evdns_base *base) const noexcept
+    {
+        evdns_base_free(base, 1);
+    }
+};
+using evdns_base_ptr = std::unique_ptr<evdns_base, evdns_base_deleter>;
+using evhttp_request_ptr = handle<evhttp_request, evhttp_request_free>;
+using addrinfo_ptr = handle<evutil_addrinfo, evutil_freeaddrinfo>;

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+#include "handles/openssl.h"
+
+/// TLS towards servers: the default context and the judgement of what a server presents.
+
+/// Whom the handshake must prove the other side to be.
+struct http_client_peer {
+    std::string host; // without the brackets of an IPv6 literal
+    bool skip_server_verification = false;
+    bool skip_hostname_verification = false;
+    bool operator==(const http_client_peer &) const = default;
+};
+
+[[nodiscard]] bool http_client_tls_is_set_up();
+
+/// A TLS object of the default context for one connection; null (logged) when the host cannot be
+/// its server name. `peer` is borrowed until http_client_tls_forget_peer.
+[[nodiscard]] ssl_ptr http_client_tls_new(const http_client_peer *peer);
+
+/// From here on the object accepts no server: libevent may free it later than its connection.
+void http_client_tls_forget_peer(SSL *ssl);

@@ -1,0 +1,221 @@
+#include "http_client_fixture.h"
+
+namespace {
+
+constexpr std::size_t mebibyte = 1024 * 1024;
+
+double seconds_of(const std::function<void()> &work)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>{std::chrono::steady_clock::now() - begin}.count();
+}
+
+class HttpClientFailures : public http_client_fixture {
+  protected:
+    std::string uri() const
+    {
+        return "http://cloud.example.test:" + server.port() + "/";
+    }
+
+    /// The request ends after its second with -1 and no body, and the handler is not called again.
+    void expect_time_out(const http_client_request_data &data)
+    {
+        test_outcome outcome;
+        const double took = seconds_of([&] { outcome = fetch(HTTP_CLIENT_GET, data); });
+        EXPECT_EQ(outcome.code, -1);
+        EXPECT_FALSE(outcome.has_body);
+        EXPECT_FALSE(outcome.has_headers);
+        EXPECT_GE(took, 0.9);
+        EXPECT_LT(took, 2.5);
+        EXPECT_TRUE(log.contains("WARN http_client - http_request_error - ctx 0x"));
+        EXPECT_TRUE(log.contains(", timeout on req: " + data.uri));
+        EXPECT_TRUE(log.contains(", request failed: " + data.uri));
+        // libevent's own time-outs lie a second behind ours: still one call.
+        run_until([] { return false; }, 1500);
+        EXPECT_EQ(outcome.calls, 1);
+    }
+
+    test_server server{base};
+};
+
+TEST_F(HttpClientFailures, ARefusedConnectionGivesCodeZero)
+{
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request("http://127.0.0.1:1/"));
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_FALSE(outcome.has_body);
+    EXPECT_EQ(outcome.calls, 1);
+}
+
+TEST_F(HttpClientFailures, ARefusedTlsConnectionGivesCodeZero)
+{
+    write_pem(path("ca.pem"), make_test_ca());
+    ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request("https://127.0.0.1:1/")).code, 0);
+}
+
+TEST_F(HttpClientFailures, AnAnswerThatNeverComesEndsAtTheTimeOut)
+{
+    server.on_request = [](bufferevent *) {};
+    expect_time_out(request(uri(), 1));
+}
+
+TEST_F(HttpClientFailures, AConnectionThatIsNeverMadeEndsAtTheTimeOut)
+{
+    // A full queue of a socket that nobody accepts from: the system drops what comes on top.
+    const unique_fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), length), 0);
+    ASSERT_EQ(listen(listener.get(), 0), 0);
+    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &length);
+    std::vector<unique_fd> waiting;
+    for (int i = 0; i < 4; ++i) {
+        waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&address), length);
+    }
+    expect_time_out(
+        request("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/", 1));
+}
+
+TEST_F(HttpClientFailures, AHandshakeThatStallsEndsAtTheTimeOut)
+{
+    write_pem(path("ca.pem"), make_test_ca());
+    ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
+    // The server is a plain one: it waits for the end of a head that never comes.
+    expect_time_out(request("https://cloud.example.test:" + server.port() + "/", 1));
+    EXPECT_EQ(server.connections, 1);
+}
+
+TEST_F(HttpClientFailures, ADrippingServerEndsAtTheTimeOutExactlyOnce)
+{
+    event_ptr drip;
+    bufferevent *peer = nullptr;
+    const auto next_drop = [](evutil_socket_t, short, void *argument) {
+        bufferevent_write(*static_cast<bufferevent **>(argument), "x", 1);
+    };
+    server.on_request = [&](bufferevent *bufev) {
+        peer = bufev;
+        const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n";
+        bufferevent_write(bufev, head.data(), head.size());
+        drip.reset(event_new(base, -1, EV_PERSIST, next_drop, &peer));
+        const timeval interval{0, 100000};
+        event_add(drip.get(), &interval);
+    };
+    test_outcome outcome;
+    outcome.inside = [&drip] { drip.reset(); };
+    const double took = seconds_of([&] {
+        ASSERT_EQ(http_request_internal(HTTP_CLIENT_GET, request(uri(), 1), test_outcome::handler,
+                                        &outcome),
+                  0);
+        EXPECT_TRUE(run_until([&outcome] { return outcome.calls > 0; }));
+    });
+    EXPECT_EQ(outcome.code, -1);
+    EXPECT_FALSE(outcome.has_body);
+    EXPECT_LT(took, 2.0);
+    run_until([] { return false; }, 1500);
+    EXPECT_EQ(outcome.calls, 1);
+}
+
+TEST_F(HttpClientFailures, ABodyOfOneMebibyteIsServed)
+{
+    server.reply = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(mebibyte) + "\r\n\r\n" +
+                   std::string(mebibyte, 'x');
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request(uri()));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.body.size(), mebibyte);
+}
+
+struct broken_case {
+    const char *name;
+    std::string reply;
+    int code;
+    bool closes;
+};
+class HttpClientAnswer : public HttpClientFailures,
+                         public testing::WithParamInterface<broken_case> {};
+
+TEST_P(HttpClientAnswer, ThatIsNoneIsAnErrorWithoutBody)
+{
+    server.reply = GetParam().reply;
+    server.close_after_reply = GetParam().closes;
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request(uri()));
+    EXPECT_EQ(outcome.code, GetParam().code);
+    EXPECT_FALSE(outcome.has_body);
+    EXPECT_FALSE(outcome.has_headers);
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(
+        log.contains(", err " + std::to_string(-GetParam().code - 1) + " on req: " + uri()));
+}
+
+const std::string ok_head = "HTTP/1.1 200 OK\r\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, HttpClientAnswer,
+    testing::Values(
+        broken_case{"Nothing", "", -2, true}, broken_case{"HalfAHead", ok_head, -2, true},
+        broken_case{"HalfABody", ok_head + "Content-Length: 10\r\n\r\nhalf", -2, true},
+        broken_case{"HalfAChunk", ok_head + "Transfer-Encoding: chunked\r\n\r\n5\r\nab", -2, true},
+        broken_case{"Garbage", "this is no HTTP\r\n\r\n", -3, false},
+        broken_case{"NoColonInHeader", ok_head + "nonsense\r\n\r\n", -3, false},
+        broken_case{"NegativeLength", ok_head + "Content-Length: -5\r\n\r\n", -3, false},
+        broken_case{"LengthIsNoNumber", ok_head + "Content-Length: x\r\n\r\n", -3, false},
+        broken_case{"LongHead", ok_head + "X: " + std::string(17000, 'x') + "\r\n\r\n", -3, false},
+        broken_case{"LongStatusLine", "HTTP/1.1 200 " + std::string(17000, 'x'), -3, false},
+        broken_case{"AnnouncesTooMuch",
+                    ok_head + "Content-Length: " + std::to_string(mebibyte + 1) + "\r\n\r\n", -6,
+                    false},
+        broken_case{"AnnouncesMoreThanThereIs",
+                    ok_head + "Content-Length: 9223372036854775807\r\n\r\n", -6, false},
+        broken_case{"ChunkTooLong", ok_head + "Transfer-Encoding: chunked\r\n\r\n100001\r\n", -6,
+                    false},
+        broken_case{"ChunkSizeIsNoNumber", ok_head + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n",
+                    -6, false},
+        broken_case{"TooMuchWithoutALength", ok_head + "\r\n" + std::string(mebibyte + 1, 'x'), -6,
+                    false}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(HttpClientFailures, AHeadOf16KibibytesIsServed)
+{
+    const std::string fixed = "Content-Length: 2\r\n";
+    server.reply = ok_head + fixed + "X: " + std::string(16000, 'x') + "\r\n\r\nok";
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).code, 200);
+}
+
+TEST_F(HttpClientFailures, AServerThatRedirectsIsNotFollowed)
+{
+    server.reply = "HTTP/1.1 302 Found\r\nLocation: " + uri() + "x\r\nContent-Length: 0\r\n\r\n";
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).code, 302);
+    EXPECT_EQ(server.requests.size(), 1U);
+}
+
+TEST_F(HttpClientFailures, AFailedRequestIsNotRepeated)
+{
+    server.reply = "";
+    server.on_request = [](bufferevent *bufev) { shutdown(bufferevent_getfd(bufev), SHUT_RDWR); };
+    EXPECT_EQ(fetch(HTTP_CLIENT_POST, request(uri())).code, -2);
+    run_until([] { return false; }, 100);
+    EXPECT_EQ(server.requests.size(), 1U);
+}
+
+TEST_F(HttpClientFailures, LeaveNoDescriptorBehind)
+{
+    const auto open_descriptors = [] {
+        return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"},
+                             std::filesystem::directory_iterator{});
+    };
+    fetch(HTTP_CLIENT_GET, request(uri()));
+    fetch(HTTP_CLIENT_GET, request("http://127.0.0.1:1/"));
+    run_until([] { return false; }, 50);
+    const auto before = open_descriptors();
+    for (int i = 0; i < 20; ++i) {
+        fetch(HTTP_CLIENT_GET, request(uri()));
+        fetch(HTTP_CLIENT_GET, request("http://127.0.0.1:1/"));
+    }
+    run_until([] { return false; }, 50);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+} // namespace

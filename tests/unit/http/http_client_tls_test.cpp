@@ -1,0 +1,324 @@
+#include "http/http_client_tls.h"
+
+#include <fcntl.h>
+
+#include <optional>
+
+#include "http_client_fixture.h"
+
+namespace {
+
+class HttpClientTls : public http_client_fixture {
+  protected:
+    HttpClientTls()
+    {
+        write_pem(path("ca.pem"), ca);
+    }
+
+    void set_up()
+    {
+        ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
+    }
+
+    /// One request to a server that shows the certificate; the file holds `ca` alone.
+    test_outcome fetch_from(const test_certificate &certificate,
+                            const std::string &host = "cloud.example.test",
+                            bool skip_server = false, bool skip_hostname = false)
+    {
+        set_up();
+        context = make_server_context(certificate);
+        server.emplace(base, context.get());
+        http_client_request_data data = request("https://" + host + ":" + server->port() + "/");
+        data.skip_server_verification = skip_server;
+        data.skip_hostname_verification = skip_hostname;
+        return fetch(HTTP_CLIENT_GET, data);
+    }
+
+    [[nodiscard]] test_certificate leaf(const test_certificate_wish &wish) const
+    {
+        return make_test_certificate(wish, &ca);
+    }
+
+    void expect_refused(const test_outcome &outcome, const char *reason, const char *host,
+                        const char *subject) const
+    {
+        EXPECT_EQ(outcome.code, -2);
+        EXPECT_EQ(outcome.calls, 1);
+        EXPECT_FALSE(outcome.has_body);
+        EXPECT_TRUE(server->requests.empty()) << "the request reached a server that is refused";
+        EXPECT_TRUE(log.has(std::string{"ERROR http_client - HTTPS NOK - got '"} + reason +
+                            "', server: '" + host + "', cert: '" + subject + "'"));
+    }
+
+    static inline const test_certificate ca = make_test_ca();
+    ssl_ctx_ptr context;
+    std::optional<test_server> server;
+};
+
+TEST_F(HttpClientTls, AGoodCertificateIsAcceptedAndLogged)
+{
+    const test_outcome outcome = fetch_from(leaf({.dns_names = {"cloud.example.test"}}));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.body, "ok");
+    EXPECT_TRUE(
+        log.has("TRACE http_client - HTTPS OK - server: 'cloud.example.test', cert: '/O=test'"));
+}
+
+TEST_F(HttpClientTls, ANameIsSentAsTheServerName)
+{
+    fetch_from(leaf({.dns_names = {"cloud.example.test"}}));
+    EXPECT_EQ(server->server_names, std::vector<std::string>{"cloud.example.test"});
+}
+
+TEST_F(HttpClientTls, AnAddressIsNotSentAsServerName)
+{
+    const test_outcome outcome = fetch_from(leaf({.dns_names = {"127.0.0.1"}}), "127.0.0.1");
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(server->server_names, std::vector<std::string>{""});
+}
+
+TEST_F(HttpClientTls, AHostTooLongForAServerNameStartsNothing)
+{
+    set_up();
+    expect_no_start(request("https://" + std::string(256, 'a') + "/"));
+    EXPECT_TRUE(log.has("ERROR http_client - get_conn_by_scheme - sni set failed"));
+    EXPECT_TRUE(log.contains(" - cannot create internal connection object"));
+}
+
+TEST_F(HttpClientTls, AWildcardIsAccepted)
+{
+    EXPECT_EQ(fetch_from(leaf({.dns_names = {"*.example.test"}})).code, 200);
+}
+
+TEST_F(HttpClientTls, ACertificateOfAnotherAuthorityIsRefused)
+{
+    const test_certificate other = make_test_ca("other root");
+    const test_outcome outcome =
+        fetch_from(make_test_certificate({.dns_names = {"cloud.example.test"}}, &other));
+    expect_refused(outcome, "Error", "cloud.example.test", "/O=test");
+    EXPECT_TRUE(log.has("ERROR http_client - HTTPS NOK - verify cert error: "
+                        "unable to get local issuer certificate"));
+}
+
+TEST_F(HttpClientTls, ASelfSignedCertificateIsRefused)
+{
+    const test_outcome outcome =
+        fetch_from(make_test_certificate({.dns_names = {"cloud.example.test"}}));
+    expect_refused(outcome, "Error", "cloud.example.test", "/O=test");
+}
+
+TEST_F(HttpClientTls, AnExpiredCertificateIsRefused)
+{
+    const test_outcome outcome = fetch_from(
+        leaf({.dns_names = {"cloud.example.test"}, .valid_from = -7200, .valid_until = -60}));
+    expect_refused(outcome, "Error", "cloud.example.test", "/O=test");
+    EXPECT_TRUE(
+        log.has("ERROR http_client - HTTPS NOK - verify cert error: certificate has expired"));
+}
+
+TEST_F(HttpClientTls, ACertificateOfTheFutureIsRefusedAndTheClockLogged)
+{
+    const test_outcome outcome =
+        fetch_from(leaf({.dns_names = {"cloud.example.test"}, .valid_from = 3000}));
+    expect_refused(outcome, "Error", "cloud.example.test", "/O=test");
+    EXPECT_TRUE(log.contains("is the clock right? now: "));
+}
+
+TEST_F(HttpClientTls, AnotherNameIsRefused)
+{
+    const test_outcome outcome = fetch_from(leaf({.dns_names = {"other.example.test"}}));
+    expect_refused(outcome, "MatchNotFound", "cloud.example.test", "/O=test");
+}
+
+TEST_F(HttpClientTls, ANulInANameIsRefused)
+{
+    const test_outcome outcome =
+        fetch_from(leaf({.dns_names = {std::string{"cloud.example.test\0.evil.test", 28}}}));
+    expect_refused(outcome, "MalformedCertificate", "cloud.example.test", "/O=test");
+}
+
+TEST_F(HttpClientTls, AlternativeNamesWithoutADnsNameAreRefusedEvenIfTheCommonNameIsTheHost)
+{
+    const test_outcome outcome =
+        fetch_from(leaf({.common_name = "cloud.example.test", .emails = {"a@example.test"}}));
+    expect_refused(outcome, "MatchNotFound", "cloud.example.test", "/O=test/CN=cloud.example.test");
+}
+
+TEST_F(HttpClientTls, TheCommonNameCountsWithoutAlternativeNames)
+{
+    EXPECT_EQ(fetch_from(leaf({.common_name = "cloud.example.test"})).code, 200);
+}
+
+TEST_F(HttpClientTls, ACertificateWithoutAnyNameIsRefused)
+{
+    expect_refused(fetch_from(leaf({})), "Error", "cloud.example.test", "/O=test");
+}
+
+TEST_F(HttpClientTls, WithServerVerificationOffAnythingIsAccepted)
+{
+    const test_outcome outcome =
+        fetch_from(make_test_certificate({.valid_until = -60}), "cloud.example.test", true);
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_TRUE(log.has("TRACE http_client - HTTPS OK - server: 'cloud.example.test' "
+                        "server verification disabled"));
+}
+
+TEST_F(HttpClientTls, WithHostNameVerificationOffAnotherNameIsAccepted)
+{
+    const test_outcome outcome =
+        fetch_from(leaf({.dns_names = {"other.test"}}), "cloud.example.test", false, true);
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_TRUE(log.has("TRACE http_client - HTTPS OK - server: 'cloud.example.test', "
+                        "hostname verification disabled"));
+    EXPECT_TRUE(
+        log.has("TRACE http_client - HTTPS OK - server: 'cloud.example.test', cert: '/O=test'"));
+}
+
+TEST_F(HttpClientTls, WithHostNameVerificationOffTheChainStillCounts)
+{
+    const test_outcome outcome =
+        fetch_from(make_test_certificate({}), "cloud.example.test", false, true);
+    expect_refused(outcome, "Error", "cloud.example.test", "/O=test");
+}
+
+TEST_F(HttpClientTls, ARefusalIsNotTakenForARefusedConnectionAfterOneThatWas)
+{
+    set_up();
+    // Leaves the error number of a refused connection behind.
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request("http://127.0.0.1:1/")).code, 0);
+    const test_outcome outcome = fetch_from(leaf({.dns_names = {"other.example.test"}}));
+    EXPECT_EQ(outcome.code, -2);
+}
+
+TEST_F(HttpClientTls, OldProtocolVersionsAreRefused)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    SSL_CTX_set_security_level(context.get(), 0);
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+    SSL_CTX_set_max_proto_version(context.get(), TLS1_1_VERSION);
+    server.emplace(base, context.get());
+    EXPECT_EQ(
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/")).code,
+        -2);
+}
+
+TEST_F(HttpClientTls, Tls12IsAccepted)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    SSL_CTX_set_max_proto_version(context.get(), TLS1_2_VERSION);
+    server.emplace(base, context.get());
+    EXPECT_EQ(
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/")).code,
+        200);
+}
+
+TEST_F(HttpClientTls, ABodyCutShortWithoutAFarewellIsNotAccepted)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    server->reply = "HTTP/1.1 200 OK\r\n\r\nhalf of";
+    server->close_after_reply = true; // the connection goes away, TLS says nothing
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    EXPECT_LT(outcome.code, 0);
+    EXPECT_FALSE(outcome.has_body);
+}
+
+TEST_F(HttpClientTls, AHeldConnectionServesSeveralRequests)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    http_client_connection *connection = http_client_connection_create();
+    http_client_request_data data = request("https://cloud.example.test:" + server->port() + "/");
+    data.connection = connection;
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(fetch(HTTP_CLIENT_GET, data).code, 200);
+    }
+    EXPECT_EQ(server->connections, 3);
+    // Other checks must not ride on the handshake of these.
+    data.skip_server_verification = true;
+    expect_no_start(data);
+    http_client_connection_free(connection);
+}
+
+TEST_F(HttpClientTls, ARequestInFlightEndsWellWhenTheContextIsReplaced)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    test_outcome outcome;
+    ASSERT_EQ(http_request_internal(HTTP_CLIENT_GET,
+                                    request("https://cloud.example.test:" + server->port() + "/"),
+                                    test_outcome::handler, &outcome),
+              0);
+    http_client_free_ssl();
+    EXPECT_FALSE(http_client_tls_is_set_up());
+    EXPECT_TRUE(run_until([this] { return !server->requests.empty(); }));
+    set_up();
+    EXPECT_TRUE(run_until([&outcome] { return outcome.calls == 1; }));
+    EXPECT_EQ(outcome.code, 200);
+}
+
+TEST_F(HttpClientTls, SetUpReadsTheAuthoritiesAgain)
+{
+    const test_certificate other = make_test_ca("other root");
+    const test_certificate of_other =
+        make_test_certificate({.dns_names = {"cloud.example.test"}}, &other);
+    EXPECT_EQ(fetch_from(of_other).code, -2);
+    write_pem(path("ca.pem"), other);
+    EXPECT_EQ(fetch_from(of_other).code, 200);
+}
+
+TEST_F(HttpClientTls, SetUpLogsItsStepsAndSucceeds)
+{
+    set_up();
+    EXPECT_TRUE(log.has("TRACE http_client - ca cert file location: " + path("ca.pem")));
+    EXPECT_TRUE(log.has("TRACE http_client - https setup correct"));
+}
+
+TEST_F(HttpClientTls, SetUpFailsWithoutTheFile)
+{
+    EXPECT_EQ(http_client_setup_ssl(path("missing.pem").c_str()), -1);
+    EXPECT_TRUE(log.has("WARN http_client - SSL_CTX_load_verify_locations"));
+    EXPECT_TRUE(log.contains("WARN http_client - SSL ERROR: error:"));
+    EXPECT_FALSE(http_client_tls_is_set_up());
+}
+
+TEST_F(HttpClientTls, SetUpFailsOnAFileWithoutCertificates)
+{
+    write_file("empty.pem", "nothing here\n");
+    EXPECT_EQ(http_client_setup_ssl(path("empty.pem").c_str()), -1);
+    EXPECT_EQ(http_client_setup_ssl(""), -1);
+    EXPECT_EQ(http_client_setup_ssl(nullptr), -1);
+}
+
+TEST_F(HttpClientTls, SocketsAreClosedInChildProcesses)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    const auto inheritable_sockets = [] {
+        int count = 0;
+        for (int fd = 3; fd < 256; ++fd) {
+            struct stat info {};
+            const int flags = fcntl(fd, F_GETFD);
+            count += flags >= 0 && (flags & FD_CLOEXEC) == 0 && fstat(fd, &info) == 0 &&
+                     S_ISSOCK(info.st_mode);
+        }
+        return count;
+    };
+    const int before = inheritable_sockets();
+    test_outcome outcome;
+    ASSERT_EQ(http_request_internal(HTTP_CLIENT_GET,
+                                    request("https://cloud.example.test:" + server->port() + "/"),
+                                    test_outcome::handler, &outcome),
+              0);
+    EXPECT_EQ(inheritable_sockets(), before) << "while it connects";
+    EXPECT_TRUE(run_until([&outcome] { return outcome.calls == 1; }));
+}
+
+} // namespace
