@@ -1,0 +1,153 @@
+#include "velm_google_auth.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "async/common_async.h"
+#include "cloud_addresses.h"
+#include "handles/memory.h"
+#include "http/http_client.h"
+#include "logger/fatal.h"
+#include "velm_google_auth_jwt.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_google_auth";
+
+constexpr char grant_type[] = "urn%3Aietf%3Aparams%3Aoauth%3Agrant-type%3Ajwt-bearer";
+
+struct token_request_params {
+    json_ptr private_key;
+    std::string scope;
+    velm_google_auth_response_handler response_handler = nullptr;
+};
+
+struct token_request {
+    token_request_params params;
+    void *context = nullptr;
+};
+
+using token_request_ptr = std::unique_ptr<token_request>;
+
+/// Every request ends here, exactly once.
+void return_access_token(token_request_ptr d, json_ptr token)
+{
+    d->params.response_handler(std::move(token), d->context);
+}
+
+/// Seconds from now; an answer without the member, or with one that is no number, serves once.
+/// Kept within what every caller's arithmetic can hold, whatever the answer claims.
+double lifetime_of(const cJSON *token)
+{
+    const cJSON *expires_in = cJSON_GetObjectItemCaseSensitive(token, "expires_in");
+    const double seconds = cJSON_IsNumber(expires_in) ? expires_in->valuedouble : 0.0;
+    constexpr double longest = std::numeric_limits<std::int32_t>::max();
+    return std::isnan(seconds) ? 0.0 : std::clamp(seconds, 0.0, longest);
+}
+
+/// Replaces a member of that name that the answer brought itself.
+void add_valid_to(cJSON *token)
+{
+    while (cJSON_HasObjectItem(token, "valid_to")) {
+        cJSON_DeleteItemFromObject(token, "valid_to");
+    }
+    const double valid_to = static_cast<double>(time(nullptr)) + lifetime_of(token);
+    REQUIRE_MEMORY(cJSON_AddNumberToObject(token, "valid_to", valid_to), "valid_to");
+}
+
+json_ptr token_from_answer(const void *d, int code, const char *body, std::size_t length)
+{
+    LOG_DEBUG("%s [%p] - code: %d", __func__, d, code);
+    if (code != 200) {
+        LOG_ERROR("%s [%p] - http request failed: %d", __func__, d, code);
+        return nullptr;
+    }
+    if (body == nullptr || length == 0) {
+        LOG_ERROR("%s [%p] - empty response", __func__, d);
+        return nullptr;
+    }
+    LOG_TRACE("%s [%p] - body: %.*s", __func__, d, static_cast<int>(length), body);
+    // With its terminator: the parser may look at one byte past a number.
+    json_ptr token{cJSON_ParseWithLength(body, length + 1)};
+    if (!cJSON_IsObject(token.get())) {
+        LOG_ERROR("%s [%p] - parse error", __func__, d);
+        return nullptr;
+    }
+    add_valid_to(token.get());
+    return token;
+}
+
+void access_token_answered(int code, evkeyvalq *, const char *body, std::size_t length,
+                           void *argument) noexcept
+{
+    token_request_ptr d = adopt<token_request>(argument);
+    json_ptr token = token_from_answer(d.get(), code, body, length);
+    return_access_token(std::move(d), std::move(token));
+}
+
+http_client_request_data make_post(const std::string &jwt)
+{
+    http_client_request_data data;
+    data.uri = cloud_token_endpoint;
+    data.timeout_s = cloud_timeout_s;
+    data.post_data = std::string{"grant_type="} + grant_type + "&assertion=" + jwt;
+    http_client_add_header(&data, "Content-Type", "application/x-www-form-urlencoded");
+    return data;
+}
+
+void request_access_token(void *user_data, short, common_async_context *) noexcept
+{
+    token_request_ptr d = adopt<token_request>(user_data);
+    const std::time_t now = time(nullptr);
+    const std::optional<std::string> jwt = velm_google_auth_make_jwt(
+        d->params.private_key.get(), d->params.scope.c_str(), cloud_token_endpoint, now);
+    if (!jwt) {
+        return_access_token(std::move(d), nullptr);
+        return;
+    }
+    const http_client_request_data data = make_post(*jwt);
+    LOG_TRACE("%s - payload: %.*s", __func__, static_cast<int>(data.post_data.size()),
+              data.post_data.c_str());
+    const int rc = http_request_internal(HTTP_CLIENT_POST, data, access_token_answered, d.get());
+    if (rc < 0) {
+        LOG_ERROR("%s - failed making http request: %d", __func__, rc);
+        return_access_token(std::move(d), nullptr);
+        return;
+    }
+    d.release(); // the answer takes it back
+}
+
+} // namespace
+
+void velm_google_auth_init(const velm_config *)
+{
+    // Requests under way belong to who asked: they end by their answer or its time-out.
+    LOG_TRACE("%s", __func__);
+}
+
+int velm_google_auth_request_access_token(const cJSON *private_key, const char *scope,
+                                          velm_google_auth_response_handler response_handler,
+                                          void *context)
+{
+    REQUIRE_NOT_NULL(private_key, "params.private_key");
+    REQUIRE_NOT_NULL(scope, "params.scope");
+    REQUIRE_NOT_NULL(response_handler, "params.response_handler");
+    auto d = std::make_unique<token_request>();
+    {
+        const allocation_name naming{__func__, "d->params.private_key"};
+        d->params.private_key.reset(cJSON_Duplicate(private_key, true));
+        REQUIRE_MEMORY(d->params.private_key, "d->params.private_key");
+    }
+    {
+        const allocation_name naming{__func__, "d->params.scope"};
+        d->params.scope = scope;
+    }
+    d->params.response_handler = response_handler;
+    d->context = context;
+    return common_async_action_call(request_access_token, d.release());
+}
