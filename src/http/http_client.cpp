@@ -173,6 +173,7 @@ void http_request_error(evhttp_request_error error, void *argument) noexcept
     } else {
         LOG_WARN("%s - ctx %p, err %d on req: %s", __func__, argument, static_cast<int>(error),
                  ctx->orig_uri.c_str());
+        http_client_connection_log_tls_errors(ctx->connection);
     }
     ctx->error = error;
 }

@@ -2,6 +2,9 @@
 
 #include <event2/bufferevent_ssl.h>
 #include <event2/util.h>
+#include <openssl/err.h>
+
+#include <array>
 
 #include "logger/common_logger.h"
 
@@ -90,5 +93,19 @@ void http_client_connection_close_on_exec(const http_client_connection *connecti
         connection->transport() != nullptr ? bufferevent_getfd(connection->transport()) : -1;
     if (fd >= 0) {
         evutil_make_socket_closeonexec(fd);
+    }
+}
+
+void http_client_connection_log_tls_errors(const http_client_connection *connection)
+{
+    bufferevent *const transport = connection->transport();
+    if (transport == nullptr || bufferevent_openssl_get_ssl(transport) == nullptr) {
+        return;
+    }
+    for (unsigned long error = bufferevent_get_openssl_error(transport); error != 0;
+         error = bufferevent_get_openssl_error(transport)) {
+        std::array<char, 256> text{};
+        ERR_error_string_n(error, text.data(), text.size());
+        LOG_WARN("%s - %s: %s", __func__, connection->target.host.c_str(), text.data());
     }
 }

@@ -32,3 +32,6 @@ struct http_client_connection {
 
 /// Keeps the socket, when there is one, out of child processes.
 void http_client_connection_close_on_exec(const http_client_connection *connection);
+
+/// Why TLS failed, in OpenSSL's words; nothing for a connection that has no TLS or no failure.
+void http_client_connection_log_tls_errors(const http_client_connection *connection);

@@ -51,8 +51,6 @@ int refuse(const char *reason, const char *host, X509 *cert)
 {
     LOG_ERROR("HTTPS NOK - got '%s', server: '%s', cert: '%s'", reason, host,
               subject_of(cert).data());
-    // libevent takes a refusal in the handshake for a refused connection while this says so.
-    errno = 0;
     return 0;
 }
 

@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include "http_client_fixture.h"
 
 namespace {
@@ -52,6 +54,40 @@ TEST_F(HttpClientFailures, ARefusedTlsConnectionGivesCodeZero)
     write_pem(path("ca.pem"), make_test_ca());
     ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
     EXPECT_EQ(fetch(HTTP_CLIENT_GET, request("https://127.0.0.1:1/")).code, 0);
+}
+
+TEST_F(HttpClientFailures, AConnectionThatFailsAtOnceStillTellsItAfterTheCall)
+{
+    // No route leads there: the system says so before the call that connects has returned.
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request("http://255.255.255.255:1/"));
+    EXPECT_LE(outcome.code, 0);
+    EXPECT_EQ(outcome.calls, 1);
+}
+
+TEST_F(HttpClientFailures, WithoutDescriptorsARequestFailsAndTheNextOneSucceeds)
+{
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const unique_fd first_free{dup(0)};
+    rlimit none = usual;
+    none.rlim_cur = static_cast<rlim_t>(first_free.get());
+    const http_client_request_data data = request(uri());
+    test_outcome outcome;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int started =
+        http_request_internal(HTTP_CLIENT_GET, data, test_outcome::handler, &outcome);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_EQ(started, 0);
+    EXPECT_TRUE(run_until([&outcome] { return outcome.calls > 0; }));
+    EXPECT_LE(outcome.code, 0);
+    EXPECT_EQ(server.connections, 0);
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).code, 200);
+}
+
+TEST_F(HttpClientFailures, WithoutATimeOutOfItsOwnARequestHasTheDefaultOne)
+{
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri(), 0)).code, 200);
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri(), -1)).code, 200);
 }
 
 TEST_F(HttpClientFailures, AnAnswerThatNeverComesEndsAtTheTimeOut)
