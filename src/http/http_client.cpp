@@ -64,7 +64,7 @@ struct http_client_context {
 
 struct module_state {
     event_base *base = nullptr;
-    std::optional<std::string> user_agent;
+    std::string user_agent; // empty: none is sent
     std::vector<std::unique_ptr<http_client_context>> contexts;
 };
 module_state state;
@@ -261,7 +261,7 @@ bool context_make_request(http_client_context *ctx, const method_row &method,
     evhttp_request_own(ctx->request.get());
     evhttp_request_set_error_cb(ctx->request.get(), http_request_error);
     http_client_default_headers defaults{
-        target.host, state.user_agent ? state.user_agent->c_str() : nullptr, std::nullopt};
+        target.host, state.user_agent.empty() ? nullptr : state.user_agent.c_str(), std::nullopt};
     if (method.has_body) {
         defaults.content_length = data.post_data.size();
         const int rc = evbuffer_add(evhttp_request_get_output_buffer(ctx->request.get()),
@@ -302,10 +302,7 @@ void http_client_set_event_base(event_base *base)
 
 void http_client_set_user_agent_string(const char *user_agent)
 {
-    state.user_agent.reset();
-    if (user_agent != nullptr) {
-        state.user_agent = user_agent;
-    }
+    state.user_agent = user_agent != nullptr ? user_agent : "";
 }
 
 void http_client_add_header(http_client_request_data *data, const char *header_name,

@@ -55,7 +55,7 @@ void http_client_set_event_base(event_base *base);
 /// Lets go of the TLS context; requests in flight keep theirs.
 void http_client_free_ssl();
 
-/// Null clears it.
+/// Null or empty: none is sent.
 void http_client_set_user_agent_string(const char *user_agent);
 
 /// Appends a header; null arguments are fatal.
