@@ -1,0 +1,134 @@
+#include "velm_challenge_engine.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <ctime>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "handles/memory.h"
+#include "logger/fatal.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_challenge_engine";
+
+constexpr std::size_t random_size = 16;
+constexpr std::size_t challenge_size = 2 * random_size + 1; // hexadecimal digits and NUL
+constexpr std::int32_t lifetime_s = 60;
+constexpr std::size_t pending_limit = 1000;
+
+struct challenge_entry {
+    plain_ptr<char> challenge;
+    std::time_t created = 0;
+};
+
+struct module_state {
+    std::vector<challenge_entry> pending; // in order of issue
+};
+module_state state;
+
+std::time_t time_now(const char *caller)
+{
+    const std::time_t now = time(nullptr);
+    if (now == static_cast<std::time_t>(-1)) {
+        FATAL("%s: cannot get time now", caller);
+    }
+    return now;
+}
+
+void challenge_entries_remove_outdated()
+{
+    const std::time_t now = time_now(__func__);
+    std::erase_if(state.pending, [now, caller = __func__](const challenge_entry &entry) {
+        // A clock set back gives a negative age: the challenge stays.
+        const bool outdated = static_cast<std::int32_t>(now - entry.created) > lifetime_s;
+        if (outdated) {
+            LOG_TRACE("%s - removed challenge: %s", caller, entry.challenge.get());
+        }
+        return outdated;
+    });
+}
+
+void challenge_entries_remove_all()
+{
+    for (const challenge_entry &entry : state.pending) {
+        LOG_TRACE("%s - removed challenge: %s", __func__, entry.challenge.get());
+    }
+    state.pending.clear();
+}
+
+/// Expands the second half of the buffer into digits from its front on: a pair of digits only ever
+/// lands on bytes that are read already.
+void expand_to_hexadecimal(char *challenge)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < random_size; ++i) {
+        const auto byte = static_cast<unsigned char>(challenge[random_size + i]);
+        challenge[2 * i] = digits[byte >> 4];
+        challenge[2 * i + 1] = digits[byte & 0x0f];
+    }
+    challenge[2 * random_size] = '\0';
+}
+
+challenge_entry challenge_entry_create(plain_ptr<char> challenge)
+{
+    return {std::move(challenge), time_now(__func__)};
+}
+
+std::vector<challenge_entry>::iterator challenge_entry_find(const char *challenge)
+{
+    REQUIRE_NOT_NULL(challenge, "challenge");
+    return std::find_if(state.pending.begin(), state.pending.end(),
+                        [wanted = std::string_view{challenge}](const challenge_entry &entry) {
+                            return wanted == entry.challenge.get();
+                        });
+}
+
+} // namespace
+
+void velm_challenge_engine_init()
+{
+    LOG_TRACE("%s", __func__);
+    challenge_entries_remove_all();
+}
+
+const char *velm_challenge_engine_generate_challenge()
+{
+    challenge_entries_remove_outdated();
+    LOG_TRACE("%s - pending challenges: %d", __func__, static_cast<int>(state.pending.size()));
+    if (state.pending.size() >= pending_limit) {
+        LOG_WARN("%s - too many pending challenges", __func__);
+        return nullptr;
+    }
+    plain_ptr<char> challenge = try_make_plain<char>(challenge_size);
+    REQUIRE_MEMORY(challenge, "challenge");
+    auto *random = reinterpret_cast<unsigned char *>(challenge.get() + random_size);
+    const int rc = RAND_bytes(random, static_cast<int>(random_size));
+    if (rc != 1) {
+        FATAL("%s: ssl call failed: %s result: %i loc: %s:%i", __func__,
+              "RAND_bytes(challenge + 16, 16)", rc, __FILE__, __LINE__);
+    }
+    expand_to_hexadecimal(challenge.get());
+    challenge_entry entry = challenge_entry_create(std::move(challenge));
+    LOG_TRACE("%s - %s", __func__, entry.challenge.get());
+    const allocation_name naming{__func__, "entry"};
+    state.pending.push_back(std::move(entry));
+    return state.pending.back().challenge.get();
+}
+
+int velm_challenge_engine_consume_challenge(const char *challenge)
+{
+    challenge_entries_remove_outdated();
+    const auto found = challenge_entry_find(challenge);
+    if (found == state.pending.end()) {
+        LOG_TRACE("%s - no challenge: %s", __func__, challenge);
+        return 0;
+    }
+    LOG_TRACE("%s - found challenge: %s", __func__, challenge);
+    state.pending.erase(found);
+    return 1;
+}
