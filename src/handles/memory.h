@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -35,4 +36,24 @@ plain_ptr<T> try_make_plain(std::size_t count = 1) noexcept
 {
     static_assert(std::is_trivially_destructible_v<T>);
     return plain_ptr<T>{static_cast<T *>(std::calloc(count, sizeof(T)))};
+}
+
+/// Like plain_ptr, for an object with a destructor.
+struct destroy_and_free {
+    template <typename T>
+    void operator()(T *object) const noexcept
+    {
+        std::destroy_at(object);
+        std::free(object);
+    }
+};
+template <typename T>
+using nothrow_ptr = std::unique_ptr<T, destroy_and_free>;
+
+template <typename T>
+nothrow_ptr<T> try_make() noexcept
+{
+    static_assert(std::is_nothrow_default_constructible_v<T>);
+    void *memory = std::malloc(sizeof(T));
+    return nothrow_ptr<T>{memory == nullptr ? nullptr : ::new (memory) T{}};
 }

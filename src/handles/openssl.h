@@ -27,3 +27,14 @@ struct openssl_free_deleter {
 using openssl_bytes = std::unique_ptr<unsigned char, openssl_free_deleter>;
 
 using general_names_ptr = handle<GENERAL_NAMES, GENERAL_NAMES_free>;
+using asn1_object_ptr = handle<ASN1_OBJECT, ASN1_OBJECT_free>;
+using evp_pkey_ctx_ptr = handle<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+
+/// A list of certificates that other handles own.
+struct x509_list_deleter {
+    void operator()(STACK_OF(X509) * list) const noexcept
+    {
+        sk_X509_free(list);
+    }
+};
+using x509_list_ptr = std::unique_ptr<STACK_OF(X509), x509_list_deleter>;

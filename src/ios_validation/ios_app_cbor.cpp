@@ -1,0 +1,180 @@
+#include "ios_validation/ios_app_cbor.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr int depth_limit = 4;
+constexpr std::uint64_t count_limit = 16;
+constexpr std::size_t key_limit = 31;
+constexpr std::size_t bytes_limit = 4096;
+
+/// The major types of RFC 8949 that hold other bytes or items.
+enum cbor_major : unsigned {
+    major_bytes = 2,
+    major_text = 3,
+    major_array = 4,
+    major_map = 5,
+    major_tag = 6,
+};
+
+constexpr std::uint8_t break_byte = 0xff;
+
+struct item_head {
+    unsigned major = 0;
+    bool indefinite = false;
+    bool reserved = false;
+    std::uint64_t argument = 0;
+};
+
+item_head head_read(byte_reader &in)
+{
+    const std::uint64_t initial = in.number(1);
+    const auto info = static_cast<unsigned>(initial & 0x1f);
+    item_head head;
+    head.major = static_cast<unsigned>(initial >> 5);
+    if (info < 24) {
+        head.argument = info;
+    } else if (info < 28) {
+        head.argument = in.number(std::size_t{1} << (info - 24));
+    } else {
+        head.indefinite = info == 31;
+        head.reserved = !head.indefinite;
+    }
+    return head;
+}
+
+enum class cbor_shape { fits, foreign, malformed };
+
+cbor_shape item_walk(byte_reader &in, int depth);
+
+cbor_shape definite_children_walk(byte_reader &in, std::uint64_t count, std::uint64_t per_element,
+                                  int depth)
+{
+    // Every item takes a byte at least.
+    if (count > in.remaining() / per_element) {
+        return cbor_shape::malformed;
+    }
+    if (count > count_limit) {
+        return cbor_shape::foreign;
+    }
+    for (std::uint64_t i = 0; i < count * per_element; ++i) {
+        const cbor_shape shape = item_walk(in, depth);
+        if (shape != cbor_shape::fits) {
+            return shape;
+        }
+    }
+    return cbor_shape::fits;
+}
+
+cbor_shape indefinite_children_walk(byte_reader &in, std::uint64_t per_element, int depth)
+{
+    for (std::uint64_t i = 0; in.next_byte() != break_byte; ++i) {
+        if (i == count_limit * per_element) {
+            return cbor_shape::foreign;
+        }
+        const cbor_shape shape = item_walk(in, depth);
+        if (shape != cbor_shape::fits) {
+            return shape;
+        }
+    }
+    in.skip(1);
+    return cbor_shape::fits;
+}
+
+cbor_shape children_walk(byte_reader &in, const item_head &head, int depth)
+{
+    if (depth == depth_limit) {
+        return cbor_shape::foreign;
+    }
+    if (head.major == major_tag) {
+        return head.indefinite ? cbor_shape::malformed : item_walk(in, depth + 1);
+    }
+    const std::uint64_t per_element = head.major == major_map ? 2 : 1;
+    return head.indefinite ? indefinite_children_walk(in, per_element, depth + 1)
+                           : definite_children_walk(in, head.argument, per_element, depth + 1);
+}
+
+/// Steps over one item without taking memory; the levels, and with them the recursion, are bounded.
+cbor_shape item_walk(byte_reader &in, int depth)
+{
+    const item_head head = head_read(in);
+    if (!in.ok() || head.reserved) {
+        return cbor_shape::malformed;
+    }
+    switch (head.major) {
+    case major_bytes:
+    case major_text:
+        if (head.indefinite) {
+            return cbor_shape::foreign;
+        }
+        in.skip(head.argument);
+        return in.ok() ? cbor_shape::fits : cbor_shape::malformed;
+    case major_array:
+    case major_map:
+    case major_tag:
+        return children_walk(in, head, depth);
+    default: // numbers and simple values are complete with their head
+        return head.indefinite ? cbor_shape::malformed : cbor_shape::fits;
+    }
+}
+
+} // namespace
+
+std::optional<cbor_item_ptr> ios_app_cbor_decode(std::span<const std::uint8_t> bytes)
+{
+    byte_reader in{bytes};
+    switch (item_walk(in, 0)) {
+    case cbor_shape::malformed:
+        return std::nullopt;
+    case cbor_shape::foreign:
+        return cbor_item_ptr{};
+    case cbor_shape::fits:
+        break;
+    }
+    cbor_load_result result{};
+    cbor_item_ptr item{cbor_load(bytes.data(), bytes.size(), &result)};
+    if (item == nullptr || result.error.code != CBOR_ERR_NONE) {
+        return std::nullopt;
+    }
+    return item;
+}
+
+std::optional<std::string_view> ios_app_cbor_text(const cbor_item_t *item)
+{
+    if (!cbor_isa_string(item) || !cbor_string_is_definite(item)) {
+        return std::nullopt;
+    }
+    const std::size_t length = cbor_string_length(item);
+    if (length == 0) {
+        return std::string_view{};
+    }
+    return std::string_view{reinterpret_cast<const char *>(cbor_string_handle(item)), length};
+}
+
+bool ios_app_cbor_read_bytes(const cbor_item_t *item, ios_app_bytes &slot)
+{
+    if (!slot.empty() || !cbor_isa_bytestring(item) || !cbor_bytestring_is_definite(item)) {
+        return false;
+    }
+    const std::size_t length = cbor_bytestring_length(item);
+    if (length == 0 || length > bytes_limit) {
+        return false;
+    }
+    slot = ios_app_bytes_copy({cbor_bytestring_handle(item), length});
+    return !slot.empty();
+}
+
+bool ios_app_cbor_read_map(const cbor_item_t *item, std::size_t pairs, void *object,
+                           ios_app_cbor_key_handler handler)
+{
+    if (item == nullptr || !cbor_isa_map(item) || cbor_map_size(item) != pairs) {
+        return false;
+    }
+    const std::span<const cbor_pair> entries{cbor_map_handle(item), pairs};
+    return std::all_of(entries.begin(), entries.end(), [object, handler](const cbor_pair &entry) {
+        const auto key = ios_app_cbor_text(entry.key);
+        return key.has_value() && !key->empty() && key->size() <= key_limit &&
+               handler(object, *key, entry.value);
+    });
+}

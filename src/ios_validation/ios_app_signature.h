@@ -1,0 +1,10 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+/// True when the signature (DER) is ECDSA with SHA-256 over the message by the key (DER
+/// SubjectPublicKeyInfo). What is wrong is logged, "Invalid signature" last.
+[[nodiscard]] bool ios_app_signature_verify(std::span<const std::uint8_t> public_key_der,
+                                            std::span<const std::uint8_t> message,
+                                            std::span<const std::uint8_t> signature);

@@ -1,0 +1,337 @@
+#include "ios_validation/ios_app_validate.h"
+
+#include <openssl/err.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "handles/memory.h"
+#include "ios_validation/apple_root_ca.h"
+#include "ios_validation/ios_app_auth_data.h"
+#include "ios_validation/ios_app_cbor.h"
+#include "ios_validation/ios_app_certificate.h"
+#include "ios_validation/ios_app_objects.h"
+#include "ios_validation/ios_app_signature.h"
+#include "logger/common_logger.h"
+
+struct ios_app_validator {
+    const ios_app_validator_callbacks *callbacks = nullptr;
+    void *user_data = nullptr;
+    plain_ptr<char> app_id;
+    plain_ptr<char> root_ca; // none: Apple's
+    std::uint8_t allow_develop = 0;
+};
+
+namespace {
+
+constexpr char log_category[] = "IAV";
+
+using bytes_view = std::span<const std::uint8_t>;
+using digest = std::array<std::uint8_t, 32>;
+using aaguid = std::array<std::uint8_t, 16>;
+
+constexpr aaguid production_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's', 't'};
+constexpr aaguid develop_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's',
+                                   't', 'd', 'e', 'v', 'e', 'l', 'o', 'p'};
+
+plain_ptr<char> text_copy(std::string_view text)
+{
+    plain_ptr<char> copy = try_make_plain<char>(text.size() + 1);
+    if (copy != nullptr) {
+        std::copy(text.begin(), text.end(), copy.get());
+    }
+    return copy;
+}
+
+std::optional<digest> sha256(bytes_view head, bytes_view tail = {})
+{
+    const evp_md_ctx_ptr context{EVP_MD_CTX_new()};
+    digest result{};
+    const bool done = context != nullptr &&
+                      EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) == 1 &&
+                      EVP_DigestUpdate(context.get(), head.data(), head.size()) == 1 &&
+                      EVP_DigestUpdate(context.get(), tail.data(), tail.size()) == 1 &&
+                      EVP_DigestFinal_ex(context.get(), result.data(), nullptr) == 1;
+    return done ? std::optional{result} : std::nullopt;
+}
+
+bool is_digest_of(const digest &expected, bytes_view bytes)
+{
+    return sha256(bytes) == expected;
+}
+
+bool app_id_matches(const ios_app_validator &iav, const ios_auth_data &auth_data)
+{
+    const std::string_view app_id{iav.app_id.get()};
+    return is_digest_of(auth_data.rp_id_hash,
+                        {reinterpret_cast<const std::uint8_t *>(app_id.data()), app_id.size()});
+}
+
+bool aaguid_allowed(const ios_app_validator &iav, const aaguid &id)
+{
+    return id == production_aaguid || (iav.allow_develop != 0 && id == develop_aaguid);
+}
+
+std::optional<ios_attestation_obj> attestation_read(bytes_view attestation)
+{
+    const auto cbor = ios_app_cbor_decode(attestation);
+    if (!cbor.has_value()) {
+        LOG_DEBUG("Cannot decode CBOR");
+        return std::nullopt;
+    }
+    auto object = ios_attestation_obj_create(cbor->get());
+    if (!object.has_value()) {
+        LOG_DEBUG("Cannot create attestation obj");
+    }
+    return object;
+}
+
+std::optional<ios_assertion_obj> assertion_read(bytes_view assertion)
+{
+    const auto cbor = ios_app_cbor_decode(assertion);
+    if (!cbor.has_value()) {
+        LOG_DEBUG("Cannot decode CBOR");
+        return std::nullopt;
+    }
+    auto object = ios_assertion_obj_create(cbor->get());
+    if (!object.has_value()) {
+        LOG_DEBUG("Cannot create assertion obj");
+    }
+    return object;
+}
+
+std::optional<ios_auth_data> auth_data_read(const ios_app_bytes &bytes, ios_auth_data_mode mode)
+{
+    const auto auth_data = ios_auth_data_parse(bytes.view(), mode);
+    if (!auth_data.has_value()) {
+        LOG_DEBUG("Cannot extract auth data");
+    }
+    return auth_data;
+}
+
+x509_ptr certificate_read(const ios_app_validator &iav, const ios_attestation_obj &object)
+{
+    const char *root = iav.root_ca != nullptr ? iav.root_ca.get() : apple_root_ca_pem;
+    x509_ptr certificate = ios_app_certificate_verify(root, object.credential_certificate.view(),
+                                                      object.intermediate_certificate.view());
+    if (certificate == nullptr) {
+        LOG_DEBUG("Invalid ca chain");
+    }
+    return certificate;
+}
+
+/// The certificate was made for this authenticator data and this challenge.
+bool nonce_check(const X509 *certificate, bytes_view auth_data, bytes_view client_data_hash)
+{
+    const auto nonce = sha256(auth_data, client_data_hash);
+    if (!nonce.has_value()) {
+        return false;
+    }
+    const bytes_view extension = ios_app_certificate_nonce_extension(certificate);
+    if (extension.empty()) {
+        LOG_DEBUG("Cannot extract OID");
+        return false;
+    }
+    if (extension.size() < nonce->size() ||
+        !std::ranges::equal(extension.last(nonce->size()), *nonce)) {
+        LOG_DEBUG("OID mismatch");
+        return false;
+    }
+    return true;
+}
+
+std::optional<ios_app_public_key> public_key_read(const X509 *certificate)
+{
+    auto key = ios_app_certificate_public_key(certificate);
+    if (!key.has_value()) {
+        LOG_DEBUG("Cannot extract pub key");
+    }
+    return key;
+}
+
+bool attestation_auth_data_check(const ios_app_validator &iav, const ios_auth_data &auth_data,
+                                 bytes_view point)
+{
+    if (!app_id_matches(iav, auth_data)) {
+        LOG_DEBUG("AppId mismatch");
+        return false;
+    }
+    if (auth_data.counter != 0) {
+        LOG_DEBUG("Invalid counter");
+        return false;
+    }
+    if (!aaguid_allowed(iav, auth_data.aaguid)) {
+        LOG_DEBUG("Aaguid mismatch");
+        return false;
+    }
+    if (!is_digest_of(auth_data.credential_id, point)) {
+        LOG_DEBUG("Invalid credential id");
+        return false;
+    }
+    return true;
+}
+
+unsigned public_key_hand_over(ios_app_validator &iav, const ios_app_public_key &key)
+{
+    if (iav.callbacks == nullptr || iav.callbacks->write_pub_key == nullptr) {
+        return 1;
+    }
+    return iav.callbacks->write_pub_key(&iav, {key.der.get(), key.der_length});
+}
+
+unsigned attestation_check(ios_app_validator *iav, bytes_view attestation,
+                           bytes_view client_data_hash)
+{
+    if (iav == nullptr || attestation.empty() || client_data_hash.empty()) {
+        return 0;
+    }
+    const auto object = attestation_read(attestation);
+    if (!object.has_value()) {
+        return 0;
+    }
+    const auto auth_data = auth_data_read(object->auth_data, ios_auth_data_mode::attestation);
+    if (!auth_data.has_value()) {
+        return 0;
+    }
+    const x509_ptr certificate = certificate_read(*iav, *object);
+    if (certificate == nullptr ||
+        !nonce_check(certificate.get(), object->auth_data.view(), client_data_hash)) {
+        return 0;
+    }
+    const auto key = public_key_read(certificate.get());
+    if (!key.has_value() || !attestation_auth_data_check(*iav, *auth_data, key->point)) {
+        return 0;
+    }
+    return public_key_hand_over(*iav, *key);
+}
+
+/// Without key and counters nothing can be asserted; such a call is refused in silence.
+bool assertion_can_be_checked(const ios_app_validator *iav, bytes_view assertion,
+                              bytes_view client_data_hash)
+{
+    return iav != nullptr && iav->callbacks != nullptr && iav->callbacks->read_pub_key != nullptr &&
+           iav->callbacks->get_counter != nullptr && iav->callbacks->set_counter != nullptr &&
+           assertion.data() != nullptr && client_data_hash.size() == std::tuple_size_v<digest>;
+}
+
+bool assertion_signature_check(ios_app_validator &iav, const ios_assertion_obj &object,
+                               bytes_view client_data_hash)
+{
+    const auto nonce = sha256(object.authenticator_data.view(), client_data_hash);
+    if (!nonce.has_value()) {
+        return false;
+    }
+    const auto key = iav.callbacks->read_pub_key(&iav);
+    // The nonce is the message, so the verification hashes it once more.
+    return key.has_value() && ios_app_signature_verify(*key, *nonce, object.signature.view());
+}
+
+bool counter_check(ios_app_validator &iav, std::uint32_t counter)
+{
+    const std::uint32_t stored = iav.callbacks->get_counter(&iav);
+    if (stored == ios_app_counter_unknown) {
+        return false;
+    }
+    if (counter <= stored) {
+        LOG_DEBUG("Invalid counter");
+        return false;
+    }
+    return true;
+}
+
+unsigned assertion_check(ios_app_validator &iav, bytes_view assertion, bytes_view client_data_hash)
+{
+    const auto object = assertion_read(assertion);
+    if (!object.has_value()) {
+        return 0;
+    }
+    const auto auth_data =
+        auth_data_read(object->authenticator_data, ios_auth_data_mode::assertion);
+    if (!auth_data.has_value() || !assertion_signature_check(iav, *object, client_data_hash)) {
+        return 0;
+    }
+    if (!app_id_matches(iav, *auth_data)) {
+        LOG_DEBUG("AppId mismatch");
+        return 0;
+    }
+    if (!counter_check(iav, auth_data->counter)) {
+        return 0;
+    }
+    return iav.callbacks->set_counter(&iav, auth_data->counter);
+}
+
+} // namespace
+
+void ios_app_validator_free(ios_app_validator *validator)
+{
+    const nothrow_ptr<ios_app_validator> owned{validator};
+}
+
+ios_app_validator_ptr ios_app_validator_new(const char *app_id,
+                                            const ios_app_validator_callbacks *callbacks,
+                                            void *user_data)
+{
+    if (app_id == nullptr || *app_id == '\0') {
+        return nullptr;
+    }
+    ios_app_validator_ptr validator{try_make<ios_app_validator>().release()};
+    if (validator == nullptr) {
+        return nullptr;
+    }
+    validator->callbacks = callbacks;
+    validator->user_data = user_data;
+    validator->app_id = text_copy(app_id);
+    return validator->app_id == nullptr ? nullptr : std::move(validator);
+}
+
+void ios_app_validator_set_develop(ios_app_validator *validator, std::uint8_t allow)
+{
+    validator->allow_develop = allow;
+}
+
+int ios_app_validator_set_root_ca(ios_app_validator *validator, const char *pem)
+{
+    validator->root_ca.reset();
+    if (pem == nullptr || *pem == '\0') {
+        return 1;
+    }
+    validator->root_ca = text_copy(pem);
+    return validator->root_ca == nullptr ? 0 : 1;
+}
+
+void *ios_app_validator_get_user_data(const ios_app_validator *validator)
+{
+    return validator->user_data;
+}
+
+unsigned ios_app_validate_attestation(ios_app_validator *validator,
+                                      std::span<const std::uint8_t> attestation,
+                                      std::span<const std::uint8_t> client_data_hash)
+{
+    const unsigned result = attestation_check(validator, attestation, client_data_hash);
+    ERR_clear_error(); // what a refused certificate leaves there would spoil others' messages
+    if (result == 0) {
+        LOG_ERROR("Attestation failed");
+    } else {
+        LOG_TRACE("Attestation success");
+    }
+    return result;
+}
+
+unsigned ios_app_validate_assertion(ios_app_validator *validator,
+                                    std::span<const std::uint8_t> assertion,
+                                    std::span<const std::uint8_t> client_data_hash)
+{
+    if (!assertion_can_be_checked(validator, assertion, client_data_hash)) {
+        return 0;
+    }
+    const unsigned result = assertion_check(*validator, assertion, client_data_hash);
+    ERR_clear_error();
+    if (result == 0) {
+        LOG_ERROR("Assertion failed");
+    } else {
+        LOG_TRACE("Assertion success");
+    }
+    return result;
+}
