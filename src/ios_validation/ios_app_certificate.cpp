@@ -3,8 +3,11 @@
 #include <openssl/objects.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <ctime>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "logger/common_logger.h"
 
@@ -13,15 +16,22 @@ namespace {
 constexpr char log_category[] = "IAV";
 constexpr char nonce_extension_oid[] = "1.2.840.113635.100.8.2";
 
-/// Parsing the root costs as much as verifying an assertion, so the last one used is kept.
+/// Parsing a certificate costs more than verifying an assertion, so the root and the intermediate
+/// that were good last are kept parsed. What they sign is verified anew each time.
 struct trust_anchor {
     std::string pem;
     x509_ptr root;
     x509_store_ptr store;
 };
 
+struct parsed_link {
+    std::vector<std::uint8_t> der;
+    x509_ptr certificate;
+};
+
 struct module_state {
     trust_anchor anchor;
+    parsed_link link;
 };
 module_state state;
 
@@ -49,6 +59,22 @@ x509_ptr certificate_parse(std::span<const std::uint8_t> der)
     const std::uint8_t *position = der.data();
     x509_ptr certificate{d2i_X509(nullptr, &position, static_cast<long>(der.size()))};
     return position == der.data() + der.size() ? std::move(certificate) : nullptr;
+}
+
+x509_ptr link_parse(std::span<const std::uint8_t> der)
+{
+    X509 *kept = state.link.certificate.get();
+    if (kept != nullptr && std::ranges::equal(der, state.link.der) && X509_up_ref(kept) == 1) {
+        return x509_ptr{kept};
+    }
+    return certificate_parse(der);
+}
+
+void link_keep(std::span<const std::uint8_t> der, x509_ptr certificate)
+{
+    if (certificate.get() != state.link.certificate.get()) {
+        state.link = {{der.begin(), der.end()}, std::move(certificate)};
+    }
 }
 
 void verification_error_log(int error)
@@ -95,11 +121,12 @@ x509_ptr ios_app_certificate_verify(const char *root_pem, std::span<const std::u
         return nullptr;
     }
     x509_ptr leaf = certificate_parse(leaf_der);
-    const x509_ptr intermediate = certificate_parse(intermediate_der);
+    x509_ptr intermediate = link_parse(intermediate_der);
     if (leaf == nullptr || intermediate == nullptr ||
         !chain_verify(*anchor, leaf.get(), intermediate.get())) {
         return nullptr;
     }
+    link_keep(intermediate_der, std::move(intermediate));
     return leaf;
 }
 

@@ -187,6 +187,27 @@ TEST_F(IosChain, TrustsOnlyTheRootOfTheCallEvenAfterOthers)
     EXPECT_TRUE(verifies(leaf, der(intermediate)));
 }
 
+TEST_F(IosChain, AnIntermediateThatWasGoodOnceIsVerifiedAnew)
+{
+    const test_bytes leaf = der(leaf_under(intermediate));
+    EXPECT_TRUE(verifies(leaf, der(intermediate)));
+    EXPECT_TRUE(verifies(leaf, der(intermediate)));
+    fake_clock_set(app_attest_maker_now + 2 * day);
+    certificate_wish young = leaf_under(intermediate);
+    young.to = app_attest_maker_now + 3 * day;
+    EXPECT_FALSE(verifies(der(young), der(intermediate)));
+    EXPECT_EQ(log.lines(), lines{"ERROR IAV - Verification: certificate has expired"});
+}
+
+TEST_F(IosChain, AnIntermediateThatWasGoodOnceDoesNotStandInForAnother)
+{
+    const app_attest_authority other = authority_make("Other Intermediate", &root);
+    EXPECT_TRUE(verifies(der(leaf_under(intermediate)), der(intermediate)));
+    EXPECT_FALSE(verifies(der(leaf_under(intermediate)), der(other)));
+    EXPECT_TRUE(verifies(der(leaf_under(other)), der(other)));
+    EXPECT_FALSE(verifies(der(leaf_under(intermediate)), der(other)));
+}
+
 TEST_F(IosChain, AnIntermediateAsTheRootIsNoRoot)
 {
     const std::string pem = certificate_pem(intermediate.certificate.get());

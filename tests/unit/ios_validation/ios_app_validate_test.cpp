@@ -599,7 +599,6 @@ TEST_F(IosAssertion, OfAnotherKeyHasAnInvalidSignature)
 
 TEST_F(IosAssertion, ThatSignsTheDataInsteadOfTheNonceHasAnInvalidSignature)
 {
-
     const test_bytes data = request(5).assertion();
     const test_bytes message = bytes_joined({data, hash});
     EXPECT_EQ(assert_with(assertion_encode(ecdsa_sign(phone.key.get(), message), data)), 0U);
