@@ -1,0 +1,335 @@
+#include "velm_attestation_engine.h"
+
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "async/common_async.h"
+#include "crypto/common_crypto.h"
+#include "file/common_file.h"
+#include "handles/cjson.h"
+#include "handles/memory.h"
+#include "ios_validation/ios_app_validate.h"
+#include "logger/fatal.h"
+#include "velm_android_assertion.h"
+#include "velm_nvram_pairings.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_attestation_engine";
+
+using bytes_view = std::span<const std::uint8_t>;
+
+/// The Android integrity keys, JWKs as JSON text.
+struct integrity_keys {
+    std::string decryption;
+    std::string verification;
+};
+
+struct module_state {
+    const velm_config *config = nullptr;
+    std::optional<integrity_keys> keys;
+    std::string ios_root_ca; // PEM; empty: Apple's
+};
+module_state state;
+
+/// What a validator works on, for one call. An attestation fills the key, an assertion reads it.
+struct validator_user_data {
+    std::string attestation_key; // base64 of the DER SubjectPublicKeyInfo
+};
+
+validator_user_data *user_data_of(const ios_app_validator *iav, const char *caller)
+{
+    void *user_data = iav != nullptr ? ios_app_validator_get_user_data(iav) : nullptr;
+    if (user_data == nullptr) {
+        FATAL("%s: %s is null: %s", caller, "iav", "null reference");
+    }
+    return static_cast<validator_user_data *>(user_data);
+}
+
+unsigned write_pub_key(ios_app_validator *iav, bytes_view der)
+{
+    validator_user_data *user_data = user_data_of(iav, __func__);
+    auto encoded = common_crypto_base64_encode(der);
+    if (!encoded.has_value()) {
+        return 0;
+    }
+    user_data->attestation_key = std::move(*encoded);
+    return 1;
+}
+
+std::optional<std::vector<std::uint8_t>> read_pub_key(ios_app_validator *iav)
+{
+    return common_crypto_base64_decode(user_data_of(iav, __func__)->attestation_key);
+}
+
+/// Counters are not kept a pairing: any counter from 1 on passes, and may come again.
+unsigned set_counter(ios_app_validator *iav, std::uint32_t /*counter*/)
+{
+    (void)user_data_of(iav, __func__);
+    return 1;
+}
+
+std::uint32_t get_counter(ios_app_validator *iav)
+{
+    (void)user_data_of(iav, __func__);
+    return 0;
+}
+
+constexpr ios_app_validator_callbacks validator_callbacks = {write_pub_key, read_pub_key,
+                                                             set_counter, get_counter};
+
+/// Null, and a log line, when the custom root cannot be set.
+ios_app_validator_ptr validator_create(const char *caller, validator_user_data *user_data)
+{
+    auto iav = ios_app_validator_new(state.config->app_ios_appid, &validator_callbacks, user_data);
+    if (iav == nullptr) {
+        FATAL("%s: %s is null: %s", caller, "iav", "not enough memory");
+    }
+    ios_app_validator_set_develop(iav.get(), 1);
+    if (!state.ios_root_ca.empty() &&
+        ios_app_validator_set_root_ca(iav.get(), state.ios_root_ca.c_str()) == 0) {
+        LOG_ERROR("%s - cannot set custom root ca", caller);
+        return nullptr;
+    }
+    return iav;
+}
+
+bool app_id_present(const char *caller)
+{
+    if (state.config == nullptr || state.config->app_ios_appid[0] == '\0') {
+        LOG_ERROR("%s - no app id", caller);
+        return false;
+    }
+    return true;
+}
+
+bool integrity_key_files_present(const char *caller, const velm_config &config)
+{
+    if (config.app_android_integrity_d_key_path[0] == '\0') {
+        LOG_ERROR("%s - no decryption key setting", caller);
+        return false;
+    }
+    if (!common_file_exists(config.app_android_integrity_d_key_path)) {
+        LOG_ERROR("%s - no decryption key file", caller);
+        return false;
+    }
+    if (!common_file_exists(config.app_android_integrity_v_key_path)) {
+        LOG_ERROR("%s - no verification key file", caller);
+        return false;
+    }
+    return true;
+}
+
+std::optional<integrity_keys> integrity_keys_read(const char *caller, const velm_config &config)
+{
+    auto decryption = read_binary_file(config.app_android_integrity_d_key_path);
+    if (!decryption.has_value()) {
+        LOG_ERROR("%s - cannot read decryption key file", caller);
+        return std::nullopt;
+    }
+    auto verification = read_binary_file(config.app_android_integrity_v_key_path);
+    if (!verification.has_value()) {
+        LOG_ERROR("%s - cannot read verification key file", caller);
+        return std::nullopt;
+    }
+    return integrity_keys{std::move(*decryption), std::move(*verification)};
+}
+
+bool is_json(const std::string &text)
+{
+    return json_ptr{cJSON_Parse(text.c_str())} != nullptr;
+}
+
+bool integrity_keys_are_json(const char *caller, const integrity_keys &keys)
+{
+    if (!is_json(keys.decryption)) {
+        LOG_ERROR("%s - invalid format of decryption key file", caller);
+        return false;
+    }
+    if (!is_json(keys.verification)) {
+        LOG_ERROR("%s - invalid format of verification key file", caller);
+        return false;
+    }
+    return true;
+}
+
+/// Both keys, or nothing and a log line of the first thing that is wrong.
+std::optional<integrity_keys> integrity_keys_load(const char *caller, const velm_config &config)
+{
+    if (!integrity_key_files_present(caller, config)) {
+        return std::nullopt;
+    }
+    auto keys = integrity_keys_read(caller, config);
+    if (!keys.has_value() || !integrity_keys_are_json(caller, *keys)) {
+        return std::nullopt;
+    }
+    return keys;
+}
+
+void ios_root_ca_load(const char *caller, const char *path)
+{
+    if (*path == '\0') {
+        state.ios_root_ca.clear();
+        return;
+    }
+    if (!common_file_exists(path)) {
+        LOG_ERROR("%s - no iOS attestation root cert file", caller);
+        return;
+    }
+    auto pem = read_binary_file(path);
+    if (!pem.has_value()) {
+        LOG_ERROR("%s - cannot read iOS attestation root cert file", caller);
+        return;
+    }
+    if (pem->empty()) {
+        LOG_ERROR("%s - iOS attestation root cert file is empty", caller);
+        return;
+    }
+    state.ios_root_ca = std::move(*pem);
+}
+
+/// Runs on the loop with the copy that it frees; each worker reports exactly once.
+void android_verify_assertion_locally(void *argument, short /*events*/,
+                                      common_async_context * /*context*/) noexcept
+{
+    const auto input = adopt<android_verify_assertion_input>(argument);
+    LOG_ERROR("%s - not supported yet", __func__);
+    input->result_cb(false, input->user_data);
+}
+
+void android_verify_assertion_remotely(void *argument, short /*events*/,
+                                       common_async_context * /*context*/) noexcept
+{
+    const auto input = adopt<android_verify_assertion_input>(argument);
+    LOG_ERROR("%s - not supported yet", __func__);
+    input->result_cb(false, input->user_data);
+}
+
+/// The arguments as the caller lends them.
+struct android_verify_assertion_arguments {
+    const char *device_id;
+    bytes_view assertion_object_buf;
+    bytes_view message_digest_buf;
+    int method;
+    velm_android_verify_assertion_callback result_cb;
+    void *user_data;
+};
+
+std::vector<std::uint8_t> bytes_copy(const char *caller, const char *name, bytes_view bytes)
+{
+    const allocation_name naming{caller, name};
+    return {bytes.begin(), bytes.end()};
+}
+
+std::unique_ptr<android_verify_assertion_input>
+clone_android_verify_assertion_input(const android_verify_assertion_arguments &input)
+{
+    const allocation_name naming_input{__func__, "i"};
+    auto i = std::make_unique<android_verify_assertion_input>();
+    const allocation_name naming_id{__func__, "i->device_id"};
+    i->device_id = input.device_id;
+    i->assertion_object_buf =
+        bytes_copy(__func__, "i->assertion_object_buf", input.assertion_object_buf);
+    i->message_digest_buf = bytes_copy(__func__, "i->message_digest_buf", input.message_digest_buf);
+    i->method = input.method;
+    i->result_cb = input.result_cb;
+    i->user_data = input.user_data;
+    return i;
+}
+
+} // namespace
+
+void velm_attestation_engine_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    REQUIRE_NOT_NULL(config, "config");
+    state.config = config;
+    // What was loaded before stays in force until the new files have proved good, and the root is
+    // only looked at after the Android keys passed.
+    auto keys = integrity_keys_load(__func__, *config);
+    if (!keys.has_value()) {
+        return;
+    }
+    state.keys = std::move(keys);
+    ios_root_ca_load(__func__, config->app_ios_attest_root_ca_path);
+}
+
+velm_attestation_result
+velm_attestation_engine_ios_verify_attestation(const char * /*device_id*/,
+                                               std::span<const std::uint8_t> attestation_object,
+                                               std::span<const std::uint8_t> client_data_hash)
+{
+    if (!app_id_present(__func__)) {
+        return {};
+    }
+    validator_user_data user_data;
+    const ios_app_validator_ptr iav = validator_create(__func__, &user_data);
+    if (iav == nullptr) {
+        return {};
+    }
+    if (ios_app_validate_attestation(iav.get(), attestation_object, client_data_hash) == 0) {
+        LOG_ERROR("%s - failure", __func__);
+        return {};
+    }
+    if (user_data.attestation_key.empty()) {
+        LOG_ERROR("%s - invalid", __func__);
+        return {};
+    }
+    LOG_TRACE("%s - success", __func__);
+    return {true, std::move(user_data.attestation_key)};
+}
+
+bool velm_attestation_engine_ios_verify_assertion(const char *device_id,
+                                                  std::span<const std::uint8_t> assertion_object,
+                                                  std::span<const std::uint8_t> client_data_hash)
+{
+    const json_ptr pairing = velm_nvram_pairings_select_pairing(device_id);
+    if (pairing == nullptr) {
+        LOG_ERROR("%s - no pairing", __func__);
+        return false;
+    }
+    const char *key = velm_utils_get_field_value_from_json_object(pairing.get(), "attestation_key");
+    if (key == nullptr || *key == '\0') {
+        LOG_ERROR("%s - no assertion key", __func__);
+        return false;
+    }
+    validator_user_data user_data{key};
+    if (!app_id_present(__func__)) {
+        return false;
+    }
+    const ios_app_validator_ptr iav = validator_create(__func__, &user_data);
+    if (iav == nullptr) {
+        return false;
+    }
+    if (ios_app_validate_assertion(iav.get(), assertion_object, client_data_hash) == 0) {
+        LOG_ERROR("%s - failure", __func__);
+        return false;
+    }
+    LOG_TRACE("%s - success", __func__);
+    return true;
+}
+
+int velm_attestation_engine_android_verify_assertion(
+    const char *device_id, std::span<const std::uint8_t> assertion_object,
+    std::span<const std::uint8_t> message_digest, int method,
+    velm_android_verify_assertion_callback result_cb, void *user_data)
+{
+    const android_verify_assertion_arguments input{device_id, assertion_object, message_digest,
+                                                   method,    result_cb,        user_data};
+    REQUIRE_NOT_NULL(input.device_id, "input.device_id");
+    REQUIRE_NOT_NULL(input.assertion_object_buf.data(), "input.assertion_object_buf");
+    REQUIRE_NOT_NULL(input.message_digest_buf.data(), "input.message_digest_buf");
+    REQUIRE_NOT_NULL(input.result_cb, "input.result_cb");
+    auto copy = clone_android_verify_assertion_input(input);
+    common_async_callback worker = nullptr;
+    if (method == velm_android_method_local) {
+        worker = android_verify_assertion_locally;
+    } else if (method == velm_android_method_remote) {
+        worker = android_verify_assertion_remotely;
+    } else {
+        FATAL("%s: invalid method", __func__);
+    }
+    return common_async_action_call(worker, copy.release());
+}
