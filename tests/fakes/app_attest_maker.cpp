@@ -273,10 +273,8 @@ auth_data_wish app_attest_phone::auth_data() const
 
 test_bytes app_attest_phone::leaf_with_extension(const std::optional<test_bytes> &value) const
 {
-    certificate_wish wish{"Test Credential", key.get()};
-    wish.issuer = intermediate.certificate.get();
-    wish.issuer_key = intermediate.key.get();
-    wish.nonce_extension = value;
+    const certificate_wish wish{"Test Credential",      key.get(), intermediate.certificate.get(),
+                                intermediate.key.get(), false,     value};
     return certificate_der(certificate_make(wish).get());
 }
 
