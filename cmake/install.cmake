@@ -5,6 +5,7 @@ install(FILES platform/include/nvram.h platform/include/dm.h
 install(FILES etc/velmd.conf DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
 
 file(GLOB VELM_MAN_PAGES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/man/*.[1-8])
+list(FILTER VELM_MAN_PAGES EXCLUDE REGEX "/nvram\\.1$") # belongs to the host platform
 foreach(page ${VELM_MAN_PAGES})
     string(REGEX MATCH "[1-8]$" section ${page})
     install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})

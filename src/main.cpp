@@ -1,0 +1,305 @@
+#include <dm.h>
+#include <event2/event.h>
+#include <nvram.h>
+#include <openssl/rand.h>
+#include <openssl/ssl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include "async/common_async.h"
+#include "handles/libevent.h"
+#include "handles/memory.h"
+#include "http/http_client.h"
+#include "logger/fatal.h"
+#include "velm_attestation_engine.h"
+#include "velm_challenge_engine.h"
+#include "velm_cloud_messaging.h"
+#include "velm_command_line.h"
+#include "velm_config.h"
+#include "velm_google_auth.h"
+#include "velm_main.h"
+#include "velm_nvram_config.h"
+#include "velm_nvram_pairings.h"
+#include "velm_request_assert_check.h"
+#include "velm_request_device_check.h"
+#include "velm_request_pairing_check.h"
+#include "velm_request_preprocessor.h"
+#include "velm_request_user_pass_check.h"
+#include "velm_sys_params.h"
+#include "velm_utils.h"
+#include "velm_version.h"
+
+namespace {
+
+constexpr char log_category[] = "main";
+
+constexpr char default_config_path[] = "/etc/afc/velmd/velmd.conf";
+constexpr int exit_no_https_client = 2;
+
+/// Lives as long as the process; nothing is torn down.
+struct process_state {
+    velm_command_line command_line;
+    std::string config_path;
+    std::unique_ptr<velm_config> config;
+    event_base_ptr base;
+    event_ptr event_sighup;
+};
+process_state process;
+
+using stdio_file = handle<std::FILE, std::fclose>;
+
+void log_libevent(int severity, const char *message) noexcept
+{
+    LOG_AT(severity >= EVENT_LOG_ERR ? LOG_LEVEL_ERROR : LOG_LEVEL_DEBUG + severity - 1,
+           "libevent - %s", message);
+}
+
+void libevent_is_broken(int code) noexcept
+{
+    FATAL("%s: call failed: %s result: %i loc: %s:%i", __func__, "libevent", code, __FILE__,
+          __LINE__);
+}
+
+bool is_disabled_by_nvram()
+{
+    std::uint16_t mode = 1;
+    velm_nvram_config_read_number("zelkad_mode", &mode, 0);
+    return mode == 0;
+}
+
+void set_log_level_from_nvram()
+{
+    const malloc_text level{nvram_unf_get("zelkad_debug_level")};
+    if (level != nullptr && *level != '\0') {
+        common_logger_set("level", level.get());
+    }
+}
+
+void load_defaults_and_file()
+{
+    velm_config_set_defaults(process.config.get());
+    if (!process.config_path.empty()) {
+        velm_config_load_from_file(process.config.get(), process.config_path.c_str());
+    }
+}
+
+void write_pid_file(const char *path)
+{
+    const stdio_file file{std::fopen(path, "wbe")};
+    if (file == nullptr) {
+        std::exit(EXIT_FAILURE);
+    }
+    std::fprintf(file.get(), "%ld\n", static_cast<long>(getpid()));
+}
+
+/// Goes into the background. A daemon that init started is there already, and init knows its pid.
+void daemonize(const char *pid_path)
+{
+    if (getppid() == 1) {
+        return;
+    }
+    if (pid_path == nullptr || *pid_path == '\0') {
+        std::exit(EXIT_FAILURE);
+    }
+    const pid_t pid = fork();
+    if (pid < 0) {
+        std::exit(EXIT_FAILURE);
+    }
+    if (pid > 0) {
+        std::exit(EXIT_SUCCESS);
+    }
+    if (setsid() < 0 || chdir("/") != 0) {
+        std::exit(EXIT_FAILURE);
+    }
+    write_pid_file(pid_path);
+}
+
+/// Command line first, then the platform, when each has something to say.
+template <std::size_t Size>
+void override_text(char (&field)[Size], const std::optional<std::string> &command_line,
+                   const std::optional<std::string> &platform)
+{
+    if (command_line) {
+        velm_config_copy_text(field, Size, command_line->c_str());
+    }
+    if (platform && !platform->empty()) {
+        velm_config_copy_text(field, Size, platform->c_str());
+    }
+}
+
+/// The platform's list always takes the place of the command line's.
+void override_bssids(velm_config &config)
+{
+    if (process.command_line.bssids) {
+        config.bssids_list = velm_split_string(process.command_line.bssids->c_str(), ",");
+    }
+    json_ptr bssids = sys_bssids();
+    if (bssids == nullptr) {
+        FATAL("%s: %s is null: %s", "update_config", "sys_bssids", "null reference");
+    }
+    config.bssids_list = std::move(bssids);
+}
+
+/// Rebuilds the whole record in place; later sources override earlier ones.
+void update_config()
+{
+    const velm_command_line &given = process.command_line;
+    velm_config &config = *process.config;
+    load_defaults_and_file();
+    set_log_level_from_nvram();
+    velm_nvram_config_load(&config);
+    override_text(config.lan_ip_address, given.lan_ip_address, get_ipv4_address_wlif());
+    override_text(config.lan_name, given.lan_name, get_lanif_name_wlif());
+    override_text(config.serial_number, given.serial_number, sys_serial_number());
+    override_text(config.mac_address, given.mac_address, sys_mac_address());
+    override_bssids(config);
+    velm_config_print_to_log(&config);
+}
+
+void init_tls_library()
+{
+    OPENSSL_init_ssl(0, nullptr);
+    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    RAND_poll();
+}
+
+void set_up_https_client()
+{
+    if (http_client_setup_ssl(process.config->http_client_ca_cert_path) != 0) {
+        std::exit(exit_no_https_client);
+    }
+}
+
+/// In this order; each lets go of what an earlier run made.
+void init_modules()
+{
+    const velm_config *config = process.config.get();
+    velm_request_preprocessor_init(config);
+    velm_request_assert_check_init(config);
+    velm_request_user_pass_check_init(config);
+    velm_request_pairing_check_init(config);
+    velm_request_device_check_init(config);
+    velm_nvram_pairings_init(config);
+    velm_challenge_engine_init();
+    velm_attestation_engine_init(config);
+    velm_cloud_messaging_init(config);
+    velm_google_auth_init(config);
+}
+
+void reload(evutil_socket_t, short, void *) noexcept
+{
+    update_config();
+    http_client_free_ssl();
+    set_up_https_client();
+    init_modules();
+    velm_main_deinit();
+    velm_main_init(process.config.get());
+    velm_main_start();
+}
+
+void make_event_base()
+{
+    const event_config_ptr settings{event_config_new()};
+    REQUIRE_MEMORY(settings, "event_config");
+    event_config_set_flag(settings.get(), EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST);
+    process.base.reset(event_base_new_with_config(settings.get()));
+    REQUIRE_MEMORY(process.base, "event_base");
+    event_base *base = process.base.get();
+    common_async_set_event_base(base);
+    http_client_set_event_base(base);
+    velm_main_set_event_base(base);
+}
+
+void block_sighup(int how)
+{
+    sigset_t sighup;
+    sigemptyset(&sighup);
+    sigaddset(&sighup, SIGHUP);
+    sigprocmask(how, &sighup, nullptr);
+}
+
+void watch_sighup()
+{
+    process.event_sighup.reset(
+        event_new(process.base.get(), SIGHUP, EV_SIGNAL | EV_PERSIST, reload, nullptr));
+    if (process.event_sighup == nullptr) {
+        FATAL("%s: %s is null: %s", "main", "event_sighup", "null reference");
+    }
+    const int rc = event_add(process.event_sighup.get(), nullptr);
+    if (rc != 0) {
+        FATAL("%s: call failed: %s result: %i loc: %s:%i", "main", "event_add(event_sighup, NULL)",
+              rc, __FILE__, __LINE__);
+    }
+    block_sighup(SIG_UNBLOCK);
+}
+
+/// Before anything can write to a closed peer, run out of memory or be told to reload.
+void prepare_process()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served
+    fatal_install_memory_handlers();
+    event_set_log_callback(log_libevent);
+    event_set_fatal_callback(libevent_is_broken);
+}
+
+void make_config()
+{
+    const allocation_name naming{"main", "velm_config"};
+    process.config = std::make_unique<velm_config>();
+}
+
+void detach(int argc, char **argv)
+{
+    if (!process.config->daemonize) {
+        return;
+    }
+    daemonize(process.config->pid_file_path);
+    dm_register_app_restart_info(static_cast<int>(getpid()), argc, argv, 0);
+}
+
+void announce_version()
+{
+    std::printf("%s %i.%i.%i\n", "velm", velm_version_major, velm_version_minor,
+                velm_version_patch);
+    std::fflush(stdout);
+    LOG_INFO("%s %i.%i.%i", "velm", velm_version_major, velm_version_minor, velm_version_patch);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    prepare_process();
+    if (is_disabled_by_nvram()) {
+        return EXIT_SUCCESS;
+    }
+    process.command_line = velm_command_line_parse(argc, argv);
+    process.config_path = process.command_line.config_path.value_or(default_config_path);
+    make_config();
+    load_defaults_and_file();
+    detach(argc, argv);
+    set_log_level_from_nvram();
+    announce_version();
+    update_config();
+    init_tls_library();
+    set_up_https_client();
+    std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
+    make_event_base();
+    watch_sighup();
+    common_async_init();
+    velm_main_init(process.config.get());
+    init_modules();
+    velm_main_start();
+    event_base_dispatch(process.base.get());
+    return EXIT_SUCCESS;
+}
