@@ -15,8 +15,8 @@ with warnings.catch_warnings():
 
 ADMIN = Login("admin", "correct horse battery staple")
 ROOT = Login("root", "the right password of root")
-# Accounts that must never let anybody in, and one without a password.
-ODD_ACCOUNTS = {"starred": "*", "locked": "!", "shadowed": "x", "open": ""}
+# Accounts that must never let anybody in: libcrypt can hash nothing by such a field.
+ODD_ACCOUNTS = {"starred": "*", "locked": "!", "shadowed": "x", "empty": ""}
 
 
 def hashed(password: str, method: str = "$6$") -> str:

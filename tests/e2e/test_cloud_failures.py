@@ -96,7 +96,10 @@ def test_a_dripping_cloud_is_given_up_after_ten_seconds(
 
 
 def test_an_answer_after_a_reload_reaches_nobody(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+    access_point: AccessPoint,
+    cloud: Cloud,
+    paired_phone: Phone,
+    connect_ipc: Callable[[], IpcClient],
 ) -> None:
     cloud.token.answer_next(Answer.json({"access_token": "t", "expires_in": 60}, delay=0.5))
     connect_ipc().request()

@@ -173,7 +173,7 @@ def test_resident_memory_does_not_grow_with_requests(access_point: AccessPoint) 
             return access_point.daemon.resident_kib()
 
         before = work(30)
-        assert work(60) - before < (8192 if access_point.build.is_asan else 512)
+        assert work(60) - before < access_point.build.memory_limit_kib(512)
 
 
 def test_idle_it_makes_no_noise(access_point: AccessPoint) -> None:
