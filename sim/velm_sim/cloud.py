@@ -115,6 +115,11 @@ class Cloud:
             self._listener = None
         self.drop_connections()
 
+    @property
+    def open_connections(self) -> int:
+        with self._guard:
+            return len(self._open)
+
     def drop_connections(self) -> None:
         """Cuts every open connection, answered or not."""
         with self._guard:

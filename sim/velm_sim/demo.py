@@ -46,6 +46,7 @@ class Scene:
     access_point: AccessPoint
     daemon: Daemon
     phone: Phone
+    started_in: float
 
 
 @contextlib.contextmanager
@@ -61,8 +62,10 @@ def scene(build: Build) -> Iterator[Scene]:
         cleanup.callback(cloud.stop)
         access_point = AccessPoint(build, network, credentials)
         cleanup.callback(access_point.close)
+        start = time.monotonic()
         daemon = access_point.start()
-        yield Scene(network, cloud, access_point, daemon, access_point.phone())
+        started_in = time.monotonic() - start
+        yield Scene(network, cloud, access_point, daemon, access_point.phone(), started_in)
 
 
 def require(condition: bool, complaint: str) -> None:
@@ -70,9 +73,9 @@ def require(condition: bool, complaint: str) -> None:
         raise DemoError(complaint)
 
 
-def show_access_point(console: Console, now: Scene, seconds: float) -> None:
+def show_access_point(console: Console, now: Scene) -> None:
     access_point = now.access_point
-    console.fact("velmd", f"pid {now.daemon.pid}, serving after {seconds * 1000:.0f} ms")
+    console.fact("velmd", f"pid {now.daemon.pid}, serving after {now.started_in * 1000:.0f} ms")
     console.fact("HTTPS", f"https://{now.phone.host.server}:{access_point.port}")
     console.fact("local clients", access_point.socket_path)
     console.fact("resident memory", f"{now.daemon.resident_kib()} KiB")
@@ -246,9 +249,8 @@ def main() -> int:
     console = Console(STEPS)
     try:
         console.step("An access point comes up in network namespaces of its own")
-        start = time.monotonic()
         with scene(Build(options.build)) as now:
-            show_access_point(console, now, time.monotonic() - start)
+            show_access_point(console, now)
             try:
                 run(console, now)
             except (DemoError, OSError, RuntimeError):

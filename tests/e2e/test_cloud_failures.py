@@ -9,6 +9,7 @@ import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
 from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
@@ -105,7 +106,7 @@ def test_an_answer_after_a_reload_reaches_nobody(
     connect_ipc().request()
     cloud.token.wait()
     access_point.reload()
-    time.sleep(0.6)  # the answer arrives meanwhile
+    wait_until(lambda: cloud.open_connections == 0, 5, "the answer is never given")
     assert_still_serving(access_point, paired_phone, connect_ipc())
 
 
