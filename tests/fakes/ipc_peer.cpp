@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdlib>
@@ -57,9 +58,9 @@ ipc_bytes ipc_frame(std::uint16_t type, std::uint32_t id, const ipc_bytes &paylo
                     std::uint32_t status)
 {
     const velm_frame_header header{type, static_cast<std::uint16_t>(payload.size()), id, 0, status};
-    ipc_bytes frame(sizeof header);
+    ipc_bytes frame(sizeof header + payload.size());
     std::memcpy(frame.data(), &header, sizeof header);
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    std::copy(payload.begin(), payload.end(), frame.begin() + sizeof header);
     return frame;
 }
 
