@@ -2,28 +2,11 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-
-temporary_directory::temporary_directory()
-{
-    char pattern[] = "/tmp/velm_test_XXXXXX";
-    path_ = mkdtemp(pattern) == nullptr ? "" : pattern;
-}
-
-temporary_directory::~temporary_directory()
-{
-    if (!path_.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-}
 
 unique_fd ipc_connect(const std::string &path)
 {

@@ -12,26 +12,10 @@
 
 #include "handles/fd.h"
 
-/// The other end of the location-policy IPC, for tests: a temporary directory, a client on a real
-/// socket, and frames put together by hand.
+/// The other end of the location-policy IPC, for tests: a client on a real socket, and frames put
+/// together by hand.
 
 using ipc_bytes = std::vector<std::uint8_t>;
-
-/// A directory of its own that goes away with its contents.
-class temporary_directory {
-  public:
-    temporary_directory();
-    ~temporary_directory();
-    temporary_directory(const temporary_directory &) = delete;
-    temporary_directory &operator=(const temporary_directory &) = delete;
-    [[nodiscard]] const std::string &path() const
-    {
-        return path_;
-    }
-
-  private:
-    std::string path_;
-};
 
 /// A connected client; none when nobody listens.
 [[nodiscard]] unique_fd ipc_connect(const std::string &path);

@@ -21,6 +21,11 @@ temporary_directory::~temporary_directory()
     std::filesystem::remove_all(root_, ignored);
 }
 
+std::string temporary_directory::path() const
+{
+    return root_.string();
+}
+
 std::string temporary_directory::path(std::string_view name) const
 {
     return (root_ / name).string();

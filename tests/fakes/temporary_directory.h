@@ -12,6 +12,8 @@ class temporary_directory {
     temporary_directory(const temporary_directory &) = delete;
     temporary_directory &operator=(const temporary_directory &) = delete;
 
+    /// Its own path, without a slash at the end.
+    [[nodiscard]] std::string path() const;
     /// The path of a name inside.
     [[nodiscard]] std::string path(std::string_view name) const;
     /// Writes a file inside; its path.

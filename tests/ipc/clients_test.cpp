@@ -13,6 +13,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "velm_conn.h"
 #include "velm_ipc.h"

@@ -10,6 +10,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/temporary_directory.h"
 
 namespace {
 

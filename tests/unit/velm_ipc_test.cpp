@@ -11,6 +11,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 
 namespace {
