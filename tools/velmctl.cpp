@@ -1,7 +1,11 @@
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <thread>
 
 #include "velmctl_client.h"
 #include "velmctl_options.h"
@@ -20,12 +24,18 @@ enum exit_status : int {
     exit_busy = 5,
 };
 
+using std::chrono::steady_clock;
+
+// Each reload of the daemon closes every connection, and a restart takes a few seconds.
+constexpr std::chrono::seconds reconnect_limit{10};
+constexpr std::chrono::milliseconds reconnect_interval{100};
+
 velmctl_deadline deadline_of(const velmctl_options &options)
 {
     if (!options.wait_s.has_value()) {
         return std::nullopt;
     }
-    return std::chrono::steady_clock::now() + std::chrono::seconds{*options.wait_s};
+    return steady_clock::now() + std::chrono::seconds{*options.wait_s};
 }
 
 /// False when standard output is gone.
@@ -63,17 +73,41 @@ exit_status answer_handle(const velmctl_options &options, const velm_frame_heade
     }
 }
 
-/// Ends with the first report, or with the answer to our request.
-exit_status locate(const velmctl_client &client, const velmctl_options &options)
+exit_status fail(const std::string &what)
 {
-    const velmctl_deadline deadline = deadline_of(options);
-    const auto id = static_cast<std::uint32_t>(getpid());
-    if (!client.send_request(id, options.timeout_s)) {
+    std::fprintf(stderr, "velmctl: %s: %s\n", what.c_str(), std::strerror(errno));
+    return exit_failed;
+}
+
+exit_status locate_ended(const velmctl_options &options, velmctl_result result)
+{
+    switch (result) {
+    case velmctl_result::timed_out:
+        std::fputs("velmctl: no location came in time\n", stderr);
+        return exit_timed_out;
+    case velmctl_result::closed:
+        std::fputs("velmctl: the daemon closed the connection and forgot the request;"
+                   " ask again if it was reloaded\n",
+                   stderr);
         return exit_failed;
+    case velmctl_result::done:
+    case velmctl_result::failed:
+        break;
     }
+    return fail(options.socket_path);
+}
+
+/// Ends with the first report, or with the answer to our request. A request dies with its
+/// connection and is not sent again: whether the phones are to be pushed to once more is for the
+/// caller to say.
+exit_status locate(const velmctl_client &client, const velmctl_options &options,
+                   velmctl_deadline deadline)
+{
+    const auto id = static_cast<std::uint32_t>(getpid());
     velmctl_frame frame{};
-    velmctl_received received{};
-    while ((received = client.receive(deadline, frame)) == velmctl_received::frame) {
+    velmctl_result result = client.send_request(id, options.timeout_s);
+    while (result == velmctl_result::done &&
+           (result = client.receive(deadline, frame)) == velmctl_result::done) {
         if (frame.header.type == VELM_LOCATION_REQUEST && frame.header.id == id) {
             return answer_handle(options, frame.header);
         }
@@ -83,21 +117,49 @@ exit_status locate(const velmctl_client &client, const velmctl_options &options)
         }
         std::fprintf(stderr, "velmctl: passed over a frame of type %u\n", frame.header.type);
     }
-    if (received == velmctl_received::failed) {
-        return exit_failed;
-    }
-    std::fputs("velmctl: no location came in time\n", stderr);
-    return exit_timed_out;
+    return locate_ended(options, result);
 }
 
-/// Ends when the time is up, or the daemon goes.
-exit_status watch(const velmctl_client &client, const velmctl_options &options)
+/// Tries for a while, at most until the deadline.
+velmctl_result reconnect(velmctl_client &client, const velmctl_options &options,
+                         velmctl_deadline deadline)
 {
-    const velmctl_deadline deadline = deadline_of(options);
+    std::fputs("velmctl: the daemon closed the connection; trying again\n", stderr);
+    const auto give_up = steady_clock::now() + reconnect_limit;
+    const auto last = deadline.has_value() ? std::min(*deadline, give_up) : give_up;
+    do {
+        // Before the first try too: a daemon that closes at once is not asked in a hot loop.
+        std::this_thread::sleep_for(reconnect_interval);
+        if (client.connect(options.socket_path, last) == velmctl_result::done) {
+            std::fputs("velmctl: connected again\n", stderr);
+            return velmctl_result::done;
+        }
+    } while (steady_clock::now() < last);
+    return last == give_up ? velmctl_result::failed : velmctl_result::timed_out;
+}
+
+velmctl_result watch_next(velmctl_client &client, const velmctl_options &options,
+                          velmctl_deadline deadline, velmctl_frame &frame)
+{
+    while (true) {
+        const velmctl_result received = client.receive(deadline, frame);
+        if (received != velmctl_result::closed) {
+            return received;
+        }
+        const velmctl_result connected = reconnect(client, options, deadline);
+        if (connected != velmctl_result::done) {
+            return connected;
+        }
+    }
+}
+
+/// Ends when the time is up, or the daemon goes and does not come back.
+exit_status watch(velmctl_client &client, const velmctl_options &options, velmctl_deadline deadline)
+{
     exit_status status = exit_timed_out;
     velmctl_frame frame{};
-    velmctl_received received{};
-    while ((received = client.receive(deadline, frame)) == velmctl_received::frame) {
+    velmctl_result result{};
+    while ((result = watch_next(client, options, deadline, frame)) == velmctl_result::done) {
         const auto report = velmctl_report_parse(frame);
         if (frame.header.type != VELM_LOCATION_REPORT || !report.has_value()) {
             std::fprintf(stderr, "velmctl: passed over a frame of type %u\n", frame.header.type);
@@ -108,7 +170,24 @@ exit_status watch(const velmctl_client &client, const velmctl_options &options)
         }
         status = exit_reported;
     }
-    return received == velmctl_received::failed ? exit_failed : status;
+    return result == velmctl_result::failed ? fail(options.socket_path) : status;
+}
+
+/// What a command does before it begins; none when it may.
+std::optional<exit_status> connect(velmctl_client &client, const velmctl_options &options,
+                                   velmctl_deadline deadline)
+{
+    switch (client.connect(options.socket_path, deadline)) {
+    case velmctl_result::done:
+        return std::nullopt;
+    case velmctl_result::timed_out:
+        std::fputs("velmctl: the daemon did not take the connection in time\n", stderr);
+        return exit_timed_out;
+    case velmctl_result::closed:
+    case velmctl_result::failed:
+        break;
+    }
+    return fail(options.socket_path);
 }
 
 } // namespace
@@ -123,10 +202,12 @@ int main(int argc, char *argv[])
     if (options->command == velmctl_command::help) {
         return print(velmctl_usage) ? 0 : exit_failed;
     }
+    const velmctl_deadline deadline = deadline_of(*options);
     velmctl_client client;
-    if (!client.connect(options->socket_path)) {
-        return exit_failed;
+    const auto refused = connect(client, *options, deadline);
+    if (refused.has_value()) {
+        return *refused;
     }
-    return options->command == velmctl_command::locate ? locate(client, *options)
-                                                       : watch(client, *options);
+    return options->command == velmctl_command::locate ? locate(client, *options, deadline)
+                                                       : watch(client, *options, deadline);
 }

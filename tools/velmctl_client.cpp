@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -52,40 +53,73 @@ int wait_readable(int socket, velmctl_deadline deadline)
     }
 }
 
-velmctl_received report_failure(const char *what)
+/// A blocking connect waits for as long as the daemon does not accept, whatever poll says: only the
+/// socket's own time-out bounds it. It bounds a send as well.
+bool limit_waiting(int socket, velmctl_deadline deadline)
 {
-    std::fprintf(stderr, "velmctl: %s: %s\n", what, std::strerror(errno));
-    return velmctl_received::failed;
+    if (!deadline.has_value()) {
+        return true;
+    }
+    // Zero would be no limit at all.
+    const auto left =
+        std::max(std::chrono::ceil<milliseconds>(*deadline - steady_clock::now()), milliseconds{1});
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timeval limit{
+        static_cast<std::time_t>(seconds.count()),
+        static_cast<suseconds_t>(std::chrono::microseconds{left - seconds}.count())};
+    return setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0;
+}
+
+/// What errno says of a call that did not succeed.
+velmctl_result result_of_errno()
+{
+    switch (errno) {
+    case EAGAIN:
+        return velmctl_result::timed_out;
+    case EPIPE:
+    case ECONNRESET:
+        return velmctl_result::closed;
+    default:
+        return velmctl_result::failed;
+    }
 }
 
 } // namespace
 
 velmctl_client::~velmctl_client()
 {
+    close_socket();
+}
+
+void velmctl_client::close_socket()
+{
     if (socket_ >= 0) {
         close(socket_);
+        socket_ = -1;
     }
 }
 
-bool velmctl_client::connect(const std::string &path)
+velmctl_result velmctl_client::connect(const std::string &path, velmctl_deadline deadline)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) {
-        std::fputs("velmctl: a socket path has 1 to 107 characters\n", stderr);
-        return false;
+        errno = path.empty() ? ENOENT : ENAMETOOLONG;
+        return velmctl_result::failed;
     }
     path.copy(address.sun_path, path.size());
+    close_socket();
     socket_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (socket_ < 0 ||
-        ::connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        report_failure(path.c_str());
-        return false;
+    if (socket_ < 0 || !limit_waiting(socket_, deadline)) {
+        return velmctl_result::failed;
     }
-    return true;
+    if (::connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        return result_of_errno();
+    }
+    return velmctl_result::done;
 }
 
-bool velmctl_client::send_request(std::uint32_t id, std::uint16_t timeout_s) const
+velmctl_result velmctl_client::send_request(std::uint32_t id, std::uint16_t timeout_s) const
 {
     velm_frame_header header{};
     header.type = VELM_LOCATION_REQUEST;
@@ -98,27 +132,25 @@ bool velmctl_client::send_request(std::uint32_t id, std::uint16_t timeout_s) con
     std::memcpy(frame.data(), &header, header_size);
     std::memcpy(frame.data() + header_size, &request, sizeof request);
     if (send(socket_, frame.data(), frame.size(), MSG_NOSIGNAL) < 0) {
-        report_failure("cannot send the request");
-        return false;
+        return result_of_errno();
     }
-    return true;
+    return velmctl_result::done;
 }
 
-velmctl_received velmctl_client::receive(velmctl_deadline deadline, velmctl_frame &frame) const
+velmctl_result velmctl_client::receive(velmctl_deadline deadline, velmctl_frame &frame) const
 {
     static std::array<std::uint8_t, packet_limit> buffer;
     while (true) {
         const int readable = wait_readable(socket_, deadline);
         if (readable <= 0) {
-            return readable == 0 ? velmctl_received::timed_out : report_failure("poll");
+            return readable == 0 ? velmctl_result::timed_out : velmctl_result::failed;
         }
         const ssize_t size = recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (size < 0 && errno != EAGAIN && errno != EINTR) {
-            return report_failure("cannot read from the daemon");
+            return result_of_errno();
         }
         if (size == 0) {
-            std::fputs("velmctl: the daemon closed the connection\n", stderr);
-            return velmctl_received::failed;
+            return velmctl_result::closed;
         }
         if (size < 0) {
             continue;
@@ -126,7 +158,7 @@ velmctl_received velmctl_client::receive(velmctl_deadline deadline, velmctl_fram
         auto parsed = velmctl_frame_parse(std::span{buffer}.first(static_cast<std::size_t>(size)));
         if (parsed.has_value()) {
             frame = std::move(*parsed);
-            return velmctl_received::frame;
+            return velmctl_result::done;
         }
         std::fprintf(stderr, "velmctl: a packet of %zd bytes is no frame\n", size);
     }

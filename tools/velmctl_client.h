@@ -19,9 +19,11 @@ struct velmctl_frame {
     std::vector<std::uint8_t> payload;
 };
 
-enum class velmctl_received { frame, timed_out, failed };
+/// `closed`: the daemon ended the connection, as it also does to reload. `failed`: the reason is in
+/// errno.
+enum class velmctl_result { done, timed_out, closed, failed };
 
-/// Connected for as long as it lives. Failures say why on standard error.
+/// Connected until it is connected anew or dies.
 class velmctl_client {
   public:
     velmctl_client() = default;
@@ -29,12 +31,15 @@ class velmctl_client {
     velmctl_client &operator=(const velmctl_client &) = delete;
     ~velmctl_client();
 
-    [[nodiscard]] bool connect(const std::string &path);
-    [[nodiscard]] bool send_request(std::uint32_t id, std::uint16_t timeout_s) const;
+    /// Waits while the daemon has no room for one more. A request is sent by the same deadline.
+    [[nodiscard]] velmctl_result connect(const std::string &path, velmctl_deadline deadline);
+    [[nodiscard]] velmctl_result send_request(std::uint32_t id, std::uint16_t timeout_s) const;
     /// The next frame. Packets that are no frame are reported and passed over.
-    [[nodiscard]] velmctl_received receive(velmctl_deadline deadline, velmctl_frame &frame) const;
+    [[nodiscard]] velmctl_result receive(velmctl_deadline deadline, velmctl_frame &frame) const;
 
   private:
+    void close_socket();
+
     int socket_ = -1;
 };
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstring>
 
 unique_fd ipc_connect(const std::string &path)
@@ -70,9 +69,10 @@ ipc_bytes ipc_payload(const ipc_bytes &packet)
                : ipc_bytes(packet.begin() + sizeof(velm_frame_header), packet.end());
 }
 
-bool ipc_turn_until(event_base *base, const std::function<bool()> &condition)
+bool ipc_turn_until(event_base *base, const std::function<bool()> &condition,
+                    std::chrono::seconds limit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{10};
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

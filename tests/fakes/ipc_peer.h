@@ -3,6 +3,7 @@
 #include <event2/event.h>
 #include <velm/location_policy.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -36,8 +37,9 @@ bool ipc_send(const unique_fd &socket, const ipc_bytes &packet);
 [[nodiscard]] velm_frame_header ipc_header(const ipc_bytes &packet);
 [[nodiscard]] ipc_bytes ipc_payload(const ipc_bytes &packet);
 
-/// Turns the loop until the condition holds, for at most 10 s; false when it never did.
-bool ipc_turn_until(event_base *base, const std::function<bool()> &condition);
+/// Turns the loop until the condition holds; false when it never did in that time.
+bool ipc_turn_until(event_base *base, const std::function<bool()> &condition,
+                    std::chrono::seconds limit = std::chrono::seconds{10});
 
 /// Turns the loop as long as it has something to do at once.
 void ipc_turn(event_base *base, int turns = 8);

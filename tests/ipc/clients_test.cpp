@@ -1,6 +1,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,6 +41,8 @@ class child {
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, out_end.get(), STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, error_end.get(), STDERR_FILENO);
+        // The server's listener is inherited, and would listen on in the child.
+        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
         EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
     }
@@ -129,9 +134,7 @@ class IpcClients : public testing::Test {
     {
         asked_timeouts.clear();
         on_request = nullptr;
-        server = velm_ipc_create(base.get(), nullptr, socket_path.c_str());
-        EXPECT_NE(server, nullptr);
-        velm_ipc_set_cmd_handler(server.get(), take_request);
+        start_server();
     }
 
     [[nodiscard]] std::vector<std::string> velmctl(std::vector<std::string> arguments) const
@@ -145,6 +148,31 @@ class IpcClients : public testing::Test {
     {
         EXPECT_TRUE(ipc_turn_until(base.get(), [&program] { return program.has_ended(); }));
         return program.exit_status();
+    }
+
+    /// Somebody else than the daemon at its path.
+    [[nodiscard]] unique_fd listen_here() const
+    {
+        unlink(socket_path.c_str());
+        unique_fd listener{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        socket_path.copy(address.sun_path, sizeof address.sun_path - 1);
+        EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(listener.get(), 0), 0);
+        return listener;
+    }
+
+    void start_server()
+    {
+        server = velm_ipc_create(base.get(), nullptr, socket_path.c_str());
+        ASSERT_NE(server, nullptr);
+        velm_ipc_set_cmd_handler(server.get(), take_request);
+    }
+
+    bool turn_until_connected(const captured_log &log)
+    {
+        return ipc_turn_until(base.get(), [&log] { return log.contains("Connection accepted"); });
     }
 
     const temporary_directory directory;
@@ -225,7 +253,38 @@ TEST_F(IpcClients, LocateFailsWhenTheDaemonGoes)
     EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
     server.reset();
     EXPECT_EQ(run(program), 1);
-    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection\n");
+    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection and forgot the request;"
+                             " ask again if it was reloaded\n");
+}
+
+TEST_F(IpcClients, LocateSaysTheSameWhenTheDaemonGoesBeforeItReadTheRequest)
+{
+    server.reset();
+    const unique_fd listener = listen_here();
+    child program{velmctl({"locate"})};
+    unique_fd accepted;
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+        pollfd sent{accepted.get(), POLLIN, 0};
+        if (!accepted) {
+            accepted.reset(accept(listener.get(), nullptr, nullptr));
+        }
+        return accepted && poll(&sent, 1, 0) == 1;
+    }));
+    accepted.reset(); // with the request unread, so the client's connection is reset
+    EXPECT_EQ(run(program), 1);
+    EXPECT_NE(program.error.find("closed the connection and forgot the request"),
+              std::string::npos);
+}
+
+TEST_F(IpcClients, LocateEndsWithFourWhenTheDaemonDoesNotAccept)
+{
+    server.reset();
+    const unique_fd listener = listen_here(); // never accepts, and has room for one
+    const unique_fd first = ipc_connect(socket_path);
+    ASSERT_FALSE(ipc_connect(socket_path));
+    child program{velmctl({"locate", "--wait", "1"})};
+    EXPECT_EQ(run(program), 4);
+    EXPECT_EQ(program.error, "velmctl: the daemon did not take the connection in time\n");
 }
 
 TEST_F(IpcClients, LocateFailsWhereNobodyListens)
@@ -266,7 +325,7 @@ TEST_F(IpcClients, WatchPrintsReportsAsTheyComeAndAsksNothing)
 {
     child program{velmctl({"watch", "--json", "--wait", "2"})};
     const captured_log log;
-    EXPECT_TRUE(ipc_turn_until(base.get(), [&log] { return log.contains("Connection accepted"); }));
+    EXPECT_TRUE(turn_until_connected(log));
     for (int line = 1; line <= 3; ++line) {
         broadcast(server.get(), sample_report());
         EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
@@ -285,6 +344,56 @@ TEST_F(IpcClients, WatchEndsWithFourWhenNothingCame)
     child program{velmctl({"watch", "--wait", "1"})};
     EXPECT_EQ(run(program), 4);
     EXPECT_EQ(program.out, "");
+}
+
+TEST_F(IpcClients, WatchGoesOnWhenTheDaemonReloads)
+{
+    child program{velmctl({"watch", "--wait", "9"})};
+    {
+        const captured_log log;
+        EXPECT_TRUE(turn_until_connected(log));
+    }
+    const captured_log log;
+    server.reset();
+    start_server();
+    EXPECT_TRUE(turn_until_connected(log));
+    broadcast(server.get(), sample_report());
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+        return program.has_ended() || program.out.find("position: ") != std::string::npos;
+    }));
+    EXPECT_FALSE(program.has_ended());
+    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection; trying again\n"
+                             "velmctl: connected again\n");
+}
+
+TEST_F(IpcClients, WatchEndsWithItsTimeAlsoWhileTheDaemonIsAway)
+{
+    child program{velmctl({"watch", "--wait", "1"})};
+    const captured_log log;
+    EXPECT_TRUE(turn_until_connected(log));
+    server.reset();
+    EXPECT_EQ(run(program), 4);
+    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection; trying again\n");
+}
+
+TEST_F(IpcClients, WatchFailsWhenTheDaemonStaysAway)
+{
+    child program{velmctl({"watch"})};
+    const captured_log log;
+    EXPECT_TRUE(turn_until_connected(log));
+    server.reset();
+    EXPECT_TRUE(ipc_turn_until(
+        base.get(), [&program] { return program.has_ended(); }, std::chrono::seconds{30}));
+    EXPECT_EQ(program.exit_status(), 1);
+    EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
+}
+
+TEST_F(IpcClients, WatchFailsAtOnceWhereNobodyListens)
+{
+    server.reset();
+    child program{velmctl({"watch"})};
+    EXPECT_EQ(run(program), 1);
+    EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
 }
 
 struct usage_case {
@@ -327,7 +436,7 @@ TEST_F(IpcClients, APathTooLongForASocketFails)
 {
     child program{{VELMCTL, "locate", "--socket", std::string(108, 's')}};
     EXPECT_EQ(run(program), 1);
-    EXPECT_EQ(program.error, "velmctl: a socket path has 1 to 107 characters\n");
+    EXPECT_NE(program.error.find("File name too long"), std::string::npos);
 }
 
 TEST_F(IpcClients, TheExampleOfTheDocumentPrintsTheLocation)
@@ -337,6 +446,15 @@ TEST_F(IpcClients, TheExampleOfTheDocumentPrintsTheLocation)
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(program.out, "52.250000 21.500000 +-4.5 m\n");
     EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{60});
+}
+
+TEST_F(IpcClients, TheExampleOfTheDocumentSaysThatTheDaemonClosed)
+{
+    child program{{IPC_EXAMPLE, socket_path}};
+    EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
+    server.reset();
+    EXPECT_EQ(run(program), 1);
+    EXPECT_EQ(program.error, socket_path + ": closed by the daemon\n");
 }
 
 TEST_F(IpcClients, TheExampleOfTheDocumentUnderstandsThatNoPhoneIsPaired)
