@@ -50,16 +50,11 @@ constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
 constexpr timeval listener_pause_time{0, 200000};
 
-bool request_is_from(const outstanding_request &request, const velm_conn *conn)
-{
-    return request.conn == conn;
-}
-
 bool has_too_many_requests(const velm_ipc *server, const velm_conn *conn)
 {
-    const auto count = std::count_if(
-        server->requests.begin(), server->requests.end(),
-        [conn](const outstanding_request &request) { return request_is_from(request, conn); });
+    const auto count =
+        std::count_if(server->requests.begin(), server->requests.end(),
+                      [conn](const outstanding_request &request) { return request.conn == conn; });
     return static_cast<std::size_t>(count) >= velm_ipc_outstanding_limit;
 }
 

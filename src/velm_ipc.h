@@ -11,12 +11,14 @@
 /// the requests that wait for an answer, and sends answers and reports. The same object can also
 /// be a client that connects to such a server and keeps reconnecting. Loop thread only.
 ///
-/// A request waits at most 600 s; of one connection at most 64 wait, and one more is answered with
+/// A request waits at most 600 s; of one connection at most 1024 wait, and one more is answered with
 /// busy. Whatever a connection left behind goes with it.
 
 struct velm_ipc;
 
-inline constexpr std::size_t velm_ipc_outstanding_limit = 64;
+/// Requests that led to a push are never answered, so a client that asks every second has 600
+/// waiting: it must not be turned away for that.
+inline constexpr std::size_t velm_ipc_outstanding_limit = 1024;
 
 /// Takes one request; non-zero when it took it. `seq` names the request to velm_ipc_respond, which
 /// it may call at once. `payload` (140 bytes) is borrowed. It must not destroy the server.

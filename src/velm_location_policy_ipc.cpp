@@ -24,8 +24,7 @@ namespace {
 
 constexpr char log_category[] = "velm_location_policy_ipc";
 
-// Each connection may have 64 requests waiting, but a client can reconnect faster than the loop
-// takes one queued call a turn.
+// One packet can hold thousands of requests, and the loop takes one queued call a turn.
 constexpr unsigned waiting_asks_limit = 256;
 
 struct module_state {

@@ -230,6 +230,16 @@ TEST_F(Conn, ALongPacketIsReadWhole)
     EXPECT_EQ(handled, std::vector<std::uint32_t>{2});
 }
 
+TEST_F(Conn, TheParserGetsPiecesOfOneThousandAndTwentyFourBytes)
+{
+    ipc_bytes packet(1024, 0xff); // a type of its own, which costs this piece and no more
+    const ipc_bytes request = ipc_request(2);
+    packet.insert(packet.end(), request.begin(), request.end());
+    ASSERT_TRUE(ipc_send(peer, packet));
+    EXPECT_TRUE(turn_until_handled(1));
+    EXPECT_EQ(handled, std::vector<std::uint32_t>{2});
+}
+
 TEST_F(Conn, APacketTooLongToReadWholeEndsTheConnectionInsteadOfLosingBytes)
 {
     const int size = 1 << 20;

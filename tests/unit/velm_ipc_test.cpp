@@ -307,24 +307,39 @@ TEST_F(Ipc, AFloodOfRequestsThatIsNeverReadEndsThatConnectionOnly)
     EXPECT_TRUE(answer_to(client).has_value());
 }
 
-TEST_F(Ipc, OfOneConnectionAtMostSixtyFourRequestsWait)
+TEST_F(Ipc, OfOneConnectionAtMostOneThousandAndTwentyFourRequestsWait)
 {
     const unique_fd client = connect();
     const unique_fd other = connect();
-    for (std::uint32_t id = 1; id <= velm_ipc_outstanding_limit; ++id) {
+    for (std::uint32_t id = 1; id <= 1024; ++id) {
         ipc_send(client, ipc_request(id));
+        ASSERT_TRUE(turn_until_taken(id));
     }
-    ASSERT_TRUE(turn_until_taken(64));
-    ipc_send(client, ipc_request(65));
+    EXPECT_FALSE(ipc_receive(client).has_value());
+    ipc_send(client, ipc_request(1025));
     const auto packet = answer_to(client);
     ASSERT_TRUE(packet.has_value());
-    EXPECT_EQ(ipc_header(*packet).id, 65U);
+    EXPECT_EQ(ipc_header(*packet).id, 1025U);
     EXPECT_EQ(ipc_header(*packet).status, 1U);
     ipc_send(other, ipc_request(1));
-    EXPECT_TRUE(turn_until_taken(65)) << "another client pays for it";
+    EXPECT_TRUE(turn_until_taken(1025)) << "another client pays for it";
     EXPECT_EQ(respond(1), 1);
-    ipc_send(client, ipc_request(66));
-    EXPECT_TRUE(turn_until_taken(66)) << "an answered request still counts";
+    ipc_send(client, ipc_request(1026));
+    EXPECT_TRUE(turn_until_taken(1026)) << "an answered request still counts";
+}
+
+TEST_F(Ipc, AClientThatAsksEverySecondIsNeverBusy)
+{
+    const unique_fd client = connect();
+    for (std::uint32_t id = 1; id <= 1500; ++id) {
+        ipc_send(client, ipc_request(id));
+        ASSERT_TRUE(turn_until_taken(id));
+        fake_clock_advance(1);
+        velm_ipc_tick(server.get());
+    }
+    EXPECT_FALSE(ipc_receive(client).has_value());
+    EXPECT_EQ(respond(900), 0) << "601 s old";
+    EXPECT_EQ(respond(901), 1) << "600 s old";
 }
 
 TEST_F(Ipc, AConnectionThatWentAwayLeavesNothingBehind)
