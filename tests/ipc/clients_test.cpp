@@ -1,103 +1,23 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <functional>
 
 #include "fakes/captured_log.h"
+#include "fakes/child_program.h"
 #include "fakes/ipc_peer.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "velm_conn.h"
 #include "velm_ipc.h"
 
-extern char **environ;
-
 namespace {
-
-/// A program run beside the loop; ended with the object if it has not ended by itself.
-class child {
-  public:
-    explicit child(const std::vector<std::string> &arguments)
-    {
-        std::vector<char *> argv;
-        for (const std::string &argument : arguments) {
-            argv.push_back(const_cast<char *>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-        const unique_fd out_end = open_pipe(out_);
-        const unique_fd error_end = open_pipe(error_);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out_end.get(), STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, error_end.get(), STDERR_FILENO);
-        // The server's listener is inherited, and would listen on in the child.
-        posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-        EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    child(const child &) = delete;
-    child &operator=(const child &) = delete;
-    ~child()
-    {
-        if (pid_ > 0 && !status_.has_value()) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-    }
-
-    bool has_ended()
-    {
-        drain(out_, out);
-        drain(error_, error);
-        int status = 0;
-        if (!status_.has_value() && waitpid(pid_, &status, WNOHANG) == pid_) {
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            drain(out_, out);
-            drain(error_, error);
-        }
-        return status_.has_value();
-    }
-    [[nodiscard]] int exit_status() const
-    {
-        return status_.value_or(-1);
-    }
-
-    std::string out;
-    std::string error;
-
-  private:
-    static unique_fd open_pipe(unique_fd &read_end)
-    {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-        read_end.reset(ends[0]);
-        fcntl(ends[0], F_SETFL, O_NONBLOCK);
-        return unique_fd{ends[1]};
-    }
-    static void drain(const unique_fd &from, std::string &to)
-    {
-        std::array<char, 4096> buffer{};
-        for (ssize_t size = 0; (size = read(from.get(), buffer.data(), buffer.size())) > 0;) {
-            to.append(buffer.data(), static_cast<std::size_t>(size));
-        }
-    }
-
-    pid_t pid_ = -1;
-    unique_fd out_;
-    unique_fd error_;
-    std::optional<int> status_;
-};
 
 std::vector<std::uint16_t> asked_timeouts;
 std::function<int(velm_ipc *server, std::uint32_t seq)> on_request;
@@ -144,7 +64,7 @@ class IpcClients : public testing::Test {
         return arguments;
     }
 
-    int run(child &program)
+    int run(child_program &program)
     {
         EXPECT_TRUE(ipc_turn_until(base.get(), [&program] { return program.has_ended(); }));
         return program.exit_status();
@@ -184,7 +104,7 @@ class IpcClients : public testing::Test {
 TEST_F(IpcClients, LocateAsksAndPrintsTheReport)
 {
     on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
-    child program{velmctl({"locate", "--timeout", "515", "--wait", "9"})};
+    child_program program{velmctl({"locate", "--timeout", "515", "--wait", "9"})};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{515});
     EXPECT_NE(program.out.find("position: 52.2500000, 21.5000000\n"), std::string::npos);
@@ -195,7 +115,7 @@ TEST_F(IpcClients, LocateAsksAndPrintsTheReport)
 TEST_F(IpcClients, LocateAsksForSixtySecondsUnlessToldOtherwise)
 {
     on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{60});
 }
@@ -203,7 +123,7 @@ TEST_F(IpcClients, LocateAsksForSixtySecondsUnlessToldOtherwise)
 TEST_F(IpcClients, LocatePrintsOneJsonObject)
 {
     on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
-    child program{velmctl({"locate", "--json"})};
+    child_program program{velmctl({"locate", "--json"})};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(program.out.find("{\"kind\":\"report\",\"type\":40960,\"id\":1,"), 0U);
     EXPECT_EQ(std::count(program.out.begin(), program.out.end(), '\n'), 1);
@@ -215,7 +135,7 @@ TEST_F(IpcClients, LocateEndsWithThreeWhenNoPhoneIsPaired)
         const velm_location_report none{};
         return velm_ipc_respond(asked, seq, &none, sizeof none, VELM_STATUS_NO_PAIRED_DEVICES);
     };
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 3);
     EXPECT_EQ(program.out, "");
     EXPECT_EQ(program.error, "velmctl: no phone is paired\n");
@@ -226,7 +146,7 @@ TEST_F(IpcClients, LocatePrintsTheAnswerAsJsonToo)
     on_request = [](velm_ipc *asked, std::uint32_t seq) {
         return velm_ipc_respond(asked, seq, nullptr, 0, VELM_STATUS_NO_PAIRED_DEVICES);
     };
-    child program{velmctl({"locate", "--json"})};
+    child_program program{velmctl({"locate", "--json"})};
     EXPECT_EQ(run(program), 3);
     EXPECT_NE(program.out.find("\"status_text\":\"no paired devices\"}"), std::string::npos);
 }
@@ -234,14 +154,14 @@ TEST_F(IpcClients, LocatePrintsTheAnswerAsJsonToo)
 TEST_F(IpcClients, LocateEndsWithFiveWhenTheDaemonIsBusy)
 {
     on_request = [](velm_ipc *, std::uint32_t) { return 0; };
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 5);
     EXPECT_EQ(program.error, "velmctl: the daemon is busy\n");
 }
 
 TEST_F(IpcClients, LocateEndsWithFourWhenTheTimeIsUp)
 {
-    child program{velmctl({"locate", "--wait", "1"})};
+    child_program program{velmctl({"locate", "--wait", "1"})};
     EXPECT_EQ(run(program), 4);
     EXPECT_EQ(asked_timeouts.size(), 1U);
     EXPECT_EQ(program.error, "velmctl: no location came in time\n");
@@ -249,7 +169,7 @@ TEST_F(IpcClients, LocateEndsWithFourWhenTheTimeIsUp)
 
 TEST_F(IpcClients, LocateFailsWhenTheDaemonGoes)
 {
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
     server.reset();
     EXPECT_EQ(run(program), 1);
@@ -261,7 +181,7 @@ TEST_F(IpcClients, LocateSaysTheSameWhenTheDaemonGoesBeforeItReadTheRequest)
 {
     server.reset();
     const unique_fd listener = listen_here();
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     unique_fd accepted;
     EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
         pollfd sent{accepted.get(), POLLIN, 0};
@@ -282,7 +202,7 @@ TEST_F(IpcClients, LocateEndsWithFourWhenTheDaemonDoesNotAccept)
     const unique_fd listener = listen_here(); // never accepts, and has room for one
     const unique_fd first = ipc_connect(socket_path);
     ASSERT_FALSE(ipc_connect(socket_path));
-    child program{velmctl({"locate", "--wait", "1"})};
+    child_program program{velmctl({"locate", "--wait", "1"})};
     EXPECT_EQ(run(program), 4);
     EXPECT_EQ(program.error, "velmctl: the daemon did not take the connection in time\n");
 }
@@ -290,7 +210,7 @@ TEST_F(IpcClients, LocateEndsWithFourWhenTheDaemonDoesNotAccept)
 TEST_F(IpcClients, LocateFailsWhereNobodyListens)
 {
     server.reset();
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 1);
     EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
 }
@@ -301,7 +221,7 @@ TEST_F(IpcClients, LocatePassesOverFramesThatMakeNoSense)
         velm_ipc_broadcast_report(asked, "short", 5);
         return broadcast(asked, sample_report());
     };
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(program.error, "velmctl: passed over a frame of type 40960\n");
 }
@@ -314,7 +234,7 @@ TEST_F(IpcClients, AHostileReportCannotForgeLines)
         std::fill(std::begin(report.os_version), std::end(report.os_version), '\x1b');
         return broadcast(asked, report);
     };
-    child program{velmctl({"locate"})};
+    child_program program{velmctl({"locate"})};
     EXPECT_EQ(run(program), 0);
     EXPECT_NE(program.out.find("phone model: " + std::string(64, '?') + "\n"), std::string::npos);
     EXPECT_NE(program.out.find("phone os: " + std::string(64, '?') + "\n"), std::string::npos);
@@ -323,7 +243,7 @@ TEST_F(IpcClients, AHostileReportCannotForgeLines)
 
 TEST_F(IpcClients, WatchPrintsReportsAsTheyComeAndAsksNothing)
 {
-    child program{velmctl({"watch", "--json", "--wait", "2"})};
+    child_program program{velmctl({"watch", "--json", "--wait", "2"})};
     const captured_log log;
     EXPECT_TRUE(turn_until_connected(log));
     for (int line = 1; line <= 3; ++line) {
@@ -341,14 +261,14 @@ TEST_F(IpcClients, WatchPrintsReportsAsTheyComeAndAsksNothing)
 
 TEST_F(IpcClients, WatchEndsWithFourWhenNothingCame)
 {
-    child program{velmctl({"watch", "--wait", "1"})};
+    child_program program{velmctl({"watch", "--wait", "1"})};
     EXPECT_EQ(run(program), 4);
     EXPECT_EQ(program.out, "");
 }
 
 TEST_F(IpcClients, WatchGoesOnWhenTheDaemonReloads)
 {
-    child program{velmctl({"watch", "--wait", "9"})};
+    child_program program{velmctl({"watch", "--wait", "9"})};
     {
         const captured_log log;
         EXPECT_TRUE(turn_until_connected(log));
@@ -368,7 +288,7 @@ TEST_F(IpcClients, WatchGoesOnWhenTheDaemonReloads)
 
 TEST_F(IpcClients, WatchEndsWithItsTimeAlsoWhileTheDaemonIsAway)
 {
-    child program{velmctl({"watch", "--wait", "1"})};
+    child_program program{velmctl({"watch", "--wait", "1"})};
     const captured_log log;
     EXPECT_TRUE(turn_until_connected(log));
     server.reset();
@@ -378,7 +298,7 @@ TEST_F(IpcClients, WatchEndsWithItsTimeAlsoWhileTheDaemonIsAway)
 
 TEST_F(IpcClients, WatchFailsWhenTheDaemonStaysAway)
 {
-    child program{velmctl({"watch"})};
+    child_program program{velmctl({"watch"})};
     const captured_log log;
     EXPECT_TRUE(turn_until_connected(log));
     server.reset();
@@ -391,7 +311,7 @@ TEST_F(IpcClients, WatchFailsWhenTheDaemonStaysAway)
 TEST_F(IpcClients, WatchFailsAtOnceWhereNobodyListens)
 {
     server.reset();
-    child program{velmctl({"watch"})};
+    child_program program{velmctl({"watch"})};
     EXPECT_EQ(run(program), 1);
     EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
 }
@@ -406,7 +326,7 @@ TEST_P(VelmctlUsage, IsRefusedWithTwoAndTheUsage)
 {
     std::vector<std::string> arguments = GetParam().arguments;
     arguments.insert(arguments.begin(), VELMCTL);
-    child program{arguments};
+    child_program program{arguments};
     EXPECT_EQ(run(program), 2);
     EXPECT_NE(program.error.find("usage: velmctl locate"), std::string::npos);
     EXPECT_EQ(program.out, "");
@@ -427,14 +347,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(IpcClients, HelpIsNoFailure)
 {
-    child program{{VELMCTL, "--help"}};
+    child_program program{{VELMCTL, "--help"}};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(program.out.find("usage: velmctl locate"), 0U);
 }
 
 TEST_F(IpcClients, APathTooLongForASocketFails)
 {
-    child program{{VELMCTL, "locate", "--socket", std::string(108, 's')}};
+    child_program program{{VELMCTL, "locate", "--socket", std::string(108, 's')}};
     EXPECT_EQ(run(program), 1);
     EXPECT_NE(program.error.find("File name too long"), std::string::npos);
 }
@@ -442,7 +362,7 @@ TEST_F(IpcClients, APathTooLongForASocketFails)
 TEST_F(IpcClients, TheExampleOfTheDocumentPrintsTheLocation)
 {
     on_request = [](velm_ipc *asked, std::uint32_t) { return broadcast(asked, sample_report()); };
-    child program{{IPC_EXAMPLE, socket_path}};
+    child_program program{{IPC_EXAMPLE, socket_path}};
     EXPECT_EQ(run(program), 0);
     EXPECT_EQ(program.out, "52.250000 21.500000 +-4.5 m\n");
     EXPECT_EQ(asked_timeouts, std::vector<std::uint16_t>{60});
@@ -450,7 +370,7 @@ TEST_F(IpcClients, TheExampleOfTheDocumentPrintsTheLocation)
 
 TEST_F(IpcClients, TheExampleOfTheDocumentSaysThatTheDaemonClosed)
 {
-    child program{{IPC_EXAMPLE, socket_path}};
+    child_program program{{IPC_EXAMPLE, socket_path}};
     EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
     server.reset();
     EXPECT_EQ(run(program), 1);
@@ -463,7 +383,7 @@ TEST_F(IpcClients, TheExampleOfTheDocumentUnderstandsThatNoPhoneIsPaired)
         const velm_location_report none{};
         return velm_ipc_respond(asked, seq, &none, sizeof none, VELM_STATUS_NO_PAIRED_DEVICES);
     };
-    child program{{IPC_EXAMPLE, socket_path}};
+    child_program program{{IPC_EXAMPLE, socket_path}};
     EXPECT_EQ(run(program), 3);
     EXPECT_EQ(program.error, "status 3\n");
 }

@@ -113,6 +113,20 @@ TEST_F(IpcSocket, TheListenerIsNonBlockingSequencedAndInherited)
     EXPECT_EQ(fcntl(listener.get(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
+TEST_F(IpcSocket, AsManyClientsAsTheBacklogSaysWaitToBeAccepted)
+{
+    const unique_fd listener = velm_ipc_socket_listen(at("socket").c_str());
+    std::vector<unique_fd> clients;
+    while (clients.size() < 100) {
+        unique_fd client = ipc_connect(at("socket"));
+        if (!client) {
+            break;
+        }
+        clients.push_back(std::move(client));
+    }
+    EXPECT_EQ(clients.size(), 5U + 1U) << "the kernel lets one more in than it is told";
+}
+
 TEST_F(IpcSocket, WhatLayAtThePathIsReplaced)
 {
     std::ofstream{at("socket")} << "left over";
