@@ -46,56 +46,67 @@ std::string absolute_path(const char *path)
     return std::string{directory} + "/" + path;
 }
 
+/// What was seen beside the values.
+struct option_count {
+    int all = 0;
+    bool help = false;
+    bool version = false;
+    bool bad = false;
+};
+
+void take_option(int c, velm_command_line &given, option_count &seen)
+{
+    ++seen.all;
+    switch (c) {
+    case 'h':
+        seen.help = true;
+        break;
+    case 'v':
+        seen.version = true;
+        break;
+    case 'c':
+        given.config_path = absolute_path(optarg);
+        break;
+    case 'i':
+        given.lan_ip_address = optarg;
+        break;
+    case 'n':
+        given.lan_name = optarg;
+        break;
+    case 's':
+        given.serial_number = optarg;
+        break;
+    case 'm':
+        given.mac_address = optarg;
+        break;
+    case 'b':
+        given.bssids = optarg;
+        break;
+    default:
+        std::printf("unknown parameter: -%c\n", c);
+        seen.bad = true;
+        break;
+    }
+}
+
 } // namespace
 
 velm_command_line velm_command_line_parse(int argc, char **argv)
 {
     velm_command_line given;
-    int options = 0;
-    bool help = false;
-    bool version = false;
-    bool bad = false;
-    for (int c = 0; (c = getopt(argc, argv, "hvc:i:n:s:m:b:")) != -1; ++options) {
-        switch (c) {
-        case 'h':
-            help = true;
-            break;
-        case 'v':
-            version = true;
-            break;
-        case 'c':
-            given.config_path = absolute_path(optarg);
-            break;
-        case 'i':
-            given.lan_ip_address = optarg;
-            break;
-        case 'n':
-            given.lan_name = optarg;
-            break;
-        case 's':
-            given.serial_number = optarg;
-            break;
-        case 'm':
-            given.mac_address = optarg;
-            break;
-        case 'b':
-            given.bssids = optarg;
-            break;
-        default:
-            std::printf("unknown parameter: -%c\n", c);
-            bad = true;
-            break;
-        }
+    option_count seen;
+    for (int c = 0; (c = getopt(argc, argv, "hvc:i:n:s:m:b:")) != -1;) {
+        take_option(c, given, seen);
     }
-    if (options == 1 && help) {
+    if (seen.all == 1 && seen.help) {
         print_usage(argv[0]);
         std::exit(EXIT_SUCCESS);
     }
-    if (options == 1 && version) {
+    if (seen.all == 1 && seen.version) {
         print_version(argv[0]);
         std::exit(EXIT_SUCCESS);
     }
-    if (bad) {
+    if (seen.bad) {
         std::printf("\n");
         print_usage(argv[0]);
         std::exit(EXIT_FAILURE);
