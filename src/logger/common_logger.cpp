@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "conffile/conffile.h"
+#include "handles/file.h"
 
 namespace {
 
@@ -195,13 +196,12 @@ void set_output(bool &output, const char *value)
 void write_line_to_file(const line_buffer &line)
 {
     // Opened and closed for every line, so the file may be rotated or removed at any time.
-    std::FILE *file = std::fopen(state.file_name.c_str(), "ae");
+    const stdio_file file{std::fopen(state.file_name.c_str(), "ae")};
     if (file == nullptr) {
         return;
     }
-    std::fwrite(line.text(), 1, line.length(), file);
-    std::fflush(file);
-    std::fclose(file);
+    std::fwrite(line.text(), 1, line.length(), file.get());
+    std::fflush(file.get());
 }
 
 void emit(line_buffer &line, std::size_t after_time, const char *category, int level,
