@@ -213,9 +213,19 @@ TEST_F(Fcm, AnExpiredTokenTriggersExactlyOneTokenRequestBeforeTheSends)
     fake_clock_set(1700003598);
     velm_fcm_messaging_push_to_all(30, 0);
     EXPECT_TRUE(token_requests.empty()) << "one second is left";
+    run_actions();
+    run_actions();
+    const std::size_t sent_before = sent.size();
     fake_clock_set(1700003599);
     velm_fcm_messaging_push_to_all(30, 0);
-    EXPECT_EQ(token_requests.size(), 1U);
+    ASSERT_EQ(token_requests.size(), 1U);
+    EXPECT_TRUE(actions.empty()) << "nothing may be sent before the token has come";
+    answer_token(R"({"access_token":"ya29.y","valid_to":1700007199})");
+    run_actions();
+    run_actions();
+    ASSERT_EQ(sent.size(), sent_before + 2);
+    EXPECT_EQ(sent.back().data.headers[0].value, "Bearer ya29.y");
+    EXPECT_TRUE(token_requests.empty());
 }
 
 TEST_F(Fcm, ATokenWithoutALifetimeServesOnce)
