@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 #include "fakes/captured_log.h"
@@ -183,6 +184,16 @@ TEST_F(Config, OfA5000ByteFileTheFirst4095CharactersCount)
 TEST_F(Config, AMissingFileChangesNothing)
 {
     velm_config_load_from_file(&config, directory.path("missing").c_str());
+    EXPECT_EQ(printed(), default_lines);
+}
+
+TEST_F(Config, TheSampleFileFitsHoldsTheDefaultsAndTurnsTheLogOn)
+{
+    const auto root = std::filesystem::path{VELM_TEST_DATA}.parent_path().parent_path();
+    const std::string sample = root / "etc/velmd.conf";
+    EXPECT_LT(std::filesystem::file_size(sample), 4096u);
+    velm_config_load_from_file(&config, sample.c_str());
+    EXPECT_TRUE(common_logger_is_enabled());
     EXPECT_EQ(printed(), default_lines);
 }
 
