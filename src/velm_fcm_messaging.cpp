@@ -187,9 +187,9 @@ void request_access_token(const push_params &params)
         LOG_ERROR("%s - missing private key", __func__);
         return;
     }
-    velm_google_auth_request_access_token(state.fcm_private_key.get(), cloud_scope_firebase,
-                                          access_token_received,
-                                          release_new<token_context>(params, state.load));
+    velm_google_auth_request_access_token(
+        state.fcm_private_key.get(), cloud_scope_firebase, access_token_received,
+        release_new<token_context>(token_context{params, state.load}));
 }
 
 bool token_serves()
