@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
+#include <cstdio>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -28,6 +30,7 @@ struct sent_request {
 std::vector<sent_request> sent;
 
 struct token_request {
+    std::string project_id, scope;
     velm_google_auth_response_handler handler;
     void *context;
 };
@@ -56,11 +59,14 @@ int common_async_action_schedule(common_async_callback callback, void *user_data
     return 0;
 }
 
-int velm_google_auth_request_access_token(const cJSON *, const char *,
+int velm_google_auth_request_access_token(const cJSON *private_key, const char *scope,
                                           velm_google_auth_response_handler response_handler,
                                           void *context)
 {
-    token_requests.push_back({response_handler, context});
+    const char *const project_id =
+        cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(private_key, "project_id"));
+    token_requests.push_back(
+        {project_id == nullptr ? "" : project_id, scope, response_handler, context});
     return 0;
 }
 
@@ -226,6 +232,32 @@ TEST_F(Fcm, AnExpiredTokenTriggersExactlyOneTokenRequestBeforeTheSends)
     ASSERT_EQ(sent.size(), sent_before + 2);
     EXPECT_EQ(sent.back().data.headers[0].value, "Bearer ya29.y");
     EXPECT_TRUE(token_requests.empty());
+}
+
+TEST_F(Fcm, TheTokenIsAskedForWithTheKeyAndTheMessagingScope)
+{
+    velm_fcm_messaging_push_to_all(30, 0);
+    ASSERT_EQ(token_requests.size(), 1U);
+    EXPECT_EQ(token_requests[0].project_id, "velm-test");
+    EXPECT_EQ(token_requests[0].scope, "https://www.googleapis.com/auth/firebase.messaging");
+}
+
+TEST_F(Fcm, EveryStepOfASendIsLogged)
+{
+    const captured_log log;
+    const std::string trace = "TRACE velm_fcm_messaging - ";
+    pair_slot(0, "a", "ta");
+    push();
+    EXPECT_TRUE(log.has(trace + "prepare_to_send_push - 10"));
+    EXPECT_TRUE(log.has(trace + "send_push - [a,iOS,ta]"));
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_TRUE(log.has(trace + "send_push - " + sent[0].data.post_data));
+    std::array<char, 40> context{};
+    std::snprintf(context.data(), context.size(), "[%p]", sent[0].argument);
+    answer(200, "{\"name\":1}");
+    EXPECT_TRUE(log.has(std::string{"DEBUG velm_fcm_messaging - send_push_handler "} +
+                        context.data() + " - code: 200"));
+    EXPECT_TRUE(log.has(trace + "send_push_handler " + context.data() + " - body: {\"name\":1}"));
 }
 
 TEST_F(Fcm, ATokenWithoutALifetimeServesOnce)
