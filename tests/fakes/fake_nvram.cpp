@@ -16,6 +16,7 @@ extern "C" char *nvram_unf_get(const char *name)
 extern "C" int nvram_set(const char *name, const char *value)
 {
     ++fake_nvram.writes;
+    fake_nvram.written.emplace_back(name);
     fake_nvram.values[name] = value;
     return 0;
 }

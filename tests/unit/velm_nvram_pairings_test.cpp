@@ -88,6 +88,17 @@ TEST_F(Pairings, InsertWritesTheNineKeysOfTheLowestFreeSlot)
     EXPECT_EQ(fake_nvram.commits, 0) << "only save makes a change durable";
 }
 
+TEST_F(Pairings, ARecordIsWrittenStatusFirst)
+{
+    insert("id-1");
+    std::vector<std::string> expected;
+    for (const char *member : {"status", "dev_id", "dev_type", "name", "push_token", "dev_model",
+                               "os_version", "date_added", "attestation_key"}) {
+        expected.push_back(std::string{"zelkad_pairing_0_"} + member);
+    }
+    EXPECT_EQ(fake_nvram.written, expected);
+}
+
 TEST_F(Pairings, SameDeviceIdTwiceReusesItsSlotAndReplacesAllFieldsDateAddedIncluded)
 {
     insert("id-1", "Old");
@@ -261,6 +272,15 @@ TEST_F(Pairings, ThePrintShowsNineLinesForEverySlotLiveOrNot)
     EXPECT_TRUE(log.has("TRACE velm_nvram_pairings -    zelkad_pairing_0_name=Anna"));
     EXPECT_TRUE(log.has("TRACE velm_nvram_pairings -    zelkad_pairing_2_attestation_key="));
     EXPECT_TRUE(log.has("TRACE velm_nvram_pairings - ]"));
+}
+
+TEST_F(Pairings, InitNamesItselfAndPrintsThem)
+{
+    captured_log log;
+    velm_nvram_pairings_init(&config);
+    ASSERT_EQ(log.lines().size(), 1U + 2 + 9 * 3);
+    EXPECT_EQ(log.lines()[0], "TRACE velm_nvram_pairings - velm_nvram_pairings_init");
+    EXPECT_EQ(log.lines()[1], "TRACE velm_nvram_pairings - velm pairings [");
 }
 
 using PairingsDeath = Pairings;
