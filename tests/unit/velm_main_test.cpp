@@ -82,8 +82,10 @@ TEST_F(Main, TheBaseIsHandedToTheServersInOrder)
 
 TEST_F(Main, TheServersAreInitialisedInOrder)
 {
+    const captured_log log;
     velm_main_init(&config);
     EXPECT_EQ(calls, (call_list{"http init", "ipc init"}));
+    EXPECT_TRUE(log.has("TRACE velm_main - velm_main_init"));
 }
 
 TEST_F(Main, TheServersStartFromAQueuedActionNotFromTheCallersStack)
