@@ -3,7 +3,6 @@
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,9 +10,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "async/common_async.h"
+#include "handles/file.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
 #include "http/http_client.h"
@@ -53,12 +54,23 @@ struct process_state {
 };
 process_state process;
 
-using stdio_file = handle<std::FILE, std::fclose>;
+int level_of_libevent(int severity)
+{
+    switch (severity) {
+    case EVENT_LOG_DEBUG:
+        return LOG_LEVEL_TRACE;
+    case EVENT_LOG_MSG:
+        return LOG_LEVEL_DEBUG;
+    case EVENT_LOG_WARN:
+        return LOG_LEVEL_WARN;
+    default:
+        return LOG_LEVEL_ERROR;
+    }
+}
 
 void log_libevent(int severity, const char *message) noexcept
 {
-    LOG_AT(severity >= EVENT_LOG_ERR ? LOG_LEVEL_ERROR : LOG_LEVEL_DEBUG + severity - 1,
-           "libevent - %s", message);
+    LOG_AT(level_of_libevent(severity), "libevent - %s", message);
 }
 
 void libevent_is_broken(int code) noexcept
@@ -175,7 +187,10 @@ void init_tls_library()
 void set_up_https_client()
 {
     if (http_client_setup_ssl(process.config->http_client_ca_cert_path) != 0) {
-        std::exit(exit_no_https_client);
+        // On a reload the loop runs below this call: taking the modules' objects apart around it,
+        // in no certain order, must not decide how the process ends.
+        std::fflush(nullptr);
+        std::_Exit(exit_no_https_client);
     }
 }
 
@@ -246,6 +261,7 @@ void watch_sighup()
 void prepare_process()
 {
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL); // a parent that ignored it would hide how `ip` ended
     block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served
     fatal_install_memory_handlers();
     event_set_log_callback(log_libevent);
