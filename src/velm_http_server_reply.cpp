@@ -1,4 +1,5 @@
 #include <cstring>
+#include <string>
 
 #include "handles/libevent.h"
 #include "logger/fatal.h"
@@ -15,8 +16,18 @@ constexpr int statuses[] = {
 };
 static_assert(std::size(statuses) == 7);
 
+/// The library leaves the length out for HTTP/1.0, and says 0 to a client that sent "multipart".
+void add_content_length(evhtp_request_t *request)
+{
+    const std::string length = std::to_string(evbuffer_get_length(request->buffer_out));
+    evhtp_header_t *const header = evhtp_header_new("Content-Length", length.c_str(), 0, 1);
+    REQUIRE_MEMORY(header, "header");
+    evhtp_headers_add_header(request->headers_out, header);
+}
+
 void send_reply(evhtp_request_t *request, int status)
 {
+    add_content_length(request);
     evhtp_send_reply(request, static_cast<evhtp_res>(status));
     // The library leaves head and body in two pieces: in one they are one TLS record, one packet.
     evbuffer_pullup(bufferevent_get_output(request->conn->bev), -1);

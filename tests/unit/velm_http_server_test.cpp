@@ -287,6 +287,24 @@ TEST_F(HttpServer, TheQueryIsNoPartOfThePath)
     start();
     EXPECT_EQ(ask("GET /info?a=/infoX&b#c HTTP/1.1\r\nHost: ap\r\n\r\n").status, 200);
     EXPECT_EQ(ask(request_to("/pairings?x=1")).status, 200);
+    for (const char *const query : {"?", "?a", "?=", "?&", "?a=%zz", "?%zz", "?a=%4", "??", "?a;b",
+                                    "?#", "?%", "?a=%", "?%z", "?a=%4z", "?%4z", "?%4z&b"}) {
+        EXPECT_EQ(ask(request_to(string{"/pairings"} + query)).status, 200) << query;
+    }
+}
+
+TEST_F(HttpServer, EveryReplyTellsItsLength)
+{
+    start();
+    const http_reply multipart = ask(request_to("/info", "Content-Type: multipart\r\n"));
+    EXPECT_EQ(multipart.status, 200);
+    EXPECT_NE(multipart.body, "");
+    for (const char *const version : {"1.0", "1.1", "1.2"}) {
+        const http_reply reply = ask("GET /nowhere HTTP/" + string{version} +
+                                     "\r\nHost: ap\r\nConnection: keep-alive\r\n\r\n");
+        EXPECT_EQ(reply.status, 404);
+        EXPECT_NE(reply.head.find("Content-Length: 0\r\n"), string::npos) << version;
+    }
 }
 
 TEST_F(HttpServer, TheMethodIsNotLookedAt)
