@@ -49,7 +49,7 @@ struct server_connection {
     std::string held;        // received, not yet given to the parser
     std::size_t scanned = 0; // of `held`, while it holds an unfinished head
     std::uint64_t body_left = 0;
-    bool body_end_unknown = false;        // chunked: the parser finds the end
+    bool chunked = false;                 // the parser finds the body's end
     std::vector<http_head_lifted> lifted; // of the head that the parser works on
     bool reply_overdue = false;
     bool *gone = nullptr; // set when the connection ends inside a call of the library
@@ -77,10 +77,15 @@ void restart_timer(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(timer, &request_time)", rc);
 }
 
+void log_refusal(const char *reason)
+{
+    LOG_WARN("%s - %s", "refuse", reason);
+}
+
 /// The peer is gone after this.
 void refuse(server_connection *peer, const char *reason)
 {
-    LOG_WARN("%s - %s", __func__, reason);
+    log_refusal(reason);
     evhtp_close(peer->connection);
 }
 
@@ -95,6 +100,13 @@ bool has_reached_its_route(const server_connection *peer)
     const evhtp_request_t *const request = peer->connection->request;
     return is_paused(peer) ||
            (request != nullptr && (request->flags & EVHTP_REQ_FLAG_FINISHED) != 0);
+}
+
+/// The parser tells no path of an HTTP/0.9 request, and so nobody would ever answer it.
+bool has_route(const server_connection *peer)
+{
+    const evhtp_request_t *const request = peer->connection->request;
+    return request != nullptr && request->cb != nullptr;
 }
 
 /// Runs one of the library's callbacks; false when the connection has ended in it.
@@ -119,6 +131,7 @@ bool feed(server_connection *peer, std::string_view bytes)
     const int rc = evbuffer_add(input, bytes.data(), bytes.size());
     REQUIRE_CALL(rc == 0, "evbuffer_add(input, bytes, size)", rc);
     if (!survives(peer, [peer, bev] { peer->library.read(bev, peer->library.argument); })) {
+        log_refusal("the parser takes it for no request, or its body for too long");
         return false;
     }
     std::string left(evbuffer_get_length(input), '\0');
@@ -136,20 +149,17 @@ void begin_answering(server_connection *peer)
 
 /// The parser has taken the head and has not called a route: so a body follows. False when the
 /// connection has ended.
-bool begin_body(server_connection *peer, bool end_unknown)
+bool begin_body(server_connection *peer, bool chunked)
 {
     peer->body_left = htparser_get_content_length(peer->connection->parser);
-    peer->body_end_unknown = end_unknown;
+    peer->chunked = chunked;
     peer->phase = message_phase::body;
-    if (end_unknown) {
-        return true;
-    }
-    if (peer->body_left > http_server_max_body_size) {
-        refuse(peer, "body too long");
+    if (!has_route(peer)) {
+        refuse(peer, "no http request");
         return false;
     }
-    if (peer->body_left == 0) {
-        refuse(peer, "no http request"); // HTTP/0.9 has no path that the parser would see
+    if (!chunked && peer->body_left > http_server_max_body_size) {
+        refuse(peer, "body too long");
         return false;
     }
     return true;
@@ -183,14 +193,14 @@ bool take_head(server_connection *peer)
         begin_answering(peer);
         return true;
     }
-    return begin_body(peer, head.transfer_encoding);
+    return begin_body(peer, head.chunked);
 }
 
 /// How much of what is held the parser may have without seeing anything of the next request. A
 /// chunked body ends at a line's end, and only the parser knows at which: so line by line.
 std::size_t body_piece(const server_connection *peer)
 {
-    if (peer->body_end_unknown) {
+    if (peer->chunked) {
         return std::min(peer->held.find('\n'), peer->held.size() - 1) + 1;
     }
     return static_cast<std::size_t>(std::min<std::uint64_t>(peer->held.size(), peer->body_left));

@@ -64,23 +64,57 @@ class header_lines {
     {
         const std::size_t colon = line.find(':');
         const std::string_view name = line.substr(0, colon);
-        const std::string_view value =
-            colon == std::string_view::npos ? std::string_view{} : trim(line.substr(colon + 1));
-        const char *const lifted = colon == std::string_view::npos ? nullptr : lifted_name(name);
+        if (colon == std::string_view::npos || name.empty() ||
+            name.find_first_of(blanks) != std::string_view::npos) {
+            head_->refusal = "no header";
+            return;
+        }
+        const std::string_view value = trim(line.substr(colon + 1));
+        const char *const lifted = lifted_name(name);
         in_lifted_ = lifted != nullptr;
         if (in_lifted_) {
             head_->lifted.push_back({lifted, {}});
             append_lifted(&head_->lifted.back().value, value);
             return;
         }
-        head_->transfer_encoding |= same_name(name, "Transfer-Encoding");
         value_size_ = 0;
+        if (same_name(name, "Transfer-Encoding")) {
+            add_transfer_encoding(value);
+            return;
+        }
+        if (same_name(name, "Content-Length")) {
+            count_framing();
+        }
         keep(line, std::max(name.size(), value.size()));
+    }
+
+    /// The parser knows one spelling only, and takes a body in any other for the next request.
+    void add_transfer_encoding(std::string_view value)
+    {
+        if (!same_name(value, "chunked")) {
+            head_->refusal = "unknown transfer encoding";
+            return;
+        }
+        head_->chunked = true;
+        keep("Transfer-Encoding: chunked", value.size());
+        count_framing();
+    }
+
+    /// Of two statements where the body ends, others on the way may have believed the other one.
+    void count_framing()
+    {
+        if (++framing_count_ > 1) {
+            head_->refusal = "more than one length of the body";
+        }
     }
 
     /// A line that begins with white space continues the header before it.
     void add_folded(std::string_view line)
     {
+        if (count_ == 1) {
+            head_->refusal = "no header";
+            return;
+        }
         if (!in_lifted_) {
             keep(line, trim(line).size());
             return;
@@ -104,7 +138,8 @@ class header_lines {
 
     http_head *head_;
     std::size_t count_ = 0;
-    std::size_t value_size_ = 0; // of the header being read, its folded lines included
+    std::size_t value_size_ = 0;    // of the header being read, its folded lines included
+    std::size_t framing_count_ = 0; // headers that tell where the body ends
     bool in_lifted_ = false;
 };
 

@@ -27,9 +27,9 @@ struct http_head_lifted {
 
 struct http_head {
     const char *refusal = nullptr; // why the head is refused, a literal; null: it is not
-    std::string text;              // for the parser: all lines but the lifted ones, unchanged
+    std::string text;              // for the parser: all lines but the lifted ones
     std::vector<http_head_lifted> lifted;
-    bool transfer_encoding = false; // the body may be chunked: only the parser knows where it ends
+    bool chunked = false; // only the parser knows where the body ends
 };
 
 /// The length of the head that `bytes` begin with, its blank line included; 0 when it has not ended
@@ -37,5 +37,7 @@ struct http_head {
 /// `scanned` is the caller's memory of how far earlier calls have looked (0 at first).
 [[nodiscard]] std::size_t http_head_length(std::string_view bytes, std::size_t *scanned);
 
-/// Takes a whole head apart. Lines that are no headers stay for the parser to judge.
+/// Takes a whole head apart. It is refused when a line is no header, or when it leaves in doubt where
+/// the body ends: by "Content-Length" and "Transfer-Encoding" there may be one statement, and of
+/// encodings only "chunked". The rest is the parser's to judge.
 [[nodiscard]] http_head http_head_filter(std::string_view head);

@@ -355,6 +355,7 @@ TEST_P(RefusedRequest, ClosesTheConnectionAndCallsNoRoute)
     EXPECT_TRUE(peer->is_closed());
     EXPECT_TRUE(seen.empty());
     EXPECT_TRUE(reaches(0));
+    EXPECT_EQ(log.count("WARN velm_http_server - refuse - "), 1);
 }
 string many_headers(std::size_t count)
 {
@@ -364,6 +365,11 @@ string many_headers(std::size_t count)
     }
     return lines;
 }
+string post(const string &headers, const string &body = "")
+{
+    return "POST /now HTTP/1.1\r\n" + headers + "\r\n" + body;
+}
+constexpr char chunked_abc[] = "3\r\nabc\r\n0\r\n\r\n";
 INSTANTIATE_TEST_SUITE_P(
     Requests, RefusedRequest,
     testing::Values(
@@ -375,14 +381,51 @@ INSTANTIATE_TEST_SUITE_P(
         refused_case{"BareLineFeeds", "GET /now HTTP/1.1\nHost: a\n\n"},
         refused_case{"ZeroByteInThePath", string("GET /now\0x HTTP/1.1\r\n\r\n", 23)},
         refused_case{"NoHttpAtAll", "\x16\x03\x01 no http\r\n\r\n"},
-        refused_case{"NegativeLength", "GET /now HTTP/1.1\r\nContent-Length: -1\r\n\r\n"}),
+        refused_case{"Http09WithABody", "GET /now\r\nContent-Length: 1\r\n\r\nx"},
+        refused_case{"Http09WithAChunkedBody",
+                     "GET /now\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"},
+        refused_case{"LowerCaseMethod", "get /now HTTP/1.1\r\n\r\n"},
+        refused_case{"BareCarriageReturn", "GET /now HTTP/1.1\r\nA: b\rC: d\r\n\r\n"},
+        refused_case{"HeaderWithoutColon", "GET /now HTTP/1.1\r\nHost: a\r\nfoo\r\n\r\n"},
+        refused_case{"NegativeLength", post("Content-Length: -1\r\n")},
+        refused_case{"LengthOf20Digits", post("Content-Length: 99999999999999999999\r\n")},
+        refused_case{"LengthThatWrapsAround", post("Content-Length: 30000000000000000000\r\n")},
+        refused_case{"LengthOf21Digits", post("Content-Length: 184467440737095516160\r\n")},
+        refused_case{"LengthIsAList", post("Content-Length: 3, 3\r\n")},
+        refused_case{"TwoLengths", post("Content-Length: 3\r\nContent-Length: 3\r\n", "abc")},
+        refused_case{"LengthBesideChunks",
+                     post("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", chunked_abc)},
+        refused_case{"ChunksBesideLength",
+                     post("transfer-encoding: chunked\r\ncontent-length: 3\r\n", chunked_abc)},
+        refused_case{"OtherEncoding", post("Transfer-Encoding: gzip\r\n")},
+        refused_case{"TwoEncodings", post("Transfer-Encoding: gzip, chunked\r\n", chunked_abc)},
+        refused_case{"BlankBehindAName", post("Content-Length : 3\r\n", "abc")},
+        refused_case{"BlankBeforeAName", post(" Content-Length: 3\r\n", "abc")},
+        refused_case{"ChunkExtension",
+                     post("Transfer-Encoding: chunked\r\n", "3;a=b\r\nabc\r\n0\r\n\r\n")},
+        refused_case{"ChunkThatIsLonger",
+                     post("Transfer-Encoding: chunked\r\n", "2\r\nabc\r\n0\r\n\r\n")}),
     [](const auto &row) { return string{row.param.name}; });
+
+TEST_F(Connections, ChunkedIsKnownInAnyCaseAndOneTrailerIsPassedOver)
+{
+    serve();
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask(post("Transfer-Encoding:\tCHUNKED\r\n",
+                             "3\r\nabc\r\n0\r\nX-Assertion: a\r\n\r\n"))
+                  .status,
+              200);
+    EXPECT_EQ(peer->ask(get).status, 200);
+    ASSERT_EQ(seen.size(), 2U);
+    EXPECT_EQ(seen[0].body, "abc");
+    EXPECT_EQ(seen[0].assertion, "(none)");
+}
 
 TEST_F(Connections, BentRequestsHarmNobody)
 {
     serve();
     const string request = "POST /now?a=b HTTP/1.1\r\nHost: a\r\nX-Assertion: one\r\n\ttwo\r\n"
-                           "Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n"
+                           "Transfer-Encoding: chunked\r\n\r\n"
                            "3\r\nabc\r\n0\r\n\r\n";
     const string bytes{"\0\r\n\t :;%/?#\xff"
                        "09aZ",
