@@ -659,6 +659,37 @@ TEST_F(Connections, AClientThatGoesWhileItsRequestIsPausedHarmsNobody)
     }
 }
 
+struct half_close_case {
+    const char *name;
+    bool by_tls, before_the_request_is_read;
+};
+class HalfClose : public Connections, public testing::WithParamInterface<half_close_case> {};
+TEST_P(HalfClose, StillGetsTheReply)
+{
+    serve();
+    const auto peer = connected();
+    peer->send(get_paused);
+    if (!GetParam().before_the_request_is_read) {
+        ASSERT_TRUE(pauses());
+    }
+    if (GetParam().by_tls) {
+        SSL_shutdown(peer->tls());
+    }
+    shutdown(peer->fd(), SHUT_WR);
+    ASSERT_TRUE(pauses());
+    turn_for(loop, 10ms);
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_TRUE(peer->is_closed());
+    EXPECT_TRUE(reaches(0));
+}
+INSTANTIATE_TEST_SUITE_P(Ways, HalfClose,
+                         testing::Values(half_close_case{"TlsWhilePaused", true, false},
+                                         half_close_case{"TcpWhilePaused", false, false},
+                                         half_close_case{"TlsAtOnce", true, true},
+                                         half_close_case{"TcpAtOnce", false, true}),
+                         [](const auto &row) { return string{row.param.name}; });
+
 TEST_F(Connections, AClientThatGoesInTheMiddleOfAnythingIsForgotten)
 {
     serve();
