@@ -7,11 +7,8 @@
 #include <cstddef>
 
 /// The live connections of the HTTPS server. libevhtp keeps no list of them, sets no limit and no
-/// end to their time; all three are kept here, and what a connection sends is held back until the
-/// parser may have it: first a whole head (see velm_http_server_head_filter.h), then its body, then
-/// nothing until the reply has left.
-
-inline constexpr std::size_t http_server_max_body_size = 8192;
+/// end to their time; all three are kept here. What a connection sends goes through
+/// velm_http_server_intake.h.
 
 struct http_connection_limits {
     /// A TLS connection costs some 50 kB while it works: together about 3 MB of a small device.

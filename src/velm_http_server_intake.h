@@ -1,0 +1,66 @@
+#pragma once
+
+#include <event2/bufferevent.h>
+#include <evhtp/evhtp.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "velm_http_server_head_filter.h"
+
+/// What a connection sends, on its way to libevhtp's parser: held back until the parser may have it.
+/// First a whole head (see velm_http_server_head_filter.h), then its body, then nothing until the
+/// reply has left. Internal to the server's connections.
+
+inline constexpr std::size_t http_server_max_body_size = 8192;
+
+enum class message_phase {
+    head,      // gathering the next request's head
+    body,      // the parser has the head and wants the body
+    answering, // the request is whole; what comes now belongs to the next one
+};
+
+/// The library's own callbacks, put back to work when we have looked at the bytes. A filtering
+/// bufferevent would not do: it reports a reply as written when the socket has not taken it, and
+/// the library then closes a "Connection: close" client in the middle of it.
+struct library_callbacks {
+    bufferevent_data_cb read = nullptr;
+    bufferevent_data_cb write = nullptr;
+    bufferevent_event_cb event = nullptr;
+    void *argument = nullptr;
+};
+
+struct http_intake {
+    evhtp_connection_t *connection = nullptr; // the library's
+    library_callbacks library;
+    message_phase phase = message_phase::head;
+    std::string held;        // received, not yet given to the parser
+    std::size_t scanned = 0; // of `held`, while it holds an unfinished head
+    std::uint64_t body_left = 0;
+    bool chunked = false;                 // the parser finds the body's end
+    std::vector<http_head_lifted> lifted; // of the head that the parser works on
+    bool *gone = nullptr; // set when the connection ends inside a call of the library
+};
+
+enum class intake_result {
+    ended,    // the connection is freed, and the intake with it
+    waits,    // for more bytes, or for the reply to leave
+    moved_on, // a request has become whole, or a reply has left
+};
+
+/// Takes the place of the library's callbacks; the caller's own, which get `argument`, call the
+/// functions below. The intake must stay where it is until the connection ends.
+void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
+                       const library_callbacks &callbacks);
+
+/// The connection has bytes to read, or has sent all that was to be sent.
+[[nodiscard]] intake_result http_intake_read(http_intake *intake);
+[[nodiscard]] intake_result http_intake_written(http_intake *intake);
+
+/// The connection is being freed. The owner of the intake calls this before it frees it.
+void http_intake_end(const http_intake *intake);
+
+/// A request is being checked.
+[[nodiscard]] bool http_intake_is_paused(const http_intake *intake);
