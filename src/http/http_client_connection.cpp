@@ -84,6 +84,9 @@ bool http_client_connection_open(http_client_connection *connection, event_base 
     evhttp_connection_set_timeout(connection->evcon.get(), timeout_s);
     evhttp_connection_set_max_headers_size(connection->evcon.get(), max_response_head);
     evhttp_connection_set_max_body_size(connection->evcon.get(), max_response_body);
+    // libevent has no limit for the line that tells a chunk's size: what comes on top is not read.
+    bufferevent_setwatermark(connection->transport(), EV_READ, 0,
+                             max_response_head + max_response_body);
     return true;
 }
 

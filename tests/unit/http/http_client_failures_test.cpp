@@ -164,6 +164,77 @@ TEST_F(HttpClientFailures, ABodyOfOneMebibyteIsServed)
     EXPECT_EQ(outcome.body.size(), mebibyte);
 }
 
+TEST_F(HttpClientFailures, AChunkOfOneMebibyteIsServed)
+{
+    server.reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n100000\r\n" +
+                   std::string(mebibyte, 'x') + "\r\n0\r\n\r\n";
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).body.size(), mebibyte);
+}
+
+TEST_F(HttpClientFailures, AnAnswerThatComesBeforeTheRequestIsTaken)
+{
+    server.greeting = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nearly";
+    server.on_request = [](bufferevent *) {};
+    http_client_request_data data = request(uri());
+    data.post_data = std::string(mebibyte, 'x');
+    const test_outcome outcome = fetch(HTTP_CLIENT_POST, data);
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.body, "early");
+    EXPECT_EQ(outcome.calls, 1);
+}
+
+struct endless_case {
+    const char *name;
+    std::string head;  // what it begins with
+    std::string again; // what it goes on with
+};
+class HttpClientEndless : public HttpClientFailures,
+                          public testing::WithParamInterface<endless_case> {
+  protected:
+    std::size_t left = 0; // of what the server had to say
+};
+
+TEST_P(HttpClientEndless, AnswerIsNotReadForLongerThanABodyMayBe)
+{
+    constexpr std::size_t sent = 32 * mebibyte;
+    server.on_request = [this](bufferevent *bufev) {
+        bufferevent_write(bufev, GetParam().head.data(), GetParam().head.size());
+        constexpr int least = 65536; // the system holds little of what the client does not take
+        setsockopt(bufferevent_getfd(bufev), SOL_SOCKET, SO_SNDBUF, &least, sizeof least);
+        std::string piece;
+        while (piece.size() < mebibyte) {
+            piece += GetParam().again;
+        }
+        while (evbuffer_get_length(bufferevent_get_output(bufev)) < sent) {
+            bufferevent_write(bufev, piece.data(), piece.size());
+        }
+        evbuffer_add_cb(
+            bufferevent_get_output(bufev),
+            [](evbuffer *output, const evbuffer_cb_info *, void *argument) {
+                *static_cast<std::size_t *>(argument) = evbuffer_get_length(output);
+            },
+            &left);
+    };
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request(uri(), 1));
+    EXPECT_LT(outcome.code, 0);
+    EXPECT_EQ(outcome.calls, 1);
+    // Beside what the client took, the system's buffers of the connection hold some.
+    EXPECT_GT(left, sent / 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, HttpClientEndless,
+    testing::Values(
+        endless_case{"StatusLine", "HTTP/1.1 200 ", "x"},
+        endless_case{"Headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n"},
+        endless_case{"Body", "HTTP/1.1 200 OK\r\n\r\n", "x"},
+        endless_case{"ChunkSize", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "0"},
+        endless_case{"Chunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+                     "4\r\nwxyz\r\n"},
+        endless_case{"Trailer", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n",
+                     "X: y\r\n"}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
 struct broken_case {
     const char *name;
     std::string reply;
@@ -188,6 +259,16 @@ TEST_P(HttpClientAnswer, ThatIsNoneIsAnErrorWithoutBody)
 
 const std::string ok_head = "HTTP/1.1 200 OK\r\n";
 
+std::string many_headers(int count, std::size_t size)
+{
+    std::string lines;
+    for (int i = 0; i < count; ++i) {
+        const std::string name = "X-" + std::to_string(i) + ": ";
+        lines += name + std::string(size - name.size() - 2, 'x') + "\r\n";
+    }
+    return lines;
+}
+
 INSTANTIATE_TEST_SUITE_P(
     Answers, HttpClientAnswer,
     testing::Values(
@@ -199,6 +280,8 @@ INSTANTIATE_TEST_SUITE_P(
         broken_case{"NegativeLength", ok_head + "Content-Length: -5\r\n\r\n", -3, false},
         broken_case{"LengthIsNoNumber", ok_head + "Content-Length: x\r\n\r\n", -3, false},
         broken_case{"LongHead", ok_head + "X: " + std::string(17000, 'x') + "\r\n\r\n", -3, false},
+        broken_case{"AHundredHeadersOfAKibibyte", ok_head + many_headers(100, 1024) + "\r\n", -3,
+                    false},
         broken_case{"LongStatusLine", "HTTP/1.1 200 " + std::string(17000, 'x'), -3, false},
         broken_case{"AnnouncesTooMuch",
                     ok_head + "Content-Length: " + std::to_string(mebibyte + 1) + "\r\n\r\n", -6,

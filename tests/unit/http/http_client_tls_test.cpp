@@ -237,6 +237,19 @@ TEST_F(HttpClientTls, ABodyCutShortWithoutAFarewellIsNotAccepted)
     EXPECT_FALSE(outcome.has_body);
 }
 
+TEST_F(HttpClientTls, ABodyOfOneMebibyteIsServed)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    const std::string body(1024 * 1024, 'x');
+    server->reply = "HTTP/1.1 200 OK\r\nContent-Length: 1048576\r\n\r\n" + body;
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.body, body);
+}
+
 TEST_F(HttpClientTls, AHeldConnectionServesSeveralRequests)
 {
     set_up();

@@ -37,6 +37,7 @@ class test_server {
     }
 
     std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
+    std::string greeting; // said before anything is asked
     bool close_after_reply = false;
     /// Instead of the reply, once a request is whole.
     std::function<void(bufferevent *)> on_request;
@@ -65,6 +66,7 @@ class test_server {
                                                  BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE));
         bufferevent_setcb(made.bufev.get(), readable, written, ended, &made);
         bufferevent_enable(made.bufev.get(), EV_READ | EV_WRITE);
+        bufferevent_write(made.bufev.get(), server->greeting.data(), server->greeting.size());
     }
 
     static bool whole(const std::string &text)
