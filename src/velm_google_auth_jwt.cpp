@@ -88,12 +88,6 @@ struct openssl_error {
     }
 };
 
-/// Without it OpenSSL asks for the passphrase on the terminal, and waits.
-int no_passphrase(char *, int, int, void *) noexcept
-{
-    return 0;
-}
-
 evp_pkey_ptr load_private_key(const char *pem)
 {
     const bio_ptr bio{BIO_new_mem_buf(pem, -1)};
@@ -103,7 +97,7 @@ evp_pkey_ptr load_private_key(const char *pem)
                   error.text.data());
         return nullptr;
     }
-    evp_pkey_ptr key{PEM_read_bio_PrivateKey(bio.get(), nullptr, no_passphrase, nullptr)};
+    evp_pkey_ptr key{PEM_read_bio_PrivateKey(bio.get(), nullptr, openssl_no_passphrase, nullptr)};
     if (key == nullptr) {
         const openssl_error error;
         LOG_ERROR("%s - PEM_read_bio_PrivateKey failed - 0x%lx - %s", __func__, error.code,

@@ -38,3 +38,10 @@ struct x509_list_deleter {
     }
 };
 using x509_list_ptr = std::unique_ptr<STACK_OF(X509), x509_list_deleter>;
+
+/// Refuses to tell a passphrase. Without it OpenSSL asks for one on the terminal, and waits, when a
+/// PEM text says that it is encrypted.
+inline int openssl_no_passphrase(char *, int, int, void *) noexcept
+{
+    return 0;
+}

@@ -44,8 +44,8 @@ const trust_anchor *trust_anchor_load(const char *pem)
     if (bio == nullptr) {
         return nullptr;
     }
-    trust_anchor anchor{pem, x509_ptr{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)},
-                        x509_store_ptr{X509_STORE_new()}};
+    x509_ptr root{PEM_read_bio_X509(bio.get(), nullptr, openssl_no_passphrase, nullptr)};
+    trust_anchor anchor{pem, std::move(root), x509_store_ptr{X509_STORE_new()}};
     if (anchor.root == nullptr || anchor.store == nullptr ||
         X509_STORE_add_cert(anchor.store.get(), anchor.root.get()) != 1) {
         return nullptr;

@@ -15,6 +15,7 @@
 #include "cloud_addresses.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "fakes/watched_terminal.h"
 #include "handles/openssl.h"
 #include "http/http_client.h"
 #include "velm_google_auth_jwt.h"
@@ -304,8 +305,10 @@ TEST_F(GoogleAuth, AnEncryptedPrivateKeyYieldsNoTokenAndNobodyIsAskedForItsPassp
     const bio_ptr bio{BIO_new_mem_buf(pem.data(), -1)};
     const evp_pkey_ptr pkey{PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr)};
     set_key("private_key", pem_of(pkey.get(), "pass"));
+    const watched_terminal terminal;
     ask();
     expect_no_token(" - PEM_read_bio_PrivateKey failed - 0x");
+    EXPECT_FALSE(terminal.opened);
 }
 
 TEST_F(GoogleAuth, APrivateKeyThatIsNotRsaYieldsNoToken)

@@ -9,6 +9,7 @@
 #include "fakes/app_attest_maker.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "fakes/watched_terminal.h"
 
 namespace {
 
@@ -175,6 +176,18 @@ TEST_F(IosChain, RefusesARootThatCannotBeParsedAndStillKnowsTheGoodOne)
     EXPECT_EQ(ios_app_certificate_verify("no PEM", leaf, der(intermediate)), nullptr);
     EXPECT_EQ(ios_app_certificate_verify("", leaf, der(intermediate)), nullptr);
     EXPECT_TRUE(verifies(leaf, der(intermediate)));
+}
+
+TEST_F(IosChain, RefusesAnEncryptedRootAndAsksNobodyForItsPassphrase)
+{
+    const watched_terminal terminal;
+    std::string pem = root_pem;
+    pem.insert(pem.find('\n') + 1, "Proc-Type: 4,ENCRYPTED\n"
+                                   "DEK-Info: AES-128-CBC,00112233445566778899AABBCCDDEEFF\n\n");
+    EXPECT_EQ(
+        ios_app_certificate_verify(pem.c_str(), der(leaf_under(intermediate)), der(intermediate)),
+        nullptr);
+    EXPECT_FALSE(terminal.opened);
 }
 
 TEST_F(IosChain, TrustsOnlyTheRootOfTheCallEvenAfterOthers)
