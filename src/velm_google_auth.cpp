@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <memory>
@@ -50,12 +51,21 @@ double lifetime_of(const cJSON *token)
     return std::isnan(seconds) ? 0.0 : std::clamp(seconds, 0.0, longest);
 }
 
-/// Replaces a member of that name that the answer brought itself.
+/// The answer's own would be read in place of ours. In one pass, since it may bring very many.
+void remove_valid_to(cJSON *token)
+{
+    cJSON *next = nullptr;
+    for (cJSON *member = token->child; member != nullptr; member = next) {
+        next = member->next;
+        if (std::strcmp(member->string, "valid_to") == 0) {
+            const json_ptr removed{cJSON_DetachItemViaPointer(token, member)};
+        }
+    }
+}
+
 void add_valid_to(cJSON *token)
 {
-    while (cJSON_HasObjectItem(token, "valid_to")) {
-        cJSON_DeleteItemFromObject(token, "valid_to");
-    }
+    remove_valid_to(token);
     const double valid_to = static_cast<double>(time(nullptr)) + lifetime_of(token);
     REQUIRE_MEMORY(cJSON_AddNumberToObject(token, "valid_to", valid_to), "valid_to");
 }

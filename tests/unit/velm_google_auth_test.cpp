@@ -6,6 +6,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -433,6 +434,22 @@ INSTANTIATE_TEST_SUITE_P(
                     lifetime_case{"ItsOwnValidToIsReplaced",
                                   ",\"valid_to\":9e15,\"expires_in\":1,\"valid_to\":\"x\"", 1}),
     [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(GoogleAuth, AnAnswerFullOfValidTosIsTakenInOnePass)
+{
+    ask();
+    std::string body = "{";
+    for (int i = 0; i < 40000; ++i) {
+        body += "\"a\":0,";
+    }
+    for (int i = 0; i < 40000; ++i) {
+        body += "\"valid_to\":0,";
+    }
+    const std::clock_t begin = std::clock();
+    answer(200, body + "\"expires_in\":1}");
+    EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC) << "the loop would stand still meanwhile";
+    EXPECT_EQ(cJSON_GetArraySize(token.get()), 40000 + 2);
+}
 
 /// Answers that the real endpoint and its stand-ins have given.
 class GoogleAuthRealAnswer : public GoogleAuth, public testing::WithParamInterface<int> {};
