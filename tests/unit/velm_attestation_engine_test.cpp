@@ -255,6 +255,18 @@ TEST_F(AttestationEngine, AReloadWithAnEmptySettingDropsTheCustomRoot)
     EXPECT_TRUE(log.has("DEBUG IAV - Invalid ca chain"));
 }
 
+TEST_F(AttestationEngine, ARootThatIsNoCertificateRefusesEveryPhoneUntilAReloadBringsAGoodOne)
+{
+    files.write("root.pem", "no certificate");
+    velm_attestation_engine_init(&config);
+    EXPECT_FALSE(attest(phone.auth_data()).success);
+    EXPECT_TRUE(log.has("DEBUG IAV - Invalid ca chain"));
+    trust(phone.root);
+    EXPECT_FALSE(attest(phone.auth_data()).success) << "nobody asked for a reload";
+    velm_attestation_engine_init(&config);
+    expect_root_in_force(phone);
+}
+
 TEST_F(AttestationEngine, AMissingDecryptionKeySettingLeavesAChangedRootUnloaded)
 {
     trust(other_phone.root);

@@ -174,6 +174,37 @@ TEST_F(HttpClientDns, MissingFilesLeaveLiteralsAndLocalhost)
     EXPECT_EQ(resolve("localhost"), "127.0.0.1");
 }
 
+TEST_F(HttpClientDns, AnEmptyResolverFileLeavesTheHostsFileAndLiterals)
+{
+    write_file("resolv.conf", "");
+    EXPECT_EQ(resolve("192.0.2.7"), "192.0.2.7");
+    EXPECT_EQ(resolve("cloud.example.test"), "127.0.0.1");
+}
+
+TEST_F(HttpClientDns, AResolverFileThatIsADirectoryLeavesTheHostsFileAndLiterals)
+{
+    http_client_dns_start(base, {folder, path("hosts")});
+    EXPECT_EQ(resolve("192.0.2.7"), "192.0.2.7");
+    EXPECT_EQ(resolve("cloud.example.test"), "127.0.0.1");
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, request("http://asked.example.test/", 1));
+    EXPECT_LT(outcome.code, 0);
+    EXPECT_EQ(outcome.calls, 1);
+}
+
+TEST_F(HttpClientDns, AResolverFileThatComesAfterTheStartCounts)
+{
+    name_server.answer = test_name_server::loopback;
+    for (const bool missing : {true, false}) {
+        write_file("resolv.conf", "");
+        if (missing) {
+            std::filesystem::remove(path("resolv.conf"));
+        }
+        http_client_dns_start(base, {path("resolv.conf"), path("hosts")});
+        write_file("resolv.conf", name_server.line);
+        EXPECT_EQ(resolve("asked.example.test"), "127.0.0.1") << missing;
+    }
+}
+
 TEST_F(HttpClientDns, AForgottenQuestionDoesNotCallBack)
 {
     lookup_outcome outcome;
