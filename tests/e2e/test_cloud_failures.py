@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import time
 from collections.abc import Callable, Iterator
+from dataclasses import replace
 
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
-from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.cloud import HOSTS, UNREGISTERED, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
@@ -21,7 +22,11 @@ FAILURES: dict[str, Answer] = {
     "sends no JSON": Answer(body=b"<html>"),
     "sends an empty body": Answer(body=b""),
     "cuts the body short": Answer(body=b'{"access_token": "x"}', cut_after=5),
+    "sends a byte over a mebibyte": Answer.over_large((1 << 20) + 1),
     "sends two megabytes": Answer.over_large(2 << 20),
+    "sends a hundred headers of a kibibyte": Answer(
+        headers={f"X-{number:03}": "x" * 1017 for number in range(100)}
+    ),
     "answers 400": Answer.json({"error": "invalid_grant"}, 400),
     "answers 503": Answer(503, b""),
     "redirects": Answer(302, b"", {"Location": "https://www.example.org/"}),
@@ -110,6 +115,54 @@ def test_an_answer_after_a_reload_reaches_nobody(
     assert_still_serving(access_point, paired_phone, connect_ipc())
 
 
+def test_a_push_answer_after_a_reload_harms_nobody(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    cloud.fcm.answer_next(Answer.json({"name": "late"}, delay=0.5))
+    connect_ipc().request()
+    cloud.fcm.wait()
+    access_point.reload()
+    access_point.daemon.wait_log("send_push_handler")
+    assert_still_serving(access_point, paired_phone, connect_ipc())
+
+
+def test_an_unregistered_token_told_after_a_reload_unpairs_the_phone(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.fcm.answer_next(replace(UNREGISTERED, delay=0.5))
+    ipc.request()
+    cloud.fcm.wait()
+    access_point.reload()
+    access_point.daemon.wait_log("unpaired (unregistered token)")
+    assert access_point.pairing(0)["status"] != "Valid"
+    assert access_point.daemon_alive()
+
+
+def test_reloads_while_a_push_waits_for_its_turn_harm_nobody(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    connect_ipc().request()
+    cloud.token.wait()
+    access_point.daemon.wait_log("prepare_to_send_push")
+    for _ in range(3):
+        access_point.reload()
+    access_point.daemon.wait_log("missing auth token")  # the reload has dropped it
+    assert_still_serving(access_point, paired_phone, connect_ipc())
+    assert not cloud.fcm.requests
+
+
+def test_a_reload_during_a_handshake_with_the_cloud_harms_nobody(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    cloud.handshakes = False
+    connect_ipc().request()
+    wait_until(lambda: cloud.connections, 10, "nothing was connected")
+    access_point.reload()
+    cloud.drop_connections()
+    access_point.daemon.wait_log("http request failed")
+    assert_still_serving(access_point, paired_phone, connect_ipc())
+
+
 @pytest.mark.movable_clock
 def test_a_token_serves_until_its_last_second(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
@@ -180,3 +233,35 @@ def test_a_silent_dns_server_delays_nobody_else(
             slowest = max(slowest, time.monotonic() - start)
     assert slowest < 0.25
     assert not cloud.connections
+
+
+def test_a_reload_while_a_name_is_looked_up_moves_the_question_to_the_new_server(
+    cold_access_point: AccessPoint, cloud: Cloud, dns: DnsServer
+) -> None:
+    cold_access_point.etc.set_hosts({})
+    cold_access_point.etc.set_resolvers(["192.0.2.1"])  # nobody is there
+    cold_access_point.start()
+    phone = cold_access_point.phone()
+    assert phone.pair().status == 200
+    with IpcClient(cold_access_point.socket_path) as ipc:
+        ipc.request()
+        cold_access_point.daemon.wait_log("velm_google_auth - request_access_token - payload")
+        assert not cloud.connections
+        cold_access_point.etc.set_resolvers([Network.CLOUD_ADDRESS])
+        cold_access_point.reload()
+    cloud.token.wait()
+    assert dns.asked
+    assert phone.location().status == 200
+
+
+def test_name_servers_that_come_after_the_start_count(
+    cold_access_point: AccessPoint, cloud: Cloud, dns: DnsServer
+) -> None:
+    cold_access_point.etc.set_hosts({})
+    cold_access_point.etc.set_resolvers([])
+    cold_access_point.start()
+    assert cold_access_point.phone().pair().status == 200
+    cold_access_point.etc.set_resolvers([Network.CLOUD_ADDRESS])
+    with IpcClient(cold_access_point.socket_path) as ipc:
+        ipc.request()
+        cloud.fcm.wait()
