@@ -38,9 +38,10 @@ struct http_client_request_data {
 };
 
 /// Called once for every request that was started, on a turn of the loop of its own: it may start
-/// requests and free connections. `code` is the HTTP status; -1 for a time-out at any stage and other negative values
-/// for libevent's request errors; 0 when the connection could not be made. Headers and body may be
-/// null; the body is terminated and, like the headers, valid during the call only.
+/// requests and free connections. `code` is the HTTP status; -1 for a time-out at any stage and
+/// other negative values for libevent's request errors; 0 when the connection could not be made.
+/// Headers and body may be null; the body is terminated and, like the headers, valid during the
+/// call only.
 using http_client_response_handler = void (*)(int code, evkeyvalq *headers, const char *body,
                                               std::size_t body_length, void *argument);
 
@@ -63,13 +64,15 @@ void http_client_add_header(http_client_request_data *data, const char *header_n
                             const char *header_value);
 
 /// Starts a request: DELETE and GET send no body; an unknown method is sent as POST. Heads over
-/// 16 KiB and bodies over 1 MiB are refused. A negative result: not started, and the handler is not called.
+/// 16 KiB and bodies over 1 MiB are refused. A negative result: not started, and the handler is not
+/// called.
 [[nodiscard]] int http_request_internal(http_client_method method,
                                         const http_client_request_data &data,
                                         http_client_response_handler handler, void *argument);
 
-/// A connection that the caller holds, to pin requests to one host: it keeps the scheme, host, port,
-/// address and checks of the first request, and a request that differs in them does not start.
+/// A connection that the caller holds, to pin requests to one host: it keeps the scheme, host,
+/// port, address and checks of the first request, and a request that differs in them does not
+/// start.
 /// Freeing it ends its requests with code -5.
 [[nodiscard]] http_client_connection *http_client_connection_create();
 void http_client_connection_free(http_client_connection *connection);
