@@ -130,6 +130,17 @@ TEST_F(HttpClientDns, ANameThatDoesNotExistHasNoAddress)
     EXPECT_TRUE(log.contains(" - cannot resolve asked.example.test: "));
 }
 
+TEST_F(HttpClientDns, AFailingNameIsNotAskedForUnderTheSearchDomains)
+{
+    write_file("resolv.conf", name_server.line + "search corp.example\n");
+    name_server.answer = test_name_server::no_such_name;
+    EXPECT_EQ(resolve("asked.example.test"), std::nullopt);
+    ASSERT_FALSE(name_server.questions.empty());
+    for (const std::string &question : name_server.questions) {
+        EXPECT_EQ(question.find("corp"), std::string::npos);
+    }
+}
+
 TEST_F(HttpClientDns, ANameThatNoQuestionCanHoldHasNoAddress)
 {
     EXPECT_EQ(resolve((std::string(64, 'a') + ".test").c_str()), std::nullopt);

@@ -56,6 +56,7 @@ INSTANTIATE_TEST_SUITE_P(Items, CborDecode, testing::Values(
     decode_case{"SomethingBehindIt",         "00ff1c",               verdict::item},
     decode_case{"EmptyMap",                  "a0",                   verdict::item},
     decode_case{"MapWithoutValue",           "a100",                 verdict::malformed},
+    decode_case{"MapOf17PairsIn17Bytes",     "b10000000000000000000000000000000000", verdict::malformed},
     decode_case{"MapOf2To64",                "bbffffffffffffffff00", verdict::malformed},
     decode_case{"MapOfHalf2To64",            "bb80000000000000000000", verdict::malformed},
     decode_case{"ArrayOfUnknownLength",      "9f0001ff",             verdict::item},
