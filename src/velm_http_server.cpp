@@ -42,17 +42,12 @@ struct module_state {
 };
 module_state state;
 
-/// Without a passphrase callback OpenSSL would ask for one on the terminal and block.
-int no_passphrase(char *, int, int, void *) noexcept
-{
-    return 0;
-}
-
 EVP_PKEY *read_private_key(char *path) noexcept
 {
     const bio_ptr file{BIO_new_file(path, "r")};
-    return file == nullptr ? nullptr
-                           : PEM_read_bio_PrivateKey(file.get(), nullptr, no_passphrase, nullptr);
+    return file == nullptr
+               ? nullptr
+               : PEM_read_bio_PrivateKey(file.get(), nullptr, openssl_no_passphrase, nullptr);
 }
 
 std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)
