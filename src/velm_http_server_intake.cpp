@@ -56,21 +56,16 @@ bool survives(http_intake *intake, Call call)
     return !gone;
 }
 
-/// Gives the parser these bytes; false when the connection has ended. What the parser left comes
-/// back, so that it never starts on a head that has not been looked at.
+/// Gives the parser these bytes, which end no later than the message; it takes them all. False when
+/// the connection has ended.
 bool feed(http_intake *intake, std::string_view bytes)
 {
     bufferevent *const bev = intake->connection->bev;
-    evbuffer *const input = bufferevent_get_input(bev);
-    const int rc = evbuffer_add(input, bytes.data(), bytes.size());
+    const int rc = evbuffer_add(bufferevent_get_input(bev), bytes.data(), bytes.size());
     REQUIRE_CALL(rc == 0, "evbuffer_add(input, bytes, size)", rc);
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
         log_refusal("the parser takes it for no request, or its body for too long");
         return false;
-    }
-    std::string left(evbuffer_get_length(input), '\0');
-    if (!left.empty() && evbuffer_remove(input, left.data(), left.size()) > 0) {
-        intake->held.insert(0, left);
     }
     return true;
 }

@@ -610,6 +610,18 @@ TEST_F(Connections, AReplyThatNobodyReadsEndsTheConnection)
     EXPECT_TRUE(reaches(0));
 }
 
+TEST_F(Connections, WhatComesBehindARequestIsHeldUpToALimit)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("GET /much HTTP/1.1\r\nHost: a\r\n\r\n" + string(73728, 'a'));
+    turn_for(loop, 10ms);
+    EXPECT_EQ(http_connections_count(), 1U);
+    peer->send("a");
+    EXPECT_TRUE(reaches(0));
+    EXPECT_TRUE(log.has("WARN velm_http_server - refuse - too much behind a request"));
+}
+
 // Stop
 
 TEST_F(Connections, ClosingEndsConnectionsOfEveryKind)

@@ -273,6 +273,22 @@ TEST_F(Preprocessor, TheCallbackMayAnswerAndResumeTheRequest)
     EXPECT_EQ(request.reply().substr(0, 15), "HTTP/1.1 200 OK");
 }
 
+bool told_of_its_end = true;
+void note_whether_told(evhtp_request_t *request, int break_code)
+{
+    told_of_its_end = request->hooks->on_request_fini != nullptr;
+    answer_result(request, break_code);
+}
+
+TEST_F(Preprocessor, IsNotToldOfTheEndOfARequestThatItHasHandedBack)
+{
+    paused_request request{good_body};
+    start(request, request_only, note_whether_told);
+    EXPECT_NE(request.get()->hooks->on_request_fini, nullptr);
+    turn_test_loop();
+    EXPECT_FALSE(told_of_its_end);
+}
+
 TEST_F(Preprocessor, WipesThePasswordWithTheRecord)
 {
     wiped.clear();
