@@ -1,0 +1,486 @@
+"""Does the daemon keep to docs/http-api.yaml, and is that file what it claims to be?"""
+
+from __future__ import annotations
+
+import base64
+import http.client
+import json
+from collections.abc import Callable
+from contextlib import nullcontext
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+import jsonschema
+import pytest
+from velm_sim.access_point import BSSIDS, AccessPoint
+from velm_sim.lan_http import Reply
+from velm_sim.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
+from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
+
+CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
+PATHS = list(CONTRACT.operations())
+BODY_PATHS = [path for path in PATHS if CONTRACT.body_schema(path)]
+SIGNED_PATHS = ["/pair", "/location"]
+# Nobody but a library that fails inside brings this about; the document says so.
+UNPROVOKED = 500
+PENDING_CHALLENGES = 1000
+
+
+# The document.
+
+
+def test_the_document_is_well_formed() -> None:
+    jsonschema.Draft7Validator(DOCUMENT).validate(CONTRACT.document)
+
+
+def test_every_reference_leads_to_something_and_every_component_is_used() -> None:
+    used = set(CONTRACT.references())
+    for reference in used:
+        assert isinstance(CONTRACT.resolve({"$ref": reference}), dict)
+    named = {
+        f"#/components/{kind}/{name}"
+        for kind, parts in CONTRACT.document["components"].items()
+        for name in parts
+    }
+    assert used == named
+
+
+def test_every_schema_is_a_schema() -> None:
+    for schema in CONTRACT.schemas():
+        if "$ref" not in schema:
+            jsonschema.Draft4Validator.check_schema(schema)
+            assert set(schema) <= SCHEMA_KEYS, schema
+            assert set(schema.get("required", [])) <= set(schema.get("properties", {})), schema
+
+
+def test_what_no_test_provokes_says_so() -> None:
+    for path in BODY_PATHS:
+        assert "no test" in CONTRACT.responses(path)[UNPROVOKED]["description"]
+
+
+@pytest.mark.parametrize(
+    "reply",
+    [
+        Reply(418, {}, b""),
+        Reply(200, {"content-type": "text/plain"}, b"{}"),
+        Reply(200, {"content-type": "application/json"}, b"{}"),
+        Reply(200, {"content-type": "application/json"}, b'{"challenge": "ABC"}'),
+        Reply(400, {}, b"why"),
+    ],
+)
+def test_an_answer_that_is_not_documented_is_noticed(reply: Reply) -> None:
+    with pytest.raises((ContractError, jsonschema.ValidationError)):
+        CONTRACT.check("/challenge", reply)
+
+
+# What the phone sends, by path.
+
+
+@dataclass
+class Caller:
+    """A phone of which every answer is held against the document."""
+
+    phone: Phone
+
+    def send(self, request: Prepared) -> Reply:
+        reply = self.phone.send(request)
+        CONTRACT.check(request.path, reply)
+        return reply
+
+    def raw(self, path: str, body: bytes | None = None, method: str | None = None) -> Reply:
+        reply = self.phone.host.request(path, body, method=method)
+        CONTRACT.check(path.partition("?")[0], reply)
+        return reply
+
+    def prepare(self, path: str, **changes: Any) -> Prepared:
+        """The right request, with changes in "auth" and in the path's own member."""
+        auth = changes.get("auth")
+        if path == "/pair":
+            return self.phone.prepare_pair(auth=auth, pair=changes.get("pair"))
+        if path == "/location":
+            return self.phone.prepare_location(auth=auth)
+        own = {"deviceId": self.phone.profile.device_id}
+        members = {"unpair": changed(own, changes.get("unpair"))} if path == "/unpair" else {}
+        return self.phone.prepare(path, members, auth=auth)
+
+
+@pytest.fixture
+def caller(phone: Phone) -> Caller:
+    return Caller(phone)
+
+
+@pytest.fixture
+def paired(paired_phone: Phone) -> Caller:
+    return Caller(paired_phone)
+
+
+# Every documented status.
+
+
+def pair_two_where_one_may(access_point: AccessPoint, caller: Caller) -> Reply:
+    access_point.configure({"pairings.limit": "1"})
+    access_point.reload()
+    assert caller.send(caller.phone.prepare_pair()).status == 200
+    other = Caller(access_point.phone(1))
+    return other.send(other.phone.prepare_pair())
+
+
+def ask_for_too_many_challenges(_: AccessPoint, caller: Caller) -> Reply:
+    request = caller.prepare("/challenge")
+    with caller.phone.host.session() as session:
+        for _number in range(PENDING_CHALLENGES):
+            reply = session.request(request.path, request.body, request.headers)
+            assert reply.status == 200
+    return caller.send(request)
+
+
+def locate_as_an_unpaired_android(access_point: AccessPoint, caller: Caller) -> Reply:
+    """Only an unpaired Android phone gets as far as the question whether it is paired."""
+    access_point.configure({"app.android.integrity.enabled": "no"})
+    access_point.reload()
+    return caller.send(caller.phone.prepare_location(auth={"deviceType": "Android"}))
+
+
+def paired_location(_: AccessPoint, caller: Caller, **changes: Any) -> Reply:
+    assert caller.phone.pair().status == 200
+    return caller.send(caller.phone.prepare_location(**changes))
+
+
+Provoke = Callable[[AccessPoint, Caller], Reply]
+
+
+def plain(path: str, **changes: Any) -> Provoke:
+    return lambda _, caller: caller.send(caller.prepare(path, **changes))
+
+
+def pairing(**changes: Any) -> Provoke:
+    return lambda _, caller: caller.send(caller.phone.prepare_pair(**changes))
+
+
+def locating(**changes: Any) -> Provoke:
+    return lambda access_point, caller: paired_location(access_point, caller, **changes)
+
+
+def unpair_the_paired(_: AccessPoint, caller: Caller) -> Reply:
+    assert caller.phone.pair().status == 200
+    return caller.send(caller.prepare("/unpair"))
+
+
+WRONG = {"auth": {"password": "wrong"}}
+LACKING = {"auth": {"username": OMIT}}
+UNKNOWN_CHALLENGE = "0" * 32
+
+PROVOKED: dict[tuple[str, int], Provoke] = {
+    ("/info", 200): lambda _, caller: caller.raw("/info"),
+    ("/challenge", 200): plain("/challenge"),
+    ("/challenge", 400): plain("/challenge", **LACKING),
+    ("/challenge", 401): plain("/challenge", **WRONG),
+    ("/challenge", 503): ask_for_too_many_challenges,
+    ("/pair", 200): pairing(),
+    ("/pair", 400): pairing(**LACKING),
+    ("/pair", 401): pairing(**WRONG),
+    ("/pair", 403): pair_two_where_one_may,
+    ("/pair", 412): pairing(rp_id="X.other"),
+    ("/pair", 424): pairing(challenge=UNKNOWN_CHALLENGE),
+    ("/pairings", 200): plain("/pairings"),
+    ("/pairings", 400): plain("/pairings", **LACKING),
+    ("/pairings", 401): plain("/pairings", **WRONG),
+    ("/unpair", 200): unpair_the_paired,
+    ("/unpair", 400): plain("/unpair", **LACKING),
+    ("/unpair", 401): plain("/unpair", **WRONG),
+    ("/unpair", 404): plain("/unpair"),
+    ("/location", 200): locating(),
+    ("/location", 400): locating(**LACKING),
+    ("/location", 401): locating(**WRONG),
+    ("/location", 404): locate_as_an_unpaired_android,
+    ("/location", 409): locating(auth={"bssid": "02:00:00:00:00:01"}),
+    ("/location", 412): locating(counter=0),
+    ("/location", 424): locating(challenge=UNKNOWN_CHALLENGE),
+}
+DOCUMENTED = [
+    (path, status)
+    for path in PATHS
+    for status in CONTRACT.responses(path)
+    if status != UNPROVOKED
+]
+
+
+def test_every_documented_status_is_provoked_and_no_other() -> None:
+    assert set(PROVOKED) == set(DOCUMENTED)
+
+
+@pytest.mark.parametrize(("path", "status"), DOCUMENTED)
+def test_a_request_is_answered_with(
+    path: str, status: int, access_point: AccessPoint, caller: Caller
+) -> None:
+    assert PROVOKED[path, status](access_point, caller).status == status
+
+
+def test_the_list_of_pairings_keeps_to_its_schema(paired: Caller) -> None:
+    assert len(paired.send(paired.prepare("/pairings")).json()["pairings"]) == 1
+
+
+@pytest.mark.parametrize("path", BODY_PATHS)
+def test_what_the_phone_sends_keeps_to_the_schema_of(path: str, caller: Caller) -> None:
+    schema = CONTRACT.body_schema(path)
+    assert schema
+    CONTRACT.validate(json.loads(caller.prepare(path).body), schema)
+
+
+# Lengths. What a text of the right length is answered with when it is no right text otherwise.
+
+IN_LIMIT = {
+    "auth.username": 401,
+    "auth.password": 401,
+    "auth.challenge": 424,
+    "unpair.deviceId": 404,
+    "X-Attestation": 412,
+    "X-Assertion": 412,
+    "/location auth.deviceId": 412,  # no key is stored under it
+    "/location auth.bssid": 409,
+}
+LIMITS = [limit for path in PATHS for limit in CONTRACT.text_limits(path)]
+
+
+def text_of(length: int, where: str) -> str:
+    if where == "auth.deviceType":
+        return ("iOS" + "x" * length)[:length]
+    return ("A" if where.startswith("X-") else "x") * length
+
+
+def with_text(caller: Caller, limit: TextLimit, text: str) -> Prepared:
+    if limit.where.startswith("X-"):
+        request = caller.prepare(limit.path)
+        # One proof only: two would use the challenge up twice.
+        headers = {n: v for n, v in request.headers.items() if not n.startswith("X-A")}
+        return Prepared(request.path, request.body, {**headers, limit.where: text})
+    member, name = limit.where.split(".")
+    return caller.prepare(limit.path, **{member: {name: text}})
+
+
+def answer_to_length(caller: Caller, limit: TextLimit, length: int) -> int:
+    """The status; the body breaks the schema exactly when that is 400."""
+    # Paired each time: an attempt may unpair, and a good login resets the count of failed ones.
+    assert caller.phone.pair().status == 200
+    request = with_text(caller, limit, text_of(length, limit.where))
+    status = caller.send(request).status
+    if not limit.where.startswith("X-"):
+        schema = CONTRACT.body_schema(limit.path)
+        assert schema
+        with pytest.raises(jsonschema.ValidationError) if status == 400 else nullcontext():
+            CONTRACT.validate(json.loads(request.body), schema)
+    return status
+
+
+@pytest.mark.parametrize("limit", LIMITS, ids=str)
+def test_both_sides_of_the_limits_of(limit: TextLimit, caller: Caller) -> None:
+    expected = IN_LIMIT.get(str(limit), IN_LIMIT.get(limit.where, 200))
+    assert answer_to_length(caller, limit, limit.shortest) == expected
+    if limit.shortest > 0:
+        assert answer_to_length(caller, limit, limit.shortest - 1) == 400
+    if limit.longest is not None:
+        assert answer_to_length(caller, limit, limit.longest) == expected
+        assert answer_to_length(caller, limit, limit.longest + 1) == 400
+
+
+def test_lengths_are_counted_in_bytes_of_utf8(caller: Caller) -> None:
+    for text, status in (("ä" * 512, 200), ("ä" * 512 + "x", 400), ("ä" * 513, 400)):
+        assert caller.send(caller.prepare("/challenge", auth={"deviceId": text})).status == status
+
+
+def padded(phone: Phone, size: int) -> bytes:
+    plain_size = len(encode({"auth": phone.auth(), "x": ""}))
+    return encode({"auth": phone.auth(), "x": "x" * (size - plain_size)})
+
+
+def test_a_body_of_8192_bytes_is_read_and_a_larger_one_ends_the_connection(caller: Caller) -> None:
+    assert caller.raw("/challenge", padded(caller.phone, 8192)).status == 200
+    with pytest.raises((http.client.HTTPException, OSError)):
+        caller.raw("/challenge", padded(caller.phone, 8193))
+
+
+def test_a_header_value_of_8191_bytes_is_read_and_a_longer_one_ends_the_connection(
+    caller: Caller,
+) -> None:
+    request = caller.prepare("/challenge")
+    assert caller.send(request.with_headers(X_Other="x" * 8191)).status == 200
+    with pytest.raises((http.client.HTTPException, OSError)):
+        caller.send(request.with_headers(X_Other="x" * 8192))
+
+
+# What the description promises.
+
+
+@pytest.mark.parametrize("path", PATHS)
+@pytest.mark.parametrize("method", ["GET", "POST", "PUT", "DELETE", "PATCH", "OPTIONS"])
+def test_every_method_is_answered_alike(method: str, path: str, paired: Caller) -> None:
+    request = paired.prepare(path)
+    body = None if path == "/info" else request.body
+    reply = paired.phone.host.request(path, body, request.headers, method)
+    CONTRACT.check(path, reply)
+    assert reply.status == 200
+
+
+@pytest.mark.parametrize("path", PATHS)
+def test_a_query_is_ignored_and_the_path_is_compared_raw_for(path: str, paired: Caller) -> None:
+    request = paired.prepare(path)
+    send = paired.phone.host.request
+    escaped = f"/%{ord(path[1]):x}{path[2:]}"
+    for wrong in (path.upper(), path + "/", "/" + path, path + "x", escaped):
+        reply = send(wrong, request.body, request.headers)
+        assert (reply.status, reply.body) == (404, b""), wrong
+    assert send(path + "?a=b&c", request.body, request.headers).status == 200
+
+
+NO_BODIES: dict[str, bytes | None] = {
+    "no body": None,
+    "an empty body": b"",
+    "no JSON": b"auth",
+    "half of JSON": b'{"auth":{',
+    "a list": b"[]",
+    "a number": b"1",
+    "null": b"null",
+    "no auth": b"{}",
+    "auth that is a list": b'{"auth":[]}',
+    "auth that is text": b'{"auth":"x"}',
+    "an empty auth": b'{"auth":{}}',
+    "auth in capitals": b'{"AUTH":{}}',
+    "invalid UTF-8": b'{"auth":{"deviceId":"\xff"}}',
+    "a lone zero byte": b"\0",
+}
+
+
+@pytest.mark.parametrize("path", BODY_PATHS)
+@pytest.mark.parametrize("name", NO_BODIES)
+def test_a_body_is_refused_that_is(name: str, path: str, caller: Caller) -> None:
+    assert caller.raw(path, NO_BODIES[name], "POST").status == 400
+
+
+OTHER_KINDS: list[Any] = [OMIT, None, 1, True, [], {}, ["iOS"]]
+
+
+@pytest.mark.parametrize("path", BODY_PATHS)
+@pytest.mark.parametrize("name", ["deviceId", "deviceType", "bssid", "username", "password"])
+def test_a_member_of_another_kind_counts_as_absent(name: str, path: str, caller: Caller) -> None:
+    for value in OTHER_KINDS:
+        assert caller.send(caller.prepare(path, auth={name: value})).status == 400
+
+
+@pytest.mark.parametrize(("name", "status"), [
+    ("friendlyName", 400), ("pushToken", 400), ("deviceModel", 200), ("osVersion", 200),
+])  # fmt: skip
+def test_a_member_of_the_pairing_of_another_kind_counts_as_absent(
+    name: str, status: int, caller: Caller
+) -> None:
+    for value in OTHER_KINDS:
+        assert caller.send(caller.phone.prepare_pair(pair={name: value})).status == status
+
+
+def test_member_names_are_case_sensitive_and_of_doubled_ones_the_first_counts(
+    caller: Caller,
+) -> None:
+    auth = caller.phone.auth()
+    right = f'"password":{json.dumps(auth.pop("password"))}'
+    rest = json.dumps(auth)[1:]
+    for password, status in (
+        (f'{right},"password":"wrong"', 200),
+        (f'"password":"wrong",{right}', 401),
+        (right.replace("password", "Password"), 400),
+    ):
+        body = f'{{"auth":{{{password},{rest}}}'.encode()
+        assert caller.raw("/challenge", body).status == status
+
+
+@pytest.mark.parametrize("zero", [b"\0", b"\\u0000"])
+def test_a_zero_byte_inside_a_string_is_refused(zero: bytes, caller: Caller) -> None:
+    body = caller.prepare("/challenge", auth={"deviceId": "a@b"}).body
+    assert caller.raw("/challenge", body.replace(b"@", zero)).status == 400
+
+
+@pytest.mark.parametrize("device_type", ["ios", "IOS", "iOS 17", "Android", "aNDROIDx"])
+def test_device_types_that_are_known(device_type: str, caller: Caller) -> None:
+    request = caller.prepare("/challenge", auth={"deviceType": device_type})
+    assert caller.send(request).status == 200
+
+
+@pytest.mark.parametrize("device_type", ["Windows", " iOS", "io", "Andro", "xiOS"])
+def test_device_types_that_are_not(device_type: str, caller: Caller) -> None:
+    request = caller.prepare("/challenge", auth={"deviceType": device_type})
+    assert caller.send(request).status == 400
+
+
+def test_pairing_takes_one_of_the_two_proofs(paired: Caller) -> None:
+    unproven = paired.phone.prepare("/pair", auth={"challenge": paired.phone.fetch_challenge()})
+    assert paired.send(unproven).status == 400
+    both = paired.phone.signed(paired.prepare("/pair"))
+    assert paired.send(both).status == 424
+    assert paired.send(paired.phone.prepare_pair(by="assertion")).status == 200
+
+
+@pytest.mark.parametrize(("path", "header", "status"), [
+    ("/pair", "X-Attestation", 400), ("/pair", "X-Assertion", 412),
+    ("/location", "X-Assertion", 412),
+])  # fmt: skip
+@pytest.mark.parametrize("value", ["AAA", "AAAAA", "AA==AAAA", "A-_A", "A A=", "===="])
+def test_a_proof_that_is_no_base64(
+    path: str, header: str, status: int, value: str, paired: Caller
+) -> None:
+    limit = TextLimit(path, header, 1, None)
+    assert paired.send(with_text(paired, limit, value)).status == status
+
+
+@pytest.mark.parametrize("path", SIGNED_PATHS)
+@pytest.mark.parametrize("value", [OMIT, "", 1, None])
+def test_a_proven_request_needs_a_challenge(path: str, value: Any, paired: Caller) -> None:
+    assert paired.send(paired.prepare(path, auth={"challenge": value})).status == 400
+
+
+@pytest.mark.parametrize("path", ["/challenge", "/pairings", "/unpair"])
+def test_a_login_alone_takes_no_notice_of_a_challenge(path: str, paired: Caller) -> None:
+    assert paired.send(paired.prepare(path, auth={"challenge": "x" * 2000})).status == 200
+
+
+STRANGE_LOCATIONS: list[Any] = [
+    {}, [{}], [1], ["x"], [None], [[]], {"latitude": "north"}, {"timestamp": 1}, {"more": {}},
+    sample_location(latitude=1e308, longitude=-1e308), sample_location(rssi=1e30),
+    sample_location(timestamp="soon"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("location", STRANGE_LOCATIONS, ids=repr)
+def test_nothing_of_a_location_is_refused(location: Any, paired: Caller) -> None:
+    assert paired.send(paired.phone.prepare_location(location)).status == 200
+
+
+@pytest.mark.parametrize("location", [OMIT, None, 1, "here", True, []], ids=repr)
+def test_a_location_must_be_there(location: Any, paired: Caller) -> None:
+    request = paired.phone.prepare_location(members={"location": location})
+    assert paired.send(request).status == 400
+
+
+def test_the_checks_of_a_location_run_in_their_order(paired: Caller) -> None:
+    """Each request is wrong in all that comes after, too."""
+    wrong: dict[str, Any] = {"bssid": "no address", "password": "wrong"}
+    phone = paired.phone
+    unproven = phone.prepare_location(auth=wrong, counter=0)
+    assert paired.send(unproven).status == 412
+    assert paired.send(phone.prepare_location(auth=wrong)).status == 401
+    del wrong["password"]
+    assert paired.send(phone.prepare_location(auth=wrong)).status == 409
+    assert paired.send(phone.prepare_location(auth={"bssid": BSSIDS[2].lower()})).status == 200
+
+
+def test_a_blocked_login_is_answered_like_a_wrong_one(caller: Caller) -> None:
+    for _ in range(5):
+        assert caller.send(caller.prepare("/challenge", **WRONG)).status == 401
+    for path in ("/challenge", "/pairings", "/unpair"):
+        assert caller.send(caller.prepare(path)).status == 401
+
+
+def test_a_proof_in_base64_of_any_bytes_is_judged_not_dropped(paired: Caller) -> None:
+    for content in (b"\xff" * 64, b"\xa0", b"\x00" * 3000):
+        value = base64.b64encode(content).decode()
+        for path, header in (("/pair", "X-Attestation"), ("/location", "X-Assertion")):
+            limit = TextLimit(path, header, 1, None)
+            assert paired.send(with_text(paired, limit, value)).status == 412
