@@ -1,0 +1,64 @@
+"""Do the documents speak of files, tests and programs that are there?"""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+
+import pytest
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+DOCUMENTS = sorted([REPOSITORY / "README.md", *REPOSITORY.glob("docs/*.md"),
+                    REPOSITORY / "tests" / "README.md"])  # fmt: skip
+SHORT = {"u/": "tests/unit/", "e/": "tests/e2e/"}
+
+
+def limit_rows() -> list[list[str]]:
+    """The cells of each row of docs/limits.md that states a bound."""
+    text = (REPOSITORY / "docs" / "limits.md").read_text()
+    rows = [
+        [cell.strip() for cell in line.strip("|").split("|")]
+        for line in text.splitlines()
+        if line.startswith("|")
+    ]
+    return [row for row in rows if row[0] != "bound" and not row[0].startswith("--")]
+
+
+def full_path(name: str) -> Path:
+    for short, long in SHORT.items():
+        if name.startswith(short):
+            return REPOSITORY / (long + name.removeprefix(short))
+    return REPOSITORY / name
+
+
+@pytest.mark.parametrize("row", limit_rows(), ids=lambda row: row[0][:40])
+def test_a_limit_names_its_reason_its_place_and_its_test(row: list[str]) -> None:
+    _bound, reason, where, tests = row
+    assert reason
+    places = re.findall(r"`([^`]+)`", where)
+    assert places and all(full_path(place).is_file() for place in places), where
+    if tests.startswith("none"):
+        return
+    for part in tests.split(";"):
+        found = re.fullmatch(r"`([^`]+)` (\w+(?:, \w+)*)", part.strip())
+        assert found, part
+        code = full_path(found.group(1)).read_text()
+        for name in found.group(2).split(", "):
+            assert re.search(rf"\b{name}\b", code), f"{name} is not in {found.group(1)}"
+
+
+@pytest.mark.parametrize("document", DOCUMENTS, ids=lambda path: path.name)
+def test_links_lead_to_files(document: Path) -> None:
+    links = re.findall(r"\]\((?!https?:|#)([^)#]+)\)", document.read_text())
+    missing = [link for link in links if not (document.parent / link).exists()]
+    assert not missing
+
+
+@pytest.mark.parametrize("document", DOCUMENTS, ids=lambda path: path.name)
+def test_scripts_and_presets_exist(document: Path) -> None:
+    text = document.read_text()
+    missing = [name for name in re.findall(r"\./(scripts/[\w.-]+)", text)
+               if not (REPOSITORY / name).is_file()]  # fmt: skip
+    presets = (REPOSITORY / "CMakePresets.json").read_text()
+    missing += [name for name in re.findall(r"--preset (\w+)", text) if f'"{name}"' not in presets]
+    assert not missing
