@@ -16,11 +16,13 @@ class BuildError(RuntimeError):
 
 
 class Build:
-    """A CMake build directory, such as build/release; the one named asan is instrumented."""
+    """A CMake build directory, such as build/release; the ones named asan and coverage
+    are instrumented."""
 
     def __init__(self, directory: Path | str) -> None:
         self.directory = Path(directory).resolve()
         self.is_asan = "asan" in self.directory.name
+        self.is_coverage = "coverage" in self.directory.name
         missing = [name for name in PROGRAMS if not self.program(name).is_file()]
         if missing:
             raise BuildError(f"{self.directory} lacks {', '.join(missing)}: build it first")
@@ -31,8 +33,16 @@ class Build:
     @functools.cached_property
     def leak_probe(self) -> Path:
         """A library that makes an instrumented daemon look for leaks when told to."""
-        source = Path(__file__).with_name("leak_probe.c")
-        library = self.directory / "leak_probe.so"
+        return self._probe("leak_probe")
+
+    @functools.cached_property
+    def coverage_probe(self) -> Path:
+        """A library that makes a daemon with coverage counters write them when it is ended."""
+        return self._probe("coverage_probe")
+
+    def _probe(self, name: str) -> Path:
+        source = Path(__file__).with_name(f"{name}.c")
+        library = self.directory / f"{name}.so"
         if not library.exists() or library.stat().st_mtime < source.stat().st_mtime:
             command = ["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", library, source]
             subprocess.run(command, check=True)

@@ -64,6 +64,8 @@ class Daemon:
             environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
             environment["VELM_LEAK_PROBE_DONE"] = str(self._leak_verdict)
             preload.append(str(self.build.leak_probe))
+        if self.build.is_coverage:
+            preload.append(str(self.build.coverage_probe))
         if self.clock:
             self.move_clock(0)
             environment.update(

@@ -1,0 +1,49 @@
+#!/bin/sh
+# Prints the line coverage of src/: by the unit tests, by the end-to-end tests, and by both.
+# Builds the preset "coverage" first; wants root for the end-to-end tests, and gcovr.
+# A test that fails does not stop it: the figures are of what ran.
+set -eu
+cd "$(dirname "$0")/.."
+
+if ! command -v gcovr >/dev/null; then
+    echo "gcovr is missing: apt-get install gcovr" >&2
+    exit 1
+fi
+./scripts/install-dependencies.sh
+
+build=build/coverage
+results=$build/coverage-results
+mkdir -p "$results"
+cmake --preset coverage >"$results/configure.log"
+cmake --build --preset coverage >"$results/build.log"
+
+forget() {
+    find "$build" -name '*.gcda' -delete
+}
+
+trace() { # NAME: keeps what was counted since forget
+    gcovr --root . --object-directory "$build" --filter 'src/' --exclude-throw-branches \
+        --json "$results/$1.json" "$build/src"
+}
+
+report() { # TITLE TRACE...
+    printf '\n== %s\n' "$1"
+    shift
+    for name in "$@"; do
+        set -- "$@" --add-tracefile "$results/$name.json"
+        shift
+    done
+    gcovr --root . --txt "$@"
+}
+
+forget
+ctest --test-dir "$build" -j "$(nproc)" >"$results/unit.log" || tail -n 20 "$results/unit.log"
+trace unit
+forget
+/usr/bin/python3 -m pytest -q -p no:cacheprovider --build "$build" tests/e2e >"$results/e2e.log" ||
+    tail -n 20 "$results/e2e.log"
+trace e2e
+
+report "unit tests" unit
+report "end-to-end tests" e2e
+report "both" unit e2e
