@@ -8,8 +8,8 @@ install_dependencies() (
         build-essential cmake ninja-build pkg-config git
         libevent-dev libevhtp-dev libonig-dev libssl-dev libcbor-dev libcjose-dev libjansson-dev
         libcjson-dev libcrypt-dev libgtest-dev libgmock-dev libbenchmark-dev
-        python3 python3-pytest python3-cbor2 python3-cryptography python3-jwcrypto python3-yaml
-        python3-jsonschema faketime iproute2 socat curl openssl procps mandoc util-linux
+        python3 python3-pytest python3-pytest-xdist python3-cbor2 python3-cryptography
+        python3-jwcrypto python3-yaml python3-jsonschema faketime iproute2 socat curl openssl procps mandoc util-linux
     "
     missing=
     for package in $packages; do

@@ -40,8 +40,9 @@ unit() {
 }
 
 python_tests() { # PRESET NAME FOLDER
-    /usr/bin/python3 -m pytest -q -p no:cacheprovider --build "build/$1" \
-        --junitxml="$results/$2-$1.xml" "$3"
+    # More processes than cores: most tests wait for a daemon, a few for half a minute.
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider -n 4 --dist loadgroup \
+        --build="build/$1" --junitxml="$results/$2-$1.xml" "$3"
 }
 
 for preset in "${presets[@]}"; do

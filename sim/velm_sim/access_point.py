@@ -191,14 +191,16 @@ class AccessPoint:
         clock: bool = False,
         arguments: Sequence[str] | None = None,
         environment: Mapping[str, str] | None = None,
+        through: Sequence[str] = (),
     ) -> Daemon:
-        """A daemon that is not started yet. `arguments` replace "-c FILE"."""
+        """A daemon that is not started yet. `arguments` replace "-c FILE"; `through` is a command
+        that runs it."""
         self.configure({"process.daemonize": "yes" if daemonize else "no"})
         given = ["-c", str(self.configuration_file)] if arguments is None else list(arguments)
         self._daemon = Daemon(
             build=self.build,
             directory=self.directory,
-            command=self.inside(str(self.build.program("velmd")), *given),
+            command=self.inside(*through, str(self.build.program("velmd")), *given),
             environment={**self.environment, **(environment or {})},
             port=self.port,
             socket_path=self.socket_path,

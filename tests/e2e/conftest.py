@@ -34,6 +34,11 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
             return
 
 
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Waiting costs nothing while other processes test: it must not come last."""
+    items.sort(key=lambda item: item.get_closest_marker("waits") is None)
+
+
 @pytest.fixture(scope="session")
 def build(pytestconfig: pytest.Config) -> Build:
     try:

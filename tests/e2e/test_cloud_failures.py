@@ -77,6 +77,7 @@ def test_nothing_is_said_to_a_cloud_whose_certificate_is(
     assert_still_serving(access_point, paired_phone, ipc)
 
 
+@pytest.mark.waits
 @pytest.mark.parametrize("silent", ["before the handshake", "after the request"])
 def test_a_silent_cloud_is_given_up_after_ten_seconds(
     silent: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
@@ -90,6 +91,7 @@ def test_a_silent_cloud_is_given_up_after_ten_seconds(
     assert_still_serving(access_point, paired_phone, ipc)
 
 
+@pytest.mark.waits
 def test_a_dripping_cloud_is_given_up_after_ten_seconds(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:

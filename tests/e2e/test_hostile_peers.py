@@ -71,6 +71,7 @@ def is_closed(connection: socket.socket) -> bool:
     return True
 
 
+@pytest.mark.waits
 def test_stalled_connections_are_closed_after_a_bounded_time(access_point: AccessPoint) -> None:
     before = access_point.daemon.descriptors()
     # Addresses differ, since one address may hold a few connections only.
@@ -89,6 +90,7 @@ def test_stalled_connections_are_closed_after_a_bounded_time(access_point: Acces
     wait_until(lambda: access_point.daemon.descriptors() <= before, 5, "descriptors stay open")
 
 
+@pytest.mark.waits
 def test_a_dripped_request_is_ended_after_a_bounded_time(access_point: AccessPoint) -> None:
     host = access_point.lan_host()
     start = time.monotonic()

@@ -26,6 +26,9 @@ PLATFORM_FUNCTIONS = {
     "dm_register_app_restart_info",
 }
 BUILD_LIMIT_S = 900
+
+# Built once, in the one process that runs this group.
+pytestmark = pytest.mark.xdist_group("vendor")
 WAIT_LIMIT_S = 20
 
 
@@ -57,8 +60,12 @@ def wait_until(holds: Callable[[], bool], what: str) -> None:
 
 
 @pytest.fixture(scope="module")
-def vendor_build(tmp_path_factory: pytest.TempPathFactory) -> Path:
+def vendor_build(
+    tmp_path_factory: pytest.TempPathFactory, pytestconfig: pytest.Config
+) -> Path:
     """The build directory of a daemon linked with the vendor's library."""
+    if "asan" in Path(pytestconfig.getoption("--build")).name:
+        pytest.skip("makes its own build, the same for every build under test")
     place = tmp_path_factory.mktemp("vendor")
     cmake_build(REPOSITORY / "tests" / "vendor", place / "library", "vendor_platform")
     library = place / "library" / "libvendor_platform.so"
