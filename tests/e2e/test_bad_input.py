@@ -1,0 +1,377 @@
+"""Bad input of every kind gets its status, an empty body and a log line, and is stored nowhere."""
+
+from __future__ import annotations
+
+import dataclasses
+from collections.abc import Callable, Iterator
+
+import pytest
+from velm_sim.access_point import AccessPoint
+from velm_sim.app_attest import AttestKey
+from velm_sim.certificates import DAY, make_authority, now, p256, p384
+from velm_sim.etc_files import ROOT
+from velm_sim.ipc_client import REPORT, REQUEST, IpcClient
+from velm_sim.phone import OMIT, Phone, Prepared
+
+LOGIN_PATHS = ("/challenge", "/pairings", "/unpair")
+SIGNED_PATHS = ("/pair by attestation", "/pair by assertion", "/location")
+# What the machine of the checks says of a request that is refused with this status.
+BROKEN = {400: "break: 1", 424: "break: 2", 412: "break: 3", 401: "break: 4", 404: "break: 5"}
+
+Make = Callable[[Phone], Prepared]
+
+
+@dataclasses.dataclass(frozen=True)
+class Bad:
+    """A request, the status that it gets and what the log says of it."""
+
+    make: Make
+    status: int
+    logged: str
+
+
+def prepare(phone: Phone, path: str, **changes: object) -> Prepared:
+    """A request that would be right but for the changes."""
+    if path == "/pair by attestation":
+        return phone.prepare_pair(**changes)
+    if path == "/pair by assertion":
+        return phone.prepare_pair(by="assertion", **changes)
+    if path == "/location":
+        return phone.prepare_location(**changes)
+    members = {"unpair": {"deviceId": phone.profile.device_id}} if path == "/unpair" else None
+    return phone.prepare(path, members, **changes)  # type: ignore[arg-type]
+
+
+def outcome(access_point: AccessPoint, phone: Phone, bad: Bad) -> str:
+    """Empty when all is as it should be."""
+    stored, mark = access_point.nvram_show(), access_point.daemon.log_mark()
+    request = bad.make(phone)
+    reply = phone.send(request)
+    found = []
+    if (reply.status, reply.body) != (bad.status, b""):
+        found.append(f"answered {reply.status} {reply.body!r} instead of {bad.status}")
+    if bad.logged not in access_point.log(mark):
+        found.append(f"{bad.logged!r} is not logged")
+    if access_point.nvram_show() != stored:
+        found.append("nvram has changed")
+    return ", ".join(found)
+
+
+def outcomes(access_point: AccessPoint, phone: Phone, cases: dict[str, Bad]) -> dict[str, str]:
+    """What is wrong, by the name of the case."""
+    found = {name: outcome(access_point, phone, bad) for name, bad in cases.items()}
+    return {name: text for name, text in found.items() if text}
+
+
+@pytest.fixture
+def silent_client(access_point: AccessPoint) -> Iterator[None]:
+    """No local client hears anything of bad input."""
+    with IpcClient(access_point.socket_path) as client:
+        yield
+        assert client.is_silent(0.05)
+
+
+BODIES: dict[str, tuple[bytes, str]] = {
+    "empty": (b"", "no data"),
+    "no JSON": (b"hello", "cannot parse json data"),
+    "cut": (b'{"auth": {"deviceId": "x"', "cannot parse json data"),
+    "binary": (bytes(range(256)), "cannot parse json data"),
+    "invalid UTF-8": (b'{"auth": {"deviceId": "\xff\xfe"}}', "cannot parse json data"),
+    "a NUL in a string": (b'{"auth": {"deviceId": "a\\u0000b"}}', "cannot parse json data"),
+    "a number": (b"17", "no auth data"),
+    "a list": (b'[{"auth": {}}]', "no auth data"),
+    "deeply nested": (b"[" * 4000, "cannot parse json data"),
+    "without auth": (b'{"Auth": {}}', "no auth data"),
+    "auth a string": (b'{"auth": "x"}', "invalid auth data"),
+    "auth a list": (b'{"auth": []}', "invalid auth data"),
+    "auth null": (b'{"auth": null}', "invalid auth data"),
+}
+
+
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+def test_a_bad_body_of(
+    path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    cases = {
+        name: Bad(lambda phone, body=body: prepare(phone, path).with_body(body), 400, logged)
+        for name, (body, logged) in BODIES.items()
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def bad_auths() -> dict[str, dict[str, object]]:
+    made: dict[str, dict[str, object]] = {}
+    # How long each may be.
+    limits = {"deviceId": 1024, "deviceType": 64, "bssid": 64, "username": 1024, "password": 1024}
+    for name, limit in limits.items():
+        word = "iOS" if name == "deviceType" else ""
+        made[f"no {name}"] = {name: OMIT}
+        made[f"empty {name}"] = {name: ""}
+        made[f"{name} a number"] = {name: 5}
+        made[f"{name} null"] = {name: None}
+        made[f"{name} too long"] = {name: word.ljust(limit + 1, "x")}
+    made["an unknown device type"] = {"deviceType": "Windows"}
+    return made
+
+
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+def test_a_bad_member_of_auth_of(
+    path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    cases = {
+        name: Bad(lambda phone, auth=auth: prepare(phone, path, auth=auth), 400, BROKEN[400])
+        for name, auth in bad_auths().items()
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+def test_a_wrong_login_of(
+    path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    logins = {
+        "wrong password": {"password": "wrong"},
+        "unknown user": {"username": "nobody-here"},
+        "root": {"username": ROOT.username, "password": ROOT.password},
+        "an account without password": {"username": "empty", "password": "x"},
+    }
+    cases = {
+        name: Bad(lambda phone, auth=auth: prepare(phone, path, auth=auth), 401, BROKEN[401])
+        for name, auth in logins.items()
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+@pytest.mark.parametrize("path", ["/pair by assertion", "/location"])
+def test_a_bad_assertion_of(
+    path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    def bent(**bend: object) -> Make:
+        return lambda phone: prepare(phone, path, **bend)
+
+    def headed(value: str) -> Make:
+        return lambda phone: prepare(phone, path).with_headers(X_Assertion=value)
+
+    cases = {
+        "a challenge that nobody gave": Bad(bent(challenge="0" * 32), 424, BROKEN[424]),
+        "no challenge": Bad(bent(auth={"challenge": OMIT}), 400, BROKEN[400]),
+        "an empty challenge": Bad(bent(challenge=""), 400, BROKEN[400]),
+        "a long challenge": Bad(bent(challenge="0" * 1025), 400, BROKEN[400]),
+        "an empty header": Bad(headed(""), 400, BROKEN[400]),
+        "a long header": Bad(headed("A" * 16385), 400, BROKEN[400]),
+        "no base64": Bad(headed("*" * 40), 412, BROKEN[412]),
+        "no CBOR": Bad(headed("/////w=="), 412, "Cannot decode CBOR"),
+        "an attestation": Bad(
+            lambda phone: prepare(phone, path).with_headers(
+                X_Assertion=phone.prepare_pair().headers["X-Attestation"]
+            ),
+            412,
+            "Cannot create assertion obj",
+        ),
+        "a third member": Bad(bent(extra={"x": b"y"}), 412, "Cannot create assertion obj"),
+        "short authenticator data": Bad(bent(auth_data=bytes(36)), 412, "Cannot extract auth data"),
+        "another key": Bad(bent(signing_key=p256()), 412, "Invalid signature"),
+        "another body": Bad(bent(client_data_hash=bytes(32)), 412, "Invalid signature"),
+        "another app": Bad(bent(rp_id="X.other"), 412, "AppId mismatch"),
+        "counter 0": Bad(bent(counter=0), 412, "Invalid counter"),
+        "another phone": Bad(bent(auth={"deviceId": "somebody else"}), 412, "no pairing"),
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def test_a_bad_attestation(
+    access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    def bent(**bend: object) -> Make:
+        return lambda phone: phone.prepare_pair(**bend)
+
+    def headed(value: str) -> Make:
+        return lambda phone: phone.prepare_pair().with_headers(X_Attestation=value)
+
+    stranger = make_authority("Some other CA", p384())
+    cases = {
+        "neither header": Bad(
+            lambda phone: phone.prepare("/pair", {"pair": {}}), 400, "no attestation data"
+        ),
+        "a challenge that nobody gave": Bad(
+            bent(challenge="0" * 32), 424, "failure (challenge)"
+        ),
+        "no challenge": Bad(bent(auth={"challenge": OMIT}), 400, "http_method_pair"),
+        "an empty header": Bad(headed(""), 400, "http_method_pair"),
+        "a long header": Bad(headed("A" * 16385), 400, "http_method_pair"),
+        "no base64": Bad(headed("*" * 40), 400, "Base64 decode failed"),
+        "no CBOR": Bad(headed("/////w=="), 412, "Cannot decode CBOR"),
+        "a fourth member": Bad(bent(extra={"x": b"y"}), 412, "Cannot create attestation obj"),
+        "one certificate": Bad(bent(x5c=[b"x"]), 412, "Cannot create attestation obj"),
+        "bad certificates": Bad(bent(x5c=[b"x", b"y"]), 412, "Invalid ca chain"),
+        "an unknown authority": Bad(bent(leaf_issuer=stranger), 412, "Invalid ca chain"),
+        "expired": Bad(
+            bent(not_before=now() - 5 * DAY, not_after=now() - DAY), 412, "Invalid ca chain"
+        ),
+        "not valid yet": Bad(
+            bent(not_before=now() + DAY, not_after=now() + 3 * DAY), 412, "Invalid ca chain"
+        ),
+        "the nonce of another body": Bad(bent(client_data_hash=bytes(32)), 412, "OID mismatch"),
+        "no nonce": Bad(bent(omit_nonce_extension=True), 412, "Cannot extract OID"),
+        "another app": Bad(bent(rp_id="X.other"), 412, "AppId mismatch"),
+        "counter 1": Bad(bent(counter=1), 412, "Invalid counter"),
+        "another environment": Bad(bent(aaguid=bytes(16)), 412, "Aaguid mismatch"),
+        "the id of another key": Bad(bent(credential_id=bytes(32)), 412, "Invalid credential id"),
+        "short authenticator data": Bad(bent(auth_data=bytes(54)), 412, "Cannot extract auth data"),
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+    assert "failure (attestation)" in access_point.log()
+
+
+@pytest.mark.parametrize("path", ["/pair by attestation", "/pair by assertion"])
+def test_a_bad_description_of_the_phone(
+    path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    def described(**pair: object) -> Make:
+        return lambda phone: prepare(phone, path, pair=pair)
+
+    def instead(pair: object) -> Make:
+        return lambda phone: prepare(phone, path, members={"pair": pair})
+
+    cases = {
+        "none": Bad(instead(OMIT), 400, "no pair data"),
+        "a text": Bad(instead("phone"), 400, "invalid pair data"),
+        "a list": Bad(instead([]), 400, "invalid pair data"),
+        "no name": Bad(described(friendlyName=OMIT), 400, "no friendly name"),
+        "an empty name": Bad(described(friendlyName=""), 400, "no friendly name"),
+        "a name too long": Bad(described(friendlyName="x" * 1025), 400, "no friendly name"),
+        "a name that is a number": Bad(described(friendlyName=1), 400, "no friendly name"),
+        "no token": Bad(described(pushToken=OMIT), 400, "no push token"),
+        "an empty token": Bad(described(pushToken=""), 400, "no push token"),
+        "a token too long": Bad(described(pushToken="x" * 2049), 400, "no push token"),
+        "a model too long": Bad(described(deviceModel="x" * 65), 400, "invalid device model"),
+        "a version too long": Bad(described(osVersion="x" * 65), 400, "invalid os version"),
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def test_a_phone_too_many(cold_access_point: AccessPoint) -> None:
+    cold_access_point.configure({"pairings.limit": "1"})
+    cold_access_point.start()
+    assert cold_access_point.phone().pair().status == 200
+    other = cold_access_point.phone(1)
+    bad = Bad(lambda phone: phone.prepare_pair(), 403, "pairings limit reached")
+    assert outcome(cold_access_point, other, bad) == ""
+
+
+def test_a_bad_choice_of_the_phone_to_remove(
+    access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    def instead(members: dict[str, object]) -> Make:
+        return lambda phone: phone.prepare("/unpair", members)
+
+    cases = {
+        "none": Bad(instead({}), 400, "no unpair data"),
+        "a text": Bad(instead({"unpair": "x"}), 400, "invalid unpair data"),
+        "no id": Bad(instead({"unpair": {}}), 400, "no deviceId"),
+        "an empty id": Bad(instead({"unpair": {"deviceId": ""}}), 400, "no deviceId"),
+        "an unknown id": Bad(instead({"unpair": {"deviceId": "x"}}), 404, "no pairing: x"),
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def test_a_bad_location(
+    access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    def instead(location: object) -> Make:
+        return lambda phone: phone.prepare_location(members={"location": location})
+
+    def from_bssid(bssid: str) -> Make:
+        return lambda phone: phone.prepare_location(auth={"bssid": bssid})
+
+    cases = {
+        "none": Bad(instead(OMIT), 400, "no location data"),
+        "an empty list": Bad(instead([]), 400, "no location data"),
+        "a text": Bad(instead("here"), 400, "invalid location data"),
+        "a number": Bad(instead(1), 400, "invalid location data"),
+        "null": Bad(instead(None), 400, "invalid location data"),
+        "true": Bad(instead(True), 400, "invalid location data"),
+        "another BSSID": Bad(from_bssid("02:00:00:00:00:01"), 409, "unknown bssid"),
+        "no BSSID at all": Bad(from_bssid("here"), 409, "invalid bssid"),
+    }
+    assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def test_the_location_of_a_phone_that_was_removed(
+    access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    assert paired_phone.unpair().status == 200
+    bad = Bad(lambda phone: phone.prepare_location(), 412, "no pairing")
+    assert outcome(access_point, paired_phone, bad) == ""
+
+
+@pytest.mark.parametrize(
+    "path", ["/", "/pai", "/pairingsX", "/pairings/", "/INFO", "/info/", "/infox", "//info"]
+)
+def test_an_unknown_path(path: str, access_point: AccessPoint, phone: Phone) -> None:
+    bad = Bad(lambda phone: dataclasses.replace(phone.prepare("/info"), path=path), 404, "")
+    assert outcome(access_point, phone, bad) == ""
+
+
+NO_REQUESTS: dict[str, tuple[bytes, str]] = {
+    "a body that is announced too long": (
+        b"POST /challenge HTTP/1.1\r\nContent-Length: 8193\r\n\r\n",
+        "body too long",
+    ),
+    "a body that becomes too long": (
+        b"POST /challenge HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+        + b"1000\r\n" + b"x" * 4096 + b"\r\n1000\r\n" + b"x" * 4096 + b"\r\n1\r\nx\r\n0\r\n\r\n",
+        "",
+    ),
+    "a header too long": (
+        b"GET /info HTTP/1.1\r\nX: " + b"x" * 8192 + b"\r\n\r\n",
+        "header too long",
+    ),
+    "too many headers": (b"GET /info HTTP/1.1\r\n" + b"X: y\r\n" * 101 + b"\r\n", "too many headers"),
+    "a head without end": (b"GET /info HTTP/1.1\r\n" + b"X: y\r\n" * 20000, "head too long"),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("name", NO_REQUESTS)
+def test_the_connection_is_closed_after(
+    name: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
+) -> None:
+    sent, logged = NO_REQUESTS[name]
+    stored, mark = access_point.nvram_show(), access_point.daemon.log_mark()
+    with access_point.lan_host().connect_tls() as tls:
+        tls.sendall(sent)
+        try:
+            assert tls.recv(4096) == b""
+        except ConnectionResetError:
+            pass  # closed with our bytes unread
+    assert logged in access_point.log(mark)
+    assert access_point.nvram_show() == stored
+    assert paired_phone.info().status == 200
+
+
+BAD_FRAMES: dict[str, bytes] = {
+    "another type": REPORT.to_bytes(2, "little") + bytes(154),
+    "another length": REQUEST.to_bytes(2, "little") + (139).to_bytes(2, "little") + bytes(151),
+    "half a header": b"\0\x10\x8c",
+    "nothing but zeros": bytes(1000),
+}
+
+
+@pytest.mark.parametrize("name", BAD_FRAMES)
+def test_a_frame_of_a_local_client_that_is(
+    name: str, access_point: AccessPoint, paired_phone: Phone
+) -> None:
+    stored = access_point.nvram_show()
+    with IpcClient(access_point.socket_path) as client:
+        client.send(BAD_FRAMES[name])
+        assert client.is_silent(0.05)
+    with IpcClient(access_point.socket_path) as other:
+        assert paired_phone.location().status == 200
+        assert other.receive_report().valid == 1
+    assert access_point.nvram_show() == stored
+
+
+def test_a_key_that_was_never_attested(access_point: AccessPoint, paired_phone: Phone) -> None:
+    paired_phone.key = AttestKey.generate()
+    bad = Bad(lambda phone: phone.prepare_location(), 412, "Invalid signature")
+    assert outcome(access_point, paired_phone, bad) == ""
