@@ -35,8 +35,8 @@ def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Waiting costs nothing while other processes test: it must not come last."""
-    items.sort(key=lambda item: item.get_closest_marker("waits") is None)
+    """What takes long must not come last: other processes test meanwhile."""
+    items.sort(key=lambda item: item.get_closest_marker("begun_first") is None)
 
 
 @pytest.fixture(scope="session")

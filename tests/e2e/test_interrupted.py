@@ -1,7 +1,7 @@
 """Whoever goes away in the middle of something harms nobody: phones, clients, the cloud, a reload.
 
-The instrumented build makes these tests strict: at the end of each, a touch of freed memory or a leak
-is a failure.
+The instrumented build makes these tests strict: at the end of each, a touch of freed memory or a
+leak is a failure.
 """
 
 from __future__ import annotations

@@ -27,8 +27,8 @@ PLATFORM_FUNCTIONS = {
 }
 BUILD_LIMIT_S = 900
 
-# Built once, in the one process that runs this group.
-pytestmark = pytest.mark.xdist_group("vendor")
+# Built once, in the one process that runs this group, while the others test.
+pytestmark = [pytest.mark.xdist_group("vendor"), pytest.mark.begun_first]
 WAIT_LIMIT_S = 20
 
 
