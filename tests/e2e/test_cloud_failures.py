@@ -53,6 +53,28 @@ def test_no_push_without_a_token_when_the_token_endpoint(
     assert not cloud.fcm.requests
 
 
+@pytest.mark.parametrize(("length", "accepted"), [(1 << 20, True), ((1 << 20) + 1, False)])
+def test_the_largest_answer_is_a_mebibyte(
+    length: int,
+    accepted: bool,
+    access_point: AccessPoint,
+    cloud: Cloud,
+    paired_phone: Phone,
+    ipc: IpcClient,
+) -> None:
+    body = b'{"access_token": "t", "expires_in": 3600}'.ljust(length)
+    cloud.token.answer_next(Answer(body=body))
+    ipc.request()
+    if accepted:
+        (push,) = cloud.fcm.wait()
+        assert push.headers["authorization"] == "Bearer t"
+    else:
+        access_point.daemon.wait_log("http request failed")
+        time.sleep(1.2)  # a push would leave after a second
+        assert not cloud.fcm.requests
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
 @pytest.mark.parametrize("name", FAILURES)
 def test_a_phone_stays_paired_when_the_push_service(
     name: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
@@ -77,7 +99,7 @@ def test_nothing_is_said_to_a_cloud_whose_certificate_is(
     assert_still_serving(access_point, paired_phone, ipc)
 
 
-@pytest.mark.waits
+@pytest.mark.begun_first
 @pytest.mark.parametrize("silent", ["before the handshake", "after the request"])
 def test_a_silent_cloud_is_given_up_after_ten_seconds(
     silent: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
@@ -91,7 +113,7 @@ def test_a_silent_cloud_is_given_up_after_ten_seconds(
     assert_still_serving(access_point, paired_phone, ipc)
 
 
-@pytest.mark.waits
+@pytest.mark.begun_first
 def test_a_dripping_cloud_is_given_up_after_ten_seconds(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
