@@ -108,6 +108,7 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
     } else if (is_path(req, route_pairings)) {
         begin_route(req, route_pairings);
     } else {
+        LOG_WARN("%s - unknown path", __func__);
         http_server_reply_status(req, EVHTP_RES_NOTFOUND);
     }
 }

@@ -309,7 +309,7 @@ def test_the_location_of_a_phone_that_was_removed(
     "path", ["/", "/pai", "/pairingsX", "/pairings/", "/INFO", "/info/", "/infox", "//info"]
 )
 def test_an_unknown_path(path: str, access_point: AccessPoint, phone: Phone) -> None:
-    bad = Bad(lambda phone: dataclasses.replace(phone.prepare("/info"), path=path), 404, "")
+    bad = Bad(lambda phone: dataclasses.replace(phone.prepare("/info"), path=path), 404, "unknown path")
     assert outcome(access_point, phone, bad) == ""
 
 
@@ -327,7 +327,10 @@ NO_REQUESTS: dict[str, tuple[bytes, str]] = {
         b"GET /info HTTP/1.1\r\nX: " + b"x" * 8192 + b"\r\n\r\n",
         "header too long",
     ),
-    "too many headers": (b"GET /info HTTP/1.1\r\n" + b"X: y\r\n" * 101 + b"\r\n", "too many headers"),
+    "too many headers": (
+        b"GET /info HTTP/1.1\r\n" + b"X: y\r\n" * 101 + b"\r\n",
+        "too many headers",
+    ),
     "a head without end": (b"GET /info HTTP/1.1\r\n" + b"X: y\r\n" * 20000, "head too long"),
 }  # fmt: skip
 

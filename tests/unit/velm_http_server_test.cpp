@@ -273,6 +273,7 @@ TEST_P(OtherPath, IsNotFound)
     const http_reply reply = ask(request_to(GetParam(), "X-Assertion: a\r\n"));
     EXPECT_EQ(reply.status, 404);
     EXPECT_EQ(reply.body, "");
+    EXPECT_TRUE(log.has("WARN velm_http_server - http_method_default - unknown path"));
     EXPECT_TRUE(stand_in.preprocessors.empty());
 }
 INSTANTIATE_TEST_SUITE_P(Paths, OtherPath,
