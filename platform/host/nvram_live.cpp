@@ -63,15 +63,13 @@ nvram_live_fate live_parse(const host_bytes &bytes, const std::string &boot_id, 
     return fate_of(read.end);
 }
 
-int live_append(int directory, nvram_live &live, std::span<const nvram_change> changes)
+int live_append(int directory, nvram_live &live, const host_bytes &record)
 {
     const unique_fd file{openat(directory, nvram_live_name,
                                 O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)};
     if (!file) {
         return errno;
     }
-    host_bytes record;
-    nvram_record_append(record, changes);
     const int rc = host_file_write(file.get(), record);
     if (rc == 0) {
         live.parsed += static_cast<off_t>(record.size());
@@ -80,9 +78,11 @@ int live_append(int directory, nvram_live &live, std::span<const nvram_change> c
     return rc;
 }
 
-bool live_has_room(const nvram_live &live, std::size_t settings_size)
+/// `more` counts too: one call may name a setting many times, which makes a record longer than all
+/// settings, and a file beyond nvram_file_max would be taken for a damaged one.
+bool live_has_room(const nvram_live &live, std::size_t more, std::size_t settings_size)
 {
-    return static_cast<std::size_t>(live.parsed) < 2 * settings_size + slack;
+    return static_cast<std::size_t>(live.parsed) + more < 2 * settings_size + slack;
 }
 
 } // namespace
@@ -146,9 +146,11 @@ bool nvram_live_catch_up(nvram_live &live, const std::string &path, nvram_settin
 int nvram_live_write(int directory, const std::string &boot_id, nvram_live &live,
                      std::span<const nvram_change> changes, const nvram_settings &settings)
 {
+    host_bytes record;
+    nvram_record_append(record, changes);
     if (live.usable && live.parsed == live.seen &&
-        live_has_room(live, nvram_settings_size(settings))) {
-        return live_append(directory, live, changes);
+        live_has_room(live, record.size(), nvram_settings_size(settings))) {
+        return live_append(directory, live, record);
     }
     return nvram_live_replace(directory, boot_id, live, settings);
 }

@@ -219,6 +219,15 @@ TEST_F(Store, StaysSmallHoweverOftenASettingChanges)
     EXPECT_EQ(seen_now(directory), (plain_settings{{"a", half + "399"}}));
 }
 
+TEST_F(Store, OneCallThatNamesASettingVeryOftenIsReadByOthers)
+{
+    const std::string value(nvram_value_max, 'v');
+    const std::vector<nvram_change> changes(nvram_file_max / nvram_value_max + 1, {"a", value});
+    ASSERT_EQ(set(store, {{"kept", "1"}}), 0);
+    ASSERT_EQ(store.apply(changes), 0);
+    EXPECT_EQ(seen_now(directory), (plain_settings{{"a", value}, {"kept", "1"}}));
+}
+
 TEST_F(Store, AnUnchangedValueWritesNothing)
 {
     ASSERT_EQ(set(store, {{"a", "1"}}), 0);
