@@ -31,6 +31,7 @@ from .phone import Phone, sample_location
 
 STEPS = 7
 WANTED_WITHIN = 60
+PUSH_INTERVAL = 60  # of the daemon
 
 
 class DemoError(RuntimeError):
@@ -185,9 +186,11 @@ def print_commands(now: Scene) -> None:
     }
     nvram = f"VELM_NVRAM={access_point.environment['VELM_NVRAM']}"
     programs = access_point.build.directory / "bin"
+    next_push = time.strftime("%H:%M:%S", time.localtime(time.time() + PUSH_INTERVAL))
     print(
         f"""
-Everything keeps running. The phone answers every push (at most one a minute). Try:
+Everything keeps running. The phone answers every push. The daemon pushes once a minute at most: a
+request before {next_push} pushes nothing, so no report comes for it. Try:
 
   # as a host on the LAN
   {curl} {url}/info
