@@ -5,6 +5,12 @@
 set -eu
 cd "$(dirname "$0")/.."
 
+for option in "$@"; do
+    if [ "$option" != --stay ]; then
+        echo "usage: scripts/demo.sh [--stay]" >&2
+        exit 2
+    fi
+done
 if [ "$(id -u)" -ne 0 ]; then
     echo "The demo makes network namespaces: run it as root." >&2
     exit 1

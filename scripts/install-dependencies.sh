@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and the demo need, and only the missing ones.
-# Silent when nothing is missing. May be run or sourced.
+# Silent when nothing is missing.
 
 install_dependencies() (
     set -eu
@@ -9,7 +9,8 @@ install_dependencies() (
         libevent-dev libevhtp-dev libonig-dev libssl-dev libcbor-dev libcjose-dev libjansson-dev
         libcjson-dev libcrypt-dev libgtest-dev libgmock-dev libbenchmark-dev
         python3 python3-pytest python3-pytest-xdist python3-cbor2 python3-cryptography
-        python3-jwcrypto python3-yaml python3-jsonschema faketime iproute2 socat curl openssl procps mandoc util-linux
+        python3-jwcrypto python3-yaml python3-jsonschema faketime iproute2 socat curl openssl
+        ca-certificates procps mandoc util-linux
     "
     missing=
     for package in $packages; do

@@ -5,7 +5,6 @@
 # usage: scripts/test.sh [PRESET ...]      default: release asan
 set -u
 cd "$(dirname "$0")/.."
-. scripts/install-dependencies.sh
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release asan)
@@ -45,6 +44,7 @@ python_tests() { # PRESET NAME FOLDER
         --build="build/$1" --junitxml="$results/$2-$1.xml" "$3"
 }
 
+step "install what is missing" ./scripts/install-dependencies.sh
 for preset in "${presets[@]}"; do
     step "build $preset" build "$preset"
     step "unit tests, $preset" unit "$preset"
