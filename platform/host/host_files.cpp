@@ -123,13 +123,15 @@ int host_file_replace(int directory, const std::string &name, std::span<const st
 
 int host_file_lock(int file, int operation)
 {
-    long waited_us = 0;
+    static bool holder_is_stuck = false;
+    long waited_us = holder_is_stuck ? lock_timeout_us : 0;
     long pause_us = lock_pause_us_min;
     while (flock(file, operation | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return errno;
         }
         if (waited_us >= lock_timeout_us) {
+            holder_is_stuck = true;
             return ETIMEDOUT;
         }
         const timespec pause{0, pause_us * 1000};
@@ -137,5 +139,6 @@ int host_file_lock(int file, int operation)
         waited_us += pause_us;
         pause_us = std::min(2 * pause_us, lock_pause_us_max);
     }
+    holder_is_stuck = false;
     return 0;
 }

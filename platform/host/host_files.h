@@ -31,5 +31,7 @@ using host_bytes = std::vector<std::uint8_t>;
 [[nodiscard]] int host_file_replace(int directory, const std::string &name,
                                     std::span<const std::uint8_t> bytes, unique_fd &file);
 
-/// flock() with an end: ETIMEDOUT after 5 s, so a stopped lock holder cannot hold us for ever.
+/// flock() with an end: ETIMEDOUT after 5 s, so a stopped lock holder cannot hold us for ever. Until
+/// a lock is given again, further calls try once and do not wait: a dozen settings in a row cost one
+/// wait.
 [[nodiscard]] int host_file_lock(int file, int operation);

@@ -284,6 +284,13 @@ TEST_F(Store, ALockHolderThatNeverLetsGoMakesAChangeFailInsteadOfHanging)
     ASSERT_EQ(flock(holder.get(), LOCK_EX), 0);
     EXPECT_EQ(set(store, {{"a", "2"}}), ETIMEDOUT);
     EXPECT_EQ(value_of(store, "a"), "1") << "reads need no lock";
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(set(store, {{"a", "3"}}), ETIMEDOUT);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds{1})
+        << "the first call has waited for all that follow";
+    ASSERT_EQ(flock(holder.get(), LOCK_UN), 0);
+    EXPECT_EQ(set(store, {{"a", "4"}}), 0);
 }
 
 std::size_t open_descriptors()
