@@ -1,5 +1,6 @@
 #include <dm.h>
 #include <event2/event.h>
+#include <fcntl.h>
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "async/common_async.h"
+#include "handles/fd.h"
 #include "handles/file.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
@@ -257,9 +259,21 @@ void watch_sighup()
     block_sighup(SIG_UNBLOCK);
 }
 
+/// A stream that is closed is given /dev/null, so that no socket takes its number and receives what
+/// is printed.
+void keep_standard_streams()
+{
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    const unique_fd beyond{fd};
+}
+
 /// Before anything can write to a closed peer, run out of memory or be told to reload.
 void prepare_process()
 {
+    keep_standard_streams();
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); // a parent that ignored it would hide how `ip` ended
     block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served

@@ -72,6 +72,16 @@ def test_a_daemon_in_the_foreground_registers_nothing(access_point: AccessPoint)
     assert not access_point.pid_file.exists()
 
 
+def test_no_socket_takes_the_number_of_a_closed_standard_stream(
+    cold_access_point: AccessPoint,
+) -> None:
+    daemon = started(
+        cold_access_point, through=["sh", "-c", 'exec "$@" <&- >&- 2>&-', "without_streams"]
+    )
+    for number in range(3):
+        assert os.readlink(f"/proc/{daemon.pid}/fd/{number}") == "/dev/null"
+
+
 @pytest.mark.parametrize("path", ["/nowhere/velmd.pid", "", "/"])
 def test_without_a_pid_file_it_does_not_run(path: str, cold_access_point: AccessPoint) -> None:
     cold_access_point.configure({"process.pidfile": path})
