@@ -10,6 +10,7 @@ import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.app_attest import AttestKey
 from velm_sim.certificates import DAY, make_authority, now, p256, p384
+from velm_sim.daemon import wait_until
 from velm_sim.etc_files import ROOT
 from velm_sim.ipc_client import REPORT, REQUEST, IpcClient
 from velm_sim.phone import OMIT, Phone, Prepared
@@ -348,7 +349,8 @@ def test_the_connection_is_closed_after(
             assert tls.recv(4096) == b""
         except (ConnectionError, ssl.SSLEOFError):
             pass  # closed with our bytes unread, or before we had said them all
-    assert logged in access_point.log(mark)
+    # The peer can hear of the end before the line is written.
+    wait_until(lambda: logged in access_point.log(mark), 10, f"no log line with {logged!r}")
     assert access_point.nvram_show() == stored
     assert paired_phone.info().status == 200
 

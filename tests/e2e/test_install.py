@@ -75,7 +75,7 @@ def test_is_stripped(program: str, installed: Path) -> None:
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
-def test_carries_no_path_of_the_build(program: str, installed: Path, build: Build) -> None:
+def test_carries_no_path_of_the_build(program: str, installed: Path, hardened: None) -> None:
     dynamic = run("readelf", "--dynamic", installed / program)
     assert "RPATH" not in dynamic and "RUNPATH" not in dynamic
     repository = str(Path(__file__).resolve().parents[2])

@@ -62,7 +62,7 @@ def test_a_detached_daemon_has_a_session_of_its_own_and_the_root_as_its_place(
 ) -> None:
     daemon = cold_access_point.start(daemonize=True)
     assert cold_access_point.pid_file.read_text() == f"{daemon.pid}\n"
-    assert os.readlink(f"/proc/{daemon.pid}/cwd") == "/"
+    assert os.path.samefile(f"/proc/{daemon.pid}/cwd", f"/proc/{daemon.pid}/root")
     assert os.getsid(daemon.pid) == daemon.pid
     assert [line["pid"] for line in registered(cold_access_point)] == [daemon.pid]
 
