@@ -40,7 +40,7 @@ forget
 ctest --test-dir "$build" -j "$(nproc)" >"$results/unit.log" || tail -n 20 "$results/unit.log"
 trace unit
 forget
-/usr/bin/python3 -m pytest -q -p no:cacheprovider --build "$build" tests/e2e >"$results/e2e.log" ||
+/usr/bin/python3 -m pytest -q -p no:cacheprovider -n 4 --dist loadgroup --build="$build" tests/e2e >"$results/e2e.log" ||
     tail -n 20 "$results/e2e.log"
 trace e2e
 
