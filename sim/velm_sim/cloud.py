@@ -59,7 +59,8 @@ class Cloud:
     """HTTPS on port 443 of its namespace.
 
     `token` and `fcm` record what they are asked and are told how to answer. `certificate` names the
-    server certificate; `handshakes` False accepts connections and never speaks TLS.
+    server certificate; `handshakes` False accepts connections and never speaks TLS. `broken` tells
+    how connections ended that did not end well.
     """
 
     def __init__(
@@ -91,6 +92,7 @@ class Cloud:
         self.grants: dict[str, dict[str, object]] = {}
         self.refusals: list[str] = []
         self.connections = 0
+        self.broken: list[str] = []
         for endpoint in (self.token, self.fcm, self.unknown):
             endpoint.reset()
 
@@ -137,11 +139,14 @@ class Cloud:
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
 
     def _serve(self, raw: socket.socket) -> None:
-        with raw, contextlib.suppress(OSError, ValueError):
+        with raw:
             with self._guard:
                 self._open.add(raw)
             try:
                 self._serve_tls(raw)
+            except (OSError, ValueError) as problem:
+                # Tests end connections on purpose; whoever did not can read here what happened.
+                self.broken.append(f"{raw}: {problem!r}")
             finally:
                 with self._guard:
                     self._open.discard(raw)

@@ -23,15 +23,18 @@ def pytest_report_header(config: pytest.Config) -> str:
 
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item: pytest.Item) -> Iterator[None]:
-    """A failure shows the end of the daemon's log."""
+    """A failure shows the end of the daemon's log, and what the cloud met with."""
     outcome = yield
     report = outcome.get_result()
     if not report.failed:
         return
-    for name, value in getattr(item, "funcargs", {}).items():
-        if isinstance(value, AccessPoint) and value.started:
-            report.sections.append((f"velmd of {name}", value.daemon.tail()))
-            return
+    used = getattr(item, "funcargs", {})
+    access_points = [(k, v) for k, v in used.items() if isinstance(v, AccessPoint) and v.started]
+    for name, access_point in access_points[:1]:
+        report.sections.append((f"velmd of {name}", access_point.daemon.tail()))
+    for name, cloud in used.items():
+        if isinstance(cloud, Cloud) and cloud.broken:
+            report.sections.append((f"broken connections of {name}", "\n".join(cloud.broken)))
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
