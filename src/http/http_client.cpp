@@ -164,6 +164,7 @@ void request_returned(evhttp_request *response, void *argument) noexcept
 
 void http_request_error(evhttp_request_error error, void *argument) noexcept
 {
+    const int socket_error = EVUTIL_SOCKET_ERROR();
     http_client_context *ctx = context_waiting(__func__, argument);
     if (ctx == nullptr) {
         return;
@@ -173,7 +174,7 @@ void http_request_error(evhttp_request_error error, void *argument) noexcept
     } else {
         LOG_WARN("%s - ctx %p, err %d on req: %s", __func__, argument, static_cast<int>(error),
                  ctx->orig_uri.c_str());
-        http_client_connection_log_tls_errors(ctx->connection);
+        http_client_connection_log_tls_errors(ctx->connection, socket_error);
     }
     ctx->error = error;
 }

@@ -99,7 +99,8 @@ void http_client_connection_close_on_exec(const http_client_connection *connecti
     }
 }
 
-void http_client_connection_log_tls_errors(const http_client_connection *connection)
+void http_client_connection_log_tls_errors(const http_client_connection *connection,
+                                           int socket_error)
 {
     bufferevent *const transport = connection->transport();
     if (transport == nullptr || bufferevent_openssl_get_ssl(transport) == nullptr) {
@@ -107,6 +108,12 @@ void http_client_connection_log_tls_errors(const http_client_connection *connect
     }
     for (unsigned long error = bufferevent_get_openssl_error(transport); error != 0;
          error = bufferevent_get_openssl_error(transport)) {
+        if (error ==
+            SSL_ERROR_SYSCALL) { // libevent's sign for it; OpenSSL has no text for this one
+            LOG_WARN("%s - %s: %s", __func__, connection->target.host.c_str(),
+                     evutil_socket_error_to_string(socket_error));
+            continue;
+        }
         std::array<char, 256> text{};
         ERR_error_string_n(error, text.data(), text.size());
         LOG_WARN("%s - %s: %s", __func__, connection->target.host.c_str(), text.data());

@@ -33,5 +33,7 @@ struct http_client_connection {
 /// Keeps the socket, when there is one, out of child processes.
 void http_client_connection_close_on_exec(const http_client_connection *connection);
 
-/// Why TLS failed, in OpenSSL's words; nothing for a connection that has no TLS or no failure.
-void http_client_connection_log_tls_errors(const http_client_connection *connection);
+/// Why TLS failed, in OpenSSL's words or, when the socket failed it, in those of `socket_error`;
+/// nothing for a connection that has no TLS or no failure.
+void http_client_connection_log_tls_errors(const http_client_connection *connection,
+                                           int socket_error);

@@ -13,6 +13,47 @@ double seconds_of(const std::function<void()> &work)
     return std::chrono::duration<double>{std::chrono::steady_clock::now() - begin}.count();
 }
 
+/// A port of loopback that nobody accepts from, with the shortest queue.
+unique_fd listen_on_loopback(sockaddr_in &address)
+{
+    unique_fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), length), 0);
+    EXPECT_EQ(listen(listener.get(), 0), 0);
+    EXPECT_EQ(getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &length), 0);
+    return listener;
+}
+
+/// Takes one connection and resets it as soon as something arrives.
+struct resetting_server {
+    event_base *base;
+    unique_fd listener;
+    unique_fd taken;
+    event_ptr on_connection;
+    event_ptr on_bytes;
+
+    static void accept_one(evutil_socket_t fd, short, void *argument)
+    {
+        auto *self = static_cast<resetting_server *>(argument);
+        self->taken = unique_fd{accept(fd, nullptr, nullptr)};
+        self->on_bytes.reset(event_new(self->base, self->taken.get(), EV_READ, reset_it, self));
+        event_add(self->on_bytes.get(), nullptr);
+    }
+
+    static void reset_it(evutil_socket_t, short, void *argument)
+    {
+        static_cast<resetting_server *>(argument)->taken.reset(); // with bytes unread: a reset
+    }
+
+    void start()
+    {
+        on_connection.reset(event_new(base, listener.get(), EV_READ, accept_one, this));
+        event_add(on_connection.get(), nullptr);
+    }
+};
+
 class HttpClientFailures : public http_client_fixture {
   protected:
     std::string uri() const
@@ -99,18 +140,12 @@ TEST_F(HttpClientFailures, AnAnswerThatNeverComesEndsAtTheTimeOut)
 TEST_F(HttpClientFailures, AConnectionThatIsNeverMadeEndsAtTheTimeOut)
 {
     // A full queue of a socket that nobody accepts from: the system drops what comes on top.
-    const unique_fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&address), length), 0);
-    ASSERT_EQ(listen(listener.get(), 0), 0);
-    getsockname(listener.get(), reinterpret_cast<sockaddr *>(&address), &length);
+    const unique_fd listener = listen_on_loopback(address);
     std::vector<unique_fd> waiting;
     for (int i = 0; i < 4; ++i) {
         waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&address), length);
+        connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
     }
     expect_time_out(
         request("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/", 1));
@@ -123,6 +158,19 @@ TEST_F(HttpClientFailures, AHandshakeThatStallsEndsAtTheTimeOut)
     // The server is a plain one: it waits for the end of a head that never comes.
     expect_time_out(request("https://cloud.example.test:" + server.port() + "/", 1));
     EXPECT_EQ(server.connections, 1);
+}
+
+TEST_F(HttpClientFailures, AResetDuringTheHandshakeIsLoggedInTheSystemsWords)
+{
+    write_pem(path("ca.pem"), make_test_ca());
+    ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
+    sockaddr_in address{};
+    resetting_server peer{base, listen_on_loopback(address), {}, {}, {}};
+    peer.start();
+    const std::string port = std::to_string(ntohs(address.sin_port));
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request("https://127.0.0.1:" + port + "/")).code, -2);
+    EXPECT_TRUE(log.contains("WARN http_client - http_client_connection_log_tls_errors - "
+                             "127.0.0.1: Connection reset by peer"));
 }
 
 TEST_F(HttpClientFailures, ADrippingServerEndsAtTheTimeOutExactlyOnce)
