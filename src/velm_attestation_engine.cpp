@@ -12,6 +12,9 @@
 #include "ios_validation/ios_app_validate.h"
 #include "logger/fatal.h"
 #include "velm_android_assertion.h"
+#include "velm_android_token.h"
+#include "velm_android_verdict.h"
+#include "velm_attestation_engine_keys.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -20,12 +23,6 @@ namespace {
 constexpr char log_category[] = "velm_attestation_engine";
 
 using bytes_view = std::span<const std::uint8_t>;
-
-/// The Android integrity keys, JWKs as JSON text.
-struct integrity_keys {
-    std::string decryption;
-    std::string verification;
-};
 
 struct module_state {
     const velm_config *config = nullptr;
@@ -105,69 +102,6 @@ bool app_id_present(const char *caller)
     return true;
 }
 
-bool integrity_key_files_present(const char *caller, const velm_config &config)
-{
-    if (config.app_android_integrity_d_key_path[0] == '\0') {
-        LOG_ERROR("%s - no decryption key setting", caller);
-        return false;
-    }
-    if (!common_file_exists(config.app_android_integrity_d_key_path)) {
-        LOG_ERROR("%s - no decryption key file", caller);
-        return false;
-    }
-    if (!common_file_exists(config.app_android_integrity_v_key_path)) {
-        LOG_ERROR("%s - no verification key file", caller);
-        return false;
-    }
-    return true;
-}
-
-std::optional<integrity_keys> integrity_keys_read(const char *caller, const velm_config &config)
-{
-    auto decryption = read_binary_file(config.app_android_integrity_d_key_path);
-    if (!decryption.has_value()) {
-        LOG_ERROR("%s - cannot read decryption key file", caller);
-        return std::nullopt;
-    }
-    auto verification = read_binary_file(config.app_android_integrity_v_key_path);
-    if (!verification.has_value()) {
-        LOG_ERROR("%s - cannot read verification key file", caller);
-        return std::nullopt;
-    }
-    return integrity_keys{std::move(*decryption), std::move(*verification)};
-}
-
-bool is_json(const std::string &text)
-{
-    return json_ptr{cJSON_Parse(text.c_str())} != nullptr;
-}
-
-bool integrity_keys_are_json(const char *caller, const integrity_keys &keys)
-{
-    if (!is_json(keys.decryption)) {
-        LOG_ERROR("%s - invalid format of decryption key file", caller);
-        return false;
-    }
-    if (!is_json(keys.verification)) {
-        LOG_ERROR("%s - invalid format of verification key file", caller);
-        return false;
-    }
-    return true;
-}
-
-/// Both keys, or nothing and a log line of the first thing that is wrong.
-std::optional<integrity_keys> integrity_keys_load(const char *caller, const velm_config &config)
-{
-    if (!integrity_key_files_present(caller, config)) {
-        return std::nullopt;
-    }
-    auto keys = integrity_keys_read(caller, config);
-    if (!keys.has_value() || !integrity_keys_are_json(caller, *keys)) {
-        return std::nullopt;
-    }
-    return keys;
-}
-
 void ios_root_ca_load(const char *caller, const char *path)
 {
     if (*path == '\0') {
@@ -190,13 +124,48 @@ void ios_root_ca_load(const char *caller, const char *path)
     state.ios_root_ca = std::move(*pem);
 }
 
+/// Null, and a log line, when the payload is no JSON text from its first byte to its last. A NUL,
+/// raw or escaped, would cut a name or a value short of what was signed.
+json_ptr integrity_verdict_parse(const char *caller, const std::string &payload)
+{
+    LOG_TRACE("%s - integrity verdict: %.*s", caller, static_cast<int>(payload.size()),
+              payload.c_str());
+    const bool has_nul =
+        payload.find('\0') != std::string::npos || payload.find("\\u0000") != std::string::npos;
+    json_ptr verdict{has_nul ? nullptr : cJSON_ParseWithOpts(payload.c_str(), nullptr, 1)};
+    if (verdict == nullptr) {
+        LOG_ERROR("%s - cannot parse integrity verdict", caller);
+    }
+    return verdict;
+}
+
+bool integrity_token_judge(const char *caller, const android_verify_assertion_input &input)
+{
+    const integrity_keys none;
+    const integrity_keys &keys = state.keys.has_value() ? *state.keys : none;
+    const auto payload =
+        android_token_open(input.assertion_object_buf, keys.decryption, keys.verification);
+    const json_ptr verdict =
+        payload.has_value() ? integrity_verdict_parse(caller, *payload) : nullptr;
+    if (verdict == nullptr) {
+        return false;
+    }
+    if (!android_interpret_verdict(input, verdict.get(), state.config->app_android_package_name)) {
+        LOG_ERROR("%s - failure", caller);
+        return false;
+    }
+    LOG_TRACE("%s - success", caller);
+    return true;
+}
+
 /// Runs on the loop with the copy that it frees; each worker reports exactly once.
 void android_verify_assertion_locally(void *argument, short /*events*/,
                                       common_async_context * /*context*/) noexcept
 {
     const auto input = adopt<android_verify_assertion_input>(argument);
-    LOG_ERROR("%s - not supported yet", __func__);
-    input->result_cb(false, input->user_data);
+    const bool success = integrity_token_judge(__func__, *input);
+    LOG_TRACE("%s - finished", __func__);
+    input->result_cb(success, input->user_data);
 }
 
 void android_verify_assertion_remotely(void *argument, short /*events*/,

@@ -421,12 +421,10 @@ TEST_P(AndroidMethod, ReportsFalseOnceFromTheLoop)
                                  GetParam().worker + " - not supported yet"});
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Methods, AndroidMethod,
-    testing::Values(android_method{velm_android_method_local, "android_verify_assertion_locally"},
-                    android_method{velm_android_method_remote,
-                                   "android_verify_assertion_remotely"}),
-    [](const auto &row) { return row.param.method == 0 ? "Local" : "Remote"; });
+INSTANTIATE_TEST_SUITE_P(Methods, AndroidMethod,
+                         testing::Values(android_method{velm_android_method_remote,
+                                                        "android_verify_assertion_remotely"}),
+                         [](const auto &) { return "Remote"; });
 
 TEST_F(AndroidAssertion, AnswersEveryRequestOfSeveral)
 {
