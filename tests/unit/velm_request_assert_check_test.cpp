@@ -220,6 +220,44 @@ TEST_F(AssertCheck, AnAndroidCheckWaitsForTheEngineAndPassesWithIt)
     EXPECT_EQ(log_.count("] - finished"), 1);
 }
 
+TEST_F(AssertCheck, AnAndroidCheckIsGivenTheDigestOfTheBodyByteForByte)
+{
+    const std::string bytes{"{ \"auth\":\r\n{}\t}\0 \xff", 18};
+    request_.replace_body(bytes);
+    engines.signed_body = bytes;
+    EXPECT_EQ(run_android(true), VELM_BREAK_NONE);
+    EXPECT_EQ(engines.android_calls, 1);
+}
+
+TEST_F(AssertCheck, AnAndroidRequestWhoseChallengeWasAlreadyUsedGives424WithoutAskingTheEngine)
+{
+    engines.pending_challenges.clear();
+    p_.client_device_type = "Android";
+    EXPECT_EQ(run(), VELM_BREAK_CHALLENGE);
+    EXPECT_EQ(engines.android_calls, 0);
+}
+
+TEST_F(AssertCheck, AFailingAndroidAssertionUsesTheChallengeUp)
+{
+    EXPECT_EQ(run_android(false), VELM_BREAK_ASSERTION);
+    EXPECT_EQ(run(), VELM_BREAK_CHALLENGE);
+}
+
+TEST_F(AssertCheck, KnowsAndroidByPrefixInAnyCase)
+{
+    p_.client_device_type = "ANDROID-12";
+    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(engines.android_calls, 1);
+    EXPECT_EQ(engines.ios_calls, 0);
+}
+
+TEST_F(AssertCheck, AnAndroidAssertionThatPassesIsNotLoggedAsIgnoredWithIntegrityOff)
+{
+    config_.app_android_integrity_enabled = false;
+    EXPECT_EQ(run_android(true), VELM_BREAK_NONE);
+    EXPECT_EQ(log_.count("ERROR"), 0);
+}
+
 TEST_F(AssertCheck, AFailingAndroidAssertionGives412WhenIntegrityIsOn)
 {
     EXPECT_EQ(run_android(false), VELM_BREAK_ASSERTION);
