@@ -52,8 +52,11 @@ bool package_is_ours(const cJSON *request_details, const char *package_name)
     return true;
 }
 
-std::optional<std::vector<std::uint8_t>> nonce_decode(const std::string &nonce)
+/// The padding is left out, and what follows it: the library would ignore both, but ends the process
+/// when one character more than whole groups of four comes before a "=".
+std::optional<std::vector<std::uint8_t>> nonce_decode(std::string_view nonce)
 {
+    nonce = nonce.substr(0, nonce.find('='));
     std::uint8_t *decoded = nullptr;
     std::size_t length = 0;
     cjose_err error{}; // cjose leaves it alone on some failures

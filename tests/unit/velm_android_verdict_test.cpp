@@ -264,6 +264,8 @@ INSTANTIATE_TEST_SUITE_P(Nonce, RefusedVerdict, testing::Values(
         [](cJSON *v) { set(request_of(v), "nonce", "-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-_-w"); }},
     refused_case{"OneByteLong", "invalid nonce (len)",
         [](cJSON *v) { set(request_of(v), "nonce", std::string{digest_text} + "8"); }},
+    refused_case{"PaddingOnly", "invalid nonce (len)",
+        [](cJSON *v) { set(request_of(v), "nonce", "="); }},
     refused_case{"CutByPadding", "invalid nonce (len)",
         [](cJSON *v) { set(request_of(v), "nonce", std::string{"-_-_="} + digest_text); }},
     refused_case{"LastBitsDiffer", "invalid nonce (cmp)",
@@ -464,7 +466,7 @@ TEST_F(AndroidVerdict, LeadingZerosAreDigits)
 
 TEST_F(AndroidVerdict, ANonceMayBePaddedAndItsPaddingEscaped)
 {
-    for (const char *padding : {"=", "\\u003d", "\\u003D"}) {
+    for (const char *padding : {"=", "==", "\\u003d", "\\u003D\\u003d"}) {
         set(request(), "nonce", std::string{digest_text} + padding);
         EXPECT_TRUE(passes()) << padding;
     }
@@ -502,7 +504,8 @@ TEST_P(UndecodableNonce, IsRefusedWithTheLibrarysOwnWords)
 
 INSTANTIATE_TEST_SUITE_P(Texts, UndecodableNonce,
                          testing::Values("+_-_", "/_-_", "\\u002b_-_", "\\u002F_-_", "A A", "A\nA",
-                                         "\\", "\\u0041", "=", "\xff\x80\xc3\xa9", "%3D"),
+                                         "\\", "\\u0041", "A=", "A=AA", "AAAAA=", "AAAAA===",
+                                         "A\\u003dAA", "\xff\x80\xc3\xa9", "%3D"),
                          [](const auto &row) { return std::to_string(row.index); });
 
 TEST_F(AndroidVerdict, TheLabelsMayComeInAnyOrderAmongOthers)
