@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <string_view>
 
 #include "handles/cjose.h"
+#include "handles/cjson.h"
 #include "logger/common_logger.h"
 
 namespace {
@@ -31,7 +33,7 @@ bool is_base64url_character(char c)
 }
 
 /// The parts between the dots; nothing unless there are exactly as many as wanted, each of them
-/// base64url without padding, and none empty. The library would ignore what follows a padding.
+/// base64url without padding, and none empty.
 template <std::size_t Count>
 std::optional<std::array<std::string_view, Count>> parts_of(std::string_view compact)
 {
@@ -51,8 +53,39 @@ std::optional<std::array<std::string_view, Count>> parts_of(std::string_view com
     return parts;
 }
 
+/// The members of a JWK that the library decodes.
+constexpr std::string_view encoded_members[] = {"k", "x", "y",  "d",  "n", "e",
+                                                "p", "q", "dp", "dq", "qi"};
+
+/// Never right in JOSE, and the library ends the process when one character more than whole groups
+/// of four comes before a "=": nothing padded may reach its decoder.
+bool has_padding(std::string_view text)
+{
+    return text.find('=') != std::string_view::npos;
+}
+
+bool jwk_has_padding(const std::string &text)
+{
+    const json_ptr jwk{cJSON_Parse(text.c_str())};
+    const cJSON *item = nullptr;
+    cJSON_ArrayForEach(item, jwk.get())
+    {
+        const bool is_encoded = item->string != nullptr && cJSON_IsString(item) &&
+                                std::find(std::begin(encoded_members), std::end(encoded_members),
+                                          item->string) != std::end(encoded_members);
+        if (is_encoded && has_padding(item->valuestring)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 cjose_jwk_ptr key_import(const std::string &text)
 {
+    if (jwk_has_padding(text)) {
+        LOG_ERROR("%s - padding in a key", worker);
+        return nullptr;
+    }
     cjose_err error{}; // cjose leaves it alone on some failures
     cjose_jwk_ptr key{cjose_jwk_import(text.data(), text.size(), &error)};
     if (key == nullptr) {
@@ -128,6 +161,10 @@ bool lengths_are_right(std::string_view token)
 
 cjose_jwe_ptr token_import(std::string_view token)
 {
+    if (has_padding(token)) {
+        LOG_ERROR("%s - invalid token parts", worker);
+        return nullptr;
+    }
     cjose_err error{};
     cjose_jwe_ptr jwe{cjose_jwe_import(token.data(), token.size(), &error)};
     if (jwe == nullptr) {
@@ -163,6 +200,10 @@ std::optional<std::string> decrypt(std::string_view token, const std::string &ke
 
 cjose_jws_ptr signed_text_import(const std::string &text)
 {
+    if (has_padding(text)) {
+        LOG_ERROR("%s - invalid signed parts", worker);
+        return nullptr;
+    }
     cjose_err error{};
     cjose_jws_ptr jws{cjose_jws_import(text.data(), text.size(), &error)};
     if (jws == nullptr) {

@@ -113,6 +113,15 @@ TEST_F(AndroidToken, OfTheLongestLengthIsOpenedAndALongerOneRefused)
     expect_line(open(std::string(1000000, 'A')), "token too long");
 }
 
+TEST_F(AndroidToken, MadeByAnotherJoseLibraryIsOpened)
+{
+    decryption_jwk = test_data_text("play_integrity/dec.jwk");
+    verification_jwk = test_data_text("play_integrity/ver.jwk");
+    EXPECT_EQ(open(test_data_text("play_integrity/token.jwe")),
+              test_data_text("play_integrity/payload.json"));
+    EXPECT_EQ(log.lines(), lines{});
+}
+
 // Tampering: each part of the token, at its first and its last byte.
 
 TEST_F(AndroidToken, WithATamperedHeaderIsRefused)
@@ -336,6 +345,57 @@ INSTANTIATE_TEST_SUITE_P(Shapes, MisshapenToken, testing::Values(
     shape_case{"JsonSerialization", [](const std::string &jwe) { return R"({"ciphertext":")" + jwe + R"("})"; }}),
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
+
+TEST_F(AndroidToken, WithPaddingAnywhereIsRefusedBeforeTheLibraryDecodesIt)
+{
+    const std::string good = jwe_make({secret}, signed_text).compact();
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        std::string bad = good;
+        bad[i] = '=';
+        expect_line(open(bad), "invalid token parts");
+    }
+}
+
+TEST_F(AndroidToken, WhoseSignedTextHoldsPaddingAnywhereIsRefusedBeforeTheLibraryDecodesIt)
+{
+    for (std::size_t i = 0; i < signed_text.size(); ++i) {
+        std::string bad = signed_text;
+        bad[i] = '=';
+        expect_line(open_inner(bad), "invalid signed parts");
+    }
+}
+
+TEST_F(AndroidToken, WhoseSignedTextIsDamagedNeverGivesAnotherPayload)
+{
+    for (std::size_t i = 0; i < 3000; ++i) {
+        std::string bad = signed_text;
+        const std::size_t at = i * 7919 % bad.size();
+        bad[at] = static_cast<char>(bad[at] ^ (1 + i % 255));
+        if (i % 5 == 0) {
+            bad.erase(at, i % 7);
+        }
+        // The last character of the signature carries bits that stand for nothing.
+        EXPECT_EQ(open_inner(bad).value_or(payload), payload) << bad;
+        EXPECT_LE(log.lines().size(), 1U);
+    }
+}
+
+TEST_F(AndroidToken, WithAPaddedKeyIsRefusedBeforeTheLibraryDecodesIt)
+{
+    for (const char *jwk :
+         {R"({"kty":"oct","k":"A="})", R"({"kty":"oct","k":"A\u003dAA"})",
+          R"({"k":"AAAA","kty":"oct","k":"A="})", R"({"kty":"EC","crv":"P-256","x":"A=","y":"A"})",
+          R"({"kty":"RSA","n":"AAAA","e":"A="})"}) {
+        decryption_jwk = jwk;
+        expect_line(open("token"), "padding in a key");
+    }
+}
+
+TEST_F(AndroidToken, WithAKeyWhoseNameHoldsAnEqualsSignIsOpened)
+{
+    decryption_jwk.insert(1, R"("kid":"a=",)");
+    EXPECT_EQ(open_inner(signed_text), payload);
+}
 
 TEST_F(AndroidToken, WithAnEncryptedKeyOfFourThousandBytesIsRefused)
 {

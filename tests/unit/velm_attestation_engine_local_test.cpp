@@ -137,6 +137,13 @@ TEST_F(AndroidLocally, AGoodTokenPassesWithEveryStepInTheLog)
                                   std::string{"TRACE "} + worker + "finished"}));
 }
 
+TEST_F(AndroidLocally, ATokenOfAnotherJoseLibraryPasses)
+{
+    load_keys(test_data_text("play_integrity/dec.jwk"), test_data_text("play_integrity/ver.jwk"));
+    digest = sha256_of({});
+    EXPECT_TRUE(passes(test_data_text("play_integrity/token.jwe")));
+}
+
 TEST_F(AndroidLocally, NothingIsReportedBeforeTheLoopTurns)
 {
     ask(token_of(verdict_for(digest)));
