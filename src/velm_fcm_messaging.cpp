@@ -1,18 +1,16 @@
 #include "velm_fcm_messaging.h"
 
-#include <ctime>
 #include <memory>
 #include <string>
 
 #include "async/common_async.h"
 #include "cloud_addresses.h"
-#include "file/common_file.h"
 #include "handles/cjson.h"
 #include "handles/memory.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"
-#include "velm_google_auth.h"
+#include "velm_google_account.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -23,26 +21,15 @@ constexpr char log_category[] = "velm_fcm_messaging";
 constexpr int http_ok = 200;
 constexpr int http_not_found = 404;
 
-/// Counts the loads of the configuration, so that a token asked for with the key of an earlier one
-/// is not taken for the present one.
-using load_number = unsigned;
-
 struct module_state {
     const velm_config *config = nullptr;
-    json_ptr fcm_private_key;
-    json_ptr access_token;
-    load_number load = 0;
+    velm_google_account account{.scope = cloud_scope_firebase};
 };
 module_state state;
 
 struct push_params {
     std::uint32_t timeout;
     std::uint32_t type;
-};
-
-struct token_context {
-    push_params params;
-    load_number load;
 };
 
 struct send_context {
@@ -94,37 +81,18 @@ bool can_send(const cJSON *pairing)
         LOG_ERROR("%s - empty push_token", function);
         return false;
     }
-    if (state.fcm_private_key == nullptr ||
-        *text_or_empty(state.fcm_private_key.get(), "project_id") == '\0') {
-        LOG_ERROR("%s - missing project_id", function);
-        return false;
-    }
-    if (state.access_token == nullptr) {
-        LOG_ERROR("%s - missing auth token", function);
-        return false;
-    }
-    if (*text_or_empty(state.access_token.get(), "access_token") == '\0') {
-        LOG_ERROR("%s - missing access_token", function);
-        return false;
-    }
-    return true;
+    return velm_google_account_is_ready(state.account, log_category, function);
 }
 
 http_client_request_data make_request(const send_context &context)
 {
-    http_client_request_data request;
-    request.uri = std::string{cloud_fcm_base} + "/v1/projects/" +
-                  text_or_empty(state.fcm_private_key.get(), "project_id") + "/messages:send";
-    request.timeout_s = cloud_timeout_s;
-    const std::string authorization =
-        std::string{"Bearer "} + text_or_empty(state.access_token.get(), "access_token");
-    http_client_add_header(&request, "Authorization", authorization.c_str());
     const json_ptr content = velm_cloud_messaging_generate_push_content(
         context.pairing.get(), context.cm_params_copy.timeout, context.cm_params_copy.type);
     const json_text body{cJSON_PrintUnformatted(content.get())};
     REQUIRE_MEMORY(body, "body");
-    request.post_data = body.get();
-    return request;
+    const std::string uri = std::string{cloud_fcm_base} + "/v1/projects/" +
+                            velm_google_account_project_id(state.account) + "/messages:send";
+    return velm_google_account_make_request(state.account, uri, body.get());
 }
 
 void send_push(void *argument, short, common_async_context *) noexcept
@@ -169,34 +137,22 @@ void queue_pushes(const push_params &params)
     common_async_action_call(prepare_to_send_push, release_new<push_params>(params));
 }
 
-void access_token_received(json_ptr token, void *argument)
+void access_token_received(bool held, void *argument)
 {
-    const auto context = adopt<token_context>(argument);
-    if (context->load != state.load) {
-        return; // asked for with a key that a reload has replaced
-    }
-    state.access_token = std::move(token);
-    if (state.access_token != nullptr) {
-        queue_pushes(context->params);
+    const auto params = adopt<push_params>(argument);
+    if (held) {
+        queue_pushes(*params);
     }
 }
 
 void request_access_token(const push_params &params)
 {
-    if (state.fcm_private_key == nullptr) {
+    if (state.account.private_key == nullptr) {
         LOG_ERROR("%s - missing private key", __func__);
         return;
     }
-    velm_google_auth_request_access_token(
-        state.fcm_private_key.get(), cloud_scope_firebase, access_token_received,
-        release_new<token_context>(token_context{params, state.load}));
-}
-
-bool token_serves()
-{
-    return state.access_token != nullptr &&
-           static_cast<double>(std::time(nullptr)) <
-               velm_utils_get_number_value_from_json_object(state.access_token.get(), "valid_to");
+    velm_google_account_request_token(state.account, access_token_received,
+                                      release_new<push_params>(params));
 }
 
 } // namespace
@@ -205,24 +161,14 @@ void velm_fcm_messaging_init(const velm_config *config)
 {
     LOG_TRACE("%s", __func__);
     state.config = config;
-    const char *path = config->cloudmessaging_firebase_privatekey_path;
-    if (!common_file_exists(path)) {
-        LOG_ERROR("%s - missing private key", __func__);
-        return;
-    }
-    const auto text = read_binary_file(path);
-    state.fcm_private_key.reset(text ? cJSON_Parse(text->c_str()) : nullptr);
-    state.access_token.reset();
-    ++state.load;
-    if (state.fcm_private_key == nullptr) {
-        LOG_ERROR("%s - cannot parse private key", __func__);
-    }
+    velm_google_account_load(state.account, config->cloudmessaging_firebase_privatekey_path,
+                             log_category, __func__);
 }
 
 void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)
 {
     const push_params params{timeout, type};
-    if (token_serves()) {
+    if (velm_google_account_token_serves(state.account)) {
         queue_pushes(params);
     } else {
         request_access_token(params);

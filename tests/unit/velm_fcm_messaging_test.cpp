@@ -291,6 +291,16 @@ TEST_F(Fcm, ATokenAskedForBeforeAReloadIsDropped)
     EXPECT_EQ(token_requests.size(), 1U) << "the old key's token is not held";
 }
 
+TEST_F(Fcm, PushesAskedForWhileATokenIsOnItsWayShareIt)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    velm_fcm_messaging_push_to_all(30, 1);
+    EXPECT_EQ(token_requests.size(), 1U);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    EXPECT_EQ(actions.size(), 2U);
+}
+
 TEST_F(Fcm, StatusNotFoundUnpairsThePhoneAndCommits)
 {
     const captured_log log;
