@@ -14,6 +14,7 @@
 #include "handles/memory.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
+#include "velm_google_answer.h"
 #include "velm_google_auth_jwt.h"
 
 namespace {
@@ -72,23 +73,10 @@ void add_valid_to(cJSON *token)
 
 json_ptr token_from_answer(const void *d, int code, const char *body, std::size_t length)
 {
-    LOG_DEBUG("%s [%p] - code: %d", __func__, d, code);
-    if (code != 200) {
-        LOG_ERROR("%s [%p] - http request failed: %d", __func__, d, code);
-        return nullptr;
+    json_ptr token = velm_google_answer_parse(code, body, length, log_category, __func__, d);
+    if (token != nullptr) {
+        add_valid_to(token.get());
     }
-    if (body == nullptr || length == 0) {
-        LOG_ERROR("%s [%p] - empty response", __func__, d);
-        return nullptr;
-    }
-    LOG_TRACE("%s [%p] - body: %.*s", __func__, d, static_cast<int>(length), body);
-    // With its terminator: the parser may look at one byte past a number.
-    json_ptr token{cJSON_ParseWithLength(body, length + 1)};
-    if (!cJSON_IsObject(token.get())) {
-        LOG_ERROR("%s [%p] - parse error", __func__, d);
-        return nullptr;
-    }
-    add_valid_to(token.get());
     return token;
 }
 
