@@ -1,0 +1,159 @@
+#include "velm_google_integrity.h"
+
+#include <algorithm>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "async/common_async.h"
+#include "cloud_addresses.h"
+#include "handles/memory.h"
+#include "http/http_client.h"
+#include "logger/fatal.h"
+#include "velm_google_account.h"
+#include "velm_google_answer.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_google_integrity";
+
+constexpr int http_too_many_requests = 429;
+
+/// After a 429, seconds from the last request in which none is sent; the next second is free.
+constexpr std::time_t silence_s = 3599;
+
+struct module_state {
+    const velm_config *config = nullptr;
+    velm_google_account account{.scope = cloud_scope_play_integrity};
+    bool limit_reached = false;
+    std::time_t last_request = 0;
+};
+module_state state;
+
+/// A verdict that somebody waits for; gone when the completion has been called.
+struct verdict_request {
+    std::string token;
+    velm_google_integrity_callback completion;
+    void *context;
+};
+using verdict_request_ptr = std::unique_ptr<verdict_request>;
+
+/// Every request ends here, exactly once.
+void return_verdict(verdict_request_ptr request, const cJSON *verdict)
+{
+    request->completion(verdict, request->context);
+}
+
+bool is_printable_text(const std::string &token)
+{
+    return !token.empty() &&
+           std::all_of(token.begin(), token.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t length,
+                            void *argument) noexcept
+{
+    auto request = adopt<verdict_request>(argument);
+    if (code == http_too_many_requests) {
+        state.limit_reached = true;
+    }
+    const json_ptr answer =
+        velm_google_answer_parse(code, body, length, log_category, __func__, request.get());
+    const cJSON *verdict = cJSON_GetObjectItemCaseSensitive(answer.get(), "tokenPayloadExternal");
+    if (answer != nullptr && !cJSON_IsObject(verdict)) {
+        LOG_ERROR("%s [%p] - no tokenPayloadExternal", __func__,
+                  static_cast<void *>(request.get()));
+    }
+    return_verdict(std::move(request), cJSON_IsObject(verdict) ? verdict : nullptr);
+}
+
+/// False, and a log line, while Google wants to be left alone; else the request counts as sent.
+bool limit_allows()
+{
+    const std::time_t now = std::time(nullptr);
+    if (state.limit_reached && state.last_request + silence_s >= now) {
+        LOG_WARN("%s - daily limit reached", "send_integrity");
+        return false;
+    }
+    state.limit_reached = false;
+    state.last_request = now;
+    return true;
+}
+
+http_client_request_data make_request(const std::string &token)
+{
+    const std::string uri = std::string{cloud_play_integrity_base} + "/v1/" +
+                            state.config->app_android_package_name + ":decodeIntegrityToken";
+    const json_ptr content{cJSON_CreateObject()};
+    REQUIRE_MEMORY(content, "content");
+    REQUIRE_MEMORY(cJSON_AddStringToObject(content.get(), "integrity_token", token.c_str()),
+                   "integrity_token");
+    const json_text body{cJSON_PrintUnformatted(content.get())};
+    REQUIRE_MEMORY(body, "body");
+    return velm_google_account_make_request(state.account, uri, body.get());
+}
+
+void send_integrity(verdict_request_ptr request)
+{
+    if (!velm_google_account_is_ready(state.account, log_category, __func__) || !limit_allows()) {
+        return_verdict(std::move(request), nullptr);
+        return;
+    }
+    const int rc = http_request_internal(HTTP_CLIENT_POST, make_request(request->token),
+                                         send_integrity_handler, request.get());
+    if (rc < 0) {
+        LOG_ERROR("%s - failed making http request: %d", __func__, rc);
+        return_verdict(std::move(request), nullptr);
+        return;
+    }
+    request.release(); // the answer takes it back
+}
+
+void send_integrity_later(void *argument, short, common_async_context *) noexcept
+{
+    send_integrity(adopt<verdict_request>(argument));
+}
+
+void access_token_received(bool, void *argument)
+{
+    send_integrity(adopt<verdict_request>(argument)); // says itself what is missing
+}
+
+void refuse_later(void *argument, short, common_async_context *) noexcept
+{
+    return_verdict(adopt<verdict_request>(argument), nullptr);
+}
+
+/// Only with a key that can be used at all.
+bool needs_access_token()
+{
+    return *velm_google_account_project_id(state.account) != '\0' &&
+           !velm_google_account_token_serves(state.account);
+}
+
+} // namespace
+
+void velm_google_integrity_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    state.config = config;
+    velm_google_account_load(state.account, config->app_android_integrity_privatekey_path,
+                             log_category, __func__);
+}
+
+void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,
+                                       velm_google_integrity_callback completion, void *context)
+{
+    REQUIRE_NOT_NULL(completion, "completion");
+    auto request = std::make_unique<verdict_request>(
+        verdict_request{{token.begin(), token.end()}, completion, context});
+    if (!is_printable_text(request->token)) {
+        LOG_ERROR("%s - invalid token", __func__);
+        common_async_action_call(refuse_later, request.release());
+    } else if (needs_access_token()) {
+        velm_google_account_request_token(state.account, access_token_received, request.release());
+    } else {
+        common_async_action_call(send_integrity_later, request.release());
+    }
+}
