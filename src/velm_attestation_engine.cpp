@@ -15,6 +15,7 @@
 #include "velm_android_token.h"
 #include "velm_android_verdict.h"
 #include "velm_attestation_engine_keys.h"
+#include "velm_google_integrity.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -168,12 +169,24 @@ void android_verify_assertion_locally(void *argument, short /*events*/,
     input->result_cb(success, input->user_data);
 }
 
+void google_integrity_result(const cJSON *verdict, void *context) noexcept
+{
+    const auto input = adopt<android_verify_assertion_input>(context);
+    LOG_TRACE("%s - start", __func__);
+    const bool success =
+        verdict != nullptr &&
+        android_interpret_verdict(*input, verdict, state.config->app_android_package_name);
+    LOG_TRACE("%s - finished", __func__);
+    input->result_cb(success, input->user_data);
+}
+
 void android_verify_assertion_remotely(void *argument, short /*events*/,
                                        common_async_context * /*context*/) noexcept
 {
-    const auto input = adopt<android_verify_assertion_input>(argument);
-    LOG_ERROR("%s - not supported yet", __func__);
-    input->result_cb(false, input->user_data);
+    auto input = adopt<android_verify_assertion_input>(argument);
+    LOG_TRACE("%s - start", __func__);
+    const bytes_view token{input->assertion_object_buf};
+    velm_google_integrity_get_verdict(token, google_integrity_result, input.release());
 }
 
 /// The arguments as the caller lends them.
@@ -215,6 +228,7 @@ void velm_attestation_engine_init(const velm_config *config)
     LOG_TRACE("%s", __func__);
     REQUIRE_NOT_NULL(config, "config");
     state.config = config;
+    velm_google_integrity_init(config);
     // What was loaded before stays in force until the new files have proved good, and the root is
     // only looked at after the Android keys passed.
     auto keys = integrity_keys_load(__func__, *config);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "fakes/captured_log.h"
+#include "fakes/no_google_integrity.h"
 #include "ios_validation/ios_app_validate.h"
 #include "velm_attestation_engine.h"
 #include "velm_nvram_pairings.h"

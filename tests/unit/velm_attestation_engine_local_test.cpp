@@ -11,6 +11,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/integrity_token_maker.h"
+#include "fakes/no_google_integrity.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "velm_attestation_engine.h"

@@ -11,6 +11,7 @@
 #include "fakes/app_attest_maker.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "fakes/no_google_integrity.h"
 #include "fakes/temporary_directory.h"
 #include "logger/fatal.h"
 #include "velm_nvram_pairings.h"
@@ -394,7 +395,7 @@ class AndroidAssertion : public testing::Test {
 
 struct android_method {
     int method;
-    const char *worker;
+    lines logged;
 };
 
 class AndroidMethod : public AndroidAssertion,
@@ -417,14 +418,17 @@ TEST_P(AndroidMethod, ReportsFalseOnceFromTheLoop)
     EXPECT_EQ(reported.calls, 1);
     EXPECT_FALSE(reported.success);
     EXPECT_EQ(reported.user_data, &user_data);
-    EXPECT_EQ(log.lines(), lines{std::string{"ERROR velm_attestation_engine - "} +
-                                 GetParam().worker + " - not supported yet"});
+    EXPECT_EQ(log.lines(), GetParam().logged);
 }
 
-INSTANTIATE_TEST_SUITE_P(Methods, AndroidMethod,
-                         testing::Values(android_method{velm_android_method_remote,
-                                                        "android_verify_assertion_remotely"}),
-                         [](const auto &) { return "Remote"; });
+INSTANTIATE_TEST_SUITE_P(
+    Methods, AndroidMethod,
+    testing::Values(android_method{
+        velm_android_method_remote,
+        {"TRACE velm_attestation_engine - android_verify_assertion_remotely - start",
+         "TRACE velm_attestation_engine - google_integrity_result - start",
+         "TRACE velm_attestation_engine - google_integrity_result - finished"}}),
+    [](const auto &) { return "Remote"; });
 
 TEST_F(AndroidAssertion, AnswersEveryRequestOfSeveral)
 {
