@@ -10,8 +10,7 @@ from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
-from jwcrypto import jwk
-
+from .android_phone import AndroidPhone, android_profile
 from .app_attest import AttestationAuthority
 from .build import Build
 from .certificates import Identity, make_server
@@ -21,6 +20,7 @@ from .etc_files import ADMIN, EtcFiles
 from .lan_http import LanHost
 from .namespaces import Network
 from .phone import Login, Phone, Profile
+from .play_integrity import PACKAGE_NAME, IntegrityKeys
 from .service_account import ServiceAccount
 
 PORT = 8443
@@ -45,14 +45,6 @@ NVRAM = {
 }
 
 
-def _oct_key() -> jwk.JWK:
-    return jwk.JWK.generate(kty="oct", size=256, alg="A256KW", use="enc")
-
-
-def _ec_key() -> jwk.JWK:
-    return jwk.JWK.generate(kty="EC", crv="P-256", alg="ES256", use="sig")
-
-
 @dataclass(frozen=True)
 class Credentials:
     """Everything secret or signed. Slow to make and safe to share between access points."""
@@ -61,8 +53,7 @@ class Credentials:
     cloud: CloudCertificates = field(default_factory=CloudCertificates)
     account: ServiceAccount = field(default_factory=ServiceAccount)
     attestation: AttestationAuthority = field(default_factory=AttestationAuthority)
-    integrity_decryption: jwk.JWK = field(default_factory=_oct_key)
-    integrity_verification: jwk.JWK = field(default_factory=_ec_key)
+    integrity: IntegrityKeys = field(default_factory=IntegrityKeys)
 
 
 class AccessPoint:
@@ -101,6 +92,7 @@ class AccessPoint:
             "http.server.port": str(self.port),
             "ssdp.server.port": "1900",
             "pairings.limit": "10",
+            "app.android.package_name": PACKAGE_NAME,
             "app.android.integrity.d.key.path": f"{at}/integrity_decryption.jwk",
             "app.android.integrity.v.key.path": f"{at}/integrity_verification.jwk",
             "app.android.integrity.privatekey.path": f"{at}/service_account.json",
@@ -119,9 +111,8 @@ class AccessPoint:
         (at / "cloud_ca.pem").write_text(secret.cloud.authority.pem)
         (at / "attestation_root.pem").write_text(secret.attestation.root.pem)
         secret.account.write(at / "service_account.json")
-        (at / "integrity_decryption.jwk").write_text(secret.integrity_decryption.export())
-        public = secret.integrity_verification.export_public()
-        (at / "integrity_verification.jwk").write_text(public)
+        (at / "integrity_decryption.jwk").write_text(secret.integrity.decryption_file())
+        (at / "integrity_verification.jwk").write_text(secret.integrity.verification_file())
 
     def configure(self, changes: Mapping[str, str | None]) -> None:
         """Changes keys and writes the file; None drops a key. A running daemon needs a reload."""
@@ -272,6 +263,20 @@ class AccessPoint:
             BSSIDS[0],
             self.login,
             profile or Profile(),
+        )
+
+    def android_phone(
+        self, number: int = 0, profile: Profile | None = None, timeout: float = 10.0
+    ) -> AndroidPhone:
+        """An Android phone with the app and the right login, not paired yet."""
+        return AndroidPhone(
+            self.lan_host(number, timeout),
+            self.credentials.attestation,
+            APP_ID,
+            BSSIDS[0],
+            self.login,
+            profile or android_profile(),
+            integrity=self.credentials.integrity,
         )
 
     def locate(self, *arguments: str) -> subprocess.Popen[str]:

@@ -1,4 +1,4 @@
-"""The cloud services that the daemon calls: the token endpoint and the push service."""
+"""The cloud services that the daemon calls: token endpoint, push service, Play Integrity."""
 
 from __future__ import annotations
 
@@ -17,11 +17,20 @@ from pathlib import Path
 from .answers import Answer, Endpoint, Recorded
 from .certificates import DAY, Identity, make_authority, make_server, now
 from .namespaces import Namespace
-from .service_account import GRANT_TYPE, GrantError, ServiceAccount, verify_jwt
+from .play_integrity import PACKAGE_NAME, IntegrityKeys, TokenError, open_token
+from .service_account import (
+    GRANT_TYPE,
+    INTEGRITY_SCOPE,
+    MESSAGING_SCOPE,
+    GrantError,
+    ServiceAccount,
+    verify_jwt,
+)
 
 HOSTS = ("fcm.googleapis.com", "oauth2.googleapis.com", "playintegrity.googleapis.com")
 FORM_TYPE = "application/x-www-form-urlencoded"
 LARGEST_REQUEST = 1 << 20
+DECODE = re.compile(r"/v1/([^/:]*):decodeIntegrityToken")
 
 
 class CloudCertificates:
@@ -58,9 +67,9 @@ def _server_context(identity: Identity) -> ssl.SSLContext:
 class Cloud:
     """HTTPS on port 443 of its namespace.
 
-    `token` and `fcm` record what they are asked and are told how to answer. `certificate` names the
-    server certificate; `handshakes` False accepts connections and never speaks TLS. `broken` tells
-    how connections ended that did not end well.
+    `token`, `fcm` and `integrity` record what they are asked and are told how to answer.
+    `certificate` names the server certificate; `handshakes` False accepts connections and never
+    speaks TLS. `broken` tells how connections ended that did not end well.
     """
 
     def __init__(
@@ -70,12 +79,15 @@ class Cloud:
         certificates: CloudCertificates | None = None,
         account: ServiceAccount | None = None,
         port: int = 443,
+        integrity_keys: IntegrityKeys | None = None,
     ) -> None:
         self.namespace, self.address, self.port = namespace, address, port
         self.certificates = certificates or CloudCertificates()
         self.account = account or ServiceAccount()
+        self.integrity_keys = integrity_keys or IntegrityKeys()
         self.token = Endpoint(self._grant)
         self.fcm = Endpoint(self._send_message)
+        self.integrity = Endpoint(self._decode_integrity_token)
         self.unknown = Endpoint(lambda request: Answer.json({"error": {"code": 404}}, 404))
         self._ending = threading.Event()
         self._open: set[socket.socket] = set()
@@ -93,7 +105,7 @@ class Cloud:
         self.refusals: list[str] = []
         self.connections = 0
         self.broken: list[str] = []
-        for endpoint in (self.token, self.fcm, self.unknown):
+        for endpoint in (self.token, self.fcm, self.integrity, self.unknown):
             endpoint.reset()
 
     # Connections.
@@ -195,6 +207,8 @@ class Cloud:
         sends = f"/v1/projects/{re.escape(self.account.project_id)}/messages:send"
         if request.host == "fcm.googleapis.com" and re.fullmatch(sends, request.path):
             return self.fcm
+        if request.host == "playintegrity.googleapis.com" and DECODE.fullmatch(request.path):
+            return self.integrity
         return self.unknown
 
     def now(self) -> float:
@@ -221,17 +235,47 @@ class Cloud:
             raise GrantError(f"form: {sorted(form)}")
         return verify_jwt(form["assertion"][0], self.account, at=self.now())
 
-    def _send_message(self, request: Recorded) -> Answer:
+    def _may(self, request: Recorded, scope: str) -> bool:
         scheme, _, token = request.headers.get("authorization", "").partition(" ")
         grant = self.grants.get(token)
-        if scheme != "Bearer" or not grant or self.now() >= float(str(grant["valid_to"])):
-            return _error(401, "UNAUTHENTICATED", "Request had invalid authentication credentials.")
+        return (
+            scheme == "Bearer"
+            and grant is not None
+            and grant["scope"] == scope
+            and self.now() < float(str(grant["valid_to"]))
+        )
+
+    def _send_message(self, request: Recorded) -> Answer:
+        if not self._may(request, MESSAGING_SCOPE):
+            return UNAUTHENTICATED
         if request.method != "POST" or not request.json().get("message", {}).get("token"):
             return _error(400, "INVALID_ARGUMENT", "Recipient of the message is not set.")
         name = f"projects/{self.account.project_id}/messages/0:{secrets.randbits(53)}%velm"
         return Answer.json({"name": name})
 
+    def _decode_integrity_token(self, request: Recorded) -> Answer:
+        if not self._may(request, INTEGRITY_SCOPE):
+            return UNAUTHENTICATED
+        found = DECODE.fullmatch(request.path)
+        if not found or found.group(1) != PACKAGE_NAME:
+            return _error(400, "INVALID_ARGUMENT", "App is not found.")
+        try:
+            if request.method != "POST":
+                raise TokenError(request.method)
+            verdict = open_token(self.integrity_keys, str(request.json()["integrity_token"]))
+        except (TokenError, KeyError, ValueError):
+            return _error(400, "INVALID_ARGUMENT", "Integrity token cannot be decrypted.")
+        return Answer.json({"tokenPayloadExternal": verdict})
 
+
+def _error(status: int, name: str, message: str) -> Answer:
+    return Answer.json({"error": {"code": status, "message": message, "status": name}}, status)
+
+
+UNAUTHENTICATED = _error(
+    401, "UNAUTHENTICATED", "Request had invalid authentication credentials."
+)
+EXHAUSTED = _error(429, "RESOURCE_EXHAUSTED", "Quota exceeded.")
 UNREGISTERED = Answer.json(
     {
         "error": {
@@ -248,10 +292,6 @@ UNREGISTERED = Answer.json(
     },
     404,
 )
-
-
-def _error(status: int, name: str, message: str) -> Answer:
-    return Answer.json({"error": {"code": status, "message": message, "status": name}}, status)
 
 
 def _read_request(tls: ssl.SSLSocket) -> Recorded | None:

@@ -58,7 +58,13 @@ def scene(build: Build) -> Iterator[Scene]:
         credentials = Credentials()
         network = Network()
         cleanup.callback(network.close)
-        cloud = Cloud(network.cloud, network.CLOUD_ADDRESS, credentials.cloud, credentials.account)
+        cloud = Cloud(
+            network.cloud,
+            network.CLOUD_ADDRESS,
+            credentials.cloud,
+            credentials.account,
+            integrity_keys=credentials.integrity,
+        )
         cloud.start()
         cleanup.callback(cloud.stop)
         access_point = AccessPoint(build, network, credentials)

@@ -1,4 +1,6 @@
-"""A phone with the companion app: an iOS phone that attests its key and signs what it sends."""
+"""A phone with the companion app: an iOS phone that attests its key and signs what it sends.
+
+The Android one, in `android_phone`, differs in its proofs only."""
 
 from __future__ import annotations
 

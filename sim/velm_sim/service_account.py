@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import time
+from collections.abc import Collection
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
@@ -16,6 +17,8 @@ from .certificates import private_key_pem
 
 TOKEN_URI = "https://oauth2.googleapis.com/token"
 MESSAGING_SCOPE = "https://www.googleapis.com/auth/firebase.messaging"
+INTEGRITY_SCOPE = "https://www.googleapis.com/auth/playintegrity"
+SCOPES = (MESSAGING_SCOPE, INTEGRITY_SCOPE)
 GRANT_TYPE = "urn:ietf:params:oauth:grant-type:jwt-bearer"
 LIFETIME = 3600
 
@@ -61,7 +64,7 @@ def verify_jwt(
     assertion: str,
     account: ServiceAccount,
     *,
-    scope: str = MESSAGING_SCOPE,
+    scopes: Collection[str] = SCOPES,
     audience: str = TOKEN_URI,
     at: float | None = None,
     leeway: int = 10,
@@ -75,7 +78,9 @@ def verify_jwt(
     if token.jose_header != {"alg": "RS256", "typ": "JWT"}:
         raise GrantError(f"header: {token.jose_header}")
     claims: dict[str, Any] = json.loads(token.payload)
-    wanted = {"iss": account.client_email, "scope": scope, "aud": audience}
+    if claims.get("scope") not in scopes:
+        raise GrantError(f"scope: {claims.get('scope')!r}")
+    wanted = {"iss": account.client_email, "aud": audience}
     for name, value in wanted.items():
         if claims.get(name) != value:
             raise GrantError(f"{name}: {claims.get(name)!r}")

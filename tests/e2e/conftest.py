@@ -65,7 +65,13 @@ def network() -> Iterator[Network]:
 
 @pytest.fixture(scope="session")
 def running_cloud(network: Network, credentials: Credentials) -> Iterator[Cloud]:
-    made = Cloud(network.cloud, network.CLOUD_ADDRESS, credentials.cloud, credentials.account)
+    made = Cloud(
+        network.cloud,
+        network.CLOUD_ADDRESS,
+        credentials.cloud,
+        credentials.account,
+        integrity_keys=credentials.integrity,
+    )
     made.start()
     yield made
     made.stop()

@@ -102,7 +102,7 @@ def test_a_grant_that_others_signed_is_accepted() -> None:
     claims = verify_jwt(
         KNOWN["assertion"],
         known_account(),
-        scope=KNOWN["scope"],
+        scopes=[KNOWN["scope"]],
         audience=KNOWN["aud"],
         at=KNOWN["iat"],
     )
@@ -116,7 +116,7 @@ def test_a_grant_holds_for_its_hour(moment: int, valid: bool) -> None:
     def check() -> None:
         at = KNOWN["iat"] + moment
         verify_jwt(
-            KNOWN["assertion"], known_account(), scope=KNOWN["scope"], audience=KNOWN["aud"], at=at
+            KNOWN["assertion"], known_account(), scopes=[KNOWN["scope"]], audience=KNOWN["aud"], at=at
         )
 
     if valid:
