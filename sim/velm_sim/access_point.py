@@ -241,6 +241,9 @@ class AccessPoint:
     def move_clock(self, seconds: float) -> None:
         self.daemon.move_clock(seconds)
 
+    def stop_clock(self, moment: int) -> None:
+        self.daemon.stop_clock(moment)
+
     # Who talks to it.
 
     def lan_host(self, number: int = 0, timeout: float = 10.0) -> LanHost:

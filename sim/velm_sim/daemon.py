@@ -222,10 +222,17 @@ class Daemon:
 
     def move_clock(self, seconds: float) -> None:
         """The daemon's wall clock is off by that much from now on; its timers run as ever."""
+        self._write_clock(f"{seconds:+.3f}\n")
+
+    def stop_clock(self, moment: int) -> None:
+        """The daemon's wall clock stands at that second of the epoch from now on."""
+        self._write_clock(time.strftime("%Y-%m-%d %H:%M:%S\n", time.localtime(moment)))
+
+    def _write_clock(self, text: str) -> None:
         if not self.clock:
             raise DaemonError("started without a clock that can be moved")
         next_file = self.directory / "clock.next"
-        next_file.write_text(f"{seconds:+.3f}\n")
+        next_file.write_text(text)
         next_file.replace(self._clock_file)
 
     def reload(self, timeout: float = 10.0) -> None:

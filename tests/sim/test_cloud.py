@@ -116,7 +116,11 @@ def test_a_grant_holds_for_its_hour(moment: int, valid: bool) -> None:
     def check() -> None:
         at = KNOWN["iat"] + moment
         verify_jwt(
-            KNOWN["assertion"], known_account(), scopes=[KNOWN["scope"]], audience=KNOWN["aud"], at=at
+            KNOWN["assertion"],
+            known_account(),
+            scopes=[KNOWN["scope"]],
+            audience=KNOWN["aud"],
+            at=at,
         )
 
     if valid:
