@@ -1,0 +1,89 @@
+#include "velm_ssdp_message.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "logger/common_logger.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_ssdp_server";
+constexpr std::string_view search_line = "M-SEARCH * HTTP/1.1";
+constexpr char server_name[] = "VELMD";
+// clang-format off
+constexpr char reply_format[] =
+    "HTTP/1.1 200 OK\r\nDATE: %s\r\nLOCATION: https://%s:%u/info\r\nSERVER: %s\r\nST: %s\r\nUSN: uuid:%s::%s\r\n\r\n";
+// clang-format on
+
+enum class search_state : int { request_line = 0, headers = 1 };
+
+/// Cuts the first line off the text; `rest` goes on behind its CR LF, or ends.
+char *line_cut(char *&rest)
+{
+    char *const line = rest;
+    char *const end = std::strstr(line, "\r\n");
+    if (end == nullptr) {
+        rest += std::strlen(line);
+        return line;
+    }
+    *end = '\0';
+    rest = end + 2;
+    return line;
+}
+
+bool header_asks_for_us(char *line)
+{
+    char *const colon = std::strchr(line, ':');
+    if (colon == nullptr) {
+        return false;
+    }
+    const char *const value = colon + 1 + std::strspn(colon + 1, " \t");
+    if (*value == '\0') {
+        return false;
+    }
+    *colon = '\0';
+    // The stray parenthesis stays: the line is an interface.
+    LOG_TRACE("processing header name='%s', value='%s')", line, value);
+    return strcasecmp(line, "ST") == 0 && strcasecmp(value, velm_ssdp_device_type) == 0;
+}
+
+} // namespace
+
+bool velm_ssdp_message_is_search(char *text)
+{
+    char *rest = text;
+    search_state state = search_state::request_line;
+    while (*rest != '\0') {
+        char *const line = line_cut(rest);
+        LOG_TRACE("processing line: %s (state %d)", line, static_cast<int>(state));
+        if (state == search_state::request_line) {
+            if (line != search_line) {
+                return false;
+            }
+            state = search_state::headers;
+        } else if (header_asks_for_us(line)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::size_t velm_ssdp_message_write_reply(std::span<char, velm_ssdp_reply_size> reply,
+                                          const velm_ssdp_reply_fields &fields)
+{
+    std::array<char, 80> time_text{};
+    // localtime, not localtime_r: it follows a time zone that changes while we run.
+    const std::tm *const local = std::localtime(&fields.time);
+    if (local != nullptr) {
+        std::strftime(time_text.data(), time_text.size(), "%Y-%m-%d.%X", local);
+    }
+    const int length = std::snprintf(reply.data(), reply.size(), reply_format, time_text.data(),
+                                     fields.address, unsigned{fields.port}, server_name,
+                                     velm_ssdp_device_type, fields.uuid, velm_ssdp_device_type);
+    return std::min(static_cast<std::size_t>(std::max(length, 0)), reply.size() - 1);
+}
