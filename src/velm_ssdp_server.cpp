@@ -1,0 +1,254 @@
+#include "velm_ssdp_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+
+#include "handles/fd.h"
+#include "handles/libevent.h"
+#include "handles/memory.h"
+#include "logger/fatal.h"
+#include "velm_ssdp_message.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_ssdp_server";
+constexpr char SERVICE_UUID[] = "5c085b95-b4a7-45fa-b6f3-%02x%02x%02x%02x%02x%02x";
+constexpr char group_address[] = "239.255.255.250";
+constexpr std::size_t datagram_max = 65535;
+
+// What one turn of the loop takes at most, so that a flood leaves turns to the phones: each datagram
+// costs its length and a flat rate for the system calls. Some 50 searches, or one of the longest.
+constexpr std::ptrdiff_t turn_budget = 64 * 1024;
+constexpr std::ptrdiff_t datagram_flat_rate = 1024;
+
+using datagram_buffer = std::array<char, datagram_max + 1>;
+
+/// The answer names the time in whole seconds, so it is made once a second at most.
+struct prepared_reply {
+    std::time_t time;
+    std::size_t length;
+    std::array<char, velm_ssdp_reply_size> text;
+};
+
+struct module_state {
+    event_base *base = nullptr;
+    const velm_config *config = nullptr;
+    malloc_text service_uuid;
+    // Made for the first datagram and kept; of its pages only those that datagrams reached are ever
+    // resident.
+    std::unique_ptr<datagram_buffer> buffer;
+    std::optional<prepared_reply> reply;
+    unique_fd socket;
+    event_ptr watcher;
+};
+module_state state;
+
+/// The socket calls take the general form of every address.
+const sockaddr *general(const sockaddr_in &address)
+{
+    return reinterpret_cast<const sockaddr *>(&address);
+}
+
+sockaddr *general(sockaddr_in &address)
+{
+    return reinterpret_cast<sockaddr *>(&address);
+}
+
+const prepared_reply &current_reply()
+{
+    const std::time_t now = std::time(nullptr);
+    if (!state.reply || state.reply->time != now) {
+        const std::string address = velm_config_lan_ip_address(state.config);
+        prepared_reply &reply = state.reply.emplace();
+        reply.time = now;
+        reply.length = velm_ssdp_message_write_reply(
+            reply.text,
+            {now, address.c_str(), state.config->http_server_port, state.service_uuid.get()});
+    }
+    return *state.reply;
+}
+
+void send_reply(int fd, const sockaddr_in &receiver)
+{
+    const prepared_reply &reply = current_reply();
+    const ssize_t sent = sendto(fd, reply.text.data(), reply.length, MSG_DONTWAIT,
+                                general(receiver), sizeof receiver);
+    if (sent < 0 || static_cast<std::size_t>(sent) != reply.length) {
+        LOG_WARN("failed to send response to M-SEARCH packet");
+    }
+}
+
+/// The length of the datagram that was handled; nothing when none waits.
+std::optional<std::size_t> handle_datagram(int fd, datagram_buffer &buffer)
+{
+    sockaddr_in sender; // filled by the kernel
+    socklen_t sender_size = sizeof sender;
+    const ssize_t received =
+        recvfrom(fd, buffer.data(), datagram_max, MSG_DONTWAIT, general(sender), &sender_size);
+    if (received < 0) {
+        if (errno != EAGAIN) {
+            LOG_ERROR("%s - recvfrom failed: %s", __func__, std::strerror(errno));
+        }
+        return std::nullopt;
+    }
+    const auto length = static_cast<std::size_t>(received);
+    buffer[length] = '\0';
+    if (velm_ssdp_message_is_search(buffer.data())) {
+        send_reply(fd, sender);
+    }
+    return length;
+}
+
+void watcher_callback(evutil_socket_t fd, short events, void * /*context*/) noexcept
+{
+    if ((events & EV_READ) == 0) {
+        LOG_DEBUG("SSDP handler received status other that read: %d, ignoring", int{events});
+        return;
+    }
+    if (state.buffer == nullptr) {
+        const allocation_name naming{__func__, "buffer"};
+        state.buffer = std::make_unique_for_overwrite<datagram_buffer>();
+    }
+    std::ptrdiff_t budget = turn_budget;
+    while (budget > 0) {
+        const std::optional<std::size_t> length = handle_datagram(fd, *state.buffer);
+        if (!length) {
+            return;
+        }
+        budget -= datagram_flat_rate + static_cast<std::ptrdiff_t>(*length);
+    }
+}
+
+bool prepare_uuid(const char *caller)
+{
+    velm_mac_address mac{};
+    if (!velm_utils_parse_mac_address(state.config->mac_address, mac.data())) {
+        LOG_ERROR("%s - cannot prepare uuid with %s", caller, state.config->mac_address);
+        return false;
+    }
+    char *service_uuid = nullptr;
+    const int rc =
+        asprintf(&service_uuid, SERVICE_UUID, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+    constexpr char call[] =
+        "asprintf(&service_uuid, SERVICE_UUID, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5])";
+    REQUIRE_CALL(rc >= 0, call, rc);
+    state.service_uuid.reset(service_uuid);
+    return true;
+}
+
+template <typename T>
+bool set_option(int fd, int level, int option, const T &value)
+{
+    return setsockopt(fd, level, option, &value, sizeof value) == 0;
+}
+
+/// Membership and multicast of the LAN; what fails is logged, since unicast is served all the same.
+void join_group(const char *caller, int fd)
+{
+    const std::string address = velm_config_lan_ip_address(state.config);
+    ip_mreq membership{};
+    membership.imr_multiaddr.s_addr = inet_addr(group_address);
+    if (inet_pton(AF_INET, address.c_str(), &membership.imr_interface) != 1) {
+        membership.imr_interface.s_addr = INADDR_NONE; // nobody's address, so the join fails
+    }
+    LOG_DEBUG("%s - adding to multicast group %s", caller, group_address);
+    LOG_DEBUG("%s - on interface %s", caller, address.c_str());
+    if (set_option(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership)) {
+        // Else the group would come from every interface on which any other program has joined it.
+        set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    } else {
+        LOG_ERROR("%s - cannot join multicast group: %s", caller, std::strerror(errno));
+    }
+    if (!set_option(fd, IPPROTO_IP, IP_MULTICAST_IF, membership.imr_interface)) {
+        LOG_ERROR("%s - cannot set multicast interface: %s", caller, std::strerror(errno));
+    }
+}
+
+unique_fd prepare_socket()
+{
+    unique_fd socket{::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+    if (!socket) {
+        LOG_ERROR("%s: failed to create socket: %s", __func__, std::strerror(errno));
+        return socket;
+    }
+    if (!set_option(socket.get(), SOL_SOCKET, SO_REUSEADDR, 1)) {
+        LOG_ERROR("%s - cannot set SO_REUSEADDR on socket: %s", __func__, std::strerror(errno));
+    }
+    join_group(__func__, socket.get());
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(state.config->ssdp_server_port);
+    addr.sin_addr.s_addr = htonl(INADDR_ANY);
+    const int rc = bind(socket.get(), general(std::as_const(addr)), sizeof addr);
+    REQUIRE_CALL(rc == 0, "bind(fd, (struct sockaddr*) &addr, sizeof(addr))", rc);
+    return socket;
+}
+
+void watch_socket()
+{
+    state.watcher.reset(
+        event_new(state.base, state.socket.get(), EV_READ | EV_PERSIST, watcher_callback, nullptr));
+    REQUIRE_MEMORY(state.watcher, "watcher");
+    const int rc = event_add(state.watcher.get(), nullptr);
+    REQUIRE_CALL(rc == 0, "event_add(watcher, NULL)", rc);
+}
+
+} // namespace
+
+void velm_ssdp_server_set_event_base(event_base *base)
+{
+    state.base = base;
+}
+
+void velm_ssdp_server_init(const velm_config *config)
+{
+    LOG_TRACE("%s", __func__);
+    REQUIRE_NOT_NULL(config, "config");
+    state.config = config;
+}
+
+void ssdp_server_start()
+{
+    if (state.watcher != nullptr) {
+        ssdp_server_stop();
+    }
+    REQUIRE_NOT_NULL(state.config, "config");
+    if (state.config->ssdp_server_port == 0) {
+        LOG_INFO("%s - port is not configured", __func__);
+        return;
+    }
+    LOG_INFO("%s - ssdp server starting on port %u", __func__,
+             unsigned{state.config->ssdp_server_port});
+    if (!prepare_uuid(__func__)) {
+        LOG_ERROR("%s - cannot set uuid", __func__);
+        return;
+    }
+    LOG_INFO("%s - ssdp server uuid: %s", __func__, state.service_uuid.get());
+    state.socket = prepare_socket();
+    if (state.socket) {
+        watch_socket();
+    }
+}
+
+void ssdp_server_stop()
+{
+    LOG_INFO("%s", __func__);
+    state.watcher.reset();
+    state.socket.reset();
+    state.buffer.reset();
+    state.reply.reset();
+    state.service_uuid.reset();
+}

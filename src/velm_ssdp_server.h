@@ -1,0 +1,22 @@
+#pragma once
+
+#include <event2/event.h>
+
+#include "velm_config.h"
+
+/// Discovery: phones multicast an SSDP search for our device type and are told where /info is.
+/// Searches sent to one of our own addresses are answered too. Loop thread only.
+
+/// Before anything else here; the base is borrowed for the life of the process.
+void velm_ssdp_server_set_event_base(event_base *base);
+
+/// Remembers the configuration (borrowed). Runs again before every start.
+void velm_ssdp_server_init(const velm_config *config);
+
+/// Answers from now on, for the LAN address, HTTP port and MAC address of the configuration; ends a
+/// running server first. With port 0, or when the MAC address cannot be read or no socket be made,
+/// there is none, with a line in the log. A group that cannot be joined is logged, and what arrives
+/// all the same is answered. A port that cannot be bound is fatal.
+void ssdp_server_start();
+
+void ssdp_server_stop();
