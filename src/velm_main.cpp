@@ -6,6 +6,7 @@
 #include "logger/fatal.h"
 #include "velm_http_server.h"
 #include "velm_location_policy_ipc.h"
+#include "velm_ssdp_server.h"
 
 namespace {
 
@@ -20,6 +21,7 @@ module_state state;
 void start_servers(void *, short, common_async_context *) noexcept
 {
     http_server_start();
+    ssdp_server_start();
     location_policy_ipc_start();
 }
 
@@ -29,6 +31,7 @@ void velm_main_set_event_base(event_base *base)
 {
     state.base = base;
     velm_http_server_set_event_base(base);
+    velm_ssdp_server_set_event_base(base);
     velm_location_policy_ipc_set_event_base(base);
 }
 
@@ -37,6 +40,7 @@ void velm_main_init(velm_config *config)
     LOG_TRACE("%s", __func__);
     state.config = config;
     velm_http_server_init(config);
+    velm_ssdp_server_init(config);
     velm_location_policy_ipc_init(config);
 }
 
@@ -48,6 +52,7 @@ void velm_main_start()
 void velm_main_deinit()
 {
     velm_http_server_stop();
+    ssdp_server_stop();
     location_policy_ipc_stop();
 }
 

@@ -4,7 +4,8 @@
 
 #include "velm_config.h"
 
-/// The network servers as one: the HTTP server and the location-policy IPC. Loop thread only.
+/// The network servers as one: the HTTP server, discovery and the location-policy IPC. Loop
+/// thread only.
 
 /// Hands the base on, before velm_main_init.
 void velm_main_set_event_base(event_base *base);

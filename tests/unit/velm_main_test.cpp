@@ -9,6 +9,7 @@
 #include "fakes/captured_log.h"
 #include "velm_http_server.h"
 #include "velm_location_policy_ipc.h"
+#include "velm_ssdp_server.h"
 
 namespace {
 
@@ -39,6 +40,22 @@ void velm_http_server_stop()
 void http_server_start()
 {
     calls.emplace_back("http start");
+}
+void velm_ssdp_server_set_event_base(event_base *)
+{
+    calls.emplace_back("ssdp base");
+}
+void velm_ssdp_server_init(const velm_config *)
+{
+    calls.emplace_back("ssdp init");
+}
+void ssdp_server_start()
+{
+    calls.emplace_back("ssdp start");
+}
+void ssdp_server_stop()
+{
+    calls.emplace_back("ssdp stop");
 }
 void velm_location_policy_ipc_set_event_base(event_base *)
 {
@@ -77,14 +94,14 @@ class Main : public testing::Test {
 TEST_F(Main, TheBaseIsHandedToTheServersInOrder)
 {
     velm_main_set_event_base(nullptr);
-    EXPECT_EQ(calls, (call_list{"http base", "ipc base"}));
+    EXPECT_EQ(calls, (call_list{"http base", "ssdp base", "ipc base"}));
 }
 
 TEST_F(Main, TheServersAreInitialisedInOrder)
 {
     const captured_log log;
     velm_main_init(&config);
-    EXPECT_EQ(calls, (call_list{"http init", "ipc init"}));
+    EXPECT_EQ(calls, (call_list{"http init", "ssdp init", "ipc init"}));
     EXPECT_TRUE(log.has("TRACE velm_main - velm_main_init"));
 }
 
@@ -93,14 +110,15 @@ TEST_F(Main, TheServersStartFromAQueuedActionNotFromTheCallersStack)
     velm_main_start();
     EXPECT_EQ(calls, call_list{"queue"});
     queued(nullptr, 0, nullptr);
-    EXPECT_EQ(calls, (call_list{"queue", "http start", "ipc start"}));
+    EXPECT_EQ(calls, (call_list{"queue", "http start", "ssdp start", "ipc start"}));
 }
 
 TEST_F(Main, ANewAddressOnTheLanBridgeRestartsTheServersWithItInTheRecord)
 {
     netlink_ip_address_changed("br0", "192.168.2.1");
     EXPECT_STREQ(config.lan_ip_address, "192.168.2.1");
-    EXPECT_EQ(calls, (call_list{"http stop", "ipc stop", "http init", "ipc init", "queue"}));
+    EXPECT_EQ(calls, (call_list{"http stop", "ssdp stop", "ipc stop", "http init", "ssdp init",
+                                "ipc init", "queue"}));
 }
 
 struct address_case {
