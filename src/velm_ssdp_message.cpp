@@ -22,17 +22,18 @@ constexpr char reply_format[] =
 
 enum class search_state : int { request_line = 0, headers = 1 };
 
-/// Cuts the first line off the text; `rest` goes on behind its CR LF, or ends.
-char *line_cut(char *&rest)
+/// Cuts the first line off the text; `rest` goes on behind its CR LF, or is empty. The length is
+/// known, so that no search runs to the end of a long text for each of its lines.
+char *line_cut(std::span<char> &rest)
 {
-    char *const line = rest;
-    char *const end = std::strstr(line, "\r\n");
-    if (end == nullptr) {
-        rest += std::strlen(line);
-        return line;
+    char *const line = rest.data();
+    const std::size_t end = std::string_view{line, rest.size()}.find("\r\n");
+    if (end == std::string_view::npos) {
+        rest = {};
+    } else {
+        rest[end] = '\0';
+        rest = rest.subspan(end + 2);
     }
-    *end = '\0';
-    rest = end + 2;
     return line;
 }
 
@@ -56,9 +57,9 @@ bool header_asks_for_us(char *line)
 
 bool velm_ssdp_message_is_search(char *text)
 {
-    char *rest = text;
+    std::span<char> rest{text, std::strlen(text)};
     search_state state = search_state::request_line;
-    while (*rest != '\0') {
+    while (!rest.empty()) {
         char *const line = line_cut(rest);
         LOG_TRACE("processing line: %s (state %d)", line, static_cast<int>(state));
         if (state == search_state::request_line) {
