@@ -28,8 +28,9 @@ from .daemon import Daemon, DaemonError
 from .ipc_client import IpcClient, Report
 from .namespaces import NAMESPACE_DIRECTORY, Network, NetworkError, remove_stale
 from .phone import Phone, sample_location
+from .ssdp import DEVICE_TYPE, discover
 
-STEPS = 7
+STEPS = 8
 WANTED_WITHIN = 60
 PUSH_INTERVAL = 60  # of the daemon
 
@@ -86,8 +87,22 @@ def show_access_point(console: Console, now: Scene) -> None:
     console.fact("HTTPS", f"https://{now.phone.host.server}:{access_point.port}")
     console.fact("local clients", access_point.socket_path)
     console.fact("resident memory", f"{now.daemon.resident_kib()} KiB")
-    reply = now.phone.info()
-    require(reply.status == 200, f"/info answered {reply.status}")
+
+
+def find(console: Console, now: Scene) -> None:
+    """From here on the phone goes where the answer sent it."""
+    host = now.phone.host
+    console.step("The phone looks for the access point on the LAN")
+    console.fact("M-SEARCH", DEVICE_TYPE)
+    answers = discover(now.network.phone, str(host.source))
+    require(len(answers) == 1, f"{len(answers)} access points answered the search")
+    (answer,) = answers
+    console.fact("answer of", f"{answer.address}:{answer.port}")
+    for name in ("LOCATION", "SERVER", "USN"):
+        console.fact(name, answer.headers[name])
+    host.server, host.port = answer.host, answer.https_port
+    reply = host.request(answer.path)
+    require(reply.status == 200, f"{answer.location} answered {reply.status}")
     console.fact("GET /info", reply.body.decode())
 
 
@@ -149,6 +164,7 @@ def expected(phone: Phone, location: dict[str, Any]) -> Report:
 
 
 def run(console: Console, now: Scene) -> None:
+    find(console, now)
     pair(console, now)
     with IpcClient(now.access_point.socket_path) as watcher:
         client, _ = ask(console, now)
