@@ -1,11 +1,14 @@
+#include <arpa/inet.h>
 #include <dm.h>
 #include <event2/event.h>
 #include <fcntl.h>
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +18,7 @@
 #include <string>
 
 #include "async/common_async.h"
+#include "cutils/common_netlink.h"
 #include "handles/fd.h"
 #include "handles/file.h"
 #include "handles/libevent.h"
@@ -234,6 +238,29 @@ void make_event_base()
     common_async_set_event_base(base);
     http_client_set_event_base(base);
     velm_main_set_event_base(base);
+    common_netlink_set_event_base(base);
+}
+
+/// False when no interface has the address any more.
+bool can_bind(const char *address)
+{
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    const unique_fd probe{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    return inet_pton(AF_INET, address, &local.sin_addr) != 1 ||
+           bind(probe.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0 ||
+           errno != EADDRNOTAVAIL;
+}
+
+/// A report may come late, and a server that finds its address gone ends the daemon.
+void lan_address_reported(const char *ifname, const char *address, void *,
+                          common_netlink_observer *)
+{
+    if (can_bind(address)) {
+        netlink_ip_address_changed(ifname, address);
+    } else {
+        LOG_DEBUG("%s - %s has lost %s again", __func__, ifname, address);
+    }
 }
 
 void block_sighup(int how)
@@ -329,6 +356,7 @@ int main(int argc, char **argv)
     common_async_init();
     velm_main_init(process.config.get());
     init_modules();
+    common_netlink_observe(lan_address_reported, nullptr);
     velm_main_start();
     event_base_dispatch(process.base.get());
     return EXIT_SUCCESS;
