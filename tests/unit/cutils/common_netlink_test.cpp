@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
@@ -113,7 +114,7 @@ ssize_t recvfrom(int fd, void *buffer, std::size_t size, int flags, sockaddr *se
     std::memcpy(sender, &from, std::min<std::size_t>(*sender_size, sizeof from));
     *sender_size = got.sender_size;
     const std::size_t length = std::min(size, got.bytes.size());
-    std::memcpy(buffer, got.bytes.data(), length);
+    std::copy_n(got.bytes.data(), length, static_cast<std::uint8_t *>(buffer));
     return static_cast<ssize_t>(length);
 }
 
