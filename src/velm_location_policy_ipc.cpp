@@ -27,11 +27,15 @@ constexpr char log_category[] = "velm_location_policy_ipc";
 // One packet can hold thousands of requests, and the loop takes one queued call a turn.
 constexpr unsigned waiting_asks_limit = 256;
 
+// More than the elements of any one request's body, so only several of them together reach it.
+constexpr unsigned waiting_deliveries_limit = 4096;
+
 struct module_state {
     event_base *base = nullptr;
     const velm_config *config = nullptr;
     velm_ipc_ptr server;
     unsigned waiting_asks = 0;
+    unsigned waiting_deliveries = 0;
 };
 module_state state;
 
@@ -122,6 +126,22 @@ void report_send(const char *caller, const velm_location_report &report)
     }
 }
 
+/// Only the members that a delivery reads: each element of a body full of locations has a copy of
+/// its own, and whatever else a phone put there would be multiplied by thousands. Null when memory
+/// is exhausted.
+json_ptr copy_auth(const cJSON *auth)
+{
+    json_ptr copy{cJSON_CreateObject()};
+    for (const char *member : {"deviceId", "bssid"}) {
+        const char *const text = velm_utils_get_field_value_from_json_object(auth, member);
+        if (copy != nullptr && text != nullptr &&
+            cJSON_AddStringToObject(copy.get(), member, text) == nullptr) {
+            return nullptr;
+        }
+    }
+    return copy;
+}
+
 bool is_empty(const char *text)
 {
     return text == nullptr || *text == '\0';
@@ -165,6 +185,7 @@ bool delivery_check(const char *caller, const location_delivery &delivery, json_
 void location_policy_ipc_send(void *user_data, short, common_async_context *) noexcept
 {
     const std::unique_ptr<location_delivery> delivery = adopt<location_delivery>(user_data);
+    --state.waiting_deliveries;
     if (state.server == nullptr) {
         LOG_ERROR("%s - no IPC server", __func__);
         return;
@@ -272,6 +293,10 @@ void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSO
     REQUIRE_NOT_NULL(ip, "ip");
     REQUIRE_NOT_NULL(auth, "auth");
     REQUIRE_NOT_NULL(location, "location");
+    if (state.waiting_deliveries == waiting_deliveries_limit) {
+        LOG_ERROR("%s - too many locations wait", __func__);
+        return;
+    }
     auto d = std::make_unique<location_delivery>();
     {
         const allocation_name naming{__func__, "d->ip"};
@@ -279,7 +304,7 @@ void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSO
     }
     {
         const allocation_name naming{__func__, "d->auth"};
-        d->auth.reset(cJSON_Duplicate(auth, true));
+        d->auth = copy_auth(auth);
         REQUIRE_MEMORY(d->auth, "d->auth");
     }
     {
@@ -287,5 +312,6 @@ void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSO
         d->location.reset(cJSON_Duplicate(location, true));
         REQUIRE_MEMORY(d->location, "d->location");
     }
+    ++state.waiting_deliveries;
     common_async_action_call(location_policy_ipc_send, d.release());
 }

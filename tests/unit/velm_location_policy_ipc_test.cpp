@@ -1,6 +1,7 @@
 #include "velm_location_policy_ipc.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <cstring>
@@ -230,6 +231,43 @@ TEST_F(LocationPolicy, PushesThatWaitForTheLoopAreBoundedOverAllConnections)
     }));
     EXPECT_GT(busy, 0U);
     EXPECT_GE(fake.pushes.size(), 256U);
+}
+
+TEST_F(LocationPolicy, LocationsThatWaitForTheLoopAreBoundedOverAllRequests)
+{
+    const captured_log log;
+    for (int i = 0; i < 4096; ++i) {
+        deliver("{}");
+    }
+    const std::string refused =
+        "ERROR velm_location_policy_ipc - velm_location_policy_ipc_send - too many locations wait";
+    EXPECT_FALSE(log.has(refused));
+    deliver("{}");
+    EXPECT_TRUE(log.has(refused));
+    const std::string handed_on = "location_policy_ipc_send - declared bssid";
+    EXPECT_TRUE(ipc_turn_until(base, [&] { return log.count(handed_on) == 4096; }));
+    deliver("{}");
+    EXPECT_TRUE(ipc_turn_until(base, [&] { return log.count(handed_on) == 4097; }));
+}
+
+TEST_F(LocationPolicy, WhatAPhonePutsIntoAuthBesideIsNotKeptForEachOfItsLocations)
+{
+    std::string auth = good_auth;
+    auth.insert(auth.size() - 1, ", \"x\": [0");
+    for (int i = 0; i < 2000; ++i) {
+        auth.insert(auth.size() - 1, ",0");
+    }
+    auth.insert(auth.size() - 1, "]");
+    const json_ptr auth_json{cJSON_Parse(auth.c_str())};
+    ASSERT_NE(auth_json, nullptr);
+    const json_ptr location{cJSON_CreateObject()};
+    const std::size_t before = mallinfo2().uordblks; // an instrumented allocator says 0
+    for (int i = 0; i < 1000; ++i) {
+        velm_location_policy_ipc_send("192.168.1.23", auth_json.get(), location.get());
+    }
+    EXPECT_LT(mallinfo2().uordblks - before, 2000U * 1000);
+    const captured_log log;
+    EXPECT_TRUE(ipc_turn_until(base, [&] { return log.count("declared bssid") == 1000; }));
 }
 
 /// The 224 bytes as the table of the interface gives them, put together without the structure.
@@ -553,6 +591,9 @@ TEST_F(LocationPolicy, ACopyThatFindsNoMemoryIsFatalUnderItsName)
     const captured_log log;
     const json_ptr object{cJSON_CreateObject()};
     EXPECT_DEATH(deliver_with_memory_for(0, object.get()),
+                 "velm_location_policy_ipc_send: d->auth is null: not enough memory");
+    const json_ptr auth{cJSON_Parse(good_auth)};
+    EXPECT_DEATH(deliver_with_memory_for(1, auth.get()),
                  "velm_location_policy_ipc_send: d->auth is null: not enough memory");
     EXPECT_DEATH(deliver_with_memory_for(1, object.get()),
                  "velm_location_policy_ipc_send: d->location is null: not enough memory");
