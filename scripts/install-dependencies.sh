@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that building, testing and the demo need, and only the missing ones.
-# Silent when nothing is missing.
+# Silent when nothing is missing. Packages named on the command line are wanted as well.
 
 install_dependencies() (
     set -eu
@@ -11,6 +11,7 @@ install_dependencies() (
         python3 python3-pytest python3-pytest-xdist python3-cbor2 python3-cryptography
         python3-jwcrypto python3-yaml python3-jsonschema faketime iproute2 socat curl openssl
         python3-gi gir1.2-gssdp-1.6 ca-certificates procps mandoc util-linux
+        $*
     "
     missing=
     for package in $packages; do
@@ -35,4 +36,4 @@ install_dependencies() (
     fi
 )
 
-install_dependencies
+install_dependencies "$@"

@@ -109,13 +109,16 @@ bool prepare(load_run *run)
     }
     run->sessions.resize(run->connections.size());
     run->waits_for.resize(run->connections.size());
+    if (run->options->mode == load_mode::idle) {
+        run->requests.assign(run->connections.size(), run->repeated_request);
+    }
     return run->options->requests_path.empty() || read_requests(run);
 }
 
 /// Null when there is nothing more to ask.
 const std::string *take_request(load_run *run)
 {
-    if (run->options->requests_path.empty()) {
+    if (run->requests.empty()) {
         return load_clock::now() < run->end ? &run->repeated_request : nullptr;
     }
     return run->next_request < run->requests.size() ? &run->requests[run->next_request++] : nullptr;
@@ -167,10 +170,15 @@ bool may_open_again(load_run *run, load_progress progress)
         ++run->result.failures;
         ++run->failures_in_a_row;
     }
-    const bool more = run->options->requests_path.empty()
-                          ? load_clock::now() < run->end
-                          : run->next_request < run->requests.size();
+    const bool more = run->requests.empty() ? load_clock::now() < run->end
+                                            : run->next_request < run->requests.size();
     return more && run->failures_in_a_row < max_failures_in_a_row;
+}
+
+void count_resumed(load_result *result, const load_connection &connection)
+{
+    result->offered += connection.offered_session();
+    result->resumed += SSL_session_reused(connection.tls()) == 1;
 }
 
 /// Goes on with a connection until it has to wait; false when it has nothing left to do.
@@ -194,8 +202,7 @@ bool drive(load_run *run, std::size_t index, load_progress progress)
             break;
         }
         case load_progress::answered:
-            run->result.resumed +=
-                SSL_session_reused(connection.tls()) == 1 && !keeps_connections(run);
+            count_resumed(&run->result, connection);
             progress = after_answer(run, index);
             break;
         case load_progress::closed:
@@ -209,6 +216,13 @@ bool drive(load_run *run, std::size_t index, load_progress progress)
     }
 }
 
+/// What else may come on a connection, such as a ticket, wakes nobody any more.
+void retire(load_run *run, std::size_t index)
+{
+    epoll_ctl(run->epoll.get(), EPOLL_CTL_DEL, run->connections[index].descriptor(), nullptr);
+    --run->open;
+}
+
 /// Serves the connections until all have nothing left to do; false when the server fell silent.
 bool turn_until_done(load_run *run)
 {
@@ -218,7 +232,9 @@ bool turn_until_done(load_run *run)
         const int count = epoll_wait(run->epoll.get(), events.data(), events.size(), 100);
         for (int i = 0; i < count; ++i) {
             const std::size_t index = events[static_cast<std::size_t>(i)].data.u64;
-            run->open -= !drive(run, index, run->connections[index].advance());
+            if (!drive(run, index, run->connections[index].advance())) {
+                retire(run, index);
+            }
         }
         if (load_clock::now() - run->last_answer > patience) {
             std::fprintf(stderr, "no answer any more\n");
@@ -270,7 +286,6 @@ bool run_load(load_run *run)
 /// One request on each connection, then nothing until standard input ends.
 bool run_idle(load_run *run)
 {
-    run->requests.assign(run->connections.size(), run->repeated_request);
     if (!run_load(run)) {
         return false;
     }

@@ -83,7 +83,8 @@ load_progress load_connection::open(SSL_SESSION *session)
     tls_.reset(SSL_new(context_));
     SSL_set_fd(tls_.get(), socket_.get());
     SSL_set_connect_state(tls_.get());
-    if (session != nullptr) {
+    offered_session_ = session != nullptr;
+    if (offered_session_) {
         SSL_set_session(tls_.get(), session);
     }
     return load_progress::wants_write;

@@ -49,6 +49,10 @@ class load_connection {
     {
         return status_;
     }
+    [[nodiscard]] bool offered_session() const
+    {
+        return offered_session_;
+    }
     [[nodiscard]] bool ends_after_answer() const
     {
         return ends_after_answer_;
@@ -80,6 +84,7 @@ class load_connection {
     std::size_t answer_size_ = 0; // 0 until the head is whole
     int status_ = 0;
     bool ends_after_answer_ = false;
+    bool offered_session_ = false;
     bool connected_ = false;
     load_clock::time_point opened_at_;
     load_clock::time_point asked_at_;

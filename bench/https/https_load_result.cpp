@@ -33,11 +33,13 @@ void load_result_print(load_result result)
     const double rate =
         result.seconds > 0 ? static_cast<double>(latencies.size()) / result.seconds : 0;
     std::printf("{\"requests\": %zu, \"seconds\": %.6f, \"rate\": %.3f, \"p50_us\": %u, "
-                "\"p99_us\": %u, \"max_us\": %u, \"connections\": %llu, \"resumed\": %llu, "
+                "\"p99_us\": %u, \"max_us\": %u, \"connections\": %llu, \"offered\": %llu, "
+                "\"resumed\": %llu, "
                 "\"failures\": %llu, \"statuses\": {",
                 latencies.size(), result.seconds, rate, quantile(latencies, 0.5),
                 quantile(latencies, 0.99), quantile(latencies, 1.0),
                 static_cast<unsigned long long>(result.connections),
+                static_cast<unsigned long long>(result.offered),
                 static_cast<unsigned long long>(result.resumed),
                 static_cast<unsigned long long>(result.failures));
     const char *separator = "";

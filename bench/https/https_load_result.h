@@ -10,6 +10,7 @@ struct load_result {
     std::vector<std::uint32_t> latencies_us; // of each answered request, a new connection included
     std::map<int, std::uint64_t> statuses;
     std::uint64_t connections = 0; // that were opened
+    std::uint64_t offered = 0;     // answered requests whose connection had a session to resume
     std::uint64_t resumed = 0;     // of these
     std::uint64_t failures = 0;    // connections that broke, with their requests
     double seconds = 0;

@@ -1,0 +1,1 @@
+"""The benchmarks: velmd beside its peers, as one table."""

@@ -1,0 +1,107 @@
+"""A process seen from outside: its CPU time, memory, system calls and wake-ups."""
+
+from __future__ import annotations
+
+import os
+import re
+import signal
+import subprocess
+import time
+from collections.abc import Mapping
+from dataclasses import dataclass
+from pathlib import Path
+
+_CALL = re.compile(r"(?:\[pid +(\d+)\] )?\w+\(")
+
+
+def cpu_us(pid: int) -> float:
+    """CPU time so far, all threads, by the scheduler's own nanoseconds."""
+    return sum(
+        int((task / "schedstat").read_text().split()[0])
+        for task in Path(f"/proc/{pid}/task").iterdir()
+    ) / 1000
+
+
+@dataclass(frozen=True)
+class Memory:
+    """In KiB."""
+
+    resident: float
+    private_dirty: float
+
+
+def memory(pid: int) -> Memory:
+    text = Path(f"/proc/{pid}/smaps_rollup").read_text()
+    sizes = {name: int(size) for name, size in re.findall(r"^(\w+): +(\d+) kB", text, re.M)}
+    return Memory(sizes["Rss"], sizes["Private_Dirty"])
+
+
+def wakeups(pid: int) -> int:
+    """How often it went to sleep of itself, and so woke up."""
+    text = Path(f"/proc/{pid}/status").read_text()
+    found = re.search(r"^voluntary_ctxt_switches:\s+(\d+)", text, re.M)
+    assert found
+    return int(found.group(1))
+
+
+@dataclass(frozen=True)
+class Idleness:
+    """A minute of doing nothing."""
+
+    wakeups: float
+    system_calls: float
+
+
+def idleness(pids: Mapping[str, int], seconds: float) -> dict[str, Idleness]:
+    """All at once, half of the time without a tracer and half with one."""
+    before = {name: wakeups(pid) for name, pid in pids.items()}
+    time.sleep(seconds / 2)
+    woken = {name: wakeups(pid) - before[name] for name, pid in pids.items()}
+    calls = system_calls(pids, seconds / 2)
+    a_minute = 60 / (seconds / 2)
+    return {
+        name: Idleness(woken[name] * a_minute, calls[name] * a_minute) for name in pids
+    }
+
+
+def system_calls(pids: Mapping[str, int], seconds: float) -> dict[str, int]:
+    """Those entered within the time; the one that a process sleeps in does not count."""
+    tracers = {
+        name: subprocess.Popen(
+            ["strace", "-qq", "-f", "-p", str(pid)], stderr=subprocess.PIPE, text=True
+        )
+        for name, pid in pids.items()
+    }
+    time.sleep(seconds)
+    for tracer in tracers.values():
+        tracer.send_signal(signal.SIGINT)
+    return {
+        name: _entered(tracer.communicate(timeout=10)[1]) for name, tracer in tracers.items()
+    }
+
+
+def _entered(trace: str) -> int:
+    """Counts the calls of a trace, without the one in which each thread slept at its begin."""
+    begun = [match for line in trace.splitlines() if (match := _CALL.match(line))]
+    return len(begun) - len({match.group(1) for match in begun})
+
+
+def pin(core: int | None) -> list[str]:
+    """The words that keep a command on one core; none on a machine that has only one."""
+    if core is None or (os.cpu_count() or 1) < 2:
+        return []
+    return ["taskset", "--cpu-list", str(core)]
+
+
+SERVER_CORE, CLIENT_CORE = 0, 1
+
+
+def end(process: subprocess.Popen[bytes]) -> None:
+    """Ends exactly this process."""
+    if process.poll() is None:
+        process.send_signal(signal.SIGTERM)
+        try:
+            process.wait(timeout=5)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.wait(timeout=5)

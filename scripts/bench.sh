@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Measures the release build beside nginx, lighttpd, mosquitto, `openssl speed` and bare loops: prints
+# one table and writes it into build/bench as text, JSON and SVG. bench/README.md says how each figure
+# comes about.
+#
+# usage: scripts/bench.sh [--quick]      needs root: it makes network namespaces
+set -eu
+cd "$(dirname "$0")/.."
+
+# What only the benchmarks want: the peers, and the tracer that counts system calls. Debian starts
+# what it installs; the peers measured here are processes of our own, so that none stays behind.
+peers="nginx-light lighttpd lighttpd-mod-openssl mosquitto strace"
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ] && [ "$(id -u)" -eq 0 ]; then
+    trap 'rm -f "$policy"' EXIT
+    printf '#!/bin/sh\nexit 101\n' >"$policy"
+    chmod 755 "$policy"
+fi
+# shellcheck disable=SC2086  # one word a package
+./scripts/install-dependencies.sh $peers
+if [ "$(id -u)" -eq 0 ] && grep -q 'exit 101' "$policy"; then
+    rm -f "$policy"
+fi
+
+log=build/bench/build.log
+mkdir -p build/bench
+targets="velmd velmctl nvram velm-https-load"
+# Each of these is one part of the table, which says so when one is not there.
+for target in velm-micro velm-bench velm-load; do
+    grep -rqs "add_executable($target\b" bench/CMakeLists.txt bench/*/CMakeLists.txt && targets="$targets $target"
+done
+# shellcheck disable=SC2086  # one word a target
+{ cmake --preset release && cmake --build --preset release --target $targets; } >"$log" 2>&1 ||
+    { tail -n 60 "$log" >&2; exit 1; }
+
+PYTHONPATH=sim:bench exec /usr/bin/python3 -B -m velm_bench --output build/bench "$@"
