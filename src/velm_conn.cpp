@@ -27,6 +27,7 @@ struct velm_conn {
     velm_ipc_cmd_input input;
     velm_ipc *server = nullptr;
     velm_conn_frame_handler handler = nullptr;
+    velm_conn_closed_handler closed_handler = nullptr;
     bool closed = false;
 };
 
@@ -47,6 +48,9 @@ void connection_close(velm_conn *conn)
     conn->write_event.reset();
     conn->waiting.clear();
     conn->socket.reset();
+    if (conn->closed_handler != nullptr) {
+        conn->closed_handler(conn);
+    }
 }
 
 /// A packet without bytes reads like the end of the stream. It is the end only when the peer has
@@ -197,6 +201,11 @@ velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *ser
         return nullptr;
     }
     return conn;
+}
+
+void velm_conn_set_closed_handler(velm_conn *conn, velm_conn_closed_handler handler)
+{
+    conn->closed_handler = handler;
 }
 
 velm_ipc *velm_conn_server(const velm_conn *conn)

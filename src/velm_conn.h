@@ -31,6 +31,9 @@ inline constexpr std::size_t velm_conn_queue_limit = 64;
 using velm_conn_frame_handler = int (*)(velm_conn *conn, std::uint32_t id, std::uint16_t type,
                                         const void *payload, std::size_t len, std::time_t deadline);
 
+/// Told once, when the connection has just been marked closed. It must not destroy the connection.
+using velm_conn_closed_handler = void (*)(velm_conn *conn);
+
 /// Null logs and does nothing else.
 void velm_conn_destroy(velm_conn *conn) noexcept;
 using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
@@ -40,6 +43,9 @@ using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
 /// watched; it is closed then.
 [[nodiscard]] velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *server,
                                              velm_conn_frame_handler handler);
+
+/// Without one nobody is told.
+void velm_conn_set_closed_handler(velm_conn *conn, velm_conn_closed_handler handler);
 
 [[nodiscard]] velm_ipc *velm_conn_server(const velm_conn *conn);
 [[nodiscard]] bool velm_conn_is_closed(const velm_conn *conn);

@@ -35,7 +35,8 @@ struct velm_ipc {
     std::string server_path;
     evconnlistener_ptr listener;
     event_ptr listener_pause;
-    event_ptr timer;
+    event_ptr timer; // pending only while a tick has something to do: nobody else wakes the process
+    bool timer_runs = false;
     std::vector<velm_conn_ptr> connections;
     velm_conn *client = nullptr; // the one of the connections that we made ourselves
     std::vector<outstanding_request> requests;
@@ -64,6 +65,34 @@ void request_forget(velm_ipc *server, std::uint32_t seq)
                   [seq](const outstanding_request &request) { return request.seq == seq; });
 }
 
+bool wants_to_connect(const velm_ipc *server)
+{
+    const bool connected = server->client != nullptr && !velm_conn_is_closed(server->client);
+    return !server->client_path.empty() && !connected;
+}
+
+bool tick_has_work(const velm_ipc *server)
+{
+    return !server->requests.empty() || wants_to_connect(server) ||
+           std::any_of(server->connections.begin(), server->connections.end(),
+                       [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
+}
+
+/// After every change that may give the tick its first work, or take the last.
+void timer_adjust(velm_ipc *server)
+{
+    const bool wanted = tick_has_work(server);
+    if (wanted == std::exchange(server->timer_runs, wanted)) {
+        return;
+    }
+    if (!wanted) {
+        event_del(server->timer.get());
+        return;
+    }
+    const int rc = event_add(server->timer.get(), &tick_interval);
+    REQUIRE_CALL(rc == 0, "event_add(timer, &tv)", rc);
+}
+
 int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const void *payload,
                   std::size_t len, std::time_t deadline)
 {
@@ -78,7 +107,13 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
     if (taken == 0) {
         request_forget(server, seq);
     }
+    timer_adjust(server);
     return taken;
+}
+
+void closed_handler(velm_conn *conn)
+{
+    timer_adjust(velm_conn_server(conn));
 }
 
 velm_conn *connection_add(velm_ipc *server, unique_fd socket)
@@ -88,6 +123,7 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket)
         LOG_ERROR("Cannot create connection");
         return nullptr;
     }
+    velm_conn_set_closed_handler(conn.get(), closed_handler);
     server->connections.push_back(std::move(conn));
     return server->connections.back().get();
 }
@@ -154,8 +190,7 @@ bool server_listen(velm_ipc *server)
 
 void client_reconnect(velm_ipc *server)
 {
-    const bool connected = server->client != nullptr && !velm_conn_is_closed(server->client);
-    if (server->client_path.empty() || connected) {
+    if (!wants_to_connect(server)) {
         return;
     }
     unique_fd socket = velm_ipc_socket_connect(server->client_path.c_str());
@@ -198,12 +233,10 @@ void timer_cb(evutil_socket_t, short, void *context) noexcept
     velm_ipc_tick(static_cast<velm_ipc *>(context));
 }
 
-void timer_start(velm_ipc *server)
+void timer_make(velm_ipc *server)
 {
     server->timer.reset(event_new(server->base, -1, EV_PERSIST, timer_cb, server));
     REQUIRE_MEMORY(server->timer, "timer");
-    const int rc = event_add(server->timer.get(), &tick_interval);
-    REQUIRE_CALL(rc == 0, "event_add(timer, &tv)", rc);
 }
 
 bool path_fits(const char *path)
@@ -240,8 +273,9 @@ velm_ipc_ptr velm_ipc_create(event_base *base, const char *client_path, const ch
     if (!server->server_path.empty() && !server_listen(server.get())) {
         return nullptr;
     }
+    timer_make(server.get());
     client_reconnect(server.get());
-    timer_start(server.get());
+    timer_adjust(server.get());
     return server;
 }
 
@@ -261,6 +295,7 @@ int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, s
     }
     const outstanding_request request = *found;
     server->requests.erase(found);
+    timer_adjust(server);
     return velm_ipc_cmd_send_resp(request.conn, VELM_LOCATION_REQUEST, request.id, status, payload,
                                   len);
 }
@@ -285,4 +320,5 @@ void velm_ipc_tick(velm_ipc *server)
     client_reconnect(server);
     closed_connections_remove(server);
     orphaned_requests_remove(server);
+    timer_adjust(server);
 }

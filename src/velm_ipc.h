@@ -45,6 +45,6 @@ int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, s
 /// Sends a report to every live connection; 1 when every send succeeded.
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len);
 
-/// What the timer does every second: reconnects, and lets go of closed connections and of requests
-/// that waited too long.
+/// What the timer does every second, while there is any of it to do: reconnects, and lets go of
+/// closed connections and of requests that waited too long. With nothing to do the timer rests.
 void velm_ipc_tick(velm_ipc *server);

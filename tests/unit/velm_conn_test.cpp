@@ -111,6 +111,22 @@ TEST_F(Conn, PacketsThatWaitedKeepTheirOrderAndTheirBounds)
     EXPECT_FALSE(velm_conn_is_closed(conn.get()));
 }
 
+TEST_F(Conn, WhoWantsToKnowIsToldOnceThatItIsClosed)
+{
+    static int times = 0;
+    static bool was_closed = false;
+    times = 0;
+    velm_conn_set_closed_handler(conn.get(), [](velm_conn *closed) {
+        ++times;
+        was_closed = velm_conn_is_closed(closed);
+    });
+    peer.reset();
+    ASSERT_TRUE(turn_until_closed());
+    EXPECT_FALSE(write_number(0));
+    EXPECT_EQ(times, 1);
+    EXPECT_TRUE(was_closed);
+}
+
 TEST_F(Conn, SixtyFourPacketsMayWaitAndOneMoreDropsAClientThatNeverReads)
 {
     const captured_log log;

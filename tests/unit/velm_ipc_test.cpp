@@ -223,6 +223,77 @@ TEST_F(Ipc, TheTimerTicksEverySecondByItself)
         ipc_turn_until(base.get(), [&log] { return log.contains("Removing orphaned request"); }));
 }
 
+/// Whether time alone would wake the loop.
+bool timer_is_set(const event_base_ptr &base)
+{
+    bool found = false;
+    event_base_foreach_event(
+        base.get(),
+        [](const event_base *, const event *watched, void *result) {
+            *static_cast<bool *>(result) |= event_pending(watched, EV_TIMEOUT, nullptr) != 0;
+            return 0;
+        },
+        &found);
+    return found;
+}
+
+TEST_F(Ipc, TheTimerRestsWhileNothingWaits)
+{
+    EXPECT_FALSE(timer_is_set(base)) << "nobody has connected";
+    const unique_fd client = connect();
+    EXPECT_FALSE(timer_is_set(base)) << "nobody has asked";
+}
+
+TEST_F(Ipc, TheTimerRunsFromARequestToItsAnswer)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ipc_send(client, ipc_request(2));
+    ASSERT_TRUE(turn_until_taken(2));
+    EXPECT_TRUE(timer_is_set(base));
+    EXPECT_EQ(respond(1), 1);
+    EXPECT_TRUE(timer_is_set(base)) << "the second one waits";
+    EXPECT_EQ(respond(2), 1);
+    EXPECT_FALSE(timer_is_set(base));
+    ipc_send(client, ipc_request(3));
+    ASSERT_TRUE(turn_until_taken(3));
+    EXPECT_TRUE(timer_is_set(base)) << "it must run again";
+}
+
+TEST_F(Ipc, ARequestThatIsAnsweredOrRefusedAtOnceSetsNoTimer)
+{
+    const unique_fd client = connect();
+    respond_at_once = true;
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_FALSE(timer_is_set(base));
+    respond_at_once = false;
+    handler_result = 0;
+    ipc_send(client, ipc_request(2));
+    ASSERT_TRUE(turn_until_taken(2));
+    EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, ARequestThatWaitedTooLongTakesTheTimerWithIt)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    fake_clock_advance(601);
+    velm_ipc_tick(server.get());
+    EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, AConnectionThatWasClosedSetsTheTimerUntilItIsGone)
+{
+    connect().reset();
+    ASSERT_TRUE(ipc_turn_until(base.get(), [this] { return timer_is_set(base); }));
+    const captured_log log;
+    ASSERT_TRUE(ipc_turn_until(base.get(), [&log] { return log.contains("Conn delete"); }))
+        << "the timer did not tick by itself";
+    EXPECT_FALSE(timer_is_set(base));
+}
+
 TEST_F(Ipc, AReportGoesToEveryConnectionAlsoToOneThatAskedNothing)
 {
     const unique_fd asking = connect();
@@ -523,6 +594,18 @@ TEST_F(IpcClientMode, KeepsTryingUntilTheServerComesAndConnectsOnce)
     EXPECT_TRUE(accept_from(listener));
     velm_ipc_tick(client.get());
     EXPECT_FALSE(accept_from(listener));
+}
+
+TEST_F(IpcClientMode, TheTimerRunsUntilTheServerCameAndAgainWhenItLeft)
+{
+    const velm_ipc_ptr client = velm_ipc_create(base.get(), client_path.c_str(), nullptr);
+    ASSERT_NE(client, nullptr);
+    EXPECT_TRUE(timer_is_set(base));
+    const unique_fd listener = listen_there();
+    velm_ipc_tick(client.get());
+    EXPECT_FALSE(timer_is_set(base));
+    accept_from(listener).reset();
+    EXPECT_TRUE(ipc_turn_until(base.get(), [this] { return timer_is_set(base); }));
 }
 
 TEST_F(IpcClientMode, ReconnectsAfterTheServerLeft)
