@@ -30,8 +30,10 @@ struct module_state {
     unique_fd pipe_read;
     unique_fd pipe_write;
     event_ptr event_pipe_watcher;
+    event_ptr next_turn; // a timer without delay
     std::deque<context_ptr> waiting;
-    bool awake = false; // a pointer lies in the pipe, so the loop will turn
+    bool awake = false;      // a pointer lies in the pipe or the timer is set: the loop will turn
+    bool loop_turns = false; // it has, so whoever calls from now on is one of its callbacks
 };
 module_state state;
 
@@ -57,21 +59,40 @@ void action_cb(evutil_socket_t, short events, void *argument) noexcept
     action_run(adopt<common_async_context>(argument), events);
 }
 
-/// One pointer wakes the loop for as long as actions wait: it stays in the pipe, which is readable
-/// on every turn, until the last one has run. So the pipe never fills and a turn costs no write.
-void event_pipe_cb(evutil_socket_t fd, short events, void *) noexcept
+/// No kernel object says that an action waits: the loop is awake, and with a timer that is due it
+/// looks for input once, without sleeping, and comes here.
+void ask_for_next_turn()
+{
+    constexpr timeval now{};
+    const int rc = evtimer_add(state.next_turn.get(), &now);
+    REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
+}
+
+/// One action a turn, so that input and timers get theirs however many wait.
+void run_first_waiting()
 {
     context_ptr context = std::move(state.waiting.front());
     state.waiting.pop_front();
-    action_run(std::move(context), events);
-    if (!state.waiting.empty()) {
-        return;
+    action_run(std::move(context), EV_READ);
+    state.awake = !state.waiting.empty();
+    if (state.awake) {
+        ask_for_next_turn();
     }
+}
+
+void next_turn_cb(evutil_socket_t, short, void *) noexcept
+{
+    run_first_waiting();
+}
+
+void event_pipe_cb(evutil_socket_t fd, short, void *) noexcept
+{
     void *woken_by = nullptr;
     if (read(fd, &woken_by, sizeof woken_by) != static_cast<ssize_t>(sizeof woken_by)) {
         FATAL("%s: error reading from pipe: %s", __func__, std::strerror(errno));
     }
-    state.awake = false;
+    state.loop_turns = true;
+    run_first_waiting();
 }
 
 void wake_loop(const char *caller)
@@ -79,12 +100,16 @@ void wake_loop(const char *caller)
     if (state.awake) {
         return;
     }
+    state.awake = true;
+    if (state.loop_turns) {
+        ask_for_next_turn();
+        return;
+    }
     const void *pointer = state.waiting.front().get();
     if (write(state.pipe_write.get(), &pointer, sizeof pointer) !=
         static_cast<ssize_t>(sizeof pointer)) {
         FATAL("%s: error writing to pipe: %s", caller, std::strerror(errno));
     }
-    state.awake = true;
 }
 
 } // namespace
@@ -107,6 +132,8 @@ void common_async_init()
     state.event_pipe_watcher.reset(
         event_new(state.base, state.pipe_read.get(), EV_READ | EV_PERSIST, event_pipe_cb, nullptr));
     REQUIRE_NOT_NULL(state.event_pipe_watcher, "event_pipe_watcher");
+    state.next_turn.reset(evtimer_new(state.base, next_turn_cb, nullptr));
+    REQUIRE_MEMORY(state.next_turn, "next_turn");
     const int added = event_add(state.event_pipe_watcher.get(), nullptr);
     REQUIRE_CALL(added == 0, "event_add(event_pipe_watcher, NULL)", added);
 }
