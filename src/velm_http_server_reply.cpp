@@ -1,3 +1,6 @@
+#include <event2/bufferevent.h>
+#include <event2/bufferevent_struct.h>
+
 #include <cstring>
 #include <string>
 
@@ -25,15 +28,28 @@ void add_content_length(evhtp_request_t *request)
     evhtp_headers_add_header(request->headers_out, header);
 }
 
+/// Later in this turn, without asking the kernel first whether the socket takes it: it nearly always
+/// does, and when not, what is left waits as ever.
+void write_in_this_turn(bufferevent *bev)
+{
+    event_active(&bev->ev_write, EV_WRITE, 1);
+}
+
 void send_reply(evhtp_request_t *request, int status)
 {
     add_content_length(request);
     evhtp_send_reply(request, static_cast<evhtp_res>(status));
     // The library leaves head and body in two pieces: in one they are one TLS record, one packet.
-    evbuffer_pullup(bufferevent_get_output(request->conn->bev), -1);
-    // In this order: resuming relies on the reply that has not been sent yet.
-    if ((request->conn->flags & EVHTP_CONN_FLAG_PAUSED) != 0) {
+    bufferevent *const bev = request->conn->bev;
+    evbuffer_pullup(bufferevent_get_output(bev), -1);
+    // In this order: resuming relies on the reply that has not been sent yet, and frees a connection
+    // whose peer has gone.
+    const auto flags = request->conn->flags;
+    if ((flags & EVHTP_CONN_FLAG_PAUSED) != 0) {
         evhtp_request_resume(request);
+    }
+    if ((flags & EVHTP_CONN_FLAG_FREE_CONN) == 0) {
+        write_in_this_turn(bev);
     }
 }
 
