@@ -104,6 +104,7 @@ intake_result take_head(http_intake *intake)
     intake->held.erase(0, length);
     intake->scanned = 0;
     intake->lifted = std::move(head.lifted);
+    REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
     if (!feed(intake, head.text)) {
         return intake_result::ended;
     }
@@ -202,6 +203,7 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                       callbacks.argument);
     const int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_headers)", rc);
+    evhtp_connection_drop_parser(connection); // until there is a head for it
 }
 
 intake_result http_intake_read(http_intake *intake)
@@ -226,6 +228,7 @@ intake_result http_intake_written(http_intake *intake)
     // The library has freed the answered request: the next one may come.
     intake->phase = message_phase::head;
     intake->lifted = {};
+    evhtp_connection_drop_parser(intake->connection);
     intake->held.shrink_to_fit();
     return take_all_held(intake) == intake_result::ended ? intake_result::ended
                                                          : intake_result::moved_on;

@@ -2,6 +2,8 @@
 
 #include <evhtp/evhtp.h>
 
+#include <cstdlib>
+
 #include "handles/handle.h"
 
 /// Frees the instance only: its listener and its connections must have gone before.
@@ -11,6 +13,27 @@ using evhtp_ptr = handle<evhtp_t, evhtp_free>;
 inline void evhtp_close(evhtp_connection_t *connection) noexcept
 {
     evhtp_connection_free(connection);
+}
+
+/// The parser holds a buffer of 8 KiB, and the library makes one for each connection, for its whole
+/// life. Only while a request is being read or answered does it look at it. Null without memory.
+inline htparser *evhtp_connection_make_parser(evhtp_connection_t *connection) noexcept
+{
+    if (connection->parser == nullptr) {
+        connection->parser = htparser_new();
+    }
+    if (connection->parser != nullptr) {
+        htparser_init(connection->parser, htp_type_request);
+        htparser_set_userdata(connection->parser, connection);
+    }
+    return connection->parser;
+}
+
+/// Nothing of a request may be under way.
+inline void evhtp_connection_drop_parser(evhtp_connection_t *connection) noexcept
+{
+    std::free(connection->parser);
+    connection->parser = nullptr;
 }
 
 /// The library takes every hook as a function without a prototype, so the one cast that this needs
