@@ -1,6 +1,7 @@
 #include "velm_http_server_connections.h"
 
 #include <event2/util.h>
+#include <malloc.h>
 #include <netinet/in.h>
 
 #include <algorithm>
@@ -32,6 +33,7 @@ struct module_state {
     evhtp_t *htp = nullptr;
     std::vector<std::unique_ptr<server_connection>> connections;
     event_ptr listener_wake;
+    event_ptr memory_return;
 };
 module_state state;
 
@@ -40,6 +42,24 @@ in_addr_t peer_address(const evhtp_connection_t *connection)
     sockaddr_in address{};
     std::memcpy(&address, connection->saddr, sizeof address);
     return address.sin_family == AF_INET ? address.sin_addr.s_addr : 0;
+}
+
+/// What handshakes and requests have freed lies between what lives on, where the C library keeps it.
+void on_memory_return(evutil_socket_t, short, void *) noexcept
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
+/// Once a second at most, and never while no connection comes or goes.
+void return_memory_soon()
+{
+    constexpr timeval soon{1, 0};
+    if (state.memory_return != nullptr &&
+        evtimer_pending(state.memory_return.get(), nullptr) == 0) {
+        evtimer_add(state.memory_return.get(), &soon);
+    }
 }
 
 void restart_timer(server_connection *peer)
@@ -95,6 +115,7 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 {
     const auto *const peer = static_cast<server_connection *>(argument);
     http_intake_end(&peer->intake);
+    return_memory_soon();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
 }
@@ -128,6 +149,7 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
     http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
     restart_timer(peer);
+    return_memory_soon();
     return EVHTP_RES_OK;
 }
 
@@ -163,6 +185,9 @@ void http_connections_watch_listener()
     state.listener_wake.reset(evtimer_new(state.htp->evbase, on_listener_wake, nullptr));
     REQUIRE_MEMORY(state.listener_wake, "listener_wake");
     evconnlistener_set_error_cb(state.htp->server, on_accept_error);
+    state.memory_return.reset(evtimer_new(state.htp->evbase, on_memory_return, nullptr));
+    REQUIRE_MEMORY(state.memory_return, "memory_return");
+    return_memory_soon(); // after what the start has freed
 }
 
 void http_connections_close()
