@@ -136,6 +136,8 @@ def main() -> int:
     parser.add_argument("--output", type=Path, default=Path("build/bench"))
     given = parser.parse_args()
     extent = QUICK if given.quick else FULL
+    # Pages of a program that was built just now are dirty until they are on the disk, and would count.
+    os.sync()
     build, run, about = Build(given.build), Run(), machine()
     measure_servers(run, build, extent)
     measure_steps(run, build, extent)

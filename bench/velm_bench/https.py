@@ -28,6 +28,7 @@ CONNECTIONS = (1, 16, 64)
 IDLE_CONNECTIONS = 60
 TLS = ("1.2", "1.3")
 STORM_CONNECTIONS = (1, 4)
+SETTLED_AFTER_S = 2.0
 
 
 @dataclass(frozen=True)
@@ -275,6 +276,7 @@ def connection_memory(bench: Bench) -> list[Figure]:
     for server in (bench.velmd, bench.nginx):
         before = memory(server.pid).private_dirty
         with bench.client.idle_connections(server, IDLE_CONNECTIONS):
+            time.sleep(SETTLED_AFTER_S)
             sizes[server.name] = (memory(server.pid).private_dirty - before) / IDLE_CONNECTIONS
     return [
         Figure("idle TLS connection", "kB", sizes["velmd"] * 1.024, "nginx", sizes["nginx"] * 1.024,
@@ -283,6 +285,7 @@ def connection_memory(bench: Bench) -> list[Figure]:
 
 
 def memory_after_load(bench: Bench) -> list[Figure]:
+    time.sleep(SETTLED_AFTER_S)
     return [
         Figure("private dirty memory after the load", "MB",
                memory(bench.velmd.pid).private_dirty * 1.024e-3, "nginx",
