@@ -69,28 +69,83 @@ void restart_timer(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(timer, &request_time)", rc);
 }
 
-void restart_timer_if_moved_on(server_connection *peer, intake_result result)
+/// The sum over all connections, or over those of one address.
+std::size_t held_size(const in_addr_t *address = nullptr)
+{
+    std::size_t sum = 0;
+    for (const auto &peer : state.connections) {
+        if (address == nullptr || peer->address == *address) {
+            sum += http_intake_size(&peer->intake);
+        }
+    }
+    return sum;
+}
+
+/// Of the address that holds most the connection that holds most; one whose request is checked
+/// holds no more than that request. Null when there is none to choose.
+server_connection *greediest()
+{
+    server_connection *found = nullptr;
+    std::pair<std::size_t, std::size_t> most{0, 0};
+    for (const auto &peer : state.connections) {
+        const std::pair<std::size_t, std::size_t> size{held_size(&peer->address),
+                                                       http_intake_size(&peer->intake)};
+        if (!http_intake_is_paused(&peer->intake) && size > most) {
+            found = peer.get();
+            most = size;
+        }
+    }
+    return found;
+}
+
+void keep_within_memory()
+{
+    while (held_size() > state.limits.held) {
+        const server_connection *const victim = greediest();
+        if (victim == nullptr) {
+            return;
+        }
+        LOG_WARN("%s - closing a connection, together they hold %zu bytes", __func__, held_size());
+        evhtp_close(victim->connection);
+    }
+}
+
+void begin_to_linger(server_connection *peer)
+{
+    const int rc = evtimer_add(peer->timer.get(), &state.limits.linger_time);
+    REQUIRE_CALL(rc == 0, "evtimer_add(timer, &linger_time)", rc);
+}
+
+void go_on(server_connection *peer, intake_result result)
 {
     if (result == intake_result::moved_on) {
         restart_timer(peer);
+    } else if (result == intake_result::refused) {
+        begin_to_linger(peer);
     }
 }
 
 void on_read(bufferevent *, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
-    restart_timer_if_moved_on(peer, http_intake_read(&peer->intake));
+    go_on(peer, http_intake_read(&peer->intake));
+    keep_within_memory(); // which may be the end of any of them
 }
 
 void on_write(bufferevent *, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
-    restart_timer_if_moved_on(peer, http_intake_written(&peer->intake));
+    go_on(peer, http_intake_written(&peer->intake));
 }
 
 void on_event(bufferevent *bev, short events, void *argument) noexcept
 {
-    const library_callbacks &library = static_cast<server_connection *>(argument)->intake.library;
+    const auto *const peer = static_cast<server_connection *>(argument);
+    if (peer->intake.phase == message_phase::refused) {
+        evhtp_close(peer->connection); // the client has ended, or cannot be written to
+        return;
+    }
+    const library_callbacks &library = peer->intake.library;
     library.event(bev, events, library.argument);
 }
 

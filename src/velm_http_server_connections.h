@@ -19,6 +19,11 @@ struct http_connection_limits {
     /// handshake and any idle time included. A total, so that dripping bytes gains nothing. While the
     /// checks of a request run it does not end; a reply is to be taken within twice this time.
     timeval request_time{30, 0};
+    /// What all of them together may hold of requests that are not answered yet: some of the longest
+    /// requests, or a hundred usual ones. Above it the address that holds most loses a connection.
+    std::size_t held = 256 * 1024;
+    /// How long a client that was refused may take to read that and to end what it sends.
+    timeval linger_time{2, 0};
     /// How long the listener rests when the process is out of descriptors.
     timeval listener_rest{0, 200 * 1000};
 };

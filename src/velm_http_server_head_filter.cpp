@@ -34,9 +34,15 @@ std::string_view trim(std::string_view text)
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-void append_lifted(std::string *value, std::string_view text)
+constexpr int status_bad_request = 400;
+constexpr int status_uri_too_long = 414;
+constexpr int status_header_too_large = 431;
+constexpr int status_not_implemented = 501;
+
+void refuse(http_head *head, const char *reason, int status = status_bad_request)
 {
-    value->append(text.substr(0, http_head_max_lifted - value->size()));
+    head->refusal = reason;
+    head->refusal_status = status;
 }
 
 /// Reads the lines after the request line, one call a line.
@@ -49,7 +55,7 @@ class header_lines {
     void add(std::string_view line)
     {
         if (++count_ > http_head_max_headers) {
-            head_->refusal = "too many headers";
+            refuse(head_, "too many headers", status_header_too_large);
             return;
         }
         if (!line.empty() && blanks.find(line.front()) != std::string_view::npos) {
@@ -66,7 +72,7 @@ class header_lines {
         const std::string_view name = line.substr(0, colon);
         if (colon == std::string_view::npos || name.empty() ||
             name.find_first_of(blanks) != std::string_view::npos) {
-            head_->refusal = "no header";
+            refuse(head_, "no header");
             return;
         }
         const std::string_view value = trim(line.substr(colon + 1));
@@ -74,7 +80,7 @@ class header_lines {
         in_lifted_ = lifted != nullptr;
         if (in_lifted_) {
             head_->lifted.push_back({lifted, {}});
-            append_lifted(&head_->lifted.back().value, value);
+            lift(value);
             return;
         }
         value_size_ = 0;
@@ -92,7 +98,7 @@ class header_lines {
     void add_transfer_encoding(std::string_view value)
     {
         if (!same_name(value, "chunked")) {
-            head_->refusal = "unknown transfer encoding";
+            refuse(head_, "unknown transfer encoding", status_not_implemented);
             return;
         }
         head_->chunked = true;
@@ -104,7 +110,7 @@ class header_lines {
     void count_framing()
     {
         if (++framing_count_ > 1) {
-            head_->refusal = "more than one length of the body";
+            refuse(head_, "more than one length of the body");
         }
     }
 
@@ -112,25 +118,35 @@ class header_lines {
     void add_folded(std::string_view line)
     {
         if (count_ == 1) {
-            head_->refusal = "no header";
+            refuse(head_, "no header");
             return;
         }
         if (!in_lifted_) {
             keep(line, trim(line).size());
             return;
         }
-        std::string *const value = &head_->lifted.back().value;
-        if (!value->empty()) {
-            append_lifted(value, " ");
+        if (!head_->lifted.back().value.empty()) {
+            lift(" ");
         }
-        append_lifted(value, trim(line));
+        lift(trim(line));
+    }
+
+    /// Like every text of a request that is longer than it may be, this one is a bad request.
+    void lift(std::string_view text)
+    {
+        std::string *const value = &head_->lifted.back().value;
+        if (text.size() > http_head_max_lifted - value->size()) {
+            refuse(head_, "attestation or assertion too long");
+            return;
+        }
+        value->append(text);
     }
 
     void keep(std::string_view line, std::size_t size)
     {
         value_size_ += size;
         if (value_size_ > http_head_max_value) {
-            head_->refusal = "header too long";
+            refuse(head_, "header too long", status_header_too_large);
             return;
         }
         head_->text.append(line).append(line_end);
@@ -176,26 +192,36 @@ std::size_t http_head_length(std::string_view bytes, std::size_t *scanned)
     return 0;
 }
 
+int http_head_line_refusal(std::string_view bytes)
+{
+    const std::string_view line = bytes.substr(bytes.rfind('\n') + 1);
+    if (line.size() <= http_head_max_line) {
+        return 0;
+    }
+    return lifted_name(line.substr(0, line.find(':'))) != nullptr ? status_bad_request
+                                                                  : status_header_too_large;
+}
+
 http_head http_head_filter(std::string_view head)
 {
     http_head result;
     if (head.size() > http_head_max_size) {
-        result.refusal = "head too long";
+        refuse(&result, "head too long", status_header_too_large);
         return result;
     }
     if (!head.ends_with(head_end)) {
-        result.refusal = "line feed without carriage return";
+        refuse(&result, "line feed without carriage return");
         return result;
     }
     if (head.find('\0') != std::string_view::npos) {
         // The parser's texts end at it: a path would compare as what stands before.
-        result.refusal = "zero byte in the head";
+        refuse(&result, "zero byte in the head");
         return result;
     }
     std::string_view rest = head;
     const std::string_view request_line = take_line(&rest);
     if (uri_too_long(request_line)) {
-        result.refusal = "uri too long";
+        refuse(&result, "uri too long", status_uri_too_long);
         return result;
     }
     result.text.reserve(head.size());

@@ -14,9 +14,9 @@ inline constexpr std::size_t http_head_max_size = 64 * 1024; // the whole head, 
 inline constexpr std::size_t http_head_max_headers = 100;    // lines after the request line
 /// What the parser's buffer takes: one URI, or one value of any header that is not lifted.
 inline constexpr std::size_t http_head_max_value = 8191;
-/// A lifted value is kept up to here: one more than the longest that is valid, so that the check of
-/// its length still sees that it was too long.
-inline constexpr std::size_t http_head_max_lifted = 16384 + 1;
+inline constexpr std::size_t http_head_max_lifted = 16384; // a lifted value
+/// A line that is longer is refused before it has ended: no header that may pass needs it.
+inline constexpr std::size_t http_head_max_line = http_head_max_lifted + 64;
 
 /// "X-Assertion" or "X-Attestation", in any case; the value without the white space around it and
 /// with a folded line joined by one blank.
@@ -27,6 +27,7 @@ struct http_head_lifted {
 
 struct http_head {
     const char *refusal = nullptr; // why the head is refused, a literal; null: it is not
+    int refusal_status = 400;      // what the client is told then
     std::string text;              // for the parser: all lines but the lifted ones
     std::vector<http_head_lifted> lifted;
     bool chunked = false; // only the parser knows where the body ends
@@ -36,6 +37,10 @@ struct http_head {
 /// yet. A line feed without a carriage return ends it too: such a head is refused at once.
 /// `scanned` is the caller's memory of how far earlier calls have looked (0 at first).
 [[nodiscard]] std::size_t http_head_length(std::string_view bytes, std::size_t *scanned);
+
+/// The status that refuses a head which has not ended but whose last line is too long already; 0 when
+/// it may still end well.
+[[nodiscard]] int http_head_line_refusal(std::string_view bytes);
 
 /// Takes a whole head apart. It is refused when a line is no header, or when it leaves in doubt where
 /// the body ends: by "Content-Length" and "Transfer-Encoding" there may be one statement, and of

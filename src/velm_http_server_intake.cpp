@@ -1,12 +1,17 @@
 #include "velm_http_server_intake.h"
 
 #include <event2/buffer.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <string>
 #include <string_view>
 #include <utility>
 
 #include "handles/evhtp.h"
+#include "handles/memory.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -16,16 +21,69 @@ constexpr char log_category[] = "velm_http_server";
 /// What may wait behind a request that is being answered, or as an unfinished head.
 constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;
 
+/// What is read of a client that was refused, so that the answer is not lost: closing with bytes
+/// unread would reset the connection, and take from the client what it has not read yet.
+constexpr std::size_t max_thrown_away = 1024 * 1024;
+
+constexpr int status_bad_request = 400;
+constexpr int status_body_too_large = 413;
+constexpr int status_head_too_large = 431;
+
 void log_refusal(const char *reason)
 {
     LOG_WARN("%s - %s", "refuse", reason);
 }
 
-intake_result refuse(http_intake *intake, const char *reason)
+intake_result end(http_intake *intake, const char *reason)
 {
     log_refusal(reason);
     evhtp_close(intake->connection);
     return intake_result::ended;
+}
+
+const char *reason_phrase(int status)
+{
+    switch (status) {
+    case 413:
+        return "Payload Too Large";
+    case 414:
+        return "URI Too Long";
+    case 431:
+        return "Request Header Fields Too Large";
+    case 501:
+        return "Not Implemented";
+    default:
+        return "Bad Request";
+    }
+}
+
+/// Answers without the library, which has not seen the whole request and will not. At once, since an
+/// end that the client has sent already would take what waits to be written with it. No more will
+/// come from us, but the client is still heard until it ends too.
+intake_result refuse(http_intake *intake, const char *reason, int status)
+{
+    log_refusal(reason);
+    const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' + reason_phrase(status) +
+                               "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    evhtp_connection_t *const connection = intake->connection;
+    bufferevent_disable(connection->bev, EV_WRITE);
+    SSL_write(connection->ssl, answer.data(), static_cast<int>(answer.size()));
+    SSL_shutdown(connection->ssl);
+    ERR_clear_error(); // a client that cannot be told is closed without it
+    shutdown(connection->sock, SHUT_WR);
+    intake->phase = message_phase::refused;
+    intake->held = std::string{};
+    intake->lifted = {};
+    return intake_result::refused;
+}
+
+intake_result throw_away(http_intake *intake)
+{
+    evbuffer *const input = bufferevent_get_input(intake->connection->bev);
+    intake->thrown_away += evbuffer_get_length(input);
+    evbuffer_drain(input, evbuffer_get_length(input));
+    return intake->thrown_away <= max_thrown_away ? intake_result::waits
+                                                  : end(intake, "more behind a refused request");
 }
 
 /// Every route either pauses the request or answers it before it returns.
@@ -63,6 +121,7 @@ bool feed(http_intake *intake, std::string_view bytes)
     bufferevent *const bev = intake->connection->bev;
     const int rc = evbuffer_add(bufferevent_get_input(bev), bytes.data(), bytes.size());
     REQUIRE_CALL(rc == 0, "evbuffer_add(input, bytes, size)", rc);
+    intake->handed += bytes.size();
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
         log_refusal("the parser takes it for no request, or its body for too long");
         return false;
@@ -74,15 +133,27 @@ bool feed(http_intake *intake, std::string_view bytes)
 intake_result begin_body(http_intake *intake, bool chunked)
 {
     if (!has_route(intake)) {
-        return refuse(intake, "no http request");
+        return refuse(intake, "no http request", status_bad_request);
     }
     intake->body_left = htparser_get_content_length(intake->connection->parser);
     if (!chunked && intake->body_left > http_server_max_body_size) {
-        return refuse(intake, "body too long");
+        return refuse(intake, "body too long", status_body_too_large);
     }
     intake->chunked = chunked;
+    if (chunked) {
+        intake->body_left = http_server_max_body_size;
+    }
     intake->phase = message_phase::body;
     return intake_result::moved_on;
+}
+
+intake_result wait_for_head(http_intake *intake)
+{
+    if (intake->held.size() >= http_head_max_size) {
+        return refuse(intake, "head too long", status_head_too_large);
+    }
+    const int refusal = http_head_line_refusal(intake->held);
+    return refusal == 0 ? intake_result::waits : refuse(intake, "header too long", refusal);
 }
 
 /// A step has moved on when there may be more to do with what is held.
@@ -94,16 +165,18 @@ intake_result take_head(http_intake *intake)
     }
     const std::size_t length = http_head_length(intake->held, &intake->scanned);
     if (length == 0) {
-        return intake->held.size() < http_head_max_size ? intake_result::waits
-                                                        : refuse(intake, "head too long");
+        return wait_for_head(intake);
     }
     http_head head = http_head_filter(std::string_view{intake->held}.substr(0, length));
     if (head.refusal != nullptr) {
-        return refuse(intake, head.refusal);
+        return refuse(intake, head.refusal, head.refusal_status);
     }
     intake->held.erase(0, length);
     intake->scanned = 0;
     intake->lifted = std::move(head.lifted);
+    for (const http_head_lifted &lifted : intake->lifted) {
+        intake->handed += lifted.value.size();
+    }
     REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
     if (!feed(intake, head.text)) {
         return intake_result::ended;
@@ -132,11 +205,18 @@ intake_result take_body(http_intake *intake)
     if (size == 0) {
         return intake_result::waits;
     }
-    const std::string bytes = intake->held.substr(0, size);
+    std::string bytes = intake->held.substr(0, size);
+    const wiped_at_end wiping{&bytes}; // a password is in it
+    OPENSSL_cleanse(intake->held.data(), size);
     intake->held.erase(0, size);
-    intake->body_left -= std::min<std::uint64_t>(size, intake->body_left);
+    if (!intake->chunked) {
+        intake->body_left -= size;
+    }
     if (!feed(intake, bytes)) {
         return intake_result::ended;
+    }
+    if (intake->too_long) {
+        return refuse(intake, "body too long", status_body_too_large);
     }
     if (has_reached_its_route(intake)) {
         intake->phase = message_phase::answering;
@@ -147,7 +227,7 @@ intake_result take_body(http_intake *intake)
 intake_result take_nothing(http_intake *intake)
 {
     return intake->held.size() <= max_held ? intake_result::waits
-                                           : refuse(intake, "too much behind a request");
+                                           : end(intake, "too much behind a request");
 }
 
 intake_result take_held(http_intake *intake)
@@ -158,9 +238,11 @@ intake_result take_held(http_intake *intake)
     case message_phase::body:
         return take_body(intake);
     case message_phase::answering:
+        return take_nothing(intake);
+    case message_phase::refused:
         break;
     }
-    return take_nothing(intake);
+    return intake_result::waits;
 }
 
 /// Goes as far as what is held allows.
@@ -190,6 +272,15 @@ evhtp_res on_headers(evhtp_request_t *, evhtp_headers_t *headers, void *argument
     return EVHTP_RES_OK;
 }
 
+/// The parser has read how long the next chunk is, and nothing of it yet.
+evhtp_res on_new_chunk(evhtp_request_t *, std::uint64_t length, void *argument) noexcept
+{
+    auto *const intake = static_cast<http_intake *>(argument);
+    intake->too_long = intake->too_long || length > intake->body_left;
+    intake->body_left -= std::min(length, intake->body_left);
+    return EVHTP_RES_OK;
+}
+
 } // namespace
 
 void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
@@ -201,13 +292,18 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                       &library.argument);
     bufferevent_setcb(connection->bev, callbacks.read, callbacks.write, callbacks.event,
                       callbacks.argument);
-    const int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
+    int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_headers)", rc);
+    rc = evhtp_connection_hook(connection, evhtp_hook_on_new_chunk, on_new_chunk, intake);
+    REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_new_chunk)", rc);
     evhtp_connection_drop_parser(connection); // until there is a head for it
 }
 
 intake_result http_intake_read(http_intake *intake)
 {
+    if (intake->phase == message_phase::refused) {
+        return throw_away(intake);
+    }
     evbuffer *const input = bufferevent_get_input(intake->connection->bev);
     const std::size_t before = intake->held.size();
     intake->held.resize(before + evbuffer_get_length(input));
@@ -217,6 +313,9 @@ intake_result http_intake_read(http_intake *intake)
 
 intake_result http_intake_written(http_intake *intake)
 {
+    if (intake->phase == message_phase::refused) {
+        return intake_result::waits;
+    }
     bufferevent *const bev = intake->connection->bev;
     if (!survives(intake,
                   [intake, bev] { intake->library.write(bev, intake->library.argument); })) {
@@ -229,9 +328,10 @@ intake_result http_intake_written(http_intake *intake)
     intake->phase = message_phase::head;
     intake->lifted = {};
     evhtp_connection_drop_parser(intake->connection);
+    intake->handed = 0;
     intake->held.shrink_to_fit();
-    return take_all_held(intake) == intake_result::ended ? intake_result::ended
-                                                         : intake_result::moved_on;
+    const intake_result result = take_all_held(intake);
+    return result == intake_result::waits ? intake_result::moved_on : result;
 }
 
 void http_intake_end(const http_intake *intake)
@@ -239,6 +339,11 @@ void http_intake_end(const http_intake *intake)
     if (intake->gone != nullptr) {
         *intake->gone = true;
     }
+}
+
+std::size_t http_intake_size(const http_intake *intake)
+{
+    return intake->held.capacity() + intake->handed;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

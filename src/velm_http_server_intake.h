@@ -20,6 +20,7 @@ enum class message_phase {
     head,      // gathering the next request's head
     body,      // the parser has the head and wants the body
     answering, // the request is whole; what comes now belongs to the next one
+    refused,   // told so; what comes now is thrown away until the client has read that
 };
 
 /// The library's own callbacks, put back to work when we have looked at the bytes. A filtering
@@ -40,6 +41,9 @@ struct http_intake {
     std::size_t scanned = 0; // of `held`, while it holds an unfinished head
     std::uint64_t body_left = 0;
     bool chunked = false;                 // the parser finds the body's end
+    bool too_long = false;                // a chunk was announced that the body has no room for
+    std::size_t handed = 0;               // bytes of this request that the library keeps
+    std::size_t thrown_away = 0;          // since the request was refused
     std::vector<http_head_lifted> lifted; // of the head that the parser works on
     bool *gone = nullptr; // set when the connection ends inside a call of the library
 };
@@ -48,6 +52,7 @@ enum class intake_result {
     ended,    // the connection is freed, and the intake with it
     waits,    // for more bytes, or for the reply to leave
     moved_on, // a request has become whole, or a reply has left
+    refused,  // an answer that says so is on its way; the connection is to end soon
 };
 
 /// Takes the place of the library's callbacks; the caller's own, which get `argument`, call the
@@ -61,6 +66,9 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
 
 /// The connection is being freed. The owner of the intake calls this before it frees it.
 void http_intake_end(const http_intake *intake);
+
+/// How much memory the connection takes by what its client has sent.
+[[nodiscard]] std::size_t http_intake_size(const http_intake *intake);
 
 /// A request is being checked.
 [[nodiscard]] bool http_intake_is_paused(const http_intake *intake);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "crypto/common_crypto.h"
+#include "handles/memory.h"
 #include "logger/fatal.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
@@ -51,8 +52,9 @@ int verify_attestation(const evhtp_request_t *request, const cJSON *auth,
     LOG_TRACE("%s - device id:   %s", __func__, input.device_id);
     LOG_TRACE("%s - challenge:   %s", __func__, input.challenge);
     LOG_TRACE("%s - attestation: %s", __func__, input.attestation);
-    const auto digest =
-        common_crypto_sha256(request_bytes(request_body_require(request, __func__, "body_buf")));
+    std::string body = request_body_require(request, __func__, "body_buf");
+    const wiped_at_end wiping{&body}; // a password is in it
+    const auto digest = common_crypto_sha256(request_bytes(body));
     if (!digest.has_value()) {
         return 500;
     }

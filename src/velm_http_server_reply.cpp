@@ -38,6 +38,10 @@ void write_in_this_turn(bufferevent *bev)
 void send_reply(evhtp_request_t *request, int status)
 {
     add_content_length(request);
+    if (evhtp_request_get_method(request) == htp_method_HEAD) {
+        // Answered like any other method; but what follows the head would be read as the next reply.
+        evbuffer_drain(request->buffer_out, evbuffer_get_length(request->buffer_out));
+    }
     evhtp_send_reply(request, static_cast<evhtp_res>(status));
     // The library leaves head and body in two pieces: in one they are one TLS record, one packet.
     bufferevent *const bev = request->conn->bev;

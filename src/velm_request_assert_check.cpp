@@ -8,6 +8,7 @@
 #include <string>
 
 #include "crypto/common_crypto.h"
+#include "handles/memory.h"
 #include "logger/fatal.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
@@ -83,7 +84,8 @@ std::optional<int> verify_assertion(velm_request_preprocessor &p,
 std::optional<int> assert_check(velm_request_preprocessor &p)
 {
     // The exact bytes that the phone signed.
-    const std::string message = request_body_require(p.request, check_name, "message_buf");
+    std::string message = request_body_require(p.request, check_name, "message_buf");
+    const wiped_at_end wiping{&message}; // a password is in it
     if (message.empty()) {
         return VELM_BREAK_ASSERTION;
     }

@@ -1,10 +1,8 @@
 #include "velm_request_preprocessor.h"
 
 #include <event2/util.h>
-#include <openssl/crypto.h>
 
 #include <cstddef>
-#include <cstring>
 #include <iterator>
 #include <memory>
 
@@ -52,16 +50,6 @@ evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
     return EVHTP_RES_OK;
 }
 
-/// The password would otherwise stay readable in freed memory.
-void wipe_password(const velm_request_preprocessor &p)
-{
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p.body.get(), "auth");
-    const cJSON *const password = cJSON_GetObjectItemCaseSensitive(auth, "password");
-    if (cJSON_IsString(password)) {
-        OPENSSL_cleanse(password->valuestring, std::strlen(password->valuestring));
-    }
-}
-
 void finish_async(void *user_data, short /*events*/, common_async_context * /*context*/) noexcept
 {
     const auto p = adopt<velm_request_preprocessor>(user_data);
@@ -71,7 +59,6 @@ void finish_async(void *user_data, short /*events*/, common_async_context * /*co
         evhtp_request_unset_hook(p->request, evhtp_hook_on_request_fini);
         p->callback(p->request, p->break_code);
     }
-    wipe_password(*p);
 }
 
 int preproc_state_handler_init(velm_request_preprocessor *p)

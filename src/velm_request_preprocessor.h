@@ -55,8 +55,8 @@ void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor);
 void velm_request_preprocessor_continue(velm_request_preprocessor *preprocessor, int break_code);
 
 struct velm_request_body {
-    json_ptr body;    // null unless the status is 200
-    int status = 400; // 200, 400 or 500
+    secret_json_ptr body; // null unless the status is 200
+    int status = 400;     // 200, 400 or 500
 };
 
 /// The request's JSON body with its "auth" object. A null request is fatal.

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "handles/memory.h"
 #include "logger/fatal.h"
 #include "velm_request_input.h"
 
@@ -127,11 +128,12 @@ bool has_auth_object(const cJSON *tree)
 velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
 {
     REQUIRE_NOT_NULL(req, "req");
-    const std::optional<std::string> text = request_body_copy(req, __func__, "body_buf");
+    std::optional<std::string> text = request_body_copy(req, __func__, "body_buf");
     if (!text.has_value()) {
         LOG_ERROR("%s - cannot copy data", __func__);
         return {nullptr, 500};
     }
+    const wiped_at_end wiping{&*text}; // a password is in it
     if (text->empty()) {
         LOG_ERROR("%s - no data", __func__);
         return {nullptr, 400};

@@ -24,7 +24,7 @@ struct velm_request_preprocessor {
     velm_request_checks checks;
     evhtp_request_t *request = nullptr; // borrowed; null once it is gone
     bool request_gone = false;          // freed with its connection: nobody is left to answer
-    json_ptr body;
+    secret_json_ptr body;
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;

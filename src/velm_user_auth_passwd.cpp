@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "handles/memory.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -19,6 +20,11 @@ constexpr char log_category[] = "velm_user_auth_passwd";
 constexpr char login_name[] = "velm_user_auth_passwd_login";
 constexpr std::size_t entry_size_default = 16384;
 constexpr std::size_t entry_size_limit = 1024 * 1024;
+
+bool is_root(std::string_view name)
+{
+    return name == "root";
+}
 
 std::vector<char> make_entry_buffer()
 {
@@ -80,13 +86,17 @@ int velm_user_auth_passwd_login(const char *username, const char *password)
     REQUIRE_NOT_NULL(username, "username");
     REQUIRE_NOT_NULL(password, "password");
     LOG_TRACE("%s - user=%s", __func__, username);
-    if (*username == '\0' || *password == '\0' || std::string_view{username} == "root") {
+    if (*username == '\0' || *password == '\0' || is_root(username)) {
         return 0;
     }
     passwd account{};
     std::vector<char> buffer = make_entry_buffer();
+    const wiped_at_end wiping{&buffer};
     if (!find_account(username, &account, &buffer)) {
         return 0;
+    }
+    if (is_root(account.pw_name)) {
+        return 0; // found under another spelling
     }
     LOG_TRACE("%s - pw_name=%s, pw_passwd=%s", __func__, account.pw_name, account.pw_passwd);
     if (!password_matches(account.pw_passwd, password)) {

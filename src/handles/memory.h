@@ -1,5 +1,7 @@
 #pragma once
 
+#include <openssl/crypto.h>
+
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -25,6 +27,24 @@ std::unique_ptr<T> adopt(void *object) noexcept
 {
     return std::unique_ptr<T>{static_cast<T *>(object)};
 }
+
+/// Overwrites a string or buffer that held a secret when the scope ends, where it then is.
+template <typename Container>
+class wiped_at_end {
+  public:
+    explicit wiped_at_end(Container *secret) : secret_{secret}
+    {
+    }
+    ~wiped_at_end()
+    {
+        OPENSSL_cleanse(secret_->data(), secret_->size());
+    }
+    wiped_at_end(const wiped_at_end &) = delete;
+    wiped_at_end &operator=(const wiped_at_end &) = delete;
+
+  private:
+    Container *secret_;
+};
 
 /// A zero-filled plain object, or null when memory is exhausted: for the few places that answer
 /// that with a log line instead of ending the process.

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import base64
-import http.client
 import json
 from collections.abc import Callable
 from contextlib import nullcontext
@@ -294,19 +293,69 @@ def padded(phone: Phone, size: int) -> bytes:
     return encode({"auth": phone.auth(), "x": "x" * (size - plain_size)})
 
 
-def test_a_body_of_8192_bytes_is_read_and_a_larger_one_ends_the_connection(caller: Caller) -> None:
-    assert caller.raw("/challenge", padded(caller.phone, 8192)).status == 200
-    with pytest.raises((http.client.HTTPException, OSError)):
-        caller.raw("/challenge", padded(caller.phone, 8193))
+CHUNKED = {"Transfer-Encoding": "chunked"}
 
 
-def test_a_header_value_of_8191_bytes_is_read_and_a_longer_one_ends_the_connection(
-    caller: Caller,
+def chunked(body: bytes, size: int) -> bytes:
+    chunks = [body[at : at + size] for at in range(0, len(body), size)]
+    return b"".join(b"%x\r\n%s\r\n" % (len(chunk), chunk) for chunk in [*chunks, b""])
+
+
+@pytest.mark.parametrize("size", [0, 1000, 8193])
+def test_a_body_of_8192_bytes_is_read_and_a_larger_one_refused_in_chunks_of(
+    size: int, caller: Caller
 ) -> None:
+    """0: not in chunks, but with its length before it."""
+    for length, status in ((8192, 200), (8193, 413), (20000, 413)):
+        body = padded(caller.phone, length)
+        with caller.phone.host.session() as session:
+            if size == 0:
+                reply = session.request("/challenge", body)
+            else:
+                reply = session.request("/challenge", chunked(body, size), CHUNKED)
+            assert reply.status == status
+            assert session.is_open == (status == 200)
+            assert status == 200 or reply.body == b""
+
+
+def test_a_body_is_as_long_as_it_was_announced_whatever_comes(caller: Caller) -> None:
+    send = caller.phone.host.exchange
+    small = padded(caller.phone, 8192)
+    for announced, status in ((8193, b"413"), (999999999999, b"413"), (8191, b"400")):
+        head = b"POST /challenge HTTP/1.1\r\nConnection: close\r\nContent-Length: %d\r\n\r\n"
+        assert send(head % announced + small).startswith(b"HTTP/1.1 %s " % status)
+
+
+def test_a_header_value_of_8191_bytes_is_read_and_a_longer_one_refused(caller: Caller) -> None:
     request = caller.prepare("/challenge")
     assert caller.send(request.with_headers(X_Other="x" * 8191)).status == 200
-    with pytest.raises((http.client.HTTPException, OSError)):
-        caller.send(request.with_headers(X_Other="x" * 8192))
+    longer = request.with_headers(X_Other="x" * 8192)
+    assert caller.phone.send(longer).status == 431
+
+
+@pytest.mark.parametrize("length", [12000, 16384])
+def test_a_phone_pairs_whose_attestation_has_as_many_characters_as(
+    length: int, phone: Phone
+) -> None:
+    plain = phone.prepare_pair()
+    missing = length // 4 * 3 - len(base64.b64decode(plain.headers["X-Attestation"]))
+    padded_one = phone.prepare_pair(trailing=bytes(missing))
+    assert len(padded_one.headers["X-Attestation"]) == length
+    assert phone.send(padded_one).status == 200
+    assert phone.location().status == 200
+
+
+@pytest.mark.parametrize("path", PATHS)
+def test_head_is_answered_like_any_method_but_without_a_body(path: str, paired: Caller) -> None:
+    request = paired.prepare(path)
+    body = None if path == "/info" else request.body
+    with paired.phone.host.session() as session:
+        reply = session.request(path, body, request.headers, "HEAD")
+        assert (reply.status, reply.body) == (200, b"")
+        whole = session.request("/info")
+        assert whole.status == 200
+    if path == "/info":
+        assert int(reply.headers["content-length"]) == len(whole.body)
 
 
 # What the description promises.

@@ -66,6 +66,11 @@ class https_client {
     /// The server has closed the connection; false when it has not within 10 s.
     bool is_closed();
     bool has_ended();
+    /// What has been received and no call has returned yet.
+    [[nodiscard]] const std::string &unread() const
+    {
+        return received_;
+    }
     /// Sends a reset.
     void reset();
 

@@ -189,18 +189,15 @@ TEST_P(LongHeader, ArrivesForTheRoute)
     EXPECT_EQ(peer->ask(get).status, 200);
     EXPECT_EQ(seen[1].assertion + seen[1].attestation, "(none)(none)");
 }
-INSTANTIATE_TEST_SUITE_P(
-    Sizes, LongHeader,
-    testing::Values(value_case{"Assertion0", "X-Assertion", 0, 0},
-                    value_case{"Assertion8191", "X-Assertion", 8191, 8191},
-                    value_case{"Assertion8192", "X-Assertion", 8192, 8192},
-                    value_case{"Assertion16384", "X-Assertion", 16384, 16384},
-                    value_case{"Assertion16385", "X-Assertion", 16385, 16385},
-                    value_case{"Assertion50000", "X-Assertion", 50000, 16385},
-                    value_case{"Attestation8192", "X-Attestation", 8192, 8192},
-                    value_case{"Attestation16384", "X-Attestation", 16384, 16384},
-                    value_case{"Attestation16385", "X-Attestation", 16385, 16385}),
-    [](const auto &row) { return string{row.param.name}; });
+INSTANTIATE_TEST_SUITE_P(Sizes, LongHeader,
+                         testing::Values(value_case{"Assertion0", "X-Assertion", 0, 0},
+                                         value_case{"Assertion8191", "X-Assertion", 8191, 8191},
+                                         value_case{"Assertion8192", "X-Assertion", 8192, 8192},
+                                         value_case{"Assertion16384", "X-Assertion", 16384, 16384},
+                                         value_case{"Attestation8192", "X-Attestation", 8192, 8192},
+                                         value_case{"Attestation16384", "X-Attestation", 16384,
+                                                    16384}),
+                         [](const auto &row) { return string{row.param.name}; });
 
 TEST_F(Connections, BothLongHeadersOfOneRequestArrive)
 {
@@ -318,7 +315,7 @@ TEST_P(BodySize, IsServedUpTo8192Bytes)
         peer->send("POST /now HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) +
                    "\r\n\r\n" + body);
     }
-    EXPECT_EQ(peer->receive().status, GetParam().served ? 200 : 0);
+    EXPECT_EQ(peer->receive().status, GetParam().served ? 200 : 413);
     EXPECT_EQ(seen.size(), GetParam().served ? 1U : 0U);
     if (GetParam().served) {
         EXPECT_EQ(seen[0].body, body);
@@ -337,24 +334,107 @@ TEST_F(Connections, ABodyThatIsAnnouncedTooLongIsRefusedBeforeItComes)
 {
     serve();
     const auto peer = connected();
-    EXPECT_EQ(peer->ask("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n").status, 0);
+    const http_reply reply = peer->ask("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+    EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), "HTTP/1.1 413 Payload Too Large");
+    EXPECT_NE(reply.head.find("Content-Length: 0\r\nConnection: close"), string::npos);
     EXPECT_TRUE(log.has("WARN velm_http_server - refuse - body too long"));
+    EXPECT_TRUE(peer->is_closed());
+}
+
+TEST_F(Connections, AChunkThatIsAnnouncedTooLongIsRefusedBeforeItComes)
+{
+    serve();
+    for (const char *const chunks : {"2001\r\n", "1000\r\n", "ffffffffffffffff\r\n"}) {
+        const auto peer = connected();
+        peer->send("POST /now HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1001\r\n" +
+                   string(4097, 'a') + "\r\n");
+        EXPECT_EQ(peer->ask(chunks).status, 413) << chunks;
+    }
+    EXPECT_TRUE(seen.empty());
+}
+
+TEST_F(Connections, ARefusedClientThatSendsOnCanStillReadWhy)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nContent-Length: 900000\r\n\r\n");
+    for (int i = 0; i < 50; ++i) {
+        peer->send(string(16384, 'b'));
+        turn_for(loop, 0ms);
+    }
+    EXPECT_EQ(peer->receive().status, 413);
+    EXPECT_EQ(log.count("refuse - "), 1);
+}
+
+TEST_F(Connections, ARefusedClientThatHasEndedAlreadyIsToldToo)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+    SSL_shutdown(peer->tls());
+    shutdown(peer->fd(), SHUT_WR);
+    EXPECT_EQ(peer->receive().status, 413);
     EXPECT_TRUE(reaches(0));
+}
+
+TEST_F(Connections, ARefusedClientIsClosedWhenItHasNotEndedInTime)
+{
+    http_connection_limits limits;
+    limits.linger_time = {0, 50 * 1000};
+    serve(limits);
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+    ASSERT_TRUE(turn_until(loop, [this] { return log.contains("body too long"); }));
+    EXPECT_EQ(http_connections_count(), 1U);
+    EXPECT_TRUE(reaches(0));
+}
+
+TEST_F(Connections, ARefusedClientThatSendsAMebibyteMoreIsClosedAtOnce)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+    for (int i = 0; i < 70 && !peer->has_ended(); ++i) {
+        peer->send(string(16384, 'b'));
+        turn_for(loop, 0ms);
+    }
+    EXPECT_TRUE(reaches(0));
+    EXPECT_TRUE(log.contains("refuse - more behind a refused request"));
+}
+
+TEST_F(Connections, AboveWhatAllMayHoldTheGreediestOfTheGreediestAddressGoes)
+{
+    http_connection_limits limits;
+    limits.held = 64 * 1024;
+    serve(limits);
+    const auto phone = connected("127.0.0.2");
+    phone->send("POST /now HTTP/1.1\r\nContent-Length: 3\r\nX-Attestation: " + string(15000, 'a') +
+                "\r\n\r\n");
+    const string part = "GET /now HTTP/1.1\r\nA: " + string(8000, 'a');
+    std::vector<std::unique_ptr<https_client>> greedy;
+    for (int i = 0; i < 12; ++i) {
+        greedy.push_back(connected());
+        greedy.back()->send(part);
+        turn_for(loop, 2ms);
+    }
+    EXPECT_LT(http_connections_count(), 13U);
+    EXPECT_GE(log.count("WARN velm_http_server - keep_within_memory - closing a connection"), 1);
+    EXPECT_EQ(phone->ask("abc").status, 200);
 }
 
 struct refused_case {
     const char *name;
     string request;
+    int status = 0; // 0: what only the parser refuses gets no answer
 };
 class RefusedRequest : public Connections, public testing::WithParamInterface<refused_case> {};
 TEST_P(RefusedRequest, ClosesTheConnectionAndCallsNoRoute)
 {
     serve();
     const auto peer = connected();
-    EXPECT_EQ(peer->ask(GetParam().request).status, 0);
+    EXPECT_EQ(peer->ask(GetParam().request).status, GetParam().status);
     EXPECT_TRUE(peer->is_closed());
     EXPECT_TRUE(seen.empty());
-    EXPECT_TRUE(reaches(0));
     EXPECT_EQ(log.count("WARN velm_http_server - refuse - "), 1);
 }
 string many_headers(std::size_t count)
@@ -373,38 +453,46 @@ constexpr char chunked_abc[] = "3\r\nabc\r\n0\r\n\r\n";
 INSTANTIATE_TEST_SUITE_P(
     Requests, RefusedRequest,
     testing::Values(
-        refused_case{"Headers101", "GET /now HTTP/1.1\r\n" + many_headers(101) + "\r\n"},
-        refused_case{"Value8192", "GET /now HTTP/1.1\r\nA: " + string(8192, 'a') + "\r\n\r\n"},
-        refused_case{"Uri8192", "GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n"},
-        refused_case{"HeadThatNeverEnds", "GET /now HTTP/1.1\r\nA: " + string(70000, 'a')},
-        refused_case{"Http09", "GET /now\r\n\r\n"},
-        refused_case{"BareLineFeeds", "GET /now HTTP/1.1\nHost: a\n\n"},
-        refused_case{"ZeroByteInThePath", string("GET /now\0x HTTP/1.1\r\n\r\n", 23)},
+        refused_case{"Headers101", "GET /now HTTP/1.1\r\n" + many_headers(101) + "\r\n", 431},
+        refused_case{"Value8192", "GET /now HTTP/1.1\r\nA: " + string(8192, 'a') + "\r\n\r\n", 431},
+        refused_case{"Uri8192", "GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n", 414},
+        refused_case{"HeadThatNeverEnds", "GET /now HTTP/1.1\r\nA: " + string(70000, 'a'), 431},
+        refused_case{"Http09", "GET /now\r\n\r\n", 400},
+        refused_case{"BareLineFeeds", "GET /now HTTP/1.1\nHost: a\n\n", 400},
+        refused_case{"ZeroByteInThePath", string("GET /now\0x HTTP/1.1\r\n\r\n", 23), 400},
         refused_case{"NoHttpAtAll", "\x16\x03\x01 no http\r\n\r\n"},
-        refused_case{"Http09WithABody", "GET /now\r\nContent-Length: 1\r\n\r\nx"},
+        refused_case{"Http09WithABody", "GET /now\r\nContent-Length: 1\r\n\r\nx", 400},
         refused_case{"Http09WithAChunkedBody",
-                     "GET /now\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"},
+                     "GET /now\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", 400},
         refused_case{"LowerCaseMethod", "get /now HTTP/1.1\r\n\r\n"},
         refused_case{"BareCarriageReturn", "GET /now HTTP/1.1\r\nA: b\rC: d\r\n\r\n"},
-        refused_case{"HeaderWithoutColon", "GET /now HTTP/1.1\r\nHost: a\r\nfoo\r\n\r\n"},
+        refused_case{"HeaderWithoutColon", "GET /now HTTP/1.1\r\nHost: a\r\nfoo\r\n\r\n", 400},
         refused_case{"NegativeLength", post("Content-Length: -1\r\n")},
         refused_case{"LengthOf20Digits", post("Content-Length: 99999999999999999999\r\n")},
-        refused_case{"LengthThatWrapsAround", post("Content-Length: 30000000000000000000\r\n")},
+        refused_case{"LengthThatWrapsAround", post("Content-Length: 30000000000000000000\r\n"),
+                     413},
         refused_case{"LengthOf21Digits", post("Content-Length: 184467440737095516160\r\n")},
         refused_case{"LengthIsAList", post("Content-Length: 3, 3\r\n")},
-        refused_case{"TwoLengths", post("Content-Length: 3\r\nContent-Length: 3\r\n", "abc")},
+        refused_case{"TwoLengths", post("Content-Length: 3\r\nContent-Length: 3\r\n", "abc"), 400},
         refused_case{"LengthBesideChunks",
-                     post("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", chunked_abc)},
+                     post("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", chunked_abc), 400},
         refused_case{"ChunksBesideLength",
-                     post("transfer-encoding: chunked\r\ncontent-length: 3\r\n", chunked_abc)},
-        refused_case{"OtherEncoding", post("Transfer-Encoding: gzip\r\n")},
-        refused_case{"TwoEncodings", post("Transfer-Encoding: gzip, chunked\r\n", chunked_abc)},
-        refused_case{"BlankBehindAName", post("Content-Length : 3\r\n", "abc")},
-        refused_case{"BlankBeforeAName", post(" Content-Length: 3\r\n", "abc")},
+                     post("transfer-encoding: chunked\r\ncontent-length: 3\r\n", chunked_abc), 400},
+        refused_case{"OtherEncoding", post("Transfer-Encoding: gzip\r\n"), 501},
+        refused_case{"TwoEncodings", post("Transfer-Encoding: gzip, chunked\r\n", chunked_abc),
+                     501},
+        refused_case{"BlankBehindAName", post("Content-Length : 3\r\n", "abc"), 400},
+        refused_case{"BlankBeforeAName", post(" Content-Length: 3\r\n", "abc"), 400},
         refused_case{"ChunkExtension",
                      post("Transfer-Encoding: chunked\r\n", "3;a=b\r\nabc\r\n0\r\n\r\n")},
         refused_case{"ChunkThatIsLonger",
-                     post("Transfer-Encoding: chunked\r\n", "2\r\nabc\r\n0\r\n\r\n")}),
+                     post("Transfer-Encoding: chunked\r\n", "2\r\nabc\r\n0\r\n\r\n")},
+        refused_case{"Assertion16385",
+                     "GET /now HTTP/1.1\r\nX-Assertion: " + string(16385, 'a') + "\r\n\r\n", 400},
+        refused_case{"Attestation50000",
+                     "GET /now HTTP/1.1\r\nX-Attestation: " + string(50000, 'a') + "\r\n\r\n", 400},
+        refused_case{"LineThatNeverEnds", "GET /now HTTP/1.1\r\nX-Assertion: " + string(16436, 'a'),
+                     400}),
     [](const auto &row) { return string{row.param.name}; });
 
 TEST_F(Connections, ChunkedIsKnownInAnyCaseAndOneTrailerIsPassedOver)

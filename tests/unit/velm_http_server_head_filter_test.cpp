@@ -115,16 +115,36 @@ TEST(HeadFilter, KeepsALiftedValueOf16384CharactersWhole)
               value);
 }
 
-TEST(HeadFilter, KeepsOneCharacterMoreOfALongerValueSoThatItIsSeenToBeTooLong)
+TEST(HeadFilter, RefusesALiftedValueOf16385CharactersAsABadRequestAndKeepsNothingOfIt)
 {
-    for (const std::size_t size : {16385U, 16386U, 40000U}) {
-        const http_head result =
-            http_head_filter(head_with("X-Assertion: " + string(size, 'a') + "\r\n"));
-        EXPECT_EQ(result.lifted.at(0).value, string(16385, 'a'));
+    for (const string &lines : {"X-Assertion: " + string(16385, 'a') + "\r\n",
+                                "X-Attestation: " + string(40000, 'a') + "\r\n",
+                                "X-Assertion: " + string(16384, 'a') + "\r\n b\r\n"}) {
+        const http_head result = http_head_filter(head_with(lines));
+        EXPECT_STREQ(result.refusal, "attestation or assertion too long");
+        EXPECT_EQ(result.refusal_status, 400);
+        EXPECT_LE(result.lifted.at(0).value.size(), 16385U);
     }
-    const http_head folded =
-        http_head_filter(head_with("X-Assertion: " + string(16384, 'a') + "\r\n bcd\r\n efg\r\n"));
-    EXPECT_EQ(folded.lifted.at(0).value, string(16384, 'a') + " ");
+}
+
+TEST(HeadFilter, ALineThatIsLongerThanAnyThatMayPassIsKnownBeforeItEnds)
+{
+    const string start = "GET / HTTP/1.1\r\nHost: a\r\n";
+    EXPECT_EQ(http_head_line_refusal(start + string(16448, 'a')), 0);
+    EXPECT_EQ(http_head_line_refusal(start + string(16449, 'a')), 431);
+    EXPECT_EQ(http_head_line_refusal(start + "X-ASSERTION:" + string(16449, 'a')), 400);
+    EXPECT_EQ(http_head_line_refusal(start + string(16449, 'a') + "\r\n"), 0);
+    EXPECT_EQ(http_head_line_refusal(""), 0);
+}
+
+TEST(HeadFilter, TellsTheStatusOfARefusal)
+{
+    EXPECT_EQ(http_head_filter(head_with(string(70000, 'a'))).refusal_status, 431);
+    EXPECT_EQ(http_head_filter(head_with("A: " + string(8192, 'a') + "\r\n")).refusal_status, 431);
+    EXPECT_EQ(http_head_filter("GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n").refusal_status,
+              414);
+    EXPECT_EQ(http_head_filter(head_with("Transfer-Encoding: gzip\r\n")).refusal_status, 501);
+    EXPECT_EQ(http_head_filter(head_with("foo\r\n")).refusal_status, 400);
 }
 
 struct limit_case {

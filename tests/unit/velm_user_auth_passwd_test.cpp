@@ -17,6 +17,7 @@ namespace {
 /// What the stand-ins for the password database and for crypt do, and what they saw.
 struct system_seen {
     std::map<std::string, std::string> accounts; // name, password field
+    const char *canonical_name = nullptr;        // what the database says to any name
     int error = 0;
     std::size_t needed = 0; // a smaller buffer gives ERANGE
     std::vector<std::size_t> sizes;
@@ -47,6 +48,11 @@ extern "C" int getpwnam_r(const char *name, passwd *account, char *buffer, size_
         return ERANGE;
     }
     account->pw_name = std::strcpy(buffer, found->first.c_str());
+    if (system_state.canonical_name != nullptr) {
+        static std::string canonical;
+        canonical = system_state.canonical_name;
+        account->pw_name = canonical.data();
+    }
     account->pw_passwd = std::strcpy(buffer + name_size, found->second.c_str());
     *result = account;
     return 0;
@@ -126,6 +132,14 @@ TEST_F(Passwd, OnlyTheExactNameRootIsRefused)
     system_state.accounts["Root"] = "stored";
     EXPECT_EQ(velm_user_auth_passwd_login("rooter", "secret"), 1);
     EXPECT_EQ(velm_user_auth_passwd_login("Root", "secret"), 1);
+}
+
+TEST_F(Passwd, AnAccountThatTurnsOutToBeRootIsRefusedToo)
+{
+    system_state.accounts["ROOT"] = "stored";
+    system_state.canonical_name = "root"; // of a database that ignores case
+    EXPECT_EQ(velm_user_auth_passwd_login("ROOT", "secret"), 0);
+    EXPECT_EQ(system_state.crypt_calls, 0);
 }
 
 TEST_F(Passwd, AnEmptyNameOrPasswordIsRefusedUnseen)
