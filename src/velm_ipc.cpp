@@ -137,6 +137,27 @@ void log_peer(const char *caller, int socket)
     }
 }
 
+void closed_connections_remove(velm_ipc *server)
+{
+    std::erase_if(server->requests, [](const outstanding_request &request) {
+        return velm_conn_is_closed(request.conn);
+    });
+    if (server->client != nullptr && velm_conn_is_closed(server->client)) {
+        server->client = nullptr;
+    }
+    std::erase_if(server->connections,
+                  [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
+}
+
+/// What has closed since the last tick takes no place. From the loop only.
+bool has_room(velm_ipc *server)
+{
+    if (server->connections.size() >= velm_ipc_connection_limit) {
+        closed_connections_remove(server);
+    }
+    return server->connections.size() < velm_ipc_connection_limit;
+}
+
 void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, void *context) noexcept
 {
     unique_fd socket{fd};
@@ -146,7 +167,12 @@ void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, voi
         return;
     }
     log_peer(__func__, fd);
-    if (connection_add(static_cast<velm_ipc *>(context), std::move(socket)) != nullptr) {
+    auto *const server = static_cast<velm_ipc *>(context);
+    if (!has_room(server)) {
+        LOG_WARN("%s - too many connections: %zu", __func__, server->connections.size());
+        return;
+    }
+    if (connection_add(server, std::move(socket)) != nullptr) {
         LOG_INFO("Connection accepted");
     }
 }
@@ -201,18 +227,6 @@ void client_reconnect(velm_ipc *server)
     if (server->client != nullptr) {
         LOG_TRACE("Connected");
     }
-}
-
-void closed_connections_remove(velm_ipc *server)
-{
-    std::erase_if(server->requests, [](const outstanding_request &request) {
-        return velm_conn_is_closed(request.conn);
-    });
-    if (server->client != nullptr && velm_conn_is_closed(server->client)) {
-        server->client = nullptr;
-    }
-    std::erase_if(server->connections,
-                  [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
 }
 
 void orphaned_requests_remove(velm_ipc *server)

@@ -12,13 +12,18 @@
 /// be a client that connects to such a server and keeps reconnecting. Loop thread only.
 ///
 /// A request waits at most 600 s; of one connection at most 1024 wait, and one more is answered with
-/// busy. Whatever a connection left behind goes with it.
+/// busy. Whatever a connection left behind goes with it. At most 32 are connected; one more is closed
+/// at once.
 
 struct velm_ipc;
 
 /// Requests that led to a push are never answered, so a client that asks every second has 600
 /// waiting: it must not be turned away for that.
 inline constexpr std::size_t velm_ipc_outstanding_limit = 1024;
+
+/// Each may have 1024 requests open and 64 reports unread: together 3 MB at worst. Local clients are a
+/// few programs of the same device.
+inline constexpr std::size_t velm_ipc_connection_limit = 32;
 
 /// Takes one request; non-zero when it took it. `seq` names the request to velm_ipc_respond, which
 /// it may call at once. `payload` (140 bytes) is borrowed. It must not destroy the server.

@@ -478,6 +478,27 @@ TEST_F(Ipc, AcceptedSocketsAreCloseOnExecAndNonBlocking)
     EXPECT_EQ(found, 1);
 }
 
+TEST_F(Ipc, ThirtyTwoMayConnectAndOneMoreIsClosedAtOnceUntilOneHasLeft)
+{
+    const captured_log log;
+    std::vector<unique_fd> clients;
+    for (std::size_t i = 0; i < velm_ipc_connection_limit; ++i) {
+        clients.push_back(connect());
+    }
+    EXPECT_EQ(log.count("Connection accepted"), 32);
+    const unique_fd refused = connect();
+    EXPECT_EQ(answer_to(refused), ipc_bytes{});
+    EXPECT_TRUE(log.has("WARN IPC - accept_cb - too many connections: 32"));
+    ipc_send(clients.front(), ipc_request(7));
+    EXPECT_TRUE(turn_until_taken(1)) << "those that came before are served";
+
+    clients.back().reset();
+    ipc_turn(base.get());
+    const unique_fd next = connect();
+    ipc_send(next, ipc_request(8));
+    EXPECT_TRUE(turn_until_taken(2)) << "what has closed takes no place, also before the next tick";
+}
+
 TEST_F(Ipc, OutOfDescriptorsItNeitherSpinsNorDiesAndServesAgain)
 {
     const unique_fd waiting = ipc_connect(socket_path);
