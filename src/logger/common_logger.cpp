@@ -1,7 +1,9 @@
 #include "logger/common_logger.h"
 
+#include <fcntl.h>
 #include <sys/time.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -16,12 +18,13 @@
 #include <string_view>
 
 #include "conffile/conffile.h"
-#include "handles/file.h"
+#include "handles/fd.h"
 
 namespace {
 
 constexpr std::size_t line_capacity = 8000;
 constexpr std::size_t file_name_max = 255;
+constexpr mode_t log_file_mode = 0666; // before the mask
 constexpr std::array<const char *, 6> level_names{"TRACE", "DEBUG", "INFO",
                                                   "WARN",  "ERROR", "SYSLOG"};
 
@@ -195,13 +198,19 @@ void set_output(bool &output, const char *value)
 
 void write_line_to_file(const line_buffer &line)
 {
-    // Opened and closed for every line, so the file may be rotated or removed at any time.
-    const stdio_file file{std::fopen(state.file_name.c_str(), "ae")};
-    if (file == nullptr) {
+    // Opened and closed for every line, so the file may be rotated or removed at any time. Without
+    // waiting, since a FIFO opens when it has a reader: a line that cannot be written is lost.
+    const unique_fd file{::open(state.file_name.c_str(),
+                                O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                                log_file_mode)};
+    if (!file) {
         return;
     }
-    std::fwrite(line.text(), 1, line.length(), file.get());
-    std::fflush(file.get());
+    std::string_view rest{line.text(), line.length()};
+    ssize_t written = 0;
+    while (!rest.empty() && (written = ::write(file.get(), rest.data(), rest.size())) > 0) {
+        rest.remove_prefix(static_cast<std::size_t>(written));
+    }
 }
 
 void emit(line_buffer &line, std::size_t after_time, const char *category, int level,

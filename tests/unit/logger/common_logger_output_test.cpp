@@ -1,7 +1,10 @@
 #include "logger/common_logger.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -13,6 +16,7 @@
 
 #include "conffile/conffile.h"
 #include "fakes/temporary_directory.h"
+#include "handles/fd.h"
 
 // The system log, recorded. <syslog.h> is left out: hardened builds make syslog an inline function
 // there that calls __syslog_chk.
@@ -302,6 +306,27 @@ TEST_F(LoggerOutput, AFileThatCannotBeOpenedLosesTheLineSilently)
     testing::internal::CaptureStderr();
     EXPECT_THAT(stdout_of([] { LOG_ERROR("x"); }), HasSubstr("ERROR main - x\n"));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(LoggerOutput, AFifoNeverBlocksAndItsLinesAreLostWhileNobodyReads)
+{
+    const std::string fifo = directory.path("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    common_logger_configure_from_string("file=yes");
+    common_logger_set("file.name", fifo.c_str());
+    alarm(20); // a logger that waits would wait for ever
+    LOG_ERROR("nobody reads");
+    const unique_fd reader{open(fifo.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)};
+    ASSERT_TRUE(reader);
+    LOG_ERROR("somebody reads");
+    std::string text(65536, '\0');
+    text.resize(static_cast<std::size_t>(read(reader.get(), text.data(), text.size())));
+    EXPECT_TRUE(text.ends_with("ERROR main - somebody reads\n"));
+    EXPECT_EQ(text.find("nobody"), std::string::npos);
+    for (int line = 0; line < 2000; ++line) {
+        LOG_ERROR("more than the pipe holds, and the reader sleeps");
+    }
+    alarm(0);
 }
 
 TEST_F(LoggerOutput, AFileNameIsCutTo255Characters)
