@@ -48,6 +48,9 @@ class CloudCertificates:
             "expired": make_server(
                 HOSTS, self.authority, not_before=long_ago, not_after=now() - DAY
             ),
+            "embedded_nul": make_server(
+                [f"{host}\0.example.org" for host in HOSTS], self.authority
+            ),
             "not_yet_valid": make_server(
                 HOSTS, self.authority, not_before=now() + datetime.timedelta(days=30)
             ),
