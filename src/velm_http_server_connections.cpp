@@ -3,6 +3,8 @@
 #include <event2/util.h>
 #include <malloc.h>
 #include <netinet/in.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -166,6 +168,29 @@ void on_time_up(evutil_socket_t, short, void *argument) noexcept
     evhtp_close(peer->connection);
 }
 
+/// Asked before and after everything that is done with the socket; what is negative or 0 stands for
+/// the result.
+long on_socket_use(BIO *socket, int operation, const char *, size_t, int, long, int result,
+                   size_t *) noexcept
+{
+    const auto *const tls = reinterpret_cast<const SSL *>(BIO_get_callback_arg(socket));
+    if (operation != BIO_CB_READ || BIO_number_read(socket) < state.limits.handshake_bytes ||
+        SSL_is_init_finished(tls) != 0) {
+        return result;
+    }
+    LOG_WARN("%s - too much before the end of the handshake", __func__);
+    BIO_clear_flags(socket, BIO_FLAGS_RWS | BIO_FLAGS_SHOULD_RETRY);
+    errno = ECONNABORTED; // the library takes what it finds here for the reason
+    return 0;             // as if the client had ended
+}
+
+void limit_handshake(SSL *tls)
+{
+    BIO *const socket = SSL_get_rbio(tls);
+    BIO_set_callback_arg(socket, reinterpret_cast<char *>(tls));
+    BIO_set_callback_ex(socket, on_socket_use);
+}
+
 evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 {
     const auto *const peer = static_cast<server_connection *>(argument);
@@ -203,6 +228,7 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
     http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
+    limit_handshake(connection->ssl);
     restart_timer(peer);
     return_memory_soon();
     return EVHTP_RES_OK;

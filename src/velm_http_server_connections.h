@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <cstddef>
+#include <cstdint>
 
 /// The live connections of the HTTPS server. libevhtp keeps no list of them, sets no limit and no
 /// end to their time; all three are kept here. What a connection sends goes through
@@ -22,6 +23,9 @@ struct http_connection_limits {
     /// What all of them together may hold of requests that are not answered yet: some of the longest
     /// requests, or a hundred usual ones. Above it the address that holds most loses a connection.
     std::size_t held = 256 * 1024;
+    /// What a client may send before its TLS handshake is done: several times what any needs. The
+    /// library would take and keep 128 KiB of it.
+    std::uint64_t handshake_bytes = 16 * 1024;
     /// How long a client that was refused may take to read that and to end what it sends.
     timeval linger_time{2, 0};
     /// How long the listener rests when the process is out of descriptors.

@@ -9,7 +9,7 @@ import socket
 import ssl
 import struct
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 
 import pytest
 from velm_sim.access_point import AccessPoint
@@ -20,6 +20,7 @@ from velm_sim.phone import Phone, sample_location
 
 # No connection that does nothing useful is kept for longer.
 LONGEST_STALL = 45.0
+LOCAL_CLIENTS = 32
 
 
 def reset(connection: socket.socket) -> None:
@@ -164,6 +165,156 @@ def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
     assert access_point.phone().info().status == 200
 
 
+HOSTS_THAT_FILL_IT = 4
+PER_HOST = 16
+HELD_TOGETHER_KIB = 256
+ONE_REQUEST_KIB = 128
+TLS_RECORD_KIB = 17
+
+
+@pytest.fixture
+def open_connections(
+    access_point: AccessPoint,
+) -> Iterator[Callable[..., list[socket.socket]]]:
+    """Opens so many connections from one host of the LAN, with TLS or without."""
+    opened: list[socket.socket] = []
+
+    def connect(host: int, count: int, *, tls: bool = True) -> list[socket.socket]:
+        lan_host = access_point.lan_host(host)
+        dial = lan_host.connect_tls if tls else lan_host.connect_tcp
+        made = [dial() for _ in range(count)]
+        opened.extend(made)
+        return made
+
+    yield connect
+    for connection in opened:
+        connection.close()
+
+
+def say(connections: list[socket.socket], data: bytes) -> None:
+    for connection in connections:
+        with contextlib.suppress(OSError):  # one that is cut off while it still sends
+            connection.sendall(data)
+
+
+def serves(connection: socket.socket) -> bool:
+    connection.sendall(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n")
+    return connection.recv(4096).startswith(b"HTTP/1.1 200 ")
+
+
+UNFINISHED: dict[str, bytes] = {
+    "heads of 60 KiB": b"GET /info HTTP/1.1\r\n" + b"X: %s\r\n" % (b"x" * 6000) * 10,
+    "bodies that lack a byte": b"POST /pair HTTP/1.1\r\nContent-Length: 8192\r\n"
+    + b"X-Attestation: %s\r\nX-Assertion: %s\r\n\r\n" % (b"a" * 16384, b"b" * 16384)
+    + b"x" * 8191,
+    "requests behind requests": (b"GET /info HTTP/1.1\r\nX: %s\r\n\r\n" % (b"x" * 8000)) * 8,
+    "refused bodies": b"POST /pair HTTP/1.1\r\nContent-Length: 8193\r\n\r\n" + b"x" * 60000,
+}
+
+
+@pytest.mark.parametrize("hosts", [1, HOSTS_THAT_FILL_IT])
+@pytest.mark.parametrize("name", UNFINISHED)
+def test_memory_stays_within_its_bound_while_connections_are_filled_with(
+    name: str,
+    hosts: int,
+    access_point: AccessPoint,
+    open_connections: Callable[..., list[socket.socket]],
+) -> None:
+    """By one host, which may open a quarter of all connections, or by as many as fill them."""
+    daemon, limit = access_point.daemon, access_point.build.memory_limit_kib
+    connections = [
+        connection for host in range(hosts) for connection in open_connections(host, PER_HOST)
+    ]
+    assert daemon.descriptors() >= len(connections)
+    before = daemon.resident_kib()
+    say(connections, UNFINISHED[name])
+    time.sleep(0.3)  # the time to take it all in
+    # What may be held, one request that is being copied, and what the TLS library has of a record
+    # that is not whole.
+    grown = daemon.resident_kib() - before
+    allowed = HELD_TOGETHER_KIB + ONE_REQUEST_KIB + len(connections) * TLS_RECORD_KIB
+    assert grown < limit(allowed)
+    for connection in connections:
+        connection.close()
+    wait_until(lambda: daemon.descriptors() < PER_HOST, 5, "descriptors stay open")
+    assert access_point.phone().info().status == 200
+
+
+def test_a_greeting_without_end_takes_no_memory(
+    access_point: AccessPoint, open_connections: Callable[..., list[socket.socket]]
+) -> None:
+    connections = [
+        connection
+        for host in range(HOSTS_THAT_FILL_IT)
+        for connection in open_connections(host, PER_HOST, tls=False)
+    ]
+    record = b"\x16\x03\x01\x40\x00"
+    say(connections, record + b"\x01\x02\x01\x40" + bytes(16380))  # of 131,392 bytes, it says
+    time.sleep(0.3)
+    before = access_point.daemon.resident_kib()
+    for _ in range(6):
+        say(connections, record + bytes(16384))
+    wait_until(lambda: all(map(is_closed, connections)), 5, "an endless greeting is taken")
+    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(512)
+    assert access_point.phone().info().status == 200
+
+
+def test_who_takes_much_makes_room_for_who_takes_little(
+    access_point: AccessPoint,
+    paired_phone: Phone,
+    open_connections: Callable[..., list[socket.socket]],
+) -> None:
+    mark = access_point.daemon.log_mark()
+    request = paired_phone.prepare_pair()
+    with access_point.lan_host(5).session() as session:
+        session.connect()
+        say(open_connections(1, PER_HOST), UNFINISHED["heads of 60 KiB"])
+        reply = session.request(request.path, request.body, request.headers)
+    assert reply.status == 200
+    access_point.daemon.wait_log("keep_within_memory - closing a connection", start=mark)
+
+
+def test_at_the_cap_of_an_address_new_ones_are_closed_at_once_and_old_ones_served(
+    access_point: AccessPoint, open_connections: Callable[..., list[socket.socket]]
+) -> None:
+    old = open_connections(0, PER_HOST)
+    (new,) = open_connections(0, 1, tls=False)
+    wait_until(lambda: is_closed(new), 1, "one more is not closed at once")
+    assert all(map(serves, old))
+    assert access_point.phone(1).info().status == 200
+    access_point.daemon.wait_log("too many connections: 16, 16 of this address")
+
+
+def test_at_the_cap_of_all_new_ones_are_closed_at_once_and_old_ones_served(
+    access_point: AccessPoint, open_connections: Callable[..., list[socket.socket]]
+) -> None:
+    old = [
+        connection
+        for host in range(HOSTS_THAT_FILL_IT)
+        for connection in open_connections(host, PER_HOST)
+    ]
+    (new,) = open_connections(HOSTS_THAT_FILL_IT, 1, tls=False)
+    wait_until(lambda: is_closed(new), 1, "one more is not closed at once")
+    assert all(map(serves, old))
+    access_point.daemon.wait_log("too many connections: 64, 0 of this address")
+    old[0].close()
+    wait_until(lambda: access_point.phone(5).info().status == 200, 5, "no room is made")
+
+
+def test_without_descriptors_old_connections_are_served(
+    access_point: AccessPoint, open_connections: Callable[..., list[socket.socket]]
+) -> None:
+    old = open_connections(0, 2)
+    daemon = access_point.daemon
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (daemon.descriptors(), 4096))
+    with pytest.raises(OSError):  # nobody is there to shake hands; nothing can be logged either
+        access_point.lan_host(1, timeout=0.5).connect_tls()
+    for _ in range(20):
+        assert all(map(serves, old))
+    resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (1024, 4096))
+    assert access_point.phone().info().status == 200
+
+
 def test_without_descriptors_it_neither_spins_nor_dies_and_serves_again(
     access_point: AccessPoint,
 ) -> None:
@@ -200,6 +351,61 @@ def test_a_client_that_never_reads_is_dropped_and_the_others_are_served(
             deaf.request()
             time.sleep(1.1)  # dropped connections go at the next tick of a second
     other.request()
+
+
+def test_local_clients_above_the_cap_are_turned_away_and_the_others_served(
+    access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    served = []
+    for _ in range(LOCAL_CLIENTS):
+        served.append(connect_ipc())
+        served[-1].request()
+        assert served[-1].receive().status == STATUS_NO_PAIRED_DEVICES
+    turned_away = connect_ipc()
+    assert turned_away.receive_packet(timeout=2) == b""
+    access_point.daemon.wait_log("accept_cb - too many connections: 32")
+    served[0].request()
+    assert served[0].receive().status == STATUS_NO_PAIRED_DEVICES
+    served[0].close()
+    next_one = connect_ipc()
+    next_one.request()
+    assert next_one.receive().status == STATUS_NO_PAIRED_DEVICES
+
+
+def frame(frame_id: int) -> bytes:
+    return struct.pack("=HHIII", REQUEST, 140, frame_id, 0, 0) + bytes(140)
+
+
+FLOODS: dict[str, bytes] = {
+    "26 requests a packet": b"".join(frame(number) for number in range(26)),
+    "half frames": frame(1)[:100],
+    "frames to skip": struct.pack("=HHIII", REQUEST, 65535, 1, 0, 0) + bytes(4000),
+    "strange types": struct.pack("=HHIII", 9, 140, 1, 0, 0) + bytes(140),
+}
+
+
+@pytest.mark.parametrize("name", FLOODS)
+def test_nobody_starves_while_a_local_client_sends_without_pause(
+    name: str, access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    flooding, other = connect_ipc(), connect_ipc()
+    before = access_point.daemon.resident_kib()
+    flooding.socket.setblocking(False)
+    slowest = 0.0
+    with access_point.lan_host().session() as session:
+        session.connect()
+        for _ in range(20):
+            with contextlib.suppress(OSError):  # the socket is full, or we were dropped
+                for _ in range(500):
+                    flooding.send(FLOODS[name])
+            start = time.monotonic()
+            asked = other.request()
+            answer = other.receive(timeout=5)
+            assert (answer.id, answer.status) == (asked, STATUS_NO_PAIRED_DEVICES)
+            assert session.request("/info").status == 200
+            slowest = max(slowest, time.monotonic() - start)
+    assert slowest < 2  # a loop that serves one flood before all else takes longer than that
+    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(2048)
 
 
 def test_a_client_that_leaves_with_a_request_pending_harms_nobody(

@@ -642,6 +642,42 @@ TEST_F(Connections, AHalfDoneHandshakeIsClosedWhenItsTimeIsUp)
     EXPECT_TRUE(reaches(0));
 }
 
+/// A TLS record that continues a greeting of 131,392 bytes, which the library would take.
+string greeting_record(bool first, std::size_t size)
+{
+    string record{"\x16\x03\x01"};
+    record += {static_cast<char>(size >> 8U), static_cast<char>(size & 0xffU)};
+    if (first) {
+        record += string{"\x01\x02\x01\x40", 4};
+        size -= 4;
+    }
+    return record + string(size, '\0');
+}
+
+TEST_F(Connections, AGreetingOf16KibibytesIsWaitedForAndALongerOneEndsTheConnection)
+{
+    serve();
+    const auto peer = client();
+    ASSERT_TRUE(reaches(1));
+    const string most = greeting_record(true, 16378); // with its head a byte less than 16 KiB
+    ASSERT_EQ(write(peer->fd(), most.data(), most.size()), 16383);
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 1U);
+    const string more = greeting_record(false, 100);
+    ASSERT_EQ(write(peer->fd(), more.data(), more.size()), 105);
+    EXPECT_TRUE(reaches(0));
+    EXPECT_EQ(log.count("on_socket_use - too much before the end of the handshake"), 1);
+}
+
+TEST_F(Connections, WhatComesAfterTheHandshakeIsNoPartOfIt)
+{
+    serve();
+    const auto peer = connected();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(peer->ask(post("Content-Length: 8192\r\n", string(8192, 'a'))).status, 200);
+    }
+}
+
 TEST_F(Connections, AnIdleConnectionIsClosedWhenItsTimeIsUp)
 {
     serve(quick());
