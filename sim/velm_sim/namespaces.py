@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import ctypes
+import errno
 import os
 import re
 import shutil
@@ -11,6 +12,7 @@ import signal
 import socket
 import subprocess
 import tempfile
+import time
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -134,6 +136,34 @@ class Network:
             f"addr add {self.CLOUD_ADDRESS}/24 dev eth0\n"
             f"link set eth0 up\nroute add 192.168.1.0/24 via {self.UPLINK_ADDRESS}\n"
         )
+
+    @contextlib.contextmanager
+    def cloud_out_of_reach(self) -> Iterator[None]:
+        """While this lasts, what is sent to the cloud vanishes."""
+        self.cloud.batch("link set eth0 down\n")
+        try:
+            yield
+        finally:
+            self.cloud.batch(
+                f"link set eth0 up\nroute replace 192.168.1.0/24 via {self.UPLINK_ADDRESS}\n"
+            )
+            self.wait_for_cloud()
+
+    def wait_for_cloud(self, timeout: float = 10.0) -> None:
+        """Returns once packets reach the cloud again.
+
+        A look-up of the cloud's hardware address that began while the link was down may still fail
+        seconds later, and takes the next connection with it.
+        """
+        deadline = time.monotonic() + timeout
+        while True:
+            with self.ap.socket() as probe:
+                probe.settimeout(0.5)
+                outcome = probe.connect_ex((self.CLOUD_ADDRESS, 443))
+            if outcome in (0, errno.ECONNREFUSED):
+                return
+            if time.monotonic() > deadline:
+                raise NetworkError(f"the cloud stays out of reach: {os.strerror(outcome)}")
 
     def close(self) -> None:
         while self._made:

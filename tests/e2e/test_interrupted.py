@@ -392,17 +392,10 @@ def test_info_is_prompt_while_no_name_server_answers(
 def test_info_is_prompt_while_the_cloud_is_a_black_hole(
     access_point: AccessPoint, network: Network, paired_phone: Phone, ipc: IpcClient
 ) -> None:
-    network.cloud.batch("link set eth0 down\n")
-    try:
-        with access_point.lan_host().session() as session:
-            session.connect()
-            ipc.request()
-            access_point.daemon.wait_log("oauth2.googleapis.com")
-            assert_prompt(latencies(session, 100, 0.02))
-    finally:
-        network.cloud.batch(
-            "link set eth0 up\n"
-            f"route replace 192.168.1.0/24 via {Network.UPLINK_ADDRESS}\n"
-        )
+    with network.cloud_out_of_reach(), access_point.lan_host().session() as session:
+        session.connect()
+        ipc.request()
+        access_point.daemon.wait_log("oauth2.googleapis.com")
+        assert_prompt(latencies(session, 100, 0.02))
     assert paired_phone.location(sample_location()).status == 200
     assert ipc.receive_report().valid == 1
