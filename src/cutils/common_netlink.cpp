@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <compare>
 #include <cstring>
 #include <memory>
 #include <optional>

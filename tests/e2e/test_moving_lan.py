@@ -23,6 +23,7 @@ from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import LanHost, Session
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, sample_location
+from velm_sim.ssdp import Searcher, discover, search_message
 
 OLD = Network.AP_ADDRESS
 # Within the phones' subnet, so that they reach whichever the bridge has.
@@ -182,6 +183,21 @@ def test_the_push_carries_the_new_address(
     assert location == f"{NEW}:{moved.access_point.port}"
 
 
+def test_a_search_finds_the_new_address(moved: Moved) -> None:
+    source, namespace = Network.PHONE_ADDRESSES[0], moved.lan.network.phone
+    (before,) = discover(namespace, source)
+    moved.move(NEW)
+    moved.lan.remove(OLD)
+    # By multicast and by unicast.
+    (after,) = discover(namespace, source)
+    with Searcher(namespace, source) as searcher:
+        direct = searcher.ask(search_message(), NEW)
+    locations = [answer.location for answer in (before, after, direct)]
+    port = moved.access_point.port
+    assert locations == [f"https://{address}:{port}/info" for address in (OLD, NEW, NEW)]
+    assert after.address == NEW
+
+
 def test_a_phone_paired_before_is_heard_at_the_new_address(
     moved: Moved, connect_ipc: Callable[[], IpcClient]
 ) -> None:
@@ -294,7 +310,8 @@ def test_nothing_changes_by(
     client.request()
     assert client.receive(timeout=5).payload
     assert moved.servers() == servers
-    assert STOPPED not in moved.daemon.log(mark)
+    log = moved.daemon.log(mark)
+    assert STOPPED not in log and "ssdp_server_stop" not in log
 
 
 def test_an_address_that_is_taken_away_changes_nothing(moved: Moved) -> None:
