@@ -23,6 +23,9 @@ namespace {
 
 constexpr char log_category[] = "common_async";
 
+/// Under a flood of others a long action gets its turn after this many of them.
+constexpr unsigned long_action_patience = 32;
+
 using context_ptr = std::unique_ptr<common_async_context>;
 
 struct module_state {
@@ -32,8 +35,10 @@ struct module_state {
     event_ptr event_pipe_watcher;
     event_ptr next_turn; // a timer without delay
     std::deque<context_ptr> waiting;
-    bool awake = false;      // a pointer lies in the pipe or the timer is set: the loop will turn
-    bool loop_turns = false; // it has, so whoever calls from now on is one of its callbacks
+    std::deque<context_ptr> waiting_long;
+    unsigned passed_over = 0; // others that ran since a long one could have
+    bool awake = false;       // a pointer lies in the pipe or the timer is set: the loop will turn
+    bool loop_turns = false;  // it has, so whoever calls from now on is one of its callbacks
 };
 module_state state;
 
@@ -68,13 +73,28 @@ void ask_for_next_turn()
     REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
 }
 
-/// One action a turn, so that input and timers get theirs however many wait.
-void run_first_waiting()
+/// The queue whose first action is next; one of them is not empty.
+std::deque<context_ptr> &next_queue()
 {
-    context_ptr context = std::move(state.waiting.front());
-    state.waiting.pop_front();
+    if (state.waiting_long.empty()) {
+        return state.waiting;
+    }
+    if (state.waiting.empty() || state.passed_over >= long_action_patience) {
+        state.passed_over = 0;
+        return state.waiting_long;
+    }
+    ++state.passed_over;
+    return state.waiting;
+}
+
+/// One action a turn, so that input and timers get theirs however many wait.
+void run_next()
+{
+    std::deque<context_ptr> &queue = next_queue();
+    context_ptr context = std::move(queue.front());
+    queue.pop_front();
     action_run(std::move(context), EV_READ);
-    state.awake = !state.waiting.empty();
+    state.awake = !state.waiting.empty() || !state.waiting_long.empty();
     if (state.awake) {
         ask_for_next_turn();
     }
@@ -82,7 +102,7 @@ void run_first_waiting()
 
 void next_turn_cb(evutil_socket_t, short, void *) noexcept
 {
-    run_first_waiting();
+    run_next();
 }
 
 void event_pipe_cb(evutil_socket_t fd, short, void *) noexcept
@@ -92,10 +112,10 @@ void event_pipe_cb(evutil_socket_t fd, short, void *) noexcept
         FATAL("%s: error reading from pipe: %s", __func__, std::strerror(errno));
     }
     state.loop_turns = true;
-    run_first_waiting();
+    run_next();
 }
 
-void wake_loop(const char *caller)
+void wake_loop(const char *caller, const common_async_context *first)
 {
     if (state.awake) {
         return;
@@ -105,7 +125,7 @@ void wake_loop(const char *caller)
         ask_for_next_turn();
         return;
     }
-    const void *pointer = state.waiting.front().get();
+    const void *pointer = first;
     if (write(state.pipe_write.get(), &pointer, sizeof pointer) !=
         static_cast<ssize_t>(sizeof pointer)) {
         FATAL("%s: error writing to pipe: %s", caller, std::strerror(errno));
@@ -141,7 +161,14 @@ void common_async_init()
 int common_async_action_call(common_async_callback callback, void *user_data)
 {
     state.waiting.push_back(make_context(callback, user_data));
-    wake_loop(__func__);
+    wake_loop(__func__, state.waiting.back().get());
+    return 0;
+}
+
+int common_async_action_call_long(common_async_callback callback, void *user_data)
+{
+    state.waiting_long.push_back(make_context(callback, user_data));
+    wake_loop(__func__, state.waiting_long.back().get());
     return 0;
 }
 

@@ -25,6 +25,11 @@ void common_async_init();
 /// Queues a call; 0. A null callback is fatal when its turn comes.
 int common_async_action_call(common_async_callback callback, void *user_data);
 
+/// The same for a call that takes milliseconds. Such calls run in their own order, each when no other
+/// action waits and input has been looked for, or after 32 others: in between the loop serves whoever
+/// is served quickly.
+int common_async_action_call_long(common_async_callback callback, void *user_data);
+
 /// Runs the call once after the delay (microseconds below 1000000), on a later loop turn even when
 /// the delay is zero; 0.
 int common_async_action_schedule(common_async_callback callback, void *user_data, long seconds,

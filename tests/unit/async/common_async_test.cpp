@@ -59,6 +59,57 @@ TEST_F(Async, OneActionRunsALoopTurn)
     EXPECT_EQ(ran, std::vector{1});
 }
 
+TEST_F(Async, LongActionsRunInTheirOwnOrderWhenNoOtherWaits)
+{
+    common_async_action_call_long(note, number(10));
+    common_async_action_call_long(note, number(11));
+    common_async_action_call(note, number(1));
+    common_async_action_call(note, number(2));
+    EXPECT_TRUE(ran.empty());
+    run_until(4);
+    EXPECT_EQ(ran, (std::vector{1, 2, 10, 11}));
+}
+
+void note_three_steps(void *value, short events, common_async_context *context)
+{
+    note(value, events, context);
+    const int step = ran.back();
+    if (step % 10 < 3) {
+        common_async_action_call(note_three_steps, number(step + 1));
+    }
+}
+
+TEST_F(Async, NoLongActionComesBetweenTheStepsOfOthers)
+{
+    common_async_action_call_long(note, number(100));
+    common_async_action_call(note_three_steps, number(11));
+    common_async_action_call(note_three_steps, number(21));
+    run_until(7);
+    EXPECT_EQ(ran, (std::vector{11, 21, 12, 22, 13, 23, 100}));
+}
+
+TEST_F(Async, AFloodOfActionsDoesNotKeepALongOneOut)
+{
+    for (int i = 0; i < 100; ++i) {
+        common_async_action_call(note, number(i));
+    }
+    common_async_action_call_long(note, number(1000));
+    common_async_action_call_long(note, number(1001));
+    run_until(102);
+    ASSERT_EQ(ran.size(), 102U);
+    EXPECT_EQ(ran[32], 1000) << "after 32 others";
+    EXPECT_EQ(ran[65], 1001) << "after 32 more";
+    EXPECT_EQ(ran[101], 99);
+}
+
+TEST_F(Async, ALongActionAloneRunsOnALaterTurn)
+{
+    common_async_action_call_long(note, number(1));
+    EXPECT_TRUE(ran.empty());
+    run_until(1);
+    EXPECT_EQ(ran, std::vector{1});
+}
+
 TEST_F(Async, AScheduleWithZeroDelayRunsOnALaterLoopTurn)
 {
     common_async_action_schedule(note, number(7), 0, 0);
