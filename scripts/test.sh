@@ -51,6 +51,7 @@ for preset in "${presets[@]}"; do
     step "end-to-end tests, $preset" python_tests "$preset" e2e tests/e2e
 done
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
+step "tests of the benchmarks' report" python_tests "${presets[0]}" bench tests/bench
 
 printf '\n'
 for name in ${failed_steps[@]+"${failed_steps[@]}"}; do
