@@ -10,17 +10,17 @@ cd "$(dirname "$0")/.."
 # What only the benchmarks want: the peers, and the tracer that counts system calls. Debian starts
 # what it installs; the peers measured here are processes of our own, so that none stays behind.
 peers="nginx-light lighttpd lighttpd-mod-openssl mosquitto strace"
-policy=/usr/sbin/policy-rc.d
-if [ ! -e "$policy" ] && [ "$(id -u)" -eq 0 ]; then
-    trap 'rm -f "$policy"' EXIT
-    printf '#!/bin/sh\nexit 101\n' >"$policy"
-    chmod 755 "$policy"
-fi
-# shellcheck disable=SC2086  # one word a package
-./scripts/install-dependencies.sh $peers
-if [ "$(id -u)" -eq 0 ] && grep -q 'exit 101' "$policy"; then
-    rm -f "$policy"
-fi
+install_peers() (
+    policy=/usr/sbin/policy-rc.d
+    if [ ! -e "$policy" ] && [ "$(id -u)" -eq 0 ]; then
+        trap 'rm -f "$policy"' EXIT
+        printf '#!/bin/sh\nexit 101\n' >"$policy"
+        chmod 755 "$policy"
+    fi
+    # shellcheck disable=SC2086  # one word a package
+    ./scripts/install-dependencies.sh $peers
+)
+install_peers
 
 log=build/bench/build.log
 mkdir -p build/bench

@@ -5,17 +5,19 @@ from __future__ import annotations
 import json
 import statistics
 import subprocess
+import time
 from pathlib import Path
 
 from velm_sim.access_point import AccessPoint
 
 from .figures import Figure, at_most, ratio_at_most
-from .https import Bench
+from .https import SETTLED_AFTER_S, Bench
 from .servers import Peers, Server
 from .watch import idleness, memory
 
 
 def idle(bench: Bench, mosquitto: Server) -> list[Figure]:
+    time.sleep(SETTLED_AFTER_S)
     servers = {one.name: one.pid for one in (bench.velmd, bench.lighttpd, mosquitto)}
     sizes = {name: memory(pid) for name, pid in servers.items()}
     minutes = idleness(servers, bench.extent.idle_seconds)
