@@ -143,6 +143,9 @@ def main() -> int:
     measure_steps(run, build, extent)
     write(run.figures, about, given.output, svg(run.figures))
     print(table(run.figures))
+    worst = max(run.figures, key=lambda one: one.excess)
+    if worst.verdict is Verdict.MISSED:
+        print(f"\nFurthest from its target: {worst.what}, {worst.unit}")
     missing = sum(one.verdict is Verdict.NOT_MEASURED for one in run.figures)
     print(f"\n{given.output}: table.txt, figures.json, figures.svg")
     return 1 if missing else 0

@@ -55,6 +55,16 @@ def test_verdicts_on_both_sides_of_a_target(
     assert Figure("x", "us", value, "peer", peer, target).verdict is verdict  # type: ignore[arg-type]
 
 
+def test_the_furthest_from_its_target_is_found_whatever_its_kind() -> None:
+    twice_as_slow = Figure("a", "1/s", 5.0, "peer", 10.0, ratio_at_least(1.0))
+    a_half_too_much = Figure("b", "us", 15.0, "peer", 10.0, ratio_at_most(1.0))
+    assert max([*SAMPLE, a_half_too_much, twice_as_slow], key=lambda one: one.excess) is (
+        twice_as_slow
+    )
+    assert twice_as_slow.excess == pytest.approx(2.0)
+    assert Figure("c", "us", 900.0).excess == 0, "without a target nothing is far"
+
+
 def test_the_table_shows_both_figures_ratio_target_and_verdict() -> None:
     lines = table(SAMPLE).splitlines()
     assert len(lines) == 2 + len(SAMPLE)
