@@ -8,8 +8,8 @@ from pathlib import Path
 import pytest
 
 REPOSITORY = Path(__file__).resolve().parents[2]
-DOCUMENTS = sorted([REPOSITORY / "README.md", *REPOSITORY.glob("docs/*.md"),
-                    REPOSITORY / "tests" / "README.md"])  # fmt: skip
+DOCUMENTS = sorted([REPOSITORY / "README.md", REPOSITORY / "SECURITY.md",
+                    REPOSITORY / "tests" / "README.md", *REPOSITORY.glob("docs/*.md")])  # fmt: skip
 SHORT = {"u/": "tests/unit/", "e/": "tests/e2e/"}
 
 
