@@ -173,9 +173,14 @@ void on_time_up(evutil_socket_t, short, void *argument) noexcept
 long on_socket_use(BIO *socket, int operation, const char *, size_t, int, long, int result,
                    size_t *) noexcept
 {
-    const auto *const tls = reinterpret_cast<const SSL *>(BIO_get_callback_arg(socket));
-    if (operation != BIO_CB_READ || BIO_number_read(socket) < state.limits.handshake_bytes ||
-        SSL_is_init_finished(tls) != 0) {
+    if (operation != BIO_CB_READ) {
+        return result;
+    }
+    if (SSL_is_init_finished(reinterpret_cast<const SSL *>(BIO_get_callback_arg(socket))) != 0) {
+        BIO_set_callback_ex(socket, nullptr); // nothing left to watch
+        return result;
+    }
+    if (BIO_number_read(socket) < state.limits.handshake_bytes) {
         return result;
     }
     LOG_WARN("%s - too much before the end of the handshake", __func__);
