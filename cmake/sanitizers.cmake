@@ -11,3 +11,9 @@ if(VELM_COVERAGE)
         add_link_options(-Wl,--undefined=__gcov_dump -Wl,--export-dynamic-symbol=__gcov_dump)
     endif()
 endif()
+if(VELM_FUZZ)
+    # The code that the fuzzer watches, with line counters for the report of scripts/fuzz.sh.
+    add_compile_options(-O1 -g -fno-omit-frame-pointer -fsanitize=fuzzer-no-link,address,undefined
+                        -fno-sanitize-recover=all -fprofile-instr-generate -fcoverage-mapping)
+    add_link_options(-fsanitize=address,undefined -fprofile-instr-generate)
+endif()

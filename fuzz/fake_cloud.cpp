@@ -1,0 +1,76 @@
+#include "fake_cloud.h"
+
+#include <event2/http.h>
+#include <event2/keyvalq_struct.h>
+
+#include <cstring>
+#include <deque>
+#include <utility>
+
+#include "async/common_async.h"
+#include "fuzz_target.h"
+#include "handles/libevent.h"
+#include "http/http_client_headers.h"
+
+std::vector<fake_cloud_request> fake_cloud_requests;
+
+namespace {
+std::deque<std::pair<common_async_callback, void *>> actions;
+} // namespace
+
+int common_async_action_call(common_async_callback callback, void *user_data)
+{
+    actions.emplace_back(callback, user_data);
+    return 0;
+}
+
+int common_async_action_schedule(common_async_callback callback, void *user_data, long, long)
+{
+    return common_async_action_call(callback, user_data);
+}
+
+void http_client_add_header(http_client_request_data *data, const char *name, const char *value)
+{
+    data->headers.push_back({name, value});
+}
+
+int http_request_internal(http_client_method, const http_client_request_data &data,
+                          http_client_response_handler handler, void *argument)
+{
+    fake_cloud_requests.push_back({data, handler, argument});
+    return 0;
+}
+
+void fake_cloud_turn()
+{
+    while (!actions.empty()) {
+        const auto [callback, user_data] = actions.front();
+        actions.pop_front();
+        callback(user_data, 0, nullptr);
+    }
+}
+
+void fake_cloud_answer(int code, const std::string &body)
+{
+    FUZZ_REQUIRE(!fake_cloud_requests.empty());
+    const fake_cloud_request request = fake_cloud_requests.front();
+    fake_cloud_requests.erase(fake_cloud_requests.begin());
+    request.handler(code, nullptr, body.empty() ? nullptr : body.c_str(), body.size(),
+                    request.argument);
+}
+
+void fake_cloud_headers_are_clean(const http_client_request_data &data)
+{
+    const evhttp_request_ptr request{evhttp_request_new(nullptr, nullptr)};
+    http_client_default_headers defaults;
+    defaults.host = "fcm.googleapis.com";
+    if (!http_client_headers_add(request.get(), defaults, data.headers)) {
+        return; // refused
+    }
+    const evkeyvalq *const headers = evhttp_request_get_output_headers(request.get());
+    for (const evkeyval *header = headers->tqh_first; header != nullptr;
+         header = header->next.tqe_next) {
+        FUZZ_REQUIRE(std::strpbrk(header->key, "\r\n: ") == nullptr);
+        FUZZ_REQUIRE(std::strpbrk(header->value, "\r\n") == nullptr);
+    }
+}

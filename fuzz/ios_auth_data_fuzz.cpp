@@ -1,0 +1,81 @@
+#include <algorithm>
+
+#include "ios_phone.h"
+#include "ios_validation/ios_app_auth_data.h"
+
+/// Authenticator data, below the signature: around the input stand a good object and certificate.
+
+namespace {
+
+bool holds_at(fuzz_bytes bytes, std::size_t at, fuzz_bytes expected)
+{
+    return bytes.size() >= at + expected.size() &&
+           std::ranges::equal(bytes.subspan(at, expected.size()), expected);
+}
+
+/// The whole rule once more, byte by byte.
+bool should_pass(const ios_phone &phone, fuzz_bytes bytes)
+{
+    const test_bytes id = sha256_of(bytes_of(ios_phone_app_id));
+    const test_bytes credential = sha256_of(public_key_point(phone.phone.key.get()));
+    constexpr std::uint8_t no_counter[4] = {};
+    return holds_at(bytes, 0, id) && holds_at(bytes, 33, no_counter) &&
+           (holds_at(bytes, 37, aaguid_production) || holds_at(bytes, 37, aaguid_develop)) &&
+           holds_at(bytes, 55, credential) && (bytes[53] != 0 || bytes[54] >= 32);
+}
+
+void attestation(const ios_phone &phone, fuzz_bytes bytes)
+{
+    attestation_parts parts;
+    parts.auth_data = {bytes.begin(), bytes.end()};
+    parts.x5c = {phone.leaf_with_nonce(sha256_of(bytes_joined({parts.auth_data, phone.hash}))),
+                 phone.intermediate()};
+    const ios_outcome outcome = phone.attest(ios_phone_app_id, parts.encode(), phone.hash);
+    FUZZ_REQUIRE((outcome.result != 0) == should_pass(phone, bytes));
+    if (outcome.result != 0) {
+        FUZZ_REQUIRE(outcome.keys.front() == public_key_der(phone.phone.key.get()));
+    }
+}
+
+void parse(fuzz_bytes bytes)
+{
+    const auto attested = ios_auth_data_parse(bytes, ios_auth_data_mode::attestation);
+    const auto asserted = ios_auth_data_parse(bytes, ios_auth_data_mode::assertion);
+    FUZZ_REQUIRE(asserted.has_value() == (bytes.size() >= 37));
+    FUZZ_REQUIRE(!attested || bytes.size() >= 87);
+    if (attested) {
+        // Written anew, the fields are the bytes that they came from.
+        auth_data_wish wish;
+        wish.rp_id_hash = {attested->rp_id_hash.begin(), attested->rp_id_hash.end()};
+        wish.flags = attested->flags;
+        wish.counter = attested->counter;
+        wish.aaguid = attested->aaguid;
+        wish.credential_id = {attested->credential_id.begin(), attested->credential_id.end()};
+        const test_bytes again = wish.attestation();
+        FUZZ_REQUIRE(std::ranges::equal(bytes.first(53), fuzz_bytes{again}.first(53)));
+        FUZZ_REQUIRE(std::ranges::equal(bytes.subspan(55, 32), fuzz_bytes{again}.subspan(55, 32)));
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    const ios_phone &phone = the_ios_phone();
+    const fuzz_bytes bytes{data, size};
+    // The key is another one in each process, so a good credential id cannot stand in a file: four
+    // bytes of "good" in the place of an app id hash or a credential id become the right ones.
+    test_bytes patched{bytes.begin(), bytes.end()};
+    const auto patch = [&patched](std::size_t at, const test_bytes &good) {
+        if (holds_at(patched, at, bytes_of("good")) && patched.size() >= at + good.size()) {
+            std::ranges::copy(good, patched.begin() + static_cast<std::ptrdiff_t>(at));
+        }
+    };
+    patch(0, sha256_of(bytes_of(ios_phone_app_id)));
+    patch(55, sha256_of(public_key_point(phone.phone.key.get())));
+    parse(patched);
+    if (!patched.empty() && patched.size() <= 4096) {
+        attestation(phone, patched);
+    }
+    return 0;
+}

@@ -1,0 +1,49 @@
+#include <algorithm>
+
+#include "ios_phone.h"
+#include "ios_validation/ios_app_certificate.h"
+
+/// The value of the credential certificate's nonce extension. Where the input has "nonce", the
+/// right nonce stands.
+
+namespace {
+
+struct good_object {
+    const ios_phone &phone = the_ios_phone();
+    test_bytes auth_data = phone.phone.auth_data().attestation();
+    test_bytes nonce = sha256_of(bytes_joined({auth_data, phone.hash}));
+};
+
+void with_nonce(test_bytes *value, const test_bytes &nonce)
+{
+    constexpr std::string_view mark = "nonce";
+    const auto at = std::search(value->begin(), value->end(), mark.begin(), mark.end());
+    if (at != value->end()) {
+        value->insert(value->erase(at, at + mark.size()), nonce.begin(), nonce.end());
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    static const good_object good;
+    test_bytes value{data, data + size};
+    with_nonce(&value, good.nonce);
+    const test_bytes leaf = good.phone.leaf(value);
+    const x509_ptr parsed =
+        ios_app_certificate_verify(certificate_pem(good.phone.phone.root.certificate.get()).c_str(),
+                                   leaf, good.phone.intermediate());
+    FUZZ_REQUIRE(parsed != nullptr);
+    FUZZ_REQUIRE(std::ranges::equal(ios_app_certificate_nonce_extension(parsed.get()), value));
+
+    attestation_parts parts;
+    parts.auth_data = good.auth_data;
+    parts.x5c = {leaf, good.phone.intermediate()};
+    const ios_outcome outcome =
+        good.phone.attest(ios_phone_app_id, parts.encode(), good.phone.hash);
+    const bool ends_in_nonce =
+        value.size() >= 32 && std::equal(good.nonce.begin(), good.nonce.end(), value.end() - 32);
+    FUZZ_REQUIRE((outcome.result != 0) == (ends_in_nonce && leaf.size() <= 4096));
+    return 0;
+}
