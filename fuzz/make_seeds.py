@@ -267,8 +267,87 @@ def nvram_store() -> Iterable[bytes]:
     yield part(1, 0, nvram_file(0, b"another", SOME_CHANGES)) + part(2, 1, records) + absent
 
 
+def android_token() -> Iterable[bytes]:
+    token = (DATA / "play_integrity" / "token.jwe").read_bytes().strip()
+    payload = (DATA / "play_integrity" / "payload.json").read_bytes().strip()
+    yield b"\0" + token
+    yield from (b"\0" + b".".join(token.split(b".")[:count]) for count in (3, 4))
+    for header in (
+        b'{"alg":"A256KW","enc":"A256GCM"}',
+        b'{"alg":"A256KW","enc":"A256GCM","zip":"DEF"}',
+        b'{"alg":"dir","enc":"A256GCM","crit":["x"]}',
+        b'{"alg":"RSA-OAEP","enc":"A128CBC-HS256"}',
+    ):
+        yield b"\1" + header
+    yield b"\2eyJhbGciOiJub25lIn0.e30."
+    yield b"\2eyJhbGciOiJFUzI1NiJ9.e30.AAAA"
+    yield b"\2eyJhbGciOiJIUzI1NiJ9.e30.AAAA=="
+    yield b'\3{"alg":"ES256"}\0' + payload
+    yield b'\3{"alg":"ES256","crit":["b64"],"b64":false}\0x'
+    yield b'\3{"alg":"HS256"}\0x'
+    header = b'{"alg":"A256KW","enc":"A256GCM"}'
+    yield b"\4" + block(header) + block(bytes(40)) + block(bytes(12)) + block(b"x") + block(bytes(16))
+    yield b"\4" + block(header) + block(bytes(400)) + block(bytes(12)) + block(b"x") + block(bytes(8))
+
+
+def android_verdict() -> Iterable[bytes]:
+    text = (DATA / "play_integrity" / "payload.json").read_text()
+    yield text.encode()
+    nonce = "47DEQpj8HBSa-_TImW-5JCeuQeRkm5NMpJWZG3hSuFU"
+    yield text.replace(nonce, nonce + "\\\\u003d", 1).encode()
+    yield text.replace(nonce, nonce + "=", 1).encode()
+    yield text.replace('"nonce"', '"requestHash"').encode()
+    yield text.replace("1750000000123", "1749996400000").encode()
+    yield text.replace("NO_ISSUES", "HIGH_RISK").encode()
+    yield text.replace('"1750000000123"', "1750000000123").encode()
+    yield text.replace("MEETS_STRONG_INTEGRITY", "MEETS_WEAK_INTEGRITY").encode()
+    yield b"{}"
+
+
+def cloud_integrity() -> Iterable[bytes]:
+    payload = (DATA / "play_integrity" / "payload.json").read_bytes().strip()
+    yield b"token.of.a.phone\0" + word(0) + b'{"tokenPayloadExternal":' + payload + b"}"
+    for entry in load("google/play_integrity_errors.json"):
+        yield b"token\0" + status(entry["http_status"]) + body_of(entry)
+    yield b"tok\xff\0" + word(0) + b"{}"
+    yield b"token\0" + word(0) + b'{"tokenPayloadExternal":[]}'
+    yield b"token\0" + status(429)
+    yield b"token\0" + word(7)
+
+
+def attribute(kind: int, content: bytes) -> bytes:
+    return struct.pack("=HH", 4 + len(content), kind) + content + bytes(-len(content) % 4)
+
+
+def message(kind: int, content: bytes) -> bytes:
+    return struct.pack("=IHHII", 16 + len(content), kind, 0, 1, 0) + content + bytes(-len(content) % 4)
+
+
+def netlink() -> Iterable[bytes]:
+    new_address, deleted, new_link = 20, 21, 16
+    about = struct.pack("=BBBBI", 2, 24, 128, 0, 1)
+    ours = attribute(1, b"\xc0\xa8\1\1") + attribute(2, b"\xc0\xa8\1\1") + attribute(3, b"br0\0")
+    yield message(new_address, about + ours)
+    yield message(new_address, about + ours + attribute(2, b"\x0a\0\0\1")) + message(new_link, bytes(16))
+    yield message(new_address, about + ours) + message(new_address, about + ours)[:-5]
+    yield message(deleted, about + ours) + message(new_address, about + attribute(1, bytes(16)))
+    yield message(new_address, about + struct.pack("=HH", 0, 2))
+    yield message(new_address, b"\2")
+    yield struct.pack("=IHHII", 0xFFFFFFFF, 20, 0, 0, 0)
+
+
+def ssdp_search() -> Iterable[bytes]:
+    for sample in sorted((DATA / "ssdp").glob("*.txt")):
+        for line in sample.read_text().splitlines():
+            name, _, value = line.partition(": ")
+            if name in ("hex", "velmd_hex"):
+                yield bytes.fromhex(value)
+
+
 # clang-format off
 TARGETS = {
+    "android_token": android_token, "android_verdict": android_verdict,
+    "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
     "base64": base64_seeds, "cloud_push": cloud_push, "cloud_token": cloud_token,
     "config_file": config_file, "escapes": escapes, "hostname_match": hostname_match,
     "http_head": http_head, "http_requests": http_requests, "ios_assertion": ios_assertion,

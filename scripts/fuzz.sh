@@ -51,7 +51,7 @@ options_of() { # TARGET
 fuzz() { # TARGET SECONDS: runs it, by as many processes as there are cores
     local findings=$root/$build/findings/$1 found=$root/$build/found/$1
     rm -rf "$findings"
-    mkdir -p "$findings" "$found" "$build/seeds/$1"
+    mkdir -p "$findings" "$found" "$build/seeds/$1" "fuzz/corpus/$1"
     local options
     mapfile -t options < <(options_of "$1")
     # The processes write their logs where they are started.
@@ -79,6 +79,8 @@ report() { # TARGET SECONDS
     edges=$(grep -ho 'cov: [0-9]*' "$findings"/fuzz-*.log | awk '$2 > most { most = $2 } END { print most + 0 }')
     features=$(grep -ho 'ft: [0-9]*' "$findings"/fuzz-*.log | awk '$2 > most { most = $2 } END { print most + 0 }')
     count=$(find "$findings" -name 'input-*' ! -name 'input-slow-unit-*' | wc -l)
+    # One that did not run found nothing, and says nothing.
+    [ "$runs" -gt 0 ] || { tail -n 5 "$findings/fuzz.log" >&2; count=1; }
     printf '%-20s %12d %9d %7d %9d %8s %9d\n' \
         "$1" "$runs" $((runs / $2)) "$edges" "$features" "$(line_coverage "$1")" "$count" | tee -a "$results"
     findings_in_all=$((findings_in_all + count))
