@@ -73,6 +73,21 @@ def hostname_match() -> Iterable[bytes]:
     )
 
 
+def hostname_certificate() -> Iterable[bytes]:
+    def names(*entries: tuple[int, bytes]) -> bytes:
+        content = b"".join(bytes((0x80 | kind, len(text))) + text for kind, text in entries)
+        return bytes((0x30, len(content))) + content
+
+    dns, address = 2, 7
+    host = b"fcm.googleapis.com\0"
+    yield host + b"x\0" + names((dns, b"*.googleapis.com"), (dns, b"googleapis.com"))
+    yield host + b"x\0" + names((address, b"\x7f\0\0\1"), (dns, b"fcm.googleapis.com"))
+    yield host + b"x\0" + names((dns, b"fcm.googleapis.com\0.evil.example"))
+    yield host + b"fcm.googleapis.com\0" + names((dns, b"evil.example"))
+    yield host + b"fcm.googleapis.com\0"
+    yield host + b"x\0" + b"\x30\x05\x82"
+
+
 HEAD = b"POST /location HTTP/1.1\r\nHost: 192.168.1.1:8080\r\nUser-Agent: afc/1.0\r\n"
 
 
@@ -347,7 +362,7 @@ def ssdp_search() -> Iterable[bytes]:
 # clang-format off
 TARGETS = {
     "android_token": android_token, "android_verdict": android_verdict,
-    "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
+    "hostname_certificate": hostname_certificate, "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
     "base64": base64_seeds, "cloud_push": cloud_push, "cloud_token": cloud_token,
     "config_file": config_file, "escapes": escapes, "hostname_match": hostname_match,
     "http_head": http_head, "http_requests": http_requests, "ios_assertion": ios_assertion,
