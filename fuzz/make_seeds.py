@@ -67,6 +67,8 @@ def hostname_match() -> Iterable[bytes]:
         b"oauth2.googleapis.com\noauth2.googleapis.com",
         b"*.googleapis.com\nfcm.googleapis.com",
         b"f*m.googleapis.com\nFCM.googleapis.com",
+        b"fc*cm.googleapis.com\nfcm.googleapis.com",
+        b"fcm*.googleapis.com\nfcm.googleapis.com",
         b"*.com\ngoogle.com",
         b"xn--*.googleapis.com\nxn--a.googleapis.com",
         b"a.*.com\na.b.com",
