@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -25,6 +26,24 @@ extern "C" int evbuffer_add(evbuffer *buffer, const void *data, std::size_t size
         reinterpret_cast<decltype(&evbuffer_add)>(dlsym(RTLD_NEXT, "evbuffer_add"));
     evbuffer_unfreeze(buffer, 0);
     return real(buffer, data, size);
+}
+
+/// A refusal is written around the library, straight into TLS: here nobody hears it.
+extern "C" int SSL_write(SSL *, const void *, int)
+{
+    return -1;
+}
+
+extern "C" int SSL_shutdown(SSL *)
+{
+    return -1;
+}
+
+/// What is read before the handshake is done is bounded: here there is none.
+extern "C" BIO *SSL_get_rbio(const SSL *)
+{
+    static BIO *const nobodys = BIO_new(BIO_s_mem());
+    return nobodys;
 }
 
 namespace {
