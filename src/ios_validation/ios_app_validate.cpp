@@ -44,15 +44,28 @@ plain_ptr<char> text_copy(std::string_view text)
     return copy;
 }
 
+struct module_state {
+    evp_md_ctx_ptr sha256; // kept, since looking the algorithm up takes longer than hashing
+};
+module_state state;
+
+EVP_MD_CTX *sha256_context()
+{
+    if (state.sha256 == nullptr) {
+        state.sha256.reset(EVP_MD_CTX_new());
+    }
+    return state.sha256.get();
+}
+
 std::optional<digest> sha256(bytes_view head, bytes_view tail = {})
 {
-    const evp_md_ctx_ptr context{EVP_MD_CTX_new()};
+    EVP_MD_CTX *context = sha256_context();
     digest result{};
     const bool done = context != nullptr &&
-                      EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) == 1 &&
-                      EVP_DigestUpdate(context.get(), head.data(), head.size()) == 1 &&
-                      EVP_DigestUpdate(context.get(), tail.data(), tail.size()) == 1 &&
-                      EVP_DigestFinal_ex(context.get(), result.data(), nullptr) == 1;
+                      EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1 &&
+                      EVP_DigestUpdate(context, head.data(), head.size()) == 1 &&
+                      EVP_DigestUpdate(context, tail.data(), tail.size()) == 1 &&
+                      EVP_DigestFinal_ex(context, result.data(), nullptr) == 1;
     return done ? std::optional{result} : std::nullopt;
 }
 

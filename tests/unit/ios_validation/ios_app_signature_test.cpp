@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/objects.h>
 
+#include <array>
 #include <string>
 
 #include "fakes/app_attest_maker.h"
@@ -38,6 +39,35 @@ TEST(IosSignature, RefusesAnotherMessageAndAnotherKey)
     const captured_log log;
     EXPECT_FALSE(ios_app_signature_verify(public_key_der(other.get()), message, signature));
     EXPECT_EQ(log.lines(), reasons);
+}
+
+TEST(IosSignature, KeysInTurnVerifyTheirOwnSignaturesOnly)
+{
+    const std::array keys{ec_key_make(NID_X9_62_prime256v1), ec_key_make(NID_X9_62_prime256v1),
+                          ec_key_make(NID_X9_62_prime256v1)};
+    for (const evp_pkey_ptr &key : keys) {
+        const test_bytes der = public_key_der(key.get());
+        for (const evp_pkey_ptr &signer : keys) {
+            EXPECT_EQ(ios_app_signature_verify(der, message, ecdsa_sign(signer.get(), message)),
+                      signer == key);
+        }
+    }
+}
+
+TEST(IosSignature, APointThatIsRefusedLeavesTheKeyBeforeItToNobody)
+{
+    const evp_pkey_ptr key = ec_key_make(NID_X9_62_prime256v1);
+    const test_bytes der = public_key_der(key.get());
+    const test_bytes signature = ecdsa_sign(key.get(), message);
+    test_bytes off_the_curve = der;
+    off_the_curve.back() ^= 1U;
+    for (int turn = 0; turn < 3; ++turn) {
+        EXPECT_TRUE(ios_app_signature_verify(der, message, signature));
+        const captured_log log;
+        EXPECT_FALSE(ios_app_signature_verify(off_the_curve, message, signature));
+        EXPECT_EQ(log.lines(),
+                  (lines{"DEBUG IAV - Cannot load pub key", "DEBUG IAV - Invalid signature"}));
+    }
 }
 
 TEST(IosSignature, KeysOnOtherCurvesTakeTheGenericWay)
