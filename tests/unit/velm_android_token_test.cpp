@@ -458,6 +458,27 @@ TEST_F(AndroidToken, WhoseSignedTextIsPaddedOrHasAnEmptyPartIsRefused)
 
 // The keys.
 
+TEST_F(AndroidToken, IsOpenedByTheKeysOfThisCallWhateverKeysWereGoodBefore)
+{
+    const std::string token = jwe_make({secret}, signed_text).compact();
+    const std::string good_decryption = decryption_jwk;
+    const std::string good_verification = verification_jwk;
+    for (int turn = 0; turn < 2; ++turn) {
+        EXPECT_EQ(open(token), payload);
+        decryption_jwk = jwk_of(test_bytes(32, 0x5b));
+        expect_library_line(open(token), "cjose_jwe_decrypt");
+        decryption_jwk = "{}";
+        expect_library_line(open(token), "cjose_jwk_import");
+        decryption_jwk = good_decryption;
+        verification_jwk = jwk_of(other_signer.get());
+        expect_library_line(open(token), "cjose_jws_verify");
+        verification_jwk = decryption_jwk;
+        expect_line(open(token), "verification key is no EC key on P-256");
+        verification_jwk = good_verification;
+    }
+    EXPECT_EQ(open(token), payload);
+}
+
 TEST_F(AndroidToken, WithADecryptionKeyThatIsNoJwkIsRefused)
 {
     for (const char *text : {"{}", "[]", "5", "{", R"({"kty":"oct"})", R"({"kty":"oct","k":5})"}) {
