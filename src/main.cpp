@@ -40,6 +40,7 @@
 #include "velm_request_preprocessor.h"
 #include "velm_request_user_pass_check.h"
 #include "velm_sys_params.h"
+#include "velm_user_auth_passwd.h"
 #include "velm_utils.h"
 #include "velm_version.h"
 
@@ -110,7 +111,7 @@ void load_defaults_and_file()
 
 void write_pid_file(const char *path)
 {
-    const stdio_file file{std::fopen(path, "wbe")};
+    const stdio_file file{opened_stream(std::fopen(path, "wbe"))};
     if (file == nullptr) {
         std::exit(EXIT_FAILURE);
     }
@@ -351,6 +352,7 @@ int main(int argc, char **argv)
     init_tls_library();
     set_up_https_client();
     std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
+    velm_user_auth_passwd_prepare();
     make_event_base();
     watch_sighup();
     common_async_init();

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -37,12 +38,15 @@ std::vector<char> make_entry_buffer()
 bool find_account(const char *username, passwd *account, std::vector<char> *buffer)
 {
     passwd *found = nullptr;
+    errno = 0;
     int rc = getpwnam_r(username, account, buffer->data(), buffer->size(), &found);
     // The system's size is a hint only: an entry may need more.
     while (rc == ERANGE && buffer->size() < entry_size_limit) {
         buffer->resize(buffer->size() * 2);
         rc = getpwnam_r(username, account, buffer->data(), buffer->size(), &found);
     }
+    // The look-up may go on to another source and find nothing there.
+    memory_is_exhausted_if(rc == ENOMEM || (found == nullptr && errno == ENOMEM));
     if (rc != 0) {
         LOG_ERROR("%s - getpwnam_r error: %d", login_name, rc);
         return false;
@@ -79,7 +83,31 @@ bool password_matches(const char *stored, const char *password)
     return CRYPTO_memcmp(stored, hash, compared) == 0;
 }
 
+/// Called for a null that glibc followed, or an assertion of its own that failed.
+void look_up_had_no_memory(int /*signal*/)
+{
+    FATAL("%s: %s is null: %s", "velm_user_auth_passwd_prepare", "getpwnam_r", "not enough memory");
+}
+
 } // namespace
+
+void velm_user_auth_passwd_prepare()
+{
+    std::vector<char> buffer = make_entry_buffer();
+    passwd account{};
+    passwd *found = nullptr;
+    struct sigaction fatal_line = {};
+    fatal_line.sa_handler = look_up_had_no_memory;
+    fatal_line.sa_flags = static_cast<int>(SA_RESETHAND); // its own abort() ends the process
+    struct sigaction before_fault = {};
+    struct sigaction before_abort = {};
+    sigaction(SIGSEGV, &fatal_line, &before_fault);
+    sigaction(SIGABRT, &fatal_line, &before_abort);
+    const int rc = getpwnam_r("root", &account, buffer.data(), buffer.size(), &found);
+    sigaction(SIGSEGV, &before_fault, nullptr);
+    sigaction(SIGABRT, &before_abort, nullptr);
+    memory_is_exhausted_if(rc == ENOMEM);
+}
 
 int velm_user_auth_passwd_login(const char *username, const char *password)
 {

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "handles/memory.h"
 #include "host_files.h"
 #include "nvram_store.h"
 
@@ -79,7 +80,13 @@ extern "C" char *nvram_unf_get(const char *name)
         return nullptr;
     }
     const std::string *const value = nvram_store_of_environment().find(name);
-    return value == nullptr ? nullptr : strdup(value->c_str());
+    if (value == nullptr) {
+        return nullptr;
+    }
+    char *const copy = strdup(value->c_str());
+    // Null would say that the setting is absent.
+    memory_is_exhausted_if(copy == nullptr);
+    return copy;
 }
 
 extern "C" int nvram_set(const char *name, const char *value)

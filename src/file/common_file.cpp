@@ -27,7 +27,7 @@ bool write_through(stdio_file file, std::string_view text)
 
 bool dump_string_to_file(const char *path, std::string_view text)
 {
-    stdio_file file{std::fopen(path, "w+e")};
+    stdio_file file{opened_stream(std::fopen(path, "w+e"))};
     if (file == nullptr) {
         LOG_ERROR("%s - cannot open file %s for writing", __func__, path);
         return false;

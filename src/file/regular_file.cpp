@@ -23,7 +23,7 @@ stdio_file open_regular_file(const char *path)
         errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return nullptr;
     }
-    stdio_file file{::fdopen(fd.get(), "r")};
+    stdio_file file{opened_stream(::fdopen(fd.get(), "r"))};
     if (file != nullptr) {
         fd.release();
     }

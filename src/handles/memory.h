@@ -46,8 +46,25 @@ class wiped_at_end {
     Container *secret_;
 };
 
-/// A zero-filled plain object, or null when memory is exhausted: for the few places that answer
-/// that with a log line instead of ending the process.
+/// For who meets with exhausted memory outside of `new`: does what `new` does. In the daemon that is
+/// the fatal line (logger/fatal.h); without a new-handler it returns.
+inline void memory_is_exhausted()
+{
+    if (const std::new_handler handler = std::get_new_handler(); handler != nullptr) {
+        handler();
+    }
+}
+
+/// The same where a C function tells by its error.
+inline void memory_is_exhausted_if(bool condition)
+{
+    if (condition) {
+        memory_is_exhausted();
+    }
+}
+
+/// A zero-filled plain object, or null when memory is exhausted and no new-handler ends the process:
+/// for the few places that answer that with a log line.
 template <typename T>
 using plain_ptr = handle<T, std::free>;
 
@@ -55,7 +72,9 @@ template <typename T>
 plain_ptr<T> try_make_plain(std::size_t count = 1) noexcept
 {
     static_assert(std::is_trivially_destructible_v<T>);
-    return plain_ptr<T>{static_cast<T *>(std::calloc(count, sizeof(T)))};
+    void *memory = std::calloc(count, sizeof(T));
+    memory_is_exhausted_if(memory == nullptr && count != 0);
+    return plain_ptr<T>{static_cast<T *>(memory)};
 }
 
 /// Like plain_ptr, for an object with a destructor.
@@ -75,5 +94,6 @@ nothrow_ptr<T> try_make() noexcept
 {
     static_assert(std::is_nothrow_default_constructible_v<T>);
     void *memory = std::malloc(sizeof(T));
+    memory_is_exhausted_if(memory == nullptr);
     return nothrow_ptr<T>{memory == nullptr ? nullptr : ::new (memory) T{}};
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "handles/memory.h"
 #include "http/http_client.h"
 #include "http/http_client_dns.h"
 #include "http/http_client_hostname.h"
@@ -156,7 +157,9 @@ int http_client_setup_ssl(const char *ca_file)
     ssl_ctx_ptr context{SSL_CTX_new(TLS_method())};
     REQUIRE_MEMORY(context, "ssl_ctx");
     LOG_TRACE("ca cert file location: %s", ca_file != nullptr ? ca_file : "");
+    errno = 0;
     if (SSL_CTX_load_verify_locations(context.get(), ca_file, nullptr) != 1) {
+        memory_is_exhausted_if(errno == ENOMEM);
         LOG_WARN("SSL_CTX_load_verify_locations");
         LOG_WARN("SSL ERROR: %s", openssl_error_text().c_str());
         return -1;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "handles/memory.h"
+
 namespace {
 
 constexpr int depth_limit = 4;
@@ -134,6 +136,8 @@ std::optional<cbor_item_ptr> ios_app_cbor_decode(std::span<const std::uint8_t> b
     }
     cbor_load_result result{};
     cbor_item_ptr item{cbor_load(bytes.data(), bytes.size(), &result)};
+    // Not for want of what the sender announces: it is all there, as was seen above.
+    memory_is_exhausted_if(result.error.code == CBOR_ERR_MEMERROR);
     if (item == nullptr || result.error.code != CBOR_ERR_NONE) {
         return std::nullopt;
     }

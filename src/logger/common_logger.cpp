@@ -199,7 +199,8 @@ void set_output(bool &output, const char *value)
 void write_line_to_file(const line_buffer &line)
 {
     // Opened and closed for every line, so the file may be rotated or removed at any time. Without
-    // waiting, since a FIFO opens when it has a reader: a line that cannot be written is lost.
+    // waiting, since a FIFO opens when it has a reader: a line that cannot be written is lost. Not
+    // as a stream: that would take memory, and the line may be the one that tells there is none.
     const unique_fd file{::open(state.file_name.c_str(),
                                 O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
                                 log_file_mode)};

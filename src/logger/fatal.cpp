@@ -1,8 +1,9 @@
 #include "logger/fatal.h"
 
-#include <cjson/cJSON.h>
-
+#include <cstdio>
 #include <new>
+
+#include "handles/allocators.h"
 
 namespace {
 
@@ -16,16 +17,10 @@ module_state state;
 
 void out_of_memory()
 {
-    FATAL("%s: %s is null: %s", state.function, state.object, "not enough memory");
-}
-
-void *json_malloc(std::size_t size) noexcept
-{
-    void *memory = std::malloc(size);
-    if (memory == nullptr) {
-        out_of_memory();
+    if (!common_logger_is_enabled()) {
+        std::fputs("not enough memory\n", stderr);
     }
-    return memory;
+    FATAL("%s: %s is null: %s", state.function, state.object, "not enough memory");
 }
 
 } // namespace
@@ -44,6 +39,5 @@ allocation_name::~allocation_name()
 void fatal_install_memory_handlers()
 {
     std::set_new_handler(out_of_memory);
-    cJSON_Hooks hooks{json_malloc, std::free};
-    cJSON_InitHooks(&hooks);
+    checked_allocator<out_of_memory>::install();
 }

@@ -57,7 +57,8 @@ class allocation_name {
     const char *outer_object_;
 };
 
-/// Makes exhausted memory of C++ allocations and of cJSON the fatal line
-/// "%s: %s is null: %s" with the innermost allocation_name (or the allocator itself) and
-/// "not enough memory". Called first in main.
+/// Makes exhausted memory the fatal line "%s: %s is null: %s" with the innermost allocation_name (or
+/// the allocator itself) and "not enough memory", for C++ allocations and for those that cJSON,
+/// libevent, libevhtp, OpenSSL, cjose and jansson make. Called first in main: OpenSSL takes it only
+/// before its first allocation.
 void fatal_install_memory_handlers();

@@ -1,13 +1,18 @@
 #include "logger/fatal.h"
 
+#include <cjose/util.h>
 #include <cjson/cJSON.h>
+#include <event2/buffer.h>
 #include <gtest/gtest.h>
+#include <openssl/crypto.h>
 
 #include <csignal>
 #include <cstdint>
 #include <new>
+#include <string>
 
 #include "fakes/captured_log.h"
+#include "handles/memory.h"
 
 /// An exhausted allocator answers with null under the sanitizer too.
 extern "C" const char *__asan_default_options()
@@ -116,6 +121,36 @@ TEST_F(Fatal, CJsonWithoutMemoryEndsTheProcess)
         },
         "ERROR memory - operator new: memory is null: not enough memory");
 }
+
+/// Each in a process of its own, and one that has not used the library yet.
+struct library_case {
+    const char *name;
+    void (*ask)();
+};
+class LibraryWithoutMemory : public Fatal, public testing::WithParamInterface<library_case> {};
+
+TEST_P(LibraryWithoutMemory, EndsTheProcess)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            fatal_install_memory_handlers();
+            GetParam().ask();
+        },
+        testing::KilledBySignal(SIGABRT),
+        "ERROR memory - operator new: memory is null: not enough memory");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, LibraryWithoutMemory,
+    testing::Values(
+        library_case{"OpenSSL", [] { static_cast<void>(OPENSSL_malloc(too_much())); }},
+        library_case{"OpenSslAgain",
+                     [] { static_cast<void>(OPENSSL_realloc(nullptr, too_much())); }},
+        library_case{"Libevent", [] { evbuffer_expand(evbuffer_new(), too_much() / 4); }},
+        library_case{"Cjose", [] { static_cast<void>(cjose_get_alloc()(too_much())); }},
+        library_case{"PlainObjects", [] { static_cast<void>(try_make_plain<char>(too_much())); }}),
+    [](const auto &row) { return std::string{row.param.name}; });
 
 TEST_F(Fatal, CJsonWorksOnWithTheHandlersInstalled)
 {
