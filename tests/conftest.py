@@ -15,3 +15,8 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         default=str(REPOSITORY / "build" / "release"),
         help="build directory of the daemon under test; its name says whether it is instrumented",
     )
+    parser.addoption(
+        "--every-fault",
+        action="store_true",
+        help="injects each fault there is, not a sample: some minutes instead of seconds",
+    )

@@ -135,8 +135,10 @@ class AccessPoint:
     def environment(self) -> dict[str, str]:
         return {"VELM_NVRAM": str(self.directory / "nvram"), "VELM_DM_REGISTRY": str(self.registry)}
 
-    def nvram(self, *arguments: str) -> subprocess.CompletedProcess[str]:
-        environment = {**os.environ, **self.environment}
+    def nvram(
+        self, *arguments: str, environment: Mapping[str, str] | None = None
+    ) -> subprocess.CompletedProcess[str]:
+        environment = {**os.environ, **self.environment, **(environment or {})}
         if self.build.is_asan:
             environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
         command = [str(self.build.program("nvram")), *arguments]
@@ -183,9 +185,10 @@ class AccessPoint:
         arguments: Sequence[str] | None = None,
         environment: Mapping[str, str] | None = None,
         through: Sequence[str] = (),
+        preload: Sequence[Path] = (),
     ) -> Daemon:
         """A daemon that is not started yet. `arguments` replace "-c FILE"; `through` is a command
-        that runs it."""
+        that runs it; `preload` are libraries for it alone."""
         self.configure({"process.daemonize": "yes" if daemonize else "no"})
         given = ["-c", str(self.configuration_file)] if arguments is None else list(arguments)
         self._daemon = Daemon(
@@ -197,6 +200,7 @@ class AccessPoint:
             socket_path=self.socket_path,
             pid_file=self.pid_file if daemonize else None,
             clock=clock,
+            preload=tuple(preload),
         )
         return self._daemon
 

@@ -41,6 +41,16 @@ class Build:
         """A library that makes a daemon with coverage counters write them when it is ended."""
         return self._probe("coverage_probe")
 
+    @functools.cached_property
+    def allocation_fault(self) -> Path:
+        """A library that fails allocations of the daemon when told to."""
+        return self._probe("allocation_fault")
+
+    @functools.cached_property
+    def call_fault(self) -> Path:
+        """A library that fails system calls of the program that preloads it."""
+        return self._probe("call_fault")
+
     def _probe(self, name: str) -> Path:
         source = Path(__file__).with_name(f"{name}.c")
         library = self.directory / f"{name}.so"

@@ -49,6 +49,7 @@ class Daemon:
     socket_path: Path
     pid_file: Path | None = None
     clock: bool = False
+    preload: tuple[Path, ...] = ()
     working_directory: Path | None = None
     process: subprocess.Popen[bytes] | None = None
     pid: int = 0
@@ -59,7 +60,7 @@ class Daemon:
     def start(self) -> None:
         """Starts without waiting for anything."""
         environment = {**os.environ, **self.environment}
-        preload = []
+        preload = [str(library) for library in self.preload]
         if self.build.is_asan:
             environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
             environment["VELM_LEAK_PROBE_DONE"] = str(self._leak_verdict)
