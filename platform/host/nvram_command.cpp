@@ -37,7 +37,7 @@ int usage()
 
 int bad_name()
 {
-    std::fprintf(stderr, "nvram: %s\n", nvram_store_error_text(EINVAL));
+    std::fprintf(stderr, "nvram: %s\n", nvram_store_error_text(nvram_bad_name));
     return usage();
 }
 

@@ -70,6 +70,16 @@ std::size_t slot_to_replace(const nvram_committed &committed)
     return committed.newest == 0 ? 1 : 0;
 }
 
+/// A damaged copy may yet be rescued by hand.
+int put_aside(int directory, const std::string &name, bool is_damaged)
+{
+    if (is_damaged &&
+        renameat(directory, name.c_str(), directory, (name + ".damaged").c_str()) != 0) {
+        return errno;
+    }
+    return 0;
+}
+
 int sync_file_and_directory(int directory, const char *name)
 {
     const unique_fd file{openat(directory, name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW)};
@@ -107,14 +117,21 @@ int nvram_committed_write(int directory, const nvram_committed &committed,
     }
     const std::size_t slot = slot_to_replace(committed);
     const std::string name = nvram_committed_names[slot];
-    if (committed.damaged[slot] &&
-        renameat(directory, name.c_str(), directory, (name + ".damaged").c_str()) != 0) {
-        return errno;
+    if (const int rc = put_aside(directory, name, committed.damaged[slot]); rc != 0) {
+        return rc;
     }
     unique_fd file;
     const host_bytes bytes = nvram_file_make({committed.sequence + 1, {}}, settings);
     if (const int rc = host_file_replace(directory, name, bytes, file); rc != 0) {
         return rc;
+    }
+    if (committed.newest < 0) {
+        // The sequence began anew: what cannot be read now must not outdo it when it can be again.
+        const std::size_t other = 1 - slot;
+        const int rc = put_aside(directory, nvram_committed_names[other], committed.damaged[other]);
+        if (rc != 0) {
+            return rc;
+        }
     }
     return fsync(directory) == 0 ? 0 : errno;
 }

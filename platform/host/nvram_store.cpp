@@ -19,10 +19,10 @@ int changes_check(std::span<const nvram_change> changes)
     for (const nvram_change &change : changes) {
         const std::string_view value = change.value.value_or(std::string_view{});
         if (!nvram_name_is_valid(change.name) || value.find('\0') != std::string_view::npos) {
-            return EINVAL;
+            return nvram_bad_name;
         }
         if (value.size() > nvram_value_max) {
-            return EMSGSIZE;
+            return nvram_value_too_long;
         }
     }
     return 0;
@@ -73,7 +73,7 @@ void nvram_store::report_load(nvram_live_fate fate, const nvram_committed &commi
         report(events[i], committed.damaged[i],
                std::string{"/"} + nvram_committed_names[i] + " is damaged and left out");
     }
-    report(event::nothing_left, fault_ == EBADMSG, ": no good copy is left");
+    report(event::nothing_left, fault_ == nvram_all_damaged, ": no good copy is left");
 }
 
 int nvram_store::note_fault(int rc)
@@ -108,7 +108,7 @@ int nvram_store::load(int directory, lock kind)
     }
     const bool nothing_good = !live.usable && committed.newest < 0 &&
                               (committed.any_damaged() || fate == nvram_live_fate::lost);
-    fault_ = nothing_good ? EBADMSG : 0;
+    fault_ = nothing_good ? nvram_all_damaged : 0;
     settings_ = live.usable ? std::move(settings) : std::move(committed.settings);
     live_ = std::move(live);
     loaded_ = true;
@@ -192,7 +192,7 @@ int nvram_store::apply(std::span<const nvram_change> changes)
         return 0;
     }
     if (boot_id_.empty()) {
-        return ENOTSUP;
+        return nvram_no_boot_id;
     }
     unique_fd directory;
     if (const int rc = open_locked(directory); rc != 0) {
@@ -203,7 +203,7 @@ int nvram_store::apply(std::span<const nvram_change> changes)
         nvram_change_apply(after, change);
     }
     if (nvram_settings_size(after) > nvram_total_max) {
-        return EDQUOT;
+        return nvram_too_much;
     }
     const int rc = nvram_live_write(directory.get(), boot_id_, live_, changes, after);
     if (rc == 0) {
@@ -238,7 +238,7 @@ int nvram_store::revert()
         return rc;
     }
     if (committed.newest < 0 && committed.any_damaged()) {
-        return EBADMSG;
+        return nvram_all_damaged;
     }
     if (settings_ == committed.settings) {
         return 0;
@@ -253,17 +253,17 @@ int nvram_store::revert()
 const char *nvram_store_error_text(int rc)
 {
     switch (rc) {
-    case EINVAL:
+    case nvram_bad_name:
         return "a name is 1 to 255 bytes without \"=\" and control characters";
-    case EMSGSIZE:
+    case nvram_value_too_long:
         return "a value holds at most 65536 bytes";
-    case EDQUOT:
+    case nvram_too_much:
         return "the settings would take more than 1 MiB";
     case ETIMEDOUT:
         return "another process keeps the store locked";
-    case ENOTSUP:
+    case nvram_no_boot_id:
         return "the kernel's boot id cannot be read";
-    case EBADMSG:
+    case nvram_all_damaged:
         return "the store is damaged, and no good copy is left";
     default:
         return std::strerror(rc);

@@ -9,6 +9,15 @@
 #include "nvram_format.h"
 #include "nvram_live.h"
 
+/// What is the store's own to refuse. No errno values: a file system has a use for each of those.
+enum nvram_refusal {
+    nvram_bad_name = -1,       // or a value with a NUL
+    nvram_value_too_long = -2, // beyond nvram_value_max
+    nvram_too_much = -3,       // all beyond nvram_total_max
+    nvram_no_boot_id = -4,
+    nvram_all_damaged = -5, // no good copy is left
+};
+
 /// Settings in a directory, shared by all processes of the machine. What one process sets, every
 /// other sees with its next read; what is committed survives a power cut, the rest does not.
 ///
@@ -19,9 +28,8 @@
 ///
 /// A read costs a stat() and a look-up; the files are parsed only when they changed. One thread.
 ///
-/// Functions that return `int` give 0 or an errno value, and on failure nothing has changed:
-/// EINVAL a bad name or value, EMSGSIZE a value beyond nvram_value_max, EDQUOT all beyond
-/// nvram_total_max, ETIMEDOUT another process keeps the lock, EBADMSG no good copy is left.
+/// Functions that return `int` give 0, an errno value or one of nvram_refusal, and on failure nothing
+/// has changed. ETIMEDOUT: another process keeps the lock.
 class nvram_store {
   public:
     /// An empty boot id means that boots cannot be told apart: then nothing can be set.
@@ -33,7 +41,7 @@ class nvram_store {
     /// All settings. Good until the next call.
     [[nodiscard]] const nvram_settings &settings();
 
-    /// Why the last read had nothing to look at: 0, EBADMSG when damage left nothing good, or what the
+    /// Why the last read had nothing to look at: 0, nvram_all_damaged when damage left nothing good, or what the
     /// file system said.
     [[nodiscard]] int fault() const;
 

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 #include <string>
@@ -180,19 +181,28 @@ TEST_P(Change, GivesItsResultAndNothingElseOfTheCallIsSetOnFailure)
 }
 INSTANTIATE_TEST_SUITE_P(
     Edges, Change,
-    testing::Values(refusal{"EmptyName", "", "v", EINVAL},
-                    refusal{"NameWithEquals", "a=b", "v", EINVAL},
-                    refusal{"NameWithNewline", "a\nb", "v", EINVAL},
-                    refusal{"NameWithDelete", "a\x7f", "v", EINVAL},
-                    refusal{"NameOfControlOne", "\x01", "v", EINVAL},
-                    refusal{"NameWithNul", std::string("a\0b", 3), "v", EINVAL},
-                    refusal{"NameWithBlank", "a b", "v", 0},
-                    refusal{"LongestName", std::string(nvram_name_max, 'n'), "v", 0},
-                    refusal{"NameTooLong", std::string(nvram_name_max + 1, 'n'), "v", EINVAL},
-                    refusal{"ValueWithNul", "a", std::string("a\0b", 3), EINVAL},
-                    refusal{"LongestValue", "a", std::string(nvram_value_max, 'v'), 0},
-                    refusal{"ValueTooLong", "a", std::string(nvram_value_max + 1, 'v'), EMSGSIZE}),
+    testing::Values(
+        refusal{"EmptyName", "", "v", nvram_bad_name},
+        refusal{"NameWithEquals", "a=b", "v", nvram_bad_name},
+        refusal{"NameWithNewline", "a\nb", "v", nvram_bad_name},
+        refusal{"NameWithDelete", "a\x7f", "v", nvram_bad_name},
+        refusal{"NameOfControlOne", "\x01", "v", nvram_bad_name},
+        refusal{"NameWithNul", std::string("a\0b", 3), "v", nvram_bad_name},
+        refusal{"NameWithBlank", "a b", "v", 0},
+        refusal{"LongestName", std::string(nvram_name_max, 'n'), "v", 0},
+        refusal{"NameTooLong", std::string(nvram_name_max + 1, 'n'), "v", nvram_bad_name},
+        refusal{"ValueWithNul", "a", std::string("a\0b", 3), nvram_bad_name},
+        refusal{"LongestValue", "a", std::string(nvram_value_max, 'v'), 0},
+        refusal{"ValueTooLong", "a", std::string(nvram_value_max + 1, 'v'), nvram_value_too_long}),
     [](const auto &row) { return std::string{row.param.title}; });
+
+TEST_F(Store, WhatTheFileSystemRefusesIsToldInItsOwnWords)
+{
+    for (const int rc : {EINVAL, EMSGSIZE, EDQUOT, ENOTSUP, EBADMSG}) {
+        EXPECT_STREQ(nvram_store_error_text(rc), std::strerror(rc));
+    }
+    EXPECT_STREQ(nvram_store_error_text(nvram_too_much), "the settings would take more than 1 MiB");
+}
 
 TEST_F(Store, HoldsUpToItsLimitAndRefusesWhatIsBeyond)
 {
@@ -201,7 +211,7 @@ TEST_F(Store, HoldsUpToItsLimitAndRefusesWhatIsBeyond)
         ASSERT_EQ(set(store, {{std::to_string(i), value}}), 0) << i;
     }
     EXPECT_EQ(nvram_settings_size(store.settings()), nvram_total_max);
-    EXPECT_EQ(set(store, {{"x", ""}}), EDQUOT);
+    EXPECT_EQ(set(store, {{"x", ""}}), nvram_too_much);
     EXPECT_EQ(store.find("x"), nullptr);
     ASSERT_EQ(unset(store, "10"), 0);
     EXPECT_EQ(set(store, {{"x", ""}}), 0);
@@ -251,7 +261,7 @@ TEST_F(Store, WithoutABootIdNothingCanBeSetButTheCommittedIsRead)
     ASSERT_EQ(store.commit(), 0);
     nvram_store blind{directory.path(), ""};
     EXPECT_EQ(value_of(blind, "a"), "1");
-    EXPECT_EQ(set(blind, {{"a", "2"}}), ENOTSUP);
+    EXPECT_EQ(set(blind, {{"a", "2"}}), nvram_no_boot_id);
 }
 
 TEST_F(Store, ADirectoryThatCannotBeMadeIsAFaultAndReportedOnce)
