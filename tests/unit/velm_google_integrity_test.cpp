@@ -486,6 +486,30 @@ TEST_F(GoogleIntegrity, TheSilenceIsLookedAtAfterTheAccessTokenHasCome)
     EXPECT_EQ(sent.size(), 1U);
 }
 
+TEST_F(GoogleIntegrity, AMissingAccessTokenIsToldAlsoDuringTheSilence)
+{
+    reach_the_limit();
+    velm_google_integrity_init(&config); // drops the access token
+    ask();
+    answer_token(nullptr);
+    EXPECT_TRUE(has_error("send_integrity - missing auth token"));
+    EXPECT_FALSE(log.contains("daily limit reached"));
+}
+
+TEST_F(GoogleIntegrity, TheHourIsNotCountedFromARequestThatHadNoAccessToken)
+{
+    ask_until_sent();
+    fake_clock_set(today + 9);
+    velm_google_integrity_init(&config); // drops the access token
+    ask();
+    answer_token(nullptr);
+    answer(429, "{}");
+    fake_clock_set(today + 3600);
+    ask();
+    answer_token_for(day_s);
+    EXPECT_EQ(sent.size(), 1U);
+}
+
 TEST_F(GoogleIntegrity, ARequestSentBeforeTheLimitWasReachedStillBringsItsVerdict)
 {
     ask_until_sent();
