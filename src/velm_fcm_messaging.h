@@ -6,8 +6,11 @@
 
 /// Sends the push to each paired phone through the FCM HTTP v1 API.
 
-/// Loads the service-account key; a missing file is logged and pushes then fail.
+/// Remembers the configuration (borrowed) and loads the service-account key; a missing file is
+/// logged and leaves an earlier key in use, without which pushes fail. A new key drops the access
+/// token, and with it the pushes that wait for one or for their turn.
 void velm_fcm_messaging_init(const velm_config *config);
 
-/// One request a live pairing, one second apart, the first after a second.
+/// One request a live pairing, one second apart, the first after a second; before them one for an
+/// access token, unless one is held or on its way. Nothing is sent when none comes.
 void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type);
