@@ -36,6 +36,8 @@ struct android_report {
     int calls = 0;
     bool success = false;
     void *user_data = nullptr;
+    const captured_log *log = nullptr;
+    std::string last_line; // of that log when the report came
 };
 
 template <std::size_t Size>
@@ -61,6 +63,9 @@ void note(bool success, void *user_data)
     ++reported.calls;
     reported.success = success;
     reported.user_data = user_data;
+    if (reported.log != nullptr) {
+        reported.last_line = reported.log->lines().back();
+    }
 }
 
 // Outlives the module's events, as in the daemon.
@@ -177,6 +182,14 @@ TEST_F(AndroidLocally, ATokenThatCannotBeOpenedIsRefusedWithOneLine)
     EXPECT_EQ(log.count("ERROR"), 1);
     EXPECT_TRUE(log.contains(std::string{"ERROR "} + worker + "cjose_jwe_import failed: "));
     EXPECT_EQ(log.lines().back(), std::string{"TRACE "} + worker + "finished");
+}
+
+TEST_F(AndroidLocally, TheEndIsLoggedBeforeItIsReported)
+{
+    reported.log = &log;
+    ask(token_of(verdict_for(digest)));
+    turn_the_loop();
+    EXPECT_EQ(reported.last_line, std::string{"TRACE "} + worker + "finished");
 }
 
 class UnreadablePayload : public AndroidLocally, public testing::WithParamInterface<std::string> {};

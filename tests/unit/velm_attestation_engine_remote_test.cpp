@@ -39,6 +39,8 @@ struct android_report {
     int calls = 0;
     bool success = false;
     void *user_data = nullptr;
+    const captured_log *log = nullptr;
+    std::string last_line; // of that log when the report came
 };
 android_report reported;
 
@@ -93,6 +95,9 @@ class RemoteAndroid : public testing::Test {
         ++reported.calls;
         reported.success = success;
         reported.user_data = user_data;
+        if (reported.log != nullptr) {
+            reported.last_line = reported.log->lines().back();
+        }
     }
     void verify()
     {
@@ -137,6 +142,15 @@ TEST_F(RemoteAndroid, AVerdictThatPassesIsASuccess)
               (lines{"TRACE velm_attestation_engine - android_verify_assertion_remotely - start",
                      "TRACE velm_attestation_engine - google_integrity_result - start",
                      "TRACE velm_attestation_engine - google_integrity_result - finished"}));
+}
+
+TEST_F(RemoteAndroid, TheEndIsLoggedBeforeItIsReported)
+{
+    reported.log = &log;
+    verify();
+    answer(verdict.get());
+    EXPECT_EQ(reported.last_line,
+              "TRACE velm_attestation_engine - google_integrity_result - finished");
 }
 
 TEST_F(RemoteAndroid, TheVerdictIsJudgedByTheDigestAndTheConfiguredPackage)
