@@ -366,9 +366,11 @@ TEST_F(Connections, ARefusedClientThatSendsOnCanStillReadWhy)
     EXPECT_EQ(log.count("refuse - "), 1);
 }
 
-TEST_F(Connections, ARefusedClientThatHasEndedAlreadyIsToldToo)
+TEST_F(Connections, ARefusedClientThatHasEndedAlreadyIsToldTooAndClosedAtOnce)
 {
-    serve();
+    http_connection_limits limits;
+    limits.linger_time = {60, 0};
+    serve(limits);
     const auto peer = connected();
     peer->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
     SSL_shutdown(peer->tls());
@@ -387,6 +389,46 @@ TEST_F(Connections, ARefusedClientIsClosedWhenItHasNotEndedInTime)
     ASSERT_TRUE(turn_until(loop, [this] { return log.contains("body too long"); }));
     EXPECT_EQ(http_connections_count(), 1U);
     EXPECT_TRUE(reaches(0));
+}
+
+TEST_F(Connections, ARefusedClientThatAwaitsLeaveToSendIsToldOnlyThatItMayNot)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 8193\r\n\r\n");
+    EXPECT_EQ(peer->receive().status, 413);
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 1U) << "closed before the client has ended";
+}
+
+TEST_F(Connections, ARefusedClientThatResetsIsForgotten)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+    ASSERT_TRUE(turn_until(loop, [this] { return log.contains("body too long"); }));
+    peer->reset();
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 0U) << "before its time to linger is up";
+}
+
+TEST_F(Connections, ABadRequestBehindAGoodOneIsRefusedAfterTheReply)
+{
+    serve();
+    for (const char *const good : {get, get_paused}) {
+        const auto peer = connected();
+        peer->send(string{good} + "POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
+        if (good == get_paused) {
+            ASSERT_TRUE(pauses());
+            answer_paused();
+        }
+        const http_reply first = peer->receive();
+        EXPECT_EQ(first.status, 200);
+        EXPECT_EQ(first.body, "ok");
+        EXPECT_EQ(peer->receive().status, 413);
+        peer->reset();
+        EXPECT_TRUE(reaches(0));
+    }
 }
 
 TEST_F(Connections, ARefusedClientThatSendsAMebibyteMoreIsClosedAtOnce)
@@ -765,13 +807,15 @@ TEST_F(Connections, ClosingEndsConnectionsOfEveryKind)
     in_flight->send(get_paused);
     const auto unread = connected();
     unread->send("GET /much HTTP/1.1\r\nHost: a\r\n\r\n");
+    const auto refused = connected();
+    refused->send("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
     ASSERT_TRUE(pauses());
     turn_for(loop, 20ms);
-    EXPECT_EQ(http_connections_count(), 8U);
+    EXPECT_EQ(http_connections_count(), 9U);
     stop();
     EXPECT_EQ(http_connections_count(), 0U);
     for (https_client *const peer : {bare.get(), silent.get(), idle.get(), half_head.get(),
-                                     half_body.get(), in_flight.get()}) {
+                                     half_body.get(), in_flight.get(), refused.get()}) {
         EXPECT_TRUE(peer->is_closed());
     }
     turn_for(loop, 20ms);
