@@ -1,5 +1,6 @@
 #!/bin/sh
-# Shows the main job: a local client asks for the location, a paired phone delivers it.
+# Shows the main job: an iPhone and an Android phone find the access point and pair, a local client
+# asks for the location, both are pushed to, and every local client gets a report from each.
 # Installs what is missing and builds first. Options:
 #   --stay   leave everything running and print commands to try by hand
 set -eu
