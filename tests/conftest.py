@@ -20,3 +20,10 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         action="store_true",
         help="injects each fault there is, not a sample: some minutes instead of seconds",
     )
+    parser.addoption(
+        "--tls",
+        choices=["default", "1.2", "1.3"],
+        default="default",
+        help="what the phones and the cloud are willing to negotiate: what their TLS library does "
+        "by itself, or that version alone with FIPS-like ciphers, curves and signatures",
+    )

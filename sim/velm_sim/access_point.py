@@ -22,6 +22,7 @@ from .namespaces import Network
 from .phone import Login, Phone, Profile
 from .play_integrity import PACKAGE_NAME, IntegrityKeys
 from .service_account import ServiceAccount
+from .tls_policy import DEFAULT, TlsPolicy
 
 PORT = 8443
 APP_ID = "Q4TZ8KM2W7.com.norvale.afc"
@@ -47,13 +48,17 @@ NVRAM = {
 
 @dataclass(frozen=True)
 class Credentials:
-    """Everything secret or signed. Slow to make and safe to share between access points."""
+    """Everything secret or signed. Slow to make and safe to share between access points.
+
+    `tls` is what the phones are willing to negotiate; the cloud's own is in `cloud`.
+    """
 
     server: Identity = field(default_factory=lambda: make_server([Network.AP_ADDRESS]))
     cloud: CloudCertificates = field(default_factory=CloudCertificates)
     account: ServiceAccount = field(default_factory=ServiceAccount)
     attestation: AttestationAuthority = field(default_factory=AttestationAuthority)
     integrity: IntegrityKeys = field(default_factory=IntegrityKeys)
+    tls: TlsPolicy = DEFAULT
 
 
 class AccessPoint:
@@ -259,6 +264,7 @@ class AccessPoint:
             self.credentials.server.pem,
             source=Network.PHONE_ADDRESSES[number],
             timeout=timeout,
+            policy=self.credentials.tls,
         )
 
     def phone(self, number: int = 0, profile: Profile | None = None) -> Phone:

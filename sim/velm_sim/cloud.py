@@ -26,6 +26,7 @@ from .service_account import (
     ServiceAccount,
     verify_jwt,
 )
+from .tls_policy import DEFAULT, TlsPolicy, negotiated
 
 HOSTS = ("fcm.googleapis.com", "oauth2.googleapis.com", "playintegrity.googleapis.com")
 FORM_TYPE = "application/x-www-form-urlencoded"
@@ -34,9 +35,12 @@ DECODE = re.compile(r"/v1/([^/:]*):decodeIntegrityToken")
 
 
 class CloudCertificates:
-    """A CA, and server certificates of which only "right" should satisfy those who trust it."""
+    """A CA, and server certificates of which only "right" should satisfy those who trust it.
 
-    def __init__(self) -> None:
+    `tls` is what their server is willing to negotiate.
+    """
+
+    def __init__(self, tls: TlsPolicy = DEFAULT) -> None:
         self.authority = make_authority("Cloud CA")
         stranger = make_authority("Some other CA")
         long_ago = now() - 60 * DAY
@@ -55,11 +59,14 @@ class CloudCertificates:
                 HOSTS, self.authority, not_before=now() + datetime.timedelta(days=30)
             ),
         }
-        self.contexts = {name: _server_context(choice) for name, choice in self.choices.items()}
+        self.contexts = {
+            name: _server_context(choice, tls) for name, choice in self.choices.items()
+        }
 
 
-def _server_context(identity: Identity) -> ssl.SSLContext:
+def _server_context(identity: Identity, tls: TlsPolicy) -> ssl.SSLContext:
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    tls.apply(context)
     with tempfile.NamedTemporaryFile("w", suffix=".pem") as both:
         both.write(identity.key_pem + identity.pem)
         both.flush()
@@ -72,7 +79,8 @@ class Cloud:
 
     `token`, `fcm` and `integrity` record what they are asked and are told how to answer.
     `certificate` names the server certificate; `handshakes` False accepts connections and never
-    speaks TLS. `broken` tells how connections ended that did not end well.
+    speaks TLS. `negotiated` has the version and cipher of every connection; `broken` tells how those
+    ended that did not end well.
     """
 
     def __init__(
@@ -107,6 +115,7 @@ class Cloud:
         self.grants: dict[str, dict[str, object]] = {}
         self.refusals: list[str] = []
         self.connections = 0
+        self.negotiated: list[tuple[str, str]] = []
         self.broken: list[str] = []
         for endpoint in (self.token, self.fcm, self.integrity, self.unknown):
             endpoint.reset()
@@ -175,6 +184,7 @@ class Cloud:
         context = self.certificates.contexts[self.certificate]
         # The plain socket stays this thread's own, so that it can be shut down from another.
         with context.wrap_socket(raw.dup(), server_side=True) as tls:
+            self.negotiated.append(negotiated(tls))
             request = _read_request(tls)
             if request:
                 self._answer(tls, self._endpoint(request).handle(request))

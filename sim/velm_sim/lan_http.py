@@ -10,6 +10,7 @@ from dataclasses import dataclass, field
 from typing import Any
 
 from .namespaces import Namespace
+from .tls_policy import DEFAULT, TlsPolicy
 
 
 @dataclass(frozen=True)
@@ -28,7 +29,7 @@ class Reply:
 class LanHost:
     """A host of the LAN that trusts exactly one server certificate.
 
-    `source` is the address that the host uses; `tls` fixes the TLS version.
+    `source` is the address that the host uses. `tls` fixes the TLS version, whatever `policy` says.
     """
 
     namespace: Namespace
@@ -38,6 +39,7 @@ class LanHost:
     source: str | None = None
     timeout: float = 10.0
     tls: ssl.TLSVersion | None = None
+    policy: TlsPolicy = DEFAULT
     _contexts: dict[ssl.TLSVersion | None, ssl.SSLContext] = field(default_factory=dict, repr=False)
 
     def context(self, version: ssl.TLSVersion | None = None) -> ssl.SSLContext:
@@ -45,7 +47,9 @@ class LanHost:
         if wanted not in self._contexts:
             context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
             context.load_verify_locations(cadata=self.certificate_pem)
-            if wanted is not None:
+            if wanted is None:
+                self.policy.apply(context)
+            else:
                 # What this side would allow by itself must not hide what the server refuses.
                 context.set_ciphers("ALL:@SECLEVEL=0")
                 context.minimum_version = wanted

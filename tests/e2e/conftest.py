@@ -11,14 +11,16 @@ from collections.abc import Callable, Iterator
 import pytest
 from velm_sim.access_point import AccessPoint, Credentials
 from velm_sim.build import Build, BuildError
-from velm_sim.cloud import Cloud
+from velm_sim.cloud import Cloud, CloudCertificates
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network, remove_stale
 from velm_sim.phone import Phone, Profile
+from velm_sim.tls_policy import POLICIES, TlsPolicy
 
 
 def pytest_report_header(config: pytest.Config) -> str:
-    return f"daemon under test: {config.getoption('--build')}"
+    tls = config.getoption("--tls")
+    return f"daemon under test: {config.getoption('--build')}, TLS of the others: {tls}"
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -51,8 +53,13 @@ def build(pytestconfig: pytest.Config) -> Build:
 
 
 @pytest.fixture(scope="session")
-def credentials() -> Credentials:
-    return Credentials()
+def tls_policy(pytestconfig: pytest.Config) -> TlsPolicy:
+    return POLICIES[pytestconfig.getoption("--tls")]
+
+
+@pytest.fixture(scope="session")
+def credentials(tls_policy: TlsPolicy) -> Credentials:
+    return Credentials(cloud=CloudCertificates(tls_policy), tls=tls_policy)
 
 
 @pytest.fixture(scope="session")
