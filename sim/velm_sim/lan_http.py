@@ -57,6 +57,11 @@ class LanHost:
             self._contexts[wanted] = context
         return self._contexts[wanted]
 
+    def trust(self, certificate_pem: str) -> None:
+        """From now on the host trusts that certificate, and no longer the one before."""
+        self.certificate_pem = certificate_pem
+        self._contexts.clear()
+
     def connect_tcp(self, source: str | None = None) -> socket.socket:
         """A connection on which nothing was said yet: the caller may drip, halve or stay silent."""
         raw = self.namespace.socket()

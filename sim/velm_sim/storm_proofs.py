@@ -1,0 +1,104 @@
+"""How the phones of a storm prove themselves, and whether the model says that it is accepted."""
+
+from __future__ import annotations
+
+import contextlib
+from dataclasses import replace
+from typing import Any
+
+from .android_phone import AndroidPhone
+from .answers import GARBAGE, HANG_UP, Answer
+from .cloud import EXHAUSTED
+from .phone import Phone
+from .storm_log import require
+from .storm_model import TOKEN_LIFE
+from .storm_schedule import IOS_PHONES
+from .storm_world import World
+
+NO_CHALLENGE = "0" * 32
+WRONG = {"password": "wrong"}
+REFUSED = {
+    401: (r"invalid password",),
+    403: (r"pairings limit reached",),
+    404: (r"no pairing: ",),
+    412: (
+        r"IAV - ", r"failure \(attestation\)", r"no assertion key", r"android_verify_assertion",
+        r"ios_app_", r"invalid", r"velm_google_integrity", r"velm_google_auth",
+        r"velm_attestation_engine", r"velm_android", r"cjose_", r"HTTPS NOK",
+        r"velm_google_answer", r"ios_",
+    ),
+    424: (r"failure \(challenge\)",),
+    400: (r"no friendly name", r"no deviceId", r"no location data"),
+}  # fmt: skip
+GOOGLE_ANSWERS = {
+    "429": EXHAUSTED,
+    "500": Answer(500, b""),
+    "garbage": GARBAGE,
+    "hang up": HANG_UP,
+    "no verdict": Answer.json({"other": 1}),
+}
+OTHER_PACKAGE = {"requestDetails.requestPackageName": "com.other"}
+
+
+def check_status(world: World, what: str, status: int, expected: int) -> None:
+    world.allow(*REFUSED.get(expected, ()))
+    require(status == expected, f"{what} is answered with {expected}, not {status}")
+
+
+def fetch_challenge(world: World, phone: Phone) -> str:
+    """A fresh challenge, or one that nobody issued while logins are blocked."""
+    reply = phone.challenge()
+    check_status(world, "/challenge", reply.status, 200 if world.model.login(True) else 401)
+    if reply.status != 200:
+        return NO_CHALLENGE
+    challenge = str(reply.json()["challenge"])
+    world.model.challenges[challenge] = world.model.moment
+    return challenge
+
+
+# Proofs.
+
+
+def google_agrees(world: World, google: str, cleanup: contextlib.ExitStack) -> bool:
+    """Has Google answer like that to the next token; says whether it will be asked and agree."""
+    model, cut_off = world.model, google in ("certificate", "cloud down")
+    needs_token = model.needs_integrity_token()
+    if cut_off:
+        cleanup.enter_context(world.cloud_fault(google, "other_ca"))
+    if needs_token:
+        model.integrity_token_until = None if cut_off else model.moment + TOKEN_LIFE
+        if cut_off:
+            return False
+        model.token_requests += 1
+    if not model.asks_google() or cut_off:
+        return False
+    model.integrity_requests += 1
+    if google not in GOOGLE_ANSWERS:
+        return True
+    world.cloud.integrity.answer_next(GOOGLE_ANSWERS[google])
+    model.google_exhausted = google == "429"
+    return False
+
+
+def proof_holds(
+    world: World, phone: Phone, good: bool, google: str, cleanup: contextlib.ExitStack
+) -> bool:
+    """Whether an assertion or token that is `good` by itself is accepted."""
+    if not isinstance(phone, AndroidPhone):
+        return good and world.model.holds_key_of(phone.profile.device_id)
+    agrees = google_agrees(world, google, cleanup) if world.model.remote else True
+    return good and agrees and google != "other package"
+
+
+def bend_of(world: World, number: int, flaw: str, google: str) -> tuple[Phone, dict[str, Any]]:
+    """The phone that signs, and how it bends the proof."""
+    phone = world.phones[number]
+    bend: dict[str, Any] = {}
+    if isinstance(phone, AndroidPhone):
+        if google == "other package":
+            bend["verdict"] = OTHER_PACKAGE
+        if flaw in ("other key", "proof"):
+            bend["keys"] = world.strange_keys
+    elif flaw in ("other key", "proof"):
+        phone = replace(phone, key=world.phones[(number + 1) % IOS_PHONES].key)
+    return phone, bend

@@ -1,0 +1,119 @@
+"""The schedule of a storm comes from its seed alone, and its model sees what is wrong."""
+
+from __future__ import annotations
+
+import itertools
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from velm_sim.storm_log import LogReader
+from velm_sim.storm_model import DELETED_KEYS, Model
+from velm_sim.storm_schedule import KINDS, PAIRINGS_LIMIT, schedule
+from velm_sim.storm_steps import STEPS
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+
+
+def dry_run(seed: int) -> str:
+    command = [sys.executable, "-B", "-m", "velm_sim.storm", str(seed), "0", "--dry-run"]
+    done = subprocess.run(
+        command, cwd=REPOSITORY / "sim", capture_output=True, text=True, timeout=60, check=True
+    )
+    return done.stdout
+
+
+def test_the_same_seed_gives_the_same_schedule() -> None:
+    first = dry_run(7)
+    assert first.count("\n") == 200
+    assert dry_run(7) == first
+
+
+def test_another_seed_gives_another_schedule() -> None:
+    assert dry_run(7) != dry_run(8)
+
+
+def test_every_kind_of_step_can_be_performed_and_comes() -> None:
+    drawn = {step.kind for step in itertools.islice(schedule(1), 2000)}
+    assert drawn == {kind for kind, _, _ in KINDS} == set(STEPS)
+
+
+@pytest.fixture
+def model() -> Model:
+    return Model(moment=1_000_000)
+
+
+def described(number: int) -> dict[str, str]:
+    members = ("dev_type", "name", "push_token", "dev_model", "os_version")
+    return {"dev_id": f"phone {number}", **dict.fromkeys(members, f"of {number}")}
+
+
+@pytest.mark.parametrize(("age", "accepted"), [(60, True), (61, False)])
+def test_a_challenge_is_taken_for_a_minute_and_once(
+    age: int, accepted: bool, model: Model
+) -> None:
+    model.challenges["c"] = model.moment
+    model.moment += age
+    assert [model.consume("c"), model.consume("c")] == [accepted, False]
+
+
+def test_five_wrong_logins_block_until_a_minute_after_the_first(model: Model) -> None:
+    for _ in range(5):
+        assert not model.login(False)
+        model.moment += 1
+    model.moment += 54
+    assert not model.login(True)
+    model.moment += 1
+    assert model.login(True)
+
+
+def test_a_pairing_keeps_its_slot_and_date_and_a_deleted_slot_is_used_again(model: Model) -> None:
+    for number in range(PAIRINGS_LIMIT):
+        model.store(described(number), attested=number == 0)
+    assert not model.may_pair("phone 9") and model.may_pair("phone 0")
+    first = dict(model.slots[0] or {})
+    model.moment += 100
+    model.store({**described(0), "name": "other"}, attested=False)
+    assert model.slots[0] == {**first, "name": "other"}
+    assert model.holds_key_of("phone 0") and not model.holds_key_of("phone 1")
+    assert model.delete("phone 0")
+    assert model.slots[0] == {"status": "Invalid", **dict.fromkeys(DELETED_KEYS, "")}
+    model.store(described(9), attested=False)
+    assert model.find("phone 9") == 0
+
+
+def test_pushes_are_a_minute_apart_and_a_reload_forgets_the_last(model: Model) -> None:
+    assert not model.asks_for_push()  # nobody is paired
+    model.store(described(0), attested=True)
+    assert model.asks_for_push()
+    model.moment += 59
+    assert not model.asks_for_push()
+    model.moment += 1
+    assert model.asks_for_push() and not model.asks_for_push()
+    model.reload()
+    assert model.asks_for_push()
+
+
+@pytest.mark.parametrize(("later", "asked"), [(3599, False), (3600, True)])
+def test_google_is_left_alone_for_an_hour(later: int, asked: bool, model: Model) -> None:
+    assert model.asks_google()
+    model.google_exhausted = True
+    model.moment += later
+    assert model.asks_google() == asked
+
+
+def test_the_log_is_read_once_and_waited_for_from_the_mark(tmp_path: Path) -> None:
+    path = tmp_path / "log"
+    path.write_text("one\ntwo\nthr")
+    reader = LogReader(path)
+    assert reader.read() == ["one", "two"]
+    reader.mark()
+    with path.open("a") as file:
+        file.write("ee\none\n")
+    reader.wait("one", 1, timeout=0)
+    with pytest.raises(AssertionError, match="2 log lines 'one'"):
+        reader.wait("one", 2, timeout=0)
+    assert reader.unchecked == ["one", "two", "three", "one"]
+    reader.begin_step()
+    assert (reader.step, reader.tail) == ([], ["one", "two", "three", "one"])
