@@ -51,6 +51,11 @@ class Build:
         """A library that fails system calls of the program that preloads it."""
         return self._probe("call_fault")
 
+    @functools.cached_property
+    def event_probe(self) -> Path:
+        """A library that makes a daemon write down how many events its loop holds."""
+        return self._probe("event_probe")
+
     def _probe(self, name: str) -> Path:
         source = Path(__file__).with_name(f"{name}.c")
         library = self.directory / f"{name}.so"

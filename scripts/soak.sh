@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Makes N round trips with one process of the release build, and compares its memory, descriptors and
+# the events of its loop with those after the first hundred.
+#
+# usage: scripts/soak.sh [N] [--seconds MOST]      100000 round trips unless told otherwise; needs root
+#
+# Installs what is missing and builds first.
+set -eu
+cd "$(dirname "$0")/.."
+
+if ! [[ ${1:-100000} =~ ^[1-9][0-9]*$ ]]; then
+    sed -n '5s/^# *//p' "$0" >&2
+    exit 2
+fi
+./scripts/install-dependencies.sh
+
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+echo "Building the release preset ..."
+{ cmake --preset release && cmake --build --preset release --target velmd nvram velmctl; } >"$log" 2>&1 ||
+    { tail -n 60 "$log" >&2; exit 1; }
+rm -f "$log"
+trap - EXIT
+
+PYTHONPATH=sim exec /usr/bin/python3 -B -m velm_sim.soak "$@"
