@@ -50,6 +50,24 @@ without_phones=()
 for name in documents install ssdp start velmctl vendor_platform; do
     without_phones+=("--ignore=tests/e2e/test_$name.py")
 done
+storms() { # PRESET: three seeds at once, since they mostly wait
+    local seed pids=() status=0
+    for seed in 1 2 3; do
+        PYTHONPATH=sim timeout 300 /usr/bin/python3 -B -m velm_sim.storm "$seed" 60 --build "build/$1" \
+            --junit "$results/storm-$seed.xml" >"$results/storm-$seed.log" 2>&1 &
+        pids+=($!)
+    done
+    for seed in 1 2 3; do
+        wait "${pids[seed - 1]}" || { status=1; tail -n 100 "$results/storm-$seed.log"; }
+        tail -n 2 "$results/storm-$seed.log"
+    done
+    return $status
+}
+
+soak() { # PRESET
+    PYTHONPATH=sim timeout 300 /usr/bin/python3 -B -m velm_sim.soak 500 --build "build/$1" \
+        --junit "$results/soak.xml"
+}
 
 step "install what is missing" ./scripts/install-dependencies.sh
 for preset in "${presets[@]}"; do
@@ -62,6 +80,9 @@ for version in 1.2 1.3; do
         python_tests "${presets[0]}" "e2e-tls-$version" tests/e2e "--tls=$version" "${without_phones[@]}"
 done
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
+case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
+step "storm, $instrumented" storms "$instrumented"
+step "soak, ${presets[0]}" soak "${presets[0]}"
 step "tests of the benchmarks' report" python_tests "${presets[0]}" bench tests/bench
 
 printf '\n'
