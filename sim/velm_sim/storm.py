@@ -24,7 +24,7 @@ from .storm_steps import perform
 from .storm_world import World
 
 STEPS_A_PROGRESS_LINE = 50
-TAIL = 60
+TAIL, WIDTH = 80, 300  # of the log that a failure shows
 # Brings up whatever is made once and kept, so that the first census counts it: both access
 # tokens, a push, a report.
 WARM_UP = (
@@ -91,7 +91,11 @@ def storm(build: Build, seed: int, seconds: float) -> Outcome:
 
 
 def describe(world: World, step: Step, problem: Exception, seed: int) -> str:
-    log = [*world.log.tail, *world.log.read()][-TAIL:]
+    log = [
+        line if len(line) <= WIDTH else f"{line[: WIDTH // 2]} ... {line[-WIDTH // 2 :]}"
+        for line in [*world.log.tail, *world.log.read()]
+        if "   zelkad_pairing_" not in line
+    ][-TAIL:]
     return "\n".join(
         [
             *log,

@@ -101,4 +101,4 @@ def check_log(world: World) -> None:
         if ERROR.search(line):
             allowed = (*world.allowed, *world.allowed_before)
             known = any(re.search(pattern, line) for pattern in allowed)
-            require(known, f"no such line in the log: {line[:300]}")
+            require(known, f"no such line in the log: {line[:200]} ... {line[-60:]}")

@@ -10,6 +10,7 @@ from pathlib import Path
 from .daemon import wait_until
 
 LARGEST_LOG = 16 << 20
+TAIL = 400
 ERROR = re.compile(r"\bERROR\b|\bFATAL\b")
 
 
@@ -34,7 +35,7 @@ class LogReader:
 
     def begin_step(self) -> None:
         self.read()
-        self.tail = (self.tail + self.step)[-200:]
+        self.tail = (self.tail + self.step)[-TAIL:]
         self.step = []
         self._mark = 0
 

@@ -3,9 +3,11 @@
 from __future__ import annotations
 
 import contextlib
+import datetime
 from typing import Any
 
 from .android_phone import AndroidPhone
+from .certificates import DAY
 from .etc_files import ROOT
 from .phone import OMIT, Phone, Prepared, sample_location
 from .storm_log import StormFailure, require
@@ -62,8 +64,8 @@ def step_pair(
     made = world.phones[phone]
     attested = by == "attestation" and not isinstance(made, AndroidPhone)
     signer, bend = bend_of(world, phone, flaw, google)
-    if attested and flaw == "proof":
-        signer, bend = made, {"client_data_hash": bytes(32)}
+    if attested:
+        signer, bend = made, _attestation_bend(world, flaw)
     no_challenge = flaw == "no challenge"
     challenge = NO_CHALLENGE if no_challenge else fetch_challenge(world, made)
     described = {"friendlyName": OMIT if flaw == "no name" else name, "pushToken": push_token}
@@ -93,6 +95,16 @@ def step_pair(
         )
 
 
+def _attestation_bend(world: World, flaw: str) -> dict[str, Any]:
+    """The credential certificate is of the daemon's present, unless it has expired."""
+    moment = datetime.datetime.utcfromtimestamp(world.model.moment)
+    lived = 2 * DAY if flaw == "expired" else 0 * DAY
+    bend: dict[str, Any] = {"not_before": moment - DAY - lived, "not_after": moment + DAY - lived}
+    if flaw == "proof":
+        bend["client_data_hash"] = bytes(32)
+    return bend
+
+
 def _expect_pair(
     world: World,
     phone: Phone,
@@ -111,7 +123,7 @@ def _expect_pair(
     if not model.login(flaw != "password"):
         return 401
     if attested:
-        if flaw == "proof":
+        if flaw in ("proof", "expired"):
             return 412
         if not model.consume(challenge):
             return 424

@@ -61,7 +61,7 @@ def _client(dice: random.Random) -> dict[str, Any]:
 
 
 def _pair(dice: random.Random) -> dict[str, Any]:
-    flaws = ("none", "none", "none", "none", "password", "proof", "no challenge", "no name")
+    flaws = ("none",) * 5 + ("password", "proof", "expired", "no challenge", "no name")
     return {
         **_phone(dice),
         "by": dice.choice(("attestation", "attestation", "assertion")),
