@@ -4,7 +4,8 @@ if(VELM_SANITIZE)
     add_link_options(-fsanitize=address,undefined)
 endif()
 if(VELM_COVERAGE)
-    add_compile_options(--coverage -O0 -g -fprofile-update=atomic)
+    # What is counted is src/, which asks for it itself.
+    set(VELM_COVERAGE_OPTIONS --coverage -O0 -g -fprofile-update=atomic)
     add_link_options(--coverage)
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         # The daemon never ends in an orderly way: tests write its counters through this function.
