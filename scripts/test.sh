@@ -50,6 +50,7 @@ without_phones=()
 for name in documents install ssdp start velmctl vendor_platform; do
     without_phones+=("--ignore=tests/e2e/test_$name.py")
 done
+
 storms() { # PRESET: three seeds at once, since they mostly wait
     local seed pids=() status=0
     for seed in 1 2 3; do
