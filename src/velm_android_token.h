@@ -15,8 +15,8 @@ inline constexpr std::size_t android_token_max_length = 12288;
 
 /// The keys are JWKs as JSON text, an "oct" key of 32 bytes and a P-256 key; an empty one is none.
 /// Gives the payload once its signature has been verified; nothing, and a line in the log that names
-/// the reason, otherwise. A key that was good is kept read until another text comes. The payload is
-/// what Google signed, not yet known to be JSON.
+/// the reason, otherwise. The payload is what Google signed, not yet known to be JSON. A key that was
+/// good is kept until one of another text has taken its place.
 [[nodiscard]] std::optional<std::string> android_token_open(std::span<const std::uint8_t> token,
                                                             const std::string &decryption_key,
                                                             const std::string &verification_key);
