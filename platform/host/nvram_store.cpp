@@ -215,6 +215,9 @@ int nvram_store::apply(std::span<const nvram_change> changes)
 
 int nvram_store::commit()
 {
+    if (boot_id_.empty()) {
+        return nvram_no_boot_id; // the live settings were left out
+    }
     unique_fd directory;
     if (const int rc = open_locked(directory); rc != 0) {
         return rc;
@@ -229,6 +232,9 @@ int nvram_store::commit()
 
 int nvram_store::revert()
 {
+    if (boot_id_.empty()) {
+        return nvram_no_boot_id;
+    }
     unique_fd directory;
     if (const int rc = open_locked(directory); rc != 0) {
         return rc;
@@ -240,7 +246,9 @@ int nvram_store::revert()
     if (committed.newest < 0 && committed.any_damaged()) {
         return nvram_all_damaged;
     }
-    if (settings_ == committed.settings) {
+    // A live file that could not be read may be readable next time, and must not come back.
+    const bool live_is_left_out = live_.file && !live_.usable;
+    if (settings_ == committed.settings && !live_is_left_out) {
         return 0;
     }
     const int rc = nvram_live_replace(directory.get(), boot_id_, live_, committed.settings);

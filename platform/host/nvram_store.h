@@ -32,7 +32,8 @@ enum nvram_refusal {
 /// has changed. ETIMEDOUT: another process keeps the lock.
 class nvram_store {
   public:
-    /// An empty boot id means that boots cannot be told apart: then nothing can be set.
+    /// An empty boot id means that boots cannot be told apart: then nothing can be set,
+    /// committed or reverted.
     nvram_store(std::string directory, std::string boot_id);
 
     /// Null when the setting is absent. Good until the next call.

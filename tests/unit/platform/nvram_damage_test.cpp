@@ -160,6 +160,16 @@ TEST_F(Damage, OfBothCommitsLeavesNoneThatCouldOutdoTheNextOneWhenItCanBeReadAga
     EXPECT_EQ(said, "");
 }
 
+TEST_F(Damage, OfTheLiveFileIsGoneAfterARevert)
+{
+    put_bytes(directory.file("live"), "garbage");
+    nvram_store store{directory.path(), this_boot};
+    ASSERT_EQ(store.revert(), 0);
+    EXPECT_NE(bytes_of(directory.file("live")), "garbage");
+    EXPECT_EQ(seen(this_boot), second_commit);
+    EXPECT_EQ(said, "");
+}
+
 TEST_F(Damage, IsReportedOnceByAProcessThatReadsOn)
 {
     put_bytes(directory.file("committed.0"), "");

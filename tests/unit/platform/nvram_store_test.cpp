@@ -262,6 +262,8 @@ TEST_F(Store, WithoutABootIdNothingCanBeSetButTheCommittedIsRead)
     nvram_store blind{directory.path(), ""};
     EXPECT_EQ(value_of(blind, "a"), "1");
     EXPECT_EQ(set(blind, {{"a", "2"}}), nvram_no_boot_id);
+    EXPECT_EQ(blind.commit(), nvram_no_boot_id) << "what is live was not seen";
+    EXPECT_EQ(blind.revert(), nvram_no_boot_id);
 }
 
 TEST_F(Store, ADirectoryThatCannotBeMadeIsAFaultAndReportedOnce)
