@@ -63,16 +63,21 @@ void nvram_store::report(event what, bool happens, const std::string &text)
     reported = happens;
 }
 
-void nvram_store::report_load(nvram_live_fate fate, const nvram_committed &committed)
+void nvram_store::report_committed(const nvram_committed &committed)
 {
-    const char *const live_damage = live_damage_text(fate);
-    report(event::live, live_damage != nullptr,
-           std::string{"/"} + nvram_live_name + " " + (live_damage != nullptr ? live_damage : ""));
     constexpr std::array events{event::committed_0, event::committed_1};
     for (std::size_t i = 0; i < events.size(); ++i) {
         report(events[i], committed.damaged[i],
                std::string{"/"} + nvram_committed_names[i] + " is damaged and left out");
     }
+}
+
+void nvram_store::report_load(nvram_live_fate fate, const nvram_committed &committed)
+{
+    const char *const live_damage = live_damage_text(fate);
+    report(event::live, live_damage != nullptr,
+           std::string{"/"} + nvram_live_name + " " + (live_damage != nullptr ? live_damage : ""));
+    report_committed(committed);
     report(event::nothing_left, fault_ == nvram_all_damaged, ": no good copy is left");
 }
 
@@ -243,6 +248,7 @@ int nvram_store::revert()
     if (const int rc = nvram_committed_read(directory.get(), committed); rc != 0) {
         return rc;
     }
+    report_committed(committed);
     if (committed.newest < 0 && committed.any_damaged()) {
         return nvram_all_damaged;
     }

@@ -64,6 +64,7 @@ class nvram_store {
     int open_locked(unique_fd &directory);
     int note_fault(int rc);
     void report(event what, bool happens, const std::string &text);
+    void report_committed(const nvram_committed &committed);
     void report_load(nvram_live_fate fate, const nvram_committed &committed);
     [[nodiscard]] bool changes_nothing(std::span<const nvram_change> changes) const;
 
