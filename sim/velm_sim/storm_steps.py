@@ -13,7 +13,7 @@ from .daemon import wait_until
 from .ipc_client import REQUEST
 from .ssdp import Searcher, search_message
 from .storm_log import StormFailure, require
-from .storm_model import DELETED_KEYS, SPOILT, TOKEN_LIFE, Expected
+from .storm_model import DELETED_KEYS, PUSH_INTERVAL, SPOILT, TOKEN_LIFE, Expected
 from .storm_phones import (
     step_challenge,
     step_info,
@@ -75,7 +75,7 @@ def step_ask(
         asking.request(within)
         model.queues[client].append(Expected())
         return
-    if model.last_push + 60 <= model.moment:
+    if model.last_push + PUSH_INTERVAL <= model.moment:
         world.drain()  # so that these pushes and earlier ones do not mingle
     if not model.asks_for_push():
         world.log.mark()

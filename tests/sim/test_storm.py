@@ -8,6 +8,7 @@ import sys
 from pathlib import Path
 
 import pytest
+from velm_sim.storm import Outcome, write_junit
 from velm_sim.storm_log import LogReader
 from velm_sim.storm_model import DELETED_KEYS, Model
 from velm_sim.storm_schedule import KINDS, PAIRINGS_LIMIT, schedule
@@ -117,3 +118,15 @@ def test_the_log_is_read_once_and_waited_for_from_the_mark(tmp_path: Path) -> No
     assert reader.unchecked == ["one", "two", "three", "one"]
     reader.begin_step()
     assert (reader.step, reader.tail) == ([], ["one", "two", "three", "one"])
+
+
+@pytest.mark.parametrize(
+    ("problem", "summed"), [("", "1 passed, 0 failed"), ("a \x1b[0m\x00", "0 passed, 1 failed")]
+)
+def test_the_outcome_counts_in_the_sum_of_results(
+    problem: str, summed: str, tmp_path: Path
+) -> None:
+    write_junit(tmp_path / "storm-1.xml", Outcome(1, problem=problem))
+    script = REPOSITORY / "scripts" / "sum-results.py"
+    done = subprocess.run([sys.executable, script, tmp_path], capture_output=True, text=True)
+    assert done.stdout.strip() == summed
