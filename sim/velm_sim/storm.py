@@ -75,7 +75,8 @@ def storm(build: Build, seed: int, seconds: float) -> Outcome:
                 run_step(world, step)
                 outcome.seconds = time.monotonic() - begin
                 outcome.steps = step.number
-                outcome.kinds[step.kind] += bool(step.number)
+                if step.number:
+                    outcome.kinds[step.kind] += 1
                 if step.number and step.number % STEPS_A_PROGRESS_LINE == 0:
                     print(progress(world, outcome), flush=True)
                 if step.number and outcome.seconds >= seconds:

@@ -50,12 +50,15 @@ def step_list(world: World, phone: int) -> None:
         require(reply.json() == {"pairings": expected}, f"/pairings lists {expected}")
 
 
-def step_wrong_logins(world: World, phone: int, count: int, root: bool) -> None:
+def step_wrong_logins(world: World, phone: int, count: int, root: bool, wait: int) -> None:
+    """Wrong ones, and a right one that many seconds later."""
     login = {"username": ROOT.username, "password": ROOT.password} if root else WRONG
     for _ in range(count):
         reply = world.phones[phone].challenge(login)
         check_status(world, "/challenge with a wrong login", reply.status, 401)
         world.model.login(False)
+    world.jump(wait)
+    fetch_challenge(world, world.phones[phone])
 
 
 def step_pair(

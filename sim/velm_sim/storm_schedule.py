@@ -106,7 +106,12 @@ def _outside(dice: random.Random) -> dict[str, Any]:
 
 
 def _login(dice: random.Random) -> dict[str, Any]:
-    return {**_phone(dice), "count": dice.choice((1, 1, 2, 4, 5, 6)), "root": dice.random() < 0.2}
+    return {
+        **_phone(dice),
+        "count": dice.choice((1, 1, 2, 4, 5, 6)),
+        "root": dice.random() < 0.2,
+        "wait": dice.choice((0, 0, 59, 60, 61)),
+    }
 
 
 def _datagrams(dice: random.Random) -> dict[str, Any]:
