@@ -14,7 +14,7 @@ from typing import TypeVar
 
 import pytest
 from test_interrupted import SLOW, SLOWLY, begin, slow_hash
-from velm_sim.access_point import SERIAL_NUMBER, AccessPoint, Credentials
+from velm_sim.access_point import SERIAL_NUMBER, AccessPoint
 from velm_sim.certificates import Identity, make_server
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import wait_until
