@@ -43,6 +43,7 @@ std::time_t time_now(const char *caller)
 void challenge_entries_remove_outdated()
 {
     const std::time_t now = time_now(__func__);
+    // NOLINTNEXTLINE(bugprone-lambda-function-name): the capture takes the outer function's name
     std::erase_if(state.pending, [now, caller = __func__](const challenge_entry &entry) {
         // A clock set back gives a negative age: the challenge stays.
         const bool outdated = static_cast<std::int32_t>(now - entry.created) > lifetime_s;

@@ -102,7 +102,7 @@ void add_apns(cJSON *message, push_fields fields, std::uint32_t type)
     add_common_fields(payload, fields);
     const bool added = cJSON_AddItemToObject(payload, "bssids", fields.bssids.get()) != 0;
     REQUIRE_CALL(added, "cJSON_AddItemToObject(payload, \"bssids\", bssids)", 0);
-    fields.bssids.release();
+    (void)fields.bssids.release();
     add_text(add_object(apns, "fcm_options"), "analytics_label", "push_ios");
 }
 

@@ -112,7 +112,7 @@ void send_push(void *argument, short, common_async_context *) noexcept
         LOG_ERROR("%s - failed making http request: %d", __func__, rc);
         return;
     }
-    context.release(); // the response handler frees it
+    (void)context.release(); // the response handler frees it
 }
 
 void prepare_to_send_push(void *argument, short, common_async_context *) noexcept

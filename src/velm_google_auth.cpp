@@ -117,7 +117,7 @@ void request_access_token(void *user_data, short, common_async_context *) noexce
         return_access_token(std::move(d), nullptr);
         return;
     }
-    d.release(); // the answer takes it back
+    (void)d.release(); // the answer takes it back
 }
 
 } // namespace

@@ -107,7 +107,7 @@ void send_integrity(verdict_request_ptr request)
         return_verdict(std::move(request), nullptr);
         return;
     }
-    request.release(); // the answer takes it back
+    (void)request.release(); // the answer takes it back
 }
 
 void send_integrity_later(void *argument, short, common_async_context *) noexcept

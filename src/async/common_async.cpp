@@ -181,6 +181,6 @@ int common_async_action_schedule(common_async_callback callback, void *user_data
     const timeval tv{seconds, microseconds};
     const int rc = evtimer_add(ctx->timer.get(), &tv);
     REQUIRE_CALL(rc == 0, "evtimer_add(ctx->e, &tv)", rc);
-    ctx.release(); // the dispatcher takes it back
+    (void)ctx.release(); // the dispatcher takes it back
     return 0;
 }

@@ -23,6 +23,7 @@ struct json_wipe_and_delete {
     }
 
   private:
+    // NOLINTNEXTLINE(misc-no-recursion): cJSON parses no deeper than CJSON_NESTING_LIMIT
     static void wipe(cJSON *item) noexcept
     {
         for (; item != nullptr; item = item->next) {

@@ -11,6 +11,8 @@ class unique_fd {
     explicit unique_fd(int fd) noexcept : fd_{fd}
     {
     }
+    unique_fd(const unique_fd &) = delete;
+    unique_fd &operator=(const unique_fd &) = delete;
     unique_fd(unique_fd &&other) noexcept : fd_{other.release()}
     {
     }

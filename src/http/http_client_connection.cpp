@@ -80,7 +80,7 @@ bool http_client_connection_open(http_client_connection *connection, event_base 
     if (connection->evcon == nullptr) {
         return false;
     }
-    connection->bufev.release(); // the connection owns it now
+    (void)connection->bufev.release(); // the connection owns it now
     evhttp_connection_set_timeout(connection->evcon.get(), timeout_s);
     evhttp_connection_set_max_headers_size(connection->evcon.get(), max_response_head);
     evhttp_connection_set_max_body_size(connection->evcon.get(), max_response_body);

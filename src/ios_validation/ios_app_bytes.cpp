@@ -12,6 +12,7 @@ ios_app_bytes ios_app_bytes_copy(std::span<const std::uint8_t> source)
         return {};
     }
     std::copy(source.begin(), source.end(), copy.data.get());
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the unique_ptr that is returned owns it
     return copy;
 }
 

@@ -50,6 +50,8 @@ enum class cbor_shape { fits, foreign, malformed };
 
 cbor_shape item_walk(byte_reader &in, int depth);
 
+// NOLINTBEGIN(misc-no-recursion): ends at depth_limit
+
 cbor_shape definite_children_walk(byte_reader &in, std::uint64_t count, std::uint64_t per_element,
                                   int depth)
 {
@@ -120,6 +122,7 @@ cbor_shape item_walk(byte_reader &in, int depth)
         return head.indefinite ? cbor_shape::malformed : cbor_shape::fits;
     }
 }
+// NOLINTEND(misc-no-recursion)
 
 } // namespace
 
