@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both, and on
-# the first preset the end-to-end tests with phones and a cloud that are strict about TLS.
+# Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both and
+# reads the sources (scripts/lint.sh). On the first preset the end-to-end tests run again with phones
+# and a cloud that are strict about TLS.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
 # usage: scripts/test.sh [PRESET ...]      default: release asan
 set -u
-cd "$(dirname "$0")/.."
+cd "$(dirname "$0")/.." || exit 1
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release asan)
@@ -80,6 +81,8 @@ for version in 1.2 1.3; do
     step "end-to-end tests with TLS $version only, ${presets[0]}" \
         python_tests "${presets[0]}" "e2e-tls-$version" tests/e2e "--tls=$version" "${without_phones[@]}"
 done
+step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"
+step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
 step "storm, $instrumented" storms "$instrumented"

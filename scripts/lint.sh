@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Reads the sources without running them: clang-tidy (.clang-tidy), clang-format, shellcheck, pyflakes,
+# and that only src/handles allocates and frees. Installs what is missing. Prints what is wrong; the
+# exit status is 0 only when nothing is.
+#
+# usage: scripts/lint.sh [--junitxml FILE] [FILE.cpp ...]
+#        with files, only clang-tidy, and only on those
+set -u
+cd "$(dirname "$0")/.." || exit 1
+
+build=build/release
+out=build/lint
+report=
+if [ "${1:-}" = --junitxml ]; then
+    report=$2
+    shift 2
+fi
+rm -rf "$out"
+mkdir -p "$out"
+cases=
+failed=0
+
+check() { # NAME COMMAND...
+    local name=$1 log=$out/$1.log
+    shift
+    if "$@" >"$log" 2>&1; then
+        printf 'ok      %s\n' "$name"
+        cases+="<testcase classname=\"lint\" name=\"$name\"/>"
+    else
+        printf 'FAILED  %s\n' "$name"
+        tail -n 200 "$log"
+        cases+="<testcase classname=\"lint\" name=\"$name\"><failure message=\"see $log\"/></testcase>"
+        failed=$((failed + 1))
+    fi
+}
+
+tidy() { # FILE...: as many at a time as there are cores
+    [ -e "$build/compile_commands.json" ] || cmake --preset release >"$out/configure.log" || return 1
+    printf '%s\0' "$@" | xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 -p "$build" --quiet
+}
+
+format() {
+    git ls-files -z '*.c' '*.cpp' '*.h' | xargs -0 clang-format-14 --dry-run -Werror
+}
+
+shell() {
+    git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck
+}
+
+python() {
+    git ls-files -z '*.py' | xargs -0 /usr/bin/python3 -m pyflakes
+}
+
+sources() {
+    git ls-files 'src/*.cpp' 'platform/host/*.cpp' 'tools/*.cpp'
+}
+
+./scripts/install-dependencies.sh clang-tidy-14 clang-format-14 shellcheck python3-pyflakes || exit 1
+if [ $# -gt 0 ]; then
+    check clang-tidy tidy "$@"
+else
+    check format format
+    check shell shell
+    check python python
+    check ownership /usr/bin/python3 -B scripts/check-ownership.py
+    mapfile -t files < <(sources)
+    check clang-tidy tidy "${files[@]}"
+fi
+[ -z "$report" ] || printf '<testsuite name="lint">%s</testsuite>\n' "$cases" >"$report"
+[ $failed -eq 0 ]
