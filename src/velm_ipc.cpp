@@ -209,7 +209,7 @@ bool server_listen(velm_ipc *server)
         LOG_ERROR("Cannot create listener");
         return false;
     }
-    socket.release(); // the listener closes it
+    (void)socket.release(); // the listener closes it
     evconnlistener_set_error_cb(server->listener.get(), listener_error_cb);
     return true;
 }

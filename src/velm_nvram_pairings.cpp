@@ -87,7 +87,7 @@ void append(cJSON *list, json_ptr item)
 {
     const bool appended = cJSON_AddItemToArray(list, item.get()) != 0;
     REQUIRE_CALL(appended, "cJSON_AddItemToArray(list, item)", 0);
-    item.release();
+    (void)item.release();
 }
 
 json_ptr make_list()
@@ -175,7 +175,7 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
         (present ? cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get())
                  : cJSON_AddItemToObject(pairing, field, text.get())) != 0;
     REQUIRE_CALL(stored, "cJSON_AddItemToObject(pairing, field, text)", 0);
-    text.release();
+    (void)text.release();
 }
 
 json_ptr velm_nvram_pairings_select_pairing_by_index(int index)

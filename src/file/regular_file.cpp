@@ -25,7 +25,7 @@ stdio_file open_regular_file(const char *path)
     }
     stdio_file file{opened_stream(::fdopen(fd.get(), "r"))};
     if (file != nullptr) {
-        fd.release();
+        (void)fd.release();
     }
     return file;
 }
