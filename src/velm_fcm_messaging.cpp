@@ -140,9 +140,11 @@ void queue_pushes(const push_params &params)
 void access_token_received(bool held, void *argument)
 {
     const auto params = adopt<push_params>(argument);
-    if (held) {
-        queue_pushes(*params);
+    if (!held) {
+        LOG_ERROR("%s - missing access_token", __func__);
+        return;
     }
+    queue_pushes(*params);
 }
 
 void request_access_token(const push_params &params)

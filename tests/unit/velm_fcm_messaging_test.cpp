@@ -272,21 +272,25 @@ TEST_F(Fcm, ATokenWithoutALifetimeServesOnce)
     EXPECT_EQ(token_requests.size(), 1U);
 }
 
-TEST_F(Fcm, WithoutATokenNothingIsSent)
+TEST_F(Fcm, WithoutATokenNothingIsSentAndTheLogSaysSo)
 {
+    const captured_log log;
     pair_slot(0, "a", "ta");
     velm_fcm_messaging_push_to_all(30, 0);
     answer_token(nullptr);
     EXPECT_TRUE(actions.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "access_token_received - missing access_token"));
 }
 
-TEST_F(Fcm, ATokenAskedForBeforeAReloadIsDropped)
+TEST_F(Fcm, ATokenAskedForBeforeAReloadIsDroppedAndTheLogSaysSo)
 {
+    const captured_log log;
     pair_slot(0, "a", "ta");
     velm_fcm_messaging_push_to_all(30, 0);
     velm_fcm_messaging_init(&config);
     answer_token(R"({"access_token":"old","valid_to":1700003599})");
     EXPECT_TRUE(actions.empty());
+    EXPECT_TRUE(log.has(std::string{error_line} + "access_token_received - missing access_token"));
     velm_fcm_messaging_push_to_all(30, 0);
     EXPECT_EQ(token_requests.size(), 1U) << "the old key's token is not held";
 }
