@@ -260,6 +260,16 @@ TEST_F(Fcm, EveryStepOfASendIsLogged)
     EXPECT_TRUE(log.has(trace + "send_push_handler " + context.data() + " - body: {\"name\":1}"));
 }
 
+TEST_F(Fcm, AnAnswerWithoutABodyIsLoggedByItsCodeAlone)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    push();
+    answer(200, "");
+    EXPECT_TRUE(log.contains("] - code: 200"));
+    EXPECT_FALSE(log.contains("] - body: "));
+}
+
 TEST_F(Fcm, ATokenWithoutALifetimeServesOnce)
 {
     pair_slot(0, "a", "ta");
@@ -352,6 +362,17 @@ TEST_F(Fcm, AnEmptyPushTokenIsNotSent)
     push();
     EXPECT_TRUE(sent.empty());
     EXPECT_TRUE(log.has(std::string{error_line} + "send_push - empty push_token"));
+}
+
+TEST_F(Fcm, AnEmptyPushTokenIsToldBeforeAnythingThatTheAccountLacks)
+{
+    const captured_log log;
+    write_key(R"({"client_email":"a@b"})");
+    velm_fcm_messaging_init(&config);
+    pair_slot(0, "a", "");
+    push();
+    EXPECT_TRUE(log.has(std::string{error_line} + "send_push - empty push_token"));
+    EXPECT_EQ(log.count("ERROR"), 1);
 }
 
 TEST_F(Fcm, AKeyWithoutProjectIdSendsNothing)

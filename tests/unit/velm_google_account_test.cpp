@@ -244,6 +244,7 @@ INSTANTIATE_TEST_SUITE_P(Reasons, UnreadyAccount, testing::Values(
     unready_account{"EmptyProject",    R"({"project_id":""})",      token, "missing project_id"},
     unready_account{"ProjectNumber",   R"({"project_id":5})",       token, "missing project_id"},
     unready_account{"NoKeyAtAll",      "no json",                   token, "missing project_id"},
+    unready_account{"NeitherProjectNorToken", "{}", "",                    "missing project_id"},
     unready_account{"NoToken",         key, "",                            "missing auth token"},
     unready_account{"NoAccessToken",   key, R"({"valid_to":1})",           "missing access_token"},
     unready_account{"EmptyToken",      key, R"({"access_token":""})",      "missing access_token"},
