@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/objects.h>
 
+#include <array>
+#include <cstdio>
 #include <string>
 
 #include "fakes/captured_log.h"
@@ -206,6 +210,18 @@ TEST_F(AndroidToken, ForAnotherDecryptionKeyIsRefused)
 TEST_F(AndroidToken, SignedByAnotherKeyIsRefused)
 {
     expect_library_line(open_inner(jws_make(other_signer.get(), payload)), "cjose_jws_verify");
+}
+
+TEST_F(AndroidToken, IsRefusedForItsOwnFaultAndNotForOneThatWasLeftBehind)
+{
+    const std::string token = jwe_make({test_bytes(32, 0x5b)}, signed_text).compact();
+    EXPECT_EQ(EVP_PKEY_CTX_new_id(99999, nullptr), nullptr);
+    const unsigned long stale = ERR_peek_error();
+    ASSERT_NE(stale, 0U);
+    expect_library_line(open(token), "cjose_jwe_decrypt");
+    std::array<char, 16> code{};
+    std::snprintf(code.data(), code.size(), "%08lX", stale);
+    EXPECT_FALSE(log.contains(code.data())) << log.lines().front();
 }
 
 // What the token says of its own protection.
