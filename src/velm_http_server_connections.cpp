@@ -27,6 +27,7 @@ struct server_connection {
     in_addr_t address = 0;
     http_intake intake;
     event_ptr timer;
+    event_ptr next_turn; // a timer without delay
     bool reply_overdue = false;
 };
 
@@ -118,12 +119,28 @@ void begin_to_linger(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(timer, &linger_time)", rc);
 }
 
+void ask_for_next_turn(server_connection *peer)
+{
+    constexpr timeval now{};
+    const int rc = evtimer_add(peer->next_turn.get(), &now);
+    REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
+}
+
 void go_on(server_connection *peer, intake_result result)
 {
-    if (result == intake_result::moved_on) {
+    switch (result) {
+    case intake_result::has_next:
+        ask_for_next_turn(peer);
+        [[fallthrough]];
+    case intake_result::moved_on:
         restart_timer(peer);
-    } else if (result == intake_result::refused) {
+        break;
+    case intake_result::refused:
         begin_to_linger(peer);
+        break;
+    case intake_result::ended:
+    case intake_result::waits:
+        break;
     }
 }
 
@@ -138,6 +155,12 @@ void on_write(bufferevent *, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
     go_on(peer, http_intake_written(&peer->intake));
+}
+
+void on_next_turn(evutil_socket_t, short, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    go_on(peer, http_intake_next(&peer->intake));
 }
 
 void on_event(bufferevent *bev, short events, void *argument) noexcept
@@ -228,6 +251,8 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     peer->address = peer_address(connection);
     peer->timer.reset(evtimer_new(connection->evbase, on_time_up, peer));
     REQUIRE_MEMORY(peer->timer, "timer");
+    peer->next_turn.reset(evtimer_new(connection->evbase, on_next_turn, peer));
+    REQUIRE_MEMORY(peer->next_turn, "next_turn");
     state.connections.push_back(std::move(owned));
     const int rc =
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);

@@ -330,8 +330,12 @@ intake_result http_intake_written(http_intake *intake)
     evhtp_connection_drop_parser(intake->connection);
     intake->handed = 0;
     intake->held.shrink_to_fit();
-    const intake_result result = take_all_held(intake);
-    return result == intake_result::waits ? intake_result::moved_on : result;
+    return intake->held.empty() ? intake_result::moved_on : intake_result::has_next;
+}
+
+intake_result http_intake_next(http_intake *intake)
+{
+    return take_all_held(intake);
 }
 
 void http_intake_end(const http_intake *intake)

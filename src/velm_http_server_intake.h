@@ -52,6 +52,7 @@ enum class intake_result {
     ended,    // the connection is freed, and the intake with it
     waits,    // for more bytes, or for the reply to leave
     moved_on, // a request has become whole, or a reply has left
+    has_next, // a reply has left, and more was sent already: http_intake_next is to look at it
     refused,  // an answer that says so is on its way; the connection is to end soon
 };
 
@@ -63,6 +64,10 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
 /// The connection has bytes to read, or has sent all that was to be sent.
 [[nodiscard]] intake_result http_intake_read(http_intake *intake);
 [[nodiscard]] intake_result http_intake_written(http_intake *intake);
+
+/// Takes up what was sent behind the request before. On a turn of its own: else a client that sends
+/// thousands of requests at once would have them all answered before anybody else is served.
+[[nodiscard]] intake_result http_intake_next(http_intake *intake);
 
 /// The connection is being freed. The owner of the intake calls this before it frees it.
 void http_intake_end(const http_intake *intake);

@@ -266,6 +266,27 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto &row) { return string{row.param.name}; });
 // clang-format on
 
+TEST_F(HttpServer, RequestsThatComeTogetherAreAnsweredOneALoopTurn)
+{
+    start();
+    const auto peer = connected();
+    string many;
+    for (int i = 0; i < 800; ++i) {
+        many += "GET /x HTTP/1.1\r\n\r\n";
+    }
+    peer->send(many);
+    const auto answered = [this] {
+        return log.count("WARN velm_http_server - http_method_default - unknown path");
+    };
+    for (int before = answered(); before < 800; before = answered()) {
+        event_base_loop(loop, EVLOOP_ONCE);
+        ASSERT_LE(answered() - before, 2);
+    }
+    for (int i = 0; i < 800; ++i) {
+        ASSERT_EQ(peer->receive().status, 404) << i;
+    }
+}
+
 class OtherPath : public HttpServer, public testing::WithParamInterface<const char *> {};
 TEST_P(OtherPath, IsNotFound)
 {
