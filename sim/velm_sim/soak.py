@@ -39,7 +39,7 @@ WARM = 100
 PUSH_INTERVAL = 61
 TRIPS_A_COUNT = 100  # of pushes, so that the cloud is never far behind
 MEASURES, TRIPS_A_MEASURE = 6, 10
-GROWTH_KIB = 256  # what the allocator's pages may move by
+GROWTH_KIB = 512  # what the allocator's pages may move by
 SENT = Answer.json({"name": "sent"})
 
 
@@ -199,7 +199,7 @@ def soak(build: Build, trips: int, seconds: float) -> str:
     with contextlib.ExitStack() as cleanup:
         made = Soak(build, cleanup)
         try:
-            made.run(WARM - MEASURES * TRIPS_A_MEASURE)
+            made.run(WARM)
             first = made.settled()
             print(f"after {made.trips:6}: {first} (settled)", flush=True)
             for goal in _goals(trips):
@@ -219,8 +219,8 @@ def soak(build: Build, trips: int, seconds: float) -> str:
 def _goals(trips: int) -> Iterator[int]:
     """Where to measure: at ten points, or each thousand trips."""
     pace = max(min(trips // 10, 1000), WARM)
-    yield from range(WARM + pace, trips, pace)
-    yield max(trips, WARM)
+    yield from range(2 * WARM + pace, trips, pace)
+    yield max(trips, 2 * WARM)
 
 
 def main() -> int:

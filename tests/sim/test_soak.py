@@ -10,8 +10,8 @@ from velm_sim.soak import Measure, compare
     ("last", "problems"),
     [
         (Measure(1000, 500, 16, 6), 0),
-        (Measure(1256, 756, 16, 6), 0),
-        (Measure(1257, 757, 16, 6), 2),
+        (Measure(1512, 1012, 16, 6), 0),
+        (Measure(1513, 1013, 16, 6), 2),
         (Measure(900, 400, 17, 6), 1),
         (Measure(900, 400, 15, 7), 2),
     ],
