@@ -21,18 +21,6 @@ from velm_sim.promptness import assert_prompt, latencies
 
 
 @contextlib.contextmanager
-def black_hole(network: Network) -> Iterator[None]:
-    """Packets to the cloud get lost."""
-    network.cloud.batch("link set eth0 down\n")
-    try:
-        yield
-    finally:
-        network.cloud.batch(
-            f"link set eth0 up\nroute replace 192.168.1.0/24 via {Network.UPLINK_ADDRESS}\n"
-        )
-
-
-@contextlib.contextmanager
 def refusing(cloud: Cloud) -> Iterator[None]:
     cloud.stop()
     try:
@@ -56,7 +44,7 @@ def answering(cloud: Cloud, answer: Answer) -> Iterator[None]:
 
 TROUBLES: dict[str, Callable[[Network, Cloud], contextlib.AbstractContextManager[None]]] = {
     "refuses": lambda network, cloud: refusing(cloud),
-    "is a black hole": lambda network, cloud: black_hole(network),
+    "is a black hole": lambda network, cloud: network.cloud_out_of_reach(),
     "stalls in TLS": lambda network, cloud: changed(cloud, handshakes=False),
     "has another certificate": lambda network, cloud: changed(cloud, certificate="other_ca"),
     "is silent": lambda network, cloud: answering(cloud, SILENCE),
