@@ -330,11 +330,17 @@ intake_result http_intake_written(http_intake *intake)
     evhtp_connection_drop_parser(intake->connection);
     intake->handed = 0;
     intake->held.shrink_to_fit();
-    return intake->held.empty() ? intake_result::moved_on : intake_result::has_next;
+    if (intake->held.empty()) {
+        return intake_result::moved_on;
+    }
+    // The end of a client that has said all must not overtake what it said.
+    bufferevent_disable(bev, EV_READ);
+    return intake_result::has_next;
 }
 
 intake_result http_intake_next(http_intake *intake)
 {
+    bufferevent_enable(intake->connection->bev, EV_READ); // a request that is checked ends it again
     return take_all_held(intake);
 }
 

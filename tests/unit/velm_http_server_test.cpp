@@ -287,6 +287,18 @@ TEST_F(HttpServer, RequestsThatComeTogetherAreAnsweredOneALoopTurn)
     }
 }
 
+TEST_F(HttpServer, RequestsThatComeTogetherAreAllAnsweredThoughTheClientHasEnded)
+{
+    start();
+    const auto peer = connected();
+    peer->send("GET /x HTTP/1.1\r\n\r\nGET /info HTTP/1.1\r\n\r\nGET /x HTTP/1.1\r\n\r\n");
+    SSL_shutdown(peer->tls());
+    shutdown(peer->fd(), SHUT_WR);
+    for (const int status : {404, 200, 404}) {
+        EXPECT_EQ(peer->receive().status, status);
+    }
+}
+
 class OtherPath : public HttpServer, public testing::WithParamInterface<const char *> {};
 TEST_P(OtherPath, IsNotFound)
 {
