@@ -119,6 +119,7 @@ bool velm_utils_parse_mac_address(const char *src, std::uint8_t *dest)
     REQUIRE_NOT_NULL(src, "src");
     REQUIRE_NOT_NULL(dest, "dest");
     velm_mac_address mac{};
+    // NOLINTNEXTLINE(cert-err34-c): two digits always fit a byte
     if (std::sscanf(src, "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", &mac[0], &mac[1], &mac[2], &mac[3],
                     &mac[4], &mac[5]) != static_cast<int>(mac.size())) {
         return false;
