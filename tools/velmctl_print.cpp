@@ -18,6 +18,7 @@ constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
     std::array<char, 1024> line{}; // two numbers of 310 digits fit
     va_list arguments;
     va_start(arguments, pattern);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is two lines above
     std::vsnprintf(line.data(), line.size(), pattern, arguments);
     va_end(arguments);
     return line.data();

@@ -12,8 +12,8 @@ ios_app_bytes ios_app_bytes_copy(std::span<const std::uint8_t> source)
         return {};
     }
     std::copy(source.begin(), source.end(), copy.data.get());
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the unique_ptr that is returned owns it
     return copy;
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the unique_ptr that is returned owns it
 }
 
 std::span<const std::uint8_t> byte_reader::take(std::uint64_t count)
