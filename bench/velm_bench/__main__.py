@@ -23,6 +23,7 @@ from . import https, idle, micro
 from .figures import Figure, Verdict, table, write
 from .https import FULL, QUICK, Bench, Extent
 from .load import LoadClient
+from .packets import packets
 from .plot import svg
 from .servers import ADDRESS, Peers, Server, rsa_identity, start_velmd
 
@@ -75,6 +76,7 @@ def servers(build: Build, extent: Extent) -> Iterator[tuple[Bench, Peers, Server
 def measure_servers(run: Run, build: Build, extent: Extent) -> None:
     with servers(build, extent) as (bench, peers, mosquitto):
         run.take("idle", lambda: idle.idle(bench, mosquitto))
+        run.take("SSDP and IPC", lambda: packets(bench, build.directory / "bin"))
         host = bench.access_point.lan_host()
         peers.publish("info", host.request("/info").body)
         peers.publish("location", b"")
@@ -111,7 +113,6 @@ def measure_steps(run: Run, build: Build, extent: Extent) -> None:
             lambda: micro.verifications(programs, Path(scratch), extent.micro_seconds),
         )
     run.take("steps in process", lambda: micro.micro(programs, extent.micro_seconds))
-    run.take("SSDP and IPC", lambda: micro.datagrams_and_packets(programs))
 
 
 def machine() -> dict[str, object]:

@@ -21,12 +21,11 @@ from velm_sim.app_attest import (
     sha256,
 )
 
-from .figures import Figure, Target, at_most, ratio_at_most
+from .figures import Figure, Target, ratio_at_most
 
 PACKAGE = "com.norvale.afc"
 # Of pairs that velm-micro names NAME/velmd and NAME/bare.
 RATIOS = {"attest": 1.25, "assert": 1.10, "integrity": 1.15}
-LOAD_RATIOS = {"ssdp": ("M-SEARCH to reply", 1.15), "ipc": ("IPC request to status-3 answer", 1.35)}
 
 
 class MissingProgram(RuntimeError):
@@ -174,30 +173,3 @@ def verifications(programs: Path, scratch: Path, seconds: float) -> list[Figure]
         Figure(what, "us CPU", operation_us(programs, kind, objects, times), peer, bare, target)
         for kind, what, peer, bare, target in rows
     ]
-
-
-# velm-load.
-
-
-def datagrams_and_packets(programs: Path) -> list[Figure]:
-    """SSDP and IPC, each beside a loop that does nothing but receive and send."""
-    figures = []
-    for kind, (what, most) in LOAD_RATIOS.items():
-        own, bare = (
-            _load(programs, name) for name in (kind, f"{kind}-peer")
-        )
-        figures.append(
-            Figure(what, "us CPU", own["cpu_us"], "bare loop", bare["cpu_us"], ratio_at_most(most))
-        )
-        if "lost" in own:
-            figures.append(Figure(f"{what}: lost", "", own["lost"], target=at_most(0)))
-    return figures
-
-
-def _load(programs: Path, kind: str) -> dict[str, float]:
-    command = [required(programs, "velm-load"), kind]
-    done = subprocess.run(command, capture_output=True, text=True, timeout=60)
-    if done.returncode != 0:
-        raise RuntimeError(f"velm-load {kind}: {done.stderr.strip()}")
-    said: dict[str, float] = json.loads(done.stdout)
-    return said
