@@ -86,6 +86,7 @@ bool password_matches(const char *stored, const char *password)
 /// Called for a null that glibc followed, or an assertion of its own that failed.
 void look_up_had_no_memory(int /*signal*/)
 {
+    std::signal(SIGABRT, SIG_DFL); // or the line would come twice
     FATAL("%s: %s is null: %s", "velm_user_auth_passwd_prepare", "getpwnam_r", "not enough memory");
 }
 
@@ -98,7 +99,6 @@ void velm_user_auth_passwd_prepare()
     passwd *found = nullptr;
     struct sigaction fatal_line = {};
     fatal_line.sa_handler = look_up_had_no_memory;
-    fatal_line.sa_flags = static_cast<int>(SA_RESETHAND); // its own abort() ends the process
     struct sigaction before_fault = {};
     struct sigaction before_abort = {};
     sigaction(SIGSEGV, &fatal_line, &before_fault);

@@ -257,6 +257,7 @@ typedef int wait_function(int, struct epoll_event *, int, int);
 typedef int control_function(int, int, int, struct epoll_event *);
 typedef int rename_function(int, const char *, int, const char *);
 typedef int lock_function(int, int);
+typedef int shutdown_function(int, int);
 typedef ssize_t read_function(int, void *, size_t);
 typedef ssize_t write_function(int, const void *, size_t);
 typedef ssize_t send_function(int, const void *, size_t, int);
@@ -318,6 +319,14 @@ ssize_t writev(int fd, const struct iovec *parts, int count)
     NEXT(vector_function, "writev")
     end_copy_at_stream(fd);
     return real(fd, parts, count);
+}
+
+/* Closing ends nothing for the daemon, which holds the connection too; this would. */
+int shutdown(int fd, int how)
+{
+    NEXT(shutdown_function, "shutdown")
+    end_copy();
+    return real(fd, how);
 }
 
 /* Every change of the store begins with its lock. */

@@ -56,7 +56,6 @@ class AllocationFault:
         struct.pack_into("=Q", self._map, 8, 0)
         struct.pack_into("=Q", self._map, 0, 0)
         struct.pack_into("=3Q", self._map, 16, every, int(sweep), 0)
-        self._map[CONTROL.size :] = bytes(4000)
         struct.pack_into("=Q", self._map, 8, first)
 
     def count(self) -> None:
