@@ -93,12 +93,15 @@ def test_pushes_leave_one_second_apart(
     cloud: Cloud, pair_phones: Callable[[int], list[Phone]], ipc: IpcClient
 ) -> None:
     phones = pair_phones(3)
+    asked = time.monotonic()
     ipc.request()
     pushes = cloud.fcm.wait(3)
     tokens = [push.json()["message"]["token"] for push in pushes]
     assert tokens == [phone.profile.push_token for phone in phones]
-    gaps = [after.monotonic - before.monotonic for before, after in zip(pushes, pushes[1:])]
-    assert all(0.8 < gap < 1.5 for gap in gaps), gaps
+    # The first one second after the request. Never early; and late only by what a busy machine takes
+    # for a TLS connection.
+    moments = [push.monotonic - asked for push in pushes]
+    assert all(n <= moment < n + 0.95 for n, moment in enumerate(moments, start=1)), moments
 
 
 def test_a_request_without_a_paired_phone_is_answered_at_once(cloud: Cloud, ipc: IpcClient) -> None:
