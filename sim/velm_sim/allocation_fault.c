@@ -66,8 +66,7 @@ static void note_trace(void)
         }
         const char *const slash = strrchr(where.dli_fname, '/');
         const char *const name = slash != NULL ? slash + 1 : where.dli_fname;
-        const unsigned long offset =
-            (unsigned long)((char *)frames[i] - (char *)where.dli_fbase);
+        const unsigned long offset = (unsigned long)((char *)frames[i] - (char *)where.dli_fbase);
         used += (size_t)snprintf(control->trace + used, TRACE_SIZE - used, "%.60s %.100s+0x%lx\n",
                                  name, where.dli_sname != NULL ? where.dli_sname : "?", offset);
     }
@@ -115,8 +114,7 @@ static void append_result(uint64_t number, int status)
 {
     char line[64];
     const int kind = WIFSIGNALED(status) ? WTERMSIG(status) : 1000 + WEXITSTATUS(status);
-    const int length =
-        snprintf(line, sizeof line, "%llu %d\n", (unsigned long long)number, kind);
+    const int length = snprintf(line, sizeof line, "%llu %d\n", (unsigned long long)number, kind);
     const int fd = open(results, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     if (fd >= 0) {
         (void)!write(fd, line, (size_t)length);
@@ -246,11 +244,11 @@ static void *next(const char *name)
     return found;
 }
 
-#define NEXT(type, name)                                                                          \
-    static type *real;                                                                            \
-    if (real == NULL) {                                                                           \
-        void *const found = next(name);                                                           \
-        memcpy(&real, &found, sizeof found);                                                      \
+#define NEXT(type, name)                                                                           \
+    static type *real;                                                                             \
+    if (real == NULL) {                                                                            \
+        void *const found = next(name);                                                            \
+        memcpy(&real, &found, sizeof found);                                                       \
     }
 
 typedef int wait_function(int, struct epoll_event *, int, int);

@@ -22,7 +22,7 @@
 
 struct control {
     uint64_t counted;
-    uint64_t from; /* 0: none */
+    uint64_t from;  /* 0: none */
     uint64_t lasts; /* 0: that one only */
     uint64_t error;
     uint64_t failed;
@@ -81,26 +81,26 @@ static int is_log_file(int fd)
     return is_log(path);
 }
 
-#define WRAPPED(result, name, parameters, arguments)                                              \
-    result name parameters                                                                        \
-    {                                                                                             \
-        static result(*real) parameters;                                                          \
-        if (real == NULL) {                                                                       \
-            void *const found = next(#name);                                                      \
-            memcpy(&real, &found, sizeof found);                                                  \
-        }                                                                                         \
-        return fails(#name) ? (result)-1 : real arguments;                                        \
+#define WRAPPED(result, name, parameters, arguments)                                               \
+    result name parameters                                                                         \
+    {                                                                                              \
+        static result(*real) parameters;                                                           \
+        if (real == NULL) {                                                                        \
+            void *const found = next(#name);                                                       \
+            memcpy(&real, &found, sizeof found);                                                   \
+        }                                                                                          \
+        return fails(#name) ? (result)-1 : real arguments;                                         \
     }
 
-#define WRAPPED_FILE(result, name, call, parameters, arguments)                                   \
-    result name parameters                                                                        \
-    {                                                                                             \
-        static result(*real) parameters;                                                          \
-        if (real == NULL) {                                                                       \
-            void *const found = next(#name);                                                      \
-            memcpy(&real, &found, sizeof found);                                                  \
-        }                                                                                         \
-        return control != NULL && !is_log_file(fd) && fails(call) ? (result)-1 : real arguments;  \
+#define WRAPPED_FILE(result, name, call, parameters, arguments)                                    \
+    result name parameters                                                                         \
+    {                                                                                              \
+        static result(*real) parameters;                                                           \
+        if (real == NULL) {                                                                        \
+            void *const found = next(#name);                                                       \
+            memcpy(&real, &found, sizeof found);                                                   \
+        }                                                                                          \
+        return control != NULL && !is_log_file(fd) && fails(call) ? (result)-1 : real arguments;   \
     }
 
 WRAPPED(int, socket, (int family, int type, int protocol), (family, type, protocol))
@@ -153,28 +153,28 @@ ssize_t pread(int fd, void *bytes, size_t size, off_t offset)
     return pread64(fd, bytes, size, offset);
 }
 
-#define WRAPPED_OPEN(name, first, forwarded)                                                      \
-    {                                                                                             \
-        static int(*real) first;                                                                  \
-        if (real == NULL) {                                                                       \
-            void *const found = next(name);                                                       \
-            memcpy(&real, &found, sizeof found);                                                  \
-        }                                                                                         \
-        va_list rest;                                                                             \
-        va_start(rest, flags);                                                                    \
-        const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(rest, mode_t) : 0;           \
-        va_end(rest);                                                                             \
-        return !is_log(path) && fails("open") ? -1 : real forwarded;                              \
+#define WRAPPED_OPEN(name, first, forwarded)                                                       \
+    {                                                                                              \
+        static int(*real) first;                                                                   \
+        if (real == NULL) {                                                                        \
+            void *const found = next(name);                                                        \
+            memcpy(&real, &found, sizeof found);                                                   \
+        }                                                                                          \
+        va_list rest;                                                                              \
+        va_start(rest, flags);                                                                     \
+        const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(rest, mode_t) : 0;            \
+        va_end(rest);                                                                              \
+        return !is_log(path) && fails("open") ? -1 : real forwarded;                               \
     }
 
-int open(const char *path, int flags, ...)
-WRAPPED_OPEN("open", (const char *, int, ...), (path, flags, mode))
-int open64(const char *path, int flags, ...)
-WRAPPED_OPEN("open64", (const char *, int, ...), (path, flags, mode))
-int openat(int directory, const char *path, int flags, ...)
-WRAPPED_OPEN("openat", (int, const char *, int, ...), (directory, path, flags, mode))
+int open(const char *path, int flags,
+         ...) WRAPPED_OPEN("open", (const char *, int, ...),
+                           (path, flags, mode)) int open64(const char *path, int flags, ...)
+    WRAPPED_OPEN("open64", (const char *, int, ...),
+                 (path, flags, mode)) int openat(int directory, const char *path, int flags, ...)
+        WRAPPED_OPEN("openat", (int, const char *, int, ...), (directory, path, flags, mode))
 
-__attribute__((constructor)) static void begin(void)
+            __attribute__((constructor)) static void begin(void)
 {
     const char *const path = getenv("VELM_CALL_FAULT");
     const char *const program = getenv("VELM_CALL_FAULT_PROGRAM");
