@@ -18,8 +18,6 @@ handles = "src/handles/"
 
 # (file without its ending, name): why it may stand there.
 allowed = {
-    ("src/logger/fatal", "malloc"): "the allocator that cJSON is given: it never returns null",
-    ("src/logger/fatal", "free"): "goes to cJSON with that allocator",
     ("src/http/http_client", "http_client_connection_free"): "public: ends a connection",
     ("src/http/http_client", "http_client_context_free"): "takes a request out of the list of them",
     ("src/ios_validation/ios_app_validate", "ios_app_validator_free"): "public, held by a handle",
