@@ -78,7 +78,8 @@ def test_lets_the_handles_free(tmp_path: Path) -> None:
 
 
 def test_lets_stand_what_is_named_with_a_reason(tmp_path: Path) -> None:
-    assert tree(tmp_path, "src/logger/fatal.cpp", "std::malloc(size);\n") == []
+    call = "http_client_context_free(ctx);\n"
+    assert tree(tmp_path, "src/http/http_client.cpp", call) == []
 
 
 def test_reports_an_exception_that_nobody_uses(tmp_path: Path) -> None:
