@@ -22,15 +22,6 @@ install_peers() (
 )
 install_peers
 
-log=build/bench/build.log
-mkdir -p build/bench
-targets="velmd velmctl nvram velm-https-load"
-# Each of these is one part of the table, which says so when one is not there.
-for target in velm-micro velm-bench velm-load; do
-    grep -rqs "add_executable($target\b" bench/CMakeLists.txt bench/*/CMakeLists.txt && targets="$targets $target"
-done
-# shellcheck disable=SC2086  # one word a target
-{ cmake --preset release && cmake --build --preset release --target $targets; } >"$log" 2>&1 ||
-    { tail -n 60 "$log" >&2; exit 1; }
+./scripts/build.sh release velmd velmctl nvram velm-https-load velm-micro velm-bench velm-load
 
 PYTHONPATH=sim:bench exec /usr/bin/python3 -B -m velm_bench --output build/bench "$@"

@@ -18,16 +18,6 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 
 ./scripts/install-dependencies.sh
-
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-echo "Building the release preset ..."
-if ! { cmake --preset release &&
-    cmake --build --preset release --target velmd nvram velmctl; } >"$log" 2>&1; then
-    tail -n 60 "$log" >&2
-    exit 1
-fi
-rm -f "$log"
-trap - EXIT
+./scripts/build.sh release velmd nvram velmctl
 
 PYTHONPATH=sim exec /usr/bin/python3 -m velm_sim.demo --build build/release "$@"

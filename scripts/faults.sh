@@ -6,7 +6,6 @@ set -eu
 cd "$(dirname "$0")/.."
 
 ./scripts/install-dependencies.sh
-cmake --preset release >/dev/null
-cmake --build --preset release --target velmd nvram velmctl >/dev/null
+./scripts/build.sh release velmd nvram velmctl
 exec /usr/bin/python3 -m pytest -q -p no:cacheprovider -n 4 --dist loadgroup --build=build/release \
     --every-fault tests/e2e/test_faults_*.py "$@"

@@ -13,13 +13,6 @@ if ! [[ ${1:-100000} =~ ^[1-9][0-9]*$ ]]; then
     exit 2
 fi
 ./scripts/install-dependencies.sh
-
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-echo "Building the release preset ..."
-{ cmake --preset release && cmake --build --preset release --target velmd nvram velmctl; } >"$log" 2>&1 ||
-    { tail -n 60 "$log" >&2; exit 1; }
-rm -f "$log"
-trap - EXIT
+./scripts/build.sh release velmd nvram velmctl
 
 PYTHONPATH=sim exec /usr/bin/python3 -B -m velm_sim.soak "$@"

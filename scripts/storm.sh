@@ -17,14 +17,6 @@ fi
 
 case " $* " in
 *" --dry-run "* | *" --build "*) ;;
-*)
-    log=$(mktemp)
-    trap 'rm -f "$log"' EXIT
-    echo "Building the asan preset ..."
-    { cmake --preset asan && cmake --build --preset asan --target velmd nvram velmctl; } >"$log" 2>&1 ||
-        { tail -n 60 "$log" >&2; exit 1; }
-    rm -f "$log"
-    trap - EXIT
-    ;;
+*) ./scripts/build.sh asan velmd nvram velmctl ;;
 esac
 PYTHONPATH=sim exec /usr/bin/python3 -B -m velm_sim.storm "$@"

@@ -1,0 +1,17 @@
+#!/bin/sh
+# Builds targets of a preset and says so in one line; a build that fails shows the end of its log.
+#
+# usage: scripts/build.sh PRESET [TARGET ...]      all targets when none is named
+set -eu
+cd "$(dirname "$0")/.."
+
+preset=$1
+shift
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+echo "Building the $preset preset ..."
+if ! { cmake --preset "$preset" && cmake --build --preset "$preset" ${1:+--target "$@"}; } >"$log" 2>&1
+then
+    tail -n 100 "$log" >&2
+    exit 1
+fi
