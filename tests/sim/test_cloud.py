@@ -16,7 +16,7 @@ from cryptography.hazmat.primitives.asymmetric import padding
 from velm_sim.answers import GARBAGE, HANG_UP, Answer
 from velm_sim.cloud import FORM_TYPE, HOSTS, UNREGISTERED, Cloud
 from velm_sim.lan_http import LanHost, Reply
-from velm_sim.namespaces import Network, remove_stale
+from velm_sim.namespaces import Network
 from velm_sim.service_account import (
     GRANT_TYPE,
     MESSAGING_SCOPE,
@@ -57,30 +57,12 @@ def account() -> ServiceAccount:
     return ServiceAccount()
 
 
-@pytest.fixture(scope="module")
-def network() -> Iterator[Network]:
-    remove_stale()
-    made = Network()
-    yield made
-    made.close()
-
-
 @pytest.fixture
 def cloud(network: Network, account: ServiceAccount) -> Iterator[Cloud]:
     made = Cloud(network.cloud, network.CLOUD_ADDRESS, account=account)
     made.start()
     yield made
     made.stop()
-
-
-@pytest.fixture
-def caller(network: Network, cloud: Cloud) -> LanHost:
-    """Somebody in the access point's network who trusts the cloud's CA."""
-    host = LanHost(
-        network.ap, network.CLOUD_ADDRESS, 443, cloud.certificates.authority.pem, timeout=2
-    )
-    host.context().check_hostname = False
-    return host
 
 
 def ask_token(caller: LanHost, assertion: str, **headers: str) -> Reply:

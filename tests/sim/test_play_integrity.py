@@ -15,7 +15,7 @@ from test_cloud import HEADER, right_claims, sign
 from velm_sim.app_attest import sha256
 from velm_sim.cloud import FORM_TYPE, HOSTS, Cloud
 from velm_sim.lan_http import LanHost, Reply
-from velm_sim.namespaces import Network, remove_stale
+from velm_sim.namespaces import Network
 from velm_sim.phone import OMIT
 from velm_sim.play_integrity import (
     LABELS,
@@ -113,29 +113,12 @@ def test_a_token_is_refused_when(name: str, keys: IntegrityKeys) -> None:
         open_token(keys, WRONG[name](keys).decode())
 
 
-@pytest.fixture(scope="module")
-def network() -> Iterator[Network]:
-    remove_stale()
-    made = Network()
-    yield made
-    made.close()
-
-
 @pytest.fixture
 def cloud(network: Network, keys: IntegrityKeys) -> Iterator[Cloud]:
     made = Cloud(network.cloud, network.CLOUD_ADDRESS, integrity_keys=keys)
     made.start()
     yield made
     made.stop()
-
-
-@pytest.fixture
-def caller(network: Network, cloud: Cloud) -> LanHost:
-    host = LanHost(
-        network.ap, network.CLOUD_ADDRESS, 443, cloud.certificates.authority.pem, timeout=2
-    )
-    host.context().check_hostname = False
-    return host
 
 
 def access_token(caller: LanHost, cloud: Cloud, scope: str) -> str:
