@@ -7,71 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "async/common_async.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "fakes/fake_google.h"
 #include "fakes/temporary_directory.h"
-#include "http/http_client.h"
-#include "velm_google_auth.h"
-
-namespace {
-
-struct sent_request {
-    http_client_request_data data;
-    http_client_response_handler handler;
-    void *argument;
-};
-std::vector<sent_request> sent;
-int start_result = 0;
-
-struct token_request {
-    std::string project_id, scope;
-    velm_google_auth_response_handler handler;
-    void *context;
-};
-std::vector<token_request> token_requests;
-
-struct queued_action {
-    common_async_callback callback;
-    void *user_data;
-};
-std::vector<queued_action> actions;
-
-} // namespace
-
-// The loop's part: actions are kept until the test runs them.
-int common_async_action_call(common_async_callback callback, void *user_data)
-{
-    actions.push_back({callback, user_data});
-    return 0;
-}
-
-int velm_google_auth_request_access_token(const cJSON *private_key, const char *scope,
-                                          velm_google_auth_response_handler response_handler,
-                                          void *context)
-{
-    const char *const project_id =
-        cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(private_key, "project_id"));
-    token_requests.push_back(
-        {project_id == nullptr ? "" : project_id, scope, response_handler, context});
-    return 0;
-}
-
-int http_request_internal(http_client_method method, const http_client_request_data &data,
-                          http_client_response_handler handler, void *argument)
-{
-    EXPECT_EQ(method, HTTP_CLIENT_POST);
-    if (start_result == 0) {
-        sent.push_back({data, handler, argument});
-    }
-    return start_result;
-}
-
-void http_client_add_header(http_client_request_data *data, const char *header_name,
-                            const char *header_value)
-{
-    data->headers.push_back({header_name, header_value});
-}
 
 namespace {
 
@@ -133,7 +72,7 @@ class GoogleIntegrity : public testing::Test {
 
     static void run_actions()
     {
-        std::vector<queued_action> now;
+        std::vector<scheduled_action> now;
         now.swap(actions);
         for (const auto &action : now) {
             action.callback(action.user_data, 0, nullptr);
