@@ -13,7 +13,7 @@ import socket
 import subprocess
 import tempfile
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 
 NAMESPACE_DIRECTORY = Path("/run/netns")
@@ -164,6 +164,18 @@ class Network:
                 return
             if time.monotonic() > deadline:
                 raise NetworkError(f"the cloud stays out of reach: {os.strerror(outcome)}")
+
+    def move_ap(self, old: str, new: str, between: Callable[[], None]) -> None:
+        """The access point takes an address and gives up another, in that order.
+
+        Connections of the phones that were left unclosed may have been looking for the new address
+        while nobody had it: such a look-up fails seconds later, and takes the next connection with
+        it. So the phones begin theirs anew.
+        """
+        self.ap.batch(f"addr add {new}/24 dev br0\n")
+        self.phone.batch(f"neigh flush to {new} dev eth0\n")
+        between()
+        self.ap.batch(f"addr del {old}/24 dev br0\n")
 
     def close(self) -> None:
         while self._made:

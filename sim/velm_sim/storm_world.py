@@ -194,14 +194,16 @@ class World:
             return
         self.drain()
         before = (self.daemon.https_listener(), self.daemon.ipc_listener())
-        self.network.ap.batch(f"addr add {address}/24 dev br0\n")
 
         def moved() -> bool:
             after = (self.daemon.https_listener(), self.daemon.ipc_listener())
             return all(after) and all(new != old for new, old in zip(after, before))
 
-        wait_until(moved, 10, f"the servers move to {address}")
-        self.network.ap.batch(f"addr del {self.address}/24 dev br0\n")
+        self.network.move_ap(
+            self.address,
+            address,
+            lambda: wait_until(moved, 10, f"the servers move to {address}"),
+        )
         self.address = address
         for phone in self.phones:
             phone.host.server = address
