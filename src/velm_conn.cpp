@@ -54,11 +54,12 @@ void connection_close(velm_conn *conn)
 }
 
 /// A packet without bytes reads like the end of the stream. It is the end only when the peer has
-/// shut down and nothing more lies in the queue.
+/// shut down and nothing more lies in the queue. A signal may interrupt even a poll that does not
+/// wait: the end is read again in the next turn.
 bool is_end_of_stream(int socket)
 {
     pollfd peer{socket, POLLRDHUP, 0};
-    if (poll(&peer, 1, 0) == 0) {
+    if (poll(&peer, 1, 0) <= 0) {
         return false;
     }
     int unread = 0;

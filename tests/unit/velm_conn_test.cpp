@@ -2,15 +2,34 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include <array>
+#include <cerrno>
 #include <string>
 
 #include "fakes/captured_log.h"
 #include "fakes/ipc_peer.h"
 #include "handles/libevent.h"
+
+namespace {
+
+bool poll_is_interrupted = false;
+
+} // namespace
+
+/// Stands in for the C library's, which a signal interrupts even when it need not wait.
+extern "C" int poll(pollfd *descriptors, nfds_t count, int)
+{
+    if (poll_is_interrupted) {
+        errno = EINTR;
+        return -1;
+    }
+    constexpr timespec at_once{};
+    return ppoll(descriptors, count, &at_once, nullptr);
+}
 
 namespace {
 
@@ -213,6 +232,26 @@ TEST_F(Conn, AnEmptyPacketIsNoEndOfTheStream)
     ASSERT_TRUE(ipc_send(peer, ipc_request(3)));
     EXPECT_TRUE(turn_until_handled(1));
     EXPECT_FALSE(velm_conn_is_closed(conn.get()));
+}
+
+TEST_F(Conn, ASignalWhileAnEmptyPacketIsReadEndsNothing)
+{
+    poll_is_interrupted = true;
+    ASSERT_TRUE(ipc_send(peer, {}));
+    ipc_turn(base.get());
+    poll_is_interrupted = false;
+    EXPECT_FALSE(velm_conn_is_closed(conn.get()));
+    ASSERT_TRUE(ipc_send(peer, ipc_request(8)));
+    EXPECT_TRUE(turn_until_handled(1));
+}
+
+TEST_F(Conn, TheEndOfAPeerIsReadAgainWhenASignalHidIt)
+{
+    poll_is_interrupted = true;
+    peer.reset();
+    ipc_turn(base.get());
+    poll_is_interrupted = false;
+    EXPECT_TRUE(turn_until_closed());
 }
 
 TEST_F(Conn, AnEmptyPacketBeforeALastRequestOfALeavingPeerLosesNothing)
