@@ -62,3 +62,44 @@ def test_scripts_and_presets_exist(document: Path) -> None:
     presets = (REPOSITORY / "CMakePresets.json").read_text()
     missing += [name for name in re.findall(r"--preset (\w+)", text) if f'"{name}"' not in presets]
     assert not missing
+
+
+NAMES_TESTS = ("SECURITY.md", "docs/faults.md", "docs/limits.md", "docs/testing.md")
+
+
+@pytest.mark.parametrize("document", NAMES_TESTS)
+def test_every_file_and_test_that_is_named_is_there(document: str) -> None:
+    """In backquotes: a path of ours, a test's file, a test function."""
+    text = (REPOSITORY / document).read_text()
+    code = "\n".join(path.read_text() for path in (REPOSITORY / "tests").rglob("test_*.py"))
+    missing = []
+    for name in re.findall(r"`([^`\s]+)`", text):
+        if re.fullmatch(r"(u|e|src|tests|sim|fuzz|docs|platform|tools|scripts)/[\w./*-]+", name):
+            path = full_path(re.sub(r"NAME|TARGET", "*", name))
+            there = any(path.parent.glob(path.name))
+        elif re.fullmatch(r"test_\w+\.py|storm_\w+\.py", name):
+            there = any(REPOSITORY.glob(f"tests/*/{name}")) or (
+                REPOSITORY / "sim" / "velm_sim" / name
+            ).is_file()
+        elif name.startswith("test_"):
+            there = f"def {name}(" in code
+        else:
+            continue
+        if not there:
+            missing.append(name)
+    assert not missing
+
+
+def protections() -> list[tuple[str, str]]:
+    """The checks of SECURITY.md, each with what it is shown by."""
+    section = (REPOSITORY / "SECURITY.md").read_text().partition("## What each check protects")[2]
+    rows = [line.strip("|").split("|") for line in section.partition("\n## ")[0].splitlines()
+            if line.startswith("|") and not line.startswith("|--")]  # fmt: skip
+    return [(row[0].strip(), row[2].strip()) for row in rows[1:]]
+
+
+@pytest.mark.parametrize("row", protections(), ids=lambda row: row[0][:40])
+def test_a_protection_names_the_tests_that_show_it(row: tuple[str, str]) -> None:
+    _check, shown_by = row
+    named = re.findall(r"`((?:tests|docs)/[\w./-]+)`", shown_by)
+    assert named and all((REPOSITORY / name).is_file() for name in named), shown_by
