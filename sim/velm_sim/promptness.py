@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
+import contextlib
+import threading
 import time
+from collections.abc import Iterator
 
-from .lan_http import Session
+from .lan_http import LanHost, Session
 
 PROMPT = 0.05
 SAMPLES = 60
@@ -29,3 +32,32 @@ def assert_prompt(taken: list[float], control: list[float]) -> None:
     assert taken[len(taken) // 2] < PROMPT + control[len(control) // 2], (control, taken)
     assert taken[-1 - len(taken) // 20] < PROMPT + control[-1], (control[-5:], taken[-5:])
     assert taken[-1] < 1 + control[-1], (control[-5:], taken[-5:])
+
+
+@contextlib.contextmanager
+def prompt_meanwhile(host: LanHost) -> Iterator[None]:
+    """`/info` is answered promptly all the time that the block takes."""
+    taken: list[float] = []
+    over = threading.Event()
+    failures: list[Exception] = []
+
+    def ask() -> None:
+        try:
+            while not over.is_set():
+                taken.extend(latencies(session, 5))
+        except Exception as failure:  # told by the thread that waits for this one
+            failures.append(failure)
+
+    with host.session() as session:
+        session.connect()
+        control = latencies(session)
+        asking = threading.Thread(target=ask)
+        asking.start()
+        try:
+            yield
+        finally:
+            over.set()
+            asking.join()
+    if failures:
+        raise failures[0]
+    assert_prompt(sorted(taken), control)

@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import base64
 import contextlib
+import itertools
 import socket
 import time
 from collections.abc import Callable, Iterator
@@ -10,14 +12,15 @@ from dataclasses import replace
 
 import pytest
 from velm_sim.access_point import AccessPoint
-from velm_sim.answers import SILENCE, Answer
+from velm_sim.answers import SILENCE, Answer, Endpoint
 from velm_sim.cloud import HOSTS, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
-from velm_sim.phone import Phone
-from velm_sim.promptness import assert_prompt, latencies
+from velm_sim.phone import Phone, Prepared
+from velm_sim.play_integrity import open_token
+from velm_sim.promptness import assert_prompt, latencies, prompt_meanwhile
 
 
 @contextlib.contextmanager
@@ -151,38 +154,86 @@ def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
 ) -> None:  # fmt: skip
     every = 1 if pytestconfig.getoption("--every-fault") else 9
     pushes = Pushes(access_point, cloud, ipc)
-    for status in STATUSES[::every]:
-        if status != 404:
-            pushes.push(Answer(status, b"{}"))
-            assert access_point.pairing(0)["status"] == "Valid", status
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for status in STATUSES[::every]:
+            if status != 404:
+                pushes.push(Answer(status, b"{}"))
+                assert access_point.pairing(0)["status"] == "Valid", status
     pushes.push(Answer(404, b"{}"))
+    wait_until(lambda: access_point.pairing(0)["status"] == "Invalid", 5, "still paired")
+
+
+def cuts(answer: Answer, every: int) -> Iterator[Answer]:
+    """The answer without its last bytes: all the lengths, or some of them and the longest."""
+    raw = answer.head() + answer.body
+    for end in sorted({*range(0, len(raw), every), len(raw) - 1}):
+        yield replace(answer, raw=raw[:end])
+
+
+@pytest.mark.movable_clock
+@pytest.mark.begun_first
+def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
+    pytestconfig: pytest.Config,
+) -> None:  # fmt: skip
+    every = 1 if pytestconfig.getoption("--every-fault") else 17
+    whole = Answer.json({"error": {"code": 404}}, 404)
+    pushes = Pushes(access_point, cloud, ipc)
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for cut in cuts(whole, every):
+            pushes.push(cut)
+            assert access_point.pairing(0)["status"] == "Valid", cut.raw
+    assert paired_phone.location().status == 200
+    assert ipc.receive_report().valid == 1
+    pushes.push(whole)
     wait_until(lambda: access_point.pairing(0)["status"] == "Invalid", 5, "still paired")
 
 
 @pytest.mark.movable_clock
 @pytest.mark.begun_first
-@pytest.mark.parametrize("service", ["token", "push"])
-def test_an_answer_cut_at_any_byte_harms_nobody(
-    service: str,
-    access_point: AccessPoint,
-    cloud: Cloud,
-    paired_phone: Phone,
-    ipc: IpcClient,
+def test_an_access_token_that_is_cut_at_any_byte_is_none(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
     pytestconfig: pytest.Config,
-) -> None:
+) -> None:  # fmt: skip
     every = 1 if pytestconfig.getoption("--every-fault") else 17
-    body = {"token": {"access_token": "t", "expires_in": 1}, "push": {"error": {"code": 404}}}
-    whole = Answer.json(body[service], 404 if service == "push" else 200)
-    raw = whole.head() + whole.body
+    whole = Answer.json({"access_token": "t", "expires_in": 1})
     pushes = Pushes(access_point, cloud, ipc)
-    # Short of its last byte, an answer that would unpair the phone does nothing.
-    status_line = raw.index(b"\r\n\r\n") + 4
-    for end in range(0, len(raw), every):
-        pushes.push(replace(whole, raw=raw[:end]), service)
-        assert access_point.pairing(0)["status"] == "Valid", (end, status_line)
-    assert paired_phone.location().status == 200
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for cut in cuts(whole, every):
+            pushes.fail_for_want_of_a_token(cut)
+    assert not cloud.fcm.requests
+    assert access_point.pairing(0)["status"] == "Valid"
+    pushes.ask(cloud.token, whole)
+    (push,) = cloud.fcm.wait()
+    assert push.headers["authorization"] == "Bearer t"
+
+
+@pytest.mark.begun_first
+def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
+    access_point: AccessPoint, cloud: Cloud, ipc: IpcClient, pytestconfig: pytest.Config
+) -> None:
+    every = 1 if pytestconfig.getoption("--every-fault") else 29
+    phone = access_point.android_phone()
+    assert phone.pair().status == 200
+
+    def verdict(request: Prepared) -> Answer:
+        token = base64.b64decode(request.headers["X-Assertion"]).decode()
+        return Answer.json({"tokenPayloadExternal": open_token(phone.integrity, token)})
+
+    length = sum(1 for _ in cuts(verdict(phone.prepare_location()), every))
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for number in range(length):
+            request = phone.prepare_location()
+            cut = next(itertools.islice(cuts(verdict(request), every), number, None))
+            cloud.integrity.answer_next(cut)
+            assert phone.send(request).status == 412, cut.raw
+    assert ipc.is_silent(0.1)
+    request = phone.prepare_location()
+    whole = verdict(request)
+    cloud.integrity.answer_next(replace(whole, raw=whole.head() + whole.body))
+    assert phone.send(request).status == 200
     assert ipc.receive_report().valid == 1
-    assert access_point.lan_host(1).request("/info").status == 200
+    assert len(cloud.integrity.requests) == 1 + length + 1  # each of them was asked for
 
 
 class Pushes:
@@ -192,17 +243,26 @@ class Pushes:
         self.access_point, self.cloud, self.ipc = access_point, cloud, ipc
         self.count = 0
 
-    def push(self, answer: Answer, service: str = "push") -> None:
-        """Returns when the daemon has taken the answer."""
+    def ask(self, endpoint: Endpoint, answer: Answer) -> None:
+        """Has a push begin in which that endpoint answers so."""
         self.count += 1
         self.access_point.move_clock(61 * self.count)
         self.cloud.clock_offset = 61 * self.count
-        endpoint = self.cloud.token if service == "token" else self.cloud.fcm
         endpoint.answer_next(answer)
-        mark = self.access_point.daemon.log_mark()
         asked = len(endpoint.requests)
         self.ipc.request()
         endpoint.wait(asked + 1)
-        end = "send_push_handler" if service == "push" else "token"
+
+    def push(self, answer: Answer) -> None:
+        """Returns when the daemon has taken the answer to the push."""
+        self._wait_for("send_push_handler", self.cloud.fcm, answer)
+
+    def fail_for_want_of_a_token(self, answer: Answer) -> None:
+        """Returns when the daemon has taken the answer of the token endpoint, which holds none."""
+        self._wait_for("missing access_token", self.cloud.token, answer)
+
+    def _wait_for(self, end: str, endpoint: Endpoint, answer: Answer) -> None:
+        mark = self.access_point.daemon.log_mark()
+        self.ask(endpoint, answer)
         self.access_point.daemon.wait_log(end, start=mark)
         wait_until(lambda: not self.cloud.open_connections, 5, "the answer is not taken")
