@@ -711,6 +711,23 @@ TEST_F(Connections, AGreetingOf16KibibytesIsWaitedForAndALongerOneEndsTheConnect
     EXPECT_EQ(log.count("on_socket_use - too much before the end of the handshake"), 1);
 }
 
+TEST_F(Connections, ADrippedGreetingGainsNoTime)
+{
+    serve(quick());
+    const auto peer = client();
+    ASSERT_TRUE(reaches(1));
+    const string greeting = greeting_record(true, 16378);
+    const auto begin = std::chrono::steady_clock::now();
+    std::size_t sent = 0;
+    while (http_connections_count() == 1 && sent < greeting.size() &&
+           std::chrono::steady_clock::now() - begin < 5s) {
+        ASSERT_EQ(write(peer->fd(), &greeting[sent++], 1), 1);
+        turn_for(loop, 5ms);
+    }
+    EXPECT_EQ(http_connections_count(), 0U);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+}
+
 TEST_F(Connections, WhatComesAfterTheHandshakeIsNoPartOfIt)
 {
     serve();

@@ -1,5 +1,7 @@
 #include <sys/resource.h>
 
+#include <cstring>
+
 #include "http_client_fixture.h"
 
 namespace {
@@ -137,8 +139,12 @@ TEST_F(HttpClientFailures, AnAnswerThatNeverComesEndsAtTheTimeOut)
     expect_time_out(request(uri(), 1));
 }
 
-TEST_F(HttpClientFailures, AConnectionThatIsNeverMadeEndsAtTheTimeOut)
+class HttpClientScheme : public HttpClientFailures,
+                         public testing::WithParamInterface<const char *> {};
+TEST_P(HttpClientScheme, AConnectionThatIsNeverMadeEndsAtTheTimeOut)
 {
+    write_pem(path("ca.pem"), make_test_ca());
+    ASSERT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
     // A full queue of a socket that nobody accepts from: the system drops what comes on top.
     sockaddr_in address{};
     const unique_fd listener = listen_on_loopback(address);
@@ -147,9 +153,12 @@ TEST_F(HttpClientFailures, AConnectionThatIsNeverMadeEndsAtTheTimeOut)
         waiting.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         connect(waiting.back().get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
     }
-    expect_time_out(
-        request("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/", 1));
+    expect_time_out(request(std::string{GetParam()} +
+                                "://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/",
+                            1));
 }
+INSTANTIATE_TEST_SUITE_P(Schemes, HttpClientScheme, testing::Values("http", "https"),
+                         [](const auto &row) { return std::string{row.param}; });
 
 TEST_F(HttpClientFailures, AHandshakeThatStallsEndsAtTheTimeOut)
 {
@@ -173,7 +182,11 @@ TEST_F(HttpClientFailures, AResetDuringTheHandshakeIsLoggedInTheSystemsWords)
                              "127.0.0.1: Connection reset by peer"));
 }
 
-TEST_F(HttpClientFailures, ADrippingServerEndsAtTheTimeOutExactlyOnce)
+struct drip_case {
+    const char *name, *head;
+};
+class HttpClientDrip : public HttpClientFailures, public testing::WithParamInterface<drip_case> {};
+TEST_P(HttpClientDrip, ADrippingServerEndsAtTheTimeOutExactlyOnce)
 {
     event_ptr drip;
     bufferevent *peer = nullptr;
@@ -182,8 +195,7 @@ TEST_F(HttpClientFailures, ADrippingServerEndsAtTheTimeOutExactlyOnce)
     };
     server.on_request = [&](bufferevent *bufev) {
         peer = bufev;
-        const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n";
-        bufferevent_write(bufev, head.data(), head.size());
+        bufferevent_write(bufev, GetParam().head, std::strlen(GetParam().head));
         drip.reset(event_new(base, -1, EV_PERSIST, next_drop, &peer));
         const timeval interval{0, 100000};
         event_add(drip.get(), &interval);
@@ -202,6 +214,14 @@ TEST_F(HttpClientFailures, ADrippingServerEndsAtTheTimeOutExactlyOnce)
     run_until([] { return false; }, 1500);
     EXPECT_EQ(outcome.calls, 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Stages, HttpClientDrip,
+    testing::Values(drip_case{"Head", "HTTP/1.1 200 OK\r\nX-Slow: "},
+                    drip_case{"Body", "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n"},
+                    drip_case{"Chunk", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                       "3e8\r\n"}),
+    [](const auto &row) { return std::string{row.param.name}; });
 
 TEST_F(HttpClientFailures, ABodyOfOneMebibyteIsServed)
 {
