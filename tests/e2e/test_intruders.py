@@ -9,9 +9,11 @@ from typing import Any
 
 import pytest
 from velm_sim.access_point import APP_ID, AccessPoint
+from velm_sim.answers import Answer
 from velm_sim.app_attest import AttestationAuthority, AttestKey
 from velm_sim.certificates import Identity, authority_extensions, issue, make_authority, p384
 from velm_sim.cloud import Cloud
+from velm_sim.daemon import wait_until
 from velm_sim.etc_files import ADMIN, ROOT
 from velm_sim.ipc_client import IpcClient
 from velm_sim.phone import Phone, Prepared
@@ -226,6 +228,7 @@ def test_no_stored_text_becomes_a_setting(access_point: AccessPoint, phone: Phon
     stored = access_point.pairing(0)
     for member in ("dev_id", "name", "push_token", "dev_model", "os_version"):
         assert stored[member] == FORGED_SETTING, member
+    assert stored["dev_type"] == auth["deviceType"]
     access_point.reload()
     assert phone.info().status == 200
     listed = phone.pairings().json()["pairings"]
@@ -301,6 +304,75 @@ def test_no_log_line_is_forged_through_the_path(access_point: AccessPoint) -> No
     for path in (b"/info\x1b[2J", b"/info%0aforged", b"/info?\x1b[2J=%0a", b"/\xc2\x9b31m"):
         access_point.lan_host().exchange(b"GET " + path + b" HTTP/1.1\r\nConnection: close\r\n\r\n")
     assert_log_is_clean(access_point, mark)
+
+
+FORGED_ANSWERS: dict[str, tuple[str, Answer]] = {
+    "a refusal of an access token": ("token", Answer(400, FORGERY.encode())),
+    "no JSON for an access token": ("token", Answer(body=FORGERY.encode())),
+    "an access token": ("token", Answer.json({"access_token": FORGERY, "expires_in": 60})),
+    "an access token's type": (
+        "token",
+        Answer.json({"access_token": "t", "token_type": FORGERY, "expires_in": 60}),
+    ),
+    "a refusal of a push": ("fcm", Answer(500, FORGERY.encode())),
+    "an answer to a push": ("fcm", Answer(body=FORGERY.encode())),
+    "the end of a push's answer": ("fcm", Answer(400, b"{}\x1b[2J\n2026 ERROR forged - x\n")),
+    "a status line": ("fcm", Answer(raw=b"HTTP/1.1 400 \x1b[2J\x07\r\nX: \x1b[2J\r\n\r\n")),
+}
+
+
+@pytest.mark.parametrize("name", FORGED_ANSWERS)
+def test_no_log_line_is_forged_by_the_cloud_in(
+    name: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    mark = access_point.daemon.log_mark()
+    service, answer = FORGED_ANSWERS[name]
+    endpoint = cloud.token if service == "token" else cloud.fcm
+    endpoint.answer_next(answer)
+    ipc.request()
+    endpoint.wait()
+    if name == "an access token's type":
+        cloud.fcm.wait()
+    taken = "send_push_handler" if service == "fcm" else "token_from_answer"
+    access_point.daemon.wait_log(taken, start=mark)
+    wait_until(lambda: not cloud.open_connections, 5, "the answer is not taken")
+    assert_log_is_clean(access_point, mark)
+    assert access_point.pairing(0)["status"] == "Valid"
+
+
+def test_no_header_is_forged_by_an_access_token(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    """It comes from the cloud and goes into a header of the next request."""
+    forged = {"access_token": "t\r\nX-Forged: yes", "expires_in": 60}
+    cloud.token.answer_next(Answer.json(forged))
+    ipc.request()
+    access_point.daemon.wait_log("invalid header Authorization")
+    assert not cloud.fcm.requests
+
+
+FORGED_VERDICTS: dict[str, dict[str, Any]] = {
+    "the package": {"requestDetails.requestPackageName": FORGERY},
+    "the nonce": {"requestDetails.nonce": FORGERY},
+    "the time": {"requestDetails.timestampMillis": FORGERY},
+    "the app's verdict": {"appIntegrity.appRecognitionVerdict": FORGERY},
+    "the device's verdict": {"deviceIntegrity.deviceRecognitionVerdict": [FORGERY]},
+    "the verdict on other apps": {"environmentDetails.playProtectVerdict": FORGERY},
+}
+
+
+@pytest.mark.parametrize("method", ["local", "remote"])
+@pytest.mark.parametrize("name", FORGED_VERDICTS)
+def test_no_log_line_is_forged_by_a_verdict_in(
+    name: str, method: str, cold_access_point: AccessPoint
+) -> None:
+    cold_access_point.configure({"app.android.integrity.method": method})
+    cold_access_point.start()
+    phone = cold_access_point.android_phone()
+    assert phone.pair().status == 200
+    mark = cold_access_point.daemon.log_mark()
+    assert phone.location(verdict=FORGED_VERDICTS[name]).status == 412
+    assert_log_is_clean(cold_access_point, mark)
 
 
 def assert_log_is_clean(access_point: AccessPoint, mark: int) -> None:
