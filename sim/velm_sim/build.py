@@ -56,6 +56,11 @@ class Build:
         """A library that makes a daemon write down how many events its loop holds."""
         return self._probe("event_probe")
 
+    @functools.cached_property
+    def libevent_voice(self) -> Path:
+        """A library that makes libevent warn, or say that it is broken."""
+        return self._probe("libevent_voice")
+
     def _probe(self, name: str) -> Path:
         source = Path(__file__).with_name(f"{name}.c")
         library = self.directory / f"{name}.so"

@@ -126,3 +126,10 @@ def test_guards_its_stack(program: str, installed: Path, hardened: None) -> None
 def test_the_daemon_calls_checked_library_functions(installed: Path, hardened: None) -> None:
     symbols = run("nm", "--dynamic", "--undefined-only", installed / "sbin" / "velmd")
     assert re.search(r"\b__\w+_chk\b", symbols.replace("__stack_chk_fail", "")), symbols
+
+
+def test_the_daemon_writes_and_reads_numbers_alike_wherever_it_runs(installed: Path) -> None:
+    """JSON has a point in its numbers; a locale that was set could make it a comma."""
+    symbols = run("nm", "--dynamic", "--undefined-only", installed / "sbin" / "velmd")
+    assert "printf" in symbols
+    assert not re.search(r"locale", symbols), symbols

@@ -256,6 +256,41 @@ def test_without_an_ipc_path_phones_are_served(cold_access_point: AccessPoint) -
     assert cold_access_point.phone().info().status == 200
 
 
+# What it does not leave to others.
+
+
+@pytest.mark.parametrize("port", ["8443", "0"])
+def test_no_peer_that_closes_can_end_it_by_a_signal(
+    port: str, cold_access_point: AccessPoint
+) -> None:
+    """The HTTPS library would see to that, but only when it listens."""
+    cold_access_point.configure({"http.server.port": port})
+    daemon = cold_access_point.prepare()
+    daemon.start()
+    daemon.wait_log("ssdp_server_start")
+    status = Path(f"/proc/{daemon.pid}/status").read_text()
+    (ignored,) = [line for line in status.splitlines() if line.startswith("SigIgn:")]
+    assert int(ignored.split()[1], 16) & 1 << (signal.SIGPIPE - 1)
+
+
+def test_what_libevent_has_to_say_stands_in_the_log(cold_access_point: AccessPoint) -> None:
+    voice = [cold_access_point.build.libevent_voice]
+    daemon = started(cold_access_point, preload=voice)
+    assert " WARN main - libevent - a warning of the library\n" in daemon.log()
+    assert "a warning" not in output(cold_access_point)
+
+
+def test_a_libevent_that_cannot_go_on_ends_it_in_the_fatal_line(
+    cold_access_point: AccessPoint,
+) -> None:
+    voice = [cold_access_point.build.libevent_voice]
+    status = ended(cold_access_point, preload=voice, environment={"VELM_LIBEVENT": "broken"})
+    assert status == -signal.SIGABRT
+    log = cold_access_point.log()
+    assert "ERROR main - libevent - cannot go on\n" in log
+    assert "ERROR main - libevent_is_broken: call failed: libevent result: 77 loc: " in log
+
+
 # Where settings come from.
 
 
