@@ -26,6 +26,7 @@ class test_name_server {
 
     std::string line; // of resolv.conf
     enum { silent, loopback, no_such_name } answer = silent;
+    int answers_by = -1;                // another socket, if not negative
     std::vector<std::string> questions; // raw names, in wire form
 
   private:
@@ -52,7 +53,8 @@ class test_name_server {
             packet[7] = 1;
             packet += std::string{"\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4\x7f\0\0\1", 16};
         }
-        sendto(fd, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr *>(&from), length);
+        sendto(server->answers_by < 0 ? fd : server->answers_by, packet.data(), packet.size(), 0,
+               reinterpret_cast<sockaddr *>(&from), length);
     }
 
     unique_fd fd_;
@@ -214,6 +216,25 @@ TEST_F(HttpClientDns, AResolverFileThatComesAfterTheStartCounts)
         write_file("resolv.conf", name_server.line);
         EXPECT_EQ(resolve("asked.example.test"), "127.0.0.1") << missing;
     }
+}
+
+TEST_F(HttpClientDns, AnAnswerThatComesFromElsewhereIsNotBelievedAndLogged)
+{
+    const unique_fd elsewhere{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    sockaddr_in other_host{};
+    other_host.sin_family = AF_INET;
+    other_host.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+    ASSERT_EQ(bind(elsewhere.get(), reinterpret_cast<sockaddr *>(&other_host), sizeof other_host),
+              0);
+    name_server.answer = test_name_server::loopback;
+    name_server.answers_by = elsewhere.get();
+    lookup_outcome outcome;
+    http_client_dns_lookup lookup;
+    lookup.start("asked.example.test", lookup_outcome::callback, &outcome);
+    EXPECT_TRUE(run_until([this] {
+        return log.contains("WARN http_client - log_resolver_message - Address mismatch");
+    }));
+    EXPECT_EQ(outcome.calls, 0);
 }
 
 TEST_F(HttpClientDns, AForgottenQuestionDoesNotCallBack)

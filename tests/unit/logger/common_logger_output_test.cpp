@@ -204,12 +204,30 @@ TEST_F(LoggerOutput, TheMacrosNameTheFileFromTheRoot)
 
 TEST_F(LoggerOutput, ControlCharactersInAMessageCannotForgeALine)
 {
-    common_logger_configure_from_string("stdout=yes");
+    common_logger_configure_from_string("stdout=yes:syslog=yes:file=yes");
+    common_logger_set("file.name", directory.path("log").c_str());
+    const std::string clean = "ERROR main - a ERROR b  c?[2J???d\xc3\xa4";
     EXPECT_EQ(stdout_of([] {
                   LOG_ERROR("%s", "a\nERROR b\r\tc\x1b[2J\x7f\xc2\x9b"
                                   "d\xc3\xa4");
               }).substr(24),
-              "ERROR main - a ERROR b  c?[2J???d\xc3\xa4\n");
+              clean + '\n');
+    ASSERT_EQ(recorded_syslog.entries.size(), 1u);
+    EXPECT_EQ(recorded_syslog.entries[0].text, clean);
+    EXPECT_EQ(directory.read("log").substr(24), clean + '\n');
+}
+
+TEST_F(LoggerOutput, NoControlCharacterReachesALogRaw)
+{
+    common_logger_configure_from_string("stdout=yes");
+    for (int c = 1; c < 0xa0; ++c) {
+        const std::string text = c < 0x80 ? std::string(1, static_cast<char>(c))
+                                          : std::string{'\xc2', static_cast<char>(c)};
+        const std::string line = stdout_of([&text] { LOG_ERROR("<%s>", text.c_str()); });
+        const bool is_control = c < 0x20 || c >= 0x7f;
+        EXPECT_EQ(line.find('<' + text + '>') == std::string::npos, is_control) << c;
+        EXPECT_EQ(line.find('\n'), line.size() - 1) << c;
+    }
 }
 
 TEST_F(LoggerOutput, AMessageBeyondTheBufferIsCut)
