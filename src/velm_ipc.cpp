@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +29,11 @@ struct outstanding_request {
     std::time_t deadline;
 };
 
+struct connection {
+    velm_conn_ptr conn;
+    std::size_t requests = 0; // of the outstanding ones
+};
+
 } // namespace
 
 struct velm_ipc {
@@ -37,7 +44,7 @@ struct velm_ipc {
     event_ptr listener_pause;
     event_ptr timer; // pending only while a tick has something to do: nobody else wakes the process
     bool timer_runs = false;
-    std::vector<velm_conn_ptr> connections;
+    std::vector<connection> connections;
     velm_conn *client = nullptr; // the one of the connections that we made ourselves
     std::vector<outstanding_request> requests;
     std::uint32_t request_seq = 0;
@@ -51,18 +58,36 @@ constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
 constexpr timeval listener_pause_time{0, 200000};
 
-bool has_too_many_requests(const velm_ipc *server, const velm_conn *conn)
+/// Counted and not searched for: a client that floods would be served at the cost of the others,
+/// once for each request of each of them.
+std::size_t *requests_of(velm_ipc *server, const velm_conn *conn)
 {
-    const auto count =
-        std::count_if(server->requests.begin(), server->requests.end(),
-                      [conn](const outstanding_request &request) { return request.conn == conn; });
-    return static_cast<std::size_t>(count) >= velm_ipc_outstanding_limit;
+    const auto found =
+        std::find_if(server->connections.begin(), server->connections.end(),
+                     [conn](const connection &one) { return one.conn.get() == conn; });
+    return &found->requests;
 }
 
-void request_forget(velm_ipc *server, std::uint32_t seq)
+void request_add(velm_ipc *server, const outstanding_request &request)
 {
-    std::erase_if(server->requests,
-                  [seq](const outstanding_request &request) { return request.seq == seq; });
+    server->requests.push_back(request);
+    ++*requests_of(server, request.conn);
+}
+
+/// None when it is not there. Most are taken back as soon as they have come, so the last is looked
+/// at first.
+std::optional<outstanding_request> request_take(velm_ipc *server, std::uint32_t seq)
+{
+    const auto found =
+        std::find_if(server->requests.rbegin(), server->requests.rend(),
+                     [seq](const outstanding_request &request) { return request.seq == seq; });
+    if (found == server->requests.rend()) {
+        return std::nullopt;
+    }
+    const outstanding_request request = *found;
+    server->requests.erase(std::next(found).base());
+    --*requests_of(server, request.conn);
+    return request;
 }
 
 bool wants_to_connect(const velm_ipc *server)
@@ -75,7 +100,7 @@ bool tick_has_work(const velm_ipc *server)
 {
     return !server->requests.empty() || wants_to_connect(server) ||
            std::any_of(server->connections.begin(), server->connections.end(),
-                       [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
+                       [](const connection &one) { return velm_conn_is_closed(one.conn.get()); });
 }
 
 /// After every change that may give the tick its first work, or take the last.
@@ -97,15 +122,15 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
                   std::size_t len, std::time_t deadline)
 {
     velm_ipc *const server = velm_conn_server(conn);
-    if (has_too_many_requests(server, conn)) {
+    if (*requests_of(server, conn) >= velm_ipc_outstanding_limit) {
         return 0;
     }
     const std::uint32_t seq = ++server->request_seq;
-    server->requests.push_back({conn, seq, id, deadline});
+    request_add(server, {conn, seq, id, deadline});
     const int taken =
         server->handler == nullptr ? 0 : server->handler(server, seq, type, payload, len);
     if (taken == 0) {
-        request_forget(server, seq);
+        (void)request_take(server, seq);
     }
     timer_adjust(server);
     return taken;
@@ -124,8 +149,8 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket)
         return nullptr;
     }
     velm_conn_set_closed_handler(conn.get(), closed_handler);
-    server->connections.push_back(std::move(conn));
-    return server->connections.back().get();
+    server->connections.push_back({std::move(conn)});
+    return server->connections.back().conn.get();
 }
 
 void log_peer(const char *caller, int socket)
@@ -146,7 +171,7 @@ void closed_connections_remove(velm_ipc *server)
         server->client = nullptr;
     }
     std::erase_if(server->connections,
-                  [](const velm_conn_ptr &conn) { return velm_conn_is_closed(conn.get()); });
+                  [](const connection &one) { return velm_conn_is_closed(one.conn.get()); });
 }
 
 /// What has closed since the last tick takes no place. From the loop only.
@@ -232,12 +257,13 @@ void client_reconnect(velm_ipc *server)
 void orphaned_requests_remove(velm_ipc *server)
 {
     const std::time_t now = std::time(nullptr);
-    std::erase_if(server->requests, [now](const outstanding_request &request) {
+    std::erase_if(server->requests, [now, server](const outstanding_request &request) {
         if (now <= request.deadline) {
             return false;
         }
         // Our number first, the client's second, whatever the words say: the line is read so.
         LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
+        --*requests_of(server, request.conn);
         return true;
     });
 }
@@ -301,23 +327,19 @@ void velm_ipc_set_cmd_handler(velm_ipc *server, velm_ipc_cmd_handler handler)
 int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, std::size_t len,
                      std::uint32_t status)
 {
-    const auto found =
-        std::find_if(server->requests.begin(), server->requests.end(),
-                     [seq](const outstanding_request &request) { return request.seq == seq; });
-    if (found == server->requests.end()) {
+    const auto request = request_take(server, seq);
+    if (!request) {
         return 0;
     }
-    const outstanding_request request = *found;
-    server->requests.erase(found);
     timer_adjust(server);
-    return velm_ipc_cmd_send_resp(request.conn, VELM_LOCATION_REQUEST, request.id, status, payload,
-                                  len);
+    return velm_ipc_cmd_send_resp(request->conn, VELM_LOCATION_REQUEST, request->id, status,
+                                  payload, len);
 }
 
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len)
 {
     int all_sent = 1;
-    for (const velm_conn_ptr &conn : server->connections) {
+    for (const auto &[conn, requests] : server->connections) {
         if (velm_conn_is_closed(conn.get())) {
             continue;
         }
