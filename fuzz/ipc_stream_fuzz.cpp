@@ -1,3 +1,5 @@
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <velm/location_policy.h>
 
@@ -78,6 +80,16 @@ class reference {
     std::size_t at_ = 0;
 };
 
+/// Until all is read that was sent: after a long packet its sender rests for a while.
+void turn_until_read(event_base *loop, const unique_fd &client)
+{
+    int unread = 0;
+    do {
+        event_base_loop(loop, EVLOOP_NONBLOCK);
+        FUZZ_REQUIRE(ioctl(client.get(), SIOCOUTQ, &unread) == 0);
+    } while (unread > 0);
+}
+
 /// The busy answers, one packet each.
 std::vector<std::uint32_t> answers(const unique_fd &client)
 {
@@ -104,7 +116,7 @@ void run(event_base *loop, fuzz_input in)
     while (!in.empty()) {
         const std::string_view packet = fuzz_text(in.bytes(in.word()));
         FUZZ_REQUIRE(send(client.get(), packet.data(), packet.size(), MSG_NOSIGNAL) >= 0);
-        event_base_loop(loop, EVLOOP_NONBLOCK);
+        turn_until_read(loop, client);
         expected.packet(packet);
         const auto more = answers(client);
         busy.insert(busy.end(), more.begin(), more.end());

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "handles/libevent.h"
 #include "handles/memory.h"
 #include "logger/fatal.h"
+#include "velm_ipc.h"
 #include "velm_ipc_cmd.h"
 
 // Plain events instead of a bufferevent: that joins what waits in its output buffer into one write,
@@ -23,6 +25,7 @@ struct velm_conn {
     unique_fd socket;
     event_ptr read_event;
     event_ptr write_event; // pending while packets wait
+    event_ptr rest;        // made when first needed; pending while nothing is read
     std::deque<std::vector<std::uint8_t>> waiting;
     velm_ipc_cmd_input input;
     velm_ipc *server = nullptr;
@@ -33,9 +36,17 @@ struct velm_conn {
 
 namespace {
 
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+using std::chrono::steady_clock;
+
 constexpr char log_category[] = "IPC_CONN";
 constexpr timeval write_timeout{15, 0};
 constexpr std::size_t read_chunk = 1024;
+constexpr std::size_t short_packet = 4096; // 26 requests
+// All the clients that there may be get half of the loop's time together.
+constexpr int rest_factor = 2 * static_cast<int>(velm_ipc_connection_limit) - 1;
+constexpr microseconds longest_rest{2'000'000}; // though the machine itself may have slept
 
 // Twice the usual net.core.wmem_max is what a client can set as its send buffer, and no packet is
 // longer than that. Never touched beyond what comes, so it costs address space only.
@@ -46,6 +57,7 @@ void connection_close(velm_conn *conn)
     conn->closed = true;
     conn->read_event.reset();
     conn->write_event.reset();
+    conn->rest.reset();
     conn->waiting.clear();
     conn->socket.reset();
     if (conn->closed_handler != nullptr) {
@@ -85,6 +97,38 @@ void read_failed(velm_conn *conn, int error)
     connection_close(conn);
 }
 
+void rest_over(evutil_socket_t, short, void *context) noexcept
+{
+    auto *const conn = static_cast<velm_conn *>(context);
+    const int rc = event_add(conn->read_event.get(), nullptr);
+    REQUIRE_CALL(rc == 0, "event_add(read_event, NULL)", rc);
+}
+
+void rest_for(velm_conn *conn, microseconds length)
+{
+    if (conn->rest == nullptr) {
+        conn->rest.reset(evtimer_new(event_get_base(conn->read_event.get()), rest_over, conn));
+        REQUIRE_MEMORY(conn->rest, "rest");
+    }
+    const timeval time{static_cast<std::time_t>(length.count() / 1'000'000),
+                       static_cast<suseconds_t>(length.count() % 1'000'000)};
+    event_del(conn->read_event.get());
+    const int rc = evtimer_add(conn->rest.get(), &time);
+    REQUIRE_CALL(rc == 0, "evtimer_add(rest, &time)", rc);
+}
+
+/// A long packet can hold thousands of requests: who has sent one is not read for a time that is a
+/// multiple of what it took.
+void long_packet_handle(velm_conn *conn, std::span<const std::uint8_t> packet)
+{
+    const auto begin = steady_clock::now();
+    packet_handle(conn, packet);
+    if (!conn->closed) {
+        const auto spent = duration_cast<microseconds>(steady_clock::now() - begin);
+        rest_for(conn, std::min(spent * rest_factor, longest_rest));
+    }
+}
+
 /// One packet a turn, so that a client that floods does not hold up the others.
 void read_cb(evutil_socket_t socket, short, void *context) noexcept
 {
@@ -108,7 +152,12 @@ void read_cb(evutil_socket_t socket, short, void *context) noexcept
         connection_close(conn);
         return;
     }
-    packet_handle(conn, std::span{read_buffer}.first(static_cast<std::size_t>(size)));
+    const auto packet = std::span{read_buffer}.first(static_cast<std::size_t>(size));
+    if (packet.size() <= short_packet) {
+        packet_handle(conn, packet);
+    } else {
+        long_packet_handle(conn, packet);
+    }
 }
 
 enum class sent { whole, later, failed };

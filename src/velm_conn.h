@@ -15,7 +15,9 @@
 /// What is written leaves as a packet of its own, or not at all. While the peer does not read, up
 /// to 64 packets wait; one more, or 15 s in which the kernel takes none of them, ends the
 /// connection. What is read goes into the frame parser (velm_ipc_cmd.h) in pieces of at most 1024
-/// bytes. There is no read time-out: a client may stay silent for ever.
+/// bytes, one packet a turn of the loop; after a packet of more than 4096 bytes the connection is not
+/// read for 63 times as long as the packet took, 2 s at most, so that others are served. There is no
+/// read time-out: a client may stay silent for ever.
 ///
 /// An error or the end of the stream marks the connection closed, once: its socket is given back
 /// at that moment, what still waited is dropped, and nothing is read or written any more. The

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string>
 
 #include "fakes/captured_log.h"
@@ -33,12 +34,31 @@ extern "C" int poll(pollfd *descriptors, nfds_t count, int)
 
 namespace {
 
+using std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr std::uint32_t laborious = 7777; // the id of a request that takes some time
+std::chrono::milliseconds labour{};
 std::vector<std::uint32_t> handled;
 
 int note_frame(velm_conn *, std::uint32_t id, std::uint16_t, const void *, std::size_t, std::time_t)
 {
+    const auto end = steady_clock::now() + labour;
+    while (id == laborious && steady_clock::now() < end) {
+    }
     handled.push_back(id);
     return 1;
+}
+
+/// That many requests in one packet, of which the first takes some time.
+ipc_bytes laborious_packet(int count)
+{
+    ipc_bytes packet = ipc_request(laborious);
+    for (int i = 1; i < count; ++i) {
+        const ipc_bytes more = ipc_request(1);
+        packet.insert(packet.end(), more.begin(), more.end());
+    }
+    return packet;
 }
 
 class Conn : public testing::Test {
@@ -46,6 +66,7 @@ class Conn : public testing::Test {
     Conn()
     {
         handled.clear();
+        labour = {};
         int pair[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
         peer.reset(pair[0]);
@@ -325,6 +346,70 @@ TEST_F(Conn, OnePacketIsReadALoopTurn)
     }
     event_base_loop(base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
     EXPECT_EQ(handled.size(), 1U);
+}
+
+TEST_F(Conn, AfterALongPacketItsSenderRestsAndTheOthersAreServed)
+{
+    int pair[2] = {-1, -1};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
+    const unique_fd other{pair[0]};
+    const velm_conn_ptr served =
+        velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, note_frame);
+    labour = 3ms;
+    const auto begin = steady_clock::now();
+    ipc_send(peer, laborious_packet(27)); // 4212 bytes
+    ASSERT_TRUE(turn_until_handled(27));
+    ipc_send(peer, ipc_request(2));
+    ipc_send(other, ipc_request(3));
+    ASSERT_TRUE(turn_until_handled(28));
+    EXPECT_EQ(handled.back(), 3U);
+    ASSERT_TRUE(turn_until_handled(29));
+    EXPECT_EQ(handled.back(), 2U);
+    EXPECT_GE(steady_clock::now() - begin, 64 * labour);
+}
+
+TEST_F(Conn, AfterAShortPacketItsSenderIsReadOnTheNextTurn)
+{
+    labour = 3ms;
+    ipc_send(peer, laborious_packet(26)); // 4056 bytes
+    ipc_send(peer, ipc_request(2));
+    event_base_loop(base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    event_base_loop(base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    EXPECT_EQ(handled.size(), 27U);
+}
+
+TEST_F(Conn, ARestLastsTwoSecondsAtMost)
+{
+    labour = 50ms;
+    ipc_send(peer, laborious_packet(27));
+    ASSERT_TRUE(turn_until_handled(27));
+    timeval now{};
+    event_base_gettimeofday_cached(base.get(), &now);
+    timeval end{};
+    ASSERT_NE(waiting_event(), nullptr);
+    event_pending(waiting_event(), EV_TIMEOUT, &end);
+    EXPECT_LE(end.tv_sec - now.tv_sec, 2);
+    EXPECT_GE(end.tv_sec - now.tv_sec, 1);
+}
+
+TEST_F(Conn, APeerThatLeavesWhileItRestsIsForgottenAfterwards)
+{
+    labour = 1ms;
+    ipc_send(peer, laborious_packet(27));
+    ASSERT_TRUE(turn_until_handled(27));
+    peer.reset();
+    EXPECT_TRUE(turn_until_closed());
+    conn.reset();
+    EXPECT_EQ(event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED), 0);
+}
+
+TEST_F(Conn, MayBeDestroyedWhileItsPeerRests)
+{
+    labour = 50ms;
+    ipc_send(peer, laborious_packet(27));
+    ASSERT_TRUE(turn_until_handled(27));
+    conn.reset();
+    EXPECT_EQ(event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED), 0);
 }
 
 TEST_F(Conn, DestroyingClosesTheSocket)
