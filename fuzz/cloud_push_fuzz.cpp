@@ -3,6 +3,7 @@
 #include <string>
 #include <utility>
 
+#include "allocation_meter.h"
 #include "async/common_async.h"
 #include "fake_cloud.h"
 #include "fakes/fake_clock.h"
@@ -62,6 +63,7 @@ velm_config *make_config()
     velm_nvram_pairings_init(&config);
     velm_cloud_messaging_init(&config); // and the sender
     std::remove(path.c_str());
+    fake_cloud_headers_are_clean({}); // what OpenSSL's random generator makes once
     return &config;
 }
 
@@ -102,6 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string token{in.text_until('\0')};
     pair(push_token, dev_id);
     next_token.reset(cJSON_Parse(token.c_str()));
+    const allocation_meter meter;
     velm_fcm_messaging_push_to_all(60, velm_push_data);
     fake_cloud_turn();
     FUZZ_REQUIRE(fake_cloud_requests.size() <= 1);
@@ -113,6 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     } else {
         FUZZ_REQUIRE(velm_nvram_pairings_count_pairings() == 1);
     }
+    FUZZ_REQUIRE(meter.peak() <= 64 * size + 96 * 1024);
     fake_clock_advance(1L << 33); // no token serves the next run
     return 0;
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "allocation_meter.h"
 #include "fuzz_target.h"
 #include "handles/cjson.h"
 #include "velm_utils.h"
@@ -96,10 +97,14 @@ void split(const std::string &text)
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     const std::string text{fuzz_input{data, size}.text_until('\0')};
+    const allocation_meter meter;
     escapes(text);
     mac_address(text);
     ip_address(text);
     timestamp(text);
     split(text);
+    // Two lists, with a node of 64 bytes and a text for every two bytes of "a,".
+    FUZZ_REQUIRE(meter.peak() <= 128 * size + 1024);
+    FUZZ_REQUIRE(meter.left() == 0);
     return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "allocation_meter.h"
 #include "fuzz_target.h"
 #include "handles/openssl.h"
 #include "http/http_client_hostname.h"
@@ -71,7 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string_view common_name = in.text_until('\0');
     const fuzz_bytes extension = in.rest();
     const x509_ptr server = certificate(common_name, extension);
+    const allocation_meter meter;
     const result found = http_client_validate_hostname(host.c_str(), server.get());
+    // A general name is some hundred bytes, out of two of its DER.
+    FUZZ_REQUIRE(meter.peak() <= 200 * size + 4096);
     if (!extension.empty()) {
         alternative_names(extension, host, found);
     } else if (found == result::MatchFound) {

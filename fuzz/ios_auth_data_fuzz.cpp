@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "allocation_meter.h"
 #include "ios_phone.h"
 #include "ios_validation/ios_app_auth_data.h"
 
@@ -30,7 +31,10 @@ void attestation(const ios_phone &phone, fuzz_bytes bytes)
     parts.auth_data = {bytes.begin(), bytes.end()};
     parts.x5c = {phone.leaf_with_nonce(sha256_of(bytes_joined({parts.auth_data, phone.hash}))),
                  phone.intermediate()};
-    const ios_outcome outcome = phone.attest(ios_phone_app_id, parts.encode(), phone.hash);
+    const test_bytes object = parts.encode();
+    const allocation_meter meter;
+    const ios_outcome outcome = phone.attest(ios_phone_app_id, object, phone.hash);
+    FUZZ_REQUIRE(meter.peak() <= 2 * bytes.size() + 200 * 1024);
     FUZZ_REQUIRE((outcome.result != 0) == should_pass(phone, bytes));
     if (outcome.result != 0) {
         FUZZ_REQUIRE(outcome.keys.front() == public_key_der(phone.phone.key.get()));
@@ -39,8 +43,10 @@ void attestation(const ios_phone &phone, fuzz_bytes bytes)
 
 void parse(fuzz_bytes bytes)
 {
+    const allocation_meter meter;
     const auto attested = ios_auth_data_parse(bytes, ios_auth_data_mode::attestation);
     const auto asserted = ios_auth_data_parse(bytes, ios_auth_data_mode::assertion);
+    FUZZ_REQUIRE(meter.peak() == 0);
     FUZZ_REQUIRE(asserted.has_value() == (bytes.size() >= 37));
     FUZZ_REQUIRE(!attested || bytes.size() >= 87);
     if (attested) {

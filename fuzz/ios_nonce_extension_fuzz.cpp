@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "allocation_meter.h"
 #include "ios_phone.h"
 #include "ios_validation/ios_app_certificate.h"
 
@@ -40,8 +41,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     attestation_parts parts;
     parts.auth_data = good.auth_data;
     parts.x5c = {leaf, good.phone.intermediate()};
-    const ios_outcome outcome =
-        good.phone.attest(ios_phone_app_id, parts.encode(), good.phone.hash);
+    const test_bytes object = parts.encode();
+    const allocation_meter meter;
+    const ios_outcome outcome = good.phone.attest(ios_phone_app_id, object, good.phone.hash);
+    FUZZ_REQUIRE(meter.peak() <= 16 * size + 200 * 1024);
     const bool ends_in_nonce =
         value.size() >= 32 && std::equal(good.nonce.begin(), good.nonce.end(), value.end() - 32);
     FUZZ_REQUIRE((outcome.result != 0) == (ends_in_nonce && leaf.size() <= 4096));

@@ -1,5 +1,6 @@
 #include <openssl/err.h>
 
+#include "allocation_meter.h"
 #include "fakes/app_attest_maker.h"
 #include "fuzz_target.h"
 #include "handles/openssl.h"
@@ -30,7 +31,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const fuzz_bytes der = in.bytes(in.word());
     const fuzz_bytes signature = in.bytes(in.word());
     const fuzz_bytes message = in.rest();
-    const bool good = ios_app_signature_verify(der, message, signature);
+    const bool good = ios_app_signature_verify(der, message, signature); // and what is made once
+    {
+        const allocation_meter meter;
+        FUZZ_REQUIRE(ios_app_signature_verify(der, message, signature) == good);
+        FUZZ_REQUIRE(meter.peak() <= 32 * size + 64 * 1024);
+    }
     FUZZ_REQUIRE(good == generic_verify(der, message, signature));
     ERR_clear_error();
     return 0;

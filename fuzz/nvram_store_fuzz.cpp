@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <string>
 
+#include "allocation_meter.h"
 #include "fuzz_target.h"
 #include "nvram_maker.h"
 #include "nvram_store.h"
@@ -117,8 +118,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     make_file(folder, "committed.0", {}, &in);
     make_file(folder, "committed.1", {}, &in);
 
+    const allocation_meter meter;
     nvram_store store{folder.path, std::string{boot}};
     const nvram_settings before = store.settings();
+    // Two copies of the settings, each a node of a hundred bytes for a record of ten.
+    FUZZ_REQUIRE(meter.peak() <= 64 * size + 64 * 1024);
     FUZZ_REQUIRE(store.fault() == 0 || store.fault() == nvram_all_damaged);
     FUZZ_REQUIRE(store.fault() == 0 || before.empty());
     // Reading changes nothing: another reader sees the same.
