@@ -84,11 +84,15 @@ class header_lines {
             return;
         }
         value_size_ = 0;
-        if (same_name(name, "Transfer-Encoding")) {
+        header_begin_ = head_->text.size();
+        const bool has_length = same_name(name, "Content-Length");
+        const bool has_encoding = same_name(name, "Transfer-Encoding");
+        may_be_left_out_ = !has_length && !has_encoding;
+        if (has_encoding) {
             add_transfer_encoding(value);
             return;
         }
-        if (same_name(name, "Content-Length")) {
+        if (has_length) {
             count_framing();
         }
         keep(line, std::max(name.size(), value.size()));
@@ -145,18 +149,22 @@ class header_lines {
     void keep(std::string_view line, std::size_t size)
     {
         value_size_ += size;
-        if (value_size_ > http_head_max_value) {
+        if (value_size_ <= http_head_parser_buffer) {
+            head_->text.append(line).append(line_end);
+        } else if (value_size_ <= http_head_max_value && may_be_left_out_) {
+            head_->text.resize(header_begin_);
+        } else {
             refuse(head_, "header too long", status_header_too_large);
-            return;
         }
-        head_->text.append(line).append(line_end);
     }
 
     http_head *head_;
     std::size_t count_ = 0;
     std::size_t value_size_ = 0;    // of the header being read, its folded lines included
     std::size_t framing_count_ = 0; // headers that tell where the body ends
+    std::size_t header_begin_ = 0;  // of the header being read, in the head's text
     bool in_lifted_ = false;
+    bool may_be_left_out_ = true;
 };
 
 /// The URI stands between the first two blanks; a line without them is the parser's to judge.
@@ -164,8 +172,8 @@ bool uri_too_long(std::string_view request_line)
 {
     const std::size_t before = std::min(request_line.find(' '), request_line.size());
     const std::string_view rest = request_line.substr(before);
-    return rest.substr(0, rest.rfind(' ') + 1).size() > http_head_max_value + 2 ||
-           before > http_head_max_value;
+    return rest.substr(0, rest.rfind(' ') + 1).size() > http_head_parser_buffer + 2 ||
+           before > http_head_parser_buffer;
 }
 
 std::string_view take_line(std::string_view *rest)

@@ -12,8 +12,11 @@
 
 inline constexpr std::size_t http_head_max_size = 64 * 1024; // the whole head, blank line included
 inline constexpr std::size_t http_head_max_headers = 100;    // lines after the request line
-/// What the parser's buffer takes: one URI, or one value of any header that is not lifted.
-inline constexpr std::size_t http_head_max_value = 8191;
+/// What the parser's buffer takes: one URI, one name or one value.
+inline constexpr std::size_t http_head_parser_buffer = 8191;
+/// A name, or a value that is not lifted. One that the parser cannot take is left out of the head:
+/// nobody asks for it. One that says where the body ends is refused.
+inline constexpr std::size_t http_head_max_value = 8192;
 inline constexpr std::size_t http_head_max_lifted = 16384; // a lifted value
 /// A line that is longer is refused before it has ended: no header that may pass needs it.
 inline constexpr std::size_t http_head_max_line = http_head_max_lifted + 64;

@@ -328,7 +328,7 @@ NO_REQUESTS: dict[str, tuple[bytes, int, str]] = {
         "body too long",
     ),
     "a header too long": (
-        b"GET /info HTTP/1.1\r\nX: " + b"x" * 8192 + b"\r\n\r\n",
+        b"GET /info HTTP/1.1\r\nX: " + b"x" * 8193 + b"\r\n\r\n",
         431,
         "header too long",
     ),

@@ -496,7 +496,7 @@ INSTANTIATE_TEST_SUITE_P(
     Requests, RefusedRequest,
     testing::Values(
         refused_case{"Headers101", "GET /now HTTP/1.1\r\n" + many_headers(101) + "\r\n", 431},
-        refused_case{"Value8192", "GET /now HTTP/1.1\r\nA: " + string(8192, 'a') + "\r\n\r\n", 431},
+        refused_case{"Value8193", "GET /now HTTP/1.1\r\nA: " + string(8193, 'a') + "\r\n\r\n", 431},
         refused_case{"Uri8192", "GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n", 414},
         refused_case{"HeadThatNeverEnds", "GET /now HTTP/1.1\r\nA: " + string(70000, 'a'), 431},
         refused_case{"Http09", "GET /now\r\n\r\n", 400},
@@ -580,7 +580,7 @@ TEST_F(Connections, AHundredHeadersAndTheLongestValueAreServed)
 {
     serve();
     const auto peer = connected();
-    EXPECT_EQ(peer->ask("GET /now HTTP/1.1\r\n" + many_headers(99) + "A: " + string(8191, 'a') +
+    EXPECT_EQ(peer->ask("GET /now HTTP/1.1\r\n" + many_headers(99) + "A: " + string(8192, 'a') +
                         "\r\n\r\n")
                   .status,
               200);

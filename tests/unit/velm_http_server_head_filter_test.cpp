@@ -140,7 +140,7 @@ TEST(HeadFilter, ALineThatIsLongerThanAnyThatMayPassIsKnownBeforeItEnds)
 TEST(HeadFilter, TellsTheStatusOfARefusal)
 {
     EXPECT_EQ(http_head_filter(head_with(string(70000, 'a'))).refusal_status, 431);
-    EXPECT_EQ(http_head_filter(head_with("A: " + string(8192, 'a') + "\r\n")).refusal_status, 431);
+    EXPECT_EQ(http_head_filter(head_with("A: " + string(8193, 'a') + "\r\n")).refusal_status, 431);
     EXPECT_EQ(http_head_filter("GET /" + string(8191, 'a') + " HTTP/1.1\r\n\r\n").refusal_status,
               414);
     EXPECT_EQ(http_head_filter(head_with("Transfer-Encoding: gzip\r\n")).refusal_status, 501);
@@ -188,12 +188,21 @@ INSTANTIATE_TEST_SUITE_P(
         limit_case{"LiftedHeadersCount", head_with(headers(100) + "X-Assertion: a\r\n"),
                    "too many headers"},
         limit_case{"FoldedLinesCount", head_with(headers(100) + " a\r\n"), "too many headers"},
-        limit_case{"Value8191", head_with("A: " + string(8191, 'a') + "\r\n"), nullptr},
-        limit_case{"Value8192", head_with("A: " + string(8192, 'a') + "\r\n"), "header too long"},
+        limit_case{"Value8192", head_with("A: " + string(8192, 'a') + "\r\n"), nullptr},
+        limit_case{"Value8193", head_with("A: " + string(8193, 'a') + "\r\n"), "header too long"},
         limit_case{"FoldedValue8192",
                    head_with("A: " + string(8000, 'a') + "\r\n\t" + string(192, 'a') + "\r\n"),
+                   nullptr},
+        limit_case{"FoldedValue8193",
+                   head_with("A: " + string(8000, 'a') + "\r\n\t" + string(193, 'a') + "\r\n"),
                    "header too long"},
-        limit_case{"Name8192", head_with(string(8192, 'a') + ": a\r\n"), "header too long"},
+        limit_case{"Name8192", head_with(string(8192, 'a') + ": a\r\n"), nullptr},
+        limit_case{"Name8193", head_with(string(8193, 'a') + ": a\r\n"), "header too long"},
+        limit_case{"Length8192", head_with("Content-Length: " + string(8192, '0') + "\r\n"),
+                   "header too long"},
+        limit_case{"FoldedEncoding8192",
+                   head_with("Transfer-Encoding: chunked\r\n " + string(8185, 'a') + "\r\n"),
+                   "header too long"},
         limit_case{"Uri8191", head_of_uri(8191), nullptr},
         limit_case{"Uri8192", head_of_uri(8192), "uri too long"},
         limit_case{"Head65536", head_of_size(65536), nullptr},
@@ -201,6 +210,18 @@ INSTANTIATE_TEST_SUITE_P(
         limit_case{"ZeroByte", string("GET /info\0x HTTP/1.1\r\n\r\n", 24),
                    "zero byte in the head"}),
     [](const auto &row) { return string{row.param.name}; });
+
+TEST(HeadFilter, LeavesOutAHeaderThatTheParserCannotTake)
+{
+    const string longest(8191, 'a');
+    for (const string &header : {"A: " + longest + "a\r\n", longest + "a: b\r\n",
+                                 "A: " + longest + "\r\n a\r\n", "A: " + longest + "a\r\n  \r\n"}) {
+        EXPECT_EQ(http_head_filter(head_with("B: c\r\n" + header + "D: e\r\n")).text,
+                  head_with("B: c\r\nD: e\r\n"));
+    }
+    const string kept = head_with("A: " + longest + "\r\n");
+    EXPECT_EQ(http_head_filter(kept).text, kept);
+}
 
 TEST(HeadFilter, TellsWhetherOnlyTheParserKnowsTheEndOfTheBody)
 {
