@@ -13,7 +13,7 @@ from typing import Any
 import jsonschema
 import pytest
 from velm_sim.access_point import BSSIDS, AccessPoint
-from velm_sim.lan_http import Reply
+from velm_sim.lan_http import Reply, read_until_closed
 from velm_sim.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
 
@@ -535,3 +535,53 @@ def test_a_proof_in_base64_of_any_bytes_is_judged_not_dropped(paired: Caller) ->
         for path, header in (("/pair", "X-Attestation"), ("/location", "X-Assertion")):
             limit = TextLimit(path, header, 1, None)
             assert paired.send(with_text(paired, limit, value)).status == 412
+
+
+CONTENT_TYPES = (
+    ["application/json", "application/x-www-form-urlencoded", "multipart", "text/plain"]
+    + ["multipart/form-data; boundary=x", "Multipart/Mixed", "", "\xff"]
+)
+
+
+@pytest.mark.parametrize("number", range(len(CONTENT_TYPES)))
+def test_a_body_is_read_whatever_type_it_is_said_to_have(number: int, paired: Caller) -> None:
+    for path in BODY_PATHS:
+        request = paired.prepare(path)
+        content_type = {"Content-Type": CONTENT_TYPES[number]}
+        with paired.phone.host.session() as session:
+            reply = session.request(path, request.body, {**request.headers, **content_type})
+            assert reply.status == 200, path
+            # The answer's length was right: the next one begins where it ended.
+            assert session.request("/info").status == 200
+        if path == "/unpair":
+            assert paired.phone.pair().status == 200
+
+
+@pytest.mark.parametrize("word", ["close", "Close"])
+def test_the_connection_ends_when_the_phone_asks_for_it(word: str, caller: Caller) -> None:
+    """Also when it has sent more behind."""
+    more = b"GET /info HTTP/1.1\r\n\r\n"
+    for behind in (b"", more):
+        head = f"GET /info HTTP/1.1\r\nConnection: {word}\r\n\r\n".encode()
+        with caller.phone.host.connect_tls() as tls:
+            tls.sendall(head + behind)
+            answer = read_until_closed(tls)
+        assert answer.count(b"HTTP/1.1 200 ") == 1
+
+
+@pytest.mark.parametrize(
+    ("line", "answered"),
+    [
+        ("GET http://ap/info HTTP/1.1", b"HTTP/1.1 200 "),
+        ("GET http://ap/infoX HTTP/1.1", b"HTTP/1.1 404 "),
+        ("GET http://ap HTTP/1.1", b"HTTP/1.1 404 "),
+        ("CONNECT ap:443 HTTP/1.1", b"HTTP/1.1 404 "),
+        ("OPTIONS * HTTP/1.1", b""),  # no request to the parser
+    ],
+)
+def test_of_what_is_asked_for_in_another_form_the_path_counts(
+    line: str, answered: bytes, caller: Caller
+) -> None:
+    answer = caller.phone.host.exchange(f"{line}\r\nConnection: close\r\n\r\n".encode())
+    assert answer.startswith(answered) and bool(answer) == bool(answered)
+    assert caller.phone.info().status == 200
