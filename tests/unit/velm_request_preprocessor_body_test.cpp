@@ -86,6 +86,17 @@ TEST_F(Body, ThatCannotBeCopiedGives500)
                          "cannot copy data"));
 }
 
+TEST_F(Body, MayBeNestedAThousandDeepAndNoDeeper)
+{
+    const auto nested = [](std::size_t depth) {
+        return R"({"auth":{},"x":)" + std::string(depth - 1, '[') + std::string(depth - 1, ']') +
+               '}';
+    };
+    EXPECT_EQ(status(nested(1000)), 200);
+    EXPECT_EQ(status(nested(1001)), 400);
+    EXPECT_EQ(status(std::string(8192, '[')), 400);
+}
+
 TEST_F(Body, OfNoRequestEndsTheProcess)
 {
     EXPECT_DEATH((void)velm_request_parse_request_body(nullptr),

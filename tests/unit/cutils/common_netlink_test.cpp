@@ -807,6 +807,22 @@ TEST_F(Netlink, MessagesOlderThanTheAddressesReadAgainAreThrownAway)
     EXPECT_EQ(reported(new_address(br0, "192.168.4.1")).back(), "br0 192.168.4.1");
 }
 
+TEST_F(Netlink, MessagesThatHaveNoEndAreThrownAwayAPartATurn)
+{
+    observe();
+    kernel.present = {"br0 192.168.3.1"};
+    const int before = kernel.lists;
+    arrive(arrival{{}, ENOBUFS});
+    for (int i = 0; i < 5000; ++i) {
+        arrive(new_address(br0, "192.168.2.1"));
+    }
+    event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    EXPECT_EQ(kernel.arrivals.size(), 5000U - 4096U);
+    EXPECT_EQ(kernel.lists, before) << "what it reads is older than what still comes";
+    settle();
+    EXPECT_EQ(seen, text_list{"br0 192.168.3.1"});
+}
+
 TEST_F(Netlink, AnAddressWithALabelCountsToItsInterface)
 {
     observe();
