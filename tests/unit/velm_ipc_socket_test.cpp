@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 
 #include "fakes/captured_log.h"
@@ -148,6 +149,16 @@ TEST_F(IpcSocket, ADirectoryAtThePathFails)
     ASSERT_TRUE(velm_ipc_socket_create_dir(at("socket").c_str()));
     EXPECT_FALSE(velm_ipc_socket_listen(at("socket").c_str()));
     EXPECT_EQ(errno, EADDRINUSE);
+}
+
+TEST_F(IpcSocket, APathWithoutADirectoryLiesWhereTheProcessIs)
+{
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(directory.path());
+    const unique_fd listener = velm_ipc_socket_listen("socket");
+    std::filesystem::current_path(before);
+    EXPECT_TRUE(listener);
+    EXPECT_TRUE(ipc_connect(at("socket")));
 }
 
 TEST_F(IpcSocket, ConnectsWhereSomebodyListensAndFailsElsewhere)
