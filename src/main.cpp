@@ -40,7 +40,6 @@
 #include "velm_request_preprocessor.h"
 #include "velm_request_user_pass_check.h"
 #include "velm_sys_params.h"
-#include "velm_user_auth_passwd.h"
 #include "velm_utils.h"
 #include "velm_version.h"
 
@@ -305,7 +304,7 @@ void prepare_process()
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); // a parent that ignored it would hide how `ip` ended
     block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served
-    fatal_install_memory_handlers();
+    fatal_install_memory_handler();
     event_set_log_callback(log_libevent);
     event_set_fatal_callback(libevent_is_broken);
 }
@@ -352,7 +351,6 @@ int main(int argc, char **argv)
     init_tls_library();
     set_up_https_client();
     std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
-    velm_user_auth_passwd_prepare();
     make_event_base();
     watch_sighup();
     common_async_init();

@@ -6,8 +6,10 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
+#include "handles/memory.h"
 #include "logger/common_logger.h"
 
 namespace {
@@ -53,6 +55,14 @@ bool header_asks_for_us(char *line)
     return strcasecmp(line, "ST") == 0 && strcasecmp(value, velm_ssdp_device_type) == 0;
 }
 
+/// localtime, not localtime_r: it follows a time zone that changes while we run. For that it allocates
+/// under a lock, for which a log line would wait.
+const std::tm *local_time(std::time_t time)
+{
+    const exhaustion_met_at_end not_under_the_lock;
+    return std::localtime(&time);
+}
+
 } // namespace
 
 bool velm_ssdp_message_is_search(char *text)
@@ -78,8 +88,7 @@ std::size_t velm_ssdp_message_write_reply(std::span<char, velm_ssdp_reply_size> 
                                           const velm_ssdp_reply_fields &fields)
 {
     std::array<char, 80> time_text{};
-    // localtime, not localtime_r: it follows a time zone that changes while we run.
-    const std::tm *const local = std::localtime(&fields.time);
+    const std::tm *const local = local_time(fields.time);
     if (local != nullptr) {
         std::strftime(time_text.data(), time_text.size(), "%Y-%m-%d.%X", local);
     }

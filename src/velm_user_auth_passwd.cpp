@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -83,31 +82,7 @@ bool password_matches(const char *stored, const char *password)
     return CRYPTO_memcmp(stored, hash, compared) == 0;
 }
 
-/// Called for a null that glibc followed, or an assertion of its own that failed.
-void look_up_had_no_memory(int /*signal*/)
-{
-    std::signal(SIGABRT, SIG_DFL); // or the line would come twice
-    FATAL("%s: %s is null: %s", "velm_user_auth_passwd_prepare", "getpwnam_r", "not enough memory");
-}
-
 } // namespace
-
-void velm_user_auth_passwd_prepare()
-{
-    std::vector<char> buffer = make_entry_buffer();
-    passwd account{};
-    passwd *found = nullptr;
-    struct sigaction fatal_line = {};
-    fatal_line.sa_handler = look_up_had_no_memory;
-    struct sigaction before_fault = {};
-    struct sigaction before_abort = {};
-    sigaction(SIGSEGV, &fatal_line, &before_fault);
-    sigaction(SIGABRT, &fatal_line, &before_abort);
-    const int rc = getpwnam_r("root", &account, buffer.data(), buffer.size(), &found);
-    sigaction(SIGSEGV, &before_fault, nullptr);
-    sigaction(SIGABRT, &before_abort, nullptr);
-    memory_is_exhausted_if(rc == ENOMEM);
-}
 
 int velm_user_auth_passwd_login(const char *username, const char *password)
 {

@@ -2,10 +2,6 @@
 
 /// Logins against the system password database.
 
-/// Makes the C library read its list of databases. Called at start: without memory glibc's first
-/// look-up follows a null pointer or fails an assertion, which here becomes the fatal line.
-void velm_user_auth_passwd_prepare();
-
 /// 1 when the password is right for that system account, else 0; never 1 for "root". Hashes on the
 /// calling thread, so it takes as long as the account's hash asks. Null arguments are fatal.
 [[nodiscard]] int velm_user_auth_passwd_login(const char *username, const char *password);

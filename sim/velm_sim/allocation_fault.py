@@ -26,10 +26,6 @@ class Outcome:
     def aborted(self) -> bool:
         return self.kind == signal.SIGABRT
 
-    @property
-    def survived(self) -> bool:
-        return self.kind == SURVIVED
-
     def place(self, depth: int = 3) -> str:
         """The innermost callers, for people."""
         return " < ".join(line.split("+")[0] for line in self.trace[:depth])

@@ -1,22 +1,25 @@
 #include "logger/fatal.h"
 
 #include <cstdio>
+#include <ctime>
 #include <new>
 
-#include "handles/allocators.h"
+#include "handles/memory.h"
 
 namespace {
 
 constexpr char log_category[] = "memory";
 
 struct module_state {
-    const char *function = "operator new";
+    const char *function = "malloc";
     const char *object = "memory";
 };
 module_state state;
 
 void out_of_memory()
 {
+    // What the line itself asks for, it does without.
+    std::set_new_handler(nullptr);
     if (!common_logger_is_enabled()) {
         std::fputs("not enough memory\n", stderr);
     }
@@ -36,8 +39,10 @@ allocation_name::~allocation_name()
     state = {outer_function_, outer_object_};
 }
 
-void fatal_install_memory_handlers()
+void fatal_install_memory_handler()
 {
     std::set_new_handler(out_of_memory);
-    checked_allocator<out_of_memory>::install();
+    // The C library reads the time zone once, under a lock that the time of a log line waits for.
+    const exhaustion_met_at_end not_under_the_lock;
+    tzset();
 }

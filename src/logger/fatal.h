@@ -58,7 +58,6 @@ class allocation_name {
 };
 
 /// Makes exhausted memory the fatal line "%s: %s is null: %s" with the innermost allocation_name (or
-/// the allocator itself) and "not enough memory", for C++ allocations and for those that cJSON,
-/// libevent, libevhtp, OpenSSL, cjose and jansson make. Called first in main: OpenSSL takes it only
-/// before its first allocation.
-void fatal_install_memory_handlers();
+/// the allocator itself) and "not enough memory", whoever in the process asked for it: `new`, a
+/// library, or the C library. Called first in main.
+void fatal_install_memory_handler();

@@ -458,7 +458,7 @@ TEST_F(AndroidAssertion, ExhaustedMemoryNamesTheCopyThatCouldNotBeMade)
     const std::uint8_t byte = 0;
     const std::span<const std::uint8_t> huge{&byte, std::size_t{1} << 46};
     const auto verify = [](auto object, auto message_digest) {
-        fatal_install_memory_handlers();
+        fatal_install_memory_handler();
         velm_attestation_engine_android_verify_assertion("d", object, message_digest, 0, note,
                                                          nullptr);
     };

@@ -5,7 +5,6 @@
 #include <pwd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <map>
 #include <string>
@@ -22,7 +21,6 @@ struct system_seen {
     const char *canonical_name = nullptr;        // what the database says to any name
     int error = 0;
     int errno_only = 0;     // with the answer that there is no such account
-    int raised = 0;         // a signal of the look-up's own
     std::size_t needed = 0; // a smaller buffer gives ERANGE
     std::vector<std::size_t> sizes;
     bool crypt_is_real = false;
@@ -39,9 +37,6 @@ extern "C" int getpwnam_r(const char *name, passwd *account, char *buffer, size_
 {
     system_state.sizes.push_back(size);
     *result = nullptr;
-    if (system_state.raised != 0) {
-        std::raise(system_state.raised);
-    }
     if (system_state.errno_only != 0) {
         errno = system_state.errno_only;
         return 0;
@@ -257,32 +252,12 @@ TEST_F(Passwd, WithoutANameOrPasswordEndsTheProcess)
 
 TEST_F(Passwd, ALookUpWithoutMemoryEndsTheProcess)
 {
-    fatal_install_memory_handlers();
+    fatal_install_memory_handler();
     system_state.error = ENOMEM;
     EXPECT_DEATH((void)velm_user_auth_passwd_login("admin", "secret"), "not enough memory");
     system_state.error = 0;
     system_state.errno_only = ENOMEM;
     EXPECT_DEATH((void)velm_user_auth_passwd_login("admin", "secret"), "not enough memory");
-}
-
-class FirstLookUp : public Passwd, public testing::WithParamInterface<int> {};
-
-TEST_P(FirstLookUp, ThatEndsInASignalOfItsOwnEndsInTheFatalLine)
-{
-    system_state.raised = GetParam();
-    EXPECT_EXIT(velm_user_auth_passwd_prepare(), testing::KilledBySignal(SIGABRT),
-                "ERROR velm_user_auth_passwd - velm_user_auth_passwd_prepare: getpwnam_r is null: "
-                "not enough memory");
-}
-
-INSTANTIATE_TEST_SUITE_P(Signals, FirstLookUp, testing::Values(SIGSEGV, SIGABRT));
-
-TEST_F(Passwd, TheFirstLookUpLeavesTheSignalsAsTheyWere)
-{
-    velm_user_auth_passwd_prepare();
-    system_state.raised = SIGABRT;
-    EXPECT_EXIT((void)velm_user_auth_passwd_login("admin", "secret"),
-                testing::KilledBySignal(SIGABRT), "^$");
 }
 
 } // namespace

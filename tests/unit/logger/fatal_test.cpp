@@ -1,15 +1,11 @@
 #include "logger/fatal.h"
 
-#include <cjose/util.h>
-#include <cjson/cJSON.h>
-#include <event2/buffer.h>
 #include <gtest/gtest.h>
-#include <openssl/crypto.h>
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <new>
-#include <string>
 
 #include "fakes/captured_log.h"
 #include "handles/memory.h"
@@ -78,7 +74,7 @@ TEST_F(Fatal, WhatHoldsGoesOnSilently)
 
 void exhaust_memory()
 {
-    fatal_install_memory_handlers();
+    fatal_install_memory_handler();
     std::get_new_handler()();
 }
 
@@ -101,8 +97,7 @@ TEST_F(Fatal, ExhaustedMemoryNamesTheOuterObjectAgainAfterTheInnerScope)
 
 TEST_F(Fatal, ExhaustedMemoryWithoutANameSpeaksOfTheAllocator)
 {
-    EXPECT_DEATH(exhaust_memory(),
-                 "ERROR memory - operator new: memory is null: not enough memory");
+    EXPECT_DEATH(exhaust_memory(), "ERROR memory - malloc: memory is null: not enough memory");
 }
 
 /// More than any machine has, and hidden from the optimiser.
@@ -112,54 +107,57 @@ std::size_t too_much()
     return size;
 }
 
-TEST_F(Fatal, CJsonWithoutMemoryEndsTheProcess)
+TEST_F(Fatal, APlainObjectWithoutMemoryEndsTheProcess)
 {
-    EXPECT_DEATH(
-        {
-            fatal_install_memory_handlers();
-            cJSON_free(cJSON_malloc(too_much()));
-        },
-        "ERROR memory - operator new: memory is null: not enough memory");
-}
-
-/// Each in a process of its own, and one that has not used the library yet.
-struct library_case {
-    const char *name;
-    void (*ask)();
-};
-class LibraryWithoutMemory : public Fatal, public testing::WithParamInterface<library_case> {};
-
-TEST_P(LibraryWithoutMemory, EndsTheProcess)
-{
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            fatal_install_memory_handlers();
-            GetParam().ask();
+            fatal_install_memory_handler();
+            static_cast<void>(try_make_plain<char>(too_much()));
         },
         testing::KilledBySignal(SIGABRT),
-        "ERROR memory - operator new: memory is null: not enough memory");
+        "ERROR memory - malloc: memory is null: not enough memory");
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    All, LibraryWithoutMemory,
-    testing::Values(
-        library_case{"OpenSSL", [] { static_cast<void>(OPENSSL_malloc(too_much())); }},
-        library_case{"OpenSslAgain",
-                     [] { static_cast<void>(OPENSSL_realloc(nullptr, too_much())); }},
-        library_case{"Libevent", [] { evbuffer_expand(evbuffer_new(), too_much() / 4); }},
-        library_case{"Cjose", [] { static_cast<void>(cjose_get_alloc()(too_much())); }},
-        library_case{"PlainObjects", [] { static_cast<void>(try_make_plain<char>(too_much())); }}),
-    [](const auto &row) { return std::string{row.param.name}; });
-
-TEST_F(Fatal, CJsonWorksOnWithTheHandlersInstalled)
+void ask_too(const char *, int, const char *text, const char *, int)
 {
-    fatal_install_memory_handlers();
-    cJSON *const json = cJSON_Parse(R"({"a":[1,2,"three"]})");
-    char *const text = cJSON_PrintUnformatted(json);
-    EXPECT_STREQ(text, R"({"a":[1,2,"three"]})");
-    cJSON_free(text);
-    cJSON_Delete(json);
+    static_cast<void>(try_make_plain<char>(too_much()));
+    std::fputs(text, stderr);
+}
+
+TEST_F(Fatal, WhatTheLineItselfAsksForMayFail)
+{
+    constexpr common_logger_observer asks_too{nullptr, nullptr, ask_too, nullptr};
+    common_logger_set_observer(&asks_too);
+    EXPECT_EXIT(exhaust_memory(), testing::KilledBySignal(SIGABRT), "^[^\n]*not enough memory\n$");
+}
+
+TEST_F(Fatal, ExhaustionUnderALockIsMetWithWhenTheLockIsGivenBack)
+{
+    EXPECT_EXIT(
+        {
+            fatal_install_memory_handler();
+            {
+                const exhaustion_met_at_end lock;
+                memory_is_exhausted();
+                std::fputs("given back\n", stderr);
+            }
+        },
+        testing::KilledBySignal(SIGABRT), "^given back\n.*not enough memory");
+}
+
+TEST_F(Fatal, WithoutExhaustionUnderALockNothingIsMet)
+{
+    int calls = 0;
+    static int *counter = nullptr;
+    counter = &calls;
+    const std::new_handler before = std::set_new_handler([] { ++*counter; });
+    {
+        const exhaustion_met_at_end lock;
+    }
+    EXPECT_EQ(calls, 0);
+    memory_is_exhausted();
+    EXPECT_EQ(calls, 1);
+    std::set_new_handler(before);
 }
 
 } // namespace

@@ -1,0 +1,126 @@
+#include "handles/checked_malloc.h"
+
+#include <dlfcn.h>
+#include <malloc.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include "handles/memory.h"
+
+namespace {
+
+/// The allocator's own functions.
+struct allocator {
+    void *(*malloc)(std::size_t);
+    void *(*calloc)(std::size_t, std::size_t);
+    void *(*realloc)(void *, std::size_t);
+    void *(*memalign)(std::size_t, std::size_t);
+    void *(*aligned_alloc)(std::size_t, std::size_t);
+    int (*posix_memalign)(void **, std::size_t, std::size_t);
+};
+constinit allocator next{};
+constinit bool is_looked_up = false;
+constinit bool is_being_looked_up = false;
+
+template <typename Function>
+void look_up(Function **function, const char *name) noexcept
+{
+    *function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+    if (*function == nullptr) {
+        std::abort();
+    }
+}
+
+/// The loader allocates before any constructor has run, so the first who asks looks them up. False to
+/// the look-up itself, which then does without: an older C library asks for room for its errors.
+bool is_ready() noexcept
+{
+    if (is_looked_up) [[likely]] {
+        return true;
+    }
+    if (is_being_looked_up) {
+        errno = ENOMEM;
+        return false;
+    }
+    is_being_looked_up = true;
+    look_up(&next.malloc, "malloc");
+    look_up(&next.calloc, "calloc");
+    look_up(&next.realloc, "realloc");
+    look_up(&next.memalign, "memalign");
+    look_up(&next.aligned_alloc, "aligned_alloc");
+    look_up(&next.posix_memalign, "posix_memalign");
+    is_being_looked_up = false;
+    is_looked_up = true;
+    return true;
+}
+
+bool is_shortage(std::size_t size) noexcept
+{
+    return size > 0 && size <= checked_malloc_largest;
+}
+
+void *checked(void *memory, std::size_t size) noexcept
+{
+    memory_is_exhausted_if(memory == nullptr && is_shortage(size));
+    return memory;
+}
+
+void end_before_main()
+{
+    std::fputs("not enough memory\n", stderr);
+    std::abort();
+}
+
+/// Until main has a handler of its own: the modules' objects are made before.
+[[gnu::constructor(101)]] void install_first_handler() noexcept
+{
+    std::set_new_handler(end_before_main);
+}
+
+} // namespace
+
+extern "C" {
+
+void *malloc(std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.malloc(size), size) : nullptr;
+}
+
+void *calloc(std::size_t count, std::size_t size) noexcept
+{
+    if (!is_ready()) {
+        return nullptr;
+    }
+    std::size_t total = 0;
+    const bool overflows = __builtin_mul_overflow(count, size, &total);
+    return checked(next.calloc(count, size), overflows ? SIZE_MAX : total);
+}
+
+void *realloc(void *old, std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.realloc(old, size), size) : nullptr;
+}
+
+void *memalign(std::size_t alignment, std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.memalign(alignment, size), size) : nullptr;
+}
+
+void *aligned_alloc(std::size_t alignment, std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.aligned_alloc(alignment, size), size) : nullptr;
+}
+
+int posix_memalign(void **memory, std::size_t alignment, std::size_t size) noexcept
+{
+    const int error = is_ready() ? next.posix_memalign(memory, alignment, size) : ENOMEM;
+    memory_is_exhausted_if(error == ENOMEM && is_looked_up && is_shortage(size));
+    return error;
+}
+
+} // extern "C"
