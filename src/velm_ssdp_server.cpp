@@ -34,6 +34,9 @@ constexpr std::size_t datagram_max = 65535;
 constexpr std::ptrdiff_t turn_budget = 64 * 1024;
 constexpr std::ptrdiff_t datagram_flat_rate = 1024;
 
+// What a host of the LAN can cause as often as it likes is told once in this time, with a count.
+constexpr std::time_t unsent_silence = 60;
+
 using datagram_buffer = std::array<char, datagram_max + 1>;
 
 /// The answer names the time in whole seconds, so it is made once a second at most.
@@ -51,6 +54,8 @@ struct module_state {
     // resident.
     std::unique_ptr<datagram_buffer> buffer;
     std::optional<prepared_reply> reply;
+    std::optional<std::time_t> unsent_told; // the last line about answers that could not be sent
+    unsigned unsent_since = 0;
     unique_fd socket;
     event_ptr watcher;
 };
@@ -81,13 +86,30 @@ const prepared_reply &current_reply()
     return *state.reply;
 }
 
+void tell_of_unsent_reply()
+{
+    const std::time_t now = std::time(nullptr);
+    const bool is_silent =
+        state.unsent_told && now >= *state.unsent_told && now - *state.unsent_told < unsent_silence;
+    if (is_silent) {
+        ++state.unsent_since;
+        return;
+    }
+    LOG_WARN("failed to send response to M-SEARCH packet");
+    if (state.unsent_since > 0) {
+        LOG_WARN("%s - %u more have failed since this was said last", __func__, state.unsent_since);
+    }
+    state.unsent_told = now;
+    state.unsent_since = 0;
+}
+
 void send_reply(int fd, const sockaddr_in &receiver)
 {
     const prepared_reply &reply = current_reply();
     const ssize_t sent = sendto(fd, reply.text.data(), reply.length, MSG_DONTWAIT,
                                 general(receiver), sizeof receiver);
     if (sent < 0 || static_cast<std::size_t>(sent) != reply.length) {
-        LOG_WARN("failed to send response to M-SEARCH packet");
+        tell_of_unsent_reply();
     }
 }
 
@@ -250,5 +272,7 @@ void ssdp_server_stop()
     state.socket.reset();
     state.buffer.reset();
     state.reply.reset();
+    state.unsent_told.reset();
+    state.unsent_since = 0;
     state.service_uuid.reset();
 }

@@ -535,6 +535,71 @@ TEST_F(SsdpServer, AnAnswerThatCannotBeSentIsLogged)
     EXPECT_TRUE(log.has("WARN velm_ssdp_server - failed to send response to M-SEARCH packet"));
 }
 
+/// The server receives from everybody and can send to nobody.
+class UnsentAnswers : public SsdpServer {
+  protected:
+    UnsentAnswers()
+    {
+        fake_clock_set(start);
+        ssdp_server_start();
+        sockaddr_in peer = address_of("127.0.0.1", 9);
+        EXPECT_EQ(connect(server_socket(), general(peer), sizeof peer), 0);
+        EXPECT_EQ(shutdown(server_socket(), SHUT_WR), 0);
+        sockaddr nobody{};
+        nobody.sa_family = AF_UNSPEC;
+        EXPECT_EQ(connect(server_socket(), &nobody, sizeof nobody), 0);
+    }
+    ~UnsentAnswers() override
+    {
+        fake_clock_reset();
+    }
+
+    void ask_in_vain(int times)
+    {
+        for (int i = 0; i < times; ++i) {
+            ask();
+            ipc_turn(base.get());
+        }
+    }
+
+    static constexpr std::time_t start = 1'700'000'000;
+    static constexpr char line[] =
+        "WARN velm_ssdp_server - failed to send response to M-SEARCH packet";
+    captured_log log;
+};
+
+TEST_F(UnsentAnswers, AreToldOnceInAMinute)
+{
+    ask_in_vain(5);
+    fake_clock_set(start + 59);
+    ask_in_vain(5);
+    EXPECT_EQ(log.count(line), 1);
+    fake_clock_set(start + 60);
+    ask_in_vain(5);
+    EXPECT_EQ(log.count(line), 2);
+}
+
+TEST_F(UnsentAnswers, ThatWereNotToldAreCounted)
+{
+    ask_in_vain(10);
+    EXPECT_FALSE(log.contains("more have failed"));
+    fake_clock_set(start + 60);
+    ask_in_vain(1);
+    EXPECT_TRUE(log.has("WARN velm_ssdp_server - tell_of_unsent_reply - 9 more have failed since "
+                        "this was said last"));
+    fake_clock_set(start + 120);
+    ask_in_vain(1);
+    EXPECT_EQ(log.count("more have failed"), 1);
+}
+
+TEST_F(UnsentAnswers, AreToldAtOnceWhenTheClockHasBeenSetBack)
+{
+    ask_in_vain(1);
+    fake_clock_set(start - 1000);
+    ask_in_vain(1);
+    EXPECT_EQ(log.count(line), 2);
+}
+
 TEST_F(SsdpServer, ASocketThatCannotBeReadIsLogged)
 {
     ssdp_server_start();
