@@ -156,6 +156,14 @@ intake_result wait_for_head(http_intake *intake)
     return refusal == 0 ? intake_result::waits : refuse(intake, "header too long", refusal);
 }
 
+/// The request is whole, and the library has it: what is held, if anything, belongs to the next one.
+intake_result begin_answering(http_intake *intake)
+{
+    intake->phase = message_phase::answering;
+    intake->held.shrink_to_fit();
+    return intake_result::moved_on;
+}
+
 /// A step has moved on when there may be more to do with what is held.
 intake_result take_head(http_intake *intake)
 {
@@ -181,11 +189,8 @@ intake_result take_head(http_intake *intake)
     if (!feed(intake, head.text)) {
         return intake_result::ended;
     }
-    if (!has_reached_its_route(intake)) {
-        return begin_body(intake, head.chunked);
-    }
-    intake->phase = message_phase::answering;
-    return intake_result::moved_on;
+    return has_reached_its_route(intake) ? begin_answering(intake)
+                                         : begin_body(intake, head.chunked);
 }
 
 /// How much of what is held the parser may have without seeing anything of the next request. A
@@ -218,10 +223,7 @@ intake_result take_body(http_intake *intake)
     if (intake->too_long) {
         return refuse(intake, "body too long", status_body_too_large);
     }
-    if (has_reached_its_route(intake)) {
-        intake->phase = message_phase::answering;
-    }
-    return intake_result::moved_on;
+    return has_reached_its_route(intake) ? begin_answering(intake) : intake_result::moved_on;
 }
 
 intake_result take_nothing(http_intake *intake)
