@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <set>
 #include <string>
@@ -35,6 +36,7 @@ struct engines_seen {
 engines_seen engines;
 
 std::vector<int> reported;
+std::vector<std::string> wiped;
 
 bool is_digest_of_signed_body(std::span<const std::uint8_t> digest)
 {
@@ -49,6 +51,13 @@ void note_call(const char *device_id, std::span<const std::uint8_t> assertion)
 }
 
 } // namespace
+
+/// Stands in for OpenSSL's function, to see what is wiped.
+extern "C" void OPENSSL_cleanse(void *memory, size_t size)
+{
+    wiped.emplace_back(static_cast<const char *>(memory), size);
+    std::memset(memory, 0, size);
+}
 
 int velm_challenge_engine_consume_challenge(const char *challenge)
 {
@@ -301,6 +310,38 @@ INSTANTIATE_TEST_SUITE_P(
                     method_case{"Longer", "remotely", velm_android_method_local},
                     method_case{"Shorter", "remot", velm_android_method_local},
                     method_case{"Empty", "", velm_android_method_local}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+// The copy of the body, in which a password is
+
+struct wiping_case {
+    const char *name;
+    void (*bend)(velm_request_preprocessor &p);
+};
+class BodyCopy : public AssertCheck, public testing::WithParamInterface<wiping_case> {};
+
+TEST_P(BodyCopy, IsWipedHoweverTheCheckEnds)
+{
+    GetParam().bend(p_);
+    wiped.clear();
+    run();
+    EXPECT_EQ(std::count(wiped.begin(), wiped.end(), body), 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ends, BodyCopy,
+    testing::Values(
+        wiping_case{"Passing", [](velm_request_preprocessor &) {}},
+        wiping_case{"Forged",
+                    [](velm_request_preprocessor &p) { p.client_assertion = "Zm9yZ2Vk"; }},
+        wiping_case{"NoBase64",
+                    [](velm_request_preprocessor &p) { p.client_assertion = "no base64!"; }},
+        wiping_case{"UsedChallenge",
+                    [](velm_request_preprocessor &) { engines.pending_challenges.clear(); }},
+        wiping_case{"UnknownDevice",
+                    [](velm_request_preprocessor &p) { p.client_device_type = "Windows"; }},
+        wiping_case{"AndroidThatWaits",
+                    [](velm_request_preprocessor &p) { p.client_device_type = "Android"; }}),
     [](const auto &row) { return std::string{row.param.name}; });
 
 TEST_F(AssertCheck, DoesNotBeginWhenTheRequestHasGone)
