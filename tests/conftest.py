@@ -5,6 +5,8 @@ from __future__ import annotations
 from pathlib import Path
 
 import pytest
+from _pytest.terminal import TerminalReporter
+from velm_sim.sample import seed_of_the_day
 
 REPOSITORY = Path(__file__).resolve().parents[1]
 
@@ -21,9 +23,21 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         help="injects each fault there is, not a sample: some minutes instead of seconds",
     )
     parser.addoption(
+        "--seed",
+        type=int,
+        default=seed_of_the_day(),
+        help="draws that sample; the day's unless given, and printed at the end",
+    )
+    parser.addoption(
         "--tls",
         choices=["default", "1.2", "1.3"],
         default="default",
         help="what the phones and the cloud are willing to negotiate: what their TLS library does "
         "by itself, or that version alone with FIPS-like ciphers, curves and signatures",
     )
+
+
+def pytest_terminal_summary(terminalreporter: TerminalReporter, config: pytest.Config) -> None:
+    reports = [*terminalreporter.getreports("passed"), *terminalreporter.getreports("failed")]
+    if any("test_faults_" in report.nodeid for report in reports):
+        terminalreporter.write_line(f"faults were drawn from --seed={config.getoption('--seed')}")

@@ -15,6 +15,7 @@ from velm_sim.cloud import Cloud, CloudCertificates
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network, remove_stale
 from velm_sim.phone import Phone, Profile
+from velm_sim.sample import Sample
 from velm_sim.tls_policy import POLICIES, TlsPolicy
 
 
@@ -50,6 +51,12 @@ def build(pytestconfig: pytest.Config) -> Build:
         return Build(pytestconfig.getoption("--build"))
     except BuildError as problem:
         pytest.exit(str(problem), returncode=2)
+
+
+@pytest.fixture(scope="session")
+def sample(pytestconfig: pytest.Config) -> Sample:
+    """Which faults to try."""
+    return Sample(pytestconfig.getoption("--seed"), pytestconfig.getoption("--every-fault"))
 
 
 @pytest.fixture(scope="session")

@@ -21,6 +21,7 @@ from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, Prepared
 from velm_sim.play_integrity import open_token
 from velm_sim.promptness import assert_prompt, latencies, prompt_meanwhile
+from velm_sim.sample import Sample
 
 
 @contextlib.contextmanager
@@ -150,12 +151,11 @@ STATUSES = [*range(100, 104), *range(199, 210), 226, 299, *range(300, 309), 399,
 @pytest.mark.begun_first
 def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    pytestconfig: pytest.Config,
+    sample: Sample,
 ) -> None:  # fmt: skip
-    every = 1 if pytestconfig.getoption("--every-fault") else 9
     pushes = Pushes(access_point, cloud, ipc)
     with prompt_meanwhile(access_point.lan_host(1)):
-        for status in STATUSES[::every]:
+        for status in sample.of(STATUSES, 9):
             if status != 404:
                 pushes.push(Answer(status, b"{}"))
                 assert access_point.pairing(0)["status"] == "Valid", status
@@ -163,10 +163,10 @@ def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
     wait_until(lambda: access_point.pairing(0)["status"] == "Invalid", 5, "still paired")
 
 
-def cuts(answer: Answer, every: int) -> Iterator[Answer]:
+def cuts(answer: Answer, sample: Sample, one_in: int) -> Iterator[Answer]:
     """The answer without its last bytes: all the lengths, or some of them and the longest."""
     raw = answer.head() + answer.body
-    for end in sorted({*range(0, len(raw), every), len(raw) - 1}):
+    for end in sorted({*sample.of(range(len(raw)), one_in), len(raw) - 1}):
         yield replace(answer, raw=raw[:end])
 
 
@@ -174,13 +174,12 @@ def cuts(answer: Answer, every: int) -> Iterator[Answer]:
 @pytest.mark.begun_first
 def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    pytestconfig: pytest.Config,
+    sample: Sample,
 ) -> None:  # fmt: skip
-    every = 1 if pytestconfig.getoption("--every-fault") else 17
     whole = Answer.json({"error": {"code": 404}}, 404)
     pushes = Pushes(access_point, cloud, ipc)
     with prompt_meanwhile(access_point.lan_host(1)):
-        for cut in cuts(whole, every):
+        for cut in cuts(whole, sample, 17):
             pushes.push(cut)
             assert access_point.pairing(0)["status"] == "Valid", cut.raw
     assert paired_phone.location().status == 200
@@ -193,13 +192,12 @@ def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
 @pytest.mark.begun_first
 def test_an_access_token_that_is_cut_at_any_byte_is_none(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    pytestconfig: pytest.Config,
+    sample: Sample,
 ) -> None:  # fmt: skip
-    every = 1 if pytestconfig.getoption("--every-fault") else 17
     whole = Answer.json({"access_token": "t", "expires_in": 1})
     pushes = Pushes(access_point, cloud, ipc)
     with prompt_meanwhile(access_point.lan_host(1)):
-        for cut in cuts(whole, every):
+        for cut in cuts(whole, sample, 17):
             pushes.fail_for_want_of_a_token(cut)
     assert not cloud.fcm.requests
     assert access_point.pairing(0)["status"] == "Valid"
@@ -210,9 +208,8 @@ def test_an_access_token_that_is_cut_at_any_byte_is_none(
 
 @pytest.mark.begun_first
 def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
-    access_point: AccessPoint, cloud: Cloud, ipc: IpcClient, pytestconfig: pytest.Config
+    access_point: AccessPoint, cloud: Cloud, ipc: IpcClient, sample: Sample
 ) -> None:
-    every = 1 if pytestconfig.getoption("--every-fault") else 29
     phone = access_point.android_phone()
     assert phone.pair().status == 200
 
@@ -220,11 +217,11 @@ def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
         token = base64.b64decode(request.headers["X-Assertion"]).decode()
         return Answer.json({"tokenPayloadExternal": open_token(phone.integrity, token)})
 
-    length = sum(1 for _ in cuts(verdict(phone.prepare_location()), every))
+    length = sum(1 for _ in cuts(verdict(phone.prepare_location()), sample, 29))
     with prompt_meanwhile(access_point.lan_host(1)):
         for number in range(length):
             request = phone.prepare_location()
-            cut = next(itertools.islice(cuts(verdict(request), every), number, None))
+            cut = next(itertools.islice(cuts(verdict(request), sample, 29), number, None))
             cloud.integrity.answer_next(cut)
             assert phone.send(request).status == 412, cut.raw
     assert ipc.is_silent(0.1)

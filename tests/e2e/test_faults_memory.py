@@ -1,6 +1,6 @@
 """Memory that runs out: whichever allocation fails, the daemon ends in its fatal line and SIGABRT.
 
-A preloaded allocator fails every eighth allocation of a phase, each in a copy of the daemon; with
+A preloaded allocator fails one in eight allocations of a phase, each in a copy of the daemon; with
 --every-fault all of them (about 45,000), those of the C library and of the others included.
 """
 
@@ -22,6 +22,7 @@ from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
 from velm_sim.ipc_client import IpcClient
 from velm_sim.phone import Phone
+from velm_sim.sample import Sample
 
 PASSES = 8
 FATAL = "not enough memory"
@@ -137,18 +138,22 @@ def assert_whole(access_point: AccessPoint, store: Path) -> None:
 
 
 def pytest_generate_tests(metafunc: pytest.Metafunc) -> None:
-    if "sweep_first" in metafunc.fixturenames:
+    if "sweep" in metafunc.fixturenames:
         every = metafunc.config.getoption("--every-fault")
-        metafunc.parametrize("sweep_first", range(1, PASSES + 1) if every else [1])
+        metafunc.parametrize("sweep", range(PASSES if every else 1))
 
 
 @pytest.mark.begun_first
 @pytest.mark.parametrize("phase", PHASES)
 def test_each_allocation_that_fails_ends_the_daemon_in_its_fatal_line(
-    phase: str, sweep_first: int, rig: Rig, record_property: Callable[[str, object], None]
+    phase: str,
+    sweep: int,
+    rig: Rig,
+    sample: Sample,
+    record_property: Callable[[str, object], None],
 ) -> None:
     phone = bring_before(phase, rig)
-    rig.fault.sweep(sweep_first, PASSES)
+    rig.fault.sweep(1 + (sample.seed + sweep) % PASSES, PASSES)
     PHASES[phase](rig, phone)
     rig.fault.count()
     # Its answer comes when the last copy has ended.

@@ -17,8 +17,8 @@ from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.phone import Phone, Profile
+from velm_sim.sample import Sample
 
-SEED = 20261121
 MEMBERS = ("dev_id", "name", "push_token", "attestation_key")
 CUT_OFF = (OSError, RuntimeError, ValueError, http.client.HTTPException)
 
@@ -53,10 +53,10 @@ def pairing_names(settings: dict[str, str], limit: int = 10) -> set[str]:
 
 @pytest.mark.begun_first
 def test_a_daemon_killed_at_any_instant_of_a_pairing_leaves_a_finished_commit(
-    cold_access_point: AccessPoint, pytestconfig: pytest.Config
+    cold_access_point: AccessPoint, sample: Sample
 ) -> None:
-    rounds = 500 if pytestconfig.getoption("--every-fault") else 40
-    chance = random.Random(SEED)
+    rounds = 500 if sample.whole else 40
+    chance = random.Random(sample.seed)
     access_point = cold_access_point
     kept: set[str] = set()
     cut = 0
@@ -164,9 +164,8 @@ def committed_on(store: Path, access_point: AccessPoint) -> set[str]:
 
 @pytest.mark.begun_first
 def test_a_store_with_any_byte_damaged_is_read_as_a_state_that_was(
-    access_point: AccessPoint, paired_phone: Phone, pytestconfig: pytest.Config
+    access_point: AccessPoint, paired_phone: Phone, sample: Sample
 ) -> None:
-    every = 1 if pytestconfig.getoption("--every-fault") else 41
     store = access_point.directory / "nvram"
     copy = access_point.directory / "damaged"
     shutil.copytree(store, copy)
@@ -174,7 +173,7 @@ def test_a_store_with_any_byte_damaged_is_read_as_a_state_that_was(
     before = {name: value for name, value in whole.items() if "pairing" not in name}
     for name in ("live", "committed.0", "committed.1"):
         good = (store / name).read_bytes()
-        for at in range(0, len(good), every):
+        for at in sample.of(range(len(good)), 41):
             (copy / name).write_bytes(good[:at] + bytes([good[at] ^ 0x55]) + good[at + 1 :])
             seen = settings_of(access_point, copy)
             rest = {key: value for key, value in seen.items() if "pairing" not in key}
