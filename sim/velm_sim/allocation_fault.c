@@ -36,6 +36,7 @@ struct control {
     uint64_t every;   /* 0: that one only; 1: all from it on; n: every n-th from it on */
     uint64_t sweep;   /* not 0: each in a copy of the process */
     uint64_t failed;
+    uint64_t largest; /* that was asked for, in bytes, whether it was had or not */
     char trace[TRACE_SIZE]; /* who asked for the last that failed, innermost first, one a line */
 };
 
@@ -173,10 +174,13 @@ static int is_chosen(uint64_t number)
     return control->every == 0 ? number == from : (number - from) % control->every == 0;
 }
 
-static int fails(void)
+static int fails(size_t size)
 {
     if (control == NULL || busy || is_copy) {
         return 0;
+    }
+    if (size > control->largest) {
+        control->largest = size;
     }
     const int before = errno;
     busy = 1;
@@ -194,33 +198,35 @@ static int fails(void)
 
 void *malloc(size_t size)
 {
-    return fails() ? NULL : __libc_malloc(size);
+    return fails(size) ? NULL : __libc_malloc(size);
 }
 
 void *calloc(size_t count, size_t size)
 {
-    return fails() ? NULL : __libc_calloc(count, size);
+    size_t total;
+    const int overflows = __builtin_mul_overflow(count, size, &total);
+    return fails(overflows ? SIZE_MAX : total) ? NULL : __libc_calloc(count, size);
 }
 
 void *realloc(void *old, size_t size)
 {
     /* realloc(old, 0) frees. */
-    return (old == NULL || size != 0) && fails() ? NULL : __libc_realloc(old, size);
+    return (old == NULL || size != 0) && fails(size) ? NULL : __libc_realloc(old, size);
 }
 
 void *memalign(size_t alignment, size_t size)
 {
-    return fails() ? NULL : __libc_memalign(alignment, size);
+    return fails(size) ? NULL : __libc_memalign(alignment, size);
 }
 
 void *aligned_alloc(size_t alignment, size_t size)
 {
-    return fails() ? NULL : __libc_memalign(alignment, size);
+    return fails(size) ? NULL : __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void **out, size_t alignment, size_t size)
 {
-    if (fails()) {
+    if (fails(size)) {
         return ENOMEM;
     }
     *out = __libc_memalign(alignment, size);

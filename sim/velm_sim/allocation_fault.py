@@ -9,7 +9,7 @@ from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
-CONTROL = struct.Struct("=5Q")
+CONTROL = struct.Struct("=6Q")
 CONTROL_SIZE = CONTROL.size + 4000
 SURVIVED = 1077  # allocation_fault.c: the copy went on without that memory
 
@@ -51,7 +51,7 @@ class AllocationFault:
         # Nothing is to fail while the rest changes: the number of the first comes last.
         struct.pack_into("=Q", self._map, 8, 0)
         struct.pack_into("=Q", self._map, 0, 0)
-        struct.pack_into("=3Q", self._map, 16, every, int(sweep), 0)
+        struct.pack_into("=4Q", self._map, 16, every, int(sweep), 0, 0)
         struct.pack_into("=Q", self._map, 8, first)
 
     def count(self) -> None:
@@ -79,6 +79,11 @@ class AllocationFault:
     @property
     def failed(self) -> int:
         return self._field(4)
+
+    @property
+    def largest(self) -> int:
+        """The most that was asked for at once, in bytes, whether it was had or not."""
+        return self._field(5)
 
     @property
     def trace(self) -> tuple[str, ...]:

@@ -90,8 +90,8 @@ AT_START: dict[str, tuple[int, list[str]]] = {
     "listen": (errno.EADDRINUSE, [FATAL, NO_LOCAL_CLIENTS]),
 }
 AT_START_MAY: dict[str, tuple[int, set[str]]] = {
-    # Without a boot id, a setting or a key file it serves what it can; its own certificate and key and
-    # the cloud's CA must be there.
+    # Without a boot id, a setting or a key file it serves what it can; its own certificate and key
+    # and the cloud's CA must be there.
     "open": (errno.EMFILE, {SERVES, FATAL, NO_CLOUD}),
     # The loop's own wake-ups.
     "read": (errno.EIO, {SERVES, FATAL}),
