@@ -8,11 +8,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "handles/memory.h"
 
 namespace {
+
+/// Up to here glibc keeps what was freed at hand, but its calloc does not look there.
+constexpr std::size_t small_size = 1024;
 
 /// The allocator's own functions.
 struct allocator {
@@ -38,11 +42,8 @@ void look_up(Function **function, const char *name) noexcept
 
 /// The loader allocates before any constructor has run, so the first who asks looks them up. False to
 /// the look-up itself, which then does without: an older C library asks for room for its errors.
-bool is_ready() noexcept
+[[gnu::noinline]] bool look_up_all() noexcept
 {
-    if (is_looked_up) [[likely]] {
-        return true;
-    }
     if (is_being_looked_up) {
         errno = ENOMEM;
         return false;
@@ -57,6 +58,11 @@ bool is_ready() noexcept
     is_being_looked_up = false;
     is_looked_up = true;
     return true;
+}
+
+bool is_ready() noexcept
+{
+    return is_looked_up || look_up_all();
 }
 
 bool is_shortage(std::size_t size) noexcept
@@ -97,8 +103,14 @@ void *calloc(std::size_t count, std::size_t size) noexcept
         return nullptr;
     }
     std::size_t total = 0;
-    const bool overflows = __builtin_mul_overflow(count, size, &total);
-    return checked(next.calloc(count, size), overflows ? SIZE_MAX : total);
+    if (__builtin_mul_overflow(count, size, &total)) {
+        total = SIZE_MAX; // which nobody has
+    }
+    if (total > small_size) {
+        return checked(next.calloc(1, total), total);
+    }
+    void *const memory = checked(next.malloc(total), total);
+    return memory == nullptr ? nullptr : std::memset(memory, 0, total);
 }
 
 void *realloc(void *old, std::size_t size) noexcept

@@ -92,13 +92,13 @@ INSTANTIATE_TEST_SUITE_P(
         caller_case{"AlignedAlloc", [] { sink = std::aligned_alloc(64, hidden(much)); }},
         caller_case{"PosixMemalign", [] {
             void *memory = nullptr;
-            static_cast<void>(posix_memalign(&memory, 64, hidden(much)));
+            sink = posix_memalign(&memory, 64, hidden(much)) == 0 ? memory : nullptr;
         }},
         caller_case{"New", [] { sink = ::operator new(hidden(much)); }},
         caller_case{"NewThatMayFail", [] { sink = ::operator new(hidden(much), std::nothrow); }},
         caller_case{"CLibraryText", [] {
             char *text = nullptr;
-            static_cast<void>(asprintf(&text, "%*d", static_cast<int>(much), 1));
+            sink = asprintf(&text, "%*d", static_cast<int>(much), 1) < 0 ? nullptr : text;
         }},
         caller_case{"CLibraryArray", [] { sink = reallocarray(nullptr, hidden(much), 1); }},
         caller_case{"OpenSsl", [] { sink = OPENSSL_malloc(hidden(much)); }},
@@ -205,9 +205,19 @@ TEST_F(CheckedMalloc, IsThatOfTheAllocatorWhenThereIsMemory)
     void *const aligned = std::aligned_alloc(256, hidden(512));
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned) % 256, 0U);
     std::free(aligned);
-    const auto *const zeros = static_cast<unsigned char *>(std::calloc(hidden(100), 10));
-    EXPECT_TRUE(std::all_of(zeros, zeros + 1000, [](unsigned char byte) { return byte == 0; }));
-    std::free(const_cast<unsigned char *>(zeros));
+}
+
+TEST_F(CheckedMalloc, CallocGivesZerosOnBothSidesOfWhatIsKeptAtHand)
+{
+    for (const std::size_t size : {1, 24, 1000, 1024, 1025, 1040, 100'000}) {
+        auto *const used = static_cast<unsigned char *>(std::malloc(hidden(size)));
+        std::fill(used, used + size, static_cast<unsigned char>(0xff));
+        sink = used;
+        std::free(used);
+        auto *const zeros = static_cast<unsigned char *>(std::calloc(hidden(size), 1));
+        EXPECT_TRUE(std::all_of(zeros, zeros + size, [](auto byte) { return byte == 0; })) << size;
+        std::free(zeros);
+    }
 }
 
 } // namespace
