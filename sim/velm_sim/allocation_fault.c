@@ -36,7 +36,7 @@ struct control {
     uint64_t every;   /* 0: that one only; 1: all from it on; n: every n-th from it on */
     uint64_t sweep;   /* not 0: each in a copy of the process */
     uint64_t failed;
-    uint64_t largest; /* that was asked for, in bytes, whether it was had or not */
+    uint64_t largest;       /* that was asked for, in bytes, whether it was had or not */
     char trace[TRACE_SIZE]; /* who asked for the last that failed, innermost first, one a line */
 };
 

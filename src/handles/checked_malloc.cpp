@@ -90,6 +90,7 @@ void end_before_main()
 
 } // namespace
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
 extern "C" {
 
 void *malloc(std::size_t size) noexcept
@@ -136,3 +137,4 @@ int posix_memalign(void **memory, std::size_t alignment, std::size_t size) noexc
 }
 
 } // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
