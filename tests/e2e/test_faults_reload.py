@@ -197,7 +197,7 @@ MAY: dict[str, tuple[int, set[str]]] = {
     "open": (errno.EMFILE, {SERVES, FATAL, NO_CLOUD}),
     # The loop's own wake-ups: for work, and for the signal.
     "read": (errno.EIO, {SERVES, FATAL}),
-    "write": (errno.EIO, {SERVES, FATAL, NOT_RELOADED}),
+    "write": (errno.EIO, {SERVES, NOT_RELOADED}),
     "send": (errno.EPIPE, {SERVES}),
     "recv": (errno.ECONNRESET, {SERVES}),
     "renameat": (errno.EIO, {SERVES}),
