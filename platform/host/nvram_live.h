@@ -13,7 +13,7 @@
 ///
 /// It is only ever appended to or replaced by a rename, and who has read it keeps it open, so its
 /// inode cannot come back under another content: same inode and same size is the same content.
-/// That makes the check before a read one stat().
+/// That makes the check after a change one stat().
 
 inline constexpr char nvram_live_name[] = "live";
 

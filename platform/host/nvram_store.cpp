@@ -132,8 +132,16 @@ int nvram_store::refresh_in(int directory, lock kind)
 
 int nvram_store::refresh()
 {
-    if (loaded_ && nvram_live_is_current(live_, live_path_)) {
+    if (watch_.is_quiet()) {
         return 0;
+    }
+    // Not for the first read: many a process reads once.
+    if (loaded_) {
+        watch_.begin(directory_);
+        if (nvram_live_is_current(live_, live_path_)) {
+            watch_.settle();
+            return 0;
+        }
     }
     int rc = host_directory_make(directory_, directory_mode);
     unique_fd directory;

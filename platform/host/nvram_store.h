@@ -8,6 +8,7 @@
 #include "nvram_committed.h"
 #include "nvram_format.h"
 #include "nvram_live.h"
+#include "nvram_watch.h"
 
 /// What is the store's own to refuse. No errno values: a file system has a use for each of those.
 enum nvram_refusal {
@@ -26,7 +27,8 @@ enum nvram_refusal {
 /// killed leaves the settings as they were or as it wanted them. Damage is reported on standard
 /// error, once while it lasts, and what is good is used.
 ///
-/// A read costs a stat() and a look-up; the files are parsed only when they changed. One thread.
+/// A read costs a question to the kernel whether anything has changed, and a look-up; the files are
+/// parsed only when they changed. One thread.
 ///
 /// Functions that return `int` give 0, an errno value or one of nvram_refusal, and on failure nothing
 /// has changed. ETIMEDOUT: another process keeps the lock.
@@ -74,6 +76,7 @@ class nvram_store {
     bool loaded_ = false;
     int fault_ = 0;
     nvram_live live_;
+    nvram_watch watch_;
     nvram_settings settings_;
     std::array<bool, 5> reported_{};
 };
