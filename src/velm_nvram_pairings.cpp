@@ -3,7 +3,7 @@
 #include <nvram.h>
 
 #include <array>
-#include <cstdio>
+#include <charconv>
 #include <ctime>
 #include <string_view>
 
@@ -45,10 +45,17 @@ bool is_slot(int index)
 
 using key_text = std::array<char, 64>;
 
-key_text key_of(int index, const char *field)
+/// "zelkad_pairing_<slot>_<member>", put together by hand: every look at a slot begins with it, and
+/// printing it takes several times as long as the look itself. What does not fit is cut.
+key_text key_of(int index, std::string_view field)
 {
+    constexpr std::string_view prefix = "zelkad_pairing_";
     key_text key{};
-    std::snprintf(key.data(), key.size(), "zelkad_pairing_%d_%s", index, field);
+    char *at = key.data() + prefix.copy(key.data(), prefix.size());
+    char *const end = key.data() + key.size() - 1; // behind it stays a zero
+    at = std::to_chars(at, end, index).ptr;
+    *at++ = '_';
+    field.copy(at, static_cast<std::size_t>(end - at));
     return key;
 }
 
