@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "handles/libevent.h"
+#include "handles/evhtp.h"
 #include "logger/fatal.h"
 #include "velm_request_preprocessor.h"
 
@@ -54,7 +54,7 @@ void require_request(const evhtp_request_t *req, const char *handler)
 /// The request stays paused until the route's result callback answers it.
 void begin_checks(evhtp_request_t *req, const http_route &route, const velm_request_checks &checks)
 {
-    evhtp_request_pause(req);
+    evhtp_pause(req);
     velm_request_preprocessor *const preprocessor = velm_request_preprocessor_create(checks);
     velm_request_preprocessor_attach_request(preprocessor, req);
     velm_request_preprocessor_set_callback(preprocessor, route.callback);

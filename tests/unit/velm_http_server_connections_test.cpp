@@ -54,7 +54,7 @@ void answer(evhtp_request_t *request, void *)
 void pause(evhtp_request_t *request, void *)
 {
     note(request);
-    evhtp_request_pause(request);
+    evhtp_pause(request);
     paused.push_back(request);
 }
 
@@ -806,6 +806,24 @@ TEST_F(Connections, APausedRequestIsNotClosedAndTheTimeBeginsAgainAfterItsReply)
     const auto replied = std::chrono::steady_clock::now();
     EXPECT_TRUE(peer->is_closed());
     EXPECT_GT(std::chrono::steady_clock::now() - replied, 80ms);
+}
+
+TEST_F(Connections, WhatComesWhileARequestIsPausedWakesTheLoopOnceAndIsReadAfterTheReply)
+{
+    serve();
+    const auto peer = connected();
+    peer->send(get_paused);
+    ASSERT_TRUE(pauses());
+    const event *const watch = &paused.back()->conn->bev->ev_read;
+    turn_for(loop, 0ms);
+    EXPECT_NE(event_pending(watch, EV_READ, nullptr), 0) << "the kernel was asked for nothing";
+    peer->send(get);
+    EXPECT_TRUE(turn_until(loop, [watch] { return event_pending(watch, EV_READ, nullptr) == 0; }));
+    EXPECT_EQ(seen.size(), 1U);
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->ask(get).status, 200) << "reading is on again";
 }
 
 TEST_F(Connections, AReplyThatNobodyReadsEndsTheConnection)
