@@ -26,6 +26,7 @@ struct server_connection {
     evhtp_connection_t *connection = nullptr; // the library's; it tells us when it goes
     in_addr_t address = 0;
     http_intake intake;
+    std::size_t counted = 0; // of its memory in the sum of all
     event_ptr timer;
     event_ptr next_turn; // a timer without delay
     bool reply_overdue = false;
@@ -35,6 +36,7 @@ struct module_state {
     http_connection_limits limits;
     evhtp_t *htp = nullptr;
     std::vector<std::unique_ptr<server_connection>> connections;
+    std::size_t held = 0; // by all of them together
     event_ptr listener_wake;
     event_ptr memory_return;
 };
@@ -72,14 +74,20 @@ void restart_timer(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(timer, &request_time)", rc);
 }
 
-/// The sum over all connections, or over those of one address.
-std::size_t held_size(const in_addr_t *address = nullptr)
+/// After every step that may have changed it: to add up all connections each time would cost more than
+/// the step.
+void count_held(server_connection *peer)
+{
+    const std::size_t size = http_intake_size(&peer->intake);
+    state.held += size - peer->counted;
+    peer->counted = size;
+}
+
+std::size_t held_by(in_addr_t address)
 {
     std::size_t sum = 0;
     for (const auto &peer : state.connections) {
-        if (address == nullptr || peer->address == *address) {
-            sum += http_intake_size(&peer->intake);
-        }
+        sum += peer->address == address ? peer->counted : 0;
     }
     return sum;
 }
@@ -91,8 +99,7 @@ server_connection *greediest()
     server_connection *found = nullptr;
     std::pair<std::size_t, std::size_t> most{0, 0};
     for (const auto &peer : state.connections) {
-        const std::pair<std::size_t, std::size_t> size{held_size(&peer->address),
-                                                       http_intake_size(&peer->intake)};
+        const std::pair<std::size_t, std::size_t> size{held_by(peer->address), peer->counted};
         if (!http_intake_is_paused(&peer->intake) && size > most) {
             found = peer.get();
             most = size;
@@ -103,12 +110,12 @@ server_connection *greediest()
 
 void keep_within_memory()
 {
-    while (held_size() > state.limits.held) {
+    while (state.held > state.limits.held) {
         const server_connection *const victim = greediest();
         if (victim == nullptr) {
             return;
         }
-        LOG_WARN("%s - closing a connection, together they hold %zu bytes", __func__, held_size());
+        LOG_WARN("%s - closing a connection, together they hold %zu bytes", __func__, state.held);
         evhtp_close(victim->connection);
     }
 }
@@ -128,6 +135,9 @@ void ask_for_next_turn(server_connection *peer)
 
 void go_on(server_connection *peer, intake_result result)
 {
+    if (result != intake_result::ended) {
+        count_held(peer);
+    }
     switch (result) {
     case intake_result::has_next:
         ask_for_next_turn(peer);
@@ -223,6 +233,7 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 {
     const auto *const peer = static_cast<server_connection *>(argument);
     http_intake_end(&peer->intake);
+    state.held -= peer->counted;
     return_memory_soon();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
