@@ -1,8 +1,11 @@
 #include "velm_request_preprocessor.h"
 
+#include <arpa/inet.h>
 #include <event2/util.h>
 
+#include <array>
 #include <cstddef>
+#include <cstring>
 #include <iterator>
 #include <memory>
 
@@ -41,6 +44,23 @@ std::optional<std::string> copied(const char *text)
     return text != nullptr ? std::optional<std::string>{text} : std::nullopt;
 }
 
+/// The text of an address takes longer to print than all else of this step, and the same few phones
+/// ask again and again.
+const char *address_text(const in_addr &address)
+{
+    struct known_address {
+        in_addr address;
+        char text[INET_ADDRSTRLEN];
+    };
+    static std::array<known_address, 32> known{};
+    known_address &entry = known[ntohl(address.s_addr) % known.size()];
+    if (entry.address.s_addr != address.s_addr || entry.text[0] == '\0') {
+        evutil_inet_ntop(AF_INET, &address, entry.text, sizeof entry.text);
+        entry.address = address;
+    }
+    return entry.text;
+}
+
 /// The connection is being freed, and the paused request with it.
 evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
 {
@@ -65,7 +85,7 @@ int preproc_state_handler_init(velm_request_preprocessor *p)
 {
     const std::optional<in_addr> peer = request_peer_address(p->request);
     if (peer.has_value()) {
-        evutil_inet_ntop(AF_INET, &*peer, p->client_ip, sizeof p->client_ip);
+        std::strcpy(p->client_ip, address_text(*peer));
     }
     const evhtp_uri_t *const uri = p->request->uri;
     p->path = copied(uri != nullptr && uri->path != nullptr ? uri->path->full : nullptr);
