@@ -4,6 +4,7 @@
 #include "velm_http_server_connections.h"
 
 #include <fcntl.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 
 #include <chrono>
@@ -258,6 +259,58 @@ TEST_F(Connections, RequestsThatComeTogetherAreServedOneAfterTheOther)
         EXPECT_EQ(peer->receive().status, 200);
     }
     EXPECT_EQ(seen.size(), 4U);
+}
+
+TEST_F(Connections, EveryRecordThatLiesInTheSocketIsRead)
+{
+    serve();
+    const auto peer = connected();
+    const string requests = string{get} + get_paused + get;
+    for (int round = 0; round < 3; ++round) {
+        for (const char byte : requests) {
+            peer->send({&byte, 1});
+        }
+        peer->send(string{get} + "GET /now");
+        peer->send(" HTTP/1.1\r\n\r\n");
+        EXPECT_EQ(peer->receive().status, 200);
+        ASSERT_TRUE(pauses());
+        answer_paused();
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(peer->receive().status, 200) << i;
+        }
+    }
+    EXPECT_EQ(seen.size(), 15U);
+}
+
+TEST_F(Connections, ARequestInOnePacketWithTheEndOfTheHandshakeIsServed)
+{
+    serve();
+    const auto peer = client();
+    const int on = 1;
+    const int off = 0;
+    setsockopt(peer->fd(), IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+    ASSERT_TRUE(peer->handshake());
+    peer->send(get);
+    peer->send(get);
+    setsockopt(peer->fd(), IPPROTO_TCP, TCP_CORK, &off, sizeof off);
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->receive().status, 200);
+}
+
+TEST_F(Connections, AFloodOfSmallRecordsKeepsNobodyWaiting)
+{
+    serve();
+    const auto flood = connected();
+    const auto other = connected();
+    for (int i = 0; i < 500; ++i) {
+        flood->send("x");
+    }
+    other->send(get);
+    for (int turn = 0; turn < 20 && seen.empty(); ++turn) {
+        event_base_loop(loop, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    }
+    EXPECT_EQ(seen.size(), 1U);
+    EXPECT_EQ(other->receive().status, 200);
 }
 
 TEST_F(Connections, ARequestBehindAChunkedOneIsLookedAtToo)

@@ -122,15 +122,21 @@ TEST_F(Watch, ADirectoryThatIsNotThereIsNeverQuietUntilItComes)
 
 TEST_F(Watch, WithoutAFreeDescriptorItIsNeverQuiet)
 {
+    const std::string path = at;
+    nvram_watch blind;
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const rlimit none{0, usual.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    look();
-    EXPECT_FALSE(watch.is_quiet());
+    // Nothing of the fixture here: the sanitizer opens a pipe to look at it.
+    blind.begin(path);
+    blind.settle();
+    const bool quiet = blind.is_quiet();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
-    look();
-    EXPECT_TRUE(watch.is_quiet());
+    EXPECT_FALSE(quiet);
+    blind.begin(path);
+    blind.settle();
+    EXPECT_TRUE(blind.is_quiet());
 }
 
 } // namespace
