@@ -155,13 +155,14 @@ def test_a_reload_with_requests_in_flight_loses_only_them(
 
 
 def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
+    assert access_point.phone().info().status == 200  # what the first connection makes, stays
     before = access_point.daemon.resident_kib()
     with access_point.lan_host().connect_tls() as tls:
         tls.sendall(b"GET /info HTTP/1.1\r\n")
         with pytest.raises(OSError):
             for number in range(4000):
                 tls.sendall(b"X-%d: %s\r\n" % (number, b"x" * 4000))
-    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(4096)
+    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(256)
     assert access_point.phone().info().status == 200
 
 
@@ -354,7 +355,7 @@ def test_a_client_that_never_reads_is_dropped_and_the_others_are_served(
             other.receive_report()
             received += 1
     assert received == 1800
-    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(4096)
+    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(512)
     with pytest.raises(OSError):
         for _ in range(4):
             deaf.request()
