@@ -72,7 +72,8 @@ intake_result refuse(http_intake *intake, const char *reason, int status)
     ERR_clear_error(); // a client that cannot be told is closed without it
     shutdown(connection->sock, SHUT_WR);
     intake->phase = message_phase::refused;
-    std::string{}.swap(intake->held); // an assignment would keep the room
+    // Its room stays, and counts: of many that are refused some are closed at once.
+    intake->held.clear();
     intake->lifted = {};
     return intake_result::refused;
 }
