@@ -46,16 +46,16 @@ std::optional<std::string> copied(const char *text)
 
 /// The text of an address takes longer to print than all else of this step, and the same few phones
 /// ask again and again.
-const char *address_text(const in_addr &address)
+const auto &address_text(const in_addr &address)
 {
     struct known_address {
         in_addr address;
-        char text[INET_ADDRSTRLEN];
+        std::array<char, INET_ADDRSTRLEN> text;
     };
     static std::array<known_address, 32> known{};
     known_address &entry = known[ntohl(address.s_addr) % known.size()];
     if (entry.address.s_addr != address.s_addr || entry.text[0] == '\0') {
-        evutil_inet_ntop(AF_INET, &address, entry.text, sizeof entry.text);
+        evutil_inet_ntop(AF_INET, &address, entry.text.data(), entry.text.size());
         entry.address = address;
     }
     return entry.text;
@@ -85,7 +85,7 @@ int preproc_state_handler_init(velm_request_preprocessor *p)
 {
     const std::optional<in_addr> peer = request_peer_address(p->request);
     if (peer.has_value()) {
-        std::strcpy(p->client_ip, address_text(*peer));
+        std::memcpy(p->client_ip, address_text(*peer).data(), INET_ADDRSTRLEN);
     }
     const evhtp_uri_t *const uri = p->request->uri;
     p->path = copied(uri != nullptr && uri->path != nullptr ? uri->path->full : nullptr);
