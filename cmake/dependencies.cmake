@@ -12,4 +12,4 @@ find_library(EVHTP_LIBRARY evhtp REQUIRED)
 add_library(velm_evhtp INTERFACE)
 target_include_directories(velm_evhtp SYSTEM INTERFACE ${EVHTP_INCLUDE_DIR})
 target_link_libraries(velm_evhtp INTERFACE
-    ${EVHTP_LIBRARY} PkgConfig::LIBEVENT OpenSSL::SSL OpenSSL::Crypto)
+    OpenSSL::Crypto OpenSSL::SSL ${EVHTP_LIBRARY} PkgConfig::LIBEVENT)

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <ctime>
+#include <exception>
 #include <new>
 
 #include "handles/memory.h"
@@ -46,3 +47,17 @@ void fatal_install_memory_handler()
     const exhaustion_met_at_end not_under_the_lock;
     tzset();
 }
+
+#ifdef __GLIBCXX__
+/// Where the C++ library ends the process, for instance because an index was out of range, or memory
+/// was exhausted before main. Its own version prints the exception's name, and brings 47 kB that
+/// know how to write names.
+void __gnu_cxx::__verbose_terminate_handler()
+{
+    if (!common_logger_is_enabled()) {
+        std::fputs("std::terminate: call failed: the C++ library\n", stderr);
+    }
+    FATAL("%s: call failed: %s result: %i loc: %s:%i", "std::terminate", "the C++ library", 0,
+          __FILE__, __LINE__);
+}
+#endif

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <new>
 
 #include "fakes/captured_log.h"
@@ -162,6 +163,13 @@ TEST_F(Fatal, WithoutExhaustionUnderALockNothingIsMet)
     memory_is_exhausted();
     EXPECT_EQ(calls, 1);
     std::set_new_handler(before);
+}
+
+/// Called where the C++ library has nobody to throw to.
+TEST_F(Fatal, WhatTheCppLibraryEndsIsALogLineToo)
+{
+    EXPECT_EXIT(std::terminate(), testing::KilledBySignal(SIGABRT),
+                "ERROR memory - std::terminate: call failed: the C\\+\\+ library result: 0 loc: ");
 }
 
 } // namespace
