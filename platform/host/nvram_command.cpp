@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -129,8 +128,7 @@ int command_show(nvram_store &store, arguments)
     if (store.fault() != 0) {
         return fail("show", store.fault());
     }
-    const std::map<std::string_view, std::string_view> sorted{settings.begin(), settings.end()};
-    for (const auto &[name, value] : sorted) {
+    for (const auto &[name, value] : settings) {
         std::printf("%.*s=%s\n", static_cast<int>(name.size()), name.data(),
                     one_line(value).c_str());
     }

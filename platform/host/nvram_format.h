@@ -3,11 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 /// The bytes of the store's files, little-endian. A file is a header and records:
@@ -40,15 +40,7 @@ inline constexpr std::size_t nvram_total_max = 1024 * 1024;
 /// What a setting counts beside its name and its value.
 inline constexpr std::size_t nvram_setting_overhead = 32;
 
-struct nvram_text_hash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view text) const noexcept
-    {
-        return std::hash<std::string_view>{}(text);
-    }
-};
-using nvram_settings =
-    std::unordered_map<std::string, std::string, nvram_text_hash, std::equal_to<>>;
+using nvram_settings = std::map<std::string, std::string, std::less<>>;
 
 /// A setting and its new value; none removes it.
 struct nvram_change {
