@@ -16,6 +16,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "async/common_async.h"
 #include "cutils/common_netlink.h"
@@ -165,22 +166,6 @@ void override_bssids(velm_config &config)
     config.bssids_list = std::move(bssids);
 }
 
-/// Rebuilds the whole record in place; later sources override earlier ones.
-void update_config()
-{
-    const velm_command_line &given = process.command_line;
-    velm_config &config = *process.config;
-    load_defaults_and_file();
-    set_log_level_from_nvram();
-    velm_nvram_config_load(&config);
-    override_text(config.lan_ip_address, given.lan_ip_address, get_ipv4_address_wlif());
-    override_text(config.lan_name, given.lan_name, get_lanif_name_wlif());
-    override_text(config.serial_number, given.serial_number, sys_serial_number());
-    override_text(config.mac_address, given.mac_address, sys_mac_address());
-    override_bssids(config);
-    velm_config_print_to_log(&config);
-}
-
 void init_tls_library()
 {
     OPENSSL_init_ssl(0, nullptr);
@@ -188,6 +173,38 @@ void init_tls_library()
     OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     RAND_poll();
+}
+
+void prepare_https_client()
+{
+    http_client_prepare_ssl(process.config->http_client_ca_cert_path);
+}
+
+void prepare_libraries()
+{
+    init_tls_library();
+    velm_user_auth_passwd_prepare();
+    prepare_https_client();
+}
+
+/// Rebuilds the whole record in place; later sources override earlier ones. While the
+/// command runs that prints the LAN address, `meanwhile` is done.
+void update_config(void (*meanwhile)())
+{
+    const velm_command_line &given = process.command_line;
+    velm_config &config = *process.config;
+    load_defaults_and_file();
+    set_log_level_from_nvram();
+    velm_nvram_config_load(&config);
+    common_launched address = get_ipv4_address_wlif_begin();
+    meanwhile();
+    override_text(config.lan_ip_address, given.lan_ip_address,
+                  get_ipv4_address_wlif_end(std::move(address)));
+    override_text(config.lan_name, given.lan_name, get_lanif_name_wlif());
+    override_text(config.serial_number, given.serial_number, sys_serial_number());
+    override_text(config.mac_address, given.mac_address, sys_mac_address());
+    override_bssids(config);
+    velm_config_print_to_log(&config);
 }
 
 void set_up_https_client()
@@ -218,7 +235,7 @@ void init_modules()
 
 void reload(evutil_socket_t, short, void *) noexcept
 {
-    update_config();
+    update_config(prepare_https_client);
     http_client_free_ssl();
     set_up_https_client();
     init_modules();
@@ -347,8 +364,7 @@ int main(int argc, char **argv)
     detach(argc, argv);
     set_log_level_from_nvram();
     announce_version();
-    update_config();
-    init_tls_library();
+    update_config(prepare_libraries);
     set_up_https_client();
     std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
     make_event_base();

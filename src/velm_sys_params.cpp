@@ -5,15 +5,16 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "handles/memory.h"
-#include "launch/common_launch.h"
 #include "logger/fatal.h"
 #include "velm_utils.h"
 
 namespace {
 
 constexpr char log_category[] = "velm_sys_params";
+constexpr char address_look_up[] = "get_ipv4_address_wlif"; // in the log, whichever step it is
 constexpr char primary_interface[] = "wl0";
 constexpr int bridges_max = 16;
 constexpr long radios_max = 32;
@@ -74,15 +75,21 @@ bool is_interface_name(std::string_view name)
            name.front() != '-' && std::all_of(name.begin(), name.end(), is_interface_character);
 }
 
-/// Every IPv4 address of the interface, one a line, or nothing.
-std::optional<std::string> query_addresses(const char *caller, const std::string &interface)
+/// Asks for every IPv4 address of the interface, one a line.
+common_launched begin_to_query_addresses(const std::string &interface)
 {
     const std::string command =
         "ip -f inet addr show " + interface + " | sed -En -e 's/.*inet ([0-9.]+).*/\\1/p'";
-    LOG_TRACE("%s - running command: %s", caller, command.c_str());
+    LOG_TRACE("%s - running command: %s", address_look_up, command.c_str());
+    return common_launch_begin(command.c_str());
+}
+
+/// What it printed, or nothing.
+std::optional<std::string> addresses_printed_by(common_launched command)
+{
     int status = 0;
     std::string output;
-    if (common_launch(command.c_str(), &status, &output) != 0 || status != 0 ||
+    if (common_launch_end(std::move(command), &status, &output) != 0 || status != 0 ||
         !output.ends_with('\n')) {
         return std::nullopt;
     }
@@ -124,17 +131,26 @@ void get_bssids_for_radio(cJSON *bssids, int radio)
 
 } // namespace
 
-std::optional<std::string> get_ipv4_address_wlif()
+common_launched get_ipv4_address_wlif_begin()
 {
     const std::optional<std::string> bridge = find_lan_bridge();
-    std::optional<std::string> addresses;
-    if (bridge && is_interface_name(*bridge)) {
-        addresses = query_addresses(__func__, *bridge);
-    }
+    constexpr int no_bridge = -1;
+    return bridge && is_interface_name(*bridge) ? begin_to_query_addresses(*bridge)
+                                                : common_launched{nullptr, no_bridge};
+}
+
+std::optional<std::string> get_ipv4_address_wlif_end(common_launched command)
+{
+    std::optional<std::string> addresses = addresses_printed_by(std::move(command));
     if (!addresses) {
-        LOG_ERROR("%s - failed to get IP address for %s", __func__, primary_interface);
+        LOG_ERROR("%s - failed to get IP address for %s", address_look_up, primary_interface);
     }
     return addresses;
+}
+
+std::optional<std::string> get_ipv4_address_wlif()
+{
+    return get_ipv4_address_wlif_end(get_ipv4_address_wlif_begin());
 }
 
 std::optional<std::string> get_lanif_name_wlif()

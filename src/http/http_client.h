@@ -53,6 +53,9 @@ void http_client_set_event_base(event_base *base);
 /// be used. Reads the resolver's configuration again.
 [[nodiscard]] int http_client_setup_ssl(const char *ca_file);
 
+/// Does the slow part of http_client_setup_ssl for this file beforehand, and says nothing.
+void http_client_prepare_ssl(const char *ca_file);
+
 /// Lets go of the TLS context; requests in flight keep theirs.
 void http_client_free_ssl();
 

@@ -6,6 +6,8 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <optional>
+#include <utility>
 
 #include "handles/memory.h"
 #include "http/http_client.h"
@@ -17,8 +19,16 @@ namespace {
 
 constexpr char log_category[] = "http_client";
 
+/// What became of reading a CA file.
+struct loaded_context {
+    std::string ca_file;
+    ssl_ctx_ptr context;     // null when the file cannot be used
+    unsigned long error = 0; // OpenSSL's
+};
+
 struct module_state {
     ssl_ctx_ptr default_context;
+    std::optional<loaded_context> prepared;
 };
 module_state state;
 
@@ -32,11 +42,34 @@ int ex_data_index()
     return index;
 }
 
-std::string openssl_error_text()
+std::string openssl_error_text(unsigned long error)
 {
     std::array<char, 256> text{};
-    ERR_error_string_n(ERR_get_error(), text.data(), text.size());
+    ERR_error_string_n(error, text.data(), text.size());
     return text.data();
+}
+
+loaded_context load_context(const char *ca_file)
+{
+    ERR_clear_error();
+    ssl_ctx_ptr context{SSL_CTX_new(TLS_method())};
+    if (context == nullptr) {
+        FATAL("%s: %s is null: %s", "http_client_setup_ssl", "ssl_ctx", "not enough memory");
+    }
+    errno = 0;
+    if (SSL_CTX_load_verify_locations(context.get(), ca_file, nullptr) != 1) {
+        memory_is_exhausted_if(errno == ENOMEM);
+        context.reset();
+    }
+    return {ca_file != nullptr ? ca_file : "", std::move(context), ERR_get_error()};
+}
+
+/// What was prepared serves once, and only for the file that it was prepared for.
+loaded_context take_context(const char *ca_file)
+{
+    std::optional<loaded_context> prepared = std::exchange(state.prepared, std::nullopt);
+    return prepared && ca_file != nullptr && prepared->ca_file == ca_file ? *std::move(prepared)
+                                                                          : load_context(ca_file);
 }
 
 subject_text subject_of(X509 *cert)
@@ -153,26 +186,28 @@ void http_client_tls_forget_peer(SSL *ssl)
 int http_client_setup_ssl(const char *ca_file)
 {
     http_client_dns_reload();
-    ERR_clear_error();
-    ssl_ctx_ptr context{SSL_CTX_new(TLS_method())};
-    REQUIRE_MEMORY(context, "ssl_ctx");
     LOG_TRACE("ca cert file location: %s", ca_file != nullptr ? ca_file : "");
-    errno = 0;
-    if (SSL_CTX_load_verify_locations(context.get(), ca_file, nullptr) != 1) {
-        memory_is_exhausted_if(errno == ENOMEM);
+    loaded_context loaded = take_context(ca_file);
+    SSL_CTX *const context = loaded.context.get();
+    if (context == nullptr) {
         LOG_WARN("SSL_CTX_load_verify_locations");
-        LOG_WARN("SSL ERROR: %s", openssl_error_text().c_str());
+        LOG_WARN("SSL ERROR: %s", openssl_error_text(loaded.error).c_str());
         return -1;
     }
-    SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
-    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+    SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     const int index = ex_data_index();
     REQUIRE_CALL(index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
-    SSL_CTX_set_cert_verify_callback(context.get(), verify_callback, nullptr);
-    state.default_context = std::move(context);
+    SSL_CTX_set_cert_verify_callback(context, verify_callback, nullptr);
+    state.default_context = std::move(loaded.context);
     LOG_TRACE("https setup correct");
     return 0;
+}
+
+void http_client_prepare_ssl(const char *ca_file)
+{
+    state.prepared = load_context(ca_file);
 }
 
 void http_client_free_ssl()

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <utility>
 
-#include "handles/file.h"
 #include "logger/common_logger.h"
 
 namespace {
@@ -34,26 +33,34 @@ bool read_output(std::FILE *pipe, std::string &text)
 
 } // namespace
 
-int common_launch(const char *command, int *status, std::string *output)
+common_launched common_launch_begin(const char *command)
 {
-    if (output != nullptr) {
-        output->clear();
-    }
     if (command == nullptr) {
         LOG_ERROR("Command can't be NULL");
-        return error_null_command;
+        return {nullptr, error_null_command};
     }
     // NOLINTNEXTLINE(cert-env33-c): a shell is what the caller asks for, with commands of our own
     command_pipe pipe{opened_stream(popen(command, "re"))};
     if (pipe == nullptr) {
         LOG_ERROR("popen failed: %s", std::strerror(errno));
-        return error_failed;
+        return {nullptr, error_failed};
+    }
+    return {std::move(pipe), 0};
+}
+
+int common_launch_end(common_launched launched, int *status, std::string *output)
+{
+    if (output != nullptr) {
+        output->clear();
+    }
+    if (launched.pipe == nullptr) {
+        return launched.error;
     }
     std::string text;
-    if (output != nullptr && !read_output(pipe.get(), text)) {
+    if (output != nullptr && !read_output(launched.pipe.get(), text)) {
         return error_failed;
     }
-    const int wait_status = pclose(pipe.release());
+    const int wait_status = pclose(launched.pipe.release());
     if (wait_status == -1) {
         LOG_ERROR("pclose failed: %s", std::strerror(errno));
         return error_failed;
@@ -69,4 +76,9 @@ int common_launch(const char *command, int *status, std::string *output)
         *output = std::move(text);
     }
     return 0;
+}
+
+int common_launch(const char *command, int *status, std::string *output)
+{
+    return common_launch_end(common_launch_begin(command), status, output);
 }

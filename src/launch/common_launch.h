@@ -2,6 +2,20 @@
 
 #include <string>
 
+#include "handles/file.h"
+
+/// A command under way. It writes into a pipe, so that it may wait for its reader.
+struct common_launched {
+    command_pipe pipe; // null when it could not be started
+    int error = 0;     // why not
+};
+
+/// Starts a shell command and returns at once.
+[[nodiscard]] common_launched common_launch_begin(const char *command);
+
+/// Waits for its end; what `common_launch` returns.
+[[nodiscard]] int common_launch_end(common_launched launched, int *status, std::string *output);
+
 /// Runs a shell command to its end and blocks meanwhile: only for start-up and reload.
 /// 0 when it ended normally: `status` then holds the raw wait status and `output` what it printed
 /// (both may be null). -2 for a null command, -3 for every other failure; `output` is then empty.

@@ -21,6 +21,7 @@ from velm_sim.build import Build
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
 from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
 from velm_sim.sample import Sample
 
@@ -47,7 +48,12 @@ class Rig:
 
     def prepare(self) -> None:
         fault, build = self.fault, self.access_point.build
-        self.access_point.prepare(environment=fault.environment, preload=[build.allocation_fault])
+        # A copy forked while the address is looked up is not the parent of that command: it serves
+        # at the address of the command line.
+        arguments = ["-c", str(self.access_point.configuration_file), "-i", Network.AP_ADDRESS]
+        self.access_point.prepare(
+            environment=fault.environment, preload=[build.allocation_fault], arguments=arguments
+        )
 
     def start(self) -> None:
         self.daemon.start()

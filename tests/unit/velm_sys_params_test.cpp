@@ -23,9 +23,17 @@ launch_fake launched;
 
 } // namespace
 
-int common_launch(const char *command, int *status, std::string *output)
+common_launched common_launch_begin(const char *command)
 {
     launched.commands.emplace_back(command);
+    return {nullptr, 0};
+}
+
+int common_launch_end(common_launched command, int *status, std::string *output)
+{
+    if (command.error != 0) {
+        return command.error;
+    }
     *status = launched.status;
     *output = launched.output;
     return launched.result;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <optional>
 
 #include "http_client_fixture.h"
@@ -317,6 +318,41 @@ TEST_F(HttpClientTls, SetUpFailsOnAFileWithoutCertificates)
     EXPECT_EQ(http_client_setup_ssl(path("empty.pem").c_str()), -1);
     EXPECT_EQ(http_client_setup_ssl(""), -1);
     EXPECT_EQ(http_client_setup_ssl(nullptr), -1);
+}
+
+TEST_F(HttpClientTls, PreparingSaysNothingAndSetsNothingUp)
+{
+    http_client_free_ssl();
+    log.clear();
+    http_client_prepare_ssl(path("ca.pem").c_str());
+    http_client_prepare_ssl(path("missing.pem").c_str());
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_FALSE(http_client_tls_is_set_up());
+}
+
+TEST_F(HttpClientTls, SetUpUsesWhatWasPreparedAndLogsTheSame)
+{
+    http_client_prepare_ssl(path("ca.pem").c_str());
+    ASSERT_TRUE(std::filesystem::remove(path("ca.pem")));
+    EXPECT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), 0);
+    EXPECT_TRUE(log.has("TRACE http_client - ca cert file location: " + path("ca.pem")));
+    EXPECT_TRUE(log.has("TRACE http_client - https setup correct"));
+    EXPECT_EQ(http_client_setup_ssl(path("ca.pem").c_str()), -1) << "prepared once, used twice";
+}
+
+TEST_F(HttpClientTls, SetUpOfAFileThatPreparingCouldNotUseFailsWithItsError)
+{
+    http_client_prepare_ssl(path("missing.pem").c_str());
+    EXPECT_EQ(http_client_setup_ssl(path("missing.pem").c_str()), -1);
+    EXPECT_TRUE(log.has("WARN http_client - SSL_CTX_load_verify_locations"));
+    EXPECT_TRUE(log.contains("WARN http_client - SSL ERROR: error:"));
+    EXPECT_FALSE(http_client_tls_is_set_up());
+}
+
+TEST_F(HttpClientTls, SetUpOfAnotherFileThanThePreparedOneReadsThatFile)
+{
+    http_client_prepare_ssl(path("ca.pem").c_str());
+    EXPECT_EQ(http_client_setup_ssl(path("missing.pem").c_str()), -1);
 }
 
 TEST_F(HttpClientTls, SocketsAreClosedInChildProcesses)

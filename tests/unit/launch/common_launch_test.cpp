@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
+
+#include <utility>
 
 #include "fakes/captured_log.h"
+#include "handles/fd.h"
 
 namespace {
 
@@ -81,6 +85,39 @@ TEST(Launch, WithoutDescriptorsFails)
     EXPECT_EQ(result, -3);
     EXPECT_EQ(output, "");
     EXPECT_TRUE(log.has("ERROR launch - popen failed: Too many open files"));
+}
+
+TEST(Launch, BeginDoesNotWaitForTheEnd)
+{
+    int gate[2] = {-1, -1};
+    ASSERT_EQ(pipe(gate), 0);
+    const unique_fd reader{gate[0]};
+    unique_fd writer{gate[1]};
+    // The command reads until the test, which has begun it, closes the gate.
+    const std::string command = "exec " + std::to_string(writer.get()) + ">&-; cat <&" +
+                                std::to_string(reader.get()) + "; echo done; exit 3";
+    common_launched launched = common_launch_begin(command.c_str());
+    ASSERT_NE(launched.pipe, nullptr);
+    EXPECT_EQ(write(writer.get(), "late ", 5), 5);
+    writer.reset();
+    int status = 0;
+    std::string output;
+    EXPECT_EQ(common_launch_end(std::move(launched), &status, &output), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(output, "late done\n");
+}
+
+TEST(Launch, EndTellsWhyBeginFailed)
+{
+    std::string output = "old";
+    EXPECT_EQ(common_launch_end(common_launch_begin(nullptr), nullptr, &output), -2);
+    EXPECT_EQ(output, "");
+}
+
+TEST(Launch, BegunAndLetGoLeavesNoChildBehind)
+{
+    static_cast<void>(common_launch_begin("exit 0"));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
 TEST(Launch, LeavesNoChildBehind)
