@@ -61,7 +61,10 @@ def servers(build: Build, extent: Extent) -> Iterator[tuple[Bench, Peers, Server
         cleanup.callback(access_point.close)
         access_point.configure({"logger.file": "no", "logger.level": "error"})
         access_point.nvram_set({"zelkad_debug_level": "error"})
-        access_point.etc.set_accounts([], {access_point.login.username: https.ordinary_hash()})
+        # root and nobody stand in every device's file: without them glibc would go on to whatever
+        # nsswitch.conf names next, in velmd and in nginx.
+        fields = {access_point.login.username: https.ordinary_hash(), "root": "*", "nobody": "*"}
+        access_point.etc.set_accounts([], fields)
         peers = Peers(scratch / "peers", network.ap, identities)
         cleanup.callback(peers.close)
         bench = Bench(
