@@ -12,6 +12,7 @@
 #include "ios_validation/ios_app_cbor.h"
 #include "ios_validation/ios_app_certificate.h"
 #include "ios_validation/ios_app_objects.h"
+#include "ios_validation/ios_app_sha256.h"
 #include "ios_validation/ios_app_signature.h"
 #include "logger/common_logger.h"
 
@@ -28,7 +29,7 @@ namespace {
 constexpr char log_category[] = "IAV";
 
 using bytes_view = std::span<const std::uint8_t>;
-using digest = std::array<std::uint8_t, 32>;
+using digest = ios_app_digest;
 using aaguid = std::array<std::uint8_t, 16>;
 
 constexpr aaguid production_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's', 't'};
@@ -44,34 +45,9 @@ plain_ptr<char> text_copy(std::string_view text)
     return copy;
 }
 
-struct module_state {
-    evp_md_ctx_ptr sha256; // kept, since looking the algorithm up takes longer than hashing
-};
-module_state state;
-
-EVP_MD_CTX *sha256_context()
-{
-    if (state.sha256 == nullptr) {
-        state.sha256.reset(EVP_MD_CTX_new());
-    }
-    return state.sha256.get();
-}
-
-std::optional<digest> sha256(bytes_view head, bytes_view tail = {})
-{
-    EVP_MD_CTX *context = sha256_context();
-    digest result{};
-    const bool done = context != nullptr &&
-                      EVP_DigestInit_ex(context, EVP_sha256(), nullptr) == 1 &&
-                      EVP_DigestUpdate(context, head.data(), head.size()) == 1 &&
-                      EVP_DigestUpdate(context, tail.data(), tail.size()) == 1 &&
-                      EVP_DigestFinal_ex(context, result.data(), nullptr) == 1;
-    return done ? std::optional{result} : std::nullopt;
-}
-
 bool is_digest_of(const digest &expected, bytes_view bytes)
 {
-    return sha256(bytes) == expected;
+    return ios_app_sha256(bytes) == expected;
 }
 
 bool app_id_matches(const ios_app_validator &iav, const ios_auth_data &auth_data)
@@ -137,7 +113,7 @@ x509_ptr certificate_read(const ios_app_validator &iav, const ios_attestation_ob
 /// The certificate was made for this authenticator data and this challenge.
 bool nonce_check(const X509 *certificate, bytes_view auth_data, bytes_view client_data_hash)
 {
-    const auto nonce = sha256(auth_data, client_data_hash);
+    const auto nonce = ios_app_sha256(auth_data, client_data_hash);
     if (!nonce.has_value()) {
         return false;
     }
@@ -231,7 +207,7 @@ bool assertion_can_be_checked(const ios_app_validator *iav, bytes_view assertion
 bool assertion_signature_check(ios_app_validator &iav, const ios_assertion_obj &object,
                                bytes_view client_data_hash)
 {
-    const auto nonce = sha256(object.authenticator_data.view(), client_data_hash);
+    const auto nonce = ios_app_sha256(object.authenticator_data.view(), client_data_hash);
     if (!nonce.has_value()) {
         return false;
     }
