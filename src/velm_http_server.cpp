@@ -16,15 +16,13 @@
 #include "logger/fatal.h"
 #include "velm_http_server_connections.h"
 #include "velm_http_server_routes.h"
+#include "velm_http_server_tls.h"
 
 namespace {
 
 constexpr char log_category[] = "velm_http_server";
 
 constexpr int HTTP_SERVER_MAX_CONNS = 128; // the listen backlog
-
-/// How long a phone may resume its TLS session. The ticket holds it: nothing is kept here.
-constexpr long tls_session_seconds = 2L * 60 * 60;
 
 /// libevhtp's record borrows the texts, and the instance borrows the record.
 struct tls_settings {
@@ -61,15 +59,6 @@ std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)
     http_server_ssl_config.decrypt_cb = read_private_key;
     http_server_ssl_config.ssl_opts = SSL_OP_NO_SSLv3 | SSL_OP_NO_TLSv1 | SSL_OP_NO_TLSv1_1;
     return settings;
-}
-
-/// What libevhtp's record cannot say.
-void tune_tls(SSL_CTX *tls)
-{
-    SSL_CTX_set_options(tls, SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_mode(tls, SSL_MODE_RELEASE_BUFFERS); // 9 kB less for an idle connection
-    SSL_CTX_set_timeout(tls, tls_session_seconds);
-    SSL_CTX_set_num_tickets(tls, 1); // the second costs a handshake 8 % and is hardly ever used
 }
 
 std::string openssl_error_text()
@@ -143,7 +132,7 @@ void http_server_start()
     evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
     int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
     REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
-    tune_tls(http_server_instance->ssl_ctx);
+    http_tls_tune(http_server_instance->ssl_ctx);
     http_connections_attach(http_server_instance, {});
     rc = bind_socket(http_server_instance);
     REQUIRE_CALL(rc >= 0,

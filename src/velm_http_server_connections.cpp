@@ -1,10 +1,9 @@
 #include "velm_http_server_connections.h"
 
 #include <event2/util.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <netinet/in.h>
-#include <openssl/bio.h>
-#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include "handles/libevent.h"
 #include "logger/fatal.h"
 #include "velm_http_server_intake.h"
+#include "velm_http_server_tls.h"
 
 namespace {
 
@@ -27,6 +27,7 @@ struct server_connection {
     in_addr_t address = 0;
     http_intake intake;
     std::size_t counted = 0; // of its memory in the sum of all
+    http_tls_stream tls;
     event_ptr timer;
     event_ptr next_turn; // a timer without delay
     bool reply_overdue = false;
@@ -39,6 +40,7 @@ struct module_state {
     std::size_t held = 0; // by all of them together
     event_ptr listener_wake;
     event_ptr memory_return;
+    event_ptr memory_check;
 };
 module_state state;
 
@@ -78,7 +80,7 @@ void restart_timer(server_connection *peer)
 /// the step.
 void count_held(server_connection *peer)
 {
-    const std::size_t size = http_intake_size(&peer->intake);
+    const std::size_t size = http_intake_size(&peer->intake) + http_tls_size(&peer->tls);
     state.held += size - peer->counted;
     peer->counted = size;
 }
@@ -110,14 +112,32 @@ server_connection *greediest()
 
 void keep_within_memory()
 {
-    while (state.held > state.limits.held) {
+    const http_connection_limits &limits = state.limits;
+    while (state.held > std::min(limits.held, limits.held_of_address)) {
         const server_connection *const victim = greediest();
-        if (victim == nullptr) {
+        const std::size_t of_address = victim == nullptr ? 0 : held_by(victim->address);
+        if (victim == nullptr ||
+            (state.held <= limits.held && of_address <= limits.held_of_address)) {
             return;
         }
-        LOG_WARN("%s - closing a connection, together they hold %zu bytes", __func__, state.held);
+        LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu",
+                 __func__, state.held, of_address);
         evhtp_close(victim->connection);
     }
+}
+
+void on_memory_check(evutil_socket_t, short, void *) noexcept
+{
+    for (const auto &peer : state.connections) {
+        count_held(peer.get());
+    }
+    keep_within_memory();
+}
+
+/// Later in this turn: it may end any connection.
+void count_memory_soon() noexcept
+{
+    event_active(state.memory_check.get(), EV_TIMEOUT, 1);
 }
 
 void begin_to_linger(server_connection *peer)
@@ -133,11 +153,27 @@ void ask_for_next_turn(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
 }
 
+/// While an answer is on its way not before the next turn: the end of a client that has said all
+/// must not overtake it.
+void read_on(server_connection *peer)
+{
+    if (!http_tls_has_more(&peer->tls)) {
+        return;
+    }
+    if (peer->intake.phase == message_phase::answering) {
+        ask_for_next_turn(peer);
+    } else {
+        http_tls_read(peer->connection->bev);
+    }
+}
+
 void go_on(server_connection *peer, intake_result result)
 {
-    if (result != intake_result::ended) {
-        count_held(peer);
+    if (result == intake_result::ended) {
+        return;
     }
+    count_held(peer);
+    read_on(peer);
     switch (result) {
     case intake_result::has_next:
         ask_for_next_turn(peer);
@@ -170,15 +206,26 @@ void on_write(bufferevent *, void *argument) noexcept
 void on_next_turn(evutil_socket_t, short, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
-    go_on(peer, http_intake_next(&peer->intake));
+    if (peer->intake.phase == message_phase::answering) {
+        http_tls_read(peer->connection->bev);
+    } else {
+        go_on(peer, http_intake_next(&peer->intake));
+    }
 }
 
 void on_event(bufferevent *bev, short events, void *argument) noexcept
 {
-    const auto *const peer = static_cast<server_connection *>(argument);
+    auto *const peer = static_cast<server_connection *>(argument);
     if (peer->intake.phase == message_phase::refused) {
         evhtp_close(peer->connection); // the client has ended, or cannot be written to
         return;
+    }
+    if ((events & BEV_EVENT_CONNECTED) != 0) {
+        http_tls_connected(bev);
+        read_on(peer);
+    }
+    if ((events & BEV_EVENT_EOF) != 0 && peer->intake.phase == message_phase::head) {
+        http_tls_end_quietly(&peer->tls);
     }
     const library_callbacks &library = peer->intake.library;
     library.event(bev, events, library.argument);
@@ -201,39 +248,12 @@ void on_time_up(evutil_socket_t, short, void *argument) noexcept
     evhtp_close(peer->connection);
 }
 
-/// Asked before and after everything that is done with the socket; what is negative or 0 stands for
-/// the result.
-long on_socket_use(BIO *socket, int operation, const char *, size_t, int, long, int result,
-                   size_t *) noexcept
-{
-    if (operation != BIO_CB_READ) {
-        return result;
-    }
-    if (SSL_is_init_finished(reinterpret_cast<const SSL *>(BIO_get_callback_arg(socket))) != 0) {
-        BIO_set_callback_ex(socket, nullptr); // nothing left to watch
-        return result;
-    }
-    if (BIO_number_read(socket) < state.limits.handshake_bytes) {
-        return result;
-    }
-    LOG_WARN("%s - too much before the end of the handshake", __func__);
-    BIO_clear_flags(socket, BIO_FLAGS_RWS | BIO_FLAGS_SHOULD_RETRY);
-    errno = ECONNABORTED; // the library takes what it finds here for the reason
-    return 0;             // as if the client had ended
-}
-
-void limit_handshake(SSL *tls)
-{
-    BIO *const socket = SSL_get_rbio(tls);
-    BIO_set_callback_arg(socket, reinterpret_cast<char *>(tls));
-    BIO_set_callback_ex(socket, on_socket_use);
-}
-
 evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 {
-    const auto *const peer = static_cast<server_connection *>(argument);
+    auto *const peer = static_cast<server_connection *>(argument);
     http_intake_end(&peer->intake);
     state.held -= peer->counted;
+    http_tls_end(&peer->tls);
     return_memory_soon();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
@@ -241,7 +261,7 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 
 evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
 {
-    evutil_make_socket_closeonexec(connection->sock);
+    fcntl(connection->sock, F_SETFD, FD_CLOEXEC); // the only flag of a descriptor
     const in_addr_t address = peer_address(connection);
     const auto of_address = static_cast<std::size_t>(
         std::count_if(state.connections.begin(), state.connections.end(),
@@ -269,7 +289,11 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
     http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
-    limit_handshake(connection->ssl);
+    peer->tls.tls = connection->ssl;
+    peer->tls.socket = connection->sock;
+    peer->tls.handshake_bytes = state.limits.handshake_bytes;
+    peer->tls.keeps_some = count_memory_soon;
+    http_tls_begin(&peer->tls, connection->bev);
     restart_timer(peer);
     return_memory_soon();
     return EVHTP_RES_OK;
@@ -309,6 +333,8 @@ void http_connections_watch_listener()
     evconnlistener_set_error_cb(state.htp->server, on_accept_error);
     state.memory_return.reset(evtimer_new(state.htp->evbase, on_memory_return, nullptr));
     REQUIRE_MEMORY(state.memory_return, "memory_return");
+    state.memory_check.reset(evtimer_new(state.htp->evbase, on_memory_check, nullptr));
+    REQUIRE_MEMORY(state.memory_check, "memory_check");
     return_memory_soon(); // after what the start has freed
 }
 

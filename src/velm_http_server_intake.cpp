@@ -25,6 +25,8 @@ constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;
 /// unread would reset the connection, and take from the client what it has not read yet.
 constexpr std::size_t max_thrown_away = 1024 * 1024;
 
+constexpr std::size_t growth_step = 8 * 1024; // of what is held
+
 constexpr int status_bad_request = 400;
 constexpr int status_body_too_large = 413;
 constexpr int status_head_too_large = 431;
@@ -85,6 +87,19 @@ intake_result throw_away(http_intake *intake)
     evbuffer_drain(input, evbuffer_get_length(input));
     return intake->thrown_away <= max_thrown_away ? intake_result::waits
                                                   : end(intake, "more behind a refused request");
+}
+
+/// Left to itself a text doubles, and what it then has too much would count as held.
+void make_room(std::string *text, std::size_t size)
+{
+    const std::size_t needed = text->size() + size;
+    if (needed > growth_step && needed > text->capacity()) {
+        std::string grown;
+        grown.reserve((needed + growth_step - 1) / growth_step * growth_step);
+        grown.append(*text);
+        text->swap(grown);
+    }
+    text->resize(needed);
 }
 
 /// Every route either pauses the request or answers it before it returns.
@@ -181,6 +196,9 @@ intake_result take_head(http_intake *intake)
         return refuse(intake, head.refusal, head.refusal_status);
     }
     intake->held.erase(0, length);
+    if (intake->held.capacity() > growth_step) {
+        intake->held.shrink_to_fit();
+    }
     intake->scanned = 0;
     intake->lifted = std::move(head.lifted);
     for (const http_head_lifted &lifted : intake->lifted) {
@@ -309,7 +327,7 @@ intake_result http_intake_read(http_intake *intake)
     }
     evbuffer *const input = bufferevent_get_input(intake->connection->bev);
     const std::size_t before = intake->held.size();
-    intake->held.resize(before + evbuffer_get_length(input));
+    make_room(&intake->held, evbuffer_get_length(input));
     evbuffer_remove(input, intake->held.data() + before, intake->held.size() - before);
     return take_all_held(intake);
 }

@@ -9,6 +9,7 @@
 #include "handles/handle.h"
 
 using bio_ptr = handle<BIO, BIO_free_all>;
+using bio_method_ptr = handle<BIO_METHOD, BIO_meth_free>;
 using evp_md_ctx_ptr = handle<EVP_MD_CTX, EVP_MD_CTX_free>;
 using evp_pkey_ptr = handle<EVP_PKEY, EVP_PKEY_free>;
 using x509_ptr = handle<X509, X509_free>;

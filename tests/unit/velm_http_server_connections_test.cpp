@@ -245,6 +245,60 @@ TEST_F(Connections, ARequestThatComesByteByByteArrivesTheSame)
     EXPECT_EQ(seen[0].body, "abc");
 }
 
+TEST_F(Connections, RecordsThatComeTogetherAreAllRead)
+{
+    serve();
+    const auto peer = connected(); // and that the end of the handshake is among them
+    for (const char byte : string{get}) {
+        peer->send({&byte, 1});
+    }
+    EXPECT_EQ(peer->receive().status, 200);
+    for (const char byte : string{get_paused} + string{get}) {
+        peer->send({&byte, 1});
+    }
+    ASSERT_TRUE(pauses());
+    turn_for(loop, 5ms);
+    EXPECT_EQ(seen.size(), 2U);
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->receive().status, 200);
+}
+
+TEST_F(Connections, AnEndThatComesWithARequestIsNoticedBehindTheReply)
+{
+    serve();
+    for (const char *const request : {get, get_paused}) {
+        const auto peer = connected();
+        peer->send(request);
+        SSL_shutdown(peer->tls()); // the socket itself stays open
+        if (request == get_paused) {
+            ASSERT_TRUE(pauses());
+            answer_paused();
+        }
+        EXPECT_EQ(peer->receive().status, 200);
+        EXPECT_TRUE(reaches(0));
+    }
+}
+
+TEST_F(Connections, AClientThatHasEndedIsSentNothingMore)
+{
+    serve();
+    const auto peer = connected();
+    EXPECT_EQ(peer->ask(get).status, 200);
+    SSL_shutdown(peer->tls());
+    EXPECT_TRUE(reaches(0));
+    char bytes[1];
+    EXPECT_EQ(recv(peer->fd(), bytes, sizeof bytes, 0), 0);
+}
+
+TEST_F(Connections, AClientThatWeEndIsTold)
+{
+    serve(quick());
+    const auto peer = connected();
+    EXPECT_TRUE(peer->is_closed());
+    EXPECT_NE(SSL_get_shutdown(peer->tls()) & SSL_RECEIVED_SHUTDOWN, 0);
+}
+
 TEST_F(Connections, RequestsThatComeTogetherAreServedOneAfterTheOther)
 {
     serve();
@@ -785,7 +839,7 @@ TEST_F(Connections, AGreetingOf16KibibytesIsWaitedForAndALongerOneEndsTheConnect
     const string more = greeting_record(false, 100);
     ASSERT_EQ(write(peer->fd(), more.data(), more.size()), 105);
     EXPECT_TRUE(reaches(0));
-    EXPECT_EQ(log.count("on_socket_use - too much before the end of the handshake"), 1);
+    EXPECT_EQ(log.count("receive - too much before the end of the handshake"), 1);
 }
 
 TEST_F(Connections, ADrippedGreetingGainsNoTime)
@@ -812,6 +866,27 @@ TEST_F(Connections, WhatComesAfterTheHandshakeIsNoPartOfIt)
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(peer->ask(post("Content-Length: 8192\r\n", string(8192, 'a'))).status, 200);
     }
+}
+
+// What is held
+
+TEST_F(Connections, PartsOfRecordsAreHeldOnlyUpToTheShareOfTheirAddress)
+{
+    http_connection_limits limits;
+    limits.held_of_address = 48 * 1024;
+    serve(limits);
+    const string part = string{"\x17\x03\x03\x40\x00", 5} + string(16000, '\0');
+    const auto other = connected("127.0.0.2");
+    ASSERT_EQ(write(other->fd(), part.data(), part.size()), 16005);
+    std::vector<std::unique_ptr<https_client>> greedy;
+    for (int i = 0; i < 6; ++i) {
+        greedy.push_back(connected());
+        ASSERT_EQ(write(greedy.back()->fd(), part.data(), part.size()), 16005);
+        turn_for(loop, 5ms);
+    }
+    EXPECT_EQ(http_connections_count(), 1U + 3U);
+    EXPECT_EQ(log.count("WARN velm_http_server - keep_within_memory - closing a connection"), 3);
+    EXPECT_FALSE(other->has_ended());
 }
 
 TEST_F(Connections, AnIdleConnectionIsClosedWhenItsTimeIsUp)

@@ -536,6 +536,37 @@ INSTANTIATE_TEST_SUITE_P(Versions, TlsVersion,
                                          tls_case{"Tls13", TLS1_3_VERSION, true}),
                          [](const auto &row) { return string{row.param.name}; });
 
+struct cipher_case {
+    const char *name, *offered, *chosen;
+    int version;
+};
+class TlsCipher : public HttpServer, public testing::WithParamInterface<cipher_case> {};
+TEST_P(TlsCipher, IsTheCheapestUnlessTheClientHasNoHardwareForIt)
+{
+    start();
+    const auto peer = client();
+    peer->limit_tls(GetParam().version);
+    (GetParam().version == TLS1_3_VERSION ? SSL_set_ciphersuites
+                                          : SSL_set_cipher_list)(peer->tls(), GetParam().offered);
+    ASSERT_TRUE(peer->handshake());
+    EXPECT_STREQ(SSL_get_cipher_name(peer->tls()), GetParam().chosen);
+}
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(
+    Offers, TlsCipher,
+    testing::Values(
+        cipher_case{"Aes13",    "TLS_AES_256_GCM_SHA384:TLS_AES_128_GCM_SHA256:TLS_CHACHA20_POLY1305_SHA256",
+                                "TLS_AES_128_GCM_SHA256",        TLS1_3_VERSION},
+        cipher_case{"ChaCha13", "TLS_CHACHA20_POLY1305_SHA256:TLS_AES_128_GCM_SHA256",
+                                "TLS_CHACHA20_POLY1305_SHA256",  TLS1_3_VERSION},
+        cipher_case{"Only13",   "TLS_AES_256_GCM_SHA384", "TLS_AES_256_GCM_SHA384", TLS1_3_VERSION},
+        cipher_case{"Aes12",    "ECDHE-ECDSA-AES256-GCM-SHA384:ECDHE-ECDSA-AES128-GCM-SHA256:ECDHE-ECDSA-CHACHA20-POLY1305",
+                                "ECDHE-ECDSA-AES128-GCM-SHA256", TLS1_2_VERSION},
+        cipher_case{"ChaCha12", "ECDHE-ECDSA-CHACHA20-POLY1305:ECDHE-ECDSA-AES128-GCM-SHA256",
+                                "ECDHE-ECDSA-CHACHA20-POLY1305", TLS1_2_VERSION}),
+    [](const auto &row) { return string{row.param.name}; });
+// clang-format on
+
 using ssl_session_ptr = handle<SSL_SESSION, SSL_SESSION_free>;
 
 TEST_F(HttpServer, APhoneResumesItsSessionByTheOneTicketThatItGot)
