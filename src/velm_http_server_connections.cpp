@@ -15,6 +15,7 @@
 #include "handles/evhtp.h"
 #include "handles/libevent.h"
 #include "logger/fatal.h"
+#include "velm_http_server_handshakes.h"
 #include "velm_http_server_intake.h"
 #include "velm_http_server_tls.h"
 
@@ -28,6 +29,7 @@ struct server_connection {
     http_intake intake;
     std::size_t counted = 0; // of its memory in the sum of all
     http_tls_stream tls;
+    http_handshake handshake;
     event_ptr timer;
     event_ptr next_turn; // a timer without delay
     bool reply_overdue = false;
@@ -223,6 +225,7 @@ void on_event(bufferevent *bev, short events, void *argument) noexcept
     if ((events & BEV_EVENT_CONNECTED) != 0) {
         http_tls_connected(bev);
         read_on(peer);
+        http_handshake_end(&peer->handshake);
     }
     if ((events & BEV_EVENT_EOF) != 0 && peer->intake.phase == message_phase::head) {
         http_tls_end_quietly(&peer->tls);
@@ -254,6 +257,7 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
     http_intake_end(&peer->intake);
     state.held -= peer->counted;
     http_tls_end(&peer->tls);
+    http_handshake_end(&peer->handshake);
     return_memory_soon();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
@@ -294,6 +298,9 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     peer->tls.handshake_bytes = state.limits.handshake_bytes;
     peer->tls.keeps_some = count_memory_soon;
     http_tls_begin(&peer->tls, connection->bev);
+    peer->handshake.connection = connection;
+    peer->handshake.address = peer->address;
+    http_handshake_await(&peer->handshake);
     restart_timer(peer);
     return_memory_soon();
     return EVHTP_RES_OK;
@@ -335,6 +342,7 @@ void http_connections_watch_listener()
     REQUIRE_MEMORY(state.memory_return, "memory_return");
     state.memory_check.reset(evtimer_new(state.htp->evbase, on_memory_check, nullptr));
     REQUIRE_MEMORY(state.memory_check, "memory_check");
+    http_handshakes_open(state.htp->evbase, state.limits.handshakes);
     return_memory_soon(); // after what the start has freed
 }
 
@@ -342,6 +350,7 @@ void http_connections_close()
 {
     state.listener_wake.reset();
     evhtp_unbind_socket(state.htp);
+    http_handshakes_close();
     while (!state.connections.empty()) {
         evhtp_close(state.connections.back()->connection);
     }

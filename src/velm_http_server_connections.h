@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "velm_http_server_handshakes.h"
+
 /// The live connections of the HTTPS server. libevhtp keeps no list of them, sets no limit and no
 /// end to their time; all three are kept here. What a connection sends goes through
 /// velm_http_server_intake.h.
@@ -16,6 +18,7 @@ struct http_connection_limits {
     std::size_t total = 64;
     /// A phone opens a few at a time; what is left serves the others when one host takes its share.
     std::size_t per_address = 16;
+    http_handshake_limits handshakes;
     /// From accept, or from the end of the last reply, to the last byte of the next request, the TLS
     /// handshake and any idle time included. A total, so that dripping bytes gains nothing. While the
     /// checks of a request run it does not end; a reply is to be taken within twice this time.
