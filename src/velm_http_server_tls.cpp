@@ -69,13 +69,13 @@ int would_block(BIO *bio)
 /// More than 0 when something has come. What is held stays below the longest record.
 int receive(BIO *bio, http_tls_stream *stream)
 {
-    const bool shakes_hands = SSL_is_init_finished(stream->tls) == 0;
-    if (shakes_hands && stream->received >= stream->handshake_bytes) {
+    stream->shakes_hands = stream->shakes_hands && SSL_is_init_finished(stream->tls) == 0;
+    if (stream->shakes_hands && stream->received >= stream->handshake_bytes) {
         LOG_WARN("%s - too much before the end of the handshake", __func__);
         errno = ECONNABORTED; // the library takes what it finds here for the reason
         return 0;             // as if the client had ended
     }
-    if (shakes_hands && std::exchange(stream->drained, false)) {
+    if (stream->shakes_hands && std::exchange(stream->drained, false)) {
         return would_block(bio); // asked again in the turn that has read all
     }
     const std::size_t room = state.scratch.size() - unread(stream).size();

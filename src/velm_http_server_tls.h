@@ -29,6 +29,7 @@ struct http_tls_stream {
     std::string held;           // what OpenSSL has not taken yet, from `taken` on
     std::size_t taken = 0;      // of `held`
     std::size_t open = 0;       // how much OpenSSL may take
+    bool shakes_hands = true;   // for the first time: a change of keys later is none
     std::uint64_t received = 0; // in all
     bool drained = false;       // the socket had no more when it was read last
     bool ended = false;         // the client has closed its side
