@@ -183,7 +183,6 @@ void prepare_https_client()
 void prepare_libraries()
 {
     init_tls_library();
-    velm_user_auth_passwd_prepare();
     prepare_https_client();
 }
 
