@@ -278,6 +278,18 @@ evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
     return EVHTP_RES_OK;
 }
 
+void begin_tls(server_connection *peer)
+{
+    peer->tls.tls = peer->connection->ssl;
+    peer->tls.socket = peer->connection->sock;
+    peer->tls.handshake_bytes = state.limits.handshake_bytes;
+    peer->tls.keeps_some = count_memory_soon;
+    http_tls_begin(&peer->tls, peer->connection->bev);
+    peer->handshake.connection = peer->connection;
+    peer->handshake.address = peer->address;
+    http_handshake_await(&peer->handshake);
+}
+
 evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
 {
     auto owned = std::make_unique<server_connection>();
@@ -293,14 +305,9 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
     http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
-    peer->tls.tls = connection->ssl;
-    peer->tls.socket = connection->sock;
-    peer->tls.handshake_bytes = state.limits.handshake_bytes;
-    peer->tls.keeps_some = count_memory_soon;
-    http_tls_begin(&peer->tls, connection->bev);
-    peer->handshake.connection = connection;
-    peer->handshake.address = peer->address;
-    http_handshake_await(&peer->handshake);
+    if (connection->ssl != nullptr) { // the fuzzer speaks plain HTTP
+        begin_tls(peer);
+    }
     restart_timer(peer);
     return_memory_soon();
     return EVHTP_RES_OK;

@@ -114,7 +114,7 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     stream->open -= given;
     stream->taken += given;
     if (stream->taken == stream->held.size()) {
-        stream->held = std::string{};
+        std::string{}.swap(stream->held); // an assignment would keep the room
         stream->taken = 0;
     }
     return static_cast<int>(given);
@@ -179,7 +179,9 @@ void http_tls_begin(http_tls_stream *stream, bufferevent *bev)
 
 void http_tls_end(http_tls_stream *stream)
 {
-    BIO_set_data(SSL_get_rbio(stream->tls), nullptr);
+    if (stream->tls != nullptr) {
+        BIO_set_data(SSL_get_rbio(stream->tls), nullptr);
+    }
 }
 
 void http_tls_connected(bufferevent *bev)
@@ -199,7 +201,7 @@ void http_tls_read(bufferevent *bev)
 
 void http_tls_end_quietly(const http_tls_stream *stream)
 {
-    if ((SSL_get_shutdown(stream->tls) & SSL_RECEIVED_SHUTDOWN) != 0) {
+    if (stream->tls != nullptr && (SSL_get_shutdown(stream->tls) & SSL_RECEIVED_SHUTDOWN) != 0) {
         SSL_set_quiet_shutdown(stream->tls, 1);
     }
 }

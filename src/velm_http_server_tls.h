@@ -18,7 +18,7 @@ void http_tls_tune(SSL_CTX *context);
 /// Here only what came is kept, and can be counted. It also asks the kernel less: once for all that
 /// has come, where OpenSSL asks twice a record.
 struct http_tls_stream {
-    SSL *tls = nullptr;
+    SSL *tls = nullptr; // null: not begun, and nothing to end
     int socket = -1;
     /// What the client may send before its handshake is done; more ends the connection. OpenSSL would
     /// take and keep 128 KiB of it.
