@@ -1,0 +1,84 @@
+// First: libevhtp's headers rename what the system's regex.h declares.
+#include "fakes/served_connections.h"
+
+#include "velm_http_server_tls.h"
+
+namespace {
+
+using namespace served_connections;
+
+class TlsStream : public Connections {};
+
+/// A TLS record that continues a greeting of 131,392 bytes, which the library would take.
+string greeting_record(bool first, std::size_t size)
+{
+    string record{"\x16\x03\x01"};
+    record += {static_cast<char>(size >> 8U), static_cast<char>(size & 0xffU)};
+    if (first) {
+        record += string{"\x01\x02\x01\x40", 4};
+        size -= 4;
+    }
+    return record + string(size, '\0');
+}
+
+TEST_F(TlsStream, AGreetingOf16KibibytesIsWaitedForAndALongerOneEndsTheConnection)
+{
+    serve();
+    const auto peer = client();
+    ASSERT_TRUE(reaches(1));
+    const string most = greeting_record(true, 16378); // with its head a byte less than 16 KiB
+    ASSERT_EQ(write(peer->fd(), most.data(), most.size()), 16383);
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 1U);
+    const string more = greeting_record(false, 100);
+    ASSERT_EQ(write(peer->fd(), more.data(), more.size()), 105);
+    EXPECT_TRUE(reaches(0));
+    EXPECT_EQ(log.count("receive - too much before the end of the handshake"), 1);
+}
+
+TEST_F(TlsStream, ADrippedGreetingGainsNoTime)
+{
+    serve(quick());
+    const auto peer = client();
+    ASSERT_TRUE(reaches(1));
+    const string greeting = greeting_record(true, 16378);
+    const auto begin = std::chrono::steady_clock::now();
+    std::size_t sent = 0;
+    while (http_connections_count() == 1 && sent < greeting.size() &&
+           std::chrono::steady_clock::now() - begin < 5s) {
+        ASSERT_EQ(write(peer->fd(), &greeting[sent++], 1), 1);
+        turn_for(loop, 5ms);
+    }
+    EXPECT_EQ(http_connections_count(), 0U);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+}
+
+TEST_F(TlsStream, WhatComesAfterTheHandshakeIsNoPartOfIt)
+{
+    serve();
+    const auto peer = connected();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(peer->ask(post("Content-Length: 8192\r\n", string(8192, 'a'))).status, 200);
+    }
+}
+
+TEST_F(TlsStream, PartsOfRecordsAreHeldOnlyUpToTheShareOfTheirAddress)
+{
+    http_connection_limits limits;
+    limits.held_of_address = 48 * 1024;
+    serve(limits);
+    const string part = string{"\x17\x03\x03\x40\x00", 5} + string(16000, '\0');
+    const auto other = connected("127.0.0.2");
+    ASSERT_EQ(write(other->fd(), part.data(), part.size()), 16005);
+    std::vector<std::unique_ptr<https_client>> greedy;
+    for (int i = 0; i < 6; ++i) {
+        greedy.push_back(connected());
+        ASSERT_EQ(write(greedy.back()->fd(), part.data(), part.size()), 16005);
+        turn_for(loop, 5ms);
+    }
+    EXPECT_EQ(http_connections_count(), 1U + 3U);
+    EXPECT_EQ(log.count("WARN velm_http_server - keep_within_memory - closing a connection"), 3);
+    EXPECT_FALSE(other->has_ended());
+}
+
+} // namespace
