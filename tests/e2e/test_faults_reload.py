@@ -38,14 +38,22 @@ NO_SOCKET = "failed to create socket"
 
 
 def is_idle(daemon: Daemon) -> bool:
-    """Not a nanosecond of a processor in a while."""
+    """Not a nanosecond of a processor in a while, though it could have had one; and it does not wait
+    for a command of its own, as it does in the middle of a reload."""
+    process = Path(f"/proc/{daemon.pid}")
 
-    def used() -> int:
-        return int(Path(f"/proc/{daemon.pid}/schedstat").read_text().split()[0])
+    def used() -> str:
+        return (process / "schedstat").read_text().split()[0]
+
+    def rests() -> bool:
+        state = (process / "stat").read_text().rpartition(")")[2].split()[0]
+        commands = (process / "task" / str(daemon.pid) / "children").read_text()
+        return state == "S" and not commands.strip()
 
     before = used()
+    rested = rests()
     time.sleep(0.02)
-    return used() == before
+    return rested and rests() and used() == before
 
 
 class Reloads:
@@ -149,7 +157,9 @@ class Reloads:
         daemon.reload()
         self.use_all(access_point)
         assert is_discovered(access_point, 3)
-        wait_until(lambda: daemon.descriptors() == self.descriptors, 10, "descriptors are left")
+        wait_until(lambda: daemon.descriptors() <= self.descriptors, 10, "descriptors are left")
+        # A connection to the cloud may still have been open when they were counted first.
+        self.descriptors = daemon.descriptors()
         return found
 
 
