@@ -96,6 +96,10 @@ std::size_t held_by(in_addr_t address)
     return sum;
 }
 
+/// To close one that holds less gives hardly anything back: it would only be the newcomer beside
+/// others whose requests are checked.
+constexpr std::size_t worth_closing = 4 * 1024;
+
 /// Of the address that holds most the connection that holds most; one whose request is checked
 /// holds no more than that request. Null when there is none to choose.
 server_connection *greediest()
@@ -104,7 +108,8 @@ server_connection *greediest()
     std::pair<std::size_t, std::size_t> most{0, 0};
     for (const auto &peer : state.connections) {
         const std::pair<std::size_t, std::size_t> size{held_by(peer->address), peer->counted};
-        if (!http_intake_is_paused(&peer->intake) && size > most) {
+        if (!http_intake_is_paused(&peer->intake) && peer->counted >= worth_closing &&
+            size > most) {
             found = peer.get();
             most = size;
         }

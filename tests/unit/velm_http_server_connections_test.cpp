@@ -131,6 +131,21 @@ TEST_F(Connections, AboveWhatAllMayHoldTheGreediestOfTheGreediestAddressGoes)
     EXPECT_EQ(phone->ask("abc").status, 200);
 }
 
+TEST_F(Connections, WhoHoldsLittleIsServedBesideRequestsThatAreChecked)
+{
+    serve();
+    const auto phone = connected();
+    phone->send("POST /pause HTTP/1.1\r\nContent-Length: 3\r\nX-Attestation: " +
+                string(16384, 'a') + "\r\n\r\nabc");
+    ASSERT_TRUE(pauses());
+    http_connection_limits limits;
+    limits.held_of_address = 8 * 1024; // which the other is beyond
+    http_connections_attach(htp.get(), limits);
+    EXPECT_EQ(connected()->ask(get).status, 200);
+    answer_paused();
+    EXPECT_EQ(phone->receive().status, 200);
+}
+
 TEST_F(Connections, ARequestThatIsCheckedCountsOnceInWhatAllMayHold)
 {
     http_connection_limits limits;
