@@ -82,7 +82,7 @@ static int is_log_file(int fd)
     return is_log(path);
 }
 
-#define WRAPPED(result, name, parameters, arguments)                                               \
+#define WRAPPED_UNLESS(failing, result, name, parameters, arguments)                               \
     result name parameters                                                                         \
     {                                                                                              \
         static result(*real) parameters;                                                           \
@@ -90,19 +90,15 @@ static int is_log_file(int fd)
             void *const found = next(#name);                                                       \
             memcpy(&real, &found, sizeof found);                                                   \
         }                                                                                          \
-        return fails(#name) ? (result)-1 : real arguments;                                         \
+        return (failing) ? (result)-1 : real arguments;                                            \
     }
 
+#define WRAPPED(result, name, parameters, arguments)                                               \
+    WRAPPED_UNLESS(fails(#name), result, name, parameters, arguments)
+
 #define WRAPPED_FILE(result, name, call, parameters, arguments)                                    \
-    result name parameters                                                                         \
-    {                                                                                              \
-        static result(*real) parameters;                                                           \
-        if (real == NULL) {                                                                        \
-            void *const found = next(#name);                                                       \
-            memcpy(&real, &found, sizeof found);                                                   \
-        }                                                                                          \
-        return control != NULL && !is_log_file(fd) && fails(call) ? (result)-1 : real arguments;   \
-    }
+    WRAPPED_UNLESS(control != NULL && !is_log_file(fd) && fails(call), result, name, parameters,   \
+                   arguments)
 
 WRAPPED(int, socket, (int family, int type, int protocol), (family, type, protocol))
 WRAPPED(int, bind, (int fd, const struct sockaddr *address, socklen_t length),

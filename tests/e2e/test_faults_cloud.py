@@ -147,92 +147,6 @@ STATUSES = [*range(100, 104), *range(199, 210), 226, 299, *range(300, 309), 399,
             *range(400, 452), *range(499, 512), 599, 600, 999]  # fmt: skip
 
 
-@pytest.mark.movable_clock
-@pytest.mark.begun_first
-def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    sample: Sample,
-) -> None:  # fmt: skip
-    pushes = Pushes(access_point, cloud, ipc)
-    with prompt_meanwhile(access_point.lan_host(1)):
-        for status in sample.of(STATUSES, 9):
-            if status != 404:
-                pushes.push(Answer(status, b"{}"))
-                assert access_point.pairing(0)["status"] == "Valid", status
-    pushes.push(Answer(404, b"{}"))
-    wait_until(lambda: access_point.pairing(0)["status"] == "Invalid", 5, "still paired")
-
-
-def cuts(answer: Answer, sample: Sample, one_in: int) -> Iterator[Answer]:
-    """The answer without its last bytes: all the lengths, or some of them and the longest."""
-    raw = answer.head() + answer.body
-    for end in sorted({*sample.of(range(len(raw)), one_in), len(raw) - 1}):
-        yield replace(answer, raw=raw[:end])
-
-
-@pytest.mark.movable_clock
-@pytest.mark.begun_first
-def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    sample: Sample,
-) -> None:  # fmt: skip
-    whole = Answer.json({"error": {"code": 404}}, 404)
-    pushes = Pushes(access_point, cloud, ipc)
-    with prompt_meanwhile(access_point.lan_host(1)):
-        for cut in cuts(whole, sample, 17):
-            pushes.push(cut)
-            assert access_point.pairing(0)["status"] == "Valid", cut.raw
-    assert paired_phone.location().status == 200
-    assert ipc.receive_report().valid == 1
-    pushes.push(whole)
-    wait_until(lambda: access_point.pairing(0)["status"] == "Invalid", 5, "still paired")
-
-
-@pytest.mark.movable_clock
-@pytest.mark.begun_first
-def test_an_access_token_that_is_cut_at_any_byte_is_none(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
-    sample: Sample,
-) -> None:  # fmt: skip
-    whole = Answer.json({"access_token": "t", "expires_in": 1})
-    pushes = Pushes(access_point, cloud, ipc)
-    with prompt_meanwhile(access_point.lan_host(1)):
-        for cut in cuts(whole, sample, 17):
-            pushes.fail_for_want_of_a_token(cut)
-    assert not cloud.fcm.requests
-    assert access_point.pairing(0)["status"] == "Valid"
-    pushes.ask(cloud.token, whole)
-    (push,) = cloud.fcm.wait()
-    assert push.headers["authorization"] == "Bearer t"
-
-
-@pytest.mark.begun_first
-def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
-    access_point: AccessPoint, cloud: Cloud, ipc: IpcClient, sample: Sample
-) -> None:
-    phone = access_point.android_phone()
-    assert phone.pair().status == 200
-
-    def verdict(request: Prepared) -> Answer:
-        token = base64.b64decode(request.headers["X-Assertion"]).decode()
-        return Answer.json({"tokenPayloadExternal": open_token(phone.integrity, token)})
-
-    length = sum(1 for _ in cuts(verdict(phone.prepare_location()), sample, 29))
-    with prompt_meanwhile(access_point.lan_host(1)):
-        for number in range(length):
-            request = phone.prepare_location()
-            cut = next(itertools.islice(cuts(verdict(request), sample, 29), number, None))
-            cloud.integrity.answer_next(cut)
-            assert phone.send(request).status == 412, cut.raw
-    assert ipc.is_silent(0.1)
-    request = phone.prepare_location()
-    whole = verdict(request)
-    cloud.integrity.answer_next(replace(whole, raw=whole.head() + whole.body))
-    assert phone.send(request).status == 200
-    assert ipc.receive_report().valid == 1
-    assert len(cloud.integrity.requests) == 1 + length + 1  # each of them was asked for
-
-
 class Pushes:
     """One push after another: the clock is moved on, since one a minute is all there is."""
 
@@ -263,3 +177,93 @@ class Pushes:
         self.ask(endpoint, answer)
         self.access_point.daemon.wait_log(end, start=mark)
         wait_until(lambda: not self.cloud.open_connections, 5, "the answer is not taken")
+
+    def pairing(self) -> str | None:
+        return self.access_point.pairing(0)["status"]
+
+
+@pytest.fixture
+def pushes(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> Pushes:
+    return Pushes(access_point, cloud, ipc)
+
+
+@pytest.mark.movable_clock
+@pytest.mark.begun_first
+def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
+    pushes: Pushes, access_point: AccessPoint, sample: Sample
+) -> None:
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for status in sample.of(STATUSES, 9):
+            if status != 404:
+                pushes.push(Answer(status, b"{}"))
+                assert pushes.pairing() == "Valid", status
+    pushes.push(Answer(404, b"{}"))
+    wait_until(lambda: pushes.pairing() == "Invalid", 5, "still paired")
+
+
+def cuts(answer: Answer, sample: Sample, one_in: int) -> Iterator[Answer]:
+    """The answer without its last bytes: all the lengths, or some of them and the longest."""
+    raw = answer.head() + answer.body
+    for end in sorted({*sample.of(range(len(raw)), one_in), len(raw) - 1}):
+        yield replace(answer, raw=raw[:end])
+
+
+@pytest.mark.movable_clock
+@pytest.mark.begun_first
+def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
+    pushes: Pushes, access_point: AccessPoint, paired_phone: Phone, sample: Sample
+) -> None:
+    whole = Answer.json({"error": {"code": 404}}, 404)
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for cut in cuts(whole, sample, 17):
+            pushes.push(cut)
+            assert pushes.pairing() == "Valid", cut.raw
+    assert paired_phone.location().status == 200
+    assert pushes.ipc.receive_report().valid == 1
+    pushes.push(whole)
+    wait_until(lambda: pushes.pairing() == "Invalid", 5, "still paired")
+
+
+@pytest.mark.movable_clock
+@pytest.mark.begun_first
+def test_an_access_token_that_is_cut_at_any_byte_is_none(
+    pushes: Pushes, access_point: AccessPoint, cloud: Cloud, sample: Sample
+) -> None:
+    whole = Answer.json({"access_token": "t", "expires_in": 1})
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for cut in cuts(whole, sample, 17):
+            pushes.fail_for_want_of_a_token(cut)
+    assert not cloud.fcm.requests
+    assert pushes.pairing() == "Valid"
+    pushes.ask(cloud.token, whole)
+    (push,) = cloud.fcm.wait()
+    assert push.headers["authorization"] == "Bearer t"
+
+
+@pytest.mark.begun_first
+def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
+    access_point: AccessPoint, cloud: Cloud, ipc: IpcClient, sample: Sample
+) -> None:
+    phone = access_point.android_phone()
+    assert phone.pair().status == 200
+
+    def verdict(request: Prepared) -> Answer:
+        token = base64.b64decode(request.headers["X-Assertion"]).decode()
+        return Answer.json({"tokenPayloadExternal": open_token(phone.integrity, token)})
+
+    length = sum(1 for _ in cuts(verdict(phone.prepare_location()), sample, 29))
+    with prompt_meanwhile(access_point.lan_host(1)):
+        for number in range(length):
+            request = phone.prepare_location()
+            cut = next(itertools.islice(cuts(verdict(request), sample, 29), number, None))
+            cloud.integrity.answer_next(cut)
+            assert phone.send(request).status == 412, cut.raw
+    assert ipc.is_silent(0.1)
+    request = phone.prepare_location()
+    whole = verdict(request)
+    cloud.integrity.answer_next(replace(whole, raw=whole.head() + whole.body))
+    assert phone.send(request).status == 200
+    assert ipc.receive_report().valid == 1
+    assert len(cloud.integrity.requests) == 1 + length + 1  # each of them was asked for
