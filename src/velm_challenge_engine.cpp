@@ -3,6 +3,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string_view>
@@ -21,9 +22,12 @@ constexpr std::size_t challenge_size = 2 * random_size + 1; // hexadecimal digit
 constexpr std::int32_t lifetime_s = 60;
 constexpr std::size_t pending_limit = 1000;
 
+using steady_clock = std::chrono::steady_clock;
+
 struct challenge_entry {
     plain_ptr<char> challenge;
     std::time_t created = 0;
+    steady_clock::time_point created_steady = {};
 };
 
 struct module_state {
@@ -40,13 +44,22 @@ std::time_t time_now(const char *caller)
     return now;
 }
 
+/// By either clock. One on the wall that is set back gives a negative age: the challenge still
+/// serves, since its phone is on the way, but no longer than it would have without that.
+bool challenge_entry_outdated(const challenge_entry &entry, std::time_t now,
+                              steady_clock::time_point now_steady)
+{
+    return static_cast<std::int32_t>(now - entry.created) > lifetime_s ||
+           now_steady - entry.created_steady >= std::chrono::seconds{lifetime_s + 1};
+}
+
 void challenge_entries_remove_outdated()
 {
     const std::time_t now = time_now(__func__);
+    const steady_clock::time_point now_steady = steady_clock::now();
     // NOLINTNEXTLINE(bugprone-lambda-function-name): the capture takes the outer function's name
-    std::erase_if(state.pending, [now, caller = __func__](const challenge_entry &entry) {
-        // A clock set back gives a negative age: the challenge stays.
-        const bool outdated = static_cast<std::int32_t>(now - entry.created) > lifetime_s;
+    std::erase_if(state.pending, [=, caller = __func__](const challenge_entry &entry) {
+        const bool outdated = challenge_entry_outdated(entry, now, now_steady);
         if (outdated) {
             LOG_TRACE("%s - removed challenge: %s", caller, entry.challenge.get());
         }
@@ -77,7 +90,7 @@ void expand_to_hexadecimal(char *challenge)
 
 challenge_entry challenge_entry_create(plain_ptr<char> challenge)
 {
-    return {std::move(challenge), time_now(__func__)};
+    return {std::move(challenge), time_now(__func__), steady_clock::now()};
 }
 
 std::vector<challenge_entry>::iterator challenge_entry_find(const char *challenge)

@@ -1,10 +1,13 @@
 #include "velm_cloud_messaging.h"
 
+#include <chrono>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "logger/fatal.h"
 #include "velm_fcm_messaging.h"
+#include "velm_moment.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -12,11 +15,11 @@ namespace {
 
 constexpr char log_category[] = "velm_cloud_messaging";
 
-constexpr std::time_t push_interval_s = 60;
+constexpr std::chrono::seconds push_interval{60};
 
 struct module_state {
     const velm_config *config = nullptr;
-    std::time_t last_push = 0;
+    std::optional<velm_moment> last_push;
 };
 module_state state;
 
@@ -146,12 +149,11 @@ void velm_cloud_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)
         LOG_ERROR("%s - no pairings or tokens", __func__);
         return;
     }
-    const std::time_t now = std::time(nullptr);
-    if (state.last_push + push_interval_s > now) {
-        LOG_WARN("%s - too often (limit %d)", __func__, static_cast<int>(push_interval_s));
+    if (state.last_push.has_value() && velm_moment_is_within(*state.last_push, push_interval)) {
+        LOG_WARN("%s - too often (limit %d)", __func__, static_cast<int>(push_interval.count()));
         return;
     }
-    state.last_push = now;
+    state.last_push = velm_moment_now();
     velm_fcm_messaging_push_to_all(timeout, type);
 }
 

@@ -1,10 +1,23 @@
 #include "fakes/fake_clock.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <optional>
 
 namespace {
 std::optional<std::time_t> fixed_now;
+std::time_t steady_ahead_s;
 } // namespace
+
+extern "C" int clock_gettime(clockid_t clock, timespec *result) noexcept
+{
+    const long rc = syscall(SYS_clock_gettime, clock, result);
+    if (rc == 0 && clock == CLOCK_MONOTONIC) {
+        result->tv_sec += steady_ahead_s;
+    }
+    return static_cast<int>(rc);
+}
 
 extern "C" std::time_t time(std::time_t *result) noexcept
 {
@@ -25,6 +38,11 @@ void fake_clock_set(std::time_t now)
 void fake_clock_advance(std::time_t seconds)
 {
     fixed_now = fixed_now.value_or(time(nullptr)) + seconds;
+}
+
+void fake_clock_advance_steady(std::time_t seconds)
+{
+    steady_ahead_s += seconds;
 }
 
 void fake_clock_break()

@@ -140,6 +140,26 @@ TEST_F(ChallengeEngine, KeepsAChallengeWhenTheClockIsSetBack)
     EXPECT_EQ(consume(challenge), 1);
 }
 
+TEST_F(ChallengeEngine, KeepsAChallengeNoLongerThanItsTimeWhenTheClockIsSetBack)
+{
+    const std::string one = issue();
+    const std::string two = issue();
+    fake_clock_advance(-3600);
+    fake_clock_advance_steady(60);
+    EXPECT_EQ(consume(one), 1);
+    fake_clock_advance_steady(1);
+    EXPECT_EQ(consume(two), 0);
+}
+
+TEST_F(ChallengeEngine, IssuesAgainAMinuteAfterAThousandAlsoWhenTheClockIsSetBack)
+{
+    issue_many(1000);
+    fake_clock_advance(-3600);
+    EXPECT_EQ(issue(), "");
+    fake_clock_advance_steady(61);
+    EXPECT_NE(issue(), "");
+}
+
 TEST_F(ChallengeEngine, RefusesToIssueWhileAThousandWait)
 {
     issue_many(999);

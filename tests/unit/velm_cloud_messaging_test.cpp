@@ -85,6 +85,27 @@ TEST_F(CloudMessaging, FiftyNineSecondsLaterNothingIsPushedSixtySecondsLaterItIs
     EXPECT_EQ(pushes[1].timeout, 31U);
 }
 
+TEST_F(CloudMessaging, APushThatLiesInTheFutureWasLongAgo)
+{
+    velm_cloud_messaging_push_to_all(30, 0);
+    fake_clock_advance(-1);
+    velm_cloud_messaging_push_to_all(31, 0);
+    ASSERT_EQ(pushes.size(), 2U) << "the clock was set back";
+    fake_clock_advance(-3600);
+    velm_cloud_messaging_push_to_all(32, 0);
+    ASSERT_EQ(pushes.size(), 3U);
+    fake_clock_advance(59);
+    velm_cloud_messaging_push_to_all(33, 0);
+    EXPECT_EQ(pushes.size(), 3U) << "the minute counts from the last push, by the clock that is";
+}
+
+TEST_F(CloudMessaging, AClockThatBeginsWithTheEpochHoldsNothingUp)
+{
+    fake_clock_set(5);
+    velm_cloud_messaging_push_to_all(30, 0);
+    EXPECT_EQ(pushes.size(), 1U);
+}
+
 TEST_F(CloudMessaging, WithoutLivePairingsNothingIsPushedAndTheLimitIsNotTouched)
 {
     const captured_log log;
