@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <ctime>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,41 +41,39 @@ void return_access_token(token_request_ptr d, json_ptr token)
 }
 
 /// Seconds from now; an answer without the member, or with one that is no number, serves once.
-/// Kept within what every caller's arithmetic can hold, whatever the answer claims.
-double lifetime_of(const cJSON *token)
+/// At most an hour, whatever the answer claims: nobody gets a new token while one is held.
+double lifetime_of(const cJSON *answer)
 {
-    const cJSON *expires_in = cJSON_GetObjectItemCaseSensitive(token, "expires_in");
+    const cJSON *expires_in = cJSON_GetObjectItemCaseSensitive(answer, "expires_in");
     const double seconds = cJSON_IsNumber(expires_in) ? expires_in->valuedouble : 0.0;
-    constexpr double longest = std::numeric_limits<std::int32_t>::max();
+    constexpr double longest = 3600.0;
     return std::isnan(seconds) ? 0.0 : std::clamp(seconds, 0.0, longest);
 }
 
-/// The answer's own would be read in place of ours. In one pass, since it may bring very many.
-void remove_valid_to(cJSON *token)
+/// Of an answer that may bring very much only what serves: it is held for up to an hour.
+json_ptr token_make(const char *access_token, double valid_to)
 {
-    cJSON *next = nullptr;
-    for (cJSON *member = token->child; member != nullptr; member = next) {
-        next = member->next;
-        if (std::strcmp(member->string, "valid_to") == 0) {
-            const json_ptr removed{cJSON_DetachItemViaPointer(token, member)};
-        }
-    }
-}
-
-void add_valid_to(cJSON *token)
-{
-    remove_valid_to(token);
-    const double valid_to = static_cast<double>(time(nullptr)) + lifetime_of(token);
-    REQUIRE_MEMORY(cJSON_AddNumberToObject(token, "valid_to", valid_to), "valid_to");
+    json_ptr token{cJSON_CreateObject()};
+    REQUIRE_MEMORY(token, "token");
+    REQUIRE_MEMORY(cJSON_AddStringToObject(token.get(), "access_token", access_token),
+                   "access_token");
+    REQUIRE_MEMORY(cJSON_AddNumberToObject(token.get(), "valid_to", valid_to), "valid_to");
+    return token;
 }
 
 json_ptr token_from_answer(const void *d, int code, const char *body, std::size_t length)
 {
-    json_ptr token = velm_google_answer_parse(code, body, length, log_category, __func__, d);
-    if (token != nullptr) {
-        add_valid_to(token.get());
+    const json_ptr answer = velm_google_answer_parse(code, body, length, log_category, __func__, d);
+    if (answer == nullptr) {
+        return nullptr;
     }
-    return token;
+    const char *access_token =
+        cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(answer.get(), "access_token"));
+    if (access_token == nullptr || *access_token == '\0') {
+        LOG_ERROR("%s [%p] - no access_token", __func__, d);
+        return nullptr;
+    }
+    return token_make(access_token, static_cast<double>(time(nullptr)) + lifetime_of(answer.get()));
 }
 
 void access_token_answered(int code, evkeyvalq *, const char *body, std::size_t length,

@@ -7,8 +7,9 @@
 
 void velm_google_auth_init(const velm_config *config);
 
-/// `token` is null on failure, else the answer's object ("access_token", "expires_in") with
-/// "valid_to", in seconds since the epoch, added. Called once, on the loop.
+/// `token` is null on failure and when the answer holds no token. Else it is an object of two
+/// members: "access_token" and its end "valid_to", in seconds since the epoch, at most an hour away.
+/// Called once, on the loop.
 using velm_google_auth_response_handler = void (*)(json_ptr token, void *context);
 
 /// Asks for a token; copies key and scope. The result is that of queueing the work (0). Null
