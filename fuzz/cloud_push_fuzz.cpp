@@ -12,6 +12,7 @@
 #include "handles/memory.h"
 #include "velm_cloud_messaging.h"
 #include "velm_config.h"
+#include "velm_fcm_answer.h"
 #include "velm_fcm_messaging.h"
 #include "velm_google_auth.h"
 #include "velm_nvram_pairings.h"
@@ -110,9 +111,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     FUZZ_REQUIRE(fake_cloud_requests.size() <= 1);
     if (!fake_cloud_requests.empty()) {
         is_clean(fake_cloud_requests.front().data, push_token);
-        fake_cloud_answer(code, std::string{fuzz_text(in.rest())});
-        // The phone stays paired, unless the service does not know it any more.
-        FUZZ_REQUIRE(velm_nvram_pairings_count_pairings() == (code == 404 ? 0 : 1));
+        const std::string body{fuzz_text(in.rest())};
+        fake_cloud_answer(code, body);
+        // The phone stays paired, unless the service says that it does not know its token any more.
+        const bool unregistered =
+            code == 404 && velm_fcm_answer_is_about_the_token(body.c_str(), body.size(), nullptr);
+        FUZZ_REQUIRE(velm_nvram_pairings_count_pairings() == (unregistered ? 0 : 1));
     } else {
         FUZZ_REQUIRE(velm_nvram_pairings_count_pairings() == 1);
     }

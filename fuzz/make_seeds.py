@@ -238,6 +238,9 @@ def cloud_push() -> Iterable[bytes]:
     for entry in load("push/fcm_responses.json"):
         yield b"push:token_1\0device\0" + status(entry["http_status"]) + token + b"\0" + body_of(entry)
     yield b"push\"\n\0dev\xff\0" + status(404) + token + b"\0{}"
+    yield b"push\0dev\0" + status(404) + token + b"\0 <!DOCTYPE html>"
+    other = b'{"error":{"details":[{"errorCode":"UNREGISTERED"},{"errorCode":"SENDER_ID_MISMATCH"}]}}'
+    yield b"push\0dev\0" + status(404) + token + b"\0" + other
     yield b"push\0dev\0" + status(200) + b'{"access_token":"a\\r\\nX: y","valid_to":1e18}\0'
     yield b"\0dev\0" + status(200) + b"{}"
 

@@ -1,7 +1,10 @@
 #include "velm_fcm_messaging.h"
 
+#include <event2/http.h>
+
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "async/common_async.h"
 #include "cloud_addresses.h"
@@ -10,6 +13,7 @@
 #include "http/http_client.h"
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"
+#include "velm_fcm_answer.h"
 #include "velm_google_account.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
@@ -19,6 +23,7 @@ namespace {
 constexpr char log_category[] = "velm_fcm_messaging";
 
 constexpr int http_ok = 200;
+constexpr int http_unauthorized = 401;
 constexpr int http_not_found = 404;
 
 struct module_state {
@@ -32,10 +37,14 @@ struct push_params {
     std::uint32_t type;
 };
 
+/// A push to one slot: waits for its turn, then for the answer.
 struct send_context {
-    json_ptr pairing;
+    int index;
     push_params cm_params_copy;
+    json_ptr pairing = {};            // as the slot held it when its turn had come
+    unsigned access_token_number = 0; // of the access token that it was sent with
 };
+using send_context_ptr = std::unique_ptr<send_context>;
 
 const char *text_or_empty(const cJSON *object, const char *field)
 {
@@ -43,19 +52,46 @@ const char *text_or_empty(const cJSON *object, const char *field)
     return text == nullptr ? "" : text;
 }
 
-void unpair(const send_context &context, int code)
+/// The token that FCM does not know may be an earlier one: a phone that has paired again meanwhile
+/// stays paired.
+void unpair(const cJSON *pairing, int code)
 {
-    const char *dev_id = text_or_empty(context.pairing.get(), "dev_id");
-    if (velm_nvram_pairings_pairing_exists(dev_id)) {
+    constexpr char function[] = "send_push_handler";
+    const char *dev_id = text_or_empty(pairing, "dev_id");
+    const char *dev_type = text_or_empty(pairing, "dev_type");
+    const std::string_view push_token = text_or_empty(pairing, "push_token");
+    const json_ptr stored = velm_nvram_pairings_select_pairing(dev_id);
+    if (stored != nullptr && push_token != text_or_empty(stored.get(), "push_token")) {
+        LOG_INFO("%s - [%s,%s,%s,%d] - stays paired (by another token)", function, dev_id, dev_type,
+                 push_token.data(), code);
+        return;
+    }
+    if (stored != nullptr) {
         velm_nvram_pairings_delete_pairing(dev_id);
         velm_nvram_pairings_save_pairings();
     }
-    LOG_INFO("%s - [%s,%s,%s,%d] - unpaired (unregistered token)", "send_push_handler", dev_id,
-             text_or_empty(context.pairing.get(), "dev_type"),
-             text_or_empty(context.pairing.get(), "push_token"), code);
+    LOG_INFO("%s - [%s,%s,%s,%d] - unpaired (unregistered token)", function, dev_id, dev_type,
+             push_token.data(), code);
 }
 
-void send_push_handler(int code, evkeyvalq *, const char *body, std::size_t length,
+void push_refused(const send_context &context, int code)
+{
+    constexpr char function[] = "send_push_handler";
+    const cJSON *pairing = context.pairing.get();
+    LOG_ERROR("%s - [%s,%s,%s,%d]", function, text_or_empty(pairing, "dev_id"),
+              text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"), code);
+    if (code == http_unauthorized) {
+        velm_google_account_refuse_token(state.account, context.access_token_number, log_category,
+                                         function);
+    }
+}
+
+const char *content_type_of(const evkeyvalq *headers)
+{
+    return headers == nullptr ? nullptr : evhttp_find_header(headers, "Content-Type");
+}
+
+void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size_t length,
                        void *argument) noexcept
 {
     const auto context = adopt<send_context>(argument);
@@ -64,12 +100,18 @@ void send_push_handler(int code, evkeyvalq *, const char *body, std::size_t leng
         LOG_TRACE("%s [%p] - body: %.*s", __func__, static_cast<void *>(context.get()),
                   static_cast<int>(length), body);
     }
-    if (code == http_not_found) {
-        unpair(*context, code);
-    } else if (code != http_ok) {
-        const cJSON *pairing = context->pairing.get();
-        LOG_ERROR("%s - [%s,%s,%s,%d]", __func__, text_or_empty(pairing, "dev_id"),
-                  text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"), code);
+    const cJSON *pairing = context->pairing.get();
+    if (code == http_ok) {
+        return;
+    }
+    if (code != http_not_found) {
+        push_refused(*context, code);
+    } else if (velm_fcm_answer_is_about_the_token(body, length, content_type_of(headers))) {
+        unpair(pairing, code);
+    } else {
+        LOG_WARN("%s - [%s,%s,%s,%d] - stays paired (the answer is not about its token)", __func__,
+                 text_or_empty(pairing, "dev_id"), text_or_empty(pairing, "dev_type"),
+                 text_or_empty(pairing, "push_token"), code);
     }
 }
 
@@ -95,24 +137,55 @@ http_client_request_data make_request(const send_context &context)
     return velm_google_account_make_request(state.account, uri, body.get());
 }
 
-void send_push(void *argument, short, common_async_context *) noexcept
+/// Null when no phone is paired in the slot any more; a reload may have lowered the limit.
+json_ptr read_live_slot(int index)
 {
-    auto context = adopt<send_context>(argument);
+    if (index >= state.config->pairings_limit || !velm_nvram_pairings_is_valid_pairing(index)) {
+        LOG_DEBUG("%s - slot %d is not paired any more", "send_push", index);
+        return nullptr;
+    }
+    return velm_nvram_pairings_select_pairing_by_index(index);
+}
+
+void send_push_now(send_context_ptr context)
+{
+    constexpr char function[] = "send_push";
+    context->pairing = read_live_slot(context->index);
     const cJSON *pairing = context->pairing.get();
-    LOG_TRACE("%s - [%s,%s,%s]", __func__, text_or_empty(pairing, "dev_id"),
+    if (pairing == nullptr) {
+        return;
+    }
+    LOG_TRACE("%s - [%s,%s,%s]", function, text_or_empty(pairing, "dev_id"),
               text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"));
     if (!can_send(pairing)) {
         return;
     }
+    context->access_token_number = state.account.token_number;
     const http_client_request_data request = make_request(*context);
-    LOG_TRACE("%s - %s", __func__, request.post_data.c_str());
+    LOG_TRACE("%s - %s", function, request.post_data.c_str());
     const int rc =
         http_request_internal(HTTP_CLIENT_POST, request, send_push_handler, context.get());
     if (rc < 0) {
-        LOG_ERROR("%s - failed making http request: %d", __func__, rc);
+        LOG_ERROR("%s - failed making http request: %d", function, rc);
         return;
     }
     (void)context.release(); // the response handler frees it
+}
+
+void access_token_renewed(bool, void *argument)
+{
+    send_push_now(adopt<send_context>(argument)); // says itself what is missing
+}
+
+/// When FCM has refused the access token to an earlier phone, this one need not go without a push.
+void send_push(void *argument, short, common_async_context *) noexcept
+{
+    auto context = adopt<send_context>(argument);
+    if (state.account.token_refused && state.account.private_key != nullptr) {
+        velm_google_account_request_token(state.account, access_token_renewed, context.release());
+    } else {
+        send_push_now(std::move(context));
+    }
 }
 
 void prepare_to_send_push(void *argument, short, common_async_context *) noexcept
@@ -125,8 +198,7 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
             continue;
         }
         const allocation_name naming{__func__, "cm_params_copy"};
-        auto context = std::make_unique<send_context>(
-            send_context{velm_nvram_pairings_select_pairing_by_index(index), *params});
+        auto context = std::make_unique<send_context>(send_context{index, *params});
         // One second apart, so that the phones do not all answer at once.
         common_async_action_schedule(send_push, context.release(), ++delay_s, 0);
     }

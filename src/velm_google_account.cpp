@@ -1,6 +1,6 @@
 #include "velm_google_account.h"
 
-#include <ctime>
+#include <chrono>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -37,6 +37,14 @@ const char *text_or_empty(const cJSON *object, const char *field)
     return text == nullptr ? "" : text;
 }
 
+void token_hold(velm_google_account &account, json_ptr token)
+{
+    account.access_token = std::move(token);
+    account.token_came = velm_moment_now();
+    account.token_refused = false;
+    ++account.token_number;
+}
+
 void token_received(json_ptr token, void *argument)
 {
     const auto fetch = adopt<velm_google_token_fetch>(argument);
@@ -44,7 +52,7 @@ void token_received(json_ptr token, void *argument)
     const bool current = account.fetch == fetch.get();
     if (current) {
         account.fetch = nullptr;
-        account.access_token = std::move(token);
+        token_hold(account, std::move(token));
     }
     const bool held = current && account.access_token != nullptr;
     for (const token_waiter &waiter : fetch->waiters) {
@@ -64,6 +72,7 @@ void velm_google_account_load(velm_google_account &account, const char *path,
     const auto text = read_binary_file(path);
     account.private_key.reset(text ? cJSON_Parse(text->c_str()) : nullptr);
     account.access_token.reset();
+    account.token_refused = false;
     account.fetch = nullptr;
     if (account.private_key == nullptr) {
         LOG_ERROR("%s - cannot parse private key", function);
@@ -72,9 +81,25 @@ void velm_google_account_load(velm_google_account &account, const char *path,
 
 bool velm_google_account_token_serves(const velm_google_account &account)
 {
-    return account.access_token != nullptr &&
-           static_cast<double>(std::time(nullptr)) <
-               velm_utils_get_number_value_from_json_object(account.access_token.get(), "valid_to");
+    if (account.access_token == nullptr) {
+        return false;
+    }
+    const double valid_to =
+        velm_utils_get_number_value_from_json_object(account.access_token.get(), "valid_to");
+    const std::chrono::duration<double> lifetime{valid_to -
+                                                 static_cast<double>(account.token_came.wall)};
+    return velm_moment_is_within(account.token_came, lifetime);
+}
+
+void velm_google_account_refuse_token(velm_google_account &account, unsigned token_number,
+                                      const char *log_category, const char *function)
+{
+    if (account.access_token == nullptr || account.token_number != token_number) {
+        return;
+    }
+    LOG_INFO("%s - access token refused, the next one is asked for", function);
+    account.access_token.reset();
+    account.token_refused = true;
 }
 
 const char *velm_google_account_project_id(const velm_google_account &account)

@@ -80,6 +80,15 @@ class Fcm : public testing::Test {
         return delays;
     }
 
+    /// What is due first; the rest waits on.
+    static void run_first_action()
+    {
+        ASSERT_FALSE(actions.empty());
+        const scheduled_action first = actions.front();
+        actions.erase(actions.begin());
+        first.callback(first.user_data, 0, nullptr);
+    }
+
     static void answer_token(const char *json)
     {
         ASSERT_FALSE(token_requests.empty());
@@ -266,6 +275,183 @@ TEST_F(Fcm, StatusNotFoundForAPhoneUnpairedMeanwhileOnlyLogs)
     EXPECT_EQ(fake_nvram.writes, writes);
     EXPECT_EQ(fake_nvram.commits, 0);
     EXPECT_TRUE(log.contains("[a,iOS,ta,404] - unpaired (unregistered token)"));
+}
+
+TEST_F(Fcm, StatusNotFoundForAnEarlierTokenLeavesThePhonePairedThatHasPairedAgain)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    push();
+    velm_nvram_pairings_delete_pairing("a");
+    pair_slot(0, "a", "tb");
+    const int writes = fake_nvram.writes;
+    answer(404);
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+    EXPECT_EQ(fake_nvram.writes, writes);
+    EXPECT_EQ(fake_nvram.commits, 0);
+    EXPECT_TRUE(
+        log.has("INFO velm_fcm_messaging - send_push_handler - [a,iOS,ta,404] - stays paired "
+                "(by another token)"));
+    EXPECT_FALSE(log.contains("unpaired"));
+}
+
+TEST_F(Fcm, StatusNotFoundForAPhoneThatHasPairedAgainByTheSameTokenUnpairsItWhereverItIs)
+{
+    pair_slot(0, "a", "ta");
+    pair_slot(1, "b", "tb");
+    push();
+    velm_nvram_pairings_delete_pairing("a");
+    pair_slot(2, "a", "ta");
+    answer(404);
+    answer(200);
+    EXPECT_EQ(velm_nvram_pairings_pairing_exists("a"), 0);
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+}
+
+TEST_F(Fcm, APageUnpairsNobodyAndIsOneWarning)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    push();
+    answer(404, "<!DOCTYPE html>\n<html lang=en><title>Error 404 (Not Found)!!1</title>");
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+    EXPECT_TRUE(
+        log.has("WARN velm_fcm_messaging - send_push_handler - [a,iOS,ta,404] - stays paired "
+                "(the answer is not about its token)"));
+    EXPECT_EQ(log.count("WARN"), 1);
+    EXPECT_FALSE(log.contains("unpaired"));
+}
+
+TEST_F(Fcm, AnotherErrorOfTheServiceUnpairsNobody)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    answer(404, R"({"error":{"details":[{"errorCode":"SENDER_ID_MISMATCH"}]}})");
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+}
+
+TEST_F(Fcm, TheAccessTokenThatIsRefusedIsThrownAwayAndTheNextPushAsksForAnother)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    answer(401);
+    velm_fcm_messaging_push_to_all(30, 0);
+    ASSERT_EQ(token_requests.size(), 1U);
+    answer_token(R"({"access_token":"ya29.y","valid_to":1700003599})");
+    run_actions();
+    run_actions();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent[0].data.headers[0].value, "Bearer ya29.y");
+}
+
+TEST_F(Fcm, APhoneWhoseTurnComesAfterARefusalIsPushedToWithAnotherAccessToken)
+{
+    pair_slot(0, "a", "ta");
+    pair_slot(1, "b", "tb");
+    pair_slot(2, "c", "tc");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"ya29.x","valid_to":1700003599})");
+    run_actions();
+    ASSERT_EQ(actions.size(), 3U);
+    run_first_action();
+    answer(401);
+    run_first_action();
+    EXPECT_TRUE(sent.empty()) << "the refused one is not used again";
+    run_first_action();
+    ASSERT_EQ(token_requests.size(), 1U);
+    answer_token(R"({"access_token":"ya29.y","valid_to":1700003599})");
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].data.headers[0].value, "Bearer ya29.y");
+    EXPECT_NE(sent[0].data.post_data.find(R"("token":"tb")"), std::string::npos);
+    EXPECT_NE(sent[1].data.post_data.find(R"("token":"tc")"), std::string::npos);
+    answer(401);
+    answer(401);
+    EXPECT_TRUE(token_requests.empty()) << "nothing is sent twice";
+}
+
+TEST_F(Fcm, WithoutAnotherAccessTokenTheOthersAreNotPushedToAndTheLogSaysSo)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    pair_slot(1, "b", "tb");
+    pair_slot(2, "c", "tc");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"ya29.x","valid_to":1700003599})");
+    run_actions();
+    run_first_action();
+    answer(401);
+    run_first_action();
+    answer_token(nullptr);
+    run_first_action();
+    EXPECT_TRUE(token_requests.empty()) << "once is enough";
+    EXPECT_TRUE(sent.empty());
+    EXPECT_EQ(log.count("send_push - missing auth token"), 2);
+}
+
+TEST_F(Fcm, ARefusalOfAnEarlierAccessTokenLeavesTheOneThatIsHeld)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    fake_clock_set(1700003599);
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"ya29.y","valid_to":1700007198})");
+    run_actions();
+    run_actions();
+    ASSERT_EQ(sent.size(), 2U);
+    answer(401);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_TRUE(token_requests.empty());
+}
+
+TEST_F(Fcm, AnAccessTokenThatCameBeforeTheClockWasSetBackIsAskedForAgain)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    answer(200);
+    fake_clock_advance(-3600);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(token_requests.size(), 1U);
+}
+
+TEST_F(Fcm, APhoneThatIsUnpairedBeforeItsTurnGetsNothing)
+{
+    const captured_log log;
+    pair_slot(0, "a", "ta");
+    pair_slot(3, "b", "tb");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    velm_nvram_pairings_delete_pairing("b");
+    run_actions();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_NE(sent[0].data.post_data.find(R"("token":"ta")"), std::string::npos);
+    EXPECT_TRUE(log.has("DEBUG velm_fcm_messaging - send_push - slot 3 is not paired any more"));
+    EXPECT_EQ(log.count("ERROR"), 0);
+}
+
+TEST_F(Fcm, APhoneThatPairsAgainBeforeItsTurnGetsThePushByItsNewToken)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    pair_slot(0, "a", "new");
+    run_actions();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_NE(sent[0].data.post_data.find(R"("token":"new")"), std::string::npos);
+    answer(404);
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 0) << "that is the token that is unknown";
+}
+
+TEST_F(Fcm, ASlotBeyondALimitThatAReloadHasLoweredGetsNothing)
+{
+    pair_slot(7, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    config.pairings_limit = 7;
+    run_actions();
+    EXPECT_TRUE(sent.empty());
 }
 
 TEST_F(Fcm, EveryOtherStatusKeepsThePairingAndAllButOkAreLogged)

@@ -151,6 +151,66 @@ TEST_F(GoogleAccount, ATokenServesUntilItsLastSecond)
     EXPECT_FALSE(velm_google_account_token_serves(account));
 }
 
+TEST_F(GoogleAccount, ATokenThatCameInTheFutureDoesNotServe)
+{
+    ask();
+    answer(token);
+    fake_clock_set(1699999999);
+    EXPECT_FALSE(velm_google_account_token_serves(account));
+    ask();
+    answer(token);
+    EXPECT_TRUE(velm_google_account_token_serves(account));
+}
+
+TEST_F(GoogleAccount, AClockThatIsSetBackALittleGivesATokenNoMoreTime)
+{
+    ask();
+    answer(token);
+    fake_clock_advance(50);
+    fake_clock_advance(-40);
+    fake_clock_advance_steady(58);
+    EXPECT_TRUE(velm_google_account_token_serves(account));
+    fake_clock_advance_steady(2);
+    EXPECT_FALSE(velm_google_account_token_serves(account));
+}
+
+TEST_F(GoogleAccount, ATokenThatAServiceRefusesIsHeldNoLonger)
+{
+    ask();
+    answer(token);
+    velm_google_account_refuse_token(account, account.token_number, "a_module", "a_function");
+    EXPECT_FALSE(velm_google_account_token_serves(account));
+    EXPECT_TRUE(account.token_refused);
+    EXPECT_TRUE(log.has("INFO a_module - a_function - access token refused, the next one is asked "
+                        "for"));
+    EXPECT_FALSE(ready());
+    ask();
+    answer(other_token);
+    EXPECT_FALSE(account.token_refused);
+    EXPECT_EQ(authorization(), "Bearer t2");
+}
+
+TEST_F(GoogleAccount, ATokenThatCameAfterTheRefusedOneStays)
+{
+    ask();
+    answer(token);
+    const unsigned refused = account.token_number;
+    ask();
+    answer(other_token);
+    velm_google_account_refuse_token(account, refused, "a_module", "a_function");
+    EXPECT_TRUE(velm_google_account_token_serves(account));
+    EXPECT_FALSE(account.token_refused);
+}
+
+TEST_F(GoogleAccount, ANewKeyHasNoRefusedToken)
+{
+    ask();
+    answer(token);
+    velm_google_account_refuse_token(account, account.token_number, "a_module", "a_function");
+    load(other_key);
+    EXPECT_FALSE(account.token_refused);
+}
+
 TEST_F(GoogleAccount, ANewKeyDropsTheTokenOfTheOldOne)
 {
     ask();

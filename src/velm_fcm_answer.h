@@ -1,0 +1,11 @@
+#pragma once
+
+#include <cstddef>
+
+/// What a 404 of the push service is about. True: about the push token, which nobody has any more.
+/// False: about something else, as when a whole API or project has gone; the answer then is a page
+/// of HTML, or JSON whose error has an "errorCode" other than "UNREGISTERED" among its details.
+/// An answer that says nothing is about the token. A body is followed by a NUL, which its length
+/// leaves out; both texts may be null.
+[[nodiscard]] bool velm_fcm_answer_is_about_the_token(const char *body, std::size_t length,
+                                                      const char *content_type);
