@@ -1,6 +1,9 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,4 +18,5 @@ struct android_verify_assertion_input {
     int method = velm_android_method_local;
     velm_android_verify_assertion_callback result_cb = nullptr;
     void *user_data = nullptr;
+    std::optional<in_addr> asker; // whose address the token came from, when that is known
 };

@@ -16,6 +16,7 @@
 #include "velm_android_verdict.h"
 #include "velm_attestation_engine_keys.h"
 #include "velm_google_integrity.h"
+#include "velm_google_junk.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -186,6 +187,7 @@ void android_verify_assertion_remotely(void *argument, short /*events*/,
     auto input = adopt<android_verify_assertion_input>(argument);
     LOG_TRACE("%s - start", __func__);
     const bytes_view token{input->assertion_object_buf};
+    const velm_google_asker asking{input->asker};
     velm_google_integrity_get_verdict(token, google_integrity_result, input.release());
 }
 
@@ -218,6 +220,7 @@ clone_android_verify_assertion_input(const android_verify_assertion_arguments &i
     i->method = input.method;
     i->result_cb = input.result_cb;
     i->user_data = input.user_data;
+    i->asker = velm_google_asker::current();
     return i;
 }
 

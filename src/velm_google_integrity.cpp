@@ -1,8 +1,12 @@
 #include "velm_google_integrity.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
-#include <ctime>
+#include <array>
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -13,21 +17,25 @@
 #include "logger/fatal.h"
 #include "velm_google_account.h"
 #include "velm_google_answer.h"
+#include "velm_google_junk.h"
+#include "velm_moment.h"
 
 namespace {
 
 constexpr char log_category[] = "velm_google_integrity";
 
+constexpr int http_bad_request = 400; // Google refuses to decode the token
+constexpr int http_unauthorized = 401;
 constexpr int http_too_many_requests = 429;
 
-/// After a 429, seconds from the last request in which none is sent; the next second is free.
-constexpr std::time_t silence_s = 3599;
+/// After a 429, the time from the last request in which none is sent.
+constexpr std::chrono::hours silence{1};
 
 struct module_state {
     const velm_config *config = nullptr;
     velm_google_account account{.scope = cloud_scope_play_integrity};
     bool limit_reached = false;
-    std::time_t last_request = 0;
+    velm_moment last_request;
 };
 module_state state;
 
@@ -36,12 +44,16 @@ struct verdict_request {
     std::string token;
     velm_google_integrity_callback completion;
     void *context;
+    std::uint32_t question = 0; // its number in the record of junk
+    bool junk = false;
+    unsigned access_token_number = 0; // of the access token that it was sent with
 };
 using verdict_request_ptr = std::unique_ptr<verdict_request>;
 
 /// Every request ends here, exactly once.
 void return_verdict(verdict_request_ptr request, const cJSON *verdict)
 {
+    velm_google_junk_settle(request->question, request->junk);
     request->completion(verdict, request->context);
 }
 
@@ -55,11 +67,16 @@ void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t
                             void *argument) noexcept
 {
     auto request = adopt<verdict_request>(argument);
+    request->junk = code == http_bad_request;
     if (code == http_too_many_requests) {
         state.limit_reached = true;
     }
     const json_ptr answer =
         velm_google_answer_parse(code, body, length, log_category, __func__, request.get());
+    if (code == http_unauthorized) {
+        velm_google_account_refuse_token(state.account, request->access_token_number, log_category,
+                                         __func__);
+    }
     const cJSON *verdict = cJSON_GetObjectItemCaseSensitive(answer.get(), "tokenPayloadExternal");
     if (answer != nullptr && !cJSON_IsObject(verdict)) {
         LOG_ERROR("%s [%p] - no tokenPayloadExternal", __func__,
@@ -71,13 +88,12 @@ void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t
 /// False, and a log line, while Google wants to be left alone; else the request counts as sent.
 bool limit_allows()
 {
-    const std::time_t now = std::time(nullptr);
-    if (state.limit_reached && state.last_request + silence_s >= now) {
+    if (state.limit_reached && velm_moment_is_within(state.last_request, silence)) {
         LOG_WARN("%s - daily limit reached", "send_integrity");
         return false;
     }
     state.limit_reached = false;
-    state.last_request = now;
+    state.last_request = velm_moment_now();
     return true;
 }
 
@@ -100,6 +116,7 @@ void send_integrity(verdict_request_ptr request)
         return_verdict(std::move(request), nullptr);
         return;
     }
+    request->access_token_number = state.account.token_number;
     const int rc = http_request_internal(HTTP_CLIENT_POST, make_request(request->token),
                                          send_integrity_handler, request.get());
     if (rc < 0) {
@@ -123,6 +140,19 @@ void access_token_received(bool, void *argument)
 void refuse_later(void *argument, short, common_async_context *) noexcept
 {
     return_verdict(adopt<verdict_request>(argument), nullptr);
+}
+
+/// Nothing, and a log line, when the address that it is asked for has sent too much junk.
+std::optional<std::uint32_t> question_admit(const char *caller)
+{
+    const std::optional<in_addr> asker = velm_google_asker::current();
+    const std::optional<std::uint32_t> question = velm_google_junk_admit(asker);
+    if (asker.has_value() && !question.has_value()) {
+        std::array<char, INET_ADDRSTRLEN> text{};
+        inet_ntop(AF_INET, &*asker, text.data(), text.size());
+        LOG_WARN("%s - too many junk tokens from %s", caller, text.data());
+    }
+    return question;
 }
 
 /// Only with a key that can be used at all.
@@ -151,7 +181,15 @@ void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,
     if (!is_printable_text(request->token)) {
         LOG_ERROR("%s - invalid token", __func__);
         common_async_action_call(refuse_later, request.release());
-    } else if (needs_access_token()) {
+        return;
+    }
+    const std::optional<std::uint32_t> question = question_admit(__func__);
+    if (!question.has_value()) {
+        common_async_action_call(refuse_later, request.release());
+        return;
+    }
+    request->question = *question;
+    if (needs_access_token()) {
         velm_google_account_request_token(state.account, access_token_received, request.release());
     } else {
         common_async_action_call(send_integrity_later, request.release());

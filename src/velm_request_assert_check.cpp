@@ -12,6 +12,7 @@
 #include "logger/fatal.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
+#include "velm_google_junk.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor_record.h"
 #include "velm_utils.h"
@@ -70,11 +71,13 @@ std::optional<int> verify_assertion(velm_request_preprocessor &p,
         return velm_attestation_engine_ios_verify_assertion(p.client_device_id, assertion, digest)
                    ? VELM_BREAK_NONE
                    : VELM_BREAK_ASSERTION;
-    case velm_device_type::android:
+    case velm_device_type::android: {
+        const velm_google_asker asking{request_peer_address(p.request)};
         velm_attestation_engine_android_verify_assertion(p.client_device_id, assertion, digest,
                                                          android_method(),
                                                          android_verify_assertion_result, &p);
         return std::nullopt;
+    }
     case velm_device_type::unknown:
         break;
     }

@@ -1,6 +1,8 @@
+#include <arpa/inet.h>
 #include <event2/event.h>
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,6 +11,7 @@
 #include "velm_android_verdict.h"
 #include "velm_attestation_engine.h"
 #include "velm_google_integrity.h"
+#include "velm_google_junk.h"
 #include "velm_nvram_pairings.h"
 
 /// The engine over a client of Google's service and a judge of verdicts that the test plays.
@@ -22,6 +25,7 @@ struct asked_verdict {
     bytes token;
     velm_google_integrity_callback completion;
     void *context;
+    std::optional<in_addr> asker;
 };
 std::vector<asked_verdict> asked;
 lines initialised;
@@ -54,7 +58,8 @@ void velm_google_integrity_init(const velm_config *config)
 void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,
                                        velm_google_integrity_callback completion, void *context)
 {
-    asked.push_back({{token.begin(), token.end()}, completion, context});
+    asked.push_back(
+        {{token.begin(), token.end()}, completion, context, velm_google_asker::current()});
 }
 
 json_ptr velm_nvram_pairings_select_pairing(const char *)
@@ -129,6 +134,24 @@ TEST_F(RemoteAndroid, GoogleIsAskedForTheVerdictOfTheToken)
     EXPECT_EQ(asked[0].token, token);
     EXPECT_EQ(reported.calls, 0) << "the answer has not come yet";
     answer(nullptr);
+}
+
+TEST_F(RemoteAndroid, GoogleIsAskedForTheSakeOfTheAddressThatTheTokenCameFrom)
+{
+    {
+        const velm_google_asker asking{in_addr{inet_addr("192.168.1.5")}};
+        velm_attestation_engine_android_verify_assertion("device", token, digest,
+                                                         velm_android_method_remote, note, &config);
+    }
+    verify(); // nobody's
+    ASSERT_EQ(asked.size(), 2U);
+    ASSERT_TRUE(asked[0].asker.has_value());
+    EXPECT_EQ(asked[0].asker->s_addr, inet_addr("192.168.1.5"));
+    EXPECT_FALSE(asked[1].asker.has_value());
+    EXPECT_FALSE(velm_google_asker::current().has_value());
+    for (const asked_verdict &one : asked) {
+        one.completion(nullptr, one.context);
+    }
 }
 
 TEST_F(RemoteAndroid, AVerdictThatPassesIsASuccess)

@@ -1,5 +1,6 @@
 #include "velm_google_integrity.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -11,6 +12,7 @@
 #include "fakes/fake_clock.h"
 #include "fakes/fake_google.h"
 #include "fakes/temporary_directory.h"
+#include "velm_google_junk.h"
 
 namespace {
 
@@ -318,6 +320,10 @@ TEST_P(BadAnswer, GivesNoVerdictOnceAndSaysWhy)
     EXPECT_TRUE(log.contains("ERROR velm_google_integrity - send_integrity_handler [0x"));
     EXPECT_TRUE(log.contains(std::string{"] - "} + GetParam().error));
     ask();
+    if (GetParam().code == 401) {
+        answer_token_for(day_s); // the one that was refused is gone
+    }
+    EXPECT_TRUE(token_requests.empty());
     run_actions();
     EXPECT_EQ(sent.size(), 1U) << "the next one is sent";
 }
@@ -358,6 +364,160 @@ TEST_F(GoogleIntegrity, ARequestThatCannotStartGivesNoVerdict)
     ask_until_sent();
     EXPECT_EQ(verdicts, lines{none});
     EXPECT_TRUE(has_error("send_integrity - failed making http request: -3"));
+}
+
+TEST_F(GoogleIntegrity, TheAccessTokenThatIsRefusedIsThrownAway)
+{
+    ask();
+    answer_token_for(day_s, "bad");
+    ask();
+    run_actions();
+    ASSERT_EQ(sent.size(), 2U) << "both with the bad one";
+    answer(401, "{}");
+    ask();
+    answer_token_for(day_s, "good");
+    answer(401, "{}"); // late, of the bad one
+    ask();
+    EXPECT_TRUE(token_requests.empty()) << "the good one is held";
+    run_actions();
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].data.headers[0].value, "Bearer good");
+    EXPECT_EQ(sent[1].data.headers[0].value, "Bearer good");
+    EXPECT_EQ(verdicts, (lines{none, none}));
+}
+
+TEST_F(GoogleIntegrity, ASilenceThatBeganInTheFutureIsOver)
+{
+    reach_the_limit();
+    fake_clock_set(today - 1);
+    velm_google_integrity_init(&config); // so that the access token plays no part
+    ask();
+    answer_token_for(day_s);
+    ASSERT_EQ(sent.size(), 1U);
+    answer(429, "{}");
+    fake_clock_set(today);
+    ask();
+    run_actions();
+    EXPECT_TRUE(sent.empty()) << "a new one has begun";
+}
+
+class JunkTokens : public GoogleIntegrity {
+  protected:
+    JunkTokens()
+    {
+        ask_until_sent(); // an access token is held
+        answer(200);
+        verdicts.clear();
+        log.clear();
+    }
+    void ask_for(const char *address)
+    {
+        const velm_google_asker asking{in_addr{inet_addr(address)}};
+        ask();
+    }
+    void send_for(const char *address, int code)
+    {
+        ask_for(address);
+        run_actions();
+        answer(code, "{}");
+    }
+};
+
+TEST_F(JunkTokens, AreAskedAboutTenTimesAndTheAddressThenWaitsForTheMinuteToEnd)
+{
+    for (int i = 0; i < 10; ++i) {
+        send_for("192.168.1.5", 400);
+    }
+    log.clear();
+    ask_for("192.168.1.5");
+    EXPECT_EQ(verdicts.size(), 10U) << "never inside the call";
+    run_actions();
+    EXPECT_TRUE(sent.empty());
+    EXPECT_EQ(verdicts.size(), 11U);
+    EXPECT_EQ(log.lines(), lines{"WARN velm_google_integrity - velm_google_integrity_get_verdict - "
+                                 "too many junk tokens from 192.168.1.5"});
+    ask_for("192.168.1.6");
+    run_actions();
+    EXPECT_EQ(sent.size(), 1U) << "the others are asked about";
+    answer(200);
+    fake_clock_set(today + 60);
+    ask_for("192.168.1.5");
+    run_actions();
+    EXPECT_EQ(sent.size(), 1U);
+}
+
+TEST_F(JunkTokens, ThatComeAllAtOnceAreAskedAboutTenTimes)
+{
+    for (int i = 0; i < 300; ++i) {
+        ask_for("192.168.1.5");
+    }
+    run_actions();
+    EXPECT_EQ(sent.size(), 10U);
+    while (!sent.empty()) {
+        answer(400, "{}");
+    }
+    EXPECT_EQ(verdicts.size(), 300U);
+}
+
+TEST_F(JunkTokens, ThatWaitForAnAccessTokenCountToo)
+{
+    velm_google_integrity_init(&config); // drops the access token
+    for (int i = 0; i < 300; ++i) {
+        ask_for("192.168.1.5");
+    }
+    answer_token_for(day_s);
+    run_actions();
+    EXPECT_EQ(sent.size(), 10U);
+}
+
+TEST_F(JunkTokens, AreThoseOfStatus400Only)
+{
+    for (const int code : {200, 401, 403, 404, 500, 503, -1, 0}) {
+        for (int i = 0; i < 11; ++i) {
+            ask_for("192.168.1.5");
+            if (!token_requests.empty()) {
+                answer_token_for(day_s); // the one before was refused
+            }
+            run_actions();
+            answer(code, "{}");
+        }
+    }
+    EXPECT_FALSE(log.contains("junk"));
+}
+
+TEST_F(JunkTokens, CountNoLongerWhenTheyCouldNotBeSent)
+{
+    start_result = -1;
+    for (int i = 0; i < 20; ++i) {
+        ask_for("192.168.1.5");
+        run_actions();
+    }
+    start_result = 0;
+    ask_for("192.168.1.5");
+    run_actions();
+    EXPECT_EQ(sent.size(), 1U);
+}
+
+TEST_F(JunkTokens, OfNobodyAreNotCounted)
+{
+    for (int i = 0; i < 100; ++i) {
+        ask();
+        run_actions();
+        answer(400, "{}");
+    }
+    EXPECT_FALSE(log.contains("junk"));
+}
+
+TEST_F(JunkTokens, CountAlsoAfterAReload)
+{
+    for (int i = 0; i < 10; ++i) {
+        send_for("192.168.1.5", 400);
+    }
+    velm_google_integrity_init(&config);
+    ask_for("192.168.1.5");
+    EXPECT_TRUE(token_requests.empty()) << "no access token is fetched for it";
+    run_actions();
+    EXPECT_TRUE(sent.empty());
 }
 
 TEST_F(GoogleIntegrity, AfterStatus429NothingIsSentForAnHourAndNotASecondLonger)

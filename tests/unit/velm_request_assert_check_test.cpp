@@ -16,6 +16,7 @@
 #include "fakes/paused_request.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
+#include "velm_google_junk.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor_record.h"
 
@@ -32,6 +33,7 @@ struct engines_seen {
     int method = -1;
     velm_android_verify_assertion_callback android_result = nullptr;
     void *android_user_data = nullptr;
+    std::optional<in_addr> asker;
 };
 engines_seen engines;
 
@@ -84,6 +86,7 @@ int velm_attestation_engine_android_verify_assertion(
     engines.method = method;
     engines.android_result = result_cb;
     engines.android_user_data = user_data;
+    engines.asker = velm_google_asker::current();
     return 0;
 }
 
@@ -236,6 +239,14 @@ TEST_F(AssertCheck, AnAndroidCheckIsGivenTheDigestOfTheBodyByteForByte)
     engines.signed_body = bytes;
     EXPECT_EQ(run_android(true), VELM_BREAK_NONE);
     EXPECT_EQ(engines.android_calls, 1);
+}
+
+TEST_F(AssertCheck, AnAndroidTokenIsJudgedForTheSakeOfThePhonesAddress)
+{
+    EXPECT_EQ(run_android(true), VELM_BREAK_NONE);
+    ASSERT_TRUE(engines.asker.has_value());
+    EXPECT_EQ(engines.asker->s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_FALSE(velm_google_asker::current().has_value());
 }
 
 TEST_F(AssertCheck, AnAndroidRequestWhoseChallengeWasAlreadyUsedGives424WithoutAskingTheEngine)
