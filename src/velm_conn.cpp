@@ -1,8 +1,11 @@
 #include "velm_conn.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -19,6 +22,10 @@
 #include "velm_ipc.h"
 #include "velm_ipc_cmd.h"
 
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+using std::chrono::steady_clock;
+
 // Plain events instead of a bufferevent: that joins what waits in its output buffer into one write,
 // and on this kind of socket a write is a packet, so a client would see several frames as one.
 struct velm_conn {
@@ -31,17 +38,16 @@ struct velm_conn {
     velm_ipc *server = nullptr;
     velm_conn_frame_handler handler = nullptr;
     velm_conn_closed_handler closed_handler = nullptr;
+    velm_conn_drained_handler drained_handler = nullptr;
+    steady_clock::duration waited{}; // of its patience; what waits now has waited since wait_began
+    steady_clock::time_point wait_began;
     bool closed = false;
 };
 
 namespace {
 
-using std::chrono::duration_cast;
-using std::chrono::microseconds;
-using std::chrono::steady_clock;
-
 constexpr char log_category[] = "IPC_CONN";
-constexpr timeval write_timeout{15, 0};
+constexpr steady_clock::duration patience = std::chrono::seconds{15};
 constexpr std::size_t read_chunk = 1024;
 constexpr std::size_t short_packet = 4096; // 26 requests
 // All the clients that there may be get half of the loop's time together.
@@ -49,8 +55,29 @@ constexpr int rest_factor = 2 * static_cast<int>(velm_ipc_connection_limit) - 1;
 constexpr microseconds longest_rest{2'000'000}; // though the machine itself may have slept
 
 // Twice the usual net.core.wmem_max is what a client can set as its send buffer, and no packet is
-// longer than that. Never touched beyond what comes, so it costs address space only.
+// longer than that. Never touched beyond what comes, and given back after a long packet, so it costs
+// address space only.
 std::array<std::uint8_t, 2 * 212992> read_buffer;
+
+timeval timeval_of(steady_clock::duration length)
+{
+    const auto whole = duration_cast<microseconds>(length).count();
+    return {static_cast<std::time_t>(whole / 1'000'000),
+            static_cast<suseconds_t>(whole % 1'000'000)};
+}
+
+/// The pages that a long packet touched would stay with the process for ever. Those that it shares
+/// with other data at either end stay.
+void read_buffer_give_back()
+{
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto begin = reinterpret_cast<std::uintptr_t>(read_buffer.data());
+    const std::uintptr_t first = (begin + page - 1) / page * page;
+    const std::uintptr_t last = (begin + read_buffer.size()) / page * page;
+    if (first < last) {
+        madvise(read_buffer.data() + (first - begin), last - first, MADV_DONTNEED);
+    }
+}
 
 void connection_close(velm_conn *conn)
 {
@@ -110,8 +137,7 @@ void rest_for(velm_conn *conn, microseconds length)
         conn->rest.reset(evtimer_new(event_get_base(conn->read_event.get()), rest_over, conn));
         REQUIRE_MEMORY(conn->rest, "rest");
     }
-    const timeval time{static_cast<std::time_t>(length.count() / 1'000'000),
-                       static_cast<suseconds_t>(length.count() % 1'000'000)};
+    const timeval time = timeval_of(length);
     event_del(conn->read_event.get());
     const int rc = evtimer_add(conn->rest.get(), &time);
     REQUIRE_CALL(rc == 0, "evtimer_add(rest, &time)", rc);
@@ -123,6 +149,7 @@ void long_packet_handle(velm_conn *conn, std::span<const std::uint8_t> packet)
 {
     const auto begin = steady_clock::now();
     packet_handle(conn, packet);
+    read_buffer_give_back();
     if (!conn->closed) {
         const auto spent = duration_cast<microseconds>(steady_clock::now() - begin);
         rest_for(conn, std::min(spent * rest_factor, longest_rest));
@@ -179,10 +206,12 @@ sent packet_send(velm_conn *conn, std::span<const std::uint8_t> packet)
     return sent::failed;
 }
 
-/// Each wait for the peer is timed anew.
+/// Waits for the peer for as long as it has patience left. With none it is the time-out's turn.
 bool write_wait(velm_conn *conn)
 {
-    if (event_add(conn->write_event.get(), &write_timeout) == 0) {
+    const auto waited = conn->waited + (steady_clock::now() - conn->wait_began);
+    const timeval left = timeval_of(std::max(patience - waited, steady_clock::duration::zero()));
+    if (event_add(conn->write_event.get(), &left) == 0) {
         return true;
     }
     LOG_ERROR("Cannot set timeouts");
@@ -209,6 +238,19 @@ void write_cb(evutil_socket_t, short events, void *context) noexcept
         }
         conn->waiting.pop_front();
     }
+    conn->waited += steady_clock::now() - conn->wait_began;
+    if (conn->drained_handler != nullptr) {
+        conn->drained_handler(conn);
+    }
+}
+
+/// A peer that has read everything has all its patience again. Asked of one only that has waited.
+void patience_restore(velm_conn *conn)
+{
+    int unread = 0;
+    if (ioctl(conn->socket.get(), SIOCOUTQ, &unread) == 0 && unread == 0) {
+        conn->waited = {};
+    }
 }
 
 bool packet_queue(velm_conn *conn, std::span<const std::uint8_t> packet)
@@ -220,7 +262,11 @@ bool packet_queue(velm_conn *conn, std::span<const std::uint8_t> packet)
         return false;
     }
     conn->waiting.emplace_back(packet.begin(), packet.end());
-    return conn->waiting.size() > 1 || write_wait(conn);
+    if (conn->waiting.size() > 1) {
+        return true;
+    }
+    conn->wait_began = steady_clock::now();
+    return write_wait(conn);
 }
 
 } // namespace
@@ -258,6 +304,19 @@ void velm_conn_set_closed_handler(velm_conn *conn, velm_conn_closed_handler hand
     conn->closed_handler = handler;
 }
 
+void velm_conn_set_drained_handler(velm_conn *conn, velm_conn_drained_handler handler)
+{
+    conn->drained_handler = handler;
+}
+
+void velm_conn_close(velm_conn *conn)
+{
+    if (!conn->closed) {
+        LOG_TRACE("Connection closed");
+        connection_close(conn);
+    }
+}
+
 velm_ipc *velm_conn_server(const velm_conn *conn)
 {
     return conn->server;
@@ -268,6 +327,11 @@ bool velm_conn_is_closed(const velm_conn *conn)
     return conn->closed;
 }
 
+bool velm_conn_is_waiting(const velm_conn *conn)
+{
+    return !conn->waiting.empty();
+}
+
 bool velm_conn_write(velm_conn *conn, std::span<const std::uint8_t> packet)
 {
     if (conn->closed) {
@@ -275,6 +339,9 @@ bool velm_conn_write(velm_conn *conn, std::span<const std::uint8_t> packet)
     }
     if (!conn->waiting.empty()) {
         return packet_queue(conn, packet);
+    }
+    if (conn->waited > steady_clock::duration::zero()) {
+        patience_restore(conn);
     }
     switch (packet_send(conn, packet)) {
     case sent::whole:

@@ -13,8 +13,9 @@
 /// One connection of the location-policy IPC: a connected SOCK_SEQPACKET socket on the loop.
 ///
 /// What is written leaves as a packet of its own, or not at all. While the peer does not read, up
-/// to 64 packets wait; one more, or 15 s in which the kernel takes none of them, ends the
-/// connection. What is read goes into the frame parser (velm_ipc_cmd.h) in pieces of at most 1024
+/// to 64 packets wait; one more ends the connection. So do 15 s of waiting, added up until the peer
+/// has read all that was sent to it: one that reads a packet now and then gets no new 15 s for each.
+/// What is read goes into the frame parser (velm_ipc_cmd.h) in pieces of at most 1024
 /// bytes, one packet a turn of the loop; after a packet of more than 4096 bytes the connection is not
 /// read for 63 times as long as the packet took, 2 s at most, so that others are served. There is no
 /// read time-out: a client may stay silent for ever.
@@ -36,6 +37,9 @@ using velm_conn_frame_handler = int (*)(velm_conn *conn, std::uint32_t id, std::
 /// Told once, when the connection has just been marked closed. It must not destroy the connection.
 using velm_conn_closed_handler = void (*)(velm_conn *conn);
 
+/// Told when the last packet that waited has left. It must not destroy the connection.
+using velm_conn_drained_handler = void (*)(velm_conn *conn);
+
 /// Null logs and does nothing else.
 void velm_conn_destroy(velm_conn *conn) noexcept;
 using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
@@ -48,9 +52,16 @@ using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
 
 /// Without one nobody is told.
 void velm_conn_set_closed_handler(velm_conn *conn, velm_conn_closed_handler handler);
+void velm_conn_set_drained_handler(velm_conn *conn, velm_conn_drained_handler handler);
+
+/// Ends the connection as its peer would. Nothing happens to one that is closed.
+void velm_conn_close(velm_conn *conn);
 
 [[nodiscard]] velm_ipc *velm_conn_server(const velm_conn *conn);
 [[nodiscard]] bool velm_conn_is_closed(const velm_conn *conn);
+
+/// Whether a packet waits for the peer to read.
+[[nodiscard]] bool velm_conn_is_waiting(const velm_conn *conn);
 
 /// Sends the bytes as one packet, now or when the peer has read. False when the connection is
 /// closed or ends by this.

@@ -4,6 +4,7 @@
 #include "logger/fatal.h"
 #include "velm_http_server_routes.h"
 #include "velm_location_policy_ipc.h"
+#include "velm_location_policy_ipc_queue.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor.h"
 #include "velm_utils.h"
@@ -52,6 +53,21 @@ void hand_over(const char *ip, const cJSON *auth, const cJSON *location)
     }
 }
 
+/// A location that was answered with 200 is not dropped later, so the whole list has room or none of
+/// it is taken. False, with a line in the log, while clients do not read and others fill the queue.
+bool has_room(const char *ip, const cJSON *auth, const cJSON *location)
+{
+    const int count = cJSON_IsArray(location) ? cJSON_GetArraySize(location) : 1;
+    if (location_queue_has_room(auth, static_cast<std::size_t>(count))) {
+        return true;
+    }
+    const char *const dev_id = velm_utils_get_field_value_from_json_object(auth, "deviceId");
+    LOG_WARN("%s - no room for %d locations while a client does not read, device id %s,"
+             " ip address %s",
+             handler_name, count, dev_id == nullptr ? "" : dev_id, ip);
+    return false;
+}
+
 /// The HTTP status to answer with.
 int take_location(evhtp_request_t *request)
 {
@@ -69,6 +85,9 @@ int take_location(evhtp_request_t *request)
         // The phone did its part and cannot help it: it is not asked to retry.
         LOG_ERROR("%s - invalid ip address", handler_name);
         return 200;
+    }
+    if (!has_room(ip->c_str(), auth, location)) {
+        return EVHTP_RES_SERVUNAVAIL;
     }
     hand_over(ip->c_str(), auth, location);
     return 200;

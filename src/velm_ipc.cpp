@@ -1,6 +1,7 @@
 #include "velm_ipc.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 #include <velm/location_policy.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include "logger/fatal.h"
 #include "velm_conn.h"
 #include "velm_ipc_cmd.h"
+#include "velm_ipc_places.h"
 #include "velm_ipc_socket.h"
 
 namespace {
@@ -31,8 +33,13 @@ struct outstanding_request {
 
 struct connection {
     velm_conn_ptr conn;
+    uid_t uid = 0;
+    std::uint64_t heard = 0;  // the number that its last request, or its arrival, had among all
     std::size_t requests = 0; // of the outstanding ones
 };
+
+/// What the timer waits for.
+enum class timer_state { rests, until_next_tick, until_oldest_request };
 
 } // namespace
 
@@ -42,14 +49,16 @@ struct velm_ipc {
     std::string server_path;
     evconnlistener_ptr listener;
     event_ptr listener_pause;
-    event_ptr timer; // pending only while a tick has something to do: nobody else wakes the process
-    bool timer_runs = false;
+    event_ptr timer; // for the next tick that has something to do: nobody else wakes the process
+    timer_state timer_waits = timer_state::rests;
     std::vector<connection> connections;
-    velm_conn *client = nullptr; // the one of the connections that we made ourselves
-    std::vector<outstanding_request> requests;
+    velm_conn *client = nullptr;               // the one of the connections that we made ourselves
+    std::vector<outstanding_request> requests; // in the order in which they came
+    std::uint64_t heard = 0;
     std::uint32_t request_seq = 0;
     std::uint32_t report_seq = 0;
     velm_ipc_cmd_handler handler = nullptr;
+    velm_ipc_drained_handler drained_handler = nullptr;
 };
 
 namespace {
@@ -57,21 +66,20 @@ namespace {
 constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
 constexpr timeval listener_pause_time{0, 200000};
+constexpr std::time_t longest_wait_s = 600; // what the parser gives a request
 
-/// Counted and not searched for: a client that floods would be served at the cost of the others,
-/// once for each request of each of them.
-std::size_t *requests_of(velm_ipc *server, const velm_conn *conn)
+/// Its requests are counted and not searched for: a client that floods would be served at the cost of
+/// the others, once for each request of each of them.
+connection *connection_of(velm_ipc *server, const velm_conn *conn)
 {
-    const auto found =
-        std::find_if(server->connections.begin(), server->connections.end(),
-                     [conn](const connection &one) { return one.conn.get() == conn; });
-    return &found->requests;
+    return &*std::find_if(server->connections.begin(), server->connections.end(),
+                          [conn](const connection &one) { return one.conn.get() == conn; });
 }
 
 void request_add(velm_ipc *server, const outstanding_request &request)
 {
     server->requests.push_back(request);
-    ++*requests_of(server, request.conn);
+    ++connection_of(server, request.conn)->requests;
 }
 
 /// None when it is not there. Most are taken back as soon as they have come, so the last is looked
@@ -86,7 +94,7 @@ std::optional<outstanding_request> request_take(velm_ipc *server, std::uint32_t 
     }
     const outstanding_request request = *found;
     server->requests.erase(std::next(found).base());
-    --*requests_of(server, request.conn);
+    --connection_of(server, request.conn)->requests;
     return request;
 }
 
@@ -96,25 +104,45 @@ bool wants_to_connect(const velm_ipc *server)
     return !server->client_path.empty() && !connected;
 }
 
-bool tick_has_work(const velm_ipc *server)
+/// Also when the clock stepped back behind the request's arrival: it may have waited for long.
+bool has_waited_too_long(const outstanding_request &request, std::time_t now)
 {
-    return !server->requests.empty() || wants_to_connect(server) ||
-           std::any_of(server->connections.begin(), server->connections.end(),
-                       [](const connection &one) { return velm_conn_is_closed(one.conn.get()); });
+    return now > request.deadline || request.deadline > now + longest_wait_s;
 }
 
-/// After every change that may give the tick its first work, or take the last.
+timer_state timer_wanted(const velm_ipc *server)
+{
+    if (wants_to_connect(server) ||
+        std::any_of(server->connections.begin(), server->connections.end(),
+                    [](const connection &one) { return velm_conn_is_closed(one.conn.get()); })) {
+        return timer_state::until_next_tick;
+    }
+    return server->requests.empty() ? timer_state::rests : timer_state::until_oldest_request;
+}
+
+timeval timer_delay(const velm_ipc *server, timer_state wanted)
+{
+    if (wanted == timer_state::until_next_tick) {
+        return tick_interval;
+    }
+    const std::time_t left = server->requests.front().deadline - std::time(nullptr);
+    return {std::clamp(left, std::time_t{0}, longest_wait_s) + 1, 0};
+}
+
+/// After every change that may make a tick due sooner, or not at all. One that is set for a request
+/// which has been answered meanwhile is left: it finds out, and is set for the next one.
 void timer_adjust(velm_ipc *server)
 {
-    const bool wanted = tick_has_work(server);
-    if (wanted == std::exchange(server->timer_runs, wanted)) {
+    const timer_state wanted = timer_wanted(server);
+    if (wanted == std::exchange(server->timer_waits, wanted)) {
         return;
     }
-    if (!wanted) {
+    if (wanted == timer_state::rests) {
         event_del(server->timer.get());
         return;
     }
-    const int rc = event_add(server->timer.get(), &tick_interval);
+    const timeval delay = timer_delay(server, wanted);
+    const int rc = event_add(server->timer.get(), &delay);
     REQUIRE_CALL(rc == 0, "event_add(timer, &tv)", rc);
 }
 
@@ -122,7 +150,9 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
                   std::size_t len, std::time_t deadline)
 {
     velm_ipc *const server = velm_conn_server(conn);
-    if (*requests_of(server, conn) >= velm_ipc_outstanding_limit) {
+    connection *const asking = connection_of(server, conn);
+    asking->heard = ++server->heard;
+    if (asking->requests >= velm_ipc_outstanding_limit) {
         return 0;
     }
     const std::uint32_t seq = ++server->request_seq;
@@ -136,12 +166,22 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
     return taken;
 }
 
+void drained_handler(velm_conn *conn)
+{
+    velm_ipc *const server = velm_conn_server(conn);
+    if (server->drained_handler != nullptr && velm_ipc_is_drained(server)) {
+        server->drained_handler(server);
+    }
+}
+
+/// What waited for it waits no more.
 void closed_handler(velm_conn *conn)
 {
     timer_adjust(velm_conn_server(conn));
+    drained_handler(conn);
 }
 
-velm_conn *connection_add(velm_ipc *server, unique_fd socket)
+velm_conn *connection_add(velm_ipc *server, unique_fd socket, uid_t uid)
 {
     velm_conn_ptr conn = velm_conn_create(server->base, std::move(socket), server, frame_handler);
     if (conn == nullptr) {
@@ -149,17 +189,20 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket)
         return nullptr;
     }
     velm_conn_set_closed_handler(conn.get(), closed_handler);
-    server->connections.push_back({std::move(conn)});
+    velm_conn_set_drained_handler(conn.get(), drained_handler);
+    server->connections.push_back({std::move(conn), uid, ++server->heard});
     return server->connections.back().conn.get();
 }
 
-void log_peer(const char *caller, int socket)
+/// A peer that the kernel does not tell counts as root's.
+ucred peer_of(int socket)
 {
     ucred peer{};
     socklen_t size = sizeof peer;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
-        LOG_DEBUG("%s - pid: %d uid: %u gid: %u", caller, peer.pid, peer.uid, peer.gid);
+    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        return {};
     }
+    return peer;
 }
 
 void closed_connections_remove(velm_ipc *server)
@@ -174,13 +217,33 @@ void closed_connections_remove(velm_ipc *server)
                   [](const connection &one) { return velm_conn_is_closed(one.conn.get()); });
 }
 
+/// None only when no connection may go.
+velm_conn *place_to_give(const velm_ipc *server)
+{
+    std::vector<velm_ipc_place> places;
+    for (const connection &one : server->connections) {
+        places.push_back({one.uid, one.heard, one.requests > 0, one.conn.get() != server->client});
+    }
+    const auto found = velm_ipc_place_to_give(places);
+    return found ? server->connections[*found].conn.get() : nullptr;
+}
+
 /// What has closed since the last tick takes no place. From the loop only.
-bool has_room(velm_ipc *server)
+void make_room(const char *caller, velm_ipc *server)
 {
     if (server->connections.size() >= velm_ipc_connection_limit) {
         closed_connections_remove(server);
     }
-    return server->connections.size() < velm_ipc_connection_limit;
+    if (server->connections.size() < velm_ipc_connection_limit) {
+        return;
+    }
+    LOG_WARN("%s - too many connections: %zu, the one that was quiet longest ends", caller,
+             server->connections.size());
+    if (velm_conn *const leaving = place_to_give(server); leaving != nullptr) {
+        velm_conn_close(leaving);
+        closed_connections_remove(server);
+        timer_adjust(server);
+    }
 }
 
 void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, void *context) noexcept
@@ -191,13 +254,11 @@ void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, voi
         LOG_ERROR("Invalid protocol");
         return;
     }
-    log_peer(__func__, fd);
+    const ucred peer = peer_of(fd);
+    LOG_DEBUG("%s - pid: %d uid: %u gid: %u", __func__, peer.pid, peer.uid, peer.gid);
     auto *const server = static_cast<velm_ipc *>(context);
-    if (!has_room(server)) {
-        LOG_WARN("%s - too many connections: %zu", __func__, server->connections.size());
-        return;
-    }
-    if (connection_add(server, std::move(socket)) != nullptr) {
+    make_room(__func__, server);
+    if (connection_add(server, std::move(socket), peer.uid) != nullptr) {
         LOG_INFO("Connection accepted");
     }
 }
@@ -248,7 +309,7 @@ void client_reconnect(velm_ipc *server)
     if (!socket) {
         return;
     }
-    server->client = connection_add(server, std::move(socket));
+    server->client = connection_add(server, std::move(socket), getuid());
     if (server->client != nullptr) {
         LOG_TRACE("Connected");
     }
@@ -258,24 +319,29 @@ void orphaned_requests_remove(velm_ipc *server)
 {
     const std::time_t now = std::time(nullptr);
     std::erase_if(server->requests, [now, server](const outstanding_request &request) {
-        if (now <= request.deadline) {
+        if (!has_waited_too_long(request, now)) {
             return false;
         }
         // Our number first, the client's second, whatever the words say: the line is read so.
         LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
-        --*requests_of(server, request.conn);
+        --connection_of(server, request.conn)->requests;
         return true;
     });
+    if (server->requests.empty()) {
+        server->requests.shrink_to_fit(); // a flood leaves nothing behind
+    }
 }
 
 void timer_cb(evutil_socket_t, short, void *context) noexcept
 {
-    velm_ipc_tick(static_cast<velm_ipc *>(context));
+    auto *const server = static_cast<velm_ipc *>(context);
+    server->timer_waits = timer_state::rests;
+    velm_ipc_tick(server);
 }
 
 void timer_make(velm_ipc *server)
 {
-    server->timer.reset(event_new(server->base, -1, EV_PERSIST, timer_cb, server));
+    server->timer.reset(evtimer_new(server->base, timer_cb, server));
     REQUIRE_MEMORY(server->timer, "timer");
 }
 
@@ -324,6 +390,11 @@ void velm_ipc_set_cmd_handler(velm_ipc *server, velm_ipc_cmd_handler handler)
     server->handler = handler;
 }
 
+void velm_ipc_set_drained_handler(velm_ipc *server, velm_ipc_drained_handler handler)
+{
+    server->drained_handler = handler;
+}
+
 int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, std::size_t len,
                      std::uint32_t status)
 {
@@ -339,16 +410,23 @@ int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, s
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len)
 {
     int all_sent = 1;
-    for (const auto &[conn, requests] : server->connections) {
-        if (velm_conn_is_closed(conn.get())) {
+    for (const connection &one : server->connections) {
+        velm_conn *const conn = one.conn.get();
+        if (velm_conn_is_closed(conn)) {
             continue;
         }
-        if (velm_ipc_cmd_send_resp(conn.get(), VELM_LOCATION_REPORT, ++server->report_seq,
-                                   VELM_STATUS_OK, payload, len) == 0) {
+        if (velm_ipc_cmd_send_resp(conn, VELM_LOCATION_REPORT, ++server->report_seq, VELM_STATUS_OK,
+                                   payload, len) == 0) {
             all_sent = 0;
         }
     }
     return all_sent;
+}
+
+bool velm_ipc_is_drained(const velm_ipc *server)
+{
+    return std::none_of(server->connections.begin(), server->connections.end(),
+                        [](const connection &one) { return velm_conn_is_waiting(one.conn.get()); });
 }
 
 void velm_ipc_tick(velm_ipc *server)

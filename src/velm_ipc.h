@@ -12,8 +12,8 @@
 /// be a client that connects to such a server and keeps reconnecting. Loop thread only.
 ///
 /// A request waits at most 600 s; of one connection at most 1024 wait, and one more is answered with
-/// busy. Whatever a connection left behind goes with it. At most 32 are connected; one more is closed
-/// at once.
+/// busy. Whatever a connection left behind goes with it. At most 32 are connected; one more gets the
+/// place of another (velm_ipc_places.h).
 
 struct velm_ipc;
 
@@ -21,7 +21,7 @@ struct velm_ipc;
 /// waiting: it must not be turned away for that.
 inline constexpr std::size_t velm_ipc_outstanding_limit = 1024;
 
-/// Each may have 1024 requests open and 64 reports unread: together 3 MB at worst. Local clients are a
+/// Each may have 1024 requests open and 64 packets unread: together 3 MB at worst. Local clients are a
 /// few programs of the same device.
 inline constexpr std::size_t velm_ipc_connection_limit = 32;
 
@@ -29,6 +29,10 @@ inline constexpr std::size_t velm_ipc_connection_limit = 32;
 /// it may call at once. `payload` (140 bytes) is borrowed. It must not destroy the server.
 using velm_ipc_cmd_handler = int (*)(velm_ipc *server, std::uint32_t seq, std::uint16_t type,
                                      const void *payload, std::size_t len);
+
+/// Told when no packet waits for any client any more, at times also when none did. It must not destroy
+/// the server, and it may be called from inside a broadcast.
+using velm_ipc_drained_handler = void (*)(velm_ipc *server);
 
 void velm_ipc_destroy(velm_ipc *server) noexcept;
 using velm_ipc_ptr = handle<velm_ipc, velm_ipc_destroy>;
@@ -42,14 +46,22 @@ using velm_ipc_ptr = handle<velm_ipc, velm_ipc_destroy>;
 /// Until there is one, every request is answered with busy.
 void velm_ipc_set_cmd_handler(velm_ipc *server, velm_ipc_cmd_handler handler);
 
+/// Without one nobody is told.
+void velm_ipc_set_drained_handler(velm_ipc *server, velm_ipc_drained_handler handler);
+
 /// Answers the request and forgets it. 0 when it is unknown (expired, or its client has gone) or
 /// the answer cannot be sent.
 int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, std::size_t len,
                      std::uint32_t status);
 
-/// Sends a report to every live connection; 1 when every send succeeded.
+/// Sends a report to every live connection; 1 when every send succeeded. A client that does not read
+/// loses its connection at 64 packets that wait: ask velm_ipc_is_drained first.
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len);
 
-/// What the timer does every second, while there is any of it to do: reconnects, and lets go of
-/// closed connections and of requests that waited too long. With nothing to do the timer rests.
+/// True when no packet waits for any client, so that a report takes nobody's last room.
+[[nodiscard]] bool velm_ipc_is_drained(const velm_ipc *server);
+
+/// What the timer does when it is due: reconnects, and lets go of closed connections and of requests
+/// that waited too long. It is due a second after a connection was lost, and when the oldest request
+/// has waited its time; with neither it rests.
 void velm_ipc_tick(velm_ipc *server);

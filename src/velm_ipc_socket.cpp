@@ -64,6 +64,20 @@ int bind_masked(int socket, const sockaddr_un &address)
     return rc;
 }
 
+/// A socket that an earlier daemon left there would keep us from binding.
+void old_socket_remove(const char *caller, const char *path)
+{
+    struct stat existing {};
+    if (lstat(path, &existing) != 0) {
+        return;
+    }
+    if (S_ISSOCK(existing.st_mode)) {
+        unlink(path);
+        return;
+    }
+    LOG_ERROR("%s - %s is no socket and is left alone", caller, path);
+}
+
 } // namespace
 
 bool velm_ipc_socket_create_dir(const char *path)
@@ -86,7 +100,7 @@ bool velm_ipc_socket_create_dir(const char *path)
 
 unique_fd velm_ipc_socket_listen(const char *path)
 {
-    unlink(path);
+    old_socket_remove(__func__, path);
     const std::string parent = parent_of(path);
     if (!velm_ipc_socket_create_dir(parent.c_str())) {
         LOG_ERROR("Cannot create parent dir %s", parent.c_str());

@@ -13,8 +13,9 @@ inline constexpr unsigned velm_ipc_path_limit = 107;
 /// directory stands in the way.
 [[nodiscard]] bool velm_ipc_socket_create_dir(const char *path);
 
-/// A socket that listens at the path, which others than the owner and the group cannot use. What
-/// was there before is removed and the parent directory made.
+/// A socket that listens at the path, which others than the owner and the group cannot use. A socket
+/// that was there before is removed and the parent directory made. What is no socket, a link included,
+/// stays, with a line in the log, and the call fails: it is somebody's file.
 /// Deliberately not close-on-exec, unlike the other descriptors of the process.
 [[nodiscard]] unique_fd velm_ipc_socket_listen(const char *path);
 

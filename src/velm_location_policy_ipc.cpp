@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <limits>
 #include <memory>
-#include <string>
 #include <string_view>
 
 #include "async/common_async.h"
@@ -17,6 +17,7 @@
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
+#include "velm_location_policy_ipc_queue.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -27,24 +28,14 @@ constexpr char log_category[] = "velm_location_policy_ipc";
 // One packet can hold thousands of requests, and the loop takes one queued call a turn.
 constexpr unsigned waiting_asks_limit = 256;
 
-// More than the elements of any one request's body, so only several of them together reach it.
-constexpr unsigned waiting_deliveries_limit = 4096;
-
 struct module_state {
     event_base *base = nullptr;
     const velm_config *config = nullptr;
     velm_ipc_ptr server;
     unsigned waiting_asks = 0;
-    unsigned waiting_deliveries = 0;
+    bool delivery_is_due = false; // the loop will call location_policy_ipc_send
 };
 module_state state;
-
-/// A phone's location on its way to the loop.
-struct location_delivery {
-    std::string ip;
-    json_ptr auth;
-    json_ptr location;
-};
 
 std::uint32_t build_time()
 {
@@ -60,16 +51,6 @@ void copy_member(char (&field)[Size], const cJSON *object, const char *member)
     }
 }
 
-std::uint32_t report_time(const cJSON *location)
-{
-    const char *const text = velm_utils_get_field_value_from_json_object(location, "timestamp");
-    unsigned long timestamp = 0;
-    if (text != nullptr && velm_utils_parse_timestamp(text, &timestamp)) {
-        return static_cast<std::uint32_t>(timestamp);
-    }
-    return build_time();
-}
-
 /// Toward zero; what does not fit becomes the nearest that does.
 std::int16_t number_to_rssi(double number)
 {
@@ -81,19 +62,16 @@ std::int16_t number_to_rssi(double number)
         std::clamp(number, double{limits::min()}, double{limits::max()}));
 }
 
-void report_set_position(velm_location_report &report, const cJSON *location)
+void report_set_position(velm_location_report &report, const location_values &values)
 {
-    const auto number = [location](const char *member) {
-        return velm_utils_get_number_value_from_json_object(location, member);
-    };
-    report.rssi = number_to_rssi(number("rssi"));
-    report.latitude = number("latitude");
-    report.longitude = number("longitude");
-    report.horizontal_uncertainty1 = number("accuracy");
-    report.horizontal_uncertainty2 = report.horizontal_uncertainty1; // a circle
-    report.height = number("altitude");
+    report.rssi = number_to_rssi(values.rssi);
+    report.latitude = values.latitude;
+    report.longitude = values.longitude;
+    report.horizontal_uncertainty1 = values.accuracy;
+    report.horizontal_uncertainty2 = values.accuracy; // a circle
+    report.height = values.altitude;
     report.height_kind = VELM_LOCATION_HEIGHT_KIND;
-    report.vertical_uncertainty = number("verticalAccuracy");
+    report.vertical_uncertainty = values.vertical_accuracy;
 }
 
 struct report_source {
@@ -102,17 +80,17 @@ struct report_source {
     velm_mac_address bssid;
 };
 
-velm_location_report report_build(const report_source &source, const cJSON *location)
+velm_location_report report_build(const report_source &source, const location_values &values)
 {
     velm_location_report report{};
     report.valid = 1;
     std::memcpy(report.phone_ip, source.ip.data(), sizeof report.phone_ip);
     copy_member(report.os_version, source.pairing, "os_version");
     copy_member(report.phone_model, source.pairing, "dev_model");
-    report.time = report_time(location);
+    report.time = values.time.value_or(build_time());
     report.bssid_present = 1;
     std::memcpy(report.bssid, source.bssid.data(), sizeof report.bssid);
-    report_set_position(report, location);
+    report_set_position(report, values);
     return report;
 }
 
@@ -126,22 +104,6 @@ void report_send(const char *caller, const velm_location_report &report)
     }
 }
 
-/// Only the members that a delivery reads: each element of a body full of locations has a copy of
-/// its own, and whatever else a phone put there would be multiplied by thousands. Null when memory
-/// is exhausted.
-json_ptr copy_auth(const cJSON *auth)
-{
-    json_ptr copy{cJSON_CreateObject()};
-    for (const char *member : {"deviceId", "bssid"}) {
-        const char *const text = velm_utils_get_field_value_from_json_object(auth, member);
-        if (copy != nullptr && text != nullptr &&
-            cJSON_AddStringToObject(copy.get(), member, text) == nullptr) {
-            return nullptr;
-        }
-    }
-    return copy;
-}
-
 bool is_empty(const char *text)
 {
     return text == nullptr || *text == '\0';
@@ -149,10 +111,10 @@ bool is_empty(const char *text)
 
 /// Checks what the phone said of itself, in this order; false, with a line in the log, when it will
 /// not do. The caller keeps the pairing that the source borrows.
-bool delivery_check(const char *caller, const location_delivery &delivery, json_ptr &pairing,
-                    report_source &source)
+bool source_check(const char *caller, const location_source &sent_by, json_ptr &pairing,
+                  report_source &source)
 {
-    const cJSON *const auth = delivery.auth.get();
+    const cJSON *const auth = sent_by.auth.get();
     const char *const dev_id = velm_utils_get_field_value_from_json_object(auth, "deviceId");
     if (is_empty(dev_id)) {
         LOG_ERROR("%s - missing device id", caller);
@@ -164,11 +126,11 @@ bool delivery_check(const char *caller, const location_delivery &delivery, json_
         return false;
     }
     source.pairing = pairing.get();
-    if (!velm_utils_parse_ip_address(delivery.ip.c_str(), source.ip.data())) {
-        LOG_ERROR("%s - invalid ip address %s", caller, delivery.ip.c_str());
+    if (!velm_utils_parse_ip_address(sent_by.ip.c_str(), source.ip.data())) {
+        LOG_ERROR("%s - invalid ip address %s", caller, sent_by.ip.c_str());
         return false;
     }
-    LOG_TRACE("%s - from ip: %s", caller, delivery.ip.c_str());
+    LOG_TRACE("%s - from ip: %s", caller, sent_by.ip.c_str());
     const char *const bssid = velm_utils_get_field_value_from_json_object(auth, "bssid");
     if (is_empty(bssid)) {
         LOG_ERROR("%s - missing bssid", caller);
@@ -182,19 +144,75 @@ bool delivery_check(const char *caller, const location_delivery &delivery, json_
     return true;
 }
 
-void location_policy_ipc_send(void *user_data, short, common_async_context *) noexcept
+/// A place that is on no map is no statement that anybody may transmit by. False, with a line in the
+/// log.
+bool values_check(const char *caller, const location_source &sent_by, const location_values &values)
 {
-    const std::unique_ptr<location_delivery> delivery = adopt<location_delivery>(user_data);
-    --state.waiting_deliveries;
+    const char *const dev_id =
+        velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    for (const double number : {values.latitude, values.longitude, values.accuracy, values.altitude,
+                                values.vertical_accuracy, values.rssi}) {
+        if (!std::isfinite(number)) {
+            LOG_WARN("%s - a number that is not finite, device id %s, ip address %s", caller,
+                     dev_id, sent_by.ip.c_str());
+            return false;
+        }
+    }
+    if (std::abs(values.latitude) > 90 || std::abs(values.longitude) > 180) {
+        LOG_WARN("%s - latitude %g or longitude %g is none, device id %s, ip address %s", caller,
+                 values.latitude, values.longitude, dev_id, sent_by.ip.c_str());
+        return false;
+    }
+    return true;
+}
+
+void deliver(const char *caller, const location_source &sent_by, const location_values &values)
+{
     if (state.server == nullptr) {
-        LOG_ERROR("%s - no IPC server", __func__);
+        LOG_ERROR("%s - no IPC server", caller);
         return;
     }
     json_ptr pairing;
     report_source source{};
-    if (delivery_check(__func__, *delivery, pairing, source)) {
-        report_send(__func__, report_build(source, delivery->location.get()));
+    if (source_check(caller, sent_by, pairing, source) && values_check(caller, sent_by, values)) {
+        report_send(caller, report_build(source, values));
     }
+}
+
+void location_policy_ipc_send(void *, short, common_async_context *) noexcept;
+
+/// While a packet waits for a client the next delivery waits too.
+bool may_deliver()
+{
+    return location_queue_size() > 0 &&
+           (state.server == nullptr || velm_ipc_is_drained(state.server.get()));
+}
+
+/// After each step that may have made a delivery possible. One is made per turn of the loop. When a
+/// packet that waited has left, or its client is dropped, they go on here.
+void deliveries_go_on()
+{
+    if (state.delivery_is_due || !may_deliver()) {
+        return;
+    }
+    state.delivery_is_due = true;
+    common_async_action_call(location_policy_ipc_send, nullptr);
+}
+
+void location_policy_ipc_send(void *, short, common_async_context *) noexcept
+{
+    state.delivery_is_due = false;
+    if (!may_deliver()) {
+        return;
+    }
+    deliver(__func__, location_queue_first_source(), location_queue_first_values());
+    location_queue_remove_first();
+    deliveries_go_on();
+}
+
+void drained_handler(velm_ipc *)
+{
+    deliveries_go_on();
 }
 
 struct location_ask {
@@ -263,6 +281,12 @@ void velm_location_policy_ipc_init(const velm_config *config)
     LOG_TRACE("%s", __func__);
     REQUIRE_NOT_NULL(config, "config");
     state.config = config;
+    if (location_queue_size() > 0) {
+        // The clients for which they waited have lost their connections.
+        LOG_ERROR("%s - %zu locations were not handed on", __func__, location_queue_size());
+    }
+    location_queue_clear();
+    state.delivery_is_due = false;
 }
 
 void location_policy_ipc_start()
@@ -279,6 +303,7 @@ void location_policy_ipc_start()
     state.server = velm_ipc_create(state.base, nullptr, state.config->location_policy_ipc_sock);
     if (state.server != nullptr) {
         velm_ipc_set_cmd_handler(state.server.get(), location_server_cmd_handler);
+        velm_ipc_set_drained_handler(state.server.get(), drained_handler);
     }
 }
 
@@ -286,6 +311,7 @@ void location_policy_ipc_stop()
 {
     LOG_INFO("%s", __func__);
     state.server.reset();
+    deliveries_go_on();
 }
 
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location)
@@ -293,25 +319,9 @@ void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSO
     REQUIRE_NOT_NULL(ip, "ip");
     REQUIRE_NOT_NULL(auth, "auth");
     REQUIRE_NOT_NULL(location, "location");
-    if (state.waiting_deliveries == waiting_deliveries_limit) {
+    if (!location_queue_add(__func__, ip, auth, location)) {
         LOG_ERROR("%s - too many locations wait", __func__);
         return;
     }
-    auto d = std::make_unique<location_delivery>();
-    {
-        const allocation_name naming{__func__, "d->ip"};
-        d->ip = ip;
-    }
-    {
-        const allocation_name naming{__func__, "d->auth"};
-        d->auth = copy_auth(auth);
-        REQUIRE_MEMORY(d->auth, "d->auth");
-    }
-    {
-        const allocation_name naming{__func__, "d->location"};
-        d->location.reset(cJSON_Duplicate(location, true));
-        REQUIRE_MEMORY(d->location, "d->location");
-    }
-    ++state.waiting_deliveries;
-    common_async_action_call(location_policy_ipc_send, d.release());
+    deliveries_go_on();
 }

@@ -86,8 +86,13 @@ exit_status locate_ended(const velmctl_options &options, velmctl_result result)
         std::fputs("velmctl: no location came in time\n", stderr);
         return exit_timed_out;
     case velmctl_result::closed:
-        std::fputs("velmctl: the daemon closed the connection and forgot the request;"
-                   " ask again if it was reloaded\n",
+        std::fputs("velmctl: the daemon closed the connection before a location came: it was"
+                   " reloaded, or it is full and another client got the place; ask again\n",
+                   stderr);
+        return exit_failed;
+    case velmctl_result::turned_away:
+        std::fputs("velmctl: the daemon closed the connection at once and did not read the request:"
+                   " it is full, or it was reloaded\n",
                    stderr);
         return exit_failed;
     case velmctl_result::done:
@@ -100,7 +105,7 @@ exit_status locate_ended(const velmctl_options &options, velmctl_result result)
 /// Ends with the first report, or with the answer to our request. A request dies with its
 /// connection and is not sent again: whether the phones are to be pushed to once more is for the
 /// caller to say.
-exit_status locate(const velmctl_client &client, const velmctl_options &options,
+exit_status locate(velmctl_client &client, const velmctl_options &options,
                    velmctl_deadline deadline)
 {
     const auto id = static_cast<std::uint32_t>(getpid());
@@ -120,37 +125,79 @@ exit_status locate(const velmctl_client &client, const velmctl_options &options,
     return locate_ended(options, result);
 }
 
+/// From the first connection that the daemon closed until one that lasts, or brings a report.
+struct outage {
+    steady_clock::time_point began;
+    steady_clock::time_point connected;
+    std::chrono::milliseconds pause{}; // before the next try; none: there is no outage
+};
+
+/// A daemon that is full closes as soon as we come, or gives our place to the next one: what ends
+/// within the time that an outage may last belongs to the same outage, and each try waits twice as
+/// long as the one before.
+void outage_go_on(outage &outage)
+{
+    const auto now = steady_clock::now();
+    if (outage.pause.count() == 0 || now - outage.connected >= reconnect_limit) {
+        outage.began = now;
+        outage.pause = reconnect_interval;
+        return;
+    }
+    outage.pause *= 2;
+}
+
 /// Tries for a while, at most until the deadline.
 velmctl_result reconnect(velmctl_client &client, const velmctl_options &options,
-                         velmctl_deadline deadline)
+                         velmctl_deadline deadline, outage &outage)
 {
     std::fputs("velmctl: the daemon closed the connection; trying again\n", stderr);
-    const auto give_up = steady_clock::now() + reconnect_limit;
+    const auto give_up = outage.began + reconnect_limit;
     const auto last = deadline.has_value() ? std::min(*deadline, give_up) : give_up;
-    do {
+    velmctl_result result = velmctl_result::turned_away;
+    // Only a daemon that took us is spared: to knock where nobody listens costs it nothing.
+    for (auto pause = outage.pause; steady_clock::now() < last; pause = reconnect_interval) {
         // Before the first try too: a daemon that closes at once is not asked in a hot loop.
-        std::this_thread::sleep_for(reconnect_interval);
-        if (client.connect(options.socket_path, last) == velmctl_result::done) {
+        std::this_thread::sleep_until(std::min(steady_clock::now() + pause, last));
+        result = client.connect(options.socket_path, last);
+        if (result == velmctl_result::done) {
             std::fputs("velmctl: connected again\n", stderr);
-            return velmctl_result::done;
+            outage.connected = steady_clock::now();
+            return result;
         }
-    } while (steady_clock::now() < last);
-    return last == give_up ? velmctl_result::failed : velmctl_result::timed_out;
+    }
+    if (last != give_up) {
+        return velmctl_result::timed_out;
+    }
+    return result == velmctl_result::turned_away ? result : velmctl_result::failed;
 }
 
 velmctl_result watch_next(velmctl_client &client, const velmctl_options &options,
-                          velmctl_deadline deadline, velmctl_frame &frame)
+                          velmctl_deadline deadline, outage &outage, velmctl_frame &frame)
 {
     while (true) {
         const velmctl_result received = client.receive(deadline, frame);
-        if (received != velmctl_result::closed) {
+        if (received == velmctl_result::done) {
+            outage.pause = {};
             return received;
         }
-        const velmctl_result connected = reconnect(client, options, deadline);
+        if (received != velmctl_result::closed && received != velmctl_result::turned_away) {
+            return received;
+        }
+        outage_go_on(outage);
+        const velmctl_result connected = reconnect(client, options, deadline, outage);
         if (connected != velmctl_result::done) {
             return connected;
         }
     }
+}
+
+exit_status watch_failed(const velmctl_options &options, velmctl_result result)
+{
+    if (result == velmctl_result::turned_away) {
+        std::fputs("velmctl: the daemon is full: it closed each connection at once\n", stderr);
+        return exit_failed;
+    }
+    return fail(options.socket_path);
 }
 
 /// Ends when the time is up, or the daemon goes and does not come back.
@@ -159,7 +206,8 @@ exit_status watch(velmctl_client &client, const velmctl_options &options, velmct
     exit_status status = exit_timed_out;
     velmctl_frame frame{};
     velmctl_result result{};
-    while ((result = watch_next(client, options, deadline, frame)) == velmctl_result::done) {
+    outage lost{};
+    while ((result = watch_next(client, options, deadline, lost, frame)) == velmctl_result::done) {
         const auto report = velmctl_report_parse(frame);
         if (frame.header.type != VELM_LOCATION_REPORT || !report.has_value()) {
             std::fprintf(stderr, "velmctl: passed over a frame of type %u\n", frame.header.type);
@@ -170,7 +218,7 @@ exit_status watch(velmctl_client &client, const velmctl_options &options, velmct
         }
         status = exit_reported;
     }
-    return result == velmctl_result::failed ? fail(options.socket_path) : status;
+    return result == velmctl_result::timed_out ? status : watch_failed(options, result);
 }
 
 /// What a command does before it begins; none when it may.
@@ -184,6 +232,7 @@ std::optional<exit_status> connect(velmctl_client &client, const velmctl_options
         std::fputs("velmctl: the daemon did not take the connection in time\n", stderr);
         return exit_timed_out;
     case velmctl_result::closed:
+    case velmctl_result::turned_away:
     case velmctl_result::failed:
         break;
     }

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <utility>
 
 namespace {
 
@@ -32,25 +33,6 @@ int milliseconds_left(velmctl_deadline deadline)
     const auto left = std::chrono::ceil<milliseconds>(*deadline - steady_clock::now()).count();
     using limits = std::numeric_limits<int>;
     return static_cast<int>(std::clamp<long long>(left, 0, limits::max()));
-}
-
-/// Positive when something lies there, 0 when the time is up, -1 on an error.
-int wait_readable(int socket, velmctl_deadline deadline)
-{
-    while (true) {
-        pollfd readable{socket, POLLIN, 0};
-        const int left = milliseconds_left(deadline);
-        if (left == 0) {
-            return 0; // also when something lies there: a flood does not outlast the deadline
-        }
-        const int count = poll(&readable, 1, left);
-        if (count > 0 || (count == 0 && left < std::numeric_limits<int>::max())) {
-            return count;
-        }
-        if (count < 0 && errno != EINTR) {
-            return -1;
-        }
-    }
 }
 
 /// A blocking connect waits for as long as the daemon does not accept, whatever poll says: only the
@@ -78,7 +60,7 @@ velmctl_result result_of_errno()
         return velmctl_result::timed_out;
     case EPIPE:
     case ECONNRESET:
-        return velmctl_result::closed;
+        return velmctl_result::turned_away;
     default:
         return velmctl_result::failed;
     }
@@ -96,6 +78,25 @@ void velmctl_client::close_socket()
     if (socket_ >= 0) {
         close(socket_);
         socket_ = -1;
+    }
+}
+
+/// Positive when something lies there, 0 when the time is up, -1 on an error.
+int velmctl_client::wait_readable(velmctl_deadline deadline)
+{
+    while (true) {
+        pollfd readable{socket_, POLLIN, 0};
+        const int left = milliseconds_left(deadline);
+        if (left == 0 && std::exchange(last_look_taken_, true)) {
+            return 0;
+        }
+        const int count = poll(&readable, 1, left);
+        if (count > 0 || (count == 0 && left < std::numeric_limits<int>::max())) {
+            return count;
+        }
+        if (count < 0 && errno != EINTR) {
+            return -1;
+        }
     }
 }
 
@@ -137,11 +138,11 @@ velmctl_result velmctl_client::send_request(std::uint32_t id, std::uint16_t time
     return velmctl_result::done;
 }
 
-velmctl_result velmctl_client::receive(velmctl_deadline deadline, velmctl_frame &frame) const
+velmctl_result velmctl_client::receive(velmctl_deadline deadline, velmctl_frame &frame)
 {
     static std::array<std::uint8_t, packet_limit> buffer;
     while (true) {
-        const int readable = wait_readable(socket_, deadline);
+        const int readable = wait_readable(deadline);
         if (readable <= 0) {
             return readable == 0 ? velmctl_result::timed_out : velmctl_result::failed;
         }

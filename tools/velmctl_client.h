@@ -19,9 +19,9 @@ struct velmctl_frame {
     std::vector<std::uint8_t> payload;
 };
 
-/// `closed`: the daemon ended the connection, as it also does to reload. `failed`: the reason is in
-/// errno.
-enum class velmctl_result { done, timed_out, closed, failed };
+/// `closed`: the daemon ended the connection, as it also does to reload. `turned_away`: it did so
+/// before it read what we sent. `failed`: the reason is in errno.
+enum class velmctl_result { done, timed_out, closed, turned_away, failed };
 
 /// Connected until it is connected anew or dies.
 class velmctl_client {
@@ -34,13 +34,16 @@ class velmctl_client {
     /// Waits while the daemon has no room for one more. A request is sent by the same deadline.
     [[nodiscard]] velmctl_result connect(const std::string &path, velmctl_deadline deadline);
     [[nodiscard]] velmctl_result send_request(std::uint32_t id, std::uint16_t timeout_s) const;
-    /// The next frame. Packets that are no frame are reported and passed over.
-    [[nodiscard]] velmctl_result receive(velmctl_deadline deadline, velmctl_frame &frame) const;
+    /// The next frame. Packets that are no frame are reported and passed over. At the deadline it looks
+    /// once more at what is there: a flood does not outlast it.
+    [[nodiscard]] velmctl_result receive(velmctl_deadline deadline, velmctl_frame &frame);
 
   private:
     void close_socket();
+    int wait_readable(velmctl_deadline deadline);
 
     int socket_ = -1;
+    bool last_look_taken_ = false;
 };
 
 /// None when the packet's length is not the one that its header says.

@@ -408,7 +408,7 @@ def test_a_client_that_never_reads_is_dropped_and_the_others_are_served(
     other.request()
 
 
-def test_local_clients_above_the_cap_are_turned_away_and_the_others_served(
+def test_above_the_cap_the_quietest_local_client_leaves_and_the_others_are_served(
     access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
 ) -> None:
     served = []
@@ -416,15 +416,19 @@ def test_local_clients_above_the_cap_are_turned_away_and_the_others_served(
         served.append(connect_ipc())
         served[-1].request()
         assert served[-1].receive().status == STATUS_NO_PAIRED_DEVICES
-    turned_away = connect_ipc()
-    assert turned_away.receive_packet(timeout=2) == b""
-    access_point.daemon.wait_log("accept_cb - too many connections: 32")
     served[0].request()
     assert served[0].receive().status == STATUS_NO_PAIRED_DEVICES
+    newcomer = connect_ipc()
+    assert served[1].receive_packet(timeout=2) == b""
+    access_point.daemon.wait_log("accept_cb - too many connections: 32")
+    for client in (newcomer, served[0], *served[2:]):
+        client.request()
+        assert client.receive().status == STATUS_NO_PAIRED_DEVICES
     served[0].close()
     next_one = connect_ipc()
     next_one.request()
     assert next_one.receive().status == STATUS_NO_PAIRED_DEVICES
+    assert newcomer.is_silent(0), "there was a place"
 
 
 def frame(frame_id: int) -> bytes:

@@ -13,6 +13,7 @@ from typing import Any
 import jsonschema
 import pytest
 from velm_sim.access_point import BSSIDS, AccessPoint
+from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
 from velm_sim.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
@@ -24,6 +25,7 @@ SIGNED_PATHS = ["/pair", "/location"]
 # Nobody but a library that fails inside brings this about; the document says so.
 UNPROVOKED = 500
 PENDING_CHALLENGES = 1000
+LISTS_THAT_WAIT = 20  # more than there is room for
 
 
 # The document.
@@ -146,6 +148,16 @@ def paired_location(_: AccessPoint, caller: Caller, **changes: Any) -> Reply:
     return caller.send(caller.phone.prepare_location(**changes))
 
 
+def deliver_what_nobody_reads(access_point: AccessPoint, caller: Caller) -> Reply:
+    assert caller.phone.pair().status == 200
+    with IpcClient(access_point.socket_path):
+        for _number in range(LISTS_THAT_WAIT):
+            reply = caller.send(caller.phone.prepare_location([0] * 950))
+            if reply.status != 200:
+                break
+    return reply
+
+
 Provoke = Callable[[AccessPoint, Caller], Reply]
 
 
@@ -196,6 +208,7 @@ PROVOKED: dict[tuple[str, int], Provoke] = {
     ("/location", 409): locating(auth={"bssid": "02:00:00:00:00:01"}),
     ("/location", 412): locating(counter=0),
     ("/location", 424): locating(challenge=UNKNOWN_CHALLENGE),
+    ("/location", 503): deliver_what_nobody_reads,
 }
 DOCUMENTED = [
     (path, status)

@@ -173,11 +173,12 @@ TEST_F(IpcClients, LocateFailsWhenTheDaemonGoes)
     EXPECT_TRUE(ipc_turn_until(base.get(), [] { return !asked_timeouts.empty(); }));
     server.reset();
     EXPECT_EQ(run(program), 1);
-    EXPECT_EQ(program.error, "velmctl: the daemon closed the connection and forgot the request;"
-                             " ask again if it was reloaded\n");
+    EXPECT_EQ(program.error,
+              "velmctl: the daemon closed the connection before a location came: it was reloaded,"
+              " or it is full and another client got the place; ask again\n");
 }
 
-TEST_F(IpcClients, LocateSaysTheSameWhenTheDaemonGoesBeforeItReadTheRequest)
+TEST_F(IpcClients, LocateSaysThatTheRequestWasNotReadWhenTheDaemonClosesAtOnce)
 {
     server.reset();
     const unique_fd listener = listen_here();
@@ -192,8 +193,9 @@ TEST_F(IpcClients, LocateSaysTheSameWhenTheDaemonGoesBeforeItReadTheRequest)
     }));
     accepted.reset(); // with the request unread, so the client's connection is reset
     EXPECT_EQ(run(program), 1);
-    EXPECT_NE(program.error.find("closed the connection and forgot the request"),
-              std::string::npos);
+    EXPECT_EQ(program.error,
+              "velmctl: the daemon closed the connection at once and did not read the request:"
+              " it is full, or it was reloaded\n");
 }
 
 TEST_F(IpcClients, LocateEndsWithFourWhenTheDaemonDoesNotAccept)
@@ -306,6 +308,48 @@ TEST_F(IpcClients, WatchFailsWhenTheDaemonStaysAway)
         base.get(), [&program] { return program.has_ended(); }, std::chrono::seconds{30}));
     EXPECT_EQ(program.exit_status(), 1);
     EXPECT_NE(program.error.find("Connection refused"), std::string::npos);
+}
+
+TEST_F(IpcClients, WatchBacksOffAndEndsWithinTenSecondsWhenTheDaemonIsFull)
+{
+    server.reset();
+    const unique_fd listener = listen_here();
+    child_program program{velmctl({"watch"})};
+    int connections = 0;
+    const auto began = std::chrono::steady_clock::now();
+    EXPECT_TRUE(ipc_turn_until(
+        base.get(),
+        [&] {
+            connections += unique_fd{accept(listener.get(), nullptr, nullptr)} ? 1 : 0;
+            return program.has_ended();
+        },
+        std::chrono::seconds{30}));
+    EXPECT_EQ(program.exit_status(), 1);
+    EXPECT_GE(connections, 3) << "a daemon that reloads closes once";
+    EXPECT_LE(connections, 10) << "it knocks without a pause";
+    EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::seconds{9});
+    EXPECT_NE(program.error.find("the daemon is full"), std::string::npos) << program.error;
+}
+
+TEST_F(IpcClients, WatchBeginsAnewAfterAReportWithWhatAnOutageMayLast)
+{
+    server.reset();
+    const unique_fd listener = listen_here();
+    child_program program{velmctl({"watch", "--wait", "3"})};
+    const velm_location_report report = sample_report();
+    const auto *const bytes = reinterpret_cast<const std::uint8_t *>(&report);
+    const ipc_bytes frame = ipc_frame(40960, 1, ipc_bytes(bytes, bytes + sizeof report));
+    int connections = 0;
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+        const unique_fd accepted{accept(listener.get(), nullptr, nullptr)};
+        if (accepted) {
+            ++connections;
+            ipc_send(accepted, frame);
+        }
+        return program.has_ended();
+    }));
+    EXPECT_EQ(program.exit_status(), 0);
+    EXPECT_GE(connections, 10) << "each was of use, so that each pause is the first";
 }
 
 TEST_F(IpcClients, WatchFailsAtOnceWhereNobodyListens)

@@ -3,12 +3,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
 #include <string>
 
 #include "fakes/captured_log.h"
@@ -18,8 +22,19 @@
 namespace {
 
 bool poll_is_interrupted = false;
+time_t seconds_ahead = 0; // of the clock that patience is measured by
 
 } // namespace
+
+/// Stands in for the C library's, which the test moves. The loop's own clock is another.
+extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    const auto rc = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    if (clock == CLOCK_MONOTONIC) {
+        now->tv_sec += seconds_ahead;
+    }
+    return rc;
+}
 
 /// Stands in for the C library's, which a signal interrupts even when it need not wait.
 extern "C" int poll(pollfd *descriptors, nfds_t count, int)
@@ -67,6 +82,7 @@ class Conn : public testing::Test {
     {
         handled.clear();
         labour = {};
+        seconds_ahead = 0;
         int pair[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
         peer.reset(pair[0]);
@@ -97,6 +113,30 @@ class Conn : public testing::Test {
     bool write_number(std::uint32_t number)
     {
         return velm_conn_write(conn.get(), ipc_frame(40960, number, ipc_bytes(224)));
+    }
+
+    /// How long the packet that waits may go on waiting.
+    double seconds_left()
+    {
+        timeval now{};
+        event_base_gettimeofday_cached(base.get(), &now);
+        timeval end{};
+        event *const waiting = waiting_event();
+        if (waiting == nullptr) {
+            return -1;
+        }
+        event_pending(waiting, EV_TIMEOUT, &end);
+        timeval left{};
+        evutil_timersub(&end, &now, &left);
+        return static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
+    }
+
+    /// The peer takes packets until none waits any more, and no more than needed.
+    bool read_until_drained()
+    {
+        return ipc_turn_until(base.get(), [this] {
+            return !velm_conn_is_waiting(conn.get()) || !ipc_receive(peer).has_value();
+        });
     }
 
     /// The event that waits for the peer to read, the only one here with a time-out; null without.
@@ -192,6 +232,94 @@ TEST_F(Conn, WhileAPacketWaitsItsTimeIsLimitedToFifteenSeconds)
     timeval due{};
     event_pending(waiting_event(), EV_TIMEOUT, &due);
     EXPECT_NEAR(static_cast<double>(due.tv_sec - now.tv_sec), 15.0, 2.0);
+}
+
+TEST_F(Conn, APeerThatReadsAPacketNowAndThenGetsNoNewTimeForEach)
+{
+    fill_socket();
+    seconds_ahead += 10;
+    ASSERT_TRUE(read_until_drained());
+    fill_socket();
+    EXPECT_NEAR(seconds_left(), 5, 1.5);
+    seconds_ahead += 6;
+    ASSERT_TRUE(read_until_drained());
+    const captured_log log;
+    fill_socket();
+    EXPECT_TRUE(turn_until_closed());
+    EXPECT_TRUE(log.has("ERROR IPC_CONN - Write timeout"));
+}
+
+TEST_F(Conn, APeerThatHasReadEverythingHasAllItsTimeAgain)
+{
+    fill_socket();
+    seconds_ahead += 14;
+    ASSERT_TRUE(read_until_drained());
+    while (ipc_receive(peer).has_value()) {
+    }
+    fill_socket();
+    EXPECT_NEAR(seconds_left(), 15, 1.5);
+}
+
+TEST_F(Conn, WhoWaitsForThePeerIsToldWhenTheLastPacketHasLeft)
+{
+    static int times = 0;
+    times = 0;
+    velm_conn_set_drained_handler(conn.get(), [](velm_conn *drained) {
+        ++times;
+        EXPECT_FALSE(velm_conn_is_waiting(drained));
+    });
+    EXPECT_FALSE(velm_conn_is_waiting(conn.get()));
+    fill_socket();
+    EXPECT_TRUE(velm_conn_is_waiting(conn.get()));
+    ipc_turn(base.get());
+    EXPECT_EQ(times, 0);
+    ASSERT_TRUE(read_until_drained());
+    EXPECT_EQ(times, 1);
+}
+
+TEST_F(Conn, EndsWhenItIsToldTo)
+{
+    static int times = 0;
+    times = 0;
+    velm_conn_set_closed_handler(conn.get(), [](velm_conn *) { ++times; });
+    fill_socket();
+    velm_conn_close(conn.get());
+    velm_conn_close(conn.get());
+    EXPECT_TRUE(velm_conn_is_closed(conn.get()));
+    EXPECT_FALSE(velm_conn_is_waiting(conn.get()));
+    EXPECT_EQ(times, 1);
+}
+
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool memory_is_measurable = false;
+#else
+constexpr bool memory_is_measurable = true;
+#endif
+
+long resident_pages()
+{
+    long all = 0;
+    long resident = 0;
+    std::ifstream{"/proc/self/statm"} >> all >> resident;
+    return resident;
+}
+
+TEST_F(Conn, WhatALongPacketTookIsGivenBack)
+{
+    if (!memory_is_measurable) {
+        GTEST_SKIP() << "the sanitizer keeps what is freed";
+    }
+    const ipc_bytes packet = ipc_frame(4096, 1, ipc_bytes(65535, 0xee)); // skipped
+    ipc_bytes long_packet;
+    for (int i = 0; i < 2; ++i) {
+        long_packet.insert(long_packet.end(), packet.begin(), packet.end());
+    }
+    const long before = resident_pages();
+    const ipc_bytes request = ipc_request(5);
+    long_packet.insert(long_packet.end(), request.begin(), request.end());
+    ASSERT_TRUE(ipc_send(peer, long_packet));
+    ASSERT_TRUE(turn_until_handled(1));
+    EXPECT_LT((resident_pages() - before) * sysconf(_SC_PAGESIZE), 64 * 1024);
 }
 
 TEST_F(Conn, AWriteTimeOutEndsTheConnection)

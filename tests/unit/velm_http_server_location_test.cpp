@@ -9,6 +9,7 @@
 #include "fakes/paused_request.h"
 #include "velm_http_server_routes.h"
 #include "velm_location_policy_ipc.h"
+#include "velm_location_policy_ipc_queue.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
 #include "velm_request_pairing_check.h"
@@ -189,6 +190,32 @@ TEST_F(Location, FromAPeerWithoutAnIpAddressIsNotHandedOverYetAnswered200)
     EXPECT_TRUE(log_.has("ERROR velm_http_server - http_method_location_handle - "
                          "invalid ip address"));
     EXPECT_TRUE(server.sent.empty());
+}
+
+/// Locations of another phone that wait, as many as there is room for.
+void fill_queue()
+{
+    const json_ptr other{cJSON_Parse(R"({"deviceId":"other"})")};
+    const json_ptr location{cJSON_CreateObject()};
+    while (location_queue_add("test", "192.168.1.2", other.get(), location.get())) {
+    }
+}
+
+TEST_F(Location, WithoutRoomForAllOfAListGives503AndHandsNothingOver)
+{
+    fill_queue();
+    EXPECT_EQ(post("{}"), 503);
+    EXPECT_TRUE(log_.contains("WARN velm_http_server - http_method_location_handle - no room for 1 "
+                              "locations while a client does not read, device id dev-1,"
+                              " ip address 127.0.0.1"));
+    while (!location_queue_has_room(json_ptr{cJSON_Parse(auth)}.get(), 2)) {
+        location_queue_remove_first();
+    }
+    EXPECT_EQ(post("[{},{},{}]"), 503);
+    EXPECT_TRUE(server.sent.empty());
+    EXPECT_EQ(post("[{},{}]"), 200);
+    EXPECT_EQ(server.sent.size(), 2U);
+    location_queue_clear();
 }
 
 TEST_F(Location, AFailedCheckIsAnsweredWithItsStatusAndHandsNothingOver)

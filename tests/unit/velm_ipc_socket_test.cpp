@@ -128,11 +128,35 @@ TEST_F(IpcSocket, AsManyClientsAsTheBacklogSaysWaitToBeAccepted)
     EXPECT_EQ(clients.size(), 5U + 1U) << "the kernel lets one more in than it is told";
 }
 
-TEST_F(IpcSocket, WhatLayAtThePathIsReplaced)
+TEST_F(IpcSocket, ASocketThatLayAtThePathIsReplaced)
 {
-    std::ofstream{at("socket")} << "left over";
-    EXPECT_TRUE(velm_ipc_socket_listen(at("socket").c_str()));
-    EXPECT_TRUE(velm_ipc_socket_listen(at("socket").c_str()));
+    const unique_fd left_over = velm_ipc_socket_listen(at("socket").c_str());
+    ASSERT_TRUE(left_over);
+    const unique_fd listener = velm_ipc_socket_listen(at("socket").c_str());
+    EXPECT_TRUE(listener);
+    EXPECT_TRUE(ipc_connect(at("socket")));
+}
+
+TEST_F(IpcSocket, AFileThatLiesAtThePathIsLeftAlone)
+{
+    std::ofstream{at("socket")} << "somebody's";
+    const captured_log log;
+    EXPECT_FALSE(velm_ipc_socket_listen(at("socket").c_str()));
+    EXPECT_EQ(errno, EADDRINUSE);
+    EXPECT_TRUE(log.has("ERROR IPC - velm_ipc_socket_listen - " + at("socket") +
+                        " is no socket and is left alone"));
+    std::string content;
+    std::getline(std::ifstream{at("socket")}, content);
+    EXPECT_EQ(content, "somebody's");
+}
+
+TEST_F(IpcSocket, ALinkAtThePathIsLeftAloneAndWhatItNamesToo)
+{
+    const unique_fd other = velm_ipc_socket_listen(at("other").c_str());
+    ASSERT_EQ(symlink(at("other").c_str(), at("socket").c_str()), 0);
+    EXPECT_FALSE(velm_ipc_socket_listen(at("socket").c_str()));
+    EXPECT_TRUE(ipc_connect(at("other")));
+    EXPECT_TRUE(std::filesystem::is_symlink(at("socket")));
 }
 
 TEST_F(IpcSocket, AParentThatCannotBeMadeIsLoggedAndBindingFails)

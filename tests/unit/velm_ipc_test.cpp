@@ -76,6 +76,21 @@ class Ipc : public testing::Test {
         return packet;
     }
 
+    /// Lets the timer that is set be due now.
+    void turn_timer_on()
+    {
+        event_base_foreach_event(
+            base.get(),
+            [](const event_base *, const event *watched, void *) {
+                if (event_pending(watched, EV_TIMEOUT, nullptr) != 0) {
+                    event_active(const_cast<event *>(watched), EV_TIMEOUT, 0);
+                }
+                return 0;
+            },
+            nullptr);
+        ipc_turn(base.get());
+    }
+
     int respond(std::uint32_t seq)
     {
         return velm_ipc_respond(server.get(), seq, "ok", 2, VELM_STATUS_OK);
@@ -212,29 +227,31 @@ TEST_F(Ipc, ARequestNotAnsweredWithinSixHundredSecondsIsRemovedAndItsAnswerDropp
     EXPECT_FALSE(ipc_receive(client).has_value());
 }
 
-TEST_F(Ipc, TheTimerTicksEverySecondByItself)
+/// The seconds after which time alone would wake the loop; none when it would not.
+std::optional<double> timer_due(const event_base_ptr &base)
 {
-    const unique_fd client = connect();
-    ipc_send(client, ipc_request(1));
-    ASSERT_TRUE(turn_until_taken(1));
-    fake_clock_advance(601);
-    const captured_log log;
-    EXPECT_TRUE(
-        ipc_turn_until(base.get(), [&log] { return log.contains("Removing orphaned request"); }));
-}
-
-/// Whether time alone would wake the loop.
-bool timer_is_set(const event_base_ptr &base)
-{
-    bool found = false;
+    std::optional<double> due;
     event_base_foreach_event(
         base.get(),
-        [](const event_base *, const event *watched, void *result) {
-            *static_cast<bool *>(result) |= event_pending(watched, EV_TIMEOUT, nullptr) != 0;
+        [](const event_base *turning, const event *watched, void *result) {
+            timeval end{};
+            if (event_pending(watched, EV_TIMEOUT, &end) != 0) {
+                timeval now{};
+                event_base_gettimeofday_cached(const_cast<event_base *>(turning), &now);
+                timeval left{};
+                evutil_timersub(&end, &now, &left);
+                *static_cast<std::optional<double> *>(result) =
+                    static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_usec) / 1e6;
+            }
             return 0;
         },
-        &found);
-    return found;
+        &due);
+    return due;
+}
+
+bool timer_is_set(const event_base_ptr &base)
+{
+    return timer_due(base).has_value();
 }
 
 TEST_F(Ipc, TheTimerRestsWhileNothingWaits)
@@ -282,6 +299,74 @@ TEST_F(Ipc, ARequestThatWaitedTooLongTakesTheTimerWithIt)
     fake_clock_advance(601);
     velm_ipc_tick(server.get());
     EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, TheTimerIsSetForTheMomentAtWhichTheOldestRequestHasWaitedTooLong)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_NEAR(timer_due(base).value_or(0), 601, 1);
+    fake_clock_advance(100);
+    ipc_send(client, ipc_request(2));
+    ASSERT_TRUE(turn_until_taken(2));
+    EXPECT_NEAR(timer_due(base).value_or(0), 601, 1) << "the second one is due later";
+    fake_clock_advance(501);
+    velm_ipc_tick(server.get());
+    EXPECT_EQ(respond(1), 0);
+    EXPECT_EQ(respond(2), 1);
+    EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, ATimerThatWasSetForAnAnsweredRequestIsSetForTheNext)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    fake_clock_advance(100);
+    ipc_send(client, ipc_request(2));
+    ASSERT_TRUE(turn_until_taken(2));
+    respond(1);
+    fake_clock_advance(501);
+    turn_timer_on();
+    EXPECT_NEAR(timer_due(base).value_or(0), 100, 1);
+    EXPECT_EQ(respond(2), 1);
+}
+
+TEST_F(Ipc, ARequestThatWaitedTooLongGoesByTheTimerAlone)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(77));
+    ASSERT_TRUE(turn_until_taken(1));
+    fake_clock_advance(601);
+    const captured_log log;
+    turn_timer_on();
+    EXPECT_TRUE(log.has("TRACE IPC - Removing orphaned request id=1 seq=77"));
+    EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, AClockThatStepsBackHoldsNoRequestBack)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    fake_clock_advance(-3600);
+    velm_ipc_tick(server.get());
+    EXPECT_EQ(respond(1), 0);
+    EXPECT_FALSE(timer_is_set(base));
+}
+
+TEST_F(Ipc, AConnectionThatIsLostIsDueBeforeAnOpenRequest)
+{
+    const unique_fd client = connect();
+    unique_fd leaving = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    const captured_log log;
+    leaving.reset();
+    ASSERT_TRUE(ipc_turn_until(base.get(), [this] { return timer_due(base).value_or(9) < 1.5; }));
+    ASSERT_TRUE(ipc_turn_until(base.get(), [&log] { return log.contains("Conn delete"); }));
+    EXPECT_NEAR(timer_due(base).value_or(0), 601, 2);
 }
 
 TEST_F(Ipc, AConnectionThatWasClosedSetsTheTimerUntilItIsGone)
@@ -478,25 +563,85 @@ TEST_F(Ipc, AcceptedSocketsAreCloseOnExecAndNonBlocking)
     EXPECT_EQ(found, 1);
 }
 
-TEST_F(Ipc, ThirtyTwoMayConnectAndOneMoreIsClosedAtOnceUntilOneHasLeft)
+TEST_F(Ipc, ThirtyTwoMayConnectAndOneMoreGetsThePlaceOfTheQuietest)
 {
     const captured_log log;
     std::vector<unique_fd> clients;
     for (std::size_t i = 0; i < velm_ipc_connection_limit; ++i) {
         clients.push_back(connect());
     }
+    respond_at_once = true;
+    ipc_send(clients[0], ipc_request(1)); // so the second is quiet for longer
+    ASSERT_TRUE(answer_to(clients[0]).has_value());
     EXPECT_EQ(log.count("Connection accepted"), 32);
-    const unique_fd refused = connect();
-    EXPECT_EQ(answer_to(refused), ipc_bytes{});
-    EXPECT_TRUE(log.has("WARN IPC - accept_cb - too many connections: 32"));
-    ipc_send(clients.front(), ipc_request(7));
-    EXPECT_TRUE(turn_until_taken(1)) << "those that came before are served";
+    const unique_fd newcomer = connect();
+    EXPECT_EQ(answer_to(clients[1]), ipc_bytes{});
+    EXPECT_TRUE(log.contains("WARN IPC - accept_cb - too many connections: 32"));
+    ipc_send(newcomer, ipc_request(7));
+    EXPECT_TRUE(answer_to(newcomer).has_value());
+    for (std::size_t i = 2; i < clients.size(); ++i) {
+        EXPECT_FALSE(ipc_receive(clients[i]).has_value()) << i << " pays as well";
+    }
+}
 
+TEST_F(Ipc, AClientWithAnOpenRequestKeepsItsPlaceWhileOthersHaveNone)
+{
+    const unique_fd waiting = connect();
+    ipc_send(waiting, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    std::vector<unique_fd> clients;
+    for (std::size_t i = 0; i < 3 * velm_ipc_connection_limit; ++i) {
+        clients.push_back(connect());
+    }
+    EXPECT_EQ(respond(1), 1);
+    const auto packet = ipc_receive(waiting);
+    ASSERT_TRUE(packet.has_value());
+    EXPECT_EQ(ipc_header(*packet).id, 1U);
+}
+
+TEST_F(Ipc, WhatHasClosedTakesNoPlaceAlsoBeforeTheNextTick)
+{
+    std::vector<unique_fd> clients;
+    for (std::size_t i = 0; i < velm_ipc_connection_limit; ++i) {
+        clients.push_back(connect());
+    }
     clients.back().reset();
     ipc_turn(base.get());
+    const captured_log log;
     const unique_fd next = connect();
+    EXPECT_FALSE(log.contains("too many connections"));
     ipc_send(next, ipc_request(8));
-    EXPECT_TRUE(turn_until_taken(2)) << "what has closed takes no place, also before the next tick";
+    EXPECT_TRUE(turn_until_taken(1));
+    EXPECT_FALSE(ipc_receive(clients.front()).has_value());
+}
+
+TEST_F(Ipc, IsDrainedWhileNoPacketWaitsAndSaysWhenThatIsSoAgain)
+{
+    static int times = 0;
+    times = 0;
+    velm_ipc_set_drained_handler(server.get(), [](velm_ipc *drained) {
+        ++times;
+        EXPECT_TRUE(velm_ipc_is_drained(drained));
+    });
+    const unique_fd slow = connect();
+    unique_fd leaving = connect();
+    const ipc_bytes payload(224);
+    int sent = 0;
+    while (sent < 5000 && velm_ipc_is_drained(server.get())) {
+        velm_ipc_broadcast_report(server.get(), payload.data(), payload.size());
+        ++sent;
+    }
+    ASSERT_LT(sent, 5000) << "the kernel took all";
+    int received = 0;
+    EXPECT_TRUE(ipc_turn_until(base.get(), [&] {
+        received += ipc_receive(slow).has_value() ? 1 : 0;
+        return received == sent;
+    }));
+    EXPECT_FALSE(velm_ipc_is_drained(server.get())) << "the other one has read nothing";
+    EXPECT_EQ(times, 0);
+    leaving.reset();
+    EXPECT_TRUE(ipc_turn_until(base.get(), [] { return times > 0; }));
+    EXPECT_TRUE(velm_ipc_is_drained(server.get()));
 }
 
 TEST_F(Ipc, OutOfDescriptorsItNeitherSpinsNorDiesAndServesAgain)

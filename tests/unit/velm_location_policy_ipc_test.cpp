@@ -15,6 +15,7 @@
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "velm_cloud_messaging.h"
+#include "velm_location_policy_ipc_queue.h"
 #include "velm_nvram_pairings.h"
 
 namespace {
@@ -111,6 +112,23 @@ class LocationPolicy : public testing::Test {
         ASSERT_NE(auth_json, nullptr);
         ASSERT_NE(location_json, nullptr);
         velm_location_policy_ipc_send(ip_text.c_str(), auth_json.get(), location_json.get());
+    }
+
+    /// Delivers locations that are numbered by their latitude until one waits behind a packet that a
+    /// client does not read; how many there were.
+    static int deliver_until_one_waits()
+    {
+        int count = 0;
+        do {
+            deliver_number(count++);
+            ipc_turn(base, 2);
+        } while (location_queue_size() == 0 && count < 5000);
+        return count;
+    }
+
+    static void deliver_number(int number)
+    {
+        deliver((R"({"latitude": )" + std::to_string(number / 1000.0) + "}").c_str());
     }
 
     velm_location_report report_to(const unique_fd &client)
@@ -233,43 +251,63 @@ TEST_F(LocationPolicy, PushesThatWaitForTheLoopAreBoundedOverAllConnections)
     EXPECT_GE(fake.pushes.size(), 256U);
 }
 
-TEST_F(LocationPolicy, LocationsThatWaitForTheLoopAreBoundedOverAllRequests)
+TEST_F(LocationPolicy, ALocationBeyondTheRoomThereIsIsDroppedWithALine)
 {
-    const captured_log log;
-    for (int i = 0; i < 4096; ++i) {
-        deliver("{}");
-    }
+    captured_log log;
     const std::string refused =
         "ERROR velm_location_policy_ipc - velm_location_policy_ipc_send - too many locations wait";
-    EXPECT_FALSE(log.has(refused));
+    std::size_t taken = 0;
+    while (taken < 100000 && !log.has(refused)) {
+        EXPECT_EQ(location_queue_size(), taken++);
+        deliver("{}");
+    }
+    EXPECT_EQ(location_queue_size(), taken - 1) << "the last one was refused";
+    ipc_turn(base, 2);
+    log.clear();
     deliver("{}");
-    EXPECT_TRUE(log.has(refused));
-    const std::string handed_on = "location_policy_ipc_send - declared bssid";
-    ipc_turn(base, 2 * 4096); // each takes a turn
-    EXPECT_EQ(log.count(handed_on), 4096);
-    deliver("{}");
-    ipc_turn(base);
-    EXPECT_EQ(log.count(handed_on), 4097);
+    EXPECT_FALSE(log.has(refused)) << "what is handed on makes room";
 }
 
-TEST_F(LocationPolicy, WhatAPhonePutsIntoAuthBesideIsNotKeptForEachOfItsLocations)
+TEST_F(LocationPolicy, WhileAPacketWaitsForAClientTheNextDeliveryWaitsAndNoneIsLost)
 {
-    std::string auth = good_auth;
-    auth.insert(auth.size() - 1, ", \"x\": [0");
-    for (int i = 0; i < 2000; ++i) {
-        auth.insert(auth.size() - 1, ",0");
+    const unique_fd slow = connect();
+    const unique_fd quick = connect();
+    int all = deliver_until_one_waits();
+    ASSERT_LT(all, 5000);
+    for (int more = 0; more < 1000; ++more) {
+        deliver_number(all++);
     }
-    auth.insert(auth.size() - 1, "]");
-    const json_ptr auth_json{cJSON_Parse(auth.c_str())};
-    ASSERT_NE(auth_json, nullptr);
-    const json_ptr location{cJSON_CreateObject()};
-    const std::size_t before = mallinfo2().uordblks; // an instrumented allocator says 0
-    for (int i = 0; i < 1000; ++i) {
-        velm_location_policy_ipc_send("192.168.1.23", auth_json.get(), location.get());
+    ipc_turn(base);
+    EXPECT_EQ(location_queue_size(), 1001U);
+    for (int number = 0; number < all; ++number) {
+        ASSERT_NEAR(report_to(quick).latitude, number / 1000.0, 1e-9);
+        ASSERT_NEAR(report_to(slow).latitude, number / 1000.0, 1e-9);
     }
-    EXPECT_LT(mallinfo2().uordblks - before, 2000U * 1000);
+}
+
+TEST_F(LocationPolicy, AClientThatIsDroppedHoldsUpNothingAnyMore)
+{
+    unique_fd stuck = connect();
+    const unique_fd reading = connect();
+    const int all = deliver_until_one_waits();
+    stuck.reset();
+    for (int number = 0; number < all; ++number) {
+        ASSERT_NEAR(report_to(reading).latitude, number / 1000.0, 1e-9);
+    }
+    EXPECT_EQ(location_queue_size(), 0U);
+}
+
+TEST_F(LocationPolicy, WhatWaitsWhenTheServerIsStoppedIsLogged)
+{
+    const unique_fd stuck = connect();
+    deliver_until_one_waits();
+    ASSERT_EQ(location_queue_size(), 1U);
     const captured_log log;
-    EXPECT_TRUE(ipc_turn_until(base, [&] { return log.count("declared bssid") == 1000; }));
+    location_policy_ipc_stop();
+    velm_location_policy_ipc_init(&config);
+    EXPECT_TRUE(log.has("ERROR velm_location_policy_ipc - velm_location_policy_ipc_init - "
+                        "1 locations were not handed on"));
+    EXPECT_EQ(location_queue_size(), 0U);
 }
 
 /// The 224 bytes as the table of the interface gives them, put together without the structure.
@@ -379,9 +417,14 @@ INSTANTIATE_TEST_SUITE_P(
                     time_case{"Missing", R"({})", now},
                     time_case{"Number", R"({"timestamp": 1699999990})", now},
                     time_case{"Null", R"({"timestamp": null})", now},
-                    // Only errno decides, and these set none.
-                    time_case{"NoNumber", R"({"timestamp": "yesterday"})", 0},
-                    time_case{"TrailingText", R"({"timestamp": "12 o'clock"})", 12}),
+                    time_case{"Lowest", R"({"timestamp": "0"})", 0},
+                    time_case{"Negative", R"({"timestamp": "-1"})", now},
+                    time_case{"Highest", R"({"timestamp": "4294967295"})", 4294967295},
+                    time_case{"TooHigh", R"({"timestamp": "4294967296"})", now},
+                    time_case{"Fraction", R"({"timestamp": "1699999990.5"})", now},
+                    time_case{"Empty", R"({"timestamp": ""})", now},
+                    time_case{"NoNumber", R"({"timestamp": "yesterday"})", now},
+                    time_case{"TrailingText", R"({"timestamp": "12 o'clock"})", now}),
     [](const auto &row) { return std::string{row.param.name}; });
 
 struct rssi_case {
@@ -406,18 +449,59 @@ INSTANTIATE_TEST_SUITE_P(Numbers, ReportRssi,
                                          rssi_case{"Highest", R"({"rssi": 32767})", 32767},
                                          rssi_case{"TooHigh", R"({"rssi": 32768})", 32767},
                                          rssi_case{"Huge", R"({"rssi": 1e300})", 32767},
-                                         rssi_case{"Infinite", R"({"rssi": -1e999})", -32768},
                                          rssi_case{"Text", R"({"rssi": "-70"})", 0}),
                          [](const auto &row) { return std::string{row.param.name}; });
 
-TEST_F(LocationPolicy, ANumberThatIsNoneGivesNoSignalStrength)
+struct place_case {
+    const char *name, *location;
+    bool reported;
+};
+class Place : public LocationPolicy, public testing::WithParamInterface<place_case> {};
+
+TEST_P(Place, IsHandedOnWhenItIsOnTheMap)
 {
     const unique_fd client = connect();
+    const captured_log log;
+    deliver(GetParam().location);
+    deliver(R"({"latitude": 7})"); // the next one of the list
+    if (GetParam().reported) {
+        report_to(client);
+    }
+    EXPECT_EQ(report_to(client).latitude, 7.0);
+    EXPECT_EQ(log.contains("WARN velm_location_policy_ipc - location_policy_ipc_send - "),
+              !GetParam().reported);
+    EXPECT_EQ(log.contains("device id phone-1, ip address 192.168.1.23"), !GetParam().reported);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Locations, Place,
+    testing::Values(place_case{"North", R"({"latitude": 90})", true},
+                    place_case{"BeyondNorth", R"({"latitude": 90.0000001})", false},
+                    place_case{"South", R"({"latitude": -90})", true},
+                    place_case{"BeyondSouth", R"({"latitude": -90.0000001})", false},
+                    place_case{"East", R"({"longitude": 180})", true},
+                    place_case{"BeyondEast", R"({"longitude": 180.0000001})", false},
+                    place_case{"West", R"({"longitude": -180})", true},
+                    place_case{"BeyondWest", R"({"longitude": -180.0000001})", false},
+                    place_case{"InfiniteLatitude", R"({"latitude": 1e999})", false},
+                    place_case{"InfiniteLongitude", R"({"longitude": -1e999})", false},
+                    place_case{"InfiniteAccuracy", R"({"accuracy": 1e999})", false},
+                    place_case{"InfiniteAltitude", R"({"altitude": 1e999})", false},
+                    place_case{"InfiniteVerticalAccuracy", R"({"verticalAccuracy": 1e999})", false},
+                    place_case{"InfiniteRssi", R"({"rssi": -1e999})", false}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(LocationPolicy, ANumberThatIsNoneIsNotHandedOn)
+{
+    const unique_fd client = connect();
+    const captured_log log;
     const json_ptr auth{cJSON_Parse(good_auth)};
     const json_ptr location{cJSON_CreateObject()};
-    cJSON_AddNumberToObject(location.get(), "rssi", std::numeric_limits<double>::quiet_NaN());
+    cJSON_AddNumberToObject(location.get(), "latitude", std::numeric_limits<double>::quiet_NaN());
     velm_location_policy_ipc_send("10.0.0.1", auth.get(), location.get());
-    EXPECT_EQ(report_to(client).rssi, 0);
+    EXPECT_TRUE(
+        ipc_turn_until(base, [&log] { return log.contains("a number that is not finite"); }));
+    EXPECT_FALSE(ipc_receive(client).has_value());
 }
 
 class NoObject : public LocationPolicy, public testing::WithParamInterface<const char *> {};
@@ -501,13 +585,13 @@ TEST_F(LocationPolicy, WithoutAServerALocationIsLoggedAndDropped)
 
 TEST_F(LocationPolicy, AReportThatOneClientDoesNotTakeIsAFailure)
 {
-    const unique_fd stuck = connect();
+    unique_fd leaving = connect();
     const captured_log log;
-    for (int i = 0; i < 2000 && !log.contains("peer does not read"); ++i) {
-        deliver();
-        event_base_loop(base, EVLOOP_ONCE);
-    }
-    EXPECT_TRUE(log.has("ERROR velm_location_policy_ipc - location_policy_ipc_send - failed"));
+    deliver();
+    leaving.reset(); // the loop has not seen it yet
+    EXPECT_TRUE(ipc_turn_until(base, [&log] {
+        return log.has("ERROR velm_location_policy_ipc - location_policy_ipc_send - failed");
+    }));
 }
 
 TEST_F(LocationPolicy, StartingAgainServesAtTheNewPathAndEndsTheOldConnections)
@@ -597,8 +681,6 @@ TEST_F(LocationPolicy, ACopyThatFindsNoMemoryIsFatalUnderItsName)
     const json_ptr auth{cJSON_Parse(good_auth)};
     EXPECT_DEATH(deliver_with_memory_for(1, auth.get()),
                  "velm_location_policy_ipc_send: d->auth is null: not enough memory");
-    EXPECT_DEATH(deliver_with_memory_for(1, object.get()),
-                 "velm_location_policy_ipc_send: d->location is null: not enough memory");
 }
 
 } // namespace

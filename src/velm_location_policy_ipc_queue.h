@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "handles/cjson.h"
+
+/// The locations of phones that were answered with 200, in the order in which they came, until every
+/// client has room for their reports. Loop thread only.
+///
+/// Of a location only what a report holds is kept, and what its phone said of itself once for all
+/// that follow each other. Together they hold at most 512 KiB: seven of the longest lists that a body
+/// can hold, or some 800 locations that come one by one. Who asks for room first loses none.
+
+inline constexpr std::size_t location_queue_limit = std::size_t{512} * 1024;
+
+/// Who sent it: the address, and "deviceId" and "bssid" of the request, each as far as it is a text.
+struct location_source {
+    std::string ip;
+    json_ptr auth;
+};
+
+/// What is missing or no number is 0, and no time.
+struct location_values {
+    double latitude, longitude, accuracy, altitude, vertical_accuracy, rssi;
+    std::optional<std::uint32_t> time; // only a whole number from 0 to 2^32-1
+};
+
+/// Whether that many locations of one request would all be taken.
+[[nodiscard]] bool location_queue_has_room(const cJSON *auth, std::size_t locations);
+
+/// Copies its arguments; `caller` names the fatal line of exhausted memory. False, and nothing is
+/// kept, when there is no room.
+bool location_queue_add(const char *caller, const char *ip, const cJSON *auth,
+                        const cJSON *location);
+
+[[nodiscard]] std::size_t location_queue_size();
+
+/// Of the oldest one; there must be one. Valid until it is removed.
+[[nodiscard]] const location_source &location_queue_first_source();
+[[nodiscard]] const location_values &location_queue_first_values();
+void location_queue_remove_first();
+
+void location_queue_clear();
