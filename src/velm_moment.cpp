@@ -8,6 +8,6 @@ velm_moment velm_moment_now()
 bool velm_moment_is_within(const velm_moment &then, std::chrono::duration<double> period)
 {
     const velm_moment now = velm_moment_now();
-    const std::chrono::duration<double> passed{static_cast<double>(now.wall - then.wall)};
-    return passed >= passed.zero() && passed < period && now.steady - then.steady < period;
+    const std::chrono::seconds passed{now.wall - then.wall};
+    return passed.count() >= 0 && passed < period && now.steady - then.steady < period;
 }

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <fstream>
 
@@ -597,6 +599,45 @@ TEST_F(Ipc, AClientWithAnOpenRequestKeepsItsPlaceWhileOthersHaveNone)
     const auto packet = ipc_receive(waiting);
     ASSERT_TRUE(packet.has_value());
     EXPECT_EQ(ipc_header(*packet).id, 1U);
+}
+
+/// While it lives the process connects as somebody else.
+class other_user {
+  public:
+    other_user() : rc{seteuid(65534)}
+    {
+    }
+    ~other_user()
+    {
+        EXPECT_EQ(seteuid(0), 0);
+    }
+    other_user(const other_user &) = delete;
+    other_user &operator=(const other_user &) = delete;
+
+    const int rc;
+};
+
+TEST_F(Ipc, TheUserWithMostPlacesPaysThoughAnotherHasBeenQuietForLonger)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can connect as somebody else";
+    }
+    const unique_fd afc = connect();
+    ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
+    ASSERT_EQ(chmod(socket_path.c_str(), 0666), 0);
+    std::vector<unique_fd> greedy;
+    {
+        const other_user nobody;
+        ASSERT_EQ(nobody.rc, 0);
+        for (std::size_t i = 1; i < velm_ipc_connection_limit + 3; ++i) {
+            greedy.push_back(connect());
+        }
+    }
+    for (std::size_t i = 0; i < greedy.size(); ++i) {
+        EXPECT_EQ(ipc_receive(greedy[i]).has_value(), i < 3) << i;
+    }
+    ipc_send(afc, ipc_request(1));
+    EXPECT_TRUE(turn_until_taken(1)) << "it lost its place";
 }
 
 TEST_F(Ipc, WhatHasClosedTakesNoPlaceAlsoBeforeTheNextTick)
