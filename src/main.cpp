@@ -6,6 +6,7 @@
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,11 +18,12 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "async/common_async.h"
+#include "conffile/conffile.h"
 #include "cutils/common_netlink.h"
 #include "handles/fd.h"
-#include "handles/file.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
 #include "http/http_client.h"
@@ -35,6 +37,7 @@
 #include "velm_main.h"
 #include "velm_nvram_config.h"
 #include "velm_nvram_pairings.h"
+#include "velm_pid_file.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
 #include "velm_request_pairing_check.h"
@@ -50,11 +53,14 @@ constexpr char log_category[] = "main";
 
 constexpr char default_config_path[] = "/etc/afc/velmd/velmd.conf";
 constexpr int exit_no_https_client = 2;
+constexpr mode_t created_files_mask = 022;
 
 /// Lives as long as the process; nothing is torn down.
 struct process_state {
     velm_command_line command_line;
     std::string config_path;
+    unsigned told_bad_line = 0; // of the configuration file; it is told once
+    velm_pid_file pid_file;     // locked while the process lives
     std::unique_ptr<velm_config> config;
     event_base_ptr base;
     event_ptr event_sighup;
@@ -101,21 +107,36 @@ void set_log_level_from_nvram()
     }
 }
 
+/// A file that is left out is the one that would have turned the log on, so nobody would learn of it.
+void tell_of_bad_line(unsigned line)
+{
+    if (line != 0 && line != process.told_bad_line) {
+        LOG_REASON(LOG_LEVEL_WARN, "%s - %s: line %u is no key=value pair: the defaults stand",
+                   "update_config", process.config_path.c_str(), line);
+    }
+    process.told_bad_line = line;
+}
+
 void load_defaults_and_file()
 {
     velm_config_set_defaults(process.config.get());
     if (!process.config_path.empty()) {
         velm_config_load_from_file(process.config.get(), process.config_path.c_str());
+        tell_of_bad_line(conffile_bad_line());
     }
 }
 
-void write_pid_file(const char *path)
+/// The caller of a second daemon for the same file learns of it by the status, for it is in the
+/// foreground still.
+velm_pid_file claim_pid_file(const char *path)
 {
-    const stdio_file file{opened_stream(std::fopen(path, "wbe"))};
-    if (file == nullptr) {
+    velm_pid_file claimed = velm_pid_file_claim(path);
+    if (claimed.is_held_by_other) {
+        LOG_ERROR("%s - %s is held by pid %ld", "daemonize", path, claimed.holder);
+        std::fprintf(stderr, "velmd: %s is held by pid %ld\n", path, claimed.holder);
         std::exit(EXIT_FAILURE);
     }
-    std::fprintf(file.get(), "%ld\n", static_cast<long>(getpid()));
+    return claimed;
 }
 
 /// Goes into the background. A daemon that init started is there already, and init knows its pid.
@@ -127,6 +148,7 @@ void daemonize(const char *pid_path)
     if (pid_path == nullptr || *pid_path == '\0') {
         std::exit(EXIT_FAILURE);
     }
+    process.pid_file = claim_pid_file(pid_path);
     const pid_t pid = fork();
     if (pid < 0) {
         std::exit(EXIT_FAILURE);
@@ -134,10 +156,9 @@ void daemonize(const char *pid_path)
     if (pid > 0) {
         std::exit(EXIT_SUCCESS);
     }
-    if (setsid() < 0 || chdir("/") != 0) {
+    if (setsid() < 0 || chdir("/") != 0 || !velm_pid_file_write(process.pid_file)) {
         std::exit(EXIT_FAILURE);
     }
-    write_pid_file(pid_path);
 }
 
 /// Command line first, then the platform, when each has something to say.
@@ -208,7 +229,10 @@ void update_config(void (*meanwhile)())
 
 void set_up_https_client()
 {
-    if (http_client_setup_ssl(process.config->http_client_ca_cert_path) != 0) {
+    const char *const ca_path = process.config->http_client_ca_cert_path;
+    if (http_client_setup_ssl(ca_path) != 0) {
+        LOG_REASON(LOG_LEVEL_ERROR, "%s - ends with status %d: no authorities can be read from %s",
+                   __func__, exit_no_https_client, ca_path);
         // On a reload the loop runs below this call: taking the modules' objects apart around it,
         // in no certain order, must not decide how the process ends.
         std::fflush(nullptr);
@@ -234,6 +258,7 @@ void init_modules()
 
 void reload(evutil_socket_t, short, void *) noexcept
 {
+    common_logger_read_time_zone();
     update_config(prepare_https_client);
     http_client_free_ssl();
     set_up_https_client();
@@ -317,6 +342,7 @@ void keep_standard_streams()
 void prepare_process()
 {
     keep_standard_streams();
+    umask(created_files_mask); // whatever the caller's was
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGCHLD, SIG_DFL); // a parent that ignored it would hide how `ip` ended
     block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served
@@ -331,13 +357,19 @@ void make_config()
     process.config = std::make_unique<velm_config>();
 }
 
-void detach(int argc, char **argv)
+void detach()
 {
     if (!process.config->daemonize) {
         return;
     }
     daemonize(process.config->pid_file_path);
-    dm_register_app_restart_info(static_cast<int>(getpid()), argc, argv, 0);
+    std::vector<char *> arguments;
+    for (std::string &argument : process.command_line.restart_arguments) {
+        arguments.push_back(argument.data());
+    }
+    arguments.push_back(nullptr);
+    dm_register_app_restart_info(static_cast<int>(getpid()), static_cast<int>(arguments.size() - 1),
+                                 arguments.data(), 0);
 }
 
 void announce_version()
@@ -360,7 +392,7 @@ int main(int argc, char **argv)
     process.config_path = process.command_line.config_path.value_or(default_config_path);
     make_config();
     load_defaults_and_file();
-    detach(argc, argv);
+    detach();
     set_log_level_from_nvram();
     announce_version();
     update_config(prepare_libraries);

@@ -48,13 +48,16 @@ std::string absolute_path(const char *path)
 
 /// What was seen beside the values.
 struct option_count {
+    const char *config_argument = nullptr; // the last one that a path of -c stands in, or is
+    std::size_t config_offset = 0;         // where in it the path begins
     int all = 0;
     bool help = false;
     bool version = false;
     bool bad = false;
 };
 
-void take_option(int c, velm_command_line &given, option_count &seen)
+/// `argument` is the one that getopt has just taken: "-cPATH", or the path itself.
+void take_option(int c, const char *argument, velm_command_line &given, option_count &seen)
 {
     ++seen.all;
     switch (c) {
@@ -66,6 +69,8 @@ void take_option(int c, velm_command_line &given, option_count &seen)
         break;
     case 'c':
         given.config_path = absolute_path(optarg);
+        seen.config_argument = argument;
+        seen.config_offset = static_cast<std::size_t>(optarg - argument);
         break;
     case 'i':
         given.lan_ip_address = optarg;
@@ -89,6 +94,29 @@ void take_option(int c, velm_command_line &given, option_count &seen)
     }
 }
 
+/// A program that was named without a directory was found by the shell; the kernel knows where.
+std::string program_path(const char *name)
+{
+    char path[PATH_MAX] = {};
+    const bool is_known = *name != '/' && readlink("/proc/self/exe", path, sizeof path - 1) > 0;
+    return is_known ? path : name;
+}
+
+std::vector<std::string> restart_arguments(int argc, char **argv, const velm_command_line &given,
+                                           const option_count &seen)
+{
+    std::vector<std::string> arguments{argv, argv + argc};
+    if (argc > 0) {
+        arguments[0] = program_path(argv[0]);
+    }
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        if (argv[i] == seen.config_argument) {
+            arguments[i].replace(seen.config_offset, std::string::npos, *given.config_path);
+        }
+    }
+    return arguments;
+}
+
 } // namespace
 
 velm_command_line velm_command_line_parse(int argc, char **argv)
@@ -96,7 +124,7 @@ velm_command_line velm_command_line_parse(int argc, char **argv)
     velm_command_line given;
     option_count seen;
     for (int c = 0; (c = getopt(argc, argv, "hvc:i:n:s:m:b:")) != -1;) {
-        take_option(c, given, seen);
+        take_option(c, argv[optind - 1], given, seen);
     }
     if (seen.all == 1 && seen.help) {
         print_usage(argv[0]);
@@ -111,5 +139,6 @@ velm_command_line velm_command_line_parse(int argc, char **argv)
         print_usage(argv[0]);
         std::exit(EXIT_FAILURE);
     }
+    given.restart_arguments = restart_arguments(argc, argv, given, seen);
     return given;
 }

@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 /// The daemon's command line: "hvc:i:n:s:m:b:" by POSIX getopt, whose own diagnostics stay on.
 
@@ -13,6 +14,9 @@ struct velm_command_line {
     std::optional<std::string> serial_number;
     std::optional<std::string> mac_address;
     std::optional<std::string> bssids;
+    /// The arguments with which the daemon can be started again from any directory: those that were
+    /// given, with the program's path and that of -c absolute.
+    std::vector<std::string> restart_arguments;
 };
 
 /// Parses the arguments. Ends the process with 0 after help or version, each honoured only as the

@@ -192,6 +192,11 @@ int store_pairing(const cJSON *auth, const cJSON *pair,
         velm_nvram_pairings_insert_pairing(pairing.get());
     }
     velm_nvram_pairings_save_pairings();
+    if (!velm_nvram_pairings_is_stored(pairing.get())) {
+        LOG_ERROR("%s - not stored: %s", pair_name,
+                  velm_utils_get_field_value_from_json_object(auth, "deviceId"));
+        return 500;
+    }
     return 200;
 }
 
@@ -276,7 +281,9 @@ json_ptr list_pairings()
     for (int index = 0; index < http_server_config()->pairings_limit; ++index) {
         if (velm_nvram_pairings_is_valid_pairing(index) == 1) {
             const json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
-            cJSON_AddItemToArray(pairings, listed_pairing(pairing.get()).release());
+            if (*velm_utils_get_field_value_from_json_object(pairing.get(), "dev_id") != '\0') {
+                cJSON_AddItemToArray(pairings, listed_pairing(pairing.get()).release());
+            }
         }
     }
     return response_json;

@@ -2,6 +2,7 @@
 
 #include <nvram.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <ctime>
@@ -23,7 +24,7 @@ constexpr std::array<const char *, 9> members{"status",    "dev_id",     "dev_ty
                                               "name",      "push_token", "date_added",
                                               "dev_model", "os_version", "attestation_key"};
 
-/// "status" stands first here too, so a slot is live before its fields follow.
+/// All but "status", which is written before them.
 constexpr std::array<const char *, 8> written_from_record{
     "dev_id",    "dev_type",   "name",       "push_token",
     "dev_model", "os_version", "date_added", "attestation_key"};
@@ -80,14 +81,47 @@ json_ptr read_slot(int index)
     return pairing;
 }
 
-int first_slot_not_live()
+/// A phone can only be found, pushed to and unpaired by its device id: a slot without one is free.
+bool is_live(int index)
+{
+    const malloc_text dev_id =
+        velm_nvram_pairings_is_valid_pairing(index) == 1 ? read_field(index, "dev_id") : nullptr;
+    return dev_id != nullptr && *dev_id != '\0';
+}
+
+int first_free_slot()
 {
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+        if (!is_live(index)) {
             return index;
         }
     }
     return -1;
+}
+
+/// An absent key reads as empty, as a store may keep an empty value.
+bool field_holds(int index, const char *field, const char *value)
+{
+    const malloc_text stored = read_field(index, field);
+    return value != nullptr && std::string_view{value} == (stored == nullptr ? "" : stored.get());
+}
+
+bool slot_holds(int index, const cJSON *pairing)
+{
+    return field_equals(index, "status", status_valid) &&
+           std::all_of(
+               written_from_record.begin(), written_from_record.end(), [&](const char *member) {
+                   return field_holds(index, member,
+                                      velm_utils_get_field_value_from_json_object(pairing, member));
+               });
+}
+
+void clear_slot(int index)
+{
+    velm_nvram_pairings_write_pairing_field_by_index(index, "status", status_invalid);
+    for (const char *member : written_from_record) {
+        velm_nvram_pairings_write_pairing_field_by_index(index, member, "");
+    }
 }
 
 void append(cJSON *list, json_ptr item)
@@ -194,7 +228,7 @@ json_ptr velm_nvram_pairings_read_pairings(int only_valid)
 {
     json_ptr list = make_list();
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!only_valid || velm_nvram_pairings_is_valid_pairing(index)) {
+        if (!only_valid || is_live(index)) {
             append(list.get(), read_slot(index));
         }
     }
@@ -219,7 +253,7 @@ void velm_nvram_pairings_write_pairing(const cJSON *pairing)
     REQUIRE_NOT_NULL(pairing_id, "pairing_id");
     int index = velm_nvram_pairings_select_index_by_field(pairing_id);
     if (index < 0) {
-        index = first_slot_not_live();
+        index = first_free_slot();
     }
     if (index < 0) {
         return;
@@ -229,6 +263,20 @@ void velm_nvram_pairings_write_pairing(const cJSON *pairing)
         velm_nvram_pairings_write_pairing_field_by_index(
             index, member, velm_utils_get_field_value_from_json_object(pairing, member));
     }
+    if (!slot_holds(index, pairing)) {
+        LOG_ERROR("%s - the store has not kept slot %d of %s: it is free again", __func__, index,
+                  pairing_id);
+        clear_slot(index);
+    }
+}
+
+bool velm_nvram_pairings_is_stored(const cJSON *pairing)
+{
+    REQUIRE_NOT_NULL(pairing, "pairing");
+    const char *pairing_id = velm_utils_get_field_value_from_json_object(pairing, "dev_id");
+    REQUIRE_NOT_NULL(pairing_id, "pairing_id");
+    const int index = velm_nvram_pairings_select_index_by_field(pairing_id);
+    return index >= 0 && slot_holds(index, pairing);
 }
 
 void velm_nvram_pairings_update_pairing(const cJSON *pairing)
@@ -251,10 +299,7 @@ void velm_nvram_pairings_delete_pairing(const char *dev_id)
     if (index < 0) {
         return;
     }
-    velm_nvram_pairings_write_pairing_field_by_index(index, "status", status_invalid);
-    for (const char *member : written_from_record) {
-        velm_nvram_pairings_write_pairing_field_by_index(index, member, "");
-    }
+    clear_slot(index);
     velm_nvram_pairings_print_pairings();
 }
 
@@ -262,7 +307,7 @@ int velm_nvram_pairings_count_pairings()
 {
     int count = 0;
     for (int index = 0; index < pairings_limit(); ++index) {
-        count += velm_nvram_pairings_is_valid_pairing(index);
+        count += is_live(index) ? 1 : 0;
     }
     return count;
 }
@@ -276,7 +321,7 @@ json_ptr velm_nvram_pairings_get_push_tokens()
 {
     json_ptr tokens = make_list();
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+        if (!is_live(index)) {
             continue;
         }
         const malloc_text token = read_field(index, "push_token");
@@ -291,7 +336,9 @@ void velm_nvram_pairings_save_pairings()
 {
     velm_nvram_pairings_print_pairings();
     LOG_TRACE("%s - nvram_commit - start", __func__);
-    nvram_commit();
+    if (const int rc = nvram_commit(); rc != 0) {
+        LOG_ERROR("%s - nvram_commit failed: %d", __func__, rc);
+    }
     LOG_TRACE("%s - nvram_commit - end", __func__);
 }
 

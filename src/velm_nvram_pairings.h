@@ -6,7 +6,7 @@
 /// The paired phones, kept in nvram, one group of keys "zelkad_pairing_<slot>_<member>" a slot.
 /// In memory a pairing is an object of nine strings: "status" ("Valid" or "Invalid"), "dev_id",
 /// "dev_type", "name", "push_token", "date_added", "dev_model", "os_version", "attestation_key".
-/// A slot is live exactly when its "status" is "Valid". Slots run from 0 to the pairings limit
+/// A slot is live when its "status" is "Valid" and it has a device id. Slots run from 0 to the pairings limit
 /// minus 1. Nothing is cached. Writes become durable with save. Returned objects are the caller's.
 /// Null arguments are fatal.
 
@@ -20,7 +20,7 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
 /// The first slot, live or not, that bears the device id; -1 without one.
 [[nodiscard]] int velm_nvram_pairings_select_index_by_field(const char *dev_id);
 
-/// 1 when the slot is live. An index outside the limit is fatal.
+/// 1 when the slot's "status" is "Valid", also without a device id. An index outside the limit is fatal.
 [[nodiscard]] int velm_nvram_pairings_is_valid_pairing(int index);
 
 /// All nine members, empty.
@@ -40,8 +40,12 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
 [[nodiscard]] int velm_nvram_pairings_pairing_exists(const char *dev_id);
 
 /// Stores a record in the slot of its device id, else in the lowest slot that is not live; a full
-/// store keeps nothing, so look at the limit first.
+/// store keeps nothing, so look at the limit first. Nvram tells of no errors, so the slot is read back:
+/// one that does not hold the whole record is made "Invalid" and emptied, with an ERROR line.
 void velm_nvram_pairings_write_pairing(const cJSON *pairing);
+
+/// True when the slot of the record's device id is live and holds all of the record.
+[[nodiscard]] bool velm_nvram_pairings_is_stored(const cJSON *pairing);
 
 /// Stores a record of a phone that is paired already, and prints.
 void velm_nvram_pairings_update_pairing(const cJSON *pairing);
@@ -61,7 +65,7 @@ void velm_nvram_pairings_delete_pairing(const char *dev_id);
 /// The push tokens of the live slots, empty ones left out, in slot order.
 [[nodiscard]] json_ptr velm_nvram_pairings_get_push_tokens();
 
-/// Prints, then commits nvram.
+/// Prints, then commits nvram; an ERROR line when that fails.
 void velm_nvram_pairings_save_pairings();
 
 /// All slots at TRACE.

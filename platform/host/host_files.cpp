@@ -96,6 +96,11 @@ int host_file_write(int file, std::span<const std::uint8_t> bytes)
     return 0;
 }
 
+bool host_is_want_of_room(int rc)
+{
+    return rc == ENOSPC || rc == EDQUOT;
+}
+
 int host_file_replace(int directory, const std::string &name, std::span<const std::uint8_t> bytes,
                       unique_fd &file)
 {

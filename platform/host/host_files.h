@@ -26,6 +26,9 @@ using host_bytes = std::vector<std::uint8_t>;
 /// Writes in one call where the kernel takes it so; the rest follows.
 [[nodiscard]] int host_file_write(int file, std::span<const std::uint8_t> bytes);
 
+/// True for the errors that a full disk gives.
+[[nodiscard]] bool host_is_want_of_room(int rc);
+
 /// Puts a new file in the place of `name`: whoever opens the name finds the old bytes or the new
 /// ones, whole, even after a power cut. Only the directory is not synced yet. `file` is the new one.
 [[nodiscard]] int host_file_replace(int directory, const std::string &name,

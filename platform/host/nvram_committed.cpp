@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -134,4 +135,25 @@ int nvram_committed_write(int directory, const nvram_committed &committed,
         }
     }
     return fsync(directory) == 0 ? 0 : errno;
+}
+
+std::size_t nvram_committed_size(int directory)
+{
+    std::size_t size = 0;
+    for (const char *name : nvram_committed_names) {
+        struct stat found = {};
+        if (fstatat(directory, name, &found, AT_SYMLINK_NOFOLLOW) == 0) {
+            size = std::max(size, static_cast<std::size_t>(found.st_size));
+        }
+    }
+    return size;
+}
+
+bool nvram_committed_drop_older(int directory, const nvram_committed &committed)
+{
+    if (committed.newest < 0) {
+        return false;
+    }
+    const auto older = static_cast<std::size_t>(1 - committed.newest);
+    return !committed.damaged[older] && unlinkat(directory, nvram_committed_names[older], 0) == 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "nvram_format.h"
@@ -30,3 +31,10 @@ struct nvram_committed {
 /// "<name>.damaged". Needs the lock, and what read gave under it.
 [[nodiscard]] int nvram_committed_write(int directory, const nvram_committed &committed,
                                         const nvram_settings &settings);
+
+/// The length of the longer copy.
+[[nodiscard]] std::size_t nvram_committed_size(int directory);
+
+/// Takes away the copy that does not count, for room that a full disk has not: the one that counts is
+/// whole. False when there is none to take. Needs the lock.
+[[nodiscard]] bool nvram_committed_drop_older(int directory, const nvram_committed &committed);

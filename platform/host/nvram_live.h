@@ -2,6 +2,9 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <ctime>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -11,9 +14,10 @@
 /// The live file: the settings as every process sees them now, committed or not. It bears the id of
 /// the boot that made it, so after a power cut it is known to be of an earlier boot and is left out.
 ///
-/// It is only ever appended to or replaced by a rename, and who has read it keeps it open, so its
-/// inode cannot come back under another content: same inode and same size is the same content.
-/// That makes the check after a change one stat().
+/// It is appended to or replaced by a rename, and who has read it keeps it open, so its inode cannot
+/// come back under another content. Only where the disk has no room for a second file it is written
+/// anew in its place, and its header's sequence then counts one more: same inode, same sequence and same
+/// size is the same content.
 
 inline constexpr char nvram_live_name[] = "live";
 
@@ -24,7 +28,9 @@ struct nvram_live {
     unique_fd file; // none: there was no live file
     dev_t device = 0;
     ino_t inode = 0;
-    off_t parsed = 0;    // up to here it is read
+    timespec modified = {};
+    std::optional<std::uint64_t> sequence; // none: it has no whole header
+    off_t parsed = 0;                      // up to here it is read
     off_t seen = 0;      // its size then; more than `parsed` when the end is no whole record
     bool usable = false; // of this boot, and at least its first record is whole
 };
@@ -52,11 +58,18 @@ enum class nvram_live_fate {
                                        nvram_settings &settings);
 
 /// Writes the changes that lead to `settings`: a record at the end of the file, or a new file when
-/// the present one is not of this boot, not whole or grown long. Needs the lock.
+/// the present one is not of this boot, not whole or grown long. On a full disk the file is written anew
+/// in its place, when it does not become longer: who is killed meanwhile takes all back to the last
+/// commit. Needs the lock.
 [[nodiscard]] int nvram_live_write(int directory, const std::string &boot_id, nvram_live &live,
                                    std::span<const nvram_change> changes,
                                    const nvram_settings &settings);
 
-/// Puts a new file with these settings in its place. Needs the lock.
-[[nodiscard]] int nvram_live_replace(int directory, const std::string &boot_id, nvram_live &live,
-                                     const nvram_settings &settings);
+/// Makes the file as short as these settings, which it holds, can be. Needs the lock.
+[[nodiscard]] int nvram_live_shrink(int directory, const std::string &boot_id, nvram_live &live,
+                                    const nvram_settings &settings);
+
+/// Makes the committed settings count again, which are these. On a full disk it leaves no more of the
+/// file than a header that says so. Needs the lock.
+[[nodiscard]] int nvram_live_revert(int directory, const std::string &boot_id, nvram_live &live,
+                                    const nvram_settings &settings);

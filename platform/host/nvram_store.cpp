@@ -97,8 +97,9 @@ int nvram_store::load(int directory, lock kind)
     nvram_settings settings;
     nvram_live_fate fate{};
     int rc = nvram_live_read(directory, boot_id_, live, settings, fate);
-    const bool maybe_being_written =
-        fate == nvram_live_fate::unfinished || fate == nvram_live_fate::damaged_end;
+    const bool maybe_being_written = fate == nvram_live_fate::unfinished ||
+                                     fate == nvram_live_fate::damaged_end ||
+                                     fate == nvram_live_fate::lost;
     if (rc == 0 && maybe_being_written && kind == lock::none &&
         host_file_lock(directory, LOCK_SH) == 0) {
         settings.clear();
@@ -196,6 +197,38 @@ int nvram_store::fault() const
     return fault_;
 }
 
+/// Where the live file has no room to become smaller in, as after a boot without one, the older commit
+/// has.
+int nvram_store::write_live(int directory, std::span<const nvram_change> changes,
+                            const nvram_settings &after)
+{
+    const int rc = nvram_live_write(directory, boot_id_, live_, changes, after);
+    if (!host_is_want_of_room(rc) || nvram_settings_size(after) >= nvram_settings_size(settings_)) {
+        return rc;
+    }
+    nvram_committed committed;
+    if (nvram_committed_read(directory, committed) != 0 ||
+        !nvram_committed_drop_older(directory, committed)) {
+        return rc;
+    }
+    return nvram_live_write(directory, boot_id_, live_, changes, after);
+}
+
+/// The older commit makes room only for one that is not longer: two copies are worth more than growth.
+int nvram_store::write_committed(int directory, const nvram_committed &committed)
+{
+    int rc = nvram_committed_write(directory, committed, settings_);
+    if (host_is_want_of_room(rc) &&
+        nvram_file_make({}, settings_).size() <= nvram_committed_size(directory) &&
+        nvram_committed_drop_older(directory, committed)) {
+        rc = nvram_committed_write(directory, committed, settings_);
+    }
+    if (host_is_want_of_room(rc) && nvram_live_shrink(directory, boot_id_, live_, settings_) == 0) {
+        rc = nvram_committed_write(directory, committed, settings_);
+    }
+    return rc;
+}
+
 int nvram_store::apply(std::span<const nvram_change> changes)
 {
     if (const int rc = changes_check(changes); rc != 0) {
@@ -218,7 +251,7 @@ int nvram_store::apply(std::span<const nvram_change> changes)
     if (nvram_settings_size(after) > nvram_total_max) {
         return nvram_too_much;
     }
-    const int rc = nvram_live_write(directory.get(), boot_id_, live_, changes, after);
+    const int rc = write_live(directory.get(), changes, after);
     if (rc == 0) {
         settings_ = std::move(after);
         fault_ = 0;
@@ -240,7 +273,7 @@ int nvram_store::commit()
         return rc;
     }
     // Never an empty commit in the place of copies that may yet be rescued.
-    return fault_ != 0 ? fault_ : nvram_committed_write(directory.get(), committed, settings_);
+    return fault_ != 0 ? fault_ : write_committed(directory.get(), committed);
 }
 
 int nvram_store::revert()
@@ -265,7 +298,7 @@ int nvram_store::revert()
     if (settings_ == committed.settings && !live_is_left_out) {
         return 0;
     }
-    const int rc = nvram_live_replace(directory.get(), boot_id_, live_, committed.settings);
+    const int rc = nvram_live_revert(directory.get(), boot_id_, live_, committed.settings);
     if (rc == 0) {
         settings_ = std::move(committed.settings);
     }

@@ -24,7 +24,8 @@ enum nvram_refusal {
 ///
 /// In the directory: "live" (nvram_live.h), "committed.0" and "committed.1" (nvram_committed.h).
 /// Writers take turns by flock() on the directory itself; readers take no lock. A writer that is
-/// killed leaves the settings as they were or as it wanted them. Damage is reported on standard
+/// killed leaves the settings as they were or as it wanted them; on a full disk it may leave those of the
+/// last commit. A change that makes the settings smaller needs no room. Damage is reported on standard
 /// error, once while it lasts, and what is good is used.
 ///
 /// A read costs a question to the kernel whether anything has changed, and a look-up; the files are
@@ -68,6 +69,9 @@ class nvram_store {
     void report(event what, bool happens, const std::string &text);
     void report_committed(const nvram_committed &committed);
     void report_load(nvram_live_fate fate, const nvram_committed &committed);
+    int write_live(int directory, std::span<const nvram_change> changes,
+                   const nvram_settings &after);
+    int write_committed(int directory, const nvram_committed &committed);
     [[nodiscard]] bool changes_nothing(std::span<const nvram_change> changes) const;
 
     std::string directory_;

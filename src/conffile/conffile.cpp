@@ -26,6 +26,11 @@ namespace {
 constexpr char log_category[] = "conf_file";
 constexpr std::size_t content_capacity = 4096;
 
+struct module_state {
+    unsigned bad_line = 0; // of the last file
+};
+module_state state;
+
 bool is_space(char c)
 {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
@@ -82,15 +87,22 @@ bool add_pair(ConfigFile &file, char *line)
     return true;
 }
 
+/// Lines end at CR, at LF or at both; empty ones are skipped.
 bool parse_lines(ConfigFile &file)
 {
-    char *rest = nullptr;
-    for (char *line = strtok_r(file.content, "\r\n", &rest); line != nullptr;
-         line = strtok_r(nullptr, "\r\n", &rest)) {
-        line += std::strspn(line, " \t");
-        if (*line != '#' && !add_pair(file, line)) {
+    unsigned number = 1;
+    for (char *rest = file.content; *rest != '\0';) {
+        char *const line = rest + std::strspn(rest, " \t");
+        char *const end = rest + std::strcspn(rest, "\r\n");
+        const bool is_empty = end == rest;
+        rest = *end == '\0' ? end : end + 1;
+        const unsigned next_number = number + (*end == '\n' ? 1 : 0);
+        *end = '\0';
+        if (!is_empty && *line != '#' && !add_pair(file, line)) {
+            state.bad_line = number;
             return false;
         }
+        number = next_number;
     }
     return true;
 }
@@ -118,6 +130,7 @@ void conffile_deleter::operator()(ConfigFile *file) const noexcept
 
 conffile_ptr conffile_parse(const char *path)
 {
+    state.bad_line = 0;
     if (path == nullptr) {
         LOG_DEBUG("path is null");
         return nullptr;
@@ -143,6 +156,11 @@ conffile_ptr conffile_parse(const char *path)
         return nullptr;
     }
     return file;
+}
+
+unsigned conffile_bad_line()
+{
+    return state.bad_line;
 }
 
 const char *conffile_get_value(const ConfigFile *file, const char *key)

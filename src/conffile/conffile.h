@@ -19,6 +19,9 @@ using conffile_ptr = std::unique_ptr<ConfigFile, conffile_deleter>;
 /// always dropped, which normally is the last newline.
 [[nodiscard]] conffile_ptr conffile_parse(const char *path);
 
+/// The line, counted from 1, for which the last file was rejected; 0 when none was.
+[[nodiscard]] unsigned conffile_bad_line();
+
 /// The value of the first pair with exactly this key, or null. Borrowed from the file.
 [[nodiscard]] const char *conffile_get_value(const ConfigFile *file, const char *key);
 

@@ -190,8 +190,8 @@ int http_client_setup_ssl(const char *ca_file)
     loaded_context loaded = take_context(ca_file);
     SSL_CTX *const context = loaded.context.get();
     if (context == nullptr) {
-        LOG_WARN("SSL_CTX_load_verify_locations");
-        LOG_WARN("SSL ERROR: %s", openssl_error_text(loaded.error).c_str());
+        LOG_REASON(LOG_LEVEL_WARN, "SSL_CTX_load_verify_locations");
+        LOG_REASON(LOG_LEVEL_WARN, "SSL ERROR: %s", openssl_error_text(loaded.error).c_str());
         return -1;
     }
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);

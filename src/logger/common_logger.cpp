@@ -1,6 +1,5 @@
 #include "logger/common_logger.h"
 
-#include <fcntl.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -8,7 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -18,13 +19,12 @@
 #include <string_view>
 
 #include "conffile/conffile.h"
-#include "handles/fd.h"
+#include "handles/memory.h"
+#include "logger/log_file.h"
 
 namespace {
 
 constexpr std::size_t line_capacity = 8000;
-constexpr std::size_t file_name_max = 255;
-constexpr mode_t log_file_mode = 0666; // before the mask
 constexpr std::array<const char *, 6> level_names{"TRACE", "DEBUG", "INFO",
                                                   "WARN",  "ERROR", "SYSLOG"};
 
@@ -41,6 +41,7 @@ struct module_state {
     bool to_file = false;
     bool line_and_file = false;
     std::string file_name;
+    std::uint64_t file_max_size = log_file_default_max_size;
     std::optional<std::string> syslog_ident;
     std::forward_list<category_entry> categories; // the last one used stands first
     const common_logger_observer *observer = nullptr;
@@ -170,6 +171,13 @@ void set_syslog_ident(const char *value)
     open_or_close_syslog(); // which may hold a pointer to the ident that was
 }
 
+/// A size that the next configuration does not name is the default again.
+void begin_configuration()
+{
+    common_logger_reset();
+    state.file_max_size = log_file_default_max_size;
+}
+
 void after_reconfiguration()
 {
     open_or_close_syslog();
@@ -196,41 +204,83 @@ void set_output(bool &output, const char *value)
     state.enabled = state.enabled || output;
 }
 
-void write_line_to_file(const line_buffer &line)
+/// Digits only; another value changes nothing.
+void set_file_max_size(std::string_view value)
 {
-    // Opened and closed for every line, so the file may be rotated or removed at any time. Without
-    // waiting, since a FIFO opens when it has a reader: a line that cannot be written is lost. Not
-    // as a stream: that would take memory, and the line may be the one that tells there is none.
-    const unique_fd file{::open(state.file_name.c_str(),
-                                O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-                                log_file_mode)};
-    if (!file) {
-        return;
-    }
-    std::string_view rest{line.text(), line.length()};
-    ssize_t written = 0;
-    while (!rest.empty() && (written = ::write(file.get(), rest.data(), rest.size())) > 0) {
-        rest.remove_prefix(static_cast<std::size_t>(written));
+    std::uint64_t size = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), size);
+    if (error == std::errc{} && end == value.data() + value.size()) {
+        state.file_max_size = size;
     }
 }
 
-void emit(line_buffer &line, std::size_t after_time, const char *category, int level,
-          const char *file, int source_line)
+bool is_wanted(const char *category, int level)
+{
+    return state.enabled && level >= threshold_of(category);
+}
+
+/// Where a line comes from.
+struct line_origin {
+    const char *category;
+    int level;
+    const char *file;
+    int line;
+};
+
+/// Where the parts of a line begin that are looked at again.
+struct line_parts {
+    std::size_t after_time;
+    std::size_t message;
+};
+
+line_parts begin_line(line_buffer &text, const line_origin &origin)
+{
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    std::tm local{};
+    localtime_r(&now.tv_sec, &local);
+    text.append_time(local);
+    text.append(".%03ld ", static_cast<long>(now.tv_usec / 1000));
+    const std::size_t after_time = text.length();
+    text.append("%5.10s ", level_name(origin.level));
+    if (state.line_and_file) {
+        text.append("file: %s, line: %i - ", origin.file, origin.line);
+    }
+    text.append("%s - ", origin.category);
+    return {after_time, text.length()};
+}
+
+/// False when the message cannot be formatted; standard error then says so.
+[[gnu::format(printf, 3, 0)]] bool finish_message(line_buffer &text, const line_parts &parts,
+                                                  const char *format, va_list arguments)
+{
+    if (!text.append(format, arguments)) {
+        std::fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
+        return false;
+    }
+    text.replace_control_characters(parts.message);
+    return true;
+}
+
+/// True when an output other than the observer has the line. It ends with its newline afterwards.
+bool emit(line_buffer &line, const line_parts &parts, const line_origin &origin)
 {
     if (state.to_stdout) {
         std::puts(line.text());
         std::fflush(stdout);
     }
     if (state.to_syslog) {
-        syslog(level > LOG_LEVEL_WARN ? LOG_ERR : LOG_DEBUG - level, "%s", line.text(after_time));
+        syslog(origin.level > LOG_LEVEL_WARN ? LOG_ERR : LOG_DEBUG - origin.level, "%s",
+               line.text(parts.after_time));
     }
     line.end_line();
-    if (state.to_file) {
-        write_line_to_file(line);
-    }
+    const bool in_file =
+        state.to_file &&
+        log_file_append(state.file_name.c_str(), state.file_max_size, {line.text(), line.length()});
     if (state.observer != nullptr && state.observer->line != nullptr) {
-        state.observer->line(category, level, line.text(), file, source_line);
+        state.observer->line(origin.category, origin.level, line.text(), origin.file, origin.line);
     }
+    return state.to_stdout || state.to_syslog || in_file;
 }
 
 } // namespace
@@ -243,35 +293,47 @@ bool common_logger_is_enabled()
 void common_logger_log(const char *category, int level, const char *file, int line,
                        const char *format, ...)
 {
-    if (!state.enabled || level < threshold_of(category)) {
+    if (!is_wanted(category, level)) {
         return;
     }
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    std::tm local{};
-    localtime_r(&now.tv_sec, &local);
-
+    const line_origin origin{category, level, file, line};
     line_buffer text;
-    text.append_time(local);
-    text.append(".%03ld ", static_cast<long>(now.tv_usec / 1000));
-    const std::size_t after_time = text.length();
-    text.append("%5.10s ", level_name(level));
-    if (state.line_and_file) {
-        text.append("file: %s, line: %i - ", file, line);
-    }
-    text.append("%s - ", category);
-    const std::size_t message = text.length();
-
+    const line_parts parts = begin_line(text, origin);
     va_list arguments;
     va_start(arguments, format);
-    const bool formatted = text.append(format, arguments);
+    if (finish_message(text, parts, format, arguments)) {
+        emit(text, parts, origin);
+    }
     va_end(arguments);
-    if (!formatted) {
-        std::fprintf(stderr, "vsnprintf failed due to error %d\n", errno);
+}
+
+void common_logger_tell(const char *category, int level, const char *file, int line,
+                        const char *format, ...)
+{
+    const line_origin origin{category, level, file, line};
+    line_buffer text;
+    const line_parts parts = begin_line(text, origin);
+    va_list arguments;
+    va_start(arguments, format);
+    const bool is_whole = finish_message(text, parts, format, arguments);
+    va_end(arguments);
+    if (!is_whole) {
         return;
     }
-    text.replace_control_characters(message);
-    emit(text, after_time, category, level, file, line);
+    if (!is_wanted(category, level)) {
+        text.end_line();
+    } else if (emit(text, parts, origin)) {
+        return;
+    }
+    // Not as a stream: that may take memory, and the line may be the one that tells there is none.
+    log_file_write_all(STDERR_FILENO, {text.text(), text.length()});
+}
+
+void common_logger_read_time_zone()
+{
+    // The C library reads it under a lock that the time of a log line waits for.
+    const exhaustion_met_at_end not_under_the_lock;
+    tzset();
 }
 
 void common_logger_set(const char *key, const char *value)
@@ -292,7 +354,9 @@ void common_logger_set(const char *key, const char *value)
     } else if (name == "file") {
         set_output(state.to_file, value);
     } else if (name == "file.name") {
-        state.file_name = std::string{value}.substr(0, file_name_max);
+        state.file_name = std::string{value}.substr(0, log_file_name_max);
+    } else if (name == "file.maxsize") {
+        set_file_max_size(value);
     } else if (name == "lineandfile") {
         state.line_and_file = is_true(value);
     } else if (name == "syslog.ident") {
@@ -308,7 +372,7 @@ void common_logger_set(const char *key, const char *value)
 
 void common_logger_configure_from_string(const char *text)
 {
-    common_logger_reset();
+    begin_configuration();
     std::string_view rest{text == nullptr ? "" : text};
     while (!rest.empty()) {
         const std::string item{rest.substr(0, rest.find(':'))};
@@ -324,7 +388,7 @@ void common_logger_configure_from_string(const char *text)
 void common_logger_configure_from_file(const ConfigFile *file)
 {
     constexpr std::string_view prefix = "logger.";
-    common_logger_reset();
+    begin_configuration();
     for (const ConfigPair *pair = conffile_next_pair(file, nullptr); pair != nullptr;
          pair = conffile_next_pair(file, pair)) {
         if (std::string_view{conffile_pair_key(pair)}.starts_with(prefix)) {

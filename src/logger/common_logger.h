@@ -35,11 +35,21 @@ struct common_logger_observer {
                                                      const char *file, int line, const char *format,
                                                      ...);
 
+/// The same for a line that must not be lost: when no output but the observer has it, because the log
+/// is off, the level is not written or the file cannot be, it goes to standard error. Allocates
+/// nothing.
+[[gnu::format(printf, 5, 6)]] void common_logger_tell(const char *category, int level,
+                                                      const char *file, int line,
+                                                      const char *format, ...);
+
+/// Reads the time zone, which the times of the lines are in: at start and on every reload.
+void common_logger_read_time_zone();
+
 /// False while nothing can be emitted, so that the macros do not even evaluate their arguments.
 [[nodiscard]] bool common_logger_is_enabled();
 
-/// Sets one key ("enabled", "level", "stdout", "syslog", "file", "file.name", "lineandfile",
-/// "syslog.ident", "category.NAME"). Unknown keys are ignored; a null key or value too.
+/// Sets one key ("enabled", "level", "stdout", "syslog", "file", "file.name", "file.maxsize",
+/// "lineandfile", "syslog.ident", "category.NAME"). Unknown keys are ignored; a null key or value too.
 void common_logger_set(const char *key, const char *value);
 
 /// Resets, then applies items of the form key=value separated by ":"; items without "=" are
@@ -51,7 +61,7 @@ void common_logger_configure_from_string(const char *text);
 void common_logger_configure_from_file(const ConfigFile *file);
 
 /// Disables the logger, its file output and syslog, and forgets every category. Level, standard
-/// output flag, "lineandfile", file name and syslog ident are kept.
+/// output flag, "lineandfile", file name and size, and syslog ident are kept.
 void common_logger_reset();
 
 /// `observer` is borrowed and must outlive its use; null removes it.
@@ -69,4 +79,7 @@ void common_logger_set_observer(const common_logger_observer *observer);
 #define LOG_INFO(...)  LOG_AT(LOG_LEVEL_INFO, __VA_ARGS__)
 #define LOG_WARN(...)  LOG_AT(LOG_LEVEL_WARN, __VA_ARGS__)
 #define LOG_ERROR(...) LOG_AT(LOG_LEVEL_ERROR, __VA_ARGS__)
+/// Why the process ends: a line that is told on standard error when the log does not have it.
+#define LOG_REASON(level, ...)                                                                    \
+    common_logger_tell(log_category, level, __FILE__, __LINE__, __VA_ARGS__)
 // clang-format on

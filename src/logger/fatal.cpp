@@ -1,11 +1,7 @@
 #include "logger/fatal.h"
 
-#include <cstdio>
-#include <ctime>
 #include <exception>
 #include <new>
-
-#include "handles/memory.h"
 
 namespace {
 
@@ -21,9 +17,6 @@ void out_of_memory()
 {
     // What the line itself asks for, it does without.
     std::set_new_handler(nullptr);
-    if (!common_logger_is_enabled()) {
-        std::fputs("not enough memory\n", stderr);
-    }
     FATAL("%s: %s is null: %s", state.function, state.object, "not enough memory");
 }
 
@@ -43,9 +36,7 @@ allocation_name::~allocation_name()
 void fatal_install_memory_handler()
 {
     std::set_new_handler(out_of_memory);
-    // The C library reads the time zone once, under a lock that the time of a log line waits for.
-    const exhaustion_met_at_end not_under_the_lock;
-    tzset();
+    common_logger_read_time_zone();
 }
 
 #ifdef __GLIBCXX__
@@ -54,9 +45,6 @@ void fatal_install_memory_handler()
 /// know how to write names.
 void __gnu_cxx::__verbose_terminate_handler()
 {
-    if (!common_logger_is_enabled()) {
-        std::fputs("std::terminate: call failed: the C++ library\n", stderr);
-    }
     FATAL("%s: call failed: %s result: %i loc: %s:%i", "std::terminate", "the C++ library", 0,
           __FILE__, __LINE__);
 }

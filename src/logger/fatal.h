@@ -8,10 +8,11 @@
 /// The file that uses these macros has a `log_category` (see common_logger.h).
 
 // clang-format off
-/// One ERROR line of the caller's own text, then abort().
+/// One ERROR line of the caller's own text, on standard error when the log does not have it; then
+/// abort().
 #define FATAL(...)                                                                                \
     do {                                                                                          \
-        LOG_ERROR(__VA_ARGS__);                                                                   \
+        LOG_REASON(LOG_LEVEL_ERROR, __VA_ARGS__);                                                                   \
         std::abort();                                                                             \
     } while (false)
 

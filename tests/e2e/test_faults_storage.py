@@ -150,6 +150,166 @@ def test_on_a_full_disk_of_64_kib_it_serves_and_takes_pairings_again_when_there_
     assert committed_on(small_disk, access_point) == {"Anna's iPhone", "Late"}
 
 
+class SmallStore:
+    """A store of its own on a file system of a few KiB, in a mount namespace that lives as long."""
+
+    def __init__(self, access_point: AccessPoint, kib: int) -> None:
+        self.nvram = str(access_point.build.program("nvram"))
+        place = access_point.directory / "small"
+        place.mkdir()
+        mount = f"mount -t tmpfs -o size={kib}k none '{place}' && echo && exec cat"
+        self.keeper = subprocess.Popen(
+            ["unshare", "--mount", "--propagation", "private", "sh", "-c", mount],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
+        assert self.keeper.stdout
+        self.keeper.stdout.readline()
+        self.place = Path(f"/proc/{self.keeper.pid}/root{place}")
+
+    def __enter__(self) -> SmallStore:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.keeper.communicate()
+
+    def run(self, *arguments: str) -> int:
+        environment = {"VELM_NVRAM": str(self.place)}
+        done = subprocess.run([self.nvram, *arguments], env=environment, capture_output=True)
+        assert done.returncode == 0 or b"No space left on device" in done.stderr, done.stderr
+        assert b"unfinished" not in done.stderr
+        assert b"damaged" not in done.stderr
+        return done.returncode
+
+    def show(self) -> dict[str, str]:
+        environment = {"VELM_NVRAM": str(self.place)}
+        shown = subprocess.run(
+            [self.nvram, "show"], env=environment, capture_output=True, text=True, check=True
+        )
+        assert shown.stderr == ""
+        return dict(line.split("=", 1) for line in shown.stdout.splitlines())
+
+    def after_power_cut(self) -> dict[str, str]:
+        """What the next boot would find."""
+        live = self.place / "live"
+        aside = self.place / "aside"
+        live.rename(aside)
+        found = self.show()
+        aside.rename(live)
+        return found
+
+    def fill(self, length: int) -> dict[str, str]:
+        """Sets values until no more fit."""
+        number = 0
+        while self.run("set", f"value{number:03}={chr(97 + number % 26) * length}") == 0:
+            number += 1
+        assert number > 1
+        return self.show()
+
+
+SIZES = [(64, 4000), (64, 700), (64, 9000), (128, 4000), (32, 3000)]
+
+
+@pytest.mark.parametrize(("kib", "length"), SIZES)
+def test_a_store_that_has_filled_its_disk_can_be_made_smaller_value_by_value(
+    kib: int, length: int, cold_access_point: AccessPoint
+) -> None:
+    with SmallStore(cold_access_point, kib) as store:
+        assert store.run("set", "base=1") == store.run("commit") == 0
+        held = store.fill(length)
+        for name in sorted(held)[:-1]:
+            assert store.run("unset", name) == 0
+            del held[name]
+            assert store.show() == held
+        assert store.run("set", f"again={'x' * length}") == 0
+        assert store.run("commit") == 0
+        assert store.after_power_cut() == {**held, "again": "x" * length}
+
+
+@pytest.mark.parametrize(("kib", "length"), SIZES)
+def test_a_store_that_has_filled_its_disk_goes_back_to_its_commit(
+    kib: int, length: int, cold_access_point: AccessPoint
+) -> None:
+    with SmallStore(cold_access_point, kib) as store:
+        assert store.run("set", "base=1") == store.run("commit") == 0
+        store.fill(length)
+        assert store.run("revert") == 0
+        assert store.show() == {"base": "1"}
+        assert store.run("set", f"again={'x' * length}") == store.run("commit") == 0
+        assert store.after_power_cut() == {"base": "1", "again": "x" * length}
+
+
+@pytest.mark.parametrize(("kib", "length"), SIZES)
+def test_on_a_disk_that_others_have_filled_a_smaller_store_is_committed(
+    kib: int, length: int, cold_access_point: AccessPoint
+) -> None:
+    """Where not a byte is free: a change, a commit, a way back, and all again with room."""
+    with SmallStore(cold_access_point, kib) as store:
+        length = min(length, kib * 1024 // 10)
+        for values in ({"a": "1", "b": "2"}, {"a": "3", "b": "2"}):
+            given = [f"{name}={value * length}" for name, value in values.items()]
+            assert store.run("set", *given) == store.run("commit") == 0
+        ballast = store.place / "ballast"
+        with contextlib.suppress(OSError):
+            ballast.write_bytes(bytes(kib * 1024))
+        assert store.run("unset", "a") == 0
+        assert store.show() == {"b": "2" * length}
+        assert store.run("revert") == 0
+        assert store.show() == {"a": "3" * length, "b": "2" * length}
+        assert store.run("unset", "b") == 0
+        assert store.run("commit") == 0
+        assert store.after_power_cut() == {"a": "3" * length}
+        ballast.unlink()
+        assert store.run("set", "c=4") == store.run("commit") == 0
+        assert store.after_power_cut() == {"a": "3" * length, "c": "4"}
+
+
+def fill_around(access_point: AccessPoint, store: Path) -> list[str]:
+    """Fills the disk of a running daemon to the last bytes; the names of what it was filled with."""
+    with contextlib.suppress(OSError):
+        (store / "ballast").write_bytes(bytes(1 << 17))
+    names: list[str] = []
+    environment = {"VELM_NVRAM": str(store)}
+    while True:
+        name = f"filler{len(names):014}"
+        if access_point.nvram("set", f"{name}=1", environment=environment).returncode != 0:
+            return names
+        names.append(name)
+
+
+def test_a_daemon_sees_what_others_made_smaller_on_a_full_disk(
+    cold_access_point: AccessPoint, small_disk: Path
+) -> None:
+    access_point = cold_access_point
+    environment = {"VELM_NVRAM": str(small_disk)}
+    names = fill_around(access_point, small_disk)
+    assert access_point.phone().info().status == 200
+    assert access_point.nvram("unset", *names, environment=environment).returncode == 0
+    before = settings_of(access_point, small_disk)
+    (small_disk / "ballast").unlink()
+    assert access_point.phone().pair().status == 200
+    after = settings_of(access_point, small_disk)
+    assert {k: v for k, v in after.items() if not k.startswith("zelkad_pairing_")} == before
+
+
+def test_a_pairing_that_the_disk_cuts_off_is_answered_with_500_and_leaves_its_slot_free(
+    cold_access_point: AccessPoint, small_disk: Path
+) -> None:
+    access_point = cold_access_point
+    names = fill_around(access_point, small_disk)
+    # Room for the status of a slot and for no more.
+    environment = {"VELM_NVRAM": str(small_disk)}
+    assert access_point.nvram("unset", *names[-3:], environment=environment).returncode == 0
+    phone = access_point.phone()
+    assert phone.pair().status == 500
+    assert "http_method_pair_handle - not stored: " in access_point.log()
+    assert settings_of(access_point, small_disk)["zelkad_pairing_0_status"] == "Invalid"
+    assert phone.pairings().json() == {"pairings": []}
+    (small_disk / "ballast").unlink()
+    assert phone.pair().status == 200
+    assert phone.location().status == 200
+
+
 def committed_on(store: Path, access_point: AccessPoint) -> set[str]:
     copy = access_point.directory / "disk-copy"
     shutil.rmtree(copy, ignore_errors=True)

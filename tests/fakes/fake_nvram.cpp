@@ -17,6 +17,15 @@ extern "C" int nvram_set(const char *name, const char *value)
 {
     ++fake_nvram.writes;
     fake_nvram.written.emplace_back(name);
+    const bool is_lost = fake_nvram.lost_write > 0 && --fake_nvram.lost_write == 0;
+    if (fake_nvram.room == 0 || is_lost) {
+        return -1;
+    }
+    fake_nvram.room -= fake_nvram.room > 0 ? 1 : 0;
+    if (*value == '\0' && !fake_nvram.keeps_empty_values) {
+        fake_nvram.values.erase(name);
+        return 0;
+    }
     fake_nvram.values[name] = value;
     return 0;
 }
@@ -24,5 +33,5 @@ extern "C" int nvram_set(const char *name, const char *value)
 extern "C" int nvram_commit(void)
 {
     ++fake_nvram.commits;
-    return 0;
+    return fake_nvram.commit_fails ? -1 : 0;
 }

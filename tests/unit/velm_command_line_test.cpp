@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -59,6 +60,38 @@ TEST(CommandLine, ARelativeConfigurationPathBecomesAbsoluteAndAnEmptyOneStays)
     EXPECT_EQ(parse({"velmd", "-c", "x.conf"}).config_path, std::string{directory} + "/x.conf");
     std::free(directory);
     EXPECT_EQ(parse({"velmd", "-c", ""}).config_path, "");
+}
+
+using arguments = std::vector<std::string>;
+
+std::string here()
+{
+    return std::filesystem::current_path().string();
+}
+
+TEST(CommandLine, TheArgumentsForARestartHoldAbsolutePaths)
+{
+    const arguments apart = parse({"/sbin/velmd", "-n", "br7", "-c", "a.conf"}).restart_arguments;
+    EXPECT_EQ(apart, (arguments{"/sbin/velmd", "-n", "br7", "-c", here() + "/a.conf"}));
+    const arguments together =
+        parse({"/sbin/velmd", "-hca.conf", "-i", "a.conf"}).restart_arguments;
+    EXPECT_EQ(together, (arguments{"/sbin/velmd", "-hc" + here() + "/a.conf", "-i", "a.conf"}));
+}
+
+TEST(CommandLine, TheArgumentsForARestartAreThoseThatWereGivenWhereNothingIsRelative)
+{
+    const arguments given = {"/sbin/velmd", "-c", "/etc/a.conf", "-b", "1,2"};
+    EXPECT_EQ(parse(given).restart_arguments, given);
+    EXPECT_EQ(parse({"/sbin/velmd", "-c", ""}).restart_arguments,
+              (arguments{"/sbin/velmd", "-c", ""}));
+    EXPECT_EQ(parse({"/sbin/velmd"}).restart_arguments, arguments{"/sbin/velmd"});
+}
+
+TEST(CommandLine, AProgramNamedWithoutItsPathIsStartedAgainByItsPath)
+{
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+    EXPECT_EQ(parse({"velmd"}).restart_arguments, arguments{program});
+    EXPECT_EQ(parse({"./velmd"}).restart_arguments, arguments{program});
 }
 
 TEST(CommandLine, HelpAndVersionBesideAnotherOptionAreIgnored)

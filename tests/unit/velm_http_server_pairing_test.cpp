@@ -332,6 +332,24 @@ INSTANTIATE_TEST_SUITE_P(Members, AttestedAuth,
                          testing::Values(auth_case{"deviceId", 1024}, auth_case{"challenge", 1024}),
                          [](const auto &row) { return std::string{row.param.name}; });
 
+TEST_F(Pairing, ThatTheStoreDoesNotKeepGives500AndLeavesTheSlotFree)
+{
+    fake_nvram.lost_write = 3;
+    EXPECT_EQ(pair(pair_body()), 500);
+    EXPECT_EQ(stored(0, "status"), "Invalid");
+    EXPECT_EQ(stored(0, "dev_id"), "");
+    EXPECT_TRUE(log_.has("ERROR velm_http_server - http_method_pair_handle - not stored: dev-1"));
+}
+
+TEST_F(Pairing, ASlotThatIsLiveWithoutADeviceIsNotListed)
+{
+    store_phone("dev-1");
+    fake_nvram.values["zelkad_pairing_1_status"] = "Valid";
+    EXPECT_EQ(list(), R"({"pairings":[)"
+                      R"({"deviceId":"dev-1","friendlyName":"old name","deviceType":"iOS",)"
+                      R"("pairingDate":"2020-09-13T12:26:40Z"}]})");
+}
+
 TEST_F(Pairing, AgainWithAnAssertionKeepsSlotDateAndKeyAndReplacesTheRest)
 {
     store_phone("other");

@@ -283,6 +283,92 @@ TEST_F(Pairings, InitNamesItselfAndPrintsThem)
     EXPECT_EQ(log.lines()[1], "TRACE velm_nvram_pairings - velm pairings [");
 }
 
+/// One with a text in every member.
+json_ptr whole_phone(const char *dev_id)
+{
+    json_ptr pairing = velm_nvram_pairings_create_empty_pairing();
+    for (const char *member : {"dev_id", "dev_type", "name", "push_token", "dev_model",
+                               "os_version", "attestation_key"}) {
+        velm_nvram_pairings_update_pairing_field(pairing.get(), member, member);
+    }
+    velm_nvram_pairings_update_pairing_field(pairing.get(), "dev_id", dev_id);
+    return pairing;
+}
+
+TEST_F(Pairings, WhateverWriteIsTheFirstThatIsLostThePairingIsNotStored)
+{
+    for (int kept = 0; kept <= 9; ++kept) {
+        fake_nvram = {};
+        fake_nvram.room = kept;
+        const captured_log log;
+        const json_ptr pairing = whole_phone("id-1");
+        velm_nvram_pairings_insert_pairing(pairing.get());
+        EXPECT_EQ(velm_nvram_pairings_is_stored(pairing.get()), kept == 9) << kept;
+        EXPECT_EQ(log.count("ERROR velm_nvram_pairings - velm_nvram_pairings_write_pairing - "),
+                  kept == 9 ? 0 : 1);
+        EXPECT_EQ(velm_nvram_pairings_limit_reached(), 0);
+    }
+}
+
+TEST_F(Pairings, AStoreThatKeepsNoEmptyValuesKeepsPairings)
+{
+    fake_nvram.keeps_empty_values = false;
+    insert("id-1");
+    EXPECT_EQ(live_ids(), std::vector<std::string>{"id-1"});
+    EXPECT_TRUE(velm_nvram_pairings_is_stored(velm_nvram_pairings_select_pairing("id-1").get()));
+}
+
+TEST_F(Pairings, WhenThereIsRoomAgainForTheWordInvalidTheSlotIsEmptied)
+{
+    insert("id-1");
+    insert("id-2");
+    fake_nvram.lost_write = 9; // the last of the pairing; what takes it back is kept
+    velm_nvram_pairings_insert_pairing(whole_phone("id-3").get());
+    EXPECT_EQ(live_ids(), (std::vector<std::string>{"id-1", "id-2"}));
+    EXPECT_EQ(fake_nvram.values["zelkad_pairing_2_status"], "Invalid");
+    EXPECT_EQ(fake_nvram.values["zelkad_pairing_2_dev_id"], "");
+    EXPECT_EQ(velm_nvram_pairings_limit_reached(), 0);
+    insert("id-3");
+    EXPECT_EQ(live_ids(), (std::vector<std::string>{"id-1", "id-2", "id-3"}));
+}
+
+TEST_F(Pairings, AValidSlotWithoutADeviceIdIsFree)
+{
+    insert("id-1");
+    fake_nvram.values["zelkad_pairing_1_status"] = "Valid";
+    fake_nvram.values["zelkad_pairing_1_push_token"] = "nobody's";
+    fake_nvram.values["zelkad_pairing_2_status"] = "Valid";
+    fake_nvram.values["zelkad_pairing_2_dev_id"] = "";
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+    EXPECT_EQ(velm_nvram_pairings_limit_reached(), 0);
+    EXPECT_EQ(live_ids(), std::vector<std::string>{"id-1"});
+    EXPECT_EQ(cJSON_GetArraySize(velm_nvram_pairings_get_push_tokens().get()), 1);
+    insert("id-2");
+    EXPECT_EQ(velm_nvram_pairings_select_index_by_field("id-2"), 1);
+    insert("id-3");
+    EXPECT_EQ(live_ids(), (std::vector<std::string>{"id-1", "id-2", "id-3"}));
+    EXPECT_EQ(velm_nvram_pairings_limit_reached(), 1);
+}
+
+TEST_F(Pairings, WhatIsWholeIsStoredAndAnotherIsNot)
+{
+    insert("id-1", "Anna");
+    json_ptr pairing = velm_nvram_pairings_select_pairing("id-1");
+    EXPECT_TRUE(velm_nvram_pairings_is_stored(pairing.get()));
+    velm_nvram_pairings_update_pairing_field(pairing.get(), "name", "Berta");
+    EXPECT_FALSE(velm_nvram_pairings_is_stored(pairing.get()));
+    EXPECT_FALSE(velm_nvram_pairings_is_stored(phone("id-2").get()));
+}
+
+TEST_F(Pairings, ACommitThatFailsIsAnErrorLine)
+{
+    fake_nvram.commit_fails = true;
+    const captured_log log;
+    velm_nvram_pairings_save_pairings();
+    EXPECT_TRUE(log.has("ERROR velm_nvram_pairings - velm_nvram_pairings_save_pairings - "
+                        "nvram_commit failed: -1"));
+}
+
 using PairingsDeath = Pairings;
 
 TEST_F(PairingsDeath, IndexOutsideTheLimitIsFatalWhereOneIsRequired)

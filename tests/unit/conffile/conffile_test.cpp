@@ -95,6 +95,36 @@ INSTANTIATE_TEST_SUITE_P(Files, ConffileRejected,
                                          rejected_case{"OnlyTheLastLine", "a=1\nbc\n"}),
                          [](const auto &row) { return std::string{row.param.name}; });
 
+struct bad_line_case {
+    const char *name, *text;
+    unsigned line;
+};
+class ConffileBadLine : public Conffile, public testing::WithParamInterface<bad_line_case> {};
+
+TEST_P(ConffileBadLine, IsNamedByItsNumber)
+{
+    directory.write("conf", GetParam().text);
+    static_cast<void>(conffile_parse(directory.path("conf").c_str()));
+    EXPECT_EQ(conffile_bad_line(), GetParam().line);
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, ConffileBadLine,
+                         testing::Values(bad_line_case{"First", "no pair\n", 1},
+                                         bad_line_case{"None", "a=b\n", 0},
+                                         bad_line_case{"Blanks", "a=b\n\n# c\n   \nd=e\n", 4},
+                                         bad_line_case{"OfDos", "a=b\r\n\r\nno pair\r\n", 3},
+                                         bad_line_case{"Last", "a=b\nno pair", 2}),
+                         [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(Conffile, AGoodOneForgetsTheBadLineOfTheLast)
+{
+    directory.write("conf", "no pair\n");
+    static_cast<void>(conffile_parse(directory.path("conf").c_str()));
+    EXPECT_EQ(conffile_bad_line(), 1U);
+    EXPECT_EQ(conffile_parse("/nowhere/conf"), nullptr);
+    EXPECT_EQ(conffile_bad_line(), 0U);
+}
+
 TEST_F(Conffile, IsReadOnlyUpToItsFirst4095Characters)
 {
     const std::string content = "key=" + std::string(4996, 'x');

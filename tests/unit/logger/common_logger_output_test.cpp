@@ -347,6 +347,141 @@ TEST_F(LoggerOutput, AFifoNeverBlocksAndItsLinesAreLostWhileNobodyReads)
     alarm(0);
 }
 
+/// The length of a line whose message is one letter.
+constexpr std::size_t short_line = 24 + 5 + 1 + 4 + 3 + 1 + 1;
+
+class LogFile : public LoggerOutput {
+  protected:
+    LogFile()
+    {
+        common_logger_configure_from_string("file=yes");
+        common_logger_set("file.name", directory.path("log").c_str());
+    }
+    void lines(int count)
+    {
+        for (int line = 0; line < count; ++line) {
+            LOG_ERROR("%c", 'a' + line);
+        }
+    }
+    bool exists(const char *name)
+    {
+        return std::filesystem::exists(directory.path(name));
+    }
+};
+
+TEST_F(LogFile, ThatWouldBecomeTooLongIsRenamedAndBegunAnew)
+{
+    common_logger_set("file.maxsize", std::to_string(2 * short_line).c_str());
+    lines(2);
+    EXPECT_FALSE(exists("log.1"));
+    lines(3);
+    EXPECT_THAT(directory.read("log.1"), MatchesRegex(".* main - a\n.* main - b\n"));
+    EXPECT_THAT(directory.read("log"), MatchesRegex("[^\n]* main - c\n"));
+}
+
+TEST_F(LogFile, OfSixteenMebibytesIsFullUnlessAnotherSizeIsNamed)
+{
+    directory.write("log", "");
+    std::filesystem::resize_file(directory.path("log"), 16 * 1024 * 1024 - short_line);
+    lines(1);
+    EXPECT_FALSE(exists("log.1"));
+    lines(1);
+    EXPECT_EQ(std::filesystem::file_size(directory.path("log.1")), 16U * 1024 * 1024);
+    EXPECT_EQ(std::filesystem::file_size(directory.path("log")), short_line);
+}
+
+TEST_F(LogFile, OfSizeZeroIsNeverRenamed)
+{
+    directory.write("log", "");
+    std::filesystem::resize_file(directory.path("log"), 17 * 1024 * 1024);
+    common_logger_set("file.maxsize", "0");
+    lines(2);
+    EXPECT_FALSE(exists("log.1"));
+}
+
+TEST_F(LogFile, ASizeThatIsNoNumberChangesNothing)
+{
+    common_logger_set("file.maxsize", "1");
+    for (const char *value : {"", "x", "-1", "10k", "99999999999999999999999"}) {
+        common_logger_set("file.maxsize", value);
+    }
+    lines(2);
+    EXPECT_TRUE(exists("log.1"));
+}
+
+TEST_F(LogFile, TheNextConfigurationHasTheDefaultSizeAgain)
+{
+    common_logger_set("file.maxsize", "1");
+    common_logger_configure_from_string("file=yes");
+    lines(2);
+    EXPECT_FALSE(exists("log.1"));
+}
+
+TEST_F(LogFile, ThatCannotBeRenamedIsEmptiedAndSaysSo)
+{
+    std::filesystem::create_directories(directory.path("log.1/in the way"));
+    common_logger_set("file.maxsize", std::to_string(2 * short_line).c_str());
+    lines(3);
+    EXPECT_THAT(directory.read("log"),
+                MatchesRegex("log file cannot be renamed, so it was emptied: error [0-9]+\n"
+                             "[^\n]* main - c\n"));
+}
+
+TEST_F(LogFile, IsReadableForItsOwnerAndGroupOnly)
+{
+    const mode_t mask = umask(022);
+    lines(1);
+    umask(mask);
+    EXPECT_EQ(std::filesystem::status(directory.path("log")).permissions(),
+              std::filesystem::perms{0640});
+}
+
+std::string stderr_of(void (*tell)())
+{
+    testing::internal::CaptureStderr();
+    tell();
+    return testing::internal::GetCapturedStderr();
+}
+
+void tell()
+{
+    LOG_REASON(LOG_LEVEL_ERROR, "why %s", "it\nends");
+}
+
+TEST_F(LoggerOutput, AReasonGoesToStandardErrorWhileTheLogIsOff)
+{
+    EXPECT_THAT(stderr_of(tell), MatchesRegex("20[^\n]* ERROR main - why it ends\n"));
+}
+
+TEST_F(LoggerOutput, AReasonGoesToStandardErrorWhenItsLevelIsMuted)
+{
+    common_logger_configure_from_string("enabled=yes:stdout=yes:level=nothing");
+    EXPECT_THAT(stderr_of(tell), HasSubstr("ERROR main - why it ends\n"));
+}
+
+TEST_F(LoggerOutput, AReasonGoesToStandardErrorWithoutAnyOutput)
+{
+    common_logger_configure_from_string("enabled=yes");
+    EXPECT_THAT(stderr_of(tell), HasSubstr("ERROR main - why it ends\n"));
+}
+
+TEST_F(LoggerOutput, AReasonGoesToStandardErrorWhenItsFileCannotBeWritten)
+{
+    common_logger_configure_from_string("file=yes:file.name=/nowhere/log");
+    EXPECT_THAT(stderr_of(tell), MatchesRegex("20[^\n]* ERROR main - why it ends\n"));
+}
+
+TEST_F(LoggerOutput, AReasonThatAnOutputHasDoesNotGoToStandardError)
+{
+    common_logger_configure_from_string("syslog=yes");
+    EXPECT_EQ(stderr_of(tell), "");
+    EXPECT_EQ(recorded_syslog.entries.size(), 1U);
+    common_logger_configure_from_string("file=yes");
+    common_logger_set("file.name", directory.path("log").c_str());
+    EXPECT_EQ(stderr_of(tell), "");
+    EXPECT_THAT(directory.read("log"), HasSubstr("ERROR main - why it ends\n"));
+}
+
 TEST_F(LoggerOutput, AFileNameIsCutTo255Characters)
 {
     const std::string folder = directory.path("");

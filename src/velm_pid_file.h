@@ -1,0 +1,22 @@
+#pragma once
+
+#include "handles/fd.h"
+
+/// The pid file of a daemon in the background: "%ld\n", mode 0644. Whoever runs holds a lock on it for
+/// as long as it lives, its children by fork included, so a second daemon for the same file is noticed,
+/// and a file that a dead one left is taken over. The kernel lets go of the lock; nobody removes the
+/// file.
+
+struct velm_pid_file {
+    unique_fd file; // none: it cannot be opened, or another process holds it
+    bool is_held_by_other = false;
+    long holder = 0; // its pid; 0 when the file does not say
+};
+
+/// Opens and locks the file, and empties it: its pid is nobody's now. A file that another process holds
+/// stays as it is. A relative path counts from "/". What is no regular file is not locked, nor is
+/// one of a file system without locks.
+[[nodiscard]] velm_pid_file velm_pid_file_claim(const char *path);
+
+/// Writes the pid of this process. False when that fails.
+[[nodiscard]] bool velm_pid_file_write(const velm_pid_file &claimed);
