@@ -67,6 +67,8 @@ constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
 constexpr timeval listener_pause_time{0, 200000};
 constexpr std::time_t longest_wait_s = 600; // what the parser gives a request
+// The clock on the wall, by which requests wait, may be set forward: it is looked at this often.
+constexpr std::time_t longest_sleep_s = 3;
 
 /// Its requests are counted and not searched for: a client that floods would be served at the cost of
 /// the others, once for each request of each of them.
@@ -126,7 +128,7 @@ timeval timer_delay(const velm_ipc *server, timer_state wanted)
         return tick_interval;
     }
     const std::time_t left = server->requests.front().deadline - std::time(nullptr);
-    return {std::clamp(left, std::time_t{0}, longest_wait_s) + 1, 0};
+    return {std::clamp(left + 1, std::time_t{1}, longest_sleep_s), 0};
 }
 
 /// After every change that may make a tick due sooner, or not at all. One that is set for a request

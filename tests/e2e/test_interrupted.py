@@ -230,13 +230,11 @@ def test_a_request_that_nobody_answered_is_forgotten_after_ten_minutes(
     ipc = connect_ipc()
     ipc.request()
     cloud.fcm.wait()
-    # The daemon sleeps until the ten minutes are over, so something else makes it look.
     access_point.move_clock(590)
-    connect_ipc().close()
+    connect_ipc().close()  # which makes the daemon look at once
     access_point.daemon.wait_log("Conn delete")
     assert "Removing orphaned request" not in access_point.log()
-    access_point.move_clock(602)
-    connect_ipc().close()
+    access_point.move_clock(602)  # nobody tells it; it looks every few seconds
     access_point.daemon.wait_log("Removing orphaned request")
     assert paired_phone.location().status == 200
     assert ipc.receive_report().valid == 1
