@@ -135,7 +135,7 @@ def test_a_wrong_login_of(
         "wrong password": {"password": "wrong"},
         "unknown user": {"username": "nobody-here"},
         "root": {"username": ROOT.username, "password": ROOT.password},
-        "an account without password": {"username": "empty", "password": "x"},
+        "a locked account": {"username": "locked", "password": "!"},
     }
     cases = {
         name: Bad(lambda phone, auth=auth: prepare(phone, path, auth=auth), 401, BROKEN[401])
