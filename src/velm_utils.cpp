@@ -177,7 +177,7 @@ json_ptr velm_split_string(const char *string, const char *separator)
 
 void velm_utils_log_hex(const void *bytes, std::size_t count)
 {
-    if (bytes == nullptr || count == 0 || !common_logger_is_enabled()) {
+    if (bytes == nullptr || count == 0 || !common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         return;
     }
     if (count > hex_dump_max) {

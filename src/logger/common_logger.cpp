@@ -240,10 +240,15 @@ bool common_logger_is_enabled()
     return state.enabled;
 }
 
+bool common_logger_writes(const char *category, int level)
+{
+    return state.enabled && level >= threshold_of(category);
+}
+
 void common_logger_log(const char *category, int level, const char *file, int line,
                        const char *format, ...)
 {
-    if (!state.enabled || level < threshold_of(category)) {
+    if (!common_logger_writes(category, level)) {
         return;
     }
     timeval now{};
