@@ -169,7 +169,7 @@ void velm_config_load_from_file(velm_config *config, const char *file)
 void velm_config_print_to_log(const velm_config *config)
 {
     REQUIRE_NOT_NULL(config, "config");
-    if (!common_logger_is_enabled()) {
+    if (!common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         return;
     }
     print_rows(*config, file_rows);

@@ -3,6 +3,8 @@
 #include "logger/fatal.h"
 #include "velm_challenge_engine.h"
 #include "velm_http_server_routes.h"
+#include "velm_request_preprocessor.h"
+#include "velm_request_refusal.h"
 
 namespace {
 
@@ -57,6 +59,9 @@ void reply_challenge(evhtp_request_t *request)
 {
     const char *const challenge = velm_challenge_engine_generate_challenge();
     if (challenge == nullptr) {
+        const velm_request_body parsed = velm_request_parse_request_body(request);
+        velm_request_log_refusal_of(request, "/challenge", "too many pending challenges",
+                                    cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth"));
         http_server_reply_status(request, EVHTP_RES_SERVUNAVAIL);
         return;
     }

@@ -7,6 +7,7 @@
 #include "velm_location_policy_ipc_queue.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor.h"
+#include "velm_request_refusal.h"
 #include "velm_utils.h"
 
 /// What /location does once every check has passed: it hands the location on as it came.
@@ -73,11 +74,13 @@ int take_location(evhtp_request_t *request)
 {
     const velm_request_body parsed = velm_request_parse_request_body(request);
     if (parsed.status != 200) {
+        velm_request_log_refusal_of(request, "/location", "no valid body", nullptr);
         return parsed.status;
     }
     const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
     const cJSON *const location = location_data(parsed.body.get());
     if (location == nullptr) {
+        velm_request_log_refusal_of(request, "/location", "no valid location data", auth);
         return 400;
     }
     const std::optional<std::string> ip = peer_text(request);

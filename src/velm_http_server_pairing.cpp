@@ -13,16 +13,23 @@
 #include "velm_nvram_pairings.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor.h"
+#include "velm_request_refusal.h"
 #include "velm_utils.h"
 
-/// What /pair, /pairings and /unpair do once every check has passed. The functions that give an int
-/// give the HTTP status to answer with; nothing is stored before every step has passed.
+/// What /pair, /pairings and /unpair do once every check has passed. Nothing is stored before every
+/// step has passed.
 
 namespace {
 
 constexpr char log_category[] = "velm_http_server";
 constexpr char pair_name[] = "http_method_pair_handle";
 constexpr char unpair_name[] = "http_method_unpair_handle";
+
+/// How a request ends: the HTTP status to answer with and, unless that is 200, the reason for the log.
+struct outcome {
+    int status = 200;
+    const char *refusal = nullptr;
+};
 
 /// Borrowed from the request and its parsed body.
 struct attestation_input {
@@ -31,23 +38,29 @@ struct attestation_input {
     const char *attestation;
 };
 
-bool attestation_input_fits(const attestation_input &input)
+/// The reason for the log; null when all of it can be used.
+const char *attestation_input_refusal(const attestation_input &input)
 {
-    return request_text_fits(input.attestation, request_header_limit) &&
-           request_text_fits(input.device_id, request_id_limit) &&
-           request_text_fits(input.challenge, request_id_limit);
+    if (!request_text_fits(input.attestation, request_header_limit)) {
+        return "no valid X-Attestation";
+    }
+    if (!request_text_fits(input.device_id, request_id_limit)) {
+        return "no valid deviceId";
+    }
+    return request_text_fits(input.challenge, request_id_limit) ? nullptr : "no valid challenge";
 }
 
 /// On 200 `attestation_key` holds the key to store for the device. The challenge is used up only by
 /// an attestation that is valid.
-int verify_attestation(const evhtp_request_t *request, const cJSON *auth,
-                       std::string *attestation_key)
+outcome verify_attestation(const evhtp_request_t *request, const cJSON *auth,
+                           std::string *attestation_key)
 {
     const attestation_input input{velm_utils_get_field_value_from_json_object(auth, "deviceId"),
                                   velm_utils_get_field_value_from_json_object(auth, "challenge"),
                                   request_header(request, "X-Attestation")};
-    if (!attestation_input_fits(input)) {
-        return 400;
+    const char *const refusal = attestation_input_refusal(input);
+    if (refusal != nullptr) {
+        return {400, refusal};
     }
     LOG_TRACE("%s - device id:   %s", __func__, input.device_id);
     LOG_TRACE("%s - challenge:   %s", __func__, input.challenge);
@@ -56,25 +69,25 @@ int verify_attestation(const evhtp_request_t *request, const cJSON *auth,
     const wiped_at_end wiping{&body}; // a password is in it
     const auto digest = common_crypto_sha256(request_bytes(body));
     if (!digest.has_value()) {
-        return 500;
+        return {500, "no digest of the body"};
     }
     const auto attestation = common_crypto_base64_decode(input.attestation);
     if (!attestation.has_value()) {
-        return 400;
+        return {400, "attestation is no base64"};
     }
     velm_attestation_result verdict =
         velm_attestation_engine_ios_verify_attestation(input.device_id, *attestation, *digest);
     if (!verdict.success) {
         LOG_ERROR("%s - failure (attestation)", __func__);
-        return 412;
+        return {412, "attestation is not valid"};
     }
     if (velm_challenge_engine_consume_challenge(input.challenge) == 0) {
         LOG_ERROR("%s - failure (challenge)", __func__);
-        return 424;
+        return {424, "challenge is not pending"};
     }
     LOG_TRACE("%s - success", __func__);
     *attestation_key = std::move(verdict.attestation_key);
-    return 200;
+    return {};
 }
 
 /// The member as an object; null without a usable one.
@@ -125,31 +138,33 @@ struct pair_texts {
     const char *os_version = nullptr;
 };
 
-/// The members of "pair", in the order in which a wrong one is reported.
-std::optional<pair_texts> read_pair_texts(const cJSON *pair)
+/// The members of "pair", in the order in which a wrong one is reported; gives the reason then, else
+/// null.
+const char *read_pair_texts(const cJSON *pair, pair_texts *read)
 {
     pair_texts texts;
     texts.name = velm_utils_get_field_value_from_json_object(pair, "friendlyName");
     if (!request_text_fits(texts.name, request_name_limit)) {
         LOG_ERROR("%s - no friendly name", pair_name);
-        return std::nullopt;
+        return "no friendly name";
     }
     texts.push_token = velm_utils_get_field_value_from_json_object(pair, "pushToken");
     if (!request_text_fits(texts.push_token, request_push_token_limit)) {
         LOG_ERROR("%s - no push token", pair_name);
-        return std::nullopt;
+        return "no push token";
     }
     texts.dev_model = optional_text(pair, "deviceModel");
     if (!optional_text_fits(texts.dev_model, request_word_limit)) {
         LOG_ERROR("%s - invalid device model", pair_name);
-        return std::nullopt;
+        return "invalid device model";
     }
     texts.os_version = optional_text(pair, "osVersion");
     if (!optional_text_fits(texts.os_version, request_word_limit)) {
         LOG_ERROR("%s - invalid os version", pair_name);
-        return std::nullopt;
+        return "invalid os version";
     }
-    return texts;
+    *read = texts;
+    return nullptr;
 }
 
 void fill_pairing(cJSON *pairing, const cJSON *auth, const pair_texts &texts)
@@ -164,24 +179,25 @@ void fill_pairing(cJSON *pairing, const cJSON *auth, const pair_texts &texts)
 }
 
 /// Stores the phone's pairing. Without an attestation the stored key stays.
-int store_pairing(const cJSON *auth, const cJSON *pair,
-                  const std::optional<std::string> &attestation_key)
+outcome store_pairing(const cJSON *auth, const cJSON *pair,
+                      const std::optional<std::string> &attestation_key)
 {
     json_ptr pairing = velm_nvram_pairings_select_pairing(
         velm_utils_get_field_value_from_json_object(auth, "deviceId"));
     const bool known = pairing != nullptr;
     if (!known && velm_nvram_pairings_limit_reached() == 1) {
         LOG_ERROR("%s - pairings limit reached", pair_name);
-        return 403;
+        return {403, "pairings limit reached"};
     }
     if (!known) {
         pairing = velm_nvram_pairings_create_empty_pairing();
     }
-    const std::optional<pair_texts> texts = read_pair_texts(pair);
-    if (!texts.has_value()) {
-        return 400;
+    pair_texts texts;
+    const char *const refusal = read_pair_texts(pair, &texts);
+    if (refusal != nullptr) {
+        return {400, refusal};
     }
-    fill_pairing(pairing.get(), auth, *texts);
+    fill_pairing(pairing.get(), auth, texts);
     if (attestation_key.has_value()) {
         velm_nvram_pairings_update_pairing_field(pairing.get(), "attestation_key",
                                                  attestation_key->c_str());
@@ -195,53 +211,69 @@ int store_pairing(const cJSON *auth, const cJSON *pair,
     if (!velm_nvram_pairings_is_stored(pairing.get())) {
         LOG_ERROR("%s - not stored: %s", pair_name,
                   velm_utils_get_field_value_from_json_object(auth, "deviceId"));
-        return 500;
+        return {500, "not stored"};
     }
-    return 200;
+    return {};
 }
 
-int pair(evhtp_request_t *request)
+outcome pair_checked(const evhtp_request_t *request, const cJSON *body, const cJSON *auth)
 {
-    const velm_request_body parsed = velm_request_parse_request_body(request);
-    if (parsed.status != 200) {
-        return parsed.status;
-    }
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
     std::optional<std::string> attestation_key;
     if (request_header(request, "X-Attestation") != nullptr) {
-        const int status = verify_attestation(request, auth, &attestation_key.emplace());
-        if (status != 200) {
-            return status;
+        const outcome attested = verify_attestation(request, auth, &attestation_key.emplace());
+        if (attested.status != 200) {
+            return attested;
         }
     }
-    const cJSON *const pair_data = pair_object(parsed.body.get());
-    return pair_data != nullptr ? store_pairing(auth, pair_data, attestation_key) : 400;
+    const cJSON *const pair_data = pair_object(body);
+    return pair_data != nullptr ? store_pairing(auth, pair_data, attestation_key)
+                                : outcome{400, "no valid pair data"};
 }
 
-int unpair(evhtp_request_t *request)
+outcome unpair_checked(const cJSON *body)
 {
-    const velm_request_body parsed = velm_request_parse_request_body(request);
-    if (parsed.status != 200) {
-        return parsed.status;
-    }
-    const cJSON *const unpair_data = unpair_object(parsed.body.get());
+    const cJSON *const unpair_data = unpair_object(body);
     if (unpair_data == nullptr) {
-        return 400;
+        return {400, "no valid unpair data"};
     }
     const char *const device_id =
         velm_utils_get_field_value_from_json_object(unpair_data, "deviceId");
     if (device_id == nullptr || *device_id == '\0') {
         LOG_ERROR("%s - no deviceId", unpair_name);
-        return 400;
+        return {400, "no deviceId to unpair"};
     }
     LOG_TRACE("%s - %s", unpair_name, device_id);
     if (velm_nvram_pairings_pairing_exists(device_id) == 0) {
         LOG_ERROR("%s - no pairing: %s", unpair_name, device_id);
-        return 404;
+        return {404, "no such pairing"};
     }
     velm_nvram_pairings_delete_pairing(device_id);
     velm_nvram_pairings_save_pairings();
-    return 200;
+    return {};
+}
+
+int pair(evhtp_request_t *request)
+{
+    const velm_request_body parsed = velm_request_parse_request_body(request);
+    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
+    const outcome end = parsed.status == 200 ? pair_checked(request, parsed.body.get(), auth)
+                                             : outcome{parsed.status, "no valid body"};
+    if (end.status != 200) {
+        velm_request_log_refusal_of(request, "/pair", end.refusal, auth);
+    }
+    return end.status;
+}
+
+int unpair(evhtp_request_t *request)
+{
+    const velm_request_body parsed = velm_request_parse_request_body(request);
+    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
+    const outcome end = parsed.status == 200 ? unpair_checked(parsed.body.get())
+                                             : outcome{parsed.status, "no valid body"};
+    if (end.status != 200) {
+        velm_request_log_refusal_of(request, "/unpair", end.refusal, auth);
+    }
+    return end.status;
 }
 
 /// What anybody with a login may know of a pairing: no token, model, version or key.

@@ -5,6 +5,7 @@
 #include "handles/evhtp.h"
 #include "logger/fatal.h"
 #include "velm_request_preprocessor.h"
+#include "velm_request_refusal.h"
 
 namespace {
 
@@ -68,6 +69,7 @@ bool body_is_readable(evhtp_request_t *req)
 {
     const int status = velm_request_parse_request_body(req).status;
     if (status != EVHTP_RES_OK) {
+        velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
         http_server_reply_status(req, status);
     }
     return status == EVHTP_RES_OK;
@@ -92,6 +94,9 @@ void http_method_pair(evhtp_request_t *req)
     checks.assertion = has_header(req, "X-Assertion");
     if (!checks.assertion && !has_header(req, "X-Attestation")) {
         LOG_ERROR("%s - no attestation data", __func__);
+        const velm_request_body parsed = velm_request_parse_request_body(req);
+        velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
+                                    cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth"));
         http_server_reply_status(req, EVHTP_RES_BADREQ);
         return;
     }

@@ -344,7 +344,7 @@ void velm_nvram_pairings_save_pairings()
 
 void velm_nvram_pairings_print_pairings()
 {
-    if (!common_logger_is_enabled()) {
+    if (!common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         return; // the dump reads every slot
     }
     LOG_TRACE("velm pairings [");

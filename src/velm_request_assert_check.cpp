@@ -61,12 +61,24 @@ int android_method()
                : velm_android_method_local;
 }
 
+int refuse(velm_request_preprocessor *p, const char *reason)
+{
+    p->refusal = reason;
+    return VELM_BREAK_ASSERTION;
+}
+
 /// Nothing when the engine will report.
 std::optional<int> verify_assertion(velm_request_preprocessor &p,
                                     std::span<const std::uint8_t> assertion,
                                     std::span<const std::uint8_t> digest)
 {
-    switch (velm_utils_device_type_from_string(p.client_device_type)) {
+    p.proof = velm_request_proof_take(p.client_device_id);
+    const velm_device_type type = velm_utils_device_type_from_string(p.client_device_type);
+    if (!p.proof->attestation_key.empty() && type != velm_device_type::ios) {
+        // Else whoever knows an iPhone's id could call it an Android phone where those prove nothing.
+        return refuse(&p, "the pairing is of App Attest, the device type is another");
+    }
+    switch (type) {
     case velm_device_type::ios:
         return velm_attestation_engine_ios_verify_assertion(p.client_device_id, assertion, digest)
                    ? VELM_BREAK_NONE
@@ -81,7 +93,7 @@ std::optional<int> verify_assertion(velm_request_preprocessor &p,
     case velm_device_type::unknown:
         break;
     }
-    return VELM_BREAK_ASSERTION;
+    return refuse(&p, "unknown device type");
 }
 
 std::optional<int> assert_check(velm_request_preprocessor &p)
@@ -90,18 +102,18 @@ std::optional<int> assert_check(velm_request_preprocessor &p)
     std::string message = request_body_require(p.request, check_name, "message_buf");
     const wiped_at_end wiping{&message}; // a password is in it
     if (message.empty()) {
-        return VELM_BREAK_ASSERTION;
+        return refuse(&p, "empty body");
     }
     if (velm_challenge_engine_consume_challenge(p.client_challenge) == 0) {
         return VELM_BREAK_CHALLENGE;
     }
     const auto digest = common_crypto_sha256(request_bytes(message));
     if (!digest.has_value()) {
-        return VELM_BREAK_ASSERTION;
+        return refuse(&p, "no digest of the body");
     }
     const auto assertion = common_crypto_base64_decode(*p.client_assertion);
     if (!assertion.has_value()) {
-        return VELM_BREAK_ASSERTION;
+        return refuse(&p, "assertion is no base64");
     }
     return verify_assertion(p, *assertion, *digest);
 }

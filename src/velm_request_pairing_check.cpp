@@ -5,6 +5,7 @@
 #include "logger/common_logger.h"
 #include "velm_nvram_pairings.h"
 #include "velm_request_preprocessor_record.h"
+#include "velm_request_proof.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ std::optional<int> pairing_check_run(velm_request_preprocessor &p)
 void velm_request_pairing_check_init(const velm_config * /*config*/)
 {
     LOG_TRACE("%s", __func__);
+    velm_request_proof_set_finder(velm_nvram_pairings_select_pairing);
 }
 
 void make_pairing_check(velm_request_preprocessor *p)

@@ -17,6 +17,7 @@
 #include "velm_request_input.h"
 #include "velm_request_pairing_check.h"
 #include "velm_request_preprocessor_record.h"
+#include "velm_request_refusal.h"
 #include "velm_request_user_pass_check.h"
 #include "velm_utils.h"
 
@@ -70,6 +71,42 @@ evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
     return EVHTP_RES_OK;
 }
 
+struct refusing_check {
+    const char *name;
+    const char *reason; // where the check gives no other
+};
+// clang-format off
+/// Indexed by break code.
+constexpr refusing_check refusing_checks[] = {
+    {"no check",             "unknown"},
+    {"request check",        "bad request"},
+    {"assertion check",      "challenge is not pending"},
+    {"assertion check",      "assertion is not valid"},
+    {"user/password check",  "login refused"},
+    {"paired-app check",     "not paired"},
+    {"device check",         "bssid is not ours"},
+};
+// clang-format on
+
+void log_refusal(const velm_request_preprocessor *p)
+{
+    const auto code = static_cast<std::size_t>(p->break_code);
+    const refusing_check &check = refusing_checks[code < std::size(refusing_checks) ? code : 0];
+    velm_request_log_refusal(check.name, p->refusal != nullptr ? p->refusal : check.reason,
+                             p->client_ip, p->client_device_id);
+}
+
+/// Another request may have unpaired the phone, or given it another key, since it proved itself. From
+/// here to what the route stores nothing comes between.
+void check_that_proof_holds(velm_request_preprocessor *p)
+{
+    if (p->break_code == VELM_BREAK_NONE && p->proof.has_value() &&
+        !velm_request_proof_holds(*p->proof, p->client_device_id)) {
+        p->break_code = VELM_BREAK_ASSERTION;
+        p->refusal = "the pairing has changed since the assertion was checked";
+    }
+}
+
 void finish_async(void *user_data, short /*events*/, common_async_context * /*context*/) noexcept
 {
     const auto p = adopt<velm_request_preprocessor>(user_data);
@@ -77,6 +114,10 @@ void finish_async(void *user_data, short /*events*/, common_async_context * /*co
     if (!p->request_gone) {
         // The answer may free the request: from here on the record must not be told.
         evhtp_request_unset_hook(p->request, evhtp_hook_on_request_fini);
+        check_that_proof_holds(p.get());
+        if (p->break_code != VELM_BREAK_NONE) {
+            log_refusal(p.get());
+        }
         p->callback(p->request, p->break_code);
     }
 }
@@ -98,28 +139,31 @@ struct auth_member {
     const char *name;
     const char *velm_request_preprocessor::*view;
     std::size_t limit;
+    const char *refusal;
 };
 // clang-format off
 constexpr auth_member auth_members[] = {
-    {"deviceId",   &velm_request_preprocessor::client_device_id,   request_id_limit},
-    {"deviceType", &velm_request_preprocessor::client_device_type, request_word_limit},
-    {"bssid",      &velm_request_preprocessor::client_bssid,       request_word_limit},
-    {"username",   &velm_request_preprocessor::client_username,    request_id_limit},
-    {"password",   &velm_request_preprocessor::client_password,    request_id_limit},
+    {"deviceId",   &velm_request_preprocessor::client_device_id,   request_id_limit, "no valid deviceId"},
+    {"deviceType", &velm_request_preprocessor::client_device_type, request_word_limit, "no valid deviceType"},
+    {"bssid",      &velm_request_preprocessor::client_bssid,       request_word_limit, "no valid bssid"},
+    {"username",   &velm_request_preprocessor::client_username,    request_id_limit, "no valid username"},
+    {"password",   &velm_request_preprocessor::client_password,    request_id_limit, "no valid password"},
 };
 constexpr auth_member challenge_member =
-    {"challenge",  &velm_request_preprocessor::client_challenge,   request_id_limit};
+    {"challenge",  &velm_request_preprocessor::client_challenge,   request_id_limit, "no valid challenge"};
 // clang-format on
 
 bool read_auth_member(velm_request_preprocessor *p, const cJSON *auth, const auth_member &member)
 {
     const char *const text = velm_utils_get_field_value_from_json_object(auth, member.name);
     p->*member.view = text;
-    if (!request_text_fits(text, member.limit)) {
-        return false;
+    const bool fits = request_text_fits(text, member.limit) &&
+                      (member.view != &velm_request_preprocessor::client_device_type ||
+                       velm_utils_device_type_from_string(text) != velm_device_type::unknown);
+    if (!fits) {
+        p->refusal = member.refusal;
     }
-    return member.view != &velm_request_preprocessor::client_device_type ||
-           velm_utils_device_type_from_string(text) != velm_device_type::unknown;
+    return fits;
 }
 
 bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
@@ -129,6 +173,7 @@ bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
     }
     const char *const assertion = request_header(p->request, "X-Assertion");
     if (!request_text_fits(assertion, request_header_limit)) {
+        p->refusal = "no valid X-Assertion";
         return false;
     }
     p->client_assertion = assertion;
@@ -141,6 +186,7 @@ bool read_request(velm_request_preprocessor *p)
     velm_request_body parsed = velm_request_parse_request_body(p->request);
     p->body = std::move(parsed.body);
     if (parsed.status != 200) {
+        p->refusal = "no valid body";
         return false;
     }
     const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p->body.get(), "auth");

@@ -145,7 +145,7 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
         LOG_ERROR("%s - cannot parse json data", __func__);
         return {nullptr, 400};
     }
-    if (common_logger_is_enabled()) {
+    if (common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         log_tree(tree.get());
     }
     if (!has_auth_object(tree.get())) {

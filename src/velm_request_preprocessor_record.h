@@ -5,6 +5,7 @@
 
 #include "async/common_async.h"
 #include "velm_request_preprocessor.h"
+#include "velm_request_proof.h"
 
 /// The record of one request on its way through the checks. Only the preprocessor and the checks
 /// look inside; every step of theirs runs from the loop, so the request's connection may have been
@@ -28,6 +29,8 @@ struct velm_request_preprocessor {
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;
+    const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
+    std::optional<velm_request_proof> proof; // what the assertion check went by
     char client_ip[64] = {};
     // Views into `body`; null when missing.
     const char *client_device_id = nullptr;

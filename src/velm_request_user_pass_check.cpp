@@ -1,9 +1,15 @@
 #include "velm_request_user_pass_check.h"
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <optional>
 
+#include "crypto/common_crypto.h"
 #include "logger/common_logger.h"
+#include "velm_request_input.h"
 #include "velm_request_preprocessor_record.h"
 #include "velm_user_auth_passwd.h"
 
@@ -19,53 +25,143 @@ struct login_policy {
 };
 constexpr login_policy policy{true, 5, 60};
 
+/// Wrong logins in a row.
+struct failure_series {
+    int count = 0;
+    std::time_t first = 0;
+};
+
+/// A name that was given with a wrong password, whether an account has it or not. Its digest takes
+/// its place: a name may be long, and strangers choose it.
+struct name_failures {
+    common_sha256_digest name{};
+    failure_series failures;
+    std::uint64_t last = 0; // the number of its last failure; 0: the place is free
+};
+
+constexpr std::size_t max_names = 64;
+
 struct module_state {
-    int failed_logins = 0;         // in a row
-    std::time_t first_failure = 0; // of the present row
+    failure_series of_all; // any success ends it
+    /// Else whoever knows one account's password could try those of another without end, with a
+    /// right login of his own after every fourth.
+    std::array<name_failures, max_names> of_names;
+    std::uint64_t failures = 0; // ever
 };
 module_state state;
 
-/// True while logins are refused unseen; a block that is over takes the count with it.
-bool login_blocked(const login_policy &rules)
+/// How long this series keeps logins off; 0 when it does not. A block that is over takes the count
+/// with it. So does one that begins in the future: the clock was set back, and nobody knows for how
+/// long the block would last.
+std::time_t seconds_blocked(failure_series *series, const login_policy &rules)
 {
-    if (!rules.enabled || state.failed_logins < rules.max_failed_attempts) {
-        return false;
+    if (!rules.enabled || series->count < rules.max_failed_attempts) {
+        return 0;
     }
-    const std::time_t end = state.first_failure + rules.block_time_s;
+    const std::time_t end = series->first + rules.block_time_s;
     const std::time_t now = std::time(nullptr);
-    if (now >= end) {
-        state.failed_logins = 0;
-        return false;
+    if (now >= end || now < series->first) {
+        *series = {};
+        return 0;
     }
-    LOG_WARN("%s - login blocked (%d seconds remained)", check_name, static_cast<int>(end - now));
-    return true;
+    return end - now;
+}
+
+void count_failure(failure_series *series)
+{
+    if (series->count == 0) {
+        series->first = std::time(nullptr);
+    }
+    ++series->count;
+}
+
+bool is_given(const char *text)
+{
+    return text != nullptr && *text != '\0';
+}
+
+/// Null when the name has no failures.
+name_failures *find_name(const common_sha256_digest &name)
+{
+    auto *const found = std::find_if(
+        state.of_names.begin(), state.of_names.end(),
+        [&name](const name_failures &entry) { return entry.last != 0 && entry.name == name; });
+    return found != state.of_names.end() ? found : nullptr;
+}
+
+/// The name's place; for a new one a free place, or that of the name whose last failure is longest
+/// ago.
+name_failures *take_place(const common_sha256_digest &name)
+{
+    name_failures *const known = find_name(name);
+    if (known != nullptr) {
+        return known;
+    }
+    auto *const place = std::min_element(
+        state.of_names.begin(), state.of_names.end(),
+        [](const name_failures &a, const name_failures &b) { return a.last < b.last; });
+    *place = {name, {}, 0};
+    return place;
+}
+
+std::optional<common_sha256_digest> digest_of(const char *username)
+{
+    return is_given(username) ? common_crypto_sha256(request_bytes(username)) : std::nullopt;
+}
+
+bool login_blocked(const std::optional<common_sha256_digest> &name, const login_policy &rules)
+{
+    std::time_t seconds = seconds_blocked(&state.of_all, rules);
+    if (seconds > 0) {
+        LOG_WARN("%s - login blocked (%d seconds remained)", check_name, static_cast<int>(seconds));
+        return true;
+    }
+    name_failures *const entry = name.has_value() ? find_name(*name) : nullptr;
+    seconds = entry != nullptr ? seconds_blocked(&entry->failures, rules) : 0;
+    if (seconds > 0) {
+        LOG_WARN("%s - login blocked (%d seconds remained) for this user name", check_name,
+                 static_cast<int>(seconds));
+        return true;
+    }
+    return false;
 }
 
 bool credentials_right(const velm_request_preprocessor &p)
 {
-    return p.client_username != nullptr && *p.client_username != '\0' &&
-           p.client_password != nullptr && *p.client_password != '\0' &&
+    return is_given(p.client_username) && is_given(p.client_password) &&
            velm_user_auth_passwd_login(p.client_username, p.client_password) == 1;
 }
 
-void count_failure()
+void note_failure(const std::optional<common_sha256_digest> &name)
 {
-    if (state.failed_logins == 0) {
-        state.first_failure = std::time(nullptr);
+    count_failure(&state.of_all);
+    if (name.has_value()) {
+        name_failures *const entry = take_place(*name);
+        count_failure(&entry->failures);
+        entry->last = ++state.failures;
     }
-    ++state.failed_logins;
+}
+
+void note_success(const std::optional<common_sha256_digest> &name)
+{
+    state.of_all = {};
+    name_failures *const entry = name.has_value() ? find_name(*name) : nullptr;
+    if (entry != nullptr) {
+        *entry = {};
+    }
 }
 
 int login_policy_check(const velm_request_preprocessor &p, const login_policy &rules)
 {
-    if (login_blocked(rules)) {
+    const auto name = digest_of(p.client_username);
+    if (login_blocked(name, rules)) {
         return VELM_BREAK_LOGIN;
     }
     if (!credentials_right(p)) {
-        count_failure();
+        note_failure(name);
         return VELM_BREAK_LOGIN;
     }
-    state.failed_logins = 0;
+    note_success(name);
     return VELM_BREAK_NONE;
 }
 

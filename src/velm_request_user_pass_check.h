@@ -4,9 +4,11 @@
 #include "velm_request_preprocessor.h"
 
 /// The user/password check: the caller knows the password of a system account. After five failures
-/// in a row, whoever made them, every login is refused until 60 s after the first of them.
+/// in a row, whoever made them, every login is refused until 60 s after the first of them. After five
+/// in a row for one user name, whatever happens to others between them, that name is. At most 64
+/// names are remembered; the one whose last failure is longest ago is forgotten.
 
-/// The count of failures outlives a reload.
+/// The counts of failures outlive a reload.
 void velm_request_user_pass_check_init(const velm_config *config);
 
 /// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_LOGIN.

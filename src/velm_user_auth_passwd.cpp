@@ -5,9 +5,11 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +22,15 @@ constexpr char log_category[] = "velm_user_auth_passwd";
 constexpr char login_name[] = "velm_user_auth_passwd_login";
 constexpr std::size_t entry_size_default = 16384;
 constexpr std::size_t entry_size_limit = 1024 * 1024;
+constexpr std::size_t setting_size_limit = 384; // what crypt makes is shorter
+constexpr int accounts_looked_through = 64;
+
+struct module_state {
+    /// What a password is hashed with when no account's hash can be: how the accounts of this device
+    /// are hashed, without anybody's hash. Empty until it is wanted.
+    std::string other_setting;
+};
+module_state state;
 
 bool is_root(std::string_view name)
 {
@@ -61,16 +72,73 @@ bool find_account(const char *username, passwd *account, std::vector<char> *buff
 /// and crypt might fail on it in a way that looks like a match.
 bool is_no_setting(std::string_view stored)
 {
-    return stored.starts_with('*') || stored.starts_with('!') || stored == "x";
+    return stored.empty() || stored.starts_with('*') || stored.starts_with('!') || stored == "x";
+}
+
+/// The same method and cost, with the same salt where that is a part of its own, and no hash.
+std::string setting_without_hash(std::string_view stored)
+{
+    constexpr std::size_t salt_of_des = 2;
+    constexpr std::size_t salt_of_extended_des = 9;
+    std::size_t kept = stored.starts_with('_') ? salt_of_extended_des : salt_of_des;
+    if (stored.starts_with('$')) {
+        kept = stored.rfind('$') + 1;
+    }
+    std::string setting{stored};
+    std::fill(setting.begin() + static_cast<std::ptrdiff_t>(std::min(kept, setting.size())),
+              setting.end(), '.');
+    return setting;
+}
+
+void remember_setting(std::string_view stored)
+{
+    if (!is_no_setting(stored) && stored.size() < setting_size_limit) {
+        state.other_setting = setting_without_hash(stored);
+    }
+}
+
+/// Where nobody has logged in yet, the first account that has a hash tells how this device hashes.
+void find_other_setting()
+{
+    setpwent();
+    for (int i = 0; i < accounts_looked_through && state.other_setting.empty(); ++i) {
+        const passwd *const account = getpwent();
+        if (account == nullptr) {
+            break;
+        }
+        remember_setting(account->pw_passwd != nullptr ? account->pw_passwd : "");
+    }
+    endpwent();
+    if (state.other_setting.empty()) {
+        state.other_setting = "$6$..........$"; // the usual method, with its usual cost
+    }
+}
+
+/// A refusal takes as long as that of a wrong password, or the time would tell which names are those
+/// of accounts. What comes out matches nothing, and may be no hash at all.
+void hash_for_nothing(const char *password)
+{
+    if (state.other_setting.empty()) {
+        find_other_setting();
+    }
+    (void)crypt(password, state.other_setting.c_str());
 }
 
 bool password_matches(const char *stored, const char *password)
 {
+    if (*stored == '\0') {
+        return true; // the account asks for no password, and some libraries cannot hash with this
+    }
     if (is_no_setting(stored)) {
+        hash_for_nothing(password);
         return false;
     }
+    remember_setting(stored);
     errno = 0;
     const char *const hash = crypt(password, stored);
+    if (hash == nullptr && errno == ERANGE) {
+        return false; // longer than crypt takes: whoever sends that must not end the process
+    }
     if (hash == nullptr) {
         FATAL("%s: crypt failed errno: %i error: %s", login_name, errno, std::strerror(errno));
     }
@@ -82,6 +150,23 @@ bool password_matches(const char *stored, const char *password)
     return CRYPTO_memcmp(stored, hash, compared) == 0;
 }
 
+/// The account that may log in with a password of its own; false, and logged, when there is none.
+bool find_login(const char *username, passwd *account, std::vector<char> *buffer)
+{
+    if (is_root(username)) {
+        LOG_ERROR("%s - root may not log in", login_name);
+        return false;
+    }
+    if (!find_account(username, account, buffer)) {
+        return false;
+    }
+    if (is_root(account->pw_name)) {
+        LOG_ERROR("%s - root may not log in", login_name); // found under another spelling
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int velm_user_auth_passwd_login(const char *username, const char *password)
@@ -89,17 +174,16 @@ int velm_user_auth_passwd_login(const char *username, const char *password)
     REQUIRE_NOT_NULL(username, "username");
     REQUIRE_NOT_NULL(password, "password");
     LOG_TRACE("%s - user=%s", __func__, username);
-    if (*username == '\0' || *password == '\0' || is_root(username)) {
+    if (*username == '\0' || *password == '\0') {
+        LOG_ERROR("%s - empty user name or password", __func__);
         return 0;
     }
     passwd account{};
     std::vector<char> buffer = make_entry_buffer();
     const wiped_at_end wiping{&buffer};
-    if (!find_account(username, &account, &buffer)) {
+    if (!find_login(username, &account, &buffer)) {
+        hash_for_nothing(password);
         return 0;
-    }
-    if (is_root(account.pw_name)) {
-        return 0; // found under another spelling
     }
     LOG_TRACE("%s - pw_name=%s, pw_passwd=%s", __func__, account.pw_name, account.pw_passwd);
     if (!password_matches(account.pw_passwd, password)) {

@@ -138,10 +138,8 @@ bool velm_utils_parse_ip_address(const char *src, std::uint8_t *dest)
 std::optional<std::string> velm_utils_print_ip_address(const std::uint8_t *ip_addr)
 {
     REQUIRE_NOT_NULL(ip_addr, "ip_addr");
-    // One short of what the longest text needs: a text of 15 characters is not printed.
-    constexpr socklen_t text_size = 15;
-    std::array<char, 16> text{};
-    if (inet_ntop(AF_INET, ip_addr, text.data(), text_size) == nullptr) {
+    std::array<char, INET_ADDRSTRLEN> text{};
+    if (inet_ntop(AF_INET, ip_addr, text.data(), text.size()) == nullptr) {
         return std::nullopt;
     }
     return text.data();
@@ -179,7 +177,7 @@ json_ptr velm_split_string(const char *string, const char *separator)
 
 void velm_utils_log_hex(const void *bytes, std::size_t count)
 {
-    if (bytes == nullptr || count == 0 || !common_logger_is_enabled()) {
+    if (bytes == nullptr || count == 0 || !common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         return;
     }
     if (count > hex_dump_max) {

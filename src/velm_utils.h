@@ -42,7 +42,8 @@ velm_utils_unescape_html_encoded_base64_chars(const char *html_escaped_base64_st
 /// Dotted IPv4 text to four bytes in network order.
 [[nodiscard]] bool velm_utils_parse_ip_address(const char *src, std::uint8_t *dest);
 
-/// Four bytes in network order to dotted text; nothing when that text has 15 characters.
+/// Four bytes in network order to dotted text of at most 15 characters; nothing when the C library
+/// cannot convert them.
 [[nodiscard]] std::optional<std::string> velm_utils_print_ip_address(const std::uint8_t *ip_addr);
 
 /// By case-insensitive prefix "iOS" or "Android".

@@ -16,7 +16,9 @@ with warnings.catch_warnings():
 ADMIN = Login("admin", "correct horse battery staple")
 ROOT = Login("root", "the right password of root")
 # Accounts that must never let anybody in: libcrypt can hash nothing by such a field.
-ODD_ACCOUNTS = {"starred": "*", "locked": "!", "shadowed": "x", "empty": ""}
+ODD_ACCOUNTS = {"starred": "*", "locked": "!", "shadowed": "x"}
+# An account that takes any password: its field is empty.
+OPEN_ACCOUNT = "empty"
 
 
 def hashed(password: str, method: str = "$6$") -> str:
@@ -33,7 +35,7 @@ class EtcFiles:
     def __init__(self, directory: Path) -> None:
         self.directory = directory
         directory.mkdir(parents=True, exist_ok=True)
-        self.set_accounts([ADMIN, ROOT], ODD_ACCOUNTS)
+        self.set_accounts([ADMIN, ROOT], {**ODD_ACCOUNTS, OPEN_ACCOUNT: ""})
         self.set_hosts({})
         self.set_resolvers([])
 

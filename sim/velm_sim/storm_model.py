@@ -6,6 +6,7 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
+from .etc_files import ADMIN
 from .storm_schedule import PAIRINGS_LIMIT
 
 CHALLENGE_LIFE = 60
@@ -33,14 +34,36 @@ class Expected:
 
 
 @dataclass
+class Failures:
+    """Wrong logins in a row, of all or of one name."""
+
+    count: int = 0
+    first: int = 0
+
+    def block(self, moment: int) -> bool:
+        """Whether logins are refused; a block that is over is forgotten."""
+        if self.count < LOGIN_ATTEMPTS:
+            return False
+        if self.first <= moment < self.first + LOGIN_BLOCK:
+            return True
+        self.count = 0
+        return False
+
+    def add(self, moment: int) -> None:
+        if self.count == 0:
+            self.first = moment
+        self.count += 1
+
+
+@dataclass
 class Model:
     """Moments are those of the daemon's clock, which stands still during a step."""
 
     moment: int
     slots: list[dict[str, str] | None] = field(default_factory=lambda: [None] * PAIRINGS_LIMIT)
     challenges: dict[str, int] = field(default_factory=dict)
-    failures: int = 0
-    first_failure: int = 0
+    failures: Failures = field(default_factory=Failures)
+    failures_of: dict[str, Failures] = field(default_factory=dict)
     last_push: int = 0
     push_token_until: int | None = None
     integrity_token_until: int | None = None
@@ -55,17 +78,15 @@ class Model:
 
     # Login and challenges.
 
-    def login(self, right: bool) -> bool:
-        if self.failures >= LOGIN_ATTEMPTS:
-            if self.moment < self.first_failure + LOGIN_BLOCK:
-                return False
-            self.failures = 0
+    def login(self, right: bool, name: str = ADMIN.username) -> bool:
+        of_name = self.failures_of.setdefault(name, Failures())
+        if self.failures.block(self.moment) or of_name.block(self.moment):
+            return False
         if right:
-            self.failures = 0
+            self.failures, self.failures_of[name] = Failures(), Failures()
             return True
-        if self.failures == 0:
-            self.first_failure = self.moment
-        self.failures += 1
+        self.failures.add(self.moment)
+        of_name.add(self.moment)
         return False
 
     def consume(self, challenge: str) -> bool:

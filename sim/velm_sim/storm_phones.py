@@ -8,7 +8,7 @@ from typing import Any
 
 from .android_phone import AndroidPhone
 from .certificates import DAY
-from .etc_files import ROOT
+from .etc_files import ADMIN, ROOT
 from .phone import OMIT, Phone, Prepared, sample_location
 from .storm_log import StormFailure, require
 from .storm_proofs import (
@@ -56,7 +56,7 @@ def step_wrong_logins(world: World, phone: int, count: int, root: bool, wait: in
     for _ in range(count):
         reply = world.phones[phone].challenge(login)
         check_status(world, "/challenge with a wrong login", reply.status, 401)
-        world.model.login(False)
+        world.model.login(False, ROOT.username if root else ADMIN.username)
     world.jump(wait)
     fetch_challenge(world, world.phones[phone])
 
@@ -214,7 +214,7 @@ def step_vanish(world: World, phone: int, when: str, latitude: float) -> None:
     if when == "before the handshake":
         made.host.connect_tcp().close()
         return
-    whole = when == "before the reply" and phone < IOS_PHONES and model.failures == 0
+    whole = when == "before the reply" and phone < IOS_PHONES and model.failures.count == 0
     with made.host.session() as session:
         if whole:
             world.log.mark()

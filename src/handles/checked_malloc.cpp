@@ -2,7 +2,9 @@
 
 #include <dlfcn.h>
 #include <malloc.h>
+#include <openssl/crypto.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -18,6 +20,9 @@ namespace {
 /// Up to here glibc keeps what was freed at hand, but its calloc does not look there.
 constexpr std::size_t small_size = 1024;
 
+/// The plaintext of the longest record: OpenSSL's buffer for one is never smaller.
+constexpr std::size_t tls_record_size = 16384;
+
 /// The allocator's own functions.
 struct allocator {
     void *(*malloc)(std::size_t);
@@ -26,6 +31,7 @@ struct allocator {
     void *(*memalign)(std::size_t, std::size_t);
     void *(*aligned_alloc)(std::size_t, std::size_t);
     int (*posix_memalign)(void **, std::size_t, std::size_t);
+    void (*free)(void *);
 };
 constinit allocator next{};
 constinit bool is_looked_up = false;
@@ -55,6 +61,7 @@ void look_up(Function **function, const char *name) noexcept
     look_up(&next.memalign, "memalign");
     look_up(&next.aligned_alloc, "aligned_alloc");
     look_up(&next.posix_memalign, "posix_memalign");
+    look_up(&next.free, "free");
     is_being_looked_up = false;
     is_looked_up = true;
     return true;
@@ -74,6 +81,41 @@ void *checked(void *memory, std::size_t size) noexcept
 {
     memory_is_exhausted_if(memory == nullptr && is_shortage(size));
     return memory;
+}
+
+/// Overwrites what it frees, unless that is smaller.
+void free_wiped_from(void *memory, std::size_t wiped_size) noexcept
+{
+    if (memory == nullptr || !is_ready()) {
+        return;
+    }
+    const std::size_t room = malloc_usable_size(memory);
+    if (room >= wiped_size) {
+        std::memset(memory, 0, room);
+    }
+    next.free(memory);
+}
+
+void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
+{
+    return size == 0 ? nullptr : checked(next.malloc(size), size);
+}
+
+void *openssl_realloc(void *old, std::size_t size, const char * /*file*/, int /*line*/) noexcept
+{
+    return std::realloc(old, size);
+}
+
+void openssl_free(void *memory, const char * /*file*/, int /*line*/) noexcept
+{
+    free_wiped_from(memory, tls_record_size);
+}
+
+/// A TLS handshake frees thousands of objects, and OpenSSL overwrites those that are secret itself. What
+/// is secret to us lies only where records are decrypted.
+[[gnu::constructor(101)]] void wipe_records_only_in_openssl() noexcept
+{
+    CRYPTO_set_mem_functions(openssl_malloc, openssl_realloc, openssl_free);
 }
 
 void end_before_main()
@@ -116,7 +158,32 @@ void *calloc(std::size_t count, std::size_t size) noexcept
 
 void *realloc(void *old, std::size_t size) noexcept
 {
-    return is_ready() ? checked(next.realloc(old, size), size) : nullptr;
+    if (!is_ready()) {
+        return nullptr;
+    }
+    if (old == nullptr) {
+        return malloc(size);
+    }
+    if (size == 0) {
+        free(old);
+        return nullptr;
+    }
+    const std::size_t room = malloc_usable_size(old);
+    if (size <= room && size >= room / 2) {
+        return old;
+    }
+    // The allocator would leave what was there behind when it moves it.
+    void *const moved = checked(next.malloc(size), size);
+    if (moved != nullptr) {
+        std::memcpy(moved, old, std::min(size, room));
+        free(old);
+    }
+    return moved;
+}
+
+void free(void *memory) noexcept
+{
+    free_wiped_from(memory, 0);
 }
 
 void *memalign(std::size_t alignment, std::size_t size) noexcept

@@ -46,7 +46,9 @@ item_head head_read(byte_reader &in)
     return head;
 }
 
-enum class cbor_shape { fits, foreign, malformed };
+/// In the order of what counts: what is foreign is malformed all the same when something behind it
+/// is. Behind what is too deep nobody looks.
+enum class cbor_shape { fits, foreign, malformed, too_deep };
 
 cbor_shape item_walk(byte_reader &in, int depth);
 
@@ -59,37 +61,29 @@ cbor_shape definite_children_walk(byte_reader &in, std::uint64_t count, std::uin
     if (count > in.remaining() / per_element) {
         return cbor_shape::malformed;
     }
-    if (count > count_limit) {
-        return cbor_shape::foreign;
+    cbor_shape worst = count > count_limit ? cbor_shape::foreign : cbor_shape::fits;
+    for (std::uint64_t i = 0; i < count * per_element && worst < cbor_shape::malformed; ++i) {
+        worst = std::max(worst, item_walk(in, depth));
     }
-    for (std::uint64_t i = 0; i < count * per_element; ++i) {
-        const cbor_shape shape = item_walk(in, depth);
-        if (shape != cbor_shape::fits) {
-            return shape;
-        }
-    }
-    return cbor_shape::fits;
+    return worst;
 }
 
 cbor_shape indefinite_children_walk(byte_reader &in, std::uint64_t per_element, int depth)
 {
-    for (std::uint64_t i = 0; in.next_byte() != break_byte; ++i) {
-        if (i == count_limit * per_element) {
-            return cbor_shape::foreign;
-        }
-        const cbor_shape shape = item_walk(in, depth);
-        if (shape != cbor_shape::fits) {
-            return shape;
-        }
+    cbor_shape worst = cbor_shape::fits;
+    std::uint64_t items = 0;
+    while (in.next_byte() != break_byte && worst < cbor_shape::malformed) {
+        worst = std::max(worst, item_walk(in, depth));
+        ++items;
     }
     in.skip(1);
-    return cbor_shape::fits;
+    return items > count_limit * per_element ? std::max(worst, cbor_shape::foreign) : worst;
 }
 
 cbor_shape children_walk(byte_reader &in, const item_head &head, int depth)
 {
     if (depth == depth_limit) {
-        return cbor_shape::foreign;
+        return cbor_shape::too_deep;
     }
     if (head.major == major_tag) {
         return head.indefinite ? cbor_shape::malformed : item_walk(in, depth + 1);
@@ -97,6 +91,32 @@ cbor_shape children_walk(byte_reader &in, const item_head &head, int depth)
     const std::uint64_t per_element = head.major == major_map ? 2 : 1;
     return head.indefinite ? indefinite_children_walk(in, per_element, depth + 1)
                            : definite_children_walk(in, head.argument, per_element, depth + 1);
+}
+
+/// A string in pieces: each of them a string of the same kind whose length is known.
+cbor_shape pieces_walk(byte_reader &in, unsigned major)
+{
+    while (in.next_byte() != break_byte) {
+        const item_head piece = head_read(in);
+        if (piece.major != major || piece.indefinite || piece.reserved) {
+            return cbor_shape::malformed;
+        }
+        in.skip(piece.argument);
+        if (!in.ok()) {
+            return cbor_shape::malformed;
+        }
+    }
+    in.skip(1);
+    return cbor_shape::foreign;
+}
+
+cbor_shape string_walk(byte_reader &in, const item_head &head)
+{
+    if (head.indefinite) {
+        return pieces_walk(in, head.major);
+    }
+    in.skip(head.argument);
+    return in.ok() ? cbor_shape::fits : cbor_shape::malformed;
 }
 
 /// Steps over one item without taking memory; the levels, and with them the recursion, are bounded.
@@ -109,11 +129,7 @@ cbor_shape item_walk(byte_reader &in, int depth)
     switch (head.major) {
     case major_bytes:
     case major_text:
-        if (head.indefinite) {
-            return cbor_shape::foreign;
-        }
-        in.skip(head.argument);
-        return in.ok() ? cbor_shape::fits : cbor_shape::malformed;
+        return string_walk(in, head);
     case major_array:
     case major_map:
     case major_tag:
@@ -133,6 +149,7 @@ std::optional<cbor_item_ptr> ios_app_cbor_decode(std::span<const std::uint8_t> b
     case cbor_shape::malformed:
         return std::nullopt;
     case cbor_shape::foreign:
+    case cbor_shape::too_deep:
         return cbor_item_ptr{};
     case cbor_shape::fits:
         break;

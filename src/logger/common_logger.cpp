@@ -214,11 +214,6 @@ void set_file_max_size(std::string_view value)
     }
 }
 
-bool is_wanted(const char *category, int level)
-{
-    return state.enabled && level >= threshold_of(category);
-}
-
 /// Where a line comes from.
 struct line_origin {
     const char *category;
@@ -290,10 +285,15 @@ bool common_logger_is_enabled()
     return state.enabled;
 }
 
+bool common_logger_writes(const char *category, int level)
+{
+    return state.enabled && level >= threshold_of(category);
+}
+
 void common_logger_log(const char *category, int level, const char *file, int line,
                        const char *format, ...)
 {
-    if (!is_wanted(category, level)) {
+    if (!common_logger_writes(category, level)) {
         return;
     }
     const line_origin origin{category, level, file, line};
@@ -320,7 +320,7 @@ void common_logger_tell(const char *category, int level, const char *file, int l
     if (!is_whole) {
         return;
     }
-    if (!is_wanted(category, level)) {
+    if (!common_logger_writes(category, level)) {
         text.end_line();
     } else if (emit(text, parts, origin)) {
         return;

@@ -48,6 +48,10 @@ void common_logger_read_time_zone();
 /// False while nothing can be emitted, so that the macros do not even evaluate their arguments.
 [[nodiscard]] bool common_logger_is_enabled();
 
+/// False when a line of that category and level would be written nowhere: asked before anything is put
+/// together for it.
+[[nodiscard]] bool common_logger_writes(const char *category, int level);
+
 /// Sets one key ("enabled", "level", "stdout", "syslog", "file", "file.name", "file.maxsize",
 /// "lineandfile", "syslog.ident", "category.NAME"). Unknown keys are ignored; a null key or value too.
 void common_logger_set(const char *key, const char *value);

@@ -11,7 +11,7 @@ import pytest
 from cryptography.hazmat.primitives import serialization
 from test_round_trip import assert_report_matches
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, AccessPoint
-from velm_sim.android_phone import AndroidPhone
+from velm_sim.android_phone import AndroidPhone, android_profile
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
@@ -243,6 +243,32 @@ def test_a_phone_that_only_says_it_is_an_iphone_is_refused(
 ) -> None:
     request = paired_phone.prepare_location(auth={"deviceType": "iOS"})
     assert "no assertion key" in refused(access_point, paired_phone, request)
+
+
+@pytest.mark.parametrize("enabled", ["yes", "no"])
+@pytest.mark.parametrize("method", ["local", "remote"])
+def test_an_iphones_pairing_is_proved_by_no_android_token(
+    method: str, enabled: str, cold_access_point: AccessPoint
+) -> None:
+    """Not even by a genuine one: the phone that names the id is another phone."""
+    cold_access_point.configure(
+        {"app.android.integrity.method": method, "app.android.integrity.enabled": enabled}
+    )
+    cold_access_point.start()
+    iphone = cold_access_point.phone()
+    assert iphone.pair().status == 200
+    before = cold_access_point.nvram_show()
+    android = cold_access_point.android_phone(
+        1, android_profile(device_id=iphone.profile.device_id)
+    )
+    for sent in (android.location, android.pair):
+        mark = cold_access_point.daemon.log_mark()
+        assert sent().status == 412
+        assert "the pairing is of App Attest, the device type is another" in cold_access_point.log(mark)
+    junk = android.prepare_location().with_headers(X_Assertion="YWJj")
+    assert android.send(junk).status == 412
+    assert cold_access_point.nvram_show() == before
+    assert iphone.location().status == 200
 
 
 def test_with_integrity_switched_off_a_failure_is_only_logged(

@@ -468,3 +468,18 @@ def test_many_phones_leave_while_google_is_silent(
     cloud.integrity.answer_always(None)
     wait_until(lambda: daemon.descriptors() <= descriptors, 5, "descriptors stay open")
     assert paired_phone.location().status == 200
+
+
+def test_a_phone_that_is_unpaired_while_google_is_asked_does_not_pair_again(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: AndroidPhone
+) -> None:
+    request = paired_phone.prepare_pair()
+    slow_verdict(cloud, paired_phone, request, 1.0)
+    with ThreadPoolExecutor(1) as pool:
+        answer = pool.submit(paired_phone.send, request)
+        cloud.integrity.wait()
+        other = access_point.phone(1)
+        assert other.unpair(paired_phone.profile.device_id).status == 200
+        assert answer.result().status == 412
+    assert access_point.pairing(0)["status"] == "Invalid"
+    assert paired_phone.pair().status == 200

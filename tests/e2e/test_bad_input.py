@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import dataclasses
+import json
 from collections.abc import Callable, Iterator
 
 import pytest
@@ -44,6 +45,31 @@ def prepare(phone: Phone, path: str, **changes: object) -> Prepared:
     return phone.prepare(path, members, **changes)  # type: ignore[arg-type]
 
 
+# Refused before any route looks at it.
+EARLY = ("unknown path", "attestation or assertion too long")
+
+
+def shown_id(body: bytes, logged: str) -> str:
+    """How the line of a refusal shows whose request it was."""
+    if logged == "cannot parse json data":
+        return "-"
+    try:
+        device_id = json.loads(body)["auth"]["deviceId"]
+    except (ValueError, KeyError, TypeError, RecursionError):
+        return "-"
+    return device_id[:72] if isinstance(device_id, str) and device_id else "-"
+
+
+def refusal_lines(
+    access_point: AccessPoint, phone: Phone, device_id: str, mark: int
+) -> int:
+    """How many lines tell which check refused the request, for which address and device id."""
+    end = f", ip: {phone.host.source}, device id: {device_id}"
+    lines = access_point.log(mark).splitlines()
+    told = [line for line in lines if " WARN velm_http_server - request_refused - " in line]
+    return len(told) if all(line.endswith(end) for line in told) else -1
+
+
 def outcome(access_point: AccessPoint, phone: Phone, bad: Bad) -> str:
     """Empty when all is as it should be."""
     stored, mark = access_point.nvram_show(), access_point.daemon.log_mark()
@@ -54,6 +80,9 @@ def outcome(access_point: AccessPoint, phone: Phone, bad: Bad) -> str:
         found.append(f"answered {reply.status} {reply.body!r} instead of {bad.status}")
     if bad.logged not in access_point.log(mark):
         found.append(f"{bad.logged!r} is not logged")
+    device_id = shown_id(request.body, bad.logged)
+    if bad.logged not in EARLY and refusal_lines(access_point, phone, device_id, mark) != 1:
+        found.append("there is no one line that says which check refused whom")
     if access_point.nvram_show() != stored:
         found.append("nvram has changed")
     return ", ".join(found)
@@ -135,7 +164,7 @@ def test_a_wrong_login_of(
         "wrong password": {"password": "wrong"},
         "unknown user": {"username": "nobody-here"},
         "root": {"username": ROOT.username, "password": ROOT.password},
-        "an account without password": {"username": "empty", "password": "x"},
+        "a locked account": {"username": "locked", "password": "!"},
     }
     cases = {
         name: Bad(lambda phone, auth=auth: prepare(phone, path, auth=auth), 401, BROKEN[401])
@@ -297,6 +326,37 @@ def test_a_bad_location(
         "no BSSID at all": Bad(from_bssid("here"), 409, "invalid bssid"),
     }
     assert outcomes(access_point, paired_phone, cases) == {}
+
+
+def test_a_refusal_names_its_check_and_cuts_a_long_id_between_characters(
+    access_point: AccessPoint, phone: Phone
+) -> None:
+    for device_id, shown in (("x" * 1024, "x" * 72), ("x" + "\u20ac" * 24, "x" + "\u20ac" * 23)):
+        auth = {"deviceId": device_id, "username": OMIT}
+        assert phone.challenge(auth).status == 400
+        assert (
+            "WARN velm_http_server - request_refused - request check: no valid username, "
+            f"ip: {phone.host.source}, device id: {shown}\n" in access_point.log()
+        )
+
+
+def test_a_refusal_at_level_warn_has_its_line_and_no_secret(
+    cold_access_point: AccessPoint,
+) -> None:
+    cold_access_point.configure({"logger.level": "warn"})
+    cold_access_point.nvram_set({"zelkad_debug_level": "warn"})
+    cold_access_point.start()
+    phone = cold_access_point.phone()
+    mark = cold_access_point.daemon.log_mark()
+    for check, auth in (
+        ("request check: no valid bssid", {"bssid": OMIT}),
+        ("user/password check: login refused", {"password": "a wrong secret"}),
+    ):
+        phone.challenge(auth)
+        end = f"ip: {phone.host.source}, device id: {phone.profile.device_id}\n"
+        assert f"request_refused - {check}, {end}" in cold_access_point.log(mark)
+    assert "secret" not in cold_access_point.log(mark)
+    assert phone.login.password not in cold_access_point.log(mark)
 
 
 def test_the_location_of_a_phone_that_was_removed(

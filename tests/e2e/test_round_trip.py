@@ -44,6 +44,25 @@ def assert_report_matches(report: Report, phone: Phone, location: dict[str, obje
     )
 
 
+@pytest.mark.parametrize("address", ["192.168.100.100", "203.0.113.255"])
+def test_a_phone_with_an_address_of_fifteen_or_fewer_characters_is_served(
+    address: str, access_point: AccessPoint, phone: Phone, ipc: IpcClient
+) -> None:
+    """Of another subnet on the same bridge, as after a change of the LAN's numbers."""
+    network = access_point.network
+    network.phone.batch(f"addr add {address}/32 dev eth0\n")
+    network.ap.batch(f"route add {address}/32 dev br0\n")
+    try:
+        phone.host.source = address
+        assert phone.pair().status == 200
+        location = sample_location()
+        assert phone.location(location).status == 200
+        assert_report_matches(ipc.receive_report(), phone, location)
+    finally:
+        network.ap.batch(f"route del {address}/32 dev br0\n")
+        network.phone.batch(f"addr del {address}/32 dev eth0\n")
+
+
 def test_a_request_ends_in_a_report_for_every_client(
     cloud: Cloud, paired_phone: Phone, ipc: IpcClient, connect_ipc: Callable[[], IpcClient]
 ) -> None:

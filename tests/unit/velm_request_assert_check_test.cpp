@@ -299,6 +299,56 @@ TEST_F(AssertCheck, AFailingIosAssertionIsNeverIgnored)
     EXPECT_EQ(run(), VELM_BREAK_ASSERTION);
 }
 
+// A pairing of App Attest
+
+json_ptr find_iphone(const char *device_id)
+{
+    json_ptr pairing{std::strcmp(device_id, "dev-1") == 0 ? cJSON_CreateObject() : nullptr};
+    if (pairing != nullptr) {
+        cJSON_AddStringToObject(pairing.get(), "attestation_key", "key");
+    }
+    return pairing;
+}
+
+class IphonesPairing : public AssertCheck {
+  protected:
+    IphonesPairing()
+    {
+        velm_request_proof_set_finder(find_iphone);
+    }
+    ~IphonesPairing() override
+    {
+        velm_request_proof_set_finder(nullptr);
+    }
+};
+
+TEST_F(IphonesPairing, IsProvedByNoOtherTypeWhateverTheSettings)
+{
+    for (const char *method : {"local", "remote"}) {
+        for (const bool enabled : {true, false}) {
+            for (const char *type : {"Android", "ANDROID-12", "Windows"}) {
+                set_method(method);
+                config_.app_android_integrity_enabled = enabled;
+                p_.client_device_type = type;
+                engines.pending_challenges = {"c0ffee"};
+                EXPECT_EQ(run(), VELM_BREAK_ASSERTION) << method << enabled << type;
+                EXPECT_TRUE(engines.pending_challenges.empty()) << "the challenge is used up";
+            }
+        }
+    }
+    EXPECT_EQ(engines.android_calls, 0);
+    EXPECT_FALSE(log_.contains("IGNORING"));
+}
+
+TEST_F(IphonesPairing, IsProvedByItsKeyAndNoMatterToAnotherPhone)
+{
+    EXPECT_EQ(run(), VELM_BREAK_NONE);
+    EXPECT_EQ(p_.proof->attestation_key, "key");
+    engines.pending_challenges = {"c0ffee"};
+    p_.client_device_id = "dev-2";
+    EXPECT_EQ(run_android(true), VELM_BREAK_NONE);
+}
+
 struct method_case {
     const char *name, *text;
     int method;

@@ -11,11 +11,20 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
+#include "logger/common_logger.h"
 #include "velm_request_preprocessor.h"
 
 namespace {
 bool copyout_fails = false;
+int prints = 0;
 } // namespace
+
+/// Stands in for cJSON's function, to see when it is asked.
+extern "C" char *cJSON_Print(const cJSON *item)
+{
+    ++prints;
+    return cJSON_PrintBuffered(item, 256, 1);
+}
 
 /// Stands in for libevent's function, which cannot fail on a buffer in memory.
 extern "C" ev_ssize_t evbuffer_copyout(evbuffer *buffer, void *data, size_t length)
@@ -68,6 +77,22 @@ TEST_F(Body, IsTracedAsReceivedAndAsParsed)
                          R"({"auth":{}})"));
     EXPECT_TRUE(log_.has("TRACE velm_request_preprocessor - velm_request_parse_request_body - "
                          "received:"));
+}
+
+TEST_F(Body, IsPrintedForTheLogAtLevelTraceOnly)
+{
+    prints = 0;
+    for (const char *level : {"debug", "info", "warn", "error", "mute"}) {
+        common_logger_set("level", level);
+        EXPECT_EQ(status(R"({"auth":{}})"), 200);
+    }
+    common_logger_set("level", "trace");
+    common_logger_set("category.velm_request_preprocessor", "error");
+    EXPECT_EQ(status(R"({"auth":{}})"), 200);
+    EXPECT_EQ(prints, 0);
+    common_logger_set("category.velm_request_preprocessor", "trace");
+    EXPECT_EQ(status(R"({"auth":{}})"), 200);
+    EXPECT_EQ(prints, 1);
 }
 
 TEST_F(Body, ThatIsEmptyGives400)

@@ -34,6 +34,9 @@ checks_seen checks;
 void run_stand_in(const std::string &name, velm_request_preprocessor *p)
 {
     checks.started.push_back(name);
+    if (name == "assertion") {
+        p->proof = velm_request_proof_take(p->client_device_id);
+    }
     if (name == checks.held) {
         checks.waiting = p;
         return;
@@ -295,6 +298,109 @@ TEST_F(Preprocessor, WipesThePasswordWithTheRecordAndTheCopyOfTheBodyItCameIn)
     EXPECT_EQ(run(good_body, request_only), 0);
     EXPECT_EQ(std::count(wiped.begin(), wiped.end(), "secret"), 1);
     EXPECT_EQ(std::count(wiped.begin(), wiped.end(), good_body), 1);
+}
+
+// What the phone proved itself by
+
+/// The key that the phone's pairing holds; nothing: it is not paired.
+std::optional<std::string> paired_key;
+
+json_ptr find_pairing(const char *device_id)
+{
+    if (!paired_key.has_value() || std::strcmp(device_id, "dev-1") != 0) {
+        return nullptr;
+    }
+    json_ptr pairing{cJSON_CreateObject()};
+    cJSON_AddStringToObject(pairing.get(), "attestation_key", paired_key->c_str());
+    return pairing;
+}
+
+struct proof_case {
+    const char *name;
+    std::optional<std::string> then, now;
+    int code;
+};
+class Proof : public Preprocessor, public testing::WithParamInterface<proof_case> {
+  protected:
+    Proof()
+    {
+        velm_request_proof_set_finder(find_pairing);
+    }
+    ~Proof() override
+    {
+        velm_request_proof_set_finder(nullptr);
+    }
+};
+
+TEST_P(Proof, IsWorthNothingWhenThePairingHasChangedSince)
+{
+    const paused_request request{good_body, {{"X-Assertion", "YXNz"}}};
+    paired_key = GetParam().then;
+    checks.held = "user_pass";
+    start(request, {true, true, true, false, false});
+    turn_test_loop();
+    paired_key = GetParam().now;
+    velm_request_preprocessor_continue(checks.waiting, 0);
+    turn_test_loop();
+    ASSERT_EQ(results.size(), 1U);
+    EXPECT_EQ(results[0].break_code, GetParam().code);
+    EXPECT_EQ(log_.count("WARN velm_http_server - request_refused - assertion check: the pairing "
+                         "has changed since the assertion was checked, ip: 127.0.0.1, "
+                         "device id: dev-1"),
+              GetParam().code == 0 ? 0 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pairings, Proof,
+    testing::Values(proof_case{"SameKey", "key", "key", 0},
+                    proof_case{"AnotherKey", "key", "other", VELM_BREAK_ASSERTION},
+                    proof_case{"UnpairedIphone", "key", std::nullopt, VELM_BREAK_ASSERTION},
+                    proof_case{"SameAndroidPhone", "", "", 0},
+                    proof_case{"UnpairedAndroidPhone", "", std::nullopt, VELM_BREAK_ASSERTION},
+                    proof_case{"AndroidPhoneThatIsAnIphoneNow", "", "key", VELM_BREAK_ASSERTION},
+                    proof_case{"NewAndroidPhone", std::nullopt, std::nullopt, 0},
+                    proof_case{"NewAndroidPhoneThatSentTwice", std::nullopt, "", 0},
+                    proof_case{"NewPhoneThatIsAnIphoneNow", std::nullopt, "key",
+                               VELM_BREAK_ASSERTION}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+// The line of a refusal
+
+TEST_F(Preprocessor, ARefusalLeavesOneLineThatNamesTheCheckTheAddressAndTheDevice)
+{
+    const std::pair<const char *, const char *> lines[] = {
+        {"assertion", "assertion check: assertion is not valid"},
+        {"user_pass", "user/password check: login refused"},
+        {"paired_app", "paired-app check: not paired"},
+        {"device", "device check: bssid is not ours"}};
+    int code = VELM_BREAK_ASSERTION;
+    for (const auto &[check, text] : lines) {
+        checks = {};
+        checks.codes[check] = code;
+        log_.clear();
+        EXPECT_EQ(run(good_body, all_checks), code++);
+        EXPECT_TRUE(log_.has(std::string{"WARN velm_http_server - request_refused - "} + text +
+                             ", ip: 127.0.0.1, device id: dev-1"));
+        EXPECT_EQ(log_.count("WARN "), 1);
+    }
+    checks.codes = {{"assertion", VELM_BREAK_CHALLENGE}};
+    EXPECT_EQ(run(good_body, all_checks), VELM_BREAK_CHALLENGE);
+    EXPECT_TRUE(log_.contains("assertion check: challenge is not pending, "));
+    checks.codes = {{"assertion", 7}};
+    EXPECT_EQ(run(good_body, all_checks), 7);
+    EXPECT_TRUE(log_.contains("no check: unknown, "));
+    EXPECT_EQ(run("{}", request_only), VELM_BREAK_BAD_REQUEST);
+    EXPECT_TRUE(log_.contains("request check: no valid body, ip: 127.0.0.1, device id: -"));
+}
+
+TEST_F(Preprocessor, ARequestThatPassesOrIsGoneLeavesNoWarning)
+{
+    EXPECT_EQ(run(good_body, all_checks), 0);
+    paused_request request{"{}"};
+    start(request, request_only);
+    request.free_connection();
+    turn_test_loop();
+    EXPECT_EQ(log_.count("WARN "), 0);
 }
 
 // The request goes first

@@ -23,7 +23,9 @@ std::vector<int> reported;
 int velm_user_auth_passwd_login(const char *username, const char *password)
 {
     ++logins;
-    return std::strcmp(username, "admin") == 0 && std::strcmp(password, "right") == 0 ? 1 : 0;
+    const bool has_account =
+        std::strcmp(username, "admin") == 0 || std::strcmp(username, "other") == 0;
+    return has_account && std::strcmp(password, "right") == 0 ? 1 : 0;
 }
 
 void velm_request_preprocessor_continue(velm_request_preprocessor *, int break_code)
@@ -44,6 +46,7 @@ class UserPassCheck : public testing::Test {
         fake_clock_set(start_time - 3600);
         EXPECT_EQ(login("admin", "right"), 0);
         fake_clock_set(start_time);
+        forget_all_names();
         logins = 0;
     }
     ~UserPassCheck() override
@@ -51,6 +54,15 @@ class UserPassCheck : public testing::Test {
         fake_clock_set(start_time + 1000000);
         login("admin", "right");
         fake_clock_reset();
+    }
+
+    /// By as many others as are remembered.
+    static void forget_all_names()
+    {
+        for (int number = 0; number < 64; ++number) {
+            login(("filler" + std::to_string(number)).c_str(), "wrong");
+            login("admin", "right");
+        }
     }
 
     static int login(const char *username, const char *password)
@@ -62,6 +74,22 @@ class UserPassCheck : public testing::Test {
         make_user_pass_check(&p);
         turn_test_loop();
         return reported.size() == 1 ? reported[0] : -1;
+    }
+
+    /// A wrong login of that name, then a right one of another, which ends the row of all.
+    static void fail_between_right_ones(const std::string &name, int times)
+    {
+        for (int i = 0; i < times; ++i) {
+            EXPECT_EQ(login(name.c_str(), "wrong"), VELM_BREAK_LOGIN) << name;
+            EXPECT_EQ(login("other", "right"), 0) << name;
+        }
+    }
+
+    /// Its password is not looked at, right as it may be.
+    static bool is_blocked(const std::string &name)
+    {
+        const int before = logins;
+        return login(name.c_str(), "right") == VELM_BREAK_LOGIN && logins == before;
     }
 
     /// Failures at these seconds after the start.
@@ -154,6 +182,113 @@ TEST_F(UserPassCheck, ASeriesOfFailuresHasNoEndButASuccess)
 {
     fail_at({0, 100, 200, 300, 400});
     EXPECT_EQ(login("admin", "right"), 0) << "the fifth came long after the block would be over";
+}
+
+TEST_F(UserPassCheck, ANameIsRefusedAfterFiveFailuresWhateverOthersDo)
+{
+    fail_between_right_ones("admin", 4);
+    EXPECT_FALSE(is_blocked("admin"));
+    fail_between_right_ones("admin", 5);
+    EXPECT_TRUE(is_blocked("admin"));
+    EXPECT_TRUE(log_.has("WARN velm_request_user_pass_check - make_user_pass_check - login blocked "
+                         "(60 seconds remained) for this user name"));
+    EXPECT_EQ(login("other", "right"), 0);
+}
+
+TEST_F(UserPassCheck, OfAHundredWrongPasswordsBetweenRightOnesOfAnotherFiveAreLookedAt)
+{
+    int seen = 0;
+    for (int i = 0; i < 100; ++i) {
+        logins = 0;
+        EXPECT_EQ(login("admin", "wrong"), VELM_BREAK_LOGIN);
+        seen += logins;
+        if (i % 4 == 3) {
+            EXPECT_EQ(login("other", "right"), 0);
+        }
+    }
+    EXPECT_EQ(seen, 5);
+}
+
+TEST_F(UserPassCheck, ANameIsRefusedFor60SecondsFromItsFirstFailure)
+{
+    for (const int second : {0, 10, 20, 30, 40}) {
+        fake_clock_set(start_time + second);
+        fail_between_right_ones("admin", 1);
+    }
+    fake_clock_set(start_time + 59);
+    EXPECT_TRUE(is_blocked("admin"));
+    EXPECT_TRUE(log_.contains("login blocked (1 seconds remained) for this user name"));
+    fake_clock_set(start_time + 60);
+    EXPECT_EQ(login("admin", "right"), 0);
+    fail_between_right_ones("admin", 4);
+    EXPECT_FALSE(is_blocked("admin")) << "a new row begins with nothing";
+}
+
+TEST_F(UserPassCheck, ARefusedAttemptOfANameIsNotCounted)
+{
+    fail_between_right_ones("admin", 5);
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(is_blocked("admin"));
+    }
+    EXPECT_EQ(login("other", "right"), 0) << "nor for all";
+    fake_clock_set(start_time + 60);
+    EXPECT_EQ(login("admin", "right"), 0);
+}
+
+TEST_F(UserPassCheck, ANameThatNoAccountHasIsRefusedAfterFiveToo)
+{
+    fail_between_right_ones("nobody", 5);
+    EXPECT_TRUE(is_blocked("nobody"));
+    EXPECT_FALSE(is_blocked("nobod"));
+    fail_between_right_ones("Nobody", 1);
+    EXPECT_FALSE(is_blocked("Nobody")) << "another name";
+}
+
+TEST_F(UserPassCheck, LongNamesAreToldApartByTheirLastCharacter)
+{
+    const std::string beginning(1023, 'n');
+    fail_between_right_ones(beginning + "a", 5);
+    EXPECT_TRUE(is_blocked(beginning + "a"));
+    EXPECT_FALSE(is_blocked(beginning + "b"));
+}
+
+TEST_F(UserPassCheck, OfSixtyFiveNamesTheOneWhoseLastFailureIsLongestAgoIsForgotten)
+{
+    std::vector<std::string> names;
+    for (int number = 0; number < 64; ++number) {
+        names.push_back("name" + std::to_string(number));
+        fail_between_right_ones(names.back(), 5);
+    }
+    EXPECT_TRUE(is_blocked(names.front()));
+    fail_between_right_ones("one more", 1);
+    for (std::size_t number = 1; number < names.size(); ++number) {
+        EXPECT_TRUE(is_blocked(names[number])) << number;
+    }
+    EXPECT_FALSE(is_blocked(names.front()));
+}
+
+TEST_F(UserPassCheck, ARightPasswordGivesItsNamesPlaceBack)
+{
+    fail_between_right_ones("admin", 1);
+    for (int number = 0; number < 63; ++number) {
+        fail_between_right_ones("name" + std::to_string(number), 5);
+    }
+    EXPECT_EQ(login("admin", "right"), 0);
+    fail_between_right_ones("one more", 1);
+    EXPECT_TRUE(is_blocked("name0"));
+}
+
+TEST_F(UserPassCheck, AClockThatWasSetBackBlocksNobody)
+{
+    fail_at({0, 0, 0, 0, 0});
+    fake_clock_set(start_time - 1);
+    EXPECT_EQ(login("admin", "right"), 0);
+    fake_clock_set(start_time);
+    fail_between_right_ones("admin", 5);
+    fake_clock_set(start_time - 3600);
+    EXPECT_EQ(login("admin", "right"), 0);
+    fail_at({-3600, -3600, -3600, -3600, -3600});
+    EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN) << "counts as ever by the new time";
 }
 
 TEST_F(UserPassCheck, TheThrottleOutlivesAReload)

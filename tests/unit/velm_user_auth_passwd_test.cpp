@@ -27,6 +27,9 @@ struct system_seen {
     const char *hash = nullptr; // what crypt gives otherwise
     int crypt_error = 0;
     int crypt_calls = 0;
+    std::vector<std::string> settings; // that crypt was called with
+    std::vector<std::string> listed;   // password fields of all accounts, in the database's order
+    std::size_t next_listed = 0;
 };
 system_seen system_state;
 
@@ -64,9 +67,29 @@ extern "C" int getpwnam_r(const char *name, passwd *account, char *buffer, size_
     return 0;
 }
 
+extern "C" void setpwent()
+{
+    system_state.next_listed = 0;
+}
+
+extern "C" void endpwent()
+{
+}
+
+extern "C" passwd *getpwent()
+{
+    static passwd account;
+    if (system_state.next_listed == system_state.listed.size()) {
+        return nullptr;
+    }
+    account.pw_passwd = system_state.listed[system_state.next_listed++].data();
+    return &account;
+}
+
 extern "C" char *crypt(const char *phrase, const char *setting)
 {
     ++system_state.crypt_calls;
+    system_state.settings.emplace_back(setting);
     if (system_state.crypt_is_real) {
         static crypt_data data;
         return crypt_r(phrase, setting, &data);
@@ -94,6 +117,15 @@ class Passwd : public testing::Test {
         system_state.accounts["admin"] = "stored";
         system_state.hash = "stored";
     }
+
+    /// Once, as long as it takes, and not with what an account holds.
+    static void expect_hashed_for_nothing()
+    {
+        ASSERT_EQ(system_state.settings.size(), 1U);
+        EXPECT_NE(system_state.settings[0], "");
+        EXPECT_NE(system_state.settings[0], system_state.accounts["admin"]);
+    }
+
     captured_log log_;
 };
 
@@ -129,7 +161,9 @@ TEST_F(Passwd, RootIsAlwaysRefusedEvenWithItsRightPassword)
     system_state.accounts["root"] = "stored";
     EXPECT_EQ(velm_user_auth_passwd_login("root", "secret"), 0);
     EXPECT_TRUE(system_state.sizes.empty());
-    EXPECT_EQ(system_state.crypt_calls, 0);
+    expect_hashed_for_nothing();
+    EXPECT_TRUE(log_.has("ERROR velm_user_auth_passwd - velm_user_auth_passwd_login - "
+                         "root may not log in"));
 }
 
 TEST_F(Passwd, OnlyTheExactNameRootIsRefused)
@@ -145,7 +179,8 @@ TEST_F(Passwd, AnAccountThatTurnsOutToBeRootIsRefusedToo)
     system_state.accounts["ROOT"] = "stored";
     system_state.canonical_name = "root"; // of a database that ignores case
     EXPECT_EQ(velm_user_auth_passwd_login("ROOT", "secret"), 0);
-    EXPECT_EQ(system_state.crypt_calls, 0);
+    expect_hashed_for_nothing();
+    EXPECT_TRUE(log_.contains("root may not log in"));
 }
 
 TEST_F(Passwd, AnEmptyNameOrPasswordIsRefusedUnseen)
@@ -154,12 +189,94 @@ TEST_F(Passwd, AnEmptyNameOrPasswordIsRefusedUnseen)
     EXPECT_EQ(velm_user_auth_passwd_login("", "secret"), 0);
     EXPECT_EQ(velm_user_auth_passwd_login("admin", ""), 0);
     EXPECT_TRUE(system_state.sizes.empty());
+    EXPECT_EQ(system_state.crypt_calls, 0);
+    EXPECT_EQ(log_.count("empty user name or password"), 2);
 }
 
-TEST_F(Passwd, AnUnknownUserIsRefused)
+TEST_F(Passwd, AnUnknownUserIsRefusedAfterAHash)
 {
     EXPECT_EQ(velm_user_auth_passwd_login("nobody-here", "secret"), 0);
     EXPECT_TRUE(log_.contains("velm_user_auth_passwd_login - unknown user"));
+    expect_hashed_for_nothing();
+}
+
+TEST_F(Passwd, AnUnknownUserIsNoDangerWhereCryptCannotHash)
+{
+    system_state.hash = nullptr;
+    system_state.crypt_error = EINVAL;
+    EXPECT_EQ(velm_user_auth_passwd_login("nobody-here", "secret"), 0);
+}
+
+struct setting_case {
+    const char *name, *stored, *other;
+};
+class OtherSetting : public Passwd, public testing::WithParamInterface<setting_case> {};
+
+TEST_P(OtherSetting, OfAnUnknownUserIsThatOfTheLastAccountWithoutItsHash)
+{
+    system_state.accounts["admin"] = GetParam().stored;
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "wrong"), 0);
+    EXPECT_EQ(velm_user_auth_passwd_login("nobody-here", "wrong"), 0);
+    EXPECT_EQ(system_state.settings,
+              (std::vector<std::string>{GetParam().stored, GetParam().other}));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Methods, OtherSetting,
+    testing::Values(setting_case{"Sha512", "$6$rounds=1000$salt$hash", "$6$rounds=1000$salt$...."},
+                    setting_case{"Md5", "$1$salt$hash", "$1$salt$...."},
+                    setting_case{"Yescrypt", "$y$j9T$salt$hash", "$y$j9T$salt$...."},
+                    setting_case{"Bcrypt", "$2b$12$saltandhash", "$2b$12$..........."},
+                    setting_case{"Des", "sahash", "sa...."},
+                    setting_case{"ExtendedDes", "_J9..salthash", "_J9..salt...."},
+                    setting_case{"TooShort", "a", "a"}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(Passwd, TheOtherSettingTakesAsLongAsTheRealOne)
+{
+    system_state.crypt_is_real = true;
+    system_state.accounts["admin"] = sha512_hash;
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "wrong"), 0);
+    EXPECT_EQ(velm_user_auth_passwd_login("nobody-here", "wrong"), 0);
+    static crypt_data data;
+    EXPECT_STRNE(crypt_r("wrong", system_state.settings.at(1).c_str(), &data), "*0");
+}
+
+/// In a process of its own, where nobody has logged in yet.
+void expect_first_setting(const std::vector<std::string> &fields, const std::string &setting)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            system_state = {};
+            system_state.listed = fields;
+            system_state.hash = "hash";
+            (void)velm_user_auth_passwd_login("nobody-here", "secret");
+            const bool right = system_state.settings == std::vector<std::string>{setting};
+            std::exit(right ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "")
+        << setting;
+}
+
+TEST(FirstSetting, IsThatOfTheFirstAccountThatHasAHash)
+{
+    expect_first_setting({"x", "", "*", "!$6$a$b", "$5$rounds=7$salt$hash", "$6$a$b"},
+                         "$5$rounds=7$salt$....");
+}
+
+TEST(FirstSetting, IsTheUsualOneWhereNoAccountHasAHash)
+{
+    expect_first_setting({"x", "*"}, "$6$..........$");
+    expect_first_setting({}, "$6$..........$");
+}
+
+TEST(FirstSetting, IsLookedForAmongTheFirstAccountsOnly)
+{
+    std::vector<std::string> fields(64, "x");
+    fields.emplace_back("$5$a$b");
+    expect_first_setting(fields, "$6$..........$");
+    expect_first_setting({fields.begin() + 1, fields.end()}, "$5$a$.");
 }
 
 TEST_F(Passwd, AFailingDatabaseRefuses)
@@ -187,12 +304,12 @@ TEST_F(Passwd, ADatabaseThatNeverHasRoomEnoughRefuses)
 
 class NoSetting : public Passwd, public testing::WithParamInterface<const char *> {};
 
-TEST_P(NoSetting, IsAWrongPasswordWithoutAskingCrypt)
+TEST_P(NoSetting, IsAWrongPasswordAndNeverGivenToCrypt)
 {
     system_state.accounts["admin"] = GetParam();
     system_state.hash = GetParam();
     EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0);
-    EXPECT_EQ(system_state.crypt_calls, 0);
+    expect_hashed_for_nothing();
     EXPECT_TRUE(log_.contains("velm_user_auth_passwd_login - invalid password"));
 }
 
@@ -209,19 +326,28 @@ TEST_F(Passwd, OnlyTheWholeFieldXSaysThatTheHashIsElsewhere)
 TEST_F(Passwd, AFailedHashIsAWrongPasswordWhateverTheField)
 {
     for (const char *failure : {"*0", "*1"}) {
-        for (const char *field : {"", "stored"}) {
-            system_state.accounts["admin"] = field;
-            system_state.hash = failure;
-            EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0) << failure << field;
-        }
+        system_state.hash = failure;
+        EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0) << failure;
     }
 }
 
-TEST_F(Passwd, AnEmptyFieldAcceptsAnyPasswordThatCryptCanHash)
+TEST_F(Passwd, AnEmptyFieldAcceptsAnyPasswordButTheEmptyOneWhateverCryptCanDo)
 {
     system_state.accounts["admin"] = "";
-    system_state.hash = "anything";
-    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 1);
+    for (const char *result : {"anything", "*0", static_cast<const char *>(nullptr)}) {
+        system_state.hash = result;
+        EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 1);
+        EXPECT_EQ(velm_user_auth_passwd_login("admin", ""), 0);
+    }
+    EXPECT_EQ(system_state.crypt_calls, 0) << "a library may fail on an empty setting";
+}
+
+TEST_F(Passwd, APasswordThatIsLongerThanCryptTakesIsAWrongOne)
+{
+    system_state.hash = nullptr;
+    system_state.crypt_error = ERANGE;
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0);
+    EXPECT_TRUE(log_.contains("invalid password"));
 }
 
 TEST_F(Passwd, ComparesOverTheLengthOfTheStoredField)

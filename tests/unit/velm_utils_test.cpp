@@ -168,12 +168,16 @@ TEST(IpAddress, IsParsedToNetworkOrder)
     EXPECT_EQ(address, (std::array<std::uint8_t, 4>{192, 168, 1, 2}));
 }
 
-TEST(IpAddress, OfFourteenCharactersIsPrintedAndOfFifteenIsNot)
+TEST(IpAddress, IsPrintedHoweverLongItsTextIs)
 {
+    constexpr std::uint8_t seven[] = {1, 2, 3, 4};
     constexpr std::uint8_t fourteen[] = {192, 168, 10, 100};
     constexpr std::uint8_t fifteen[] = {192, 168, 100, 100};
+    constexpr std::uint8_t last[] = {255, 255, 255, 255};
+    EXPECT_EQ(velm_utils_print_ip_address(seven), "1.2.3.4");
     EXPECT_EQ(velm_utils_print_ip_address(fourteen), "192.168.10.100");
-    EXPECT_EQ(velm_utils_print_ip_address(fifteen), std::nullopt);
+    EXPECT_EQ(velm_utils_print_ip_address(fifteen), "192.168.100.100");
+    EXPECT_EQ(velm_utils_print_ip_address(last), "255.255.255.255");
 }
 
 struct device_case {

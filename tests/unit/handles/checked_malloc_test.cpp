@@ -3,12 +3,15 @@
 #include <cjose/util.h>
 #include <cjson/cJSON.h>
 #include <event2/buffer.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <openssl/crypto.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -18,8 +21,10 @@
 #include <fstream>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "fakes/captured_log.h"
+#include "handles/fd.h"
 #include "handles/memory.h"
 #include "logger/fatal.h"
 
@@ -218,6 +223,89 @@ TEST_F(CheckedMalloc, CallocGivesZerosOnBothSidesOfWhatIsKeptAtHand)
         EXPECT_TRUE(std::all_of(zeros, zeros + size, [](auto byte) { return byte == 0; })) << size;
         std::free(zeros);
     }
+}
+
+// What is freed
+
+constexpr char secret[] = "a secret that is looked for";
+constexpr std::size_t behind_the_allocators_own = 64;
+
+/// A block of this size with the secret in it, where the allocator's own notes do not cover it.
+char *block_with_secret(std::size_t size, void *(*take)(std::size_t))
+{
+    char *const block = static_cast<char *>(take(size));
+    std::memcpy(block + behind_the_allocators_own, secret, sizeof secret);
+    return block;
+}
+
+/// Of memory that may be freed: read through the kernel, since a compiler knows that nobody may look,
+/// and without allocating, which might take that very block.
+bool holds_secret(std::uintptr_t block, std::size_t size)
+{
+    static std::array<char, 100000> content;
+    const unique_fd memory{::open("/proc/self/mem", O_RDONLY | O_CLOEXEC)};
+    const ssize_t length = ::pread(memory.get(), content.data(), std::min(size, content.size()),
+                                   static_cast<off_t>(block));
+    EXPECT_GT(length, 0);
+    const std::string_view read{content.data(),
+                                static_cast<std::size_t>(std::max<ssize_t>(length, 0))};
+    return read.find(secret) != std::string_view::npos;
+}
+
+void *take_of_openssl(std::size_t size)
+{
+    return OPENSSL_malloc(size);
+}
+
+struct freeing_case {
+    const char *name;
+    std::size_t size;
+    void *(*take)(std::size_t);
+    void (*give_back)(void *);
+    bool wiped;
+};
+class Freed : public testing::TestWithParam<freeing_case> {};
+
+TEST_P(Freed, MemoryIsOverwrittenUnlessItIsSmallAndOfOpenssl)
+{
+    const freeing_case &one = GetParam();
+    char *const block = block_with_secret(one.size, one.take);
+    void *const fence = std::malloc(hidden(64)); // keeps the end of the heap where it is
+    const auto address = reinterpret_cast<std::uintptr_t>(block);
+    ASSERT_TRUE(holds_secret(address, one.size));
+    one.give_back(block);
+    EXPECT_NE(holds_secret(address, one.size), one.wiped);
+    std::free(fence);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    By, Freed,
+    testing::Values(freeing_case{"Free", 200, std::malloc, std::free, true},
+                    freeing_case{"FreeOfMuch", 100000, std::malloc, std::free, true},
+                    freeing_case{"Delete", 3000,
+                                 [](std::size_t size) { return ::operator new(size); },
+                                 [](void *block) { ::operator delete(block); }, true},
+                    freeing_case{"ReallocToMore", 3000, std::malloc,
+                                 [](void *block) { std::free(std::realloc(block, 50000)); }, true},
+                    freeing_case{"ReallocToLess", 3000, std::malloc,
+                                 [](void *block) { std::free(std::realloc(block, 100)); }, true},
+                    freeing_case{"ReallocToNothing", 3000, std::malloc,
+                                 [](void *block) { sink = std::realloc(block, hidden(0)); }, true},
+                    freeing_case{"ARecordOfTls", 16704, take_of_openssl,
+                                 [](void *block) { OPENSSL_free(block); }, true},
+                    freeing_case{"AnObjectOfOpenssl", 3000, take_of_openssl,
+                                 [](void *block) { OPENSSL_free(block); }, false}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(CheckedMalloc, ReallocKeepsWhatThereWas)
+{
+    char *block = block_with_secret(100, std::malloc);
+    for (const std::size_t size : {101U, 5000U, 4999U, 300U, 100000U, 100U}) {
+        block = static_cast<char *>(std::realloc(block, size));
+        ASSERT_NE(block, nullptr);
+        EXPECT_STREQ(block + behind_the_allocators_own, secret) << size;
+    }
+    std::free(block);
 }
 
 } // namespace
