@@ -51,6 +51,7 @@ struct http_client_context {
     evhttp_cmd_type type = EVHTTP_REQ_GET;
     std::string path_and_query;
     int timeout_s = default_timeout_s;
+    std::size_t max_body_size = http_client_body_size_max;
     int error = no_error;   // an evhttp_request_error
     bool in_flight = false; // evhttp holds the request
     bool done = false;
@@ -213,9 +214,9 @@ void address_known(const char *address, void *argument) noexcept
     }
     // Behind ours, so that ours tells the time-out.
     const int inner_timeout_s = ctx->timeout_s + 1;
-    if (address == nullptr ||
-        (ctx->connection->evcon == nullptr &&
-         !http_client_connection_open(ctx->connection, state.base, address, inner_timeout_s))) {
+    if (address == nullptr || (ctx->connection->evcon == nullptr &&
+                               !http_client_connection_open(ctx->connection, state.base, address,
+                                                            inner_timeout_s, ctx->max_body_size))) {
         request_fail(ctx, EVREQ_HTTP_EOF);
         return;
     }
@@ -228,6 +229,7 @@ std::unique_ptr<http_client_context> make_context(const http_client_request_data
     const allocation_name naming{__func__, "ctx->orig_uri"};
     ctx->orig_uri = data.uri;
     ctx->timeout_s = data.timeout_s > 0 ? data.timeout_s : default_timeout_s;
+    ctx->max_body_size = data.max_body_size;
     if (data.connection == nullptr) {
         ctx->own_connection = std::make_unique<http_client_connection>();
     }

@@ -26,6 +26,9 @@ struct http_client_header {
     bool used = false; // replaced one of the client's own headers
 };
 
+/// The largest answer unless a request says otherwise: ten times what the cloud sends.
+inline constexpr std::size_t http_client_body_size_max = 64 * 1024;
+
 /// What to ask. The client copies what it keeps.
 struct http_client_request_data {
     http_client_connection *connection = nullptr; // null: a connection of the request's own
@@ -33,6 +36,7 @@ struct http_client_request_data {
     std::vector<http_client_header> headers;
     std::string post_data;
     int timeout_s = 0; // for the whole exchange, connecting included; 0 or less: the default
+    std::size_t max_body_size = http_client_body_size_max; // of the answer, in bytes
     bool skip_server_verification = false;
     bool skip_hostname_verification = false;
 };
@@ -67,7 +71,7 @@ void http_client_add_header(http_client_request_data *data, const char *header_n
                             const char *header_value);
 
 /// Starts a request: DELETE and GET send no body; an unknown method is sent as POST. Heads over
-/// 16 KiB and bodies over 1 MiB are refused. A negative result: not started, and the handler is not
+/// 16 KiB and bodies over the request's limit are refused. A negative result: not started, and the handler is not
 /// called.
 [[nodiscard]] int http_request_internal(http_client_method method,
                                         const http_client_request_data &data,

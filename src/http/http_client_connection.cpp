@@ -13,7 +13,7 @@ namespace {
 constexpr char log_category[] = "http_client";
 
 constexpr ev_ssize_t max_response_head = 16 * 1024;
-constexpr ev_ssize_t max_response_body = 1024 * 1024;
+constexpr ev_ssize_t most_held = 1024 * 1024;
 
 /// The bufferevent closes its socket when it is freed: also one that is opened by a late event.
 bufferevent_handle new_transport(event_base *base, http_client_scheme scheme,
@@ -68,7 +68,7 @@ bool get_conn_by_scheme(http_client_connection *connection, event_base *base,
 }
 
 bool http_client_connection_open(http_client_connection *connection, event_base *base,
-                                 const char *address, int timeout_s)
+                                 const char *address, int timeout_s, std::size_t max_body_size)
 {
     // evhttp would make a transport of its own, one without TLS.
     if (connection->bufev == nullptr) {
@@ -83,10 +83,10 @@ bool http_client_connection_open(http_client_connection *connection, event_base 
     (void)connection->bufev.release(); // the connection owns it now
     evhttp_connection_set_timeout(connection->evcon.get(), timeout_s);
     evhttp_connection_set_max_headers_size(connection->evcon.get(), max_response_head);
-    evhttp_connection_set_max_body_size(connection->evcon.get(), max_response_body);
+    evhttp_connection_set_max_body_size(connection->evcon.get(),
+                                        static_cast<ev_ssize_t>(max_body_size));
     // libevent has no limit for the line that tells a chunk's size: what comes on top is not read.
-    bufferevent_setwatermark(connection->transport(), EV_READ, 0,
-                             max_response_head + max_response_body);
+    bufferevent_setwatermark(connection->transport(), EV_READ, 0, max_response_head + most_held);
     return true;
 }
 

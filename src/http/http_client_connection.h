@@ -28,7 +28,8 @@ struct http_client_connection {
 
 /// Gives the connection its address, numeric text. Once per connection; false without memory.
 [[nodiscard]] bool http_client_connection_open(http_client_connection *connection, event_base *base,
-                                               const char *address, int timeout_s);
+                                               const char *address, int timeout_s,
+                                               std::size_t max_body_size);
 
 /// Keeps the socket, when there is one, out of child processes.
 void http_client_connection_close_on_exec(const http_client_connection *connection);
