@@ -10,7 +10,7 @@
 /// HTTPS server must present a chain to the configured CA file and the right host name.
 
 struct evkeyvalq;
-struct http_client_connection;
+class http_client_connection;
 
 enum http_client_method : int {
     HTTP_CLIENT_GET = 0,
@@ -43,7 +43,7 @@ struct http_client_request_data {
 
 /// Called once for every request that was started, on a turn of the loop of its own: it may start
 /// requests and free connections. `code` is the HTTP status; -1 for a time-out at any stage and
-/// other negative values for libevent's request errors; 0 when the connection could not be made.
+/// other negative values for libevent's request errors; 0 when no address could be connected to.
 /// Headers and body may be null; the body is terminated and, like the headers, valid during the
 /// call only.
 using http_client_response_handler = void (*)(int code, evkeyvalq *headers, const char *body,
@@ -78,8 +78,7 @@ void http_client_add_header(http_client_request_data *data, const char *header_n
                                         http_client_response_handler handler, void *argument);
 
 /// A connection that the caller holds, to pin requests to one host: it keeps the scheme, host,
-/// port, address and checks of the first request, and a request that differs in them does not
-/// start.
+/// port and checks of the first request, and a request that differs in them does not start.
 /// Freeing it ends its requests with code -5.
 [[nodiscard]] http_client_connection *http_client_connection_create();
 void http_client_connection_free(http_client_connection *connection);

@@ -53,7 +53,7 @@ def test_no_push_without_a_token_when_the_token_endpoint(
     assert not cloud.fcm.requests
 
 
-@pytest.mark.parametrize(("length", "accepted"), [(15 << 10, True), ((16 << 10) + 1, False)])
+@pytest.mark.parametrize(("length", "accepted"), [(16 << 10, True), ((16 << 10) + 1, False)])
 def test_the_largest_token_answer_has_16_kib(
     length: int,
     accepted: bool,
