@@ -129,6 +129,28 @@ TEST_F(HttpClientDns, AddressesAreTheirOwnAnswer)
     EXPECT_TRUE(name_server.questions.empty());
 }
 
+TEST_F(HttpClientDns, TheFamiliesOfANameTakeTurns)
+{
+    write_file("hosts", "127.0.0.1 both.example.test\n127.0.0.2 both.example.test\n"
+                        "127.0.0.3 both.example.test\n::1 both.example.test\n"
+                        "::2 both.example.test\n");
+    lookup_outcome outcome;
+    http_client_dns_lookup lookup;
+    lookup.start("both.example.test", lookup_outcome::callback, &outcome);
+    EXPECT_EQ(outcome.addresses,
+              (std::vector<std::string>{"127.0.0.1", "::1", "127.0.0.2", "::2", "127.0.0.3"}));
+}
+
+TEST_F(HttpClientDns, ARequestReachesTheSecondAddressOfAName)
+{
+    test_server server{base};
+    write_file("hosts", "127.0.0.77 both.example.test\n127.0.0.1 both.example.test\n");
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("http://both.example.test:" + server.port() + "/"));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.calls, 1);
+}
+
 TEST_F(HttpClientDns, AsksTheNameServerForOtherNamesInTheirOwnCase)
 {
     name_server.answer = test_name_server::loopback;

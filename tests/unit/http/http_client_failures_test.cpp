@@ -293,13 +293,13 @@ TEST_P(HttpClientEndless, AnswerIsNotReadForLongerThanABodyMayBe)
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, HttpClientEndless,
-    testing::Values(
-        endless_case{"StatusLine", "HTTP/1.1 200 ", "x"},
-        endless_case{"Headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n"},
-        endless_case{"Body", "HTTP/1.1 200 OK\r\n\r\n", "x"},
-        endless_case{"ChunkSize", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "0"},
-        endless_case{"Chunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
-                     "4\r\nwxyz\r\n"}),
+    testing::Values(endless_case{"StatusLine", "HTTP/1.1 200 ", "x"},
+                    endless_case{"Headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n"},
+                    endless_case{"Body", "HTTP/1.1 200 OK\r\n\r\n", "x"},
+                    endless_case{"ChunkSize",
+                                 "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "0"},
+                    endless_case{"Chunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+                                 "4\r\nwxyz\r\n"}),
     [](const auto &row) { return std::string{row.param.name}; });
 
 struct broken_case {
