@@ -233,6 +233,18 @@ def cloud_token() -> Iterable[bytes]:
     yield word(7) + b""
 
 
+def cloud_answer() -> Iterable[bytes]:
+    head = b"HTTP/1.1 200 OK\r\n"
+    chunked = head + b"Transfer-Encoding: chunked\r\n\r\n"
+    yield head + b"Content-Length: 5\r\n\r\n12345"
+    yield chunked + b"3\r\nabc\r\n2;x=y\r\nde\r\n0\r\nX: y\r\n\r\n"
+    yield head + b"X: a\r\n b\r\nConnection: keep-alive\r\n\r\nto the end"
+    yield b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.0 404\nContent-Length: 0\n\n"
+    yield head + b"Content-Length: 1000\r\n\r\n" + b"x" * 1000 + b"HTTP"
+    yield chunked + b"3e8\r\n" + b"x" * 1000 + b"\r\n1\r\n"
+    yield head + b"a:b\n" * 129 + b"\n"
+
+
 def cloud_push() -> Iterable[bytes]:
     token = b'{"access_token":"ya29.token","valid_to":1750003600}'
     for entry in load("push/fcm_responses.json"):
@@ -367,7 +379,7 @@ def ssdp_search() -> Iterable[bytes]:
 # clang-format off
 TARGETS = {
     "android_token": android_token, "android_verdict": android_verdict,
-    "hostname_certificate": hostname_certificate, "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
+    "hostname_certificate": hostname_certificate, "cloud_answer": cloud_answer, "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
     "base64": base64_seeds, "cloud_push": cloud_push, "cloud_token": cloud_token,
     "config_file": config_file, "escapes": escapes, "hostname_match": hostname_match,
     "http_head": http_head, "http_requests": http_requests, "ios_assertion": ios_assertion,

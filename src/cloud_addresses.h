@@ -11,3 +11,6 @@ inline constexpr char cloud_scope_play_integrity[] =
 
 /// Every request to the cloud ends after this long, whatever the other side does.
 inline constexpr int cloud_timeout_s = 10;
+
+/// A token answer has about 1.5 KiB; more than this is not read.
+inline constexpr unsigned cloud_token_answer_max = 16 * 1024;

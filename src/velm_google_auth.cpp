@@ -89,6 +89,7 @@ http_client_request_data make_post(const std::string &jwt)
     http_client_request_data data;
     data.uri = cloud_token_endpoint;
     data.timeout_s = cloud_timeout_s;
+    data.max_body_size = cloud_token_answer_max;
     data.post_data = std::string{"grant_type="} + grant_type + "&assertion=" + jwt;
     http_client_add_header(&data, "Content-Type", "application/x-www-form-urlencoded");
     return data;

@@ -19,7 +19,8 @@ class Answer:
 
     `delay` seconds pass before the first byte. With `drip` each byte of the body follows that many
     seconds after the one before. `cut_after` bytes of the body the connection is closed, although
-    more was announced. `silent` never answers. `raw` is sent as it stands, without head or body.
+    more was announced. `silent` never answers. `raw` is sent as it stands, without head or body, and
+    the connection then ends without TLS's farewell. `piece` is how many bytes of it a TLS record has.
     """
 
     status: int = 200
@@ -30,6 +31,7 @@ class Answer:
     cut_after: int | None = None
     silent: bool = False
     raw: bytes | None = None
+    piece: int | None = None
 
     @classmethod
     def json(cls, content: Any, status: int = 200, **manner: Any) -> Answer:

@@ -31,6 +31,9 @@ from .tls_policy import DEFAULT, TlsPolicy, negotiated
 HOSTS = ("fcm.googleapis.com", "oauth2.googleapis.com", "playintegrity.googleapis.com")
 FORM_TYPE = "application/x-www-form-urlencoded"
 LARGEST_REQUEST = 1 << 20
+LONGEST_FLOOD = 15.0
+# A TLS record with a message that a server may send at any time and that asks for nothing.
+HELLO_REQUEST = bytes.fromhex("16 0303 0004 00 000000")
 DECODE = re.compile(r"/v1/([^/:]*):decodeIntegrityToken")
 
 
@@ -79,7 +82,7 @@ class Cloud:
 
     `token`, `fcm` and `integrity` record what they are asked and are told how to answer.
     `certificate` names the server certificate; `handshakes` False accepts connections and never
-    speaks TLS. `negotiated` has the version and cipher of every connection; `broken` tells how those
+    speaks TLS: it says nothing, or, as long as the client stays, `flood` over and over. `negotiated` has the version and cipher of every connection; `broken` tells how those
     ended that did not end well.
     """
 
@@ -110,6 +113,8 @@ class Cloud:
         """Back to right answers; what was recorded and granted is forgotten."""
         self.certificate = "right"
         self.handshakes = True
+        self.flood = b""
+        self.flooded = 0
         self.token_lifetime = 3600
         self.clock_offset = 0.0
         self.grants: dict[str, dict[str, object]] = {}
@@ -124,7 +129,8 @@ class Cloud:
 
     def start(self) -> None:
         self._ending.clear()
-        listener = self.namespace.socket()
+        family = socket.AF_INET6 if ":" in self.address else socket.AF_INET
+        listener = self.namespace.socket(family)
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         listener.bind((self.address, self.port))
         listener.listen(64)
@@ -179,7 +185,7 @@ class Cloud:
         raw.settimeout(60)
         if not self.handshakes:
             while raw.recv(4096):
-                pass
+                self._flood(raw)
             return
         context = self.certificates.contexts[self.certificate]
         # The plain socket stays this thread's own, so that it can be shut down from another.
@@ -189,6 +195,12 @@ class Cloud:
             if request:
                 self._answer(tls, self._endpoint(request).handle(request))
 
+    def _flood(self, raw: socket.socket) -> None:
+        end = time.monotonic() + LONGEST_FLOOD
+        while self.flood and not self._ending.is_set() and time.monotonic() < end:
+            raw.sendall(self.flood)
+            self.flooded += len(self.flood)
+
     def _answer(self, tls: ssl.SSLSocket, answer: Answer) -> None:
         if answer.silent:
             while not self._ending.is_set() and tls.recv(4096):
@@ -197,7 +209,9 @@ class Cloud:
         if answer.delay and self._ending.wait(answer.delay):
             return
         if answer.raw is not None:
-            tls.sendall(answer.raw)
+            piece = answer.piece or max(len(answer.raw), 1)
+            for at in range(0, len(answer.raw), piece):
+                tls.sendall(answer.raw[at : at + piece])
             return
         body = answer.body if answer.cut_after is None else answer.body[: answer.cut_after]
         if not answer.drip:

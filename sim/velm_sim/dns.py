@@ -7,21 +7,24 @@ import ipaddress
 import socket
 import struct
 import threading
+from collections.abc import Mapping
 
 from .namespaces import Namespace
 
-TYPE_A = 1
+TYPES = {4: 1, 6: 28}  # A and AAAA, by the version of the address
 
 
 class DnsServer:
-    """Answers A queries of `names` on UDP port 53; `answers` False: it listens and says nothing."""
+    """Answers A and AAAA queries of `names` on UDP port 53, with all the addresses that stand for a
+    name, blanks between them. `answers` False: it listens and says nothing."""
 
     def __init__(
-        self, namespace: Namespace, address: str, names: dict[str, str], answers: bool = True
+        self, namespace: Namespace, address: str, names: Mapping[str, str], answers: bool = True
     ) -> None:
         self.names, self.answers = names, answers
         self.asked: list[str] = []
-        self._socket = namespace.socket(kind=socket.SOCK_DGRAM)
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        self._socket = namespace.socket(family, socket.SOCK_DGRAM)
         self._socket.bind((address, 53))
         threading.Thread(target=self._serve, daemon=True).start()
 
@@ -52,12 +55,13 @@ class DnsServer:
         question = query[12 : at + 5]
         name = ".".join(labels).lower()
         self.asked.append(name)
-        address = self.names.get(name)
+        addresses = [ipaddress.ip_address(text) for text in self.names.get(name, "").split()]
         (kind,) = struct.unpack_from(">H", question, len(question) - 4)
-        records = b""
-        if address and kind == TYPE_A:
-            packed = ipaddress.IPv4Address(address).packed
-            records = b"\xc0\x0c" + struct.pack(">HHIH", TYPE_A, 1, 60, 4) + packed
-        code = 0 if address else 3
-        head = query[:2] + struct.pack(">HHHHH", 0x8580 | code, 1, 1 if records else 0, 0, 0)
-        return head + question + records
+        records = [
+            b"\xc0\x0c" + struct.pack(">HHIH", kind, 1, 60, len(one.packed)) + one.packed
+            for one in addresses
+            if TYPES[one.version] == kind
+        ]
+        code = 0 if addresses else 3
+        head = query[:2] + struct.pack(">HHHHH", 0x8580 | code, 1, len(records), 0, 0)
+        return head + question + b"".join(records)

@@ -97,6 +97,9 @@ class Network:
     PHONE_ADDRESSES = tuple(f"192.168.1.{host}" for host in range(50, 60))
     CLOUD_ADDRESS = "198.51.100.1"
     UPLINK_ADDRESS = "198.51.100.2"
+    NOBODY_ADDRESS = "198.51.100.66"  # on the uplink; who connects to it hears nothing
+    CLOUD_IPV6 = "2001:db8:6::1"
+    UPLINK_IPV6 = "2001:db8:6::2"
 
     _next = 1
 
@@ -136,6 +139,21 @@ class Network:
             f"addr add {self.CLOUD_ADDRESS}/24 dev eth0\n"
             f"link set eth0 up\nroute add 192.168.1.0/24 via {self.UPLINK_ADDRESS}\n"
         )
+
+    @contextlib.contextmanager
+    def ipv6_uplink(self, only: bool = False) -> Iterator[None]:
+        """While this lasts, the uplink has IPv6 too, and no IPv4 when that is `only`."""
+        self.ap.batch(f"addr add {self.UPLINK_IPV6}/64 dev wan0 nodad\n")
+        self.cloud.batch(f"addr add {self.CLOUD_IPV6}/64 dev eth0 nodad\n")
+        if only:
+            self.ap.batch(f"addr del {self.UPLINK_ADDRESS}/24 dev wan0\n")
+        try:
+            yield
+        finally:
+            self.ap.batch(f"addr del {self.UPLINK_IPV6}/64 dev wan0\n")
+            self.cloud.batch(f"addr del {self.CLOUD_IPV6}/64 dev eth0\n")
+            if only:
+                self.ap.batch(f"addr add {self.UPLINK_ADDRESS}/24 dev wan0\n")
 
     @contextlib.contextmanager
     def cloud_out_of_reach(self) -> Iterator[None]:

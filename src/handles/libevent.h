@@ -16,7 +16,6 @@ using evbuffer_handle = handle<evbuffer, evbuffer_free>; // evbuffer_ptr is a po
 using bufferevent_handle = handle<bufferevent, bufferevent_free>;
 using evconnlistener_ptr = handle<evconnlistener, evconnlistener_free>;
 using evhttp_uri_ptr = handle<evhttp_uri, evhttp_uri_free>;
-using evhttp_connection_ptr = handle<evhttp_connection, evhttp_connection_free>;
 
 /// Requests that wait for an answer end with an error first.
 struct evdns_base_deleter {
@@ -26,5 +25,4 @@ struct evdns_base_deleter {
     }
 };
 using evdns_base_ptr = std::unique_ptr<evdns_base, evdns_base_deleter>;
-using evhttp_request_ptr = handle<evhttp_request, evhttp_request_free>;
 using addrinfo_ptr = handle<evutil_addrinfo, evutil_freeaddrinfo>;

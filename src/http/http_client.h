@@ -10,7 +10,7 @@
 /// HTTPS server must present a chain to the configured CA file and the right host name.
 
 struct evkeyvalq;
-struct http_client_connection;
+class http_client_connection;
 
 enum http_client_method : int {
     HTTP_CLIENT_GET = 0,
@@ -26,6 +26,9 @@ struct http_client_header {
     bool used = false; // replaced one of the client's own headers
 };
 
+/// The largest answer unless a request says otherwise: ten times what the cloud sends.
+inline constexpr std::size_t http_client_body_size_max = 64 * 1024;
+
 /// What to ask. The client copies what it keeps.
 struct http_client_request_data {
     http_client_connection *connection = nullptr; // null: a connection of the request's own
@@ -33,13 +36,14 @@ struct http_client_request_data {
     std::vector<http_client_header> headers;
     std::string post_data;
     int timeout_s = 0; // for the whole exchange, connecting included; 0 or less: the default
+    std::size_t max_body_size = http_client_body_size_max; // of the answer, in bytes
     bool skip_server_verification = false;
     bool skip_hostname_verification = false;
 };
 
 /// Called once for every request that was started, on a turn of the loop of its own: it may start
 /// requests and free connections. `code` is the HTTP status; -1 for a time-out at any stage and
-/// other negative values for libevent's request errors; 0 when the connection could not be made.
+/// other negative values for libevent's request errors; 0 when no address could be connected to.
 /// Headers and body may be null; the body is terminated and, like the headers, valid during the
 /// call only.
 using http_client_response_handler = void (*)(int code, evkeyvalq *headers, const char *body,
@@ -67,15 +71,14 @@ void http_client_add_header(http_client_request_data *data, const char *header_n
                             const char *header_value);
 
 /// Starts a request: DELETE and GET send no body; an unknown method is sent as POST. Heads over
-/// 16 KiB and bodies over 1 MiB are refused. A negative result: not started, and the handler is not
+/// 16 KiB and bodies over the request's limit are refused. A negative result: not started, and the handler is not
 /// called.
 [[nodiscard]] int http_request_internal(http_client_method method,
                                         const http_client_request_data &data,
                                         http_client_response_handler handler, void *argument);
 
 /// A connection that the caller holds, to pin requests to one host: it keeps the scheme, host,
-/// port, address and checks of the first request, and a request that differs in them does not
-/// start.
+/// port and checks of the first request, and a request that differs in them does not start.
 /// Freeing it ends its requests with code -5.
 [[nodiscard]] http_client_connection *http_client_connection_create();
 void http_client_connection_free(http_client_connection *connection);

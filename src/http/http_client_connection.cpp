@@ -1,121 +1,287 @@
 #include "http/http_client_connection.h"
 
-#include <event2/bufferevent_ssl.h>
-#include <event2/util.h>
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <array>
+#include <cstring>
+#include <utility>
 
-#include "logger/common_logger.h"
+#include "logger/fatal.h"
 
 namespace {
 
 constexpr char log_category[] = "http_client";
 
-constexpr ev_ssize_t max_response_head = 16 * 1024;
-constexpr ev_ssize_t max_response_body = 1024 * 1024;
+constexpr std::size_t read_at_once = std::size_t{16} * 1024; // as much as a TLS record may hold
 
-/// The bufferevent closes its socket when it is freed: also one that is opened by a late event.
-bufferevent_handle new_transport(event_base *base, http_client_scheme scheme,
-                                 const http_client_peer *peer)
+/// The outcome of an answer that is not incomplete.
+http_client_end end_of(http_client_answer_state state)
 {
-    if (scheme == http_client_scheme::http) {
-        return bufferevent_handle{bufferevent_socket_new(base, -1, BEV_OPT_CLOSE_ON_FREE)};
+    switch (state) {
+    case http_client_answer_state::whole:
+        return http_client_answered;
+    case http_client_answer_state::not_http:
+        return EVREQ_HTTP_INVALID_HEADER;
+    case http_client_answer_state::broken_body:
+        return EVREQ_HTTP_DATA_TOO_LONG;
+    case http_client_answer_state::incomplete:
+        break;
     }
-    ssl_ptr ssl = http_client_tls_new(peer);
-    if (ssl == nullptr) {
-        LOG_ERROR("%s - sni set failed", "get_conn_by_scheme");
-        return nullptr;
-    }
-    // Takes the TLS object, on failure too.
-    return bufferevent_handle{bufferevent_openssl_socket_new(
-        base, -1, ssl.release(), BUFFEREVENT_SSL_CONNECTING, BEV_OPT_CLOSE_ON_FREE)};
+    return EVREQ_HTTP_EOF;
 }
 
 } // namespace
 
-http_client_connection::~http_client_connection()
+bool http_client_connection::lead_to(event_base *base, const http_client_target &target,
+                                     const http_client_peer &peer)
 {
-    // libevent frees the TLS object on a later turn of the loop.
-    SSL *ssl = transport() != nullptr ? bufferevent_openssl_get_ssl(transport()) : nullptr;
-    if (ssl != nullptr) {
-        http_client_tls_forget_peer(ssl);
-    }
-}
-
-bufferevent *http_client_connection::transport() const
-{
-    return evcon != nullptr ? evhttp_connection_get_bufferevent(evcon.get()) : bufev.get();
-}
-
-bool get_conn_by_scheme(http_client_connection *connection, event_base *base,
-                        const http_client_target &target, const http_client_peer &peer)
-{
-    if (!connection->target.host.empty()) {
-        return connection->target.same_server(target) && connection->peer == peer;
+    constexpr char caller[] = "get_conn_by_scheme";
+    if (!target_.host.empty()) {
+        return target_.same_server(target) && peer_ == peer;
     }
     if (target.scheme == http_client_scheme::https && !http_client_tls_is_set_up()) {
-        LOG_ERROR("%s - ssl ctx not set", __func__);
+        LOG_ERROR("%s - ssl ctx not set", caller);
         return false;
     }
-    connection->peer = peer;
-    connection->bufev = new_transport(base, target.scheme, &connection->peer);
-    if (connection->bufev == nullptr) {
+    base_ = base;
+    peer_ = peer;
+    if (target.scheme == http_client_scheme::https && !make_tls()) {
+        LOG_ERROR("%s - sni set failed", caller);
         return false;
     }
-    connection->target = target;
+    target_ = target;
     return true;
 }
 
-bool http_client_connection_open(http_client_connection *connection, event_base *base,
-                                 const char *address, int timeout_s)
+/// With the context of now, whatever replaces it meanwhile.
+bool http_client_connection::make_tls()
 {
-    // evhttp would make a transport of its own, one without TLS.
-    if (connection->bufev == nullptr) {
-        return false;
-    }
-    // No resolver here: the address is a number, so nothing is looked up.
-    connection->evcon.reset(evhttp_connection_base_bufferevent_new(
-        base, nullptr, connection->bufev.get(), address, connection->target.port));
-    if (connection->evcon == nullptr) {
-        return false;
-    }
-    (void)connection->bufev.release(); // the connection owns it now
-    evhttp_connection_set_timeout(connection->evcon.get(), timeout_s);
-    evhttp_connection_set_max_headers_size(connection->evcon.get(), max_response_head);
-    evhttp_connection_set_max_body_size(connection->evcon.get(), max_response_body);
-    // libevent has no limit for the line that tells a chunk's size: what comes on top is not read.
-    bufferevent_setwatermark(connection->transport(), EV_READ, 0,
-                             max_response_head + max_response_body);
-    return true;
+    tls_ = http_client_tls_is_set_up() ? http_client_tls_new(&peer_) : nullptr;
+    return tls_ != nullptr;
 }
 
-void http_client_connection_close_on_exec(const http_client_connection *connection)
+void http_client_connection::send(http_client_exchange *exchange)
 {
-    const evutil_socket_t fd =
-        connection->transport() != nullptr ? bufferevent_getfd(connection->transport()) : -1;
-    if (fd >= 0) {
-        evutil_make_socket_closeonexec(fd);
+    exchanges_.push_back(exchange);
+    if (exchanges_.size() == 1) {
+        begin();
     }
 }
 
-void http_client_connection_log_tls_errors(const http_client_connection *connection,
-                                           int socket_error)
+/// The first exchange goes over the open socket, or over a new one.
+void http_client_connection::begin()
 {
-    bufferevent *const transport = connection->transport();
-    if (transport == nullptr || bufferevent_openssl_get_ssl(transport) == nullptr) {
+    sent_ = 0;
+    if (step_ == step::idle) {
+        step_ = step::sending;
+        watch(EV_WRITE);
         return;
     }
-    for (unsigned long error = bufferevent_get_openssl_error(transport); error != 0;
-         error = bufferevent_get_openssl_error(transport)) {
-        if (error ==
-            SSL_ERROR_SYSCALL) { // libevent's sign for it; OpenSSL has no text for this one
-            LOG_WARN("%s - %s: %s", __func__, connection->target.host.c_str(),
-                     evutil_socket_error_to_string(socket_error));
-            continue;
+    if (target_.scheme == http_client_scheme::https && tls_ == nullptr && !make_tls()) {
+        finish(EVREQ_HTTP_EOF);
+        return;
+    }
+    step_ = step::looking_up;
+    lookup_ = std::make_unique<http_client_dns_lookup>();
+    lookup_->start(peer_.host.c_str(), on_addresses, this);
+}
+
+void http_client_connection::on_addresses(std::span<const http_client_address> addresses,
+                                          void *argument) noexcept
+{
+    auto *const self = static_cast<http_client_connection *>(argument);
+    if (addresses.empty()) {
+        self->finish(EVREQ_HTTP_EOF);
+        return;
+    }
+    self->step_ = step::connecting;
+    self->race_ = std::make_unique<http_client_race>();
+    self->race_->start(self->base_, {addresses.begin(), addresses.end()}, self->target_.port,
+                       on_connected, self);
+}
+
+void http_client_connection::on_connected(unique_fd socket, int error, void *argument) noexcept
+{
+    auto *const self = static_cast<http_client_connection *>(argument);
+    if (!socket) {
+        LOG_WARN("%s - cannot connect to %s: %s", __func__, self->peer_.host.c_str(),
+                 std::strerror(error));
+        self->finish(http_client_not_connected);
+        return;
+    }
+    self->stream_ = std::make_unique<http_client_stream>(std::move(socket), std::move(self->tls_));
+    self->step_ = step::shaking_hands;
+    self->watch(EV_WRITE); // it can be written to at once; then the loop has turned
+}
+
+void http_client_connection::watch(short events)
+{
+    if (watched_ == events) {
+        return;
+    }
+    watched_ = events;
+    watcher_.reset(event_new(base_, stream_->socket(), static_cast<short>(events | EV_PERSIST),
+                             on_ready, this));
+    REQUIRE_MEMORY(watcher_, "watcher");
+    const int rc = event_add(watcher_.get(), nullptr);
+    REQUIRE_CALL(rc == 0, "event_add(watcher, NULL)", rc);
+}
+
+void http_client_connection::on_ready(evutil_socket_t, short, void *argument) noexcept
+{
+    static_cast<http_client_connection *>(argument)->advance();
+}
+
+void http_client_connection::advance()
+{
+    if (step_ == step::idle) {
+        close(); // the server has ended it, or speaks unasked
+        return;
+    }
+    stream_->begin_turn();
+    switch (take_step()) {
+    case http_client_io::done:
+        return; // its answer is whole
+    case http_client_io::wants_to_read:
+        watch(EV_READ);
+        return;
+    case http_client_io::wants_to_write:
+        watch(EV_WRITE);
+        return;
+    case http_client_io::ended:
+        finish(end_of(exchanges_.front()->answer.end()));
+        return;
+    case http_client_io::failed:
+        finish(EVREQ_HTTP_EOF);
+        return;
+    }
+}
+
+/// Goes through the steps as far as the stream allows.
+http_client_io http_client_connection::take_step()
+{
+    http_client_io result = http_client_io::done;
+    if (step_ == step::shaking_hands && (result = stream_->shake_hands()) == http_client_io::done) {
+        step_ = step::sending;
+    }
+    if (step_ == step::sending && (result = send_some()) == http_client_io::done) {
+        step_ = step::receiving;
+        return http_client_io::wants_to_read; // hardly there yet
+    }
+    if (step_ == step::receiving) {
+        result = receive_some();
+    }
+    return result;
+}
+
+http_client_io http_client_connection::send_some()
+{
+    const std::string_view request = exchanges_.front()->request;
+    while (sent_ < request.size()) {
+        std::size_t count = 0;
+        const http_client_io result = stream_->write(request.substr(sent_), &count);
+        if (result != http_client_io::done) {
+            return result;
         }
+        sent_ += count;
+    }
+    return http_client_io::done;
+}
+
+http_client_io http_client_connection::receive_some()
+{
+    std::array<char, read_at_once>
+        bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read into
+    for (;;) {
+        std::size_t count = 0;
+        const http_client_io result = stream_->read(bytes, &count);
+        if (result != http_client_io::done) {
+            return result;
+        }
+        const http_client_answer_state state =
+            exchanges_.front()->answer.read({bytes.data(), count});
+        if (state != http_client_answer_state::incomplete) {
+            finish(end_of(state));
+            return http_client_io::done;
+        }
+    }
+}
+
+void http_client_connection::close()
+{
+    watcher_.reset();
+    watched_ = 0;
+    stream_.reset();
+    race_.reset();
+    lookup_.reset();
+    step_ = step::none;
+}
+
+/// Tells the first exchange its outcome. The next one begins in a turn of its own.
+void http_client_connection::finish(http_client_end end)
+{
+    http_client_exchange *const ended = exchanges_.front();
+    exchanges_.erase(exchanges_.begin());
+    ended->ended(ended, end); // which may ask for the errors
+    if (end == http_client_answered && ended->leaves_open && ended->answer.leaves_open()) {
+        step_ = step::idle;
+        watch(EV_READ);
+    } else {
+        close();
+    }
+    if (!exchanges_.empty()) {
+        begin_later();
+    }
+}
+
+void http_client_connection::begin_later()
+{
+    constexpr timeval at_once{0, 0};
+    next_turn_.reset(evtimer_new(base_, on_next_turn, this));
+    REQUIRE_MEMORY(next_turn_, "next_turn");
+    const int rc = evtimer_add(next_turn_.get(), &at_once);
+    REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &at_once)", rc);
+}
+
+void http_client_connection::on_next_turn(evutil_socket_t, short, void *argument) noexcept
+{
+    static_cast<http_client_connection *>(argument)->begin();
+}
+
+void http_client_connection::cancel(const http_client_exchange *exchange)
+{
+    const auto found = std::find(exchanges_.begin(), exchanges_.end(), exchange);
+    if (found == exchanges_.end()) {
+        return;
+    }
+    const bool under_way = found == exchanges_.begin();
+    exchanges_.erase(found);
+    if (!under_way) {
+        return;
+    }
+    close();
+    next_turn_.reset();
+    if (!exchanges_.empty()) {
+        begin_later();
+    }
+}
+
+void http_client_connection::log_errors() const
+{
+    constexpr char caller[] = "http_client_connection_log_tls_errors";
+    if (stream_ == nullptr || !stream_->is_tls()) {
+        return;
+    }
+    const char *const host = peer_.host.c_str();
+    if (stream_->flooded()) {
+        LOG_WARN("%s - %s: too many records that carry nothing", caller, host);
+    } else if (stream_->tls_errors().empty() && stream_->socket_error() != 0) {
+        LOG_WARN("%s - %s: %s", caller, host, std::strerror(stream_->socket_error()));
+    }
+    for (const unsigned long error : stream_->tls_errors()) {
         std::array<char, 256> text{};
         ERR_error_string_n(error, text.data(), text.size());
-        LOG_WARN("%s - %s: %s", __func__, connection->target.host.c_str(), text.data());
+        LOG_WARN("%s - %s: %s", caller, host, text.data());
     }
 }

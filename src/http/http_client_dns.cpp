@@ -1,13 +1,12 @@
 #include "http/http_client_dns.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
 
 #include <array>
-#include <memory>
-#include <optional>
+#include <cstring>
+#include <utility>
+#include <vector>
 
 #include "handles/libevent.h"
 #include "handles/memory.h"
@@ -87,18 +86,34 @@ void read_files()
     read_name_servers();
     // Some routers' resolvers do not answer a question in mixed case.
     evdns_base_set_option(state.dns.get(), "randomize-case:", "0");
+    // Some answer for one family only: the other is not waited for longer than this.
+    evdns_base_set_option(state.dns.get(), "getaddrinfo-allow-skew:", "1");
     evdns_base_resume(state.dns.get());
 }
 
-std::optional<std::string> address_text(const evutil_addrinfo *addresses)
+const evutil_addrinfo *next_of(const evutil_addrinfo *list, int family)
 {
-    if (addresses == nullptr) {
-        return std::nullopt;
+    while (list != nullptr && list->ai_family != family) {
+        list = list->ai_next;
     }
-    std::array<char, NI_MAXHOST> text{};
-    const int rc = getnameinfo(addresses->ai_addr, addresses->ai_addrlen, text.data(), text.size(),
-                               nullptr, 0, NI_NUMERICHOST);
-    return rc == 0 ? std::optional<std::string>{text.data()} : std::nullopt;
+    return list;
+}
+
+/// The families take turns, so that one that leads nowhere costs one head start and not many.
+std::vector<http_client_address> in_turns(const evutil_addrinfo *list)
+{
+    std::vector<http_client_address> all;
+    const evutil_addrinfo *now = next_of(list, AF_INET);
+    const evutil_addrinfo *other = next_of(list, AF_INET6);
+    for (; now != nullptr || other != nullptr; std::swap(now, other)) {
+        if (now != nullptr) {
+            http_client_address &address = all.emplace_back();
+            std::memcpy(&address.bytes, now->ai_addr, now->ai_addrlen);
+            address.size = now->ai_addrlen;
+            now = next_of(now->ai_next, now->ai_family);
+        }
+    }
+    return all;
 }
 
 } // namespace
@@ -112,12 +127,12 @@ void http_client_dns_question::answered(int result, evutil_addrinfo *addresses,
         return;
     }
     question->owner->question_ = nullptr;
-    const std::optional<std::string> address = address_text(result == 0 ? addresses : nullptr);
-    if (!address) {
+    const std::vector<http_client_address> found = in_turns(result == 0 ? addresses : nullptr);
+    if (found.empty()) {
         LOG_WARN("%s - cannot resolve %s: %s", __func__, question->host.c_str(),
                  evutil_gai_strerror(result != 0 ? result : EVUTIL_EAI_NODATA));
     }
-    question->callback(address ? address->c_str() : nullptr, question->argument);
+    question->callback(found, question->argument);
 }
 
 http_client_dns_lookup::~http_client_dns_lookup()

@@ -2,7 +2,10 @@
 
 #include <event2/event.h>
 
+#include <span>
 #include <string>
+
+#include "http/http_client_race.h"
 
 /// Names to addresses without blocking the loop: literals and the hosts file at once, all else by
 /// questions to the name servers. Both files are read again when they have changed.
@@ -19,8 +22,10 @@ void http_client_dns_start(event_base *base, const http_client_dns_files &files)
 /// Reads the files again now. Questions under way go to the new name servers.
 void http_client_dns_reload();
 
-/// `address` is numeric text; null when there is none. May run inside the call that asks.
-using http_client_dns_callback = void (*)(const char *address, void *argument);
+/// Every address of both families, which take turns; empty when there is none. May run inside the
+/// call that asks.
+using http_client_dns_callback = void (*)(std::span<const http_client_address> addresses,
+                                          void *argument);
 
 struct http_client_dns_question;
 
@@ -32,7 +37,7 @@ class http_client_dns_lookup {
     http_client_dns_lookup(const http_client_dns_lookup &) = delete;
     http_client_dns_lookup &operator=(const http_client_dns_lookup &) = delete;
 
-    /// At most once an object.
+    /// At most once per object.
     void start(const char *host, http_client_dns_callback callback, void *argument);
 
   private:

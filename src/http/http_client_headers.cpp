@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 
 #include "logger/common_logger.h"
 
@@ -39,15 +40,15 @@ bool value_is_clean(const std::string &value)
     return value.find_first_of(std::string_view{"\r\n\0", 3}) == std::string::npos;
 }
 
-/// libevent lets a folded line through; neither side of a header may end its line at all.
-bool add_header(evkeyvalq *output, const std::string &name, const std::string &value)
+/// Neither side of a header may end its line.
+bool add_header(std::string *head, const std::string &name, const std::string &value)
 {
     LOG_TRACE("%s - adding header %s: %s", __func__, name.c_str(), value.c_str());
-    if (!name_is_clean(name) || !value_is_clean(value) ||
-        evhttp_add_header(output, name.c_str(), value.c_str()) != 0) {
+    if (!name_is_clean(name) || !value_is_clean(value)) {
         LOG_ERROR("%s - invalid header %s", __func__, name.c_str());
         return false;
     }
+    head->append(name).append(": ").append(value).append("\r\n");
     return true;
 }
 
@@ -72,29 +73,38 @@ std::vector<own_header> own_headers(const http_client_default_headers &defaults)
     };
 }
 
+/// The first one of the name that has not been used.
+http_client_header *header_find(std::span<http_client_header> headers, const char *name)
+{
+    for (http_client_header &header : headers) {
+        if (!header.used && evutil_ascii_strcasecmp(header.name.c_str(), name) == 0) {
+            return &header;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace
 
-bool http_client_headers_add(evhttp_request *request, const http_client_default_headers &defaults,
+bool http_client_headers_add(std::string *head, const http_client_default_headers &defaults,
                              std::vector<http_client_header> headers)
 {
-    evkeyvalq *output = evhttp_request_get_output_headers(request);
     for (const own_header &own : own_headers(defaults)) {
         if (!own.value) {
             continue;
         }
-        const auto replacing =
-            std::find_if(headers.begin(), headers.end(), [&own](const http_client_header &header) {
-                return !header.used && evutil_ascii_strcasecmp(header.name.c_str(), own.name) == 0;
-            });
-        if (replacing != headers.end()) {
+        http_client_header *const replacing = header_find(headers, own.name);
+        if (replacing != nullptr) {
             replacing->used = true;
         }
-        const std::string &value = replacing != headers.end() ? replacing->value : *own.value;
-        if (!add_header(output, own.name, value)) {
+        if (!add_header(head, own.name, replacing != nullptr ? replacing->value : *own.value)) {
             return false;
         }
     }
-    return std::all_of(headers.begin(), headers.end(), [output](const http_client_header &header) {
-        return header.used || add_header(output, header.name, header.value);
-    });
+    for (const http_client_header &header : headers) {
+        if (!header.used && !add_header(head, header.name, header.value)) {
+            return false;
+        }
+    }
+    return true;
 }

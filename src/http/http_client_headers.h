@@ -1,7 +1,5 @@
 #pragma once
 
-#include <event2/http.h>
-
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,8 +12,8 @@ struct http_client_default_headers {
     std::optional<std::size_t> content_length; // none: no body
 };
 
-/// Adds the client's own headers, each with the caller's value where the caller names it too, and
-/// then the caller's others. False (logged) for a header that would forge another one.
-[[nodiscard]] bool http_client_headers_add(evhttp_request *request,
+/// Appends the client's own headers to the head, each with the caller's value where the caller names
+/// it too, and then the caller's others. False (logged) for a header that would forge another one.
+[[nodiscard]] bool http_client_headers_add(std::string *head,
                                            const http_client_default_headers &defaults,
                                            std::vector<http_client_header> headers);

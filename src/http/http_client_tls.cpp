@@ -32,6 +32,10 @@ struct module_state {
 };
 module_state state;
 
+/// Any other key exchange would cost this processor up to seconds, for a server's asking.
+constexpr char groups[] = "X25519:P-256:P-384";
+constexpr char tls12_ciphers[] = "DEFAULT:!kDHE";
+
 using subject_text = std::array<char, 256>;
 
 /// Indexes are never given back, so one serves every reload.
@@ -178,11 +182,6 @@ ssl_ptr http_client_tls_new(const http_client_peer *peer)
     return ssl;
 }
 
-void http_client_tls_forget_peer(SSL *ssl)
-{
-    SSL_set_ex_data(ssl, ex_data_index(), nullptr);
-}
-
 int http_client_setup_ssl(const char *ca_file)
 {
     http_client_dns_reload();
@@ -196,6 +195,10 @@ int http_client_setup_ssl(const char *ca_file)
     }
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
+    int rc = static_cast<int>(SSL_CTX_set1_groups_list(context, groups));
+    REQUIRE_CALL(rc == 1, "SSL_CTX_set1_groups_list(context, groups)", rc);
+    rc = SSL_CTX_set_cipher_list(context, tls12_ciphers);
+    REQUIRE_CALL(rc == 1, "SSL_CTX_set_cipher_list(context, tls12_ciphers)", rc);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     const int index = ex_data_index();
     REQUIRE_CALL(index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);

@@ -16,9 +16,6 @@ struct http_client_peer {
 
 [[nodiscard]] bool http_client_tls_is_set_up();
 
-/// A TLS object of the default context for one connection; null (logged) when the host cannot be
-/// its server name. `peer` is borrowed until http_client_tls_forget_peer.
+/// A TLS object of the default context for one connection; null when the host cannot be
+/// its server name. `peer` is borrowed for the object's life.
 [[nodiscard]] ssl_ptr http_client_tls_new(const http_client_peer *peer);
-
-/// From here on the object accepts no server: libevent may free it later than its connection.
-void http_client_tls_forget_peer(SSL *ssl);

@@ -2,19 +2,22 @@
 
 from __future__ import annotations
 
+import contextlib
 import time
 from collections.abc import Callable, Iterator
 from dataclasses import replace
+from pathlib import Path
 
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
-from velm_sim.cloud import HOSTS, UNREGISTERED, Cloud
+from velm_sim.cloud import HELLO_REQUEST, HOSTS, UNREGISTERED, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
+from velm_sim.promptness import prompt_meanwhile
 
 FAILURES: dict[str, Answer] = {
     "hangs up": HANG_UP,
@@ -22,7 +25,7 @@ FAILURES: dict[str, Answer] = {
     "sends no JSON": Answer(body=b"<html>"),
     "sends an empty body": Answer(body=b""),
     "cuts the body short": Answer(body=b'{"access_token": "x"}', cut_after=5),
-    "sends a byte over a mebibyte": Answer.over_large((1 << 20) + 1),
+    "sends a byte over 64 KiB": Answer.over_large((64 << 10) + 1),
     "sends two megabytes": Answer.over_large(2 << 20),
     "sends a hundred headers of a kibibyte": Answer(
         headers={f"X-{number:03}": "x" * 1017 for number in range(100)}
@@ -53,8 +56,8 @@ def test_no_push_without_a_token_when_the_token_endpoint(
     assert not cloud.fcm.requests
 
 
-@pytest.mark.parametrize(("length", "accepted"), [(1 << 20, True), ((1 << 20) + 1, False)])
-def test_the_largest_answer_is_a_mebibyte(
+@pytest.mark.parametrize(("length", "accepted"), [(16 << 10, True), ((16 << 10) + 1, False)])
+def test_the_largest_token_answer_has_16_kib(
     length: int,
     accepted: bool,
     access_point: AccessPoint,
@@ -289,3 +292,134 @@ def test_name_servers_that_come_after_the_start_count(
     with IpcClient(cold_access_point.socket_path) as ipc:
         ipc.request()
         cloud.fcm.wait()
+
+
+@pytest.mark.parametrize(
+    "addresses",
+    [
+        f"{Network.NOBODY_ADDRESS} {Network.CLOUD_ADDRESS}",
+        f"192.0.2.1 192.0.2.2 {Network.UPLINK_ADDRESS} {Network.CLOUD_ADDRESS}",
+        f"{Network.CLOUD_IPV6} {Network.CLOUD_ADDRESS}",
+    ],
+    ids=["of which the first is dead", "without a route or refusing", "and no IPv6 uplink"],
+)
+def test_the_cloud_is_reached_at_another_of_its_addresses(
+    addresses: str, cold_access_point: AccessPoint, network: Network, cloud: Cloud
+) -> None:
+    pushed_by_dns(cold_access_point, network, cloud, addresses)
+
+
+@pytest.mark.parametrize(
+    "addresses",
+    [Network.CLOUD_IPV6, f"{Network.CLOUD_ADDRESS} {Network.CLOUD_IPV6}"],
+    ids=["alone", "and an IPv4 address that it cannot reach"],
+)
+def test_an_uplink_with_ipv6_alone_is_enough(
+    addresses: str, cold_access_point: AccessPoint, network: Network, cloud: Cloud
+) -> None:
+    with network.ipv6_uplink(only=True), served_over_ipv6(cloud):
+        pushed_by_dns(cold_access_point, network, cloud, addresses, Network.CLOUD_IPV6)
+
+
+@contextlib.contextmanager
+def served_over_ipv6(cloud: Cloud) -> Iterator[None]:
+    cloud.stop()
+    cloud.address = Network.CLOUD_IPV6
+    cloud.start()
+    try:
+        yield
+    finally:
+        cloud.stop()
+        cloud.address = Network.CLOUD_ADDRESS
+        cloud.start()
+
+
+def pushed_by_dns(
+    access_point: AccessPoint,
+    network: Network,
+    cloud: Cloud,
+    addresses: str,
+    server: str = Network.CLOUD_ADDRESS,
+) -> None:
+    """A push reaches the cloud well within its ten seconds when DNS tells these addresses of it."""
+    dns = DnsServer(network.cloud, server, dict.fromkeys(HOSTS, addresses))
+    try:
+        access_point.etc.set_hosts({})
+        access_point.etc.set_resolvers([server])
+        access_point.start()
+        phone = access_point.phone()
+        assert phone.pair().status == 200
+        with IpcClient(access_point.socket_path) as ipc:
+            ipc.request()
+            cloud.fcm.wait(timeout=8)
+            assert_still_serving(access_point, phone, ipc)
+    finally:
+        dns.stop()
+    assert not cloud.refusals
+
+
+GRANT = b'{"access_token": "t", "expires_in": 3600}'
+WITHOUT_FAREWELL = {
+    "a length": Answer(raw=Answer(body=GRANT.ljust(16000)).head() + GRANT.ljust(16000)),
+    "a last chunk": Answer(
+        raw=b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3e80\r\n"
+        + GRANT.ljust(16000)
+        + b"\r\n0\r\n\r\n"
+    ),
+}
+
+
+@pytest.mark.parametrize("end", WITHOUT_FAREWELL)
+def test_an_answer_without_a_farewell_is_whole_with(
+    end: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.token.answer_always(WITHOUT_FAREWELL[end])
+    cloud.fcm.answer_always(Answer(raw=Answer(body=b" " * 17000).head() + b" " * 17000))
+    ipc.request()
+    access_point.daemon.wait_log("send_push_handler")
+    assert "err 1 on req" not in access_point.daemon.log()
+    assert "- code: 200" in access_point.daemon.log()
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+def test_an_answer_without_any_end_or_farewell_is_none(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.token.answer_always(Answer(raw=b"HTTP/1.1 200 OK\r\n\r\n" + GRANT))
+    ipc.request()
+    access_point.daemon.wait_log("http request failed: -2")
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+@pytest.mark.parametrize("kind", ["bytes", "chunks"])
+def test_an_answer_in_pieces_of_one_byte_costs_its_length(
+    kind: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    head, body = b"HTTP/1.1 200 OK\r\n\r\n", b" " * 40000
+    if kind == "chunks":
+        head = b"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+        body = b"1\r\n \r\n" * 40000
+    cloud.fcm.answer_always(Answer(raw=head + body, piece=1 if kind == "bytes" else 6))
+    ipc.request()
+    cloud.token.wait()
+    before = peak_kib(access_point)
+    access_point.daemon.wait_log("send_push_handler")
+    assert peak_kib(access_point) - before < access_point.build.memory_limit_kib(1024)
+    assert_still_serving(access_point, paired_phone, ipc)
+
+
+def peak_kib(access_point: AccessPoint) -> int:
+    status = Path(f"/proc/{access_point.daemon.pid}/status").read_text()
+    return int(status.partition("VmHWM:")[2].split()[0])
+
+
+def test_an_uplink_that_says_hello_for_ever_is_left_at_once(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    cloud.handshakes, cloud.flood = False, HELLO_REQUEST * 1000
+    with prompt_meanwhile(access_point.lan_host(1)):
+        ipc.request()
+        access_point.daemon.wait_log("http request failed", timeout=13)
+    assert cloud.connections == 1
+    assert "records that carry nothing" in access_point.daemon.log()
+    assert_still_serving(access_point, paired_phone, ipc)

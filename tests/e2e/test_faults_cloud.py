@@ -13,7 +13,7 @@ from dataclasses import replace
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import SILENCE, Answer, Endpoint
-from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.cloud import HELLO_REQUEST, HOSTS, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
@@ -53,6 +53,12 @@ TROUBLES: dict[str, Callable[[Network, Cloud], contextlib.AbstractContextManager
     "has another certificate": lambda network, cloud: changed(cloud, certificate="other_ca"),
     "is silent": lambda network, cloud: answering(cloud, SILENCE),
     "drips": lambda network, cloud: answering(cloud, Answer(body=b" " * 999, drip=0.02)),
+    "floods the handshake": lambda network, cloud: changed(
+        cloud, handshakes=False, flood=HELLO_REQUEST * 7000
+    ),
+    "floods the handshake with full records": lambda network, cloud: changed(
+        cloud, handshakes=False, flood=bytes.fromhex("16 0303 4000") + bytes(16384)
+    ),
     "sends a mebibyte": lambda network, cloud: answering(cloud, Answer.over_large(1 << 20)),
 }
 

@@ -1,5 +1,7 @@
 #include "http/http_client_dns.h"
 
+#include <netdb.h>
+
 #include <array>
 #include <optional>
 
@@ -61,15 +63,30 @@ class test_name_server {
     event_ptr event_;
 };
 
+std::string text_of(const http_client_address &address)
+{
+    std::array<char, NI_MAXHOST> text{};
+    getnameinfo(reinterpret_cast<const sockaddr *>(&address.bytes), address.size, text.data(),
+                text.size(), nullptr, 0, NI_NUMERICHOST);
+    return text.data();
+}
+
 struct lookup_outcome {
     int calls = 0;
-    std::optional<std::string> address;
+    std::vector<std::string> addresses;
 
-    static void callback(const char *address, void *argument)
+    [[nodiscard]] std::optional<std::string> first() const
+    {
+        return addresses.empty() ? std::nullopt : std::optional{addresses.front()};
+    }
+
+    static void callback(std::span<const http_client_address> addresses, void *argument)
     {
         auto *const outcome = static_cast<lookup_outcome *>(argument);
         ++outcome->calls;
-        outcome->address = address != nullptr ? std::optional<std::string>{address} : std::nullopt;
+        for (const http_client_address &address : addresses) {
+            outcome->addresses.push_back(text_of(address));
+        }
     }
 };
 
@@ -88,7 +105,7 @@ class HttpClientDns : public http_client_fixture {
         lookup.start(host, lookup_outcome::callback, &outcome);
         EXPECT_TRUE(run_until([&outcome] { return outcome.calls > 0; }));
         EXPECT_EQ(outcome.calls, 1);
-        return outcome.address;
+        return outcome.first();
     }
 
     test_name_server name_server{base};
@@ -100,7 +117,7 @@ TEST_F(HttpClientDns, NamesOfTheHostsFileAreKnownAtOnceAndNobodyIsAsked)
     http_client_dns_lookup lookup;
     lookup.start("CLOUD.example.test", lookup_outcome::callback, &outcome);
     EXPECT_EQ(outcome.calls, 1);
-    EXPECT_EQ(outcome.address, "127.0.0.1");
+    EXPECT_EQ(outcome.first(), "127.0.0.1");
     EXPECT_EQ(resolve("six.example.test"), "::1");
     EXPECT_TRUE(name_server.questions.empty());
 }
@@ -110,6 +127,28 @@ TEST_F(HttpClientDns, AddressesAreTheirOwnAnswer)
     EXPECT_EQ(resolve("192.0.2.7"), "192.0.2.7");
     EXPECT_EQ(resolve("2001:db8::7"), "2001:db8::7");
     EXPECT_TRUE(name_server.questions.empty());
+}
+
+TEST_F(HttpClientDns, TheFamiliesOfANameTakeTurns)
+{
+    write_file("hosts", "127.0.0.1 both.example.test\n127.0.0.2 both.example.test\n"
+                        "127.0.0.3 both.example.test\n::1 both.example.test\n"
+                        "::2 both.example.test\n");
+    lookup_outcome outcome;
+    http_client_dns_lookup lookup;
+    lookup.start("both.example.test", lookup_outcome::callback, &outcome);
+    EXPECT_EQ(outcome.addresses,
+              (std::vector<std::string>{"127.0.0.1", "::1", "127.0.0.2", "::2", "127.0.0.3"}));
+}
+
+TEST_F(HttpClientDns, ARequestReachesTheSecondAddressOfAName)
+{
+    test_server server{base};
+    write_file("hosts", "127.0.0.77 both.example.test\n127.0.0.1 both.example.test\n");
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("http://both.example.test:" + server.port() + "/"));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.calls, 1);
 }
 
 TEST_F(HttpClientDns, AsksTheNameServerForOtherNamesInTheirOwnCase)
@@ -177,7 +216,7 @@ TEST_F(HttpClientDns, SettingUpTlsReadsTheFilesAgain)
     write_file("resolv.conf", "# moved\n" + other.line);
     EXPECT_EQ(http_client_setup_ssl(path("missing.pem").c_str()), -1);
     EXPECT_TRUE(run_until([&outcome] { return outcome.calls == 1; }));
-    EXPECT_EQ(outcome.address, "127.0.0.1") << "the question under way moved to the new server";
+    EXPECT_EQ(outcome.first(), "127.0.0.1") << "the question under way moved to the new server";
 }
 
 TEST_F(HttpClientDns, MissingFilesLeaveLiteralsAndLocalhost)

@@ -7,6 +7,7 @@
 namespace {
 
 constexpr std::size_t mebibyte = 1024 * 1024;
+constexpr std::size_t largest = 64 * 1024;
 
 double seconds_of(const std::function<void()> &work)
 {
@@ -223,20 +224,20 @@ INSTANTIATE_TEST_SUITE_P(
                                        "3e8\r\n"}),
     [](const auto &row) { return std::string{row.param.name}; });
 
-TEST_F(HttpClientFailures, ABodyOfOneMebibyteIsServed)
+TEST_F(HttpClientFailures, ABodyOf64KibibytesIsServed)
 {
-    server.reply = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(mebibyte) + "\r\n\r\n" +
-                   std::string(mebibyte, 'x');
+    server.reply = "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(largest) + "\r\n\r\n" +
+                   std::string(largest, 'x');
     const test_outcome outcome = fetch(HTTP_CLIENT_GET, request(uri()));
     EXPECT_EQ(outcome.code, 200);
-    EXPECT_EQ(outcome.body.size(), mebibyte);
+    EXPECT_EQ(outcome.body.size(), largest);
 }
 
-TEST_F(HttpClientFailures, AChunkOfOneMebibyteIsServed)
+TEST_F(HttpClientFailures, AChunkOf64KibibytesIsServed)
 {
-    server.reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n100000\r\n" +
-                   std::string(mebibyte, 'x') + "\r\n0\r\n\r\n";
-    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).body.size(), mebibyte);
+    server.reply = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n10000\r\n" +
+                   std::string(largest, 'x') + "\r\n0\r\n\r\n";
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, request(uri())).body.size(), largest);
 }
 
 TEST_F(HttpClientFailures, AnAnswerThatComesBeforeTheRequestIsTaken)
@@ -292,15 +293,13 @@ TEST_P(HttpClientEndless, AnswerIsNotReadForLongerThanABodyMayBe)
 
 INSTANTIATE_TEST_SUITE_P(
     Answers, HttpClientEndless,
-    testing::Values(
-        endless_case{"StatusLine", "HTTP/1.1 200 ", "x"},
-        endless_case{"Headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n"},
-        endless_case{"Body", "HTTP/1.1 200 OK\r\n\r\n", "x"},
-        endless_case{"ChunkSize", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "0"},
-        endless_case{"Chunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
-                     "4\r\nwxyz\r\n"},
-        endless_case{"Trailer", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n",
-                     "X: y\r\n"}),
+    testing::Values(endless_case{"StatusLine", "HTTP/1.1 200 ", "x"},
+                    endless_case{"Headers", "HTTP/1.1 200 OK\r\n", "X: y\r\n"},
+                    endless_case{"Body", "HTTP/1.1 200 OK\r\n\r\n", "x"},
+                    endless_case{"ChunkSize",
+                                 "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n", "0"},
+                    endless_case{"Chunks", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n",
+                                 "4\r\nwxyz\r\n"}),
     [](const auto &row) { return std::string{row.param.name}; });
 
 struct broken_case {
@@ -352,15 +351,15 @@ INSTANTIATE_TEST_SUITE_P(
                     false},
         broken_case{"LongStatusLine", "HTTP/1.1 200 " + std::string(17000, 'x'), -3, false},
         broken_case{"AnnouncesTooMuch",
-                    ok_head + "Content-Length: " + std::to_string(mebibyte + 1) + "\r\n\r\n", -6,
+                    ok_head + "Content-Length: " + std::to_string(largest + 1) + "\r\n\r\n", -6,
                     false},
         broken_case{"AnnouncesMoreThanThereIs",
                     ok_head + "Content-Length: 9223372036854775807\r\n\r\n", -6, false},
-        broken_case{"ChunkTooLong", ok_head + "Transfer-Encoding: chunked\r\n\r\n100001\r\n", -6,
+        broken_case{"ChunkTooLong", ok_head + "Transfer-Encoding: chunked\r\n\r\n10001\r\n", -6,
                     false},
         broken_case{"ChunkSizeIsNoNumber", ok_head + "Transfer-Encoding: chunked\r\n\r\nxyz\r\n",
                     -6, false},
-        broken_case{"TooMuchWithoutALength", ok_head + "\r\n" + std::string(mebibyte + 1, 'x'), -6,
+        broken_case{"TooMuchWithoutALength", ok_head + "\r\n" + std::string(largest + 1, 'x'), -6,
                     false}),
     [](const auto &row) { return std::string{row.param.name}; });
 

@@ -238,13 +238,145 @@ TEST_F(HttpClientTls, ABodyCutShortWithoutAFarewellIsNotAccepted)
     EXPECT_FALSE(outcome.has_body);
 }
 
-TEST_F(HttpClientTls, ABodyOfOneMebibyteIsServed)
+struct whole_case {
+    const char *name;
+    std::string reply;
+    std::size_t length;
+};
+class HttpClientTlsWhole : public HttpClientTls, public testing::WithParamInterface<whole_case> {};
+
+TEST_P(HttpClientTlsWhole, AnswerIsTakenAlthoughTheConnectionEndsWithoutAFarewell)
 {
     set_up();
     context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
     server.emplace(base, context.get());
-    const std::string body(1024 * 1024, 'x');
-    server->reply = "HTTP/1.1 200 OK\r\nContent-Length: 1048576\r\n\r\n" + body;
+    server->reply = GetParam().reply;
+    server->close_after_reply = true;
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.body.size(), GetParam().length);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, HttpClientTlsWhole,
+    testing::Values(
+        whole_case{"Short", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nwhole", 5},
+        whole_case{"AKibibyteMoreThanARecord",
+                   "HTTP/1.1 200 OK\r\nContent-Length: 17000\r\n\r\n" + std::string(17000, 'x'),
+                   17000},
+        whole_case{"Largest",
+                   "HTTP/1.1 200 OK\r\nContent-Length: 65536\r\n\r\n" + std::string(65536, 'x'),
+                   65536},
+        whole_case{"Chunked",
+                   "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4268\r\n" +
+                       std::string(17000, 'x') + "\r\n0\r\n\r\n",
+                   17000},
+        whole_case{"LastChunkWithoutItsLastLine",
+                   "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nwhole\r\n0\r\n", 5}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+class HttpClientTlsFlood : public HttpClientTls, public testing::WithParamInterface<int> {};
+
+TEST_P(HttpClientTlsFlood, OfRecordsThatCarryNothingEndsTheConnectionBeyond32InARow)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    SSL_CTX_set_num_tickets(context.get(), 0);
+    server.emplace(base, context.get());
+    server->on_request = [this](bufferevent *bufev) {
+        SSL *const ssl = bufferevent_openssl_get_ssl(bufev);
+        for (int i = 0; i < GetParam(); ++i) {
+            SSL_key_update(ssl, SSL_KEY_UPDATE_NOT_REQUESTED);
+            SSL_do_handshake(ssl);
+        }
+        bufferevent_write(bufev, server->reply.data(), server->reply.size());
+    };
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    const bool within = GetParam() <= 32;
+    EXPECT_EQ(outcome.code, within ? 200 : -2);
+    EXPECT_EQ(log.has("WARN http_client - http_client_connection_log_tls_errors - "
+                      "cloud.example.test: too many records that carry nothing"),
+              !within);
+}
+INSTANTIATE_TEST_SUITE_P(KeyUpdates, HttpClientTlsFlood, testing::Values(1, 32, 33, 5000));
+
+TEST_F(HttpClientTls, HelloRequestsInsteadOfAHandshakeEndTheConnection)
+{
+    set_up();
+    server.emplace(base);
+    for (int i = 0; i < 5000; ++i) {
+        server->greeting += std::string{"\x16\x03\x03\0\x04\0\0\0\0", 9};
+    }
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    EXPECT_EQ(outcome.code, -2);
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_TRUE(log.contains("too many records that carry nothing"));
+}
+
+struct group_case {
+    const char *name;
+    int version;
+    bool served;
+};
+class HttpClientTlsGroup : public HttpClientTls, public testing::WithParamInterface<group_case> {};
+
+TEST_P(HttpClientTlsGroup, IsAgreedOnOnlyWhenItIsCheap)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    if (SSL_CTX_set1_groups_list(context.get(), GetParam().name) != 1) {
+        GTEST_SKIP() << "this OpenSSL has no " << GetParam().name;
+    }
+    SSL_CTX_set_max_proto_version(context.get(), GetParam().version);
+    server.emplace(base, context.get());
+    const test_outcome outcome =
+        fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
+    EXPECT_EQ(outcome.code, GetParam().served ? 200 : -2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Groups, HttpClientTlsGroup,
+                         testing::Values(group_case{"X25519", TLS1_3_VERSION, true},
+                                         group_case{"P-256", TLS1_3_VERSION, true},
+                                         group_case{"P-384", TLS1_3_VERSION, true},
+                                         group_case{"P-256", TLS1_2_VERSION, true},
+                                         group_case{"P-521", TLS1_3_VERSION, false},
+                                         group_case{"P-521", TLS1_2_VERSION, false},
+                                         group_case{"X448", TLS1_3_VERSION, false},
+                                         group_case{"ffdhe2048", TLS1_3_VERSION, false},
+                                         group_case{"ffdhe8192", TLS1_3_VERSION, false}));
+
+TEST_F(HttpClientTls, AnAnswerInRecordsOfOneByteIsServedUpToItsLimit)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    std::size_t length = 0;
+    server->on_request = [&length](bufferevent *bufev) {
+        SSL *const ssl = bufferevent_openssl_get_ssl(bufev);
+        for (const char c : std::string{"HTTP/1.1 200 OK\r\n\r\n"} + std::string(length, 'x')) {
+            SSL_write(ssl, &c, 1);
+        }
+        SSL_shutdown(ssl);
+    };
+    http_client_request_data data = request("https://cloud.example.test:" + server->port() + "/");
+    data.max_body_size = 3000;
+    for (length = 3000; length <= 3001; ++length) {
+        const test_outcome outcome = fetch(HTTP_CLIENT_GET, data);
+        EXPECT_EQ(outcome.code, length == 3000 ? 200 : -6);
+        EXPECT_EQ(outcome.body, length == 3000 ? std::string(3000, 'x') : "");
+    }
+}
+
+TEST_F(HttpClientTls, ABodyOf64KibibytesIsServed)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    const std::string body(std::size_t{64} * 1024, 'x');
+    server->reply = "HTTP/1.1 200 OK\r\nContent-Length: 65536\r\n\r\n" + body;
     const test_outcome outcome =
         fetch(HTTP_CLIENT_GET, request("https://cloud.example.test:" + server->port() + "/"));
     EXPECT_EQ(outcome.code, 200);
