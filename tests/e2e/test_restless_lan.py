@@ -166,7 +166,7 @@ def keep_busy_while(parent: int) -> None:
 def test_every_move_of_a_busy_access_point_ends_at_the_new_address(
     moved: Moved, sample: Sample
 ) -> None:
-    rounds = 1200 if sample.whole else 60
+    rounds = 1200 if sample.whole else 25
     at, rng = OLD, random.Random(sample.seed)
     parent, children = os.getpid(), []
     try:
