@@ -806,7 +806,7 @@ TEST_F(WaitingForItsAddress, IsStoppedAndStartedLikeAnyOther)
     velm_http_server_address_came(); // nobody waits
     EXPECT_EQ(bind_failures(), 1);
     stand_in.address = "127.0.0.1";
-    start();
+    http_server_start();
     EXPECT_EQ(ask(get_info).status, 200);
 }
 
