@@ -1,15 +1,12 @@
-#include <arpa/inet.h>
 #include <dm.h>
 #include <event2/event.h>
 #include <fcntl.h>
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +31,8 @@
 #include "velm_command_line.h"
 #include "velm_config.h"
 #include "velm_google_auth.h"
+#include "velm_lan.h"
+#include "velm_lan_query.h"
 #include "velm_main.h"
 #include "velm_nvram_config.h"
 #include "velm_nvram_pairings.h"
@@ -64,6 +63,7 @@ struct process_state {
     std::unique_ptr<velm_config> config;
     event_base_ptr base;
     event_ptr event_sighup;
+    bool reloads_again = false; // asked for while one waits for the LAN address
 };
 process_state process;
 
@@ -207,19 +207,20 @@ void prepare_libraries()
     prepare_https_client();
 }
 
-/// Rebuilds the whole record in place; later sources override earlier ones. While the
-/// command runs that prints the LAN address, `meanwhile` is done.
-void update_config(void (*meanwhile)())
+void load_settings()
+{
+    load_defaults_and_file();
+    set_log_level_from_nvram();
+    velm_nvram_config_load(process.config.get());
+}
+
+/// What is known of the access point itself; with load_settings it rebuilds the whole record in
+/// place, later sources over earlier ones.
+void identify_access_point(const velm_lan_answer &lan)
 {
     const velm_command_line &given = process.command_line;
     velm_config &config = *process.config;
-    load_defaults_and_file();
-    set_log_level_from_nvram();
-    velm_nvram_config_load(&config);
-    common_launched address = get_ipv4_address_wlif_begin();
-    meanwhile();
-    override_text(config.lan_ip_address, given.lan_ip_address,
-                  get_ipv4_address_wlif_end(std::move(address)));
+    override_text(config.lan_ip_address, given.lan_ip_address, lan.addresses);
     override_text(config.lan_name, given.lan_name, get_lanif_name_wlif());
     override_text(config.serial_number, given.serial_number, sys_serial_number());
     override_text(config.mac_address, given.mac_address, sys_mac_address());
@@ -256,16 +257,55 @@ void init_modules()
     velm_google_auth_init(config);
 }
 
-void reload(evutil_socket_t, short, void *) noexcept
+/// Rebuilds the record. The servers run at an address of the LAN: that nobody can tell which it is now
+/// is no reason to leave it.
+void update_config(velm_lan_answer lan)
+{
+    std::string in_use = process.config->lan_ip_address;
+    load_settings();
+    if (lan.was_asked && !lan.addresses) {
+        LOG_ERROR("%s - the LAN address is not known and stays %s", __func__, in_use.c_str());
+        lan.addresses = std::move(in_use);
+    }
+    identify_access_point(lan);
+    velm_lan_settle(process.config.get(), lan.was_asked);
+}
+
+void ask_to_reload();
+
+void reload(velm_lan_answer lan)
 {
     common_logger_read_time_zone();
-    update_config(prepare_https_client);
+    update_config(std::move(lan));
     http_client_free_ssl();
     set_up_https_client();
     init_modules();
     velm_main_deinit();
     velm_main_init(process.config.get());
     velm_main_start();
+    if (std::exchange(process.reloads_again, false)) {
+        ask_to_reload();
+    }
+}
+
+/// The command that knows the LAN address takes milliseconds, or seconds when it hangs: the loop
+/// serves meanwhile, and the reload begins when it has ended. Then everything is read anew but the
+/// address, so another signal means another reload.
+void ask_to_reload()
+{
+    if (velm_lan_query_is_under_way()) {
+        process.reloads_again = true;
+        return;
+    }
+    velm_lan_query_begin(reload);
+    if (velm_lan_query_is_under_way()) {
+        prepare_https_client();
+    }
+}
+
+void on_sighup(evutil_socket_t, short, void *) noexcept
+{
+    ask_to_reload();
 }
 
 void make_event_base()
@@ -280,28 +320,7 @@ void make_event_base()
     http_client_set_event_base(base);
     velm_main_set_event_base(base);
     common_netlink_set_event_base(base);
-}
-
-/// False when no interface has the address any more.
-bool can_bind(const char *address)
-{
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    const unique_fd probe{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    return inet_pton(AF_INET, address, &local.sin_addr) != 1 ||
-           bind(probe.get(), reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0 ||
-           errno != EADDRNOTAVAIL;
-}
-
-/// A report may come late, and a server that finds its address gone ends the daemon.
-void lan_address_reported(const char *ifname, const char *address, void *,
-                          common_netlink_observer *)
-{
-    if (can_bind(address)) {
-        netlink_ip_address_changed(ifname, address);
-    } else {
-        LOG_DEBUG("%s - %s has lost %s again", __func__, ifname, address);
-    }
+    velm_lan_query_set_event_base(base);
 }
 
 void block_sighup(int how)
@@ -315,7 +334,7 @@ void block_sighup(int how)
 void watch_sighup()
 {
     process.event_sighup.reset(
-        event_new(process.base.get(), SIGHUP, EV_SIGNAL | EV_PERSIST, reload, nullptr));
+        event_new(process.base.get(), SIGHUP, EV_SIGNAL | EV_PERSIST, on_sighup, nullptr));
     if (process.event_sighup == nullptr) {
         FATAL("%s: %s is null: %s", "main", "event_sighup", "null reference");
     }
@@ -395,7 +414,9 @@ int main(int argc, char **argv)
     detach();
     set_log_level_from_nvram();
     announce_version();
-    update_config(prepare_libraries);
+    load_settings();
+    const velm_lan_answer lan = velm_lan_query_wait(prepare_libraries);
+    identify_access_point(lan);
     set_up_https_client();
     std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
     make_event_base();
@@ -403,7 +424,9 @@ int main(int argc, char **argv)
     common_async_init();
     velm_main_init(process.config.get());
     init_modules();
-    common_netlink_observe(lan_address_reported, nullptr);
+    common_netlink_observe_losses(velm_lan_address_went);
+    common_netlink_observe(velm_lan_address_came, nullptr);
+    velm_lan_settle(process.config.get(), lan.was_asked);
     velm_main_start();
     event_base_dispatch(process.base.get());
     return EXIT_SUCCESS;

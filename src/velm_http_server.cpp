@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -17,6 +18,7 @@
 #include "velm_http_server_connections.h"
 #include "velm_http_server_routes.h"
 #include "velm_http_server_tls.h"
+#include "velm_lan_wait.h"
 
 namespace {
 
@@ -37,6 +39,7 @@ struct module_state {
     std::unique_ptr<tls_settings> settings;         // what the next start uses
     std::unique_ptr<tls_settings> settings_serving; // what the instance borrows
     evhtp_ptr http_server_instance;
+    velm_lan_wait address_wait; // while the instance could not be bound
 };
 module_state state;
 
@@ -88,22 +91,75 @@ int init_tls(evhtp_t *http_server_instance, evhtp_ssl_cfg_t *http_server_ssl_con
     return rc;
 }
 
-/// evhtp_bind_socket takes text that is no address for one.
+/// evhtp_bind_socket takes text that is no address for one. errno says why it failed.
 int bind_socket(evhtp_t *http_server_instance)
 {
     const std::string address = velm_config_lan_ip_address(state.config);
     in_addr checked{};
     if (inet_pton(AF_INET, address.c_str(), &checked) != 1) {
         LOG_ERROR("%s - no IPv4 address: %s", __func__, address.c_str());
+        errno = EINVAL;
         return -1;
     }
     const int rc = evhtp_bind_socket(http_server_instance, address.c_str(),
                                      state.config->http_server_port, HTTP_SERVER_MAX_CONNS);
-    if (rc < 0) {
+    const int error = errno;
+    if (rc < 0 && error != EADDRNOTAVAIL) {
         LOG_ERROR("%s - %s:%u: %s", __func__, address.c_str(),
-                  unsigned{state.config->http_server_port}, std::strerror(errno));
+                  unsigned{state.config->http_server_port}, std::strerror(error));
     }
+    errno = error;
     return rc;
+}
+
+void say_bind_failed(int rc)
+{
+    LOG_ERROR("%s: call failed: %s result: %i loc: %s:%i", "http_server_start",
+              "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
+              "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
+              rc, __FILE__, __LINE__);
+}
+
+void bind_again(evutil_socket_t, short, void *) noexcept;
+
+/// An address that is announced may not be there yet, or no longer: the next attempt or the next
+/// announcement finds it.
+void wait_for_address(int rc)
+{
+    if (!state.address_wait.is_waiting()) {
+        say_bind_failed(rc);
+        LOG_INFO("%s - until an interface has %s", __func__,
+                 velm_config_lan_ip_address(state.config).c_str());
+    }
+    state.address_wait.again(state.base, bind_again);
+}
+
+void stop_waiting()
+{
+    if (state.address_wait.is_waiting()) {
+        LOG_INFO("%s - an interface has %s", __func__,
+                 velm_config_lan_ip_address(state.config).c_str());
+        state.address_wait.end();
+    }
+}
+
+void bind_or_wait()
+{
+    const int rc = bind_socket(state.http_server_instance.get());
+    if (rc >= 0) {
+        stop_waiting();
+        http_connections_watch_listener();
+    } else if (errno == EADDRNOTAVAIL) {
+        wait_for_address(rc);
+    } else {
+        say_bind_failed(rc);
+        std::abort();
+    }
+}
+
+void bind_again(evutil_socket_t, short, void *) noexcept
+{
+    bind_or_wait();
 }
 
 void start_action(void *, short, common_async_context *) noexcept
@@ -130,16 +186,11 @@ void http_server_start()
     REQUIRE_MEMORY(state.http_server_instance, "http_server_instance");
     evhtp_t *const http_server_instance = state.http_server_instance.get();
     evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
-    int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
+    const int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
     REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
     http_tls_tune(http_server_instance->ssl_ctx);
     http_connections_attach(http_server_instance, {});
-    rc = bind_socket(http_server_instance);
-    REQUIRE_CALL(rc >= 0,
-                 "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
-                 "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
-                 rc);
-    http_connections_watch_listener();
+    bind_or_wait();
     http_server_register_routes(http_server_instance);
     LOG_TRACE("%s - end", __func__);
 }
@@ -147,6 +198,7 @@ void http_server_start()
 void http_server_stop()
 {
     LOG_INFO("%s", __func__);
+    state.address_wait.end();
     http_connections_close();
     state.http_server_instance.reset();
     state.settings_serving.reset();
@@ -171,6 +223,14 @@ void velm_http_server_init(const velm_config *config)
 void velm_http_server_start()
 {
     common_async_action_call(start_action, nullptr);
+}
+
+void velm_http_server_address_came()
+{
+    if (state.address_wait.is_waiting()) {
+        state.address_wait.restart();
+        bind_or_wait();
+    }
 }
 
 void velm_http_server_stop()

@@ -18,7 +18,12 @@ void velm_http_server_start();
 /// Stops the server if one runs. From a loop event, never from a route's callback.
 void velm_http_server_stop();
 
-/// Binds and serves; ends a running server first. A certificate, key or address that cannot be used
-/// is fatal; a port of 0 means no server. Runs inside the loop.
+/// An interface has got an address: a server that waits for its own tries again at once.
+void velm_http_server_address_came();
+
+/// Binds and serves; ends a running server first. A certificate or key that cannot be used is fatal,
+/// and so is a bind that fails, but for an address that no interface has: that is one ERROR line, and
+/// the bind is tried again until it succeeds or the server is stopped (velm_lan_wait.h). A port of 0
+/// means no server. Runs inside the loop.
 void http_server_start();
 void http_server_stop();

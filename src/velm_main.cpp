@@ -18,6 +18,19 @@ struct module_state {
 };
 module_state state;
 
+/// What the entry point's own callback says has the entry point's category.
+namespace entry_point {
+
+constexpr char log_category[] = "main";
+
+void log_new_address(const char *ifname, const char *address)
+{
+    LOG_TRACE("%s - %s new ip: %s", "netlink_ip_address_changed", ifname == nullptr ? "?" : ifname,
+              address == nullptr ? "?" : address);
+}
+
+} // namespace entry_point
+
 void start_servers(void *, short, common_async_context *) noexcept
 {
     http_server_start();
@@ -58,14 +71,13 @@ void velm_main_deinit()
 
 void netlink_ip_address_changed(const char *ifname, const char *address)
 {
-    LOG_TRACE("%s - %s new ip: %s", __func__, ifname == nullptr ? "?" : ifname,
-              address == nullptr ? "?" : address);
+    entry_point::log_new_address(ifname, address);
     if (ifname == nullptr || address == nullptr || *ifname == '\0' || *address == '\0') {
         return;
     }
     velm_config *config = state.config;
     if (std::string_view{ifname} != config->lan_name ||
-        std::string_view{address} == config->lan_ip_address) {
+        address == velm_config_lan_ip_address(config)) {
         return;
     }
     velm_config_copy_text(config->lan_ip_address, sizeof config->lan_ip_address, address);

@@ -20,5 +20,5 @@ void velm_main_start();
 void velm_main_deinit();
 
 /// A new IPv4 address on an interface: when the interface is the configured LAN bridge and the
-/// address another one, the servers move to it. Null texts are logged and ignored.
+/// address another one than that in use, the servers move to it. Null texts are logged and ignored.
 void netlink_ip_address_changed(const char *ifname, const char *address);

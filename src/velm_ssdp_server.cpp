@@ -13,12 +13,13 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
 
+#include "cutils/interface_addresses.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
 #include "logger/fatal.h"
+#include "velm_lan_wait.h"
 #include "velm_ssdp_message.h"
 #include "velm_utils.h"
 
@@ -58,6 +59,9 @@ struct module_state {
     unsigned unsent_since = 0;
     unique_fd socket;
     event_ptr watcher;
+    unsigned lan_interface = 0; // the index of the one that has the LAN address; 0: none
+    int member_of = 0;          // the index of the one on which the group is joined
+    velm_lan_wait address_wait; // while no interface has the LAN address
 };
 module_state state;
 
@@ -65,11 +69,6 @@ module_state state;
 const sockaddr *general(const sockaddr_in &address)
 {
     return reinterpret_cast<const sockaddr *>(&address);
-}
-
-sockaddr *general(sockaddr_in &address)
-{
-    return reinterpret_cast<sockaddr *>(&address);
 }
 
 const prepared_reply &current_reply()
@@ -113,13 +112,38 @@ void send_reply(int fd, const sockaddr_in &receiver)
     }
 }
 
+/// The interface on which a datagram came in; 0 when the kernel did not say.
+unsigned interface_of(msghdr &message)
+{
+    const cmsghdr *const about = CMSG_FIRSTHDR(&message);
+    if (about == nullptr || about->cmsg_level != IPPROTO_IP || about->cmsg_type != IP_PKTINFO) {
+        return 0;
+    }
+    in_pktinfo info{};
+    std::memcpy(&info, CMSG_DATA(about), sizeof info);
+    return static_cast<unsigned>(info.ipi_ifindex);
+}
+
+/// Whoever searches from the uplink, or claims to, is nobody of the LAN.
+bool is_from_lan(msghdr &message)
+{
+    return state.lan_interface != 0 && interface_of(message) == state.lan_interface;
+}
+
 /// The length of the datagram that was handled; nothing when none waits.
 std::optional<std::size_t> handle_datagram(int fd, datagram_buffer &buffer)
 {
-    sockaddr_in sender; // filled by the kernel
-    socklen_t sender_size = sizeof sender;
-    const ssize_t received =
-        recvfrom(fd, buffer.data(), datagram_max, MSG_DONTWAIT, general(sender), &sender_size);
+    sockaddr_in sender; // filled by the kernel, like what follows
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(in_pktinfo))> about;
+    iovec text{buffer.data(), datagram_max};
+    msghdr message{};
+    message.msg_name = &sender;
+    message.msg_namelen = sizeof sender;
+    message.msg_iov = &text;
+    message.msg_iovlen = 1;
+    message.msg_control = about.data();
+    message.msg_controllen = about.size();
+    const ssize_t received = recvmsg(fd, &message, MSG_DONTWAIT);
     if (received < 0) {
         if (errno != EAGAIN) {
             LOG_ERROR("%s - recvfrom failed: %s", __func__, std::strerror(errno));
@@ -128,7 +152,7 @@ std::optional<std::size_t> handle_datagram(int fd, datagram_buffer &buffer)
     }
     const auto length = static_cast<std::size_t>(received);
     buffer[length] = '\0';
-    if (velm_ssdp_message_is_search(buffer.data())) {
+    if (is_from_lan(message) && velm_ssdp_message_is_search(buffer.data())) {
         send_reply(fd, sender);
     }
     return length;
@@ -177,26 +201,80 @@ bool set_option(int fd, int level, int option, const T &value)
     return setsockopt(fd, level, option, &value, sizeof value) == 0;
 }
 
-/// Membership and multicast of the LAN; what fails is logged, since unicast is served all the same.
+/// Each membership counts, also that of an interface that has gone.
+void leave_group(int fd)
+{
+    ip_mreqn membership{};
+    membership.imr_multiaddr.s_addr = inet_addr(group_address);
+    membership.imr_ifindex = state.member_of;
+    if (state.member_of != 0) {
+        set_option(fd, IPPROTO_IP, IP_DROP_MEMBERSHIP, membership);
+    }
+    state.member_of = 0;
+}
+
+/// On the interface that has the LAN address; an error number, 0 for none.
+int add_membership(int fd, ip_mreqn &membership)
+{
+    if (state.lan_interface == 0) {
+        return ENODEV;
+    }
+    if (!set_option(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership)) {
+        return errno;
+    }
+    state.member_of = membership.imr_ifindex;
+    // Else the group would come from every interface on which any other program has joined it.
+    set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    return 0;
+}
+
+/// Multicast goes by the LAN address. Answers take the interface too, so that none leaves the LAN for
+/// a sender that was forged. An error number, 0 for none.
+int send_on_lan(int fd, const ip_mreqn &membership)
+{
+    const std::uint32_t interface = htonl(state.lan_interface);
+    set_option(fd, IPPROTO_IP, IP_UNICAST_IF, interface);
+    return set_option(fd, IPPROTO_IP, IP_MULTICAST_IF, membership.imr_address) ? 0 : errno;
+}
+
+void join_again(evutil_socket_t, short, void *) noexcept;
+
+/// Membership and multicast of the LAN. What fails is logged once, and tried again where the address
+/// is all that is missing.
 void join_group(const char *caller, int fd)
 {
     const std::string address = velm_config_lan_ip_address(state.config);
-    ip_mreq membership{};
+    ip_mreqn membership{};
     membership.imr_multiaddr.s_addr = inet_addr(group_address);
-    if (inet_pton(AF_INET, address.c_str(), &membership.imr_interface) != 1) {
-        membership.imr_interface.s_addr = INADDR_NONE; // nobody's address, so the join fails
+    const bool is_address = inet_pton(AF_INET, address.c_str(), &membership.imr_address) == 1;
+    if (!is_address) {
+        membership.imr_address.s_addr = INADDR_NONE; // nobody's address, so that nothing succeeds
     }
+    state.lan_interface = interface_with_address(address.c_str(), state.config->lan_name);
+    membership.imr_ifindex = static_cast<int>(state.lan_interface);
     LOG_DEBUG("%s - adding to multicast group %s", caller, group_address);
     LOG_DEBUG("%s - on interface %s", caller, address.c_str());
-    if (set_option(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership)) {
-        // Else the group would come from every interface on which any other program has joined it.
-        set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    const bool is_told = state.address_wait.is_waiting();
+    const int join_error = add_membership(fd, membership);
+    if (join_error != 0 && !is_told) {
+        LOG_ERROR("%s - cannot join multicast group: %s", caller, std::strerror(join_error));
+    }
+    const int send_error = send_on_lan(fd, membership);
+    if (send_error != 0 && !is_told) {
+        LOG_ERROR("%s - cannot set multicast interface: %s", caller, std::strerror(send_error));
+    }
+    const bool is_early = join_error == ENODEV || send_error == EADDRNOTAVAIL;
+    if (is_address && is_early) {
+        state.address_wait.again(state.base, join_again);
     } else {
-        LOG_ERROR("%s - cannot join multicast group: %s", caller, std::strerror(errno));
+        state.address_wait.end();
     }
-    if (!set_option(fd, IPPROTO_IP, IP_MULTICAST_IF, membership.imr_interface)) {
-        LOG_ERROR("%s - cannot set multicast interface: %s", caller, std::strerror(errno));
-    }
+}
+
+void join_again(evutil_socket_t, short, void *) noexcept
+{
+    leave_group(state.socket.get());
+    join_group(__func__, state.socket.get());
 }
 
 unique_fd prepare_socket()
@@ -209,12 +287,15 @@ unique_fd prepare_socket()
     if (!set_option(socket.get(), SOL_SOCKET, SO_REUSEADDR, 1)) {
         LOG_ERROR("%s - cannot set SO_REUSEADDR on socket: %s", __func__, std::strerror(errno));
     }
+    if (!set_option(socket.get(), IPPROTO_IP, IP_PKTINFO, 1)) {
+        LOG_ERROR("%s - cannot set IP_PKTINFO on socket: %s", __func__, std::strerror(errno));
+    }
     join_group(__func__, socket.get());
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(state.config->ssdp_server_port);
     addr.sin_addr.s_addr = htonl(INADDR_ANY);
-    const int rc = bind(socket.get(), general(std::as_const(addr)), sizeof addr);
+    const int rc = bind(socket.get(), general(addr), sizeof addr);
     REQUIRE_CALL(rc == 0, "bind(fd, (struct sockaddr*) &addr, sizeof(addr))", rc);
     return socket;
 }
@@ -265,11 +346,23 @@ void ssdp_server_start()
     }
 }
 
+void velm_ssdp_server_address_came(const char *address)
+{
+    const bool is_ours = address == nullptr || address == velm_config_lan_ip_address(state.config);
+    if (state.socket && is_ours) {
+        state.address_wait.restart();
+        join_again(-1, 0, nullptr);
+    }
+}
+
 void ssdp_server_stop()
 {
     LOG_INFO("%s", __func__);
+    state.address_wait.end();
     state.watcher.reset();
     state.socket.reset();
+    state.lan_interface = 0;
+    state.member_of = 0;
     state.buffer.reset();
     state.reply.reset();
     state.unsent_told.reset();

@@ -27,6 +27,13 @@ std::optional<std::string> nvram_text(const std::string &name)
     return value == nullptr ? std::nullopt : std::optional<std::string>{value.get()};
 }
 
+/// An access point cannot have an empty one: a platform that sets it has none yet.
+std::optional<std::string> hardware_address(const std::string &name)
+{
+    std::optional<std::string> address = nvram_text(name);
+    return address && address->empty() ? std::nullopt : std::move(address);
+}
+
 /// A count as base-10 text, cut to `limit`; a negative one and text that is no number count as 0.
 int parse_count(const std::string &text, long limit)
 {
@@ -112,7 +119,7 @@ void get_bssids_for_radio(cJSON *bssids, int radio)
         LOG_ERROR("%s - failed to get max ssid num for wl%d", __func__, radio);
         return;
     }
-    const std::optional<std::string> primary = nvram_text(key + "_hwaddr");
+    const std::optional<std::string> primary = hardware_address(key + "_hwaddr");
     if (!primary) {
         LOG_ERROR("%s - failed to get hwaddr for wl%d", __func__, radio);
         return;
@@ -134,9 +141,8 @@ void get_bssids_for_radio(cJSON *bssids, int radio)
 common_launched get_ipv4_address_wlif_begin()
 {
     const std::optional<std::string> bridge = find_lan_bridge();
-    constexpr int no_bridge = -1;
     return bridge && is_interface_name(*bridge) ? begin_to_query_addresses(*bridge)
-                                                : common_launched{nullptr, no_bridge};
+                                                : common_launched{nullptr, no_lan_bridge};
 }
 
 std::optional<std::string> get_ipv4_address_wlif_end(common_launched command)
@@ -177,5 +183,5 @@ std::optional<std::string> sys_serial_number()
 
 std::optional<std::string> sys_mac_address()
 {
-    return nvram_text("wl0_hwaddr");
+    return hardware_address("wl0_hwaddr");
 }

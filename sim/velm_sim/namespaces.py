@@ -36,6 +36,18 @@ def ip(*arguments: str, batch: str | None = None) -> str:
     return done.stdout
 
 
+class IpScript:
+    """A running `ip` that takes its commands one by one."""
+
+    def __init__(self, process: subprocess.Popen[bytes]) -> None:
+        self._process = process
+
+    def run(self, command: str) -> None:
+        assert self._process.stdin
+        self._process.stdin.write(f"{command}\n".encode())
+        self._process.stdin.flush()
+
+
 class Namespace:
     """A named network namespace with its loopback up."""
 
@@ -51,6 +63,14 @@ class Namespace:
     def batch(self, script: str) -> None:
         """Runs `ip` commands, one a line, inside the namespace."""
         ip("-n", self.name, "-batch", "-", batch=script)
+
+    @contextlib.contextmanager
+    def script(self) -> Iterator[IpScript]:
+        """`ip` commands that follow one another as fast as the kernel takes them. At the end all
+        have run; one that failed is passed over."""
+        command = ["ip", "-n", self.name, "-force", "-batch", "-"]
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stderr=subprocess.DEVNULL) as process:
+            yield IpScript(process)
 
     def command(self, *arguments: str) -> list[str]:
         """The argument list that runs a command inside, keeping the pid that it is started with."""

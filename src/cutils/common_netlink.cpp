@@ -9,19 +9,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <compare>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <set>
-#include <string>
-#include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "async/common_async.h"
+#include "cutils/interface_addresses.h"
 #include "handles/fd.h"
-#include "handles/ifaddrs.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
 #include "logger/fatal.h"
@@ -46,14 +44,11 @@ constexpr long retry_s = 1;
 
 using bytes = std::span<const std::uint8_t>;
 
-struct interface_address {
-    unsigned interface;    // its index
-    std::uint32_t address; // network order
-    auto operator<=>(const interface_address &) const = default;
-};
+enum class news { address_came, address_went, messages_were_lost };
 
 /// On its way to the observer.
 struct address_event {
+    news what = news::address_came;
     std::array<char, IF_NAMESIZE> ifname{};
     std::array<char, INET_ADDRSTRLEN> address{};
 };
@@ -61,6 +56,7 @@ struct address_event {
 struct module_state {
     event_base *base = nullptr;
     std::unique_ptr<common_netlink_observer> observer;
+    common_netlink_loss_callback loss_callback = nullptr;
     std::set<interface_address> known; // what reading again does not report
     unsigned waiting = 0;              // reports that the loop has not delivered yet
     bool has_lost = false;             // messages, so that the addresses must be read again
@@ -83,30 +79,6 @@ bytes behind(bytes from, std::size_t length)
 {
     const std::size_t padded = (length + alignment - 1) / alignment * alignment;
     return from.subspan(std::min(padded, from.size()));
-}
-
-/// Every address of every interface, in the kernel's order.
-std::optional<std::vector<interface_address>> read_addresses()
-{
-    ifaddrs *first = nullptr;
-    if (getifaddrs(&first) != 0) {
-        LOG_ERROR("%s - getifaddrs failed: %s", __func__, std::strerror(errno));
-        return std::nullopt;
-    }
-    const ifaddrs_ptr list{first};
-    std::vector<interface_address> found;
-    for (const ifaddrs *entry = first; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
-            continue;
-        }
-        // An address with a label of its own is listed as "br0:1".
-        std::string name{entry->ifa_name};
-        name.erase(std::min(name.find(':'), name.size()));
-        sockaddr_in address{};
-        std::memcpy(&address, entry->ifa_addr, sizeof address);
-        found.push_back({if_nametoindex(name.c_str()), address.sin_addr.s_addr});
-    }
-    return found;
 }
 
 void remember(const interface_address &one)
@@ -138,12 +110,28 @@ void pause_reading()
     }
 }
 
+void hand_over(const address_event &event)
+{
+    common_netlink_observer *const observer = state.observer.get();
+    switch (event.what) {
+    case news::address_came:
+        observer->callback(event.ifname.data(), event.address.data(), observer->user_data,
+                           observer);
+        break;
+    case news::address_went:
+        state.loss_callback(event.address.data());
+        break;
+    case news::messages_were_lost:
+        state.loss_callback(nullptr);
+        break;
+    }
+}
+
 void deliver(void *user_data, short, common_async_context *) noexcept
 {
     const std::unique_ptr<address_event> event = adopt<address_event>(user_data);
     --state.waiting;
-    common_netlink_observer *const observer = state.observer.get();
-    observer->callback(event->ifname.data(), event->address.data(), observer->user_data, observer);
+    hand_over(*event);
     if (state.waiting > 0) {
         return;
     }
@@ -151,6 +139,16 @@ void deliver(void *user_data, short, common_async_context *) noexcept
         read_again();
     }
     resume_reading();
+}
+
+/// Until as many wait as may.
+void queue(std::unique_ptr<address_event> event)
+{
+    ++state.waiting;
+    common_async_action_call(deliver, event.release());
+    if (state.waiting >= common_netlink_waiting_limit) {
+        pause_reading();
+    }
 }
 
 void report(const interface_address &one)
@@ -166,11 +164,25 @@ void report(const interface_address &one)
     if (state.observer == nullptr || state.observer->callback == nullptr) {
         return;
     }
-    ++state.waiting;
-    common_async_action_call(deliver, event.release());
-    if (state.waiting >= common_netlink_waiting_limit) {
-        pause_reading();
+    queue(std::move(event));
+}
+
+void report_loss(news what, std::uint32_t address)
+{
+    if (state.observer == nullptr || state.loss_callback == nullptr) {
+        return;
     }
+    const allocation_name naming{reader_name, "address event"};
+    auto event = std::make_unique<address_event>();
+    event->what = what;
+    inet_ntop(AF_INET, &address, event->address.data(), INET_ADDRSTRLEN);
+    queue(std::move(event));
+}
+
+void forget(const interface_address &one)
+{
+    state.known.erase(one);
+    report_loss(news::address_went, one.address);
 }
 
 void retry(void *, short, common_async_context *) noexcept
@@ -185,7 +197,7 @@ void retry(void *, short, common_async_context *) noexcept
 /// everything that waits has been delivered.
 void read_again()
 {
-    const auto present = read_addresses();
+    const auto present = interface_addresses_read();
     if (!present) {
         if (!state.retries) {
             state.retries = true;
@@ -207,6 +219,7 @@ void read_again()
         }
         report(one);
     }
+    report_loss(news::messages_were_lost, INADDR_ANY);
 }
 
 /// The IPv4 address of an attribute; only IFA_LOCAL is the interface's own.
@@ -256,7 +269,7 @@ void handle_message(std::uint16_t type, bytes message)
         for_each_address(message, report);
         break;
     case RTM_DELADDR:
-        for_each_address(message, [](const interface_address &one) { state.known.erase(one); });
+        for_each_address(message, forget);
         break;
     default:
         break;
@@ -337,6 +350,11 @@ void common_netlink_read_datagram(std::span<const std::uint8_t> datagram)
     }
 }
 
+void common_netlink_observe_losses(common_netlink_loss_callback callback)
+{
+    state.loss_callback = callback;
+}
+
 void common_netlink_observe(common_netlink_callback callback, void *user_data)
 {
     const allocation_name naming{__func__, "observer"};
@@ -354,7 +372,7 @@ void common_netlink_observe(common_netlink_callback callback, void *user_data)
     // From here on every change is announced.
     state.known.clear();
     for (const interface_address &one :
-         read_addresses().value_or(std::vector<interface_address>{})) {
+         interface_addresses_read().value_or(std::vector<interface_address>{})) {
         remember(one);
     }
     observer->event.reset(event_new(state.base, fd, EV_READ | EV_PERSIST, netlink_cb, nullptr));

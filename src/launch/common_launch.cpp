@@ -6,30 +6,14 @@
 #include <cstring>
 #include <utility>
 
+#include "handles/memory.h"
 #include "logger/common_logger.h"
 
 namespace {
 
 constexpr char log_category[] = "launch";
-constexpr std::size_t chunk_size = 1024;
 constexpr int error_null_command = -2;
 constexpr int error_failed = -3;
-
-bool read_output(std::FILE *pipe, std::string &text)
-{
-    std::size_t got = chunk_size;
-    while (got == chunk_size) {
-        const std::size_t before = text.size();
-        text.resize(before + chunk_size);
-        got = std::fread(&text[before], 1, chunk_size, pipe);
-        text.resize(before + got);
-    }
-    if (std::feof(pipe) == 0) {
-        LOG_ERROR("fread failed: %s", std::strerror(errno));
-        return false;
-    }
-    return true;
-}
 
 } // namespace
 
@@ -39,9 +23,9 @@ common_launched common_launch_begin(const char *command)
         LOG_ERROR("Command can't be NULL");
         return {nullptr, error_null_command};
     }
-    // NOLINTNEXTLINE(cert-env33-c): a shell is what the caller asks for, with commands of our own
-    command_pipe pipe{opened_stream(popen(command, "re"))};
+    auto pipe = common_launch_process_start(command);
     if (pipe == nullptr) {
+        memory_is_exhausted_if(errno == ENOMEM);
         LOG_ERROR("popen failed: %s", std::strerror(errno));
         return {nullptr, error_failed};
     }
@@ -56,11 +40,10 @@ int common_launch_end(common_launched launched, int *status, std::string *output
     if (launched.pipe == nullptr) {
         return launched.error;
     }
-    std::string text;
-    if (output != nullptr && !read_output(launched.pipe.get(), text)) {
+    if (!launched.pipe->read_to_end()) {
         return error_failed;
     }
-    const int wait_status = pclose(launched.pipe.release());
+    const int wait_status = launched.pipe->wait();
     if (wait_status == -1) {
         LOG_ERROR("pclose failed: %s", std::strerror(errno));
         return error_failed;
@@ -73,7 +56,7 @@ int common_launch_end(common_launched launched, int *status, std::string *output
         *status = wait_status;
     }
     if (output != nullptr) {
-        *output = std::move(text);
+        *output = std::move(launched.pipe->text());
     }
     return 0;
 }

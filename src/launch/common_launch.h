@@ -1,13 +1,14 @@
 #pragma once
 
+#include <memory>
 #include <string>
 
-#include "handles/file.h"
+#include "launch/launch_process.h"
 
-/// A command under way. It writes into a pipe, so that it may wait for its reader.
+/// A command under way; what takes longer than common_launch_time is ended and has failed. It writes into a pipe, so that it may wait for its reader.
 struct common_launched {
-    command_pipe pipe; // null when it could not be started
-    int error = 0;     // why not
+    std::unique_ptr<common_launch_process> pipe; // null when it could not be started
+    int error = 0;                               // why not
 };
 
 /// Starts a shell command and returns at once.
@@ -16,7 +17,7 @@ struct common_launched {
 /// Waits for its end; what `common_launch` returns.
 [[nodiscard]] int common_launch_end(common_launched launched, int *status, std::string *output);
 
-/// Runs a shell command to its end and blocks meanwhile: only for start-up and reload.
+/// Runs a shell command to its end and blocks meanwhile: only for start-up.
 /// 0 when it ended normally: `status` then holds the raw wait status and `output` what it printed
 /// (both may be null). -2 for a null command, -3 for every other failure; `output` is then empty.
 [[nodiscard]] int common_launch(const char *command, int *status, std::string *output);

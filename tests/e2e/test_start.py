@@ -16,6 +16,7 @@ from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import Daemon, DaemonError, wait_until
 
 VERSION = "7.14.3"
+CANNOT_LISTEN = "call failed: evhtp_bind_socket( http_server_instance, "
 UNREADABLE_CERTIFICATE = "evhtp_ssl_init(http_server_instance, http_server_ssl_config)"
 
 
@@ -228,16 +229,33 @@ def test_it_aborts_with(name: str, cold_access_point: AccessPoint) -> None:
     assert f"call failed: {UNREADABLE_CERTIFICATE}" in cold_access_point.log()
 
 
-@pytest.mark.parametrize("address", ["203.0.113.9", "no address"])
-def test_it_aborts_on_an_address_that_it_cannot_listen_on(
-    address: str, cold_access_point: AccessPoint
-) -> None:
-    # Without a bridge the platform has no address of its own.
-    assert cold_access_point.nvram("unset", "lan0_ifnames").returncode == 0
-    cold_access_point.configure({})
-    arguments = ["-c", str(cold_access_point.configuration_file), "-i", address]
+def at_address(access_point: AccessPoint, address: str) -> list[str]:
+    """The arguments for an address that counts, since no bridge has another."""
+    assert access_point.nvram("unset", "lan0_ifnames").returncode == 0
+    access_point.configure({})
+    return ["-c", str(access_point.configuration_file), "-i", address]
+
+
+@pytest.mark.parametrize("address", ["no address", "", "192.168.1", "192.168.1.1 "])
+def test_it_aborts_on_what_is_no_address(address: str, cold_access_point: AccessPoint) -> None:
+    arguments = at_address(cold_access_point, address)
     assert ended(cold_access_point, arguments=arguments) == -signal.SIGABRT
-    assert "call failed: evhtp_bind_socket( http_server_instance, " in cold_access_point.log()
+    assert CANNOT_LISTEN in cold_access_point.log()
+
+
+def test_an_address_that_nobody_has_is_waited_for(cold_access_point: AccessPoint) -> None:
+    arguments = at_address(cold_access_point, "192.168.1.9")
+    daemon = cold_access_point.prepare(arguments=arguments)
+    daemon.start()
+    daemon.wait_log("wait_for_address - until an interface has 192.168.1.9")
+    assert daemon.log().count(CANNOT_LISTEN) == 1
+    # On any interface, since the platform names none.
+    address = "addr {} 192.168.1.9/32 dev wan0\n"
+    cold_access_point.network.ap.batch(address.format("add"))
+    try:
+        daemon.wait_until_serving()
+    finally:
+        cold_access_point.network.ap.batch(address.format("del"))
 
 
 def test_a_port_in_use_aborts(cold_access_point: AccessPoint) -> None:

@@ -756,8 +756,65 @@ TEST_P(NoAddress, EndsTheDaemon)
 }
 INSTANTIATE_TEST_SUITE_P(Addresses, NoAddress,
                          testing::Values("", "nonsense", "127.1", "0x7f000001", "ipv4:127.0.0.1",
-                                         "unix:/tmp/velm_test", "::1", "127.0.0.1\n127.0.0.2",
-                                         "203.0.113.77"));
+                                         "unix:/tmp/velm_test", "::1", "127.0.0.1\n127.0.0.2"));
+
+/// Its address is nobody's when it starts.
+class WaitingForItsAddress : public HttpServer {
+  protected:
+    WaitingForItsAddress()
+    {
+        stand_in.address = "203.0.113.77";
+        http_server_start();
+    }
+    [[nodiscard]] int bind_failures() const
+    {
+        return log.count("ERROR velm_http_server - http_server_start: call failed: "
+                         "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
+                         "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS) result: -1 loc: ");
+    }
+};
+
+TEST_F(WaitingForItsAddress, SaysSoInOneLineHoweverOftenItTries)
+{
+    EXPECT_TRUE(log.has("TRACE velm_http_server - http_server_start - end"));
+    for (int i = 0; i < 10; ++i) {
+        velm_http_server_address_came();
+    }
+    EXPECT_EQ(bind_failures(), 1);
+    EXPECT_EQ(log.count("ERROR"), 1);
+}
+
+TEST_F(WaitingForItsAddress, ServesByItselfWhenTheAddressIsThere)
+{
+    stand_in.address = "127.0.0.1"; // as if an interface had got the one that is waited for
+    ASSERT_TRUE(turn_until(loop, [this] {
+        return log.has("INFO velm_http_server - stop_waiting - an interface has 127.0.0.1");
+    }));
+    EXPECT_EQ(ask(get_info).status, 200);
+}
+
+TEST_F(WaitingForItsAddress, ServesAtTheAnnouncement)
+{
+    stand_in.address = "127.0.0.1";
+    velm_http_server_address_came();
+    EXPECT_EQ(ask(get_info).status, 200);
+}
+
+TEST_F(WaitingForItsAddress, IsStoppedAndStartedLikeAnyOther)
+{
+    velm_http_server_stop();
+    velm_http_server_address_came(); // nobody waits
+    EXPECT_EQ(bind_failures(), 1);
+    stand_in.address = "127.0.0.1";
+    http_server_start();
+    EXPECT_EQ(ask(get_info).status, 200);
+}
+
+TEST_F(WaitingForItsAddress, AnotherFailureThenEndsTheDaemon)
+{
+    stand_in.address = "nonsense";
+    EXPECT_DEATH(velm_http_server_address_came(), bind_failed);
+}
 
 TEST_F(HttpServer, APortInUseEndsTheDaemon)
 {

@@ -121,6 +121,17 @@ TEST_F(Main, ANewAddressOnTheLanBridgeRestartsTheServersWithItInTheRecord)
                                 "ipc init", "queue"}));
 }
 
+TEST_F(Main, OfSeveralAddressesTheFirstIsTheOneInUse)
+{
+    velm_config_copy_text(config.lan_ip_address, sizeof config.lan_ip_address,
+                          "192.168.1.1\n192.168.2.1");
+    netlink_ip_address_changed("br0", "192.168.1.1");
+    EXPECT_TRUE(calls.empty());
+    netlink_ip_address_changed("br0", "192.168.2.1");
+    EXPECT_STREQ(config.lan_ip_address, "192.168.2.1");
+    EXPECT_FALSE(calls.empty());
+}
+
 struct address_case {
     const char *name, *ifname, *address;
 };
@@ -149,8 +160,8 @@ TEST_F(Main, AnAddressEventIsLoggedWithItsMissingTextsAsQuestionMarks)
     const captured_log log;
     netlink_ip_address_changed(nullptr, nullptr);
     netlink_ip_address_changed("eth0", "10.0.0.1");
-    EXPECT_TRUE(log.has("TRACE velm_main - netlink_ip_address_changed - ? new ip: ?"));
-    EXPECT_TRUE(log.has("TRACE velm_main - netlink_ip_address_changed - eth0 new ip: 10.0.0.1"));
+    EXPECT_TRUE(log.has("TRACE main - netlink_ip_address_changed - ? new ip: ?"));
+    EXPECT_TRUE(log.has("TRACE main - netlink_ip_address_changed - eth0 new ip: 10.0.0.1"));
 }
 
 } // namespace

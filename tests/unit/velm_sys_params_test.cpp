@@ -249,6 +249,23 @@ TEST_F(SysParams, ARadioWithoutSsidCountOrAddressIsSkipped)
         log.has("ERROR velm_sys_params - get_bssids_for_radio - failed to get hwaddr for wl1"));
 }
 
+TEST_F(SysParams, AnEmptyPrimaryAddressCountsAsAbsent)
+{
+    fake_nvram.values = {{"wl_radio_num", "2"},  {"wl0_maxssid", "2"}, {"wl0_hwaddr", ""},
+                         {"wl0.1_hwaddr", "a1"}, {"wl1_maxssid", "1"}, {"wl1_hwaddr", "b0"}};
+    EXPECT_EQ(bssids(), R"(["b0"])");
+    EXPECT_TRUE(
+        log.has("ERROR velm_sys_params - get_bssids_for_radio - failed to get hwaddr for wl0"));
+    EXPECT_EQ(sys_mac_address(), std::nullopt);
+}
+
+TEST_F(LanBridge, WithoutItThereIsNoCommandWhichTheAskerCanTell)
+{
+    EXPECT_EQ(get_ipv4_address_wlif_begin().error, no_lan_bridge);
+    fake_nvram.values["lan0_ifnames"] = "wl0";
+    EXPECT_EQ(get_ipv4_address_wlif_begin().error, 0);
+}
+
 TEST_F(SysParams, ACountThatIsNoNumberIsZero)
 {
     fake_nvram.values = {{"wl_radio_num", "many"}, {"wl0_maxssid", "1"}, {"wl0_hwaddr", "a0"}};

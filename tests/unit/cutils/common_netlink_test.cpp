@@ -895,4 +895,72 @@ TEST_F(Netlink, TheMemoryOfWhatWasReportedIsBounded)
     EXPECT_TRUE(seen.empty());
 }
 
+// Losses.
+
+class NetlinkLosses : public Netlink {
+  protected:
+    NetlinkLosses()
+    {
+        common_netlink_observe_losses(
+            [](const char *address) { seen.push_back(address == nullptr ? "lost" : address); });
+    }
+    ~NetlinkLosses() override
+    {
+        common_netlink_observe_losses(nullptr);
+    }
+};
+
+TEST_F(NetlinkLosses, AnAddressThatWentIsReportedInOrderWithThoseThatCame)
+{
+    observe();
+    common_netlink_read_datagram(new_address(br0, "192.168.2.1") +
+                                 lost_address(br0, "192.168.2.1") +
+                                 new_address(br0, "192.168.3.1"));
+    EXPECT_TRUE(seen.empty()); // never from inside the reading
+    settle();
+    EXPECT_EQ(seen, (text_list{"br0 192.168.2.1", "192.168.2.1", "br0 192.168.3.1"}));
+}
+
+TEST_F(NetlinkLosses, ThatOfAnInterfaceThatHasGoneIsReportedToo)
+{
+    observe();
+    EXPECT_EQ(reported(lost_address(gone, "192.168.1.1")), text_list{"192.168.1.1"});
+}
+
+TEST_F(NetlinkLosses, LostMessagesAreReportedBehindWhatIsNew)
+{
+    observe();
+    kernel.present = {"br0 192.168.2.1"};
+    arrive(arrival{{}, ENOBUFS});
+    settle();
+    EXPECT_EQ(seen, (text_list{"br0 192.168.2.1", "lost"}));
+}
+
+TEST_F(NetlinkLosses, WaitInNoLargerNumberThanOtherReports)
+{
+    observe();
+    byte_list burst;
+    for (unsigned i = 0; i < common_netlink_waiting_limit; ++i) {
+        burst = burst + local("10.0.0.1");
+    }
+    arrive(message(RTM_DELADDR, address_head(br0) + burst));
+    arrive(new_address(br0, "192.168.2.1"));
+    while (kernel.arrivals.size() > 1) {
+        event_base_loop(base, EVLOOP_ONCE);
+    }
+    while (seen.size() + 1 < common_netlink_waiting_limit) {
+        event_base_loop(base, EVLOOP_ONCE);
+        ASSERT_EQ(kernel.arrivals.size(), 1U) << "read while " << seen.size() << " were delivered";
+    }
+    settle();
+    EXPECT_EQ(seen.back(), "br0 192.168.2.1");
+}
+
+TEST_F(NetlinkLosses, WithoutACallbackAreNotReported)
+{
+    common_netlink_observe_losses(nullptr);
+    observe();
+    EXPECT_TRUE(reported(lost_address(br0, "192.168.1.1")).empty());
+}
+
 } // namespace

@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <utility>
 
 #include "fakes/captured_log.h"
@@ -105,6 +106,72 @@ TEST(Launch, BeginDoesNotWaitForTheEnd)
     EXPECT_EQ(common_launch_end(std::move(launched), &status, &output), 0);
     EXPECT_EQ(WEXITSTATUS(status), 3);
     EXPECT_EQ(output, "late done\n");
+}
+
+TEST(Launch, WhatTakesTooLongIsEndedWithAllThatItStarted)
+{
+    int alive[2] = {-1, -1}; // everything that the command starts holds the writing end
+    ASSERT_EQ(pipe(alive), 0);
+    const unique_fd reader{alive[0]};
+    unique_fd writer{alive[1]};
+    const captured_log log;
+    common_launched launched = common_launch_begin("echo partly; sleep 1000 | sleep 1000");
+    writer.reset();
+    ASSERT_NE(launched.pipe, nullptr);
+    launched.pipe->end_time();
+    int status = 5;
+    std::string output = "old";
+    EXPECT_EQ(common_launch_end(std::move(launched), &status, &output), -3);
+    EXPECT_EQ(status, 5);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - Command takes too long - ended"));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    char byte = 0;
+    EXPECT_EQ(read(reader.get(), &byte, 1), 0);
+}
+
+TEST(Launch, WhatWaitsInThePipeIsTakenWithoutWaiting)
+{
+    int gate[2] = {-1, -1};
+    ASSERT_EQ(pipe(gate), 0);
+    const unique_fd reader{gate[0]};
+    unique_fd writer{gate[1]};
+    const std::string command =
+        "exec " + std::to_string(writer.get()) + ">&-; cat <&" + std::to_string(reader.get());
+    common_launched launched = common_launch_begin(command.c_str());
+    ASSERT_NE(launched.pipe, nullptr);
+    EXPECT_FALSE(launched.pipe->read());
+    EXPECT_EQ(write(writer.get(), "now", 3), 3);
+    while (launched.pipe->text().empty()) {
+        EXPECT_FALSE(launched.pipe->read());
+    }
+    writer.reset();
+    std::string output;
+    EXPECT_EQ(common_launch_end(std::move(launched), nullptr, &output), 0);
+    EXPECT_EQ(output, "now");
+}
+
+TEST(Launch, OfMoreOutputThanAnybodyNeedsFails)
+{
+    const captured_log log;
+    std::string output = "old";
+    EXPECT_EQ(common_launch("head -c 1100000 /dev/zero", nullptr, &output), -3);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - fread failed: File too large"));
+}
+
+TEST(Launch, TheCommandIsEndedByTheSignalsThatWeBlockOrIgnore)
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGHUP);
+    sigprocmask(SIG_BLOCK, &blocked, nullptr);
+    const auto before = std::signal(SIGPIPE, SIG_IGN);
+    const captured_log log;
+    EXPECT_EQ(common_launch("kill -HUP $$", nullptr, nullptr), -3);
+    EXPECT_EQ(common_launch("kill -PIPE $$", nullptr, nullptr), -3);
+    std::signal(SIGPIPE, before);
+    sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
 }
 
 TEST(Launch, EndTellsWhyBeginFailed)
