@@ -5,7 +5,9 @@ from __future__ import annotations
 import os
 import re
 import signal
+import socket
 import subprocess
+import sys
 import time
 from collections.abc import Callable
 from dataclasses import dataclass, field
@@ -152,11 +154,24 @@ class Daemon:
 
     def https_listener(self) -> str:
         """The kernel's number of the listening HTTPS socket, empty when nothing listens."""
+        columns = self._listening()
+        return columns[9] if columns else ""
+
+    def https_address(self) -> str:
+        """The address at which HTTPS listens, empty when nothing does."""
+        columns = self._listening()
+        if not columns:
+            return ""
+        number = int(columns[1].partition(":")[0], 16)
+        return socket.inet_ntoa(number.to_bytes(4, sys.byteorder))
+
+    def _listening(self) -> list[str]:
+        """The kernel's row of the listening HTTPS socket."""
         for line in self._proc("net/tcp").splitlines()[1:]:
             columns = line.split()
             if columns[3] == TCP_LISTEN and int(columns[1].rpartition(":")[2], 16) == self.port:
-                return columns[9]
-        return ""
+                return columns
+        return []
 
     def ipc_listener(self) -> str:
         for line in self._proc("net/unix").splitlines()[1:]:

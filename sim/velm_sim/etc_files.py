@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import warnings
-from collections.abc import Iterable, Mapping
+from collections.abc import Iterable, Mapping, Sequence
 from pathlib import Path
 
 from .phone import Login
@@ -15,6 +15,7 @@ with warnings.catch_warnings():
 
 ADMIN = Login("admin", "correct horse battery staple")
 ROOT = Login("root", "the right password of root")
+SECOND = Login("second", "another right password")
 # Accounts that must never let anybody in: libcrypt can hash nothing by such a field.
 ODD_ACCOUNTS = {"starred": "*", "locked": "!", "shadowed": "x"}
 # An account that takes any password: its field is empty.
@@ -57,8 +58,12 @@ class EtcFiles:
         ]
         self._write("passwd", "\n".join(lines) + "\n")
 
-    def set_hosts(self, addresses: Mapping[str, str]) -> None:
-        lines = ["127.0.0.1 localhost", *(f"{ip} {name}" for name, ip in addresses.items())]
+    def set_hosts(self, addresses: Mapping[str, str | Sequence[str]]) -> None:
+        """A name may have several addresses, in that order."""
+        lines = ["127.0.0.1 localhost"]
+        for name, of_name in addresses.items():
+            several = [of_name] if isinstance(of_name, str) else of_name
+            lines += [f"{ip} {name}" for ip in several]
         self._write("hosts", "\n".join(lines) + "\n")
 
     def set_resolvers(self, servers: Iterable[str]) -> None:

@@ -49,6 +49,8 @@ class Outcome:
     steps: int = 0
     seconds: float = 0.0
     kinds: Counter[str] = field(default_factory=Counter)
+    returns: int = 0  # how often everybody was served again after the LAN changed
+    slowest: float = 0.0
     problem: str = ""
 
 
@@ -84,6 +86,7 @@ def storm(build: Build, seed: int, seconds: float) -> Outcome:
             step = Step(outcome.steps, 0, "census", {})
             run_step(world, step)
             world.daemon.stop()
+            outcome.returns, outcome.slowest = len(world.returns), max(world.returns, default=0)
         except Exception as problem:  # whatever it is, the storm has failed in this step
             outcome.problem = describe(world, step, problem, seed)
     finally:
@@ -161,6 +164,7 @@ def main() -> int:
     kinds = ", ".join(f"{count} {kind}" for kind, count in outcome.kinds.most_common())
     print(f"seed {outcome.seed}: {outcome.steps} steps in {outcome.seconds:.0f} s, all as expected")
     print(f"  {kinds}")
+    print(f"  after {outcome.returns} LAN events served again within {outcome.slowest:.2f} s")
     return 0
 
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import re
 import time
+from collections.abc import Callable
 from pathlib import Path
 
 from .daemon import wait_until
@@ -26,7 +27,8 @@ def require(condition: object, expectation: str) -> None:
 class LogReader:
     """The daemon's log, read once; what was read is dropped from the disk in between."""
 
-    def __init__(self, path: Path) -> None:
+    def __init__(self, path: Path, alive: Callable[[], bool] = lambda: True) -> None:
+        self._alive = alive
         self._path, self._offset, self._rest = path, 0, b""
         self.step: list[str] = []
         self.tail: list[str] = []
@@ -73,6 +75,7 @@ class LogReader:
         pattern = re.compile(text)
 
         def found() -> bool:
+            require(self._alive(), "the daemon is alive")
             return sum(1 for line in self.read()[self._mark :] if pattern.search(line)) >= count
 
         try:

@@ -6,15 +6,14 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
-from .etc_files import ADMIN
+from .storm_limits import AccessToken, Junk, Logins, lately
 from .storm_schedule import PAIRINGS_LIMIT
 
+OWNER = "admin"  # whose account the phones use
 CHALLENGE_LIFE = 60
 PUSH_INTERVAL = 60
-TOKEN_LIFE = 3600
-LOGIN_ATTEMPTS = 5
-LOGIN_BLOCK = 60
 GOOGLE_SILENCE = 3599
+DUE_MARGIN = 0.2  # seconds by which a push may leave before its second is over
 DELETED_KEYS = (
     "dev_id", "dev_type", "name", "push_token", "dev_model", "os_version", "date_added",
     "attestation_key",
@@ -34,60 +33,31 @@ class Expected:
 
 
 @dataclass
-class Failures:
-    """Wrong logins in a row, of all or of one name."""
-
-    count: int = 0
-    first: int = 0
-
-    def block(self, moment: int) -> bool:
-        """Whether logins are refused; a block that is over is forgotten."""
-        if self.count < LOGIN_ATTEMPTS:
-            return False
-        if self.first <= moment < self.first + LOGIN_BLOCK:
-            return True
-        self.count = 0
-        return False
-
-    def add(self, moment: int) -> None:
-        if self.count == 0:
-            self.first = moment
-        self.count += 1
-
-
-@dataclass
 class Model:
     """Moments are those of the daemon's clock, which stands still during a step."""
 
     moment: int
     slots: list[dict[str, str] | None] = field(default_factory=lambda: [None] * PAIRINGS_LIMIT)
     challenges: dict[str, int] = field(default_factory=dict)
-    failures: Failures = field(default_factory=Failures)
-    failures_of: dict[str, Failures] = field(default_factory=dict)
-    last_push: int = 0
-    push_token_until: int | None = None
-    integrity_token_until: int | None = None
+    logins: Logins = field(default_factory=Logins)
+    last_push: int | None = None
+    push_token: AccessToken = field(default_factory=AccessToken)
+    integrity_token: AccessToken = field(default_factory=AccessToken)
+    junk: Junk = field(default_factory=Junk)
     google_exhausted: bool = False
     last_google: int = 0
     remote: bool = True
     token_requests: int = 0
     integrity_requests: int = 0
     pushes: list[str] = field(default_factory=list)  # certain, in this order
+    due: dict[int, float] = field(default_factory=dict)  # of a slot's push, on the real clock
     perhaps: Counter[str] = field(default_factory=Counter)
     queues: dict[int, deque[Expected]] = field(default_factory=dict)  # of connected clients
 
     # Login and challenges.
 
-    def login(self, right: bool, name: str = ADMIN.username) -> bool:
-        of_name = self.failures_of.setdefault(name, Failures())
-        if self.failures.block(self.moment) or of_name.block(self.moment):
-            return False
-        if right:
-            self.failures, self.failures_of[name] = Failures(), Failures()
-            return True
-        self.failures.add(self.moment)
-        of_name.add(self.moment)
-        return False
+    def login(self, right: bool, name: str = OWNER) -> bool:
+        return self.logins.attempt(name, right, self.moment)
 
     def consume(self, challenge: str) -> bool:
         issued = self.challenges.pop(challenge, None)
@@ -113,6 +83,7 @@ class Model:
         if found is not None:
             slot = self.slots[found]
             assert slot is not None
+            self._token_changes(found, slot["push_token"], described["push_token"])
             slot.update(described)
         else:
             added = time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(self.moment))
@@ -122,15 +93,39 @@ class Model:
                 for number, held in enumerate(self.slots)
                 if held is None or held["status"] != "Valid"
             )
+            self._token_changes(found, None, described["push_token"])
             self.slots[found] = slot
         if attested:
             slot["attestation_key"] = GIVEN
 
     def delete(self, device_id: str) -> bool:
         found = self.find(device_id)
-        if found is not None:
+        slot = self.slots[found] if found is not None else None
+        if found is not None and slot is not None:
+            self._token_changes(found, slot["push_token"], None)
             self.slots[found] = {"status": "Invalid", **dict.fromkeys(DELETED_KEYS, "")}
         return found is not None
+
+    def change(self, number: int, member: str, value: str) -> None:
+        """Another program has written that into nvram."""
+        slot = self.slots[number]
+        assert slot is not None
+        if member == "push_token":
+            self._token_changes(number, slot[member], value)
+        slot[member] = value
+
+    def _token_changes(self, slot: int, old: str | None, new: str | None) -> None:
+        """A slot is read when its push is due: what it held before gets nothing."""
+        if slot not in self.due:
+            return
+        certain = old in self.pushes and time.monotonic() < self.due[slot] - DUE_MARGIN
+        if old in self.pushes:
+            place = self.pushes.index(old)
+            self.pushes[place : place + 1] = [new] if certain and new is not None else []
+        elif old is not None and self.perhaps[old] == 0:
+            return  # its push has come
+        if not certain:
+            self.perhaps.update(token for token in (old, new) if token is not None)
 
     def holds_key_of(self, device_id: str) -> bool:
         found = self.find(device_id)
@@ -147,8 +142,8 @@ class Model:
 
     def reload(self) -> None:
         self.challenges.clear()
-        self.last_push = 0
-        self.push_token_until = self.integrity_token_until = None
+        self.last_push = None
+        self.push_token, self.integrity_token = AccessToken(), AccessToken()
         self.servers_begin_anew()
         self.perhaps.update(self.pushes)
         self.pushes.clear()
@@ -158,22 +153,32 @@ class Model:
 
     # The cloud.
 
+    def expect_pushes(self) -> None:
+        """To all who are paired, a second apart from now on."""
+        begin = time.monotonic()
+        live = [number for number, slot in enumerate(self.slots) if slot in self.live()]
+        self.due = {number: begin + place + 1 for place, number in enumerate(live)}
+        self.pushes += [slot["push_token"] for slot in self.live()]
+
     def asks_for_push(self) -> bool:
         """A request of a local client leads to pushes now."""
-        if not self.live() or self.last_push + PUSH_INTERVAL > self.moment:
+        if not self.live() or self.pushed_lately():
             return False
         self.last_push = self.moment
         return True
 
+    def pushed_lately(self) -> bool:
+        return self.last_push is not None and lately(self.last_push, self.moment, PUSH_INTERVAL)
+
     def needs_push_token(self) -> bool:
-        return self.push_token_until is None or self.moment >= self.push_token_until
+        return not self.push_token.serves(self.moment)
 
     def needs_integrity_token(self) -> bool:
-        return self.integrity_token_until is None or self.moment >= self.integrity_token_until
+        return not self.integrity_token.serves(self.moment)
 
     def asks_google(self) -> bool:
         """With an access token at hand, the decoding service is asked now."""
-        if self.google_exhausted and self.last_google + GOOGLE_SILENCE >= self.moment:
+        if self.google_exhausted and lately(self.last_google, self.moment, GOOGLE_SILENCE + 1):
             return False
         self.google_exhausted = False
         self.last_google = self.moment

@@ -8,9 +8,10 @@ from typing import Any
 
 from .android_phone import AndroidPhone
 from .certificates import DAY
-from .etc_files import ADMIN, ROOT
+from .etc_files import ROOT, SECOND
 from .phone import OMIT, Phone, Prepared, sample_location
 from .storm_log import StormFailure, require
+from .storm_model import OWNER
 from .storm_proofs import (
     NO_CHALLENGE,
     REFUSED,
@@ -50,15 +51,27 @@ def step_list(world: World, phone: int) -> None:
         require(reply.json() == {"pairings": expected}, f"/pairings lists {expected}")
 
 
-def step_wrong_logins(world: World, phone: int, count: int, root: bool, wait: int) -> None:
-    """Wrong ones, and a right one that many seconds later."""
-    login = {"username": ROOT.username, "password": ROOT.password} if root else WRONG
-    for _ in range(count):
-        reply = world.phones[phone].challenge(login)
-        check_status(world, "/challenge with a wrong login", reply.status, 401)
-        world.model.login(False, ROOT.username if root else ADMIN.username)
+WRONG_LOGINS: dict[str, dict[str, Any]] = {
+    OWNER: WRONG,
+    ROOT.username: {"username": ROOT.username, "password": ROOT.password},
+    "nobody": {"username": "nobody", "password": "guessed"},
+    SECOND.username: {"username": SECOND.username, "password": "guessed"},
+}
+
+
+def step_wrong_logins(
+    world: World, phone: int, count: int, name: str, between: bool, wait: int
+) -> None:
+    """Wrong ones, and a right one that many seconds later; `between`: of another account too."""
+    made = world.phones[phone]
+    for number in range(count):
+        reply = made.challenge(WRONG_LOGINS[name])
+        check_status(world, f"/challenge with a wrong login of {name}", reply.status, 401)
+        world.model.login(False, name)
+        if between and number % 4 == 3:
+            fetch_challenge(world, made, SECOND)
     world.jump(wait)
-    fetch_challenge(world, world.phones[phone])
+    fetch_challenge(world, made)
 
 
 def step_pair(
@@ -214,7 +227,7 @@ def step_vanish(world: World, phone: int, when: str, latitude: float) -> None:
     if when == "before the handshake":
         made.host.connect_tcp().close()
         return
-    whole = when == "before the reply" and phone < IOS_PHONES and model.failures.count == 0
+    whole = when == "before the reply" and phone < IOS_PHONES and model.logins.untouched_by_success(OWNER)
     with made.host.session() as session:
         if whole:
             world.log.mark()

@@ -8,10 +8,11 @@ from typing import Any
 
 from .android_phone import AndroidPhone
 from .answers import GARBAGE, HANG_UP, Answer
-from .cloud import EXHAUSTED
-from .phone import Phone
+from .cloud import EXHAUSTED, UNAUTHENTICATED
+from .phone import Login, Phone
+from .storm_limits import AccessToken
 from .storm_log import require
-from .storm_model import TOKEN_LIFE
+from .storm_model import OWNER
 from .storm_schedule import IOS_PHONES
 from .storm_world import World
 
@@ -31,6 +32,7 @@ REFUSED = {
     400: (r"no friendly name", r"no deviceId", r"no location data"),
 }  # fmt: skip
 GOOGLE_ANSWERS = {
+    "401": UNAUTHENTICATED,
     "429": EXHAUSTED,
     "500": Answer(500, b""),
     "garbage": GARBAGE,
@@ -45,10 +47,12 @@ def check_status(world: World, what: str, status: int, expected: int) -> None:
     require(status == expected, f"{what} is answered with {expected}, not {status}")
 
 
-def fetch_challenge(world: World, phone: Phone) -> str:
+def fetch_challenge(world: World, phone: Phone, login: Login | None = None) -> str:
     """A fresh challenge, or one that nobody issued while logins are blocked."""
-    reply = phone.challenge()
-    check_status(world, "/challenge", reply.status, 200 if world.model.login(True) else 401)
+    auth = None if login is None else {"username": login.username, "password": login.password}
+    reply = phone.challenge(auth)
+    allowed = world.model.login(True, OWNER if login is None else login.username)
+    check_status(world, "/challenge", reply.status, 200 if allowed else 401)
     if reply.status != 200:
         return NO_CHALLENGE
     challenge = str(reply.json()["challenge"])
@@ -59,14 +63,19 @@ def fetch_challenge(world: World, phone: Phone) -> str:
 # Proofs.
 
 
-def google_agrees(world: World, google: str, cleanup: contextlib.ExitStack) -> bool:
+def google_agrees(
+    world: World, phone: Phone, good: bool, google: str, cleanup: contextlib.ExitStack
+) -> bool:
     """Has Google answer like that to the next token; says whether it will be asked and agree."""
     model, cut_off = world.model, google in ("certificate", "cloud down")
+    sender = phone.host.source or ""
+    if model.junk.shuts_out(sender, model.moment):
+        return False
     needs_token = model.needs_integrity_token()
     if cut_off:
         cleanup.enter_context(world.cloud_fault(google, "other_ca"))
     if needs_token:
-        model.integrity_token_until = None if cut_off else model.moment + TOKEN_LIFE
+        model.integrity_token = AccessToken(None if cut_off else model.moment)
         if cut_off:
             return False
         model.token_requests += 1
@@ -74,9 +83,13 @@ def google_agrees(world: World, google: str, cleanup: contextlib.ExitStack) -> b
         return False
     model.integrity_requests += 1
     if google not in GOOGLE_ANSWERS:
-        return True
+        if not good:
+            model.junk.sent.append((sender, model.moment))
+        return good
     world.cloud.integrity.answer_next(GOOGLE_ANSWERS[google])
     model.google_exhausted = google == "429"
+    if google == "401":
+        model.integrity_token = AccessToken()
     return False
 
 
@@ -86,8 +99,8 @@ def proof_holds(
     """Whether an assertion or token that is `good` by itself is accepted."""
     if not isinstance(phone, AndroidPhone):
         return good and world.model.holds_key_of(phone.profile.device_id)
-    agrees = google_agrees(world, google, cleanup) if world.model.remote else True
-    return good and agrees and google != "other package"
+    agrees = google_agrees(world, phone, good, google, cleanup) if world.model.remote else good
+    return agrees and google != "other package"
 
 
 def bend_of(world: World, number: int, flaw: str, google: str) -> tuple[Phone, dict[str, Any]]:

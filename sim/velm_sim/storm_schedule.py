@@ -12,24 +12,34 @@ ANDROID_PHONES = 3
 PHONES = IOS_PHONES + ANDROID_PHONES
 CLIENTS = 4
 PAIRINGS_LIMIT = 4  # fewer than phones, so that the limit is met
+LAN_EVENTS = (
+    "port bounces", "bridge bounces", "bridge rebuilt", "bridge rebuilt elsewhere", "address added",
+    "used one goes", "other one goes", "replaced", "replaced", "gap", "renewed", "flaps",
+    "used one flaps",
+)  # fmt: skip
 ADDRESSES = ("192.168.1.1", *(f"192.168.1.{host}" for host in range(2, 7)))
 
 NAMES = (
     "Anna's iPhone", "Büro \"zwei\"", "電話", "x" * 300, "a\\b", "Ben", "50 % off", "=;'$(id)",
 )  # fmt: skip
-# Seconds by which the daemon's clock jumps before a step: mostly none, often beside a limit.
-JUMPS = (0,) * 12 + (1, 3, 10, 58, 59, 60, 60, 60, 61, 61, 90, 599, 601, 3599, 3600, 3601)
+# Seconds by which the daemon's clock jumps before a step: mostly none, often beside a limit, and
+# back too, though less far than forth.
+JUMPS = (0,) * 16 + (
+    *(1, 3, 10, 58, 59, 60, 60, 60, 61, 61, 90, 599, 601, 3599, 3600, 3601),
+    *(-1, -1, -2, -10, -59, -60, -61, -600, -3600, -3601),
+)
 LOCATION_FLAWS = (
     *("none",) * 6, "replayed", "body", "other key", "bssid", "password", "no challenge",
     "old challenge", "oldest challenge", "no location", "array",
 )  # fmt: skip
 PUSH_FAULTS = (
-    *("none",) * 10, "fcm 404", "fcm 404", "fcm 429", "fcm 500", "fcm garbage", "fcm hang up",
+    *("none",) * 10, "fcm 404", "fcm 404", "fcm 404 page", "fcm 404 of another kind",
+    "fcm 401", "fcm 401", "fcm 429", "fcm 500", "fcm garbage", "fcm hang up",
     "token 400", "token 500", "token garbage", "token hang up", "certificate", "cloud down",
     "no dns", "token silence", "fcm silence",
 )  # fmt: skip
 INTEGRITY_FAULTS = (
-    *("none",) * 10, "429", "500", "garbage", "hang up", "no verdict", "certificate", "cloud down",
+    *("none",) * 10, "401", "429", "500", "garbage", "hang up", "no verdict", "certificate", "cloud down",
     "other package",
 )  # fmt: skip
 CERTIFICATES = ("other_ca", "self_signed", "other_name", "expired", "embedded_nul")
@@ -108,9 +118,10 @@ def _outside(dice: random.Random) -> dict[str, Any]:
 def _login(dice: random.Random) -> dict[str, Any]:
     return {
         **_phone(dice),
-        "count": dice.choice((1, 1, 2, 4, 5, 6)),
-        "root": dice.random() < 0.2,
-        "wait": dice.choice((0, 0, 59, 60, 61)),
+        "count": dice.choice((1, 1, 2, 4, 5, 6, 9)),
+        "name": dice.choice(("admin", "admin", "root", "nobody", "second")),
+        "between": dice.random() < 0.4,
+        "wait": dice.choice((0, 0, 59, 60, 61, -1, -60, -3600)),
     }
 
 
@@ -121,6 +132,38 @@ def _datagrams(dice: random.Random) -> dict[str, Any]:
 def _vanish(dice: random.Random) -> dict[str, Any]:
     when = ("before the handshake", "in the head", "in the body", "before the reply")
     return {**_phone(dice), "when": dice.choice(when), "latitude": round(dice.uniform(-90, 90), 6)}
+
+
+def _lan(dice: random.Random) -> dict[str, Any]:
+    return {
+        "event": dice.choice(LAN_EVENTS),
+        "address": dice.choice(ADDRESSES),
+        "pause_ms": dice.choice((0, 0, 1, 2, 3, 5, 20, 100, 400)),
+        "times": dice.choice((1, 1, 2, 5, 20)),
+        "reload_ms": dice.randint(-15, 15) if dice.random() < 0.3 else None,
+        "phones": dice.random() < 0.6,
+        **_phone(dice),
+    }
+
+
+def _address_command(dice: random.Random) -> dict[str, Any]:
+    return {"how": dice.choice((*("fails", "prints nothing") * 4, "hangs"))}
+
+
+def _cloud_addresses(dice: random.Random) -> dict[str, Any]:
+    """The names of the cloud have another address, which leads nowhere."""
+    return {
+        "dead": dice.choice(("none", "refuses", "silent", "silent")),
+        "first": dice.random() < 0.7,
+    }
+
+
+def _junk_tokens(dice: random.Random) -> dict[str, Any]:
+    return {
+        "phone": IOS_PHONES + dice.randrange(ANDROID_PHONES),
+        "count": dice.choice((3, 9, 10, 11)),
+        "wait": dice.choice((0, 59, 60, -1, -3600, 3599, 3600)),
+    }
 
 
 # Kind of step, how often among all, what is drawn for it.
@@ -139,9 +182,12 @@ KINDS: tuple[tuple[str, int, Draw], ...] = (
     ("half open", 3, lambda dice: {"count": dice.choice((1, 3, 5))}),
     ("reload", 3, lambda dice: {}),
     ("new certificate", 1, lambda dice: {}),
-    ("move", 2, lambda dice: {"address": dice.choice(ADDRESSES)}),
+    ("lan", 10, _lan),
+    ("address command", 1, _address_command),
     ("method", 2, lambda dice: {"method": dice.choice(("local", "remote"))}),
     ("outside", 5, _outside),
+    ("cloud addresses", 3, _cloud_addresses),
+    ("junk tokens", 1, _junk_tokens),
     ("datagrams", 3, _datagrams),
     ("info", 2, _phone),
     ("census", 2, lambda dice: {}),

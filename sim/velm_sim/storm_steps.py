@@ -7,13 +7,15 @@ import time
 from collections.abc import Callable
 from typing import Any
 
-from .answers import GARBAGE, HANG_UP, SILENCE, Answer
-from .cloud import EXHAUSTED, UNREGISTERED
 from .daemon import wait_until
 from .ipc_client import REQUEST
+from .namespaces import Network
 from .ssdp import Searcher, search_message
+from .storm_asks import GIVEN_UP, step_ask, step_cloud_addresses
+from .storm_junk import step_junk_tokens
+from .storm_lan import step_address_command, step_lan
 from .storm_log import StormFailure, require
-from .storm_model import DELETED_KEYS, PUSH_INTERVAL, SPOILT, TOKEN_LIFE, Expected
+from .storm_model import DELETED_KEYS, SPOILT
 from .storm_phones import (
     step_challenge,
     step_info,
@@ -26,26 +28,6 @@ from .storm_phones import (
 )
 from .storm_world import World
 
-SENT = Answer.json({"name": "sent"})
-FCM_ANSWERS = {
-    "fcm 404": UNREGISTERED,
-    "fcm 429": EXHAUSTED,
-    "fcm 500": Answer(500, b""),
-    "fcm garbage": GARBAGE,
-    "fcm hang up": HANG_UP,
-    "fcm silence": SILENCE,
-}
-TOKEN_ANSWERS = {
-    "token 400": Answer.json({"error": "invalid_grant"}, 400),
-    "token 500": Answer(500, b""),
-    "token garbage": GARBAGE,
-    "token hang up": HANG_UP,
-    "token silence": SILENCE,
-}
-PUSH_ANSWERED = r"send_push_handler \[.*code:"
-PUSH_FAILED = (r"send_push_handler - \[",)
-TOKEN_FAILED = (r"velm_google_auth", r"missing auth token", r"missing access_token", r"HTTPS NOK")
-GIVEN_UP = 14.0  # the daemon waits ten seconds
 DESCRIPTORS_IN_WORK = 16
 
 
@@ -67,93 +49,6 @@ def step_bad_frame(world: World, client: int) -> None:
     asking.request(frame_type=REQUEST + 1)
 
 
-def step_ask(
-    world: World, client: int, fault: str, which: int, certificate: str, within: int
-) -> None:
-    model, asking = world.model, world.client(client)
-    if not model.live():
-        asking.request(within)
-        model.queues[client].append(Expected())
-        return
-    if model.last_push + PUSH_INTERVAL <= model.moment:
-        world.drain()  # so that these pushes and earlier ones do not mingle
-    if not model.asks_for_push():
-        world.log.mark()
-        asking.request(within)
-        world.log.wait(r"too often \(limit 60\)")
-        return
-    ask = lambda: asking.request(within)  # noqa: E731
-    needs_token = model.needs_push_token()
-    if fault in FCM_ANSWERS:
-        _ask_with_push_fault(world, ask, fault, which)
-    elif fault in TOKEN_ANSWERS and needs_token:
-        _ask_with_token_fault(world, ask, fault)
-    elif fault in ("certificate", "cloud down", "no dns"):
-        with world.cloud_fault(fault, certificate):
-            _ask_in_vain(world, ask)
-    else:
-        _ask(world, ask)
-
-
-def _ask(world: World, ask: Callable[[], int]) -> None:
-    """The pushes are on their way when this returns."""
-    model = world.model
-    if model.needs_push_token():
-        model.token_requests += 1
-        model.push_token_until = model.moment + TOKEN_LIFE
-    model.pushes += [slot["push_token"] for slot in model.live()]
-    world.log.mark()
-    ask()
-    world.log.wait(r"prepare_to_send_push - \d")
-
-
-def _ask_with_push_fault(world: World, ask: Callable[[], int], fault: str, which: int) -> None:
-    model = world.model
-    live = model.live()
-    struck = which % len(live)
-    answers = [SENT] * len(live)
-    answers[struck] = FCM_ANSWERS[fault]
-    world.cloud.fcm.answer_next(*answers)
-    _ask(world, ask)
-    if fault == "fcm silence":
-        world.drain()
-        step_info(world, 0)  # the loop does not wait with it
-    world.log.wait(PUSH_ANSWERED, len(live), GIVEN_UP + len(live))
-    if fault == "fcm 404":
-        world.log.wait(r"unpaired \(unregistered token\)")
-        model.delete(live[struck]["dev_id"])
-    else:
-        world.allow(*PUSH_FAILED)
-
-
-def _ask_with_token_fault(world: World, ask: Callable[[], int], fault: str) -> None:
-    model = world.model
-    world.cloud.token.answer_next(TOKEN_ANSWERS[fault])
-    model.token_requests += 1
-    model.push_token_until = None
-    world.allow(*TOKEN_FAILED)
-    world.log.mark()
-    ask()
-    if fault == "token silence":
-        world.cloud.token.wait(model.token_requests)
-        step_info(world, 0)
-    world.log.wait("http request failed", timeout=GIVEN_UP)
-
-
-def _ask_in_vain(world: World, ask: Callable[[], int]) -> None:
-    model = world.model
-    world.allow(*PUSH_FAILED, *TOKEN_FAILED)
-    needs_token = model.needs_push_token()
-    world.log.mark()
-    ask()
-    if needs_token:
-        model.push_token_until = None
-        world.log.wait("http request failed", timeout=GIVEN_UP)
-    else:
-        count = len(model.live())
-        world.log.wait(PUSH_ANSWERED, count, GIVEN_UP + count)
-
-
 # The administrator.
 
 
@@ -163,10 +58,6 @@ def step_reload(world: World) -> None:
 
 def step_new_certificate(world: World) -> None:
     world.renew_certificate()
-
-
-def step_move(world: World, address: str) -> None:
-    world.move(address)
 
 
 def step_method(world: World, method: str) -> None:
@@ -185,7 +76,7 @@ def step_outside(world: World, slot: int, what: str, value: str) -> None:
             world.model.delete(held["dev_id"])
             changes = {key + name: "" for name in DELETED_KEYS} | {key + "status": "Invalid"}
         else:
-            held[what] = SPOILT if what == "attestation_key" else value
+            world.model.change(slot, what, SPOILT if what == "attestation_key" else value)
             changes = {key + what: held[what]}
     world.access_point.nvram_set(changes)
 
@@ -205,13 +96,22 @@ def step_datagrams(world: World, seed: int, count: int) -> None:
                 datagram = bytearray(dice.randbytes(dice.randrange(1400)))
             searcher.send(bytes(datagram))
         expected = f"https://{world.address}:{world.access_point.port}/info"
-        searcher.send(search_message())
-        deadline = time.monotonic() + 5
-        while time.monotonic() < deadline:
-            answer = searcher.receive(5.0)
-            if answer is not None and answer.location == expected:
-                return
-        raise StormFailure(f"a search finds {expected}")
+        with Searcher(world.network.cloud, Network.CLOUD_ADDRESS) as stranger:
+            for own in (Network.UPLINK_ADDRESS, world.address):
+                stranger.send(search_message(), own)
+            searcher.send(search_message())
+            _await_answer(searcher, expected)
+            # It came later and is answered, so the others never are.
+            require(stranger.receive(0) is None, "a search from the uplink is not answered")
+
+
+def _await_answer(searcher: Searcher, expected: str) -> None:
+    deadline = time.monotonic() + 5
+    while time.monotonic() < deadline:
+        answer = searcher.receive(5.0)
+        if answer is not None and answer.location == expected:
+            return
+    raise StormFailure(f"a search finds {expected}")
 
 
 def step_half_open(world: World, count: int) -> None:
@@ -250,7 +150,10 @@ STEPS: dict[str, Callable[..., None]] = {
     "half open": step_half_open,
     "reload": step_reload,
     "new certificate": step_new_certificate,
-    "move": step_move,
+    "lan": step_lan,
+    "address command": step_address_command,
+    "cloud addresses": step_cloud_addresses,
+    "junk tokens": step_junk_tokens,
     "method": step_method,
     "outside": step_outside,
     "datagrams": step_datagrams,

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import os
+import shutil
 import socket
 import time
 from collections import Counter, deque
@@ -16,17 +17,29 @@ from .build import Build
 from .certificates import make_server
 from .cloud import HOSTS, Cloud
 from .daemon import wait_until
+from .etc_files import ADMIN, ODD_ACCOUNTS, ROOT, SECOND
 from .ipc_client import IpcClient
 from .namespaces import Network
 from .phone import Phone, Profile
 from .play_integrity import IntegrityKeys
+from .route_netlink import RouteSocket
+from .storm_lan_model import Bridge
 from .storm_log import LogReader, StormFailure, require
 from .storm_model import Model
 from .storm_schedule import ADDRESSES, ANDROID_PHONES, IOS_PHONES, PAIRINGS_LIMIT
 
 HALF_OPEN_HOST = 8
 HALF_OPEN = 10
+REFUSING_ADDRESS, SILENT_ADDRESS = "198.51.100.3", "203.0.113.9"
 PATIENCE = 30.0
+ADDRESS_COMMAND = """#!/bin/sh
+case "$(cat {how})" in
+fails) exit 1 ;;
+"prints nothing") exit 0 ;;
+hangs) exec sleep 30 ;;
+esac
+exec {ip} "$@"
+"""
 
 
 class StormCloud(Cloud):
@@ -56,8 +69,10 @@ class World:
         self.network = Network()
         self.cleanup.callback(self.network.close)
         with self.network.ap.entered():
-            # The first address of a subnet takes the others along otherwise.
-            Path("/proc/sys/net/ipv4/conf/br0/promote_secondaries").write_text("1")
+            # The first address of a subnet takes the others along otherwise, also of a rebuilt bridge.
+            Path("/proc/sys/net/ipv4/conf/all/promote_secondaries").write_text("1")
+        self.routes = RouteSocket(self.network.ap)
+        self.cleanup.callback(self.routes.close)
         self.cloud = StormCloud(
             self.network.cloud,
             Network.CLOUD_ADDRESS,
@@ -69,6 +84,11 @@ class World:
         self.cleanup.callback(self.cloud.stop)
         self.access_point = AccessPoint(build, self.network, secret)
         self.cleanup.callback(self.access_point.close)
+        self.access_point.etc.set_accounts([ADMIN, ROOT, SECOND], ODD_ACCOUNTS)
+        self.cloud_addresses: tuple[str, ...] = (Network.CLOUD_ADDRESS,)
+        # Another address that is the cloud's, and one behind it that swallows what is sent there.
+        self.network.cloud.batch(f"addr add {REFUSING_ADDRESS}/24 dev eth0\n")
+        self.network.ap.batch(f"route add {SILENT_ADDRESS} via {Network.CLOUD_ADDRESS}\n")
         self.access_point.configure(
             {
                 "pairings.limit": str(PAIRINGS_LIMIT),
@@ -77,15 +97,20 @@ class World:
             }
         )
         self.model = Model(int(time.time()))
+        self.first_moment = self.model.moment
         # Before its first look the daemon's clock must stand where the model's does.
-        daemon = self.access_point.prepare(clock=True)
+        daemon = self.access_point.prepare(clock=True, environment=self._own_address_command())
         daemon.start()
         daemon.stop_clock(self.model.moment)
         daemon.wait_until_serving()
         self.daemon = daemon
-        self.log = LogReader(daemon.log_file)
+        self.log = LogReader(daemon.log_file, daemon.alive)
         self.server_identity = secret.server
         self.address = Network.AP_ADDRESS
+        self.bridge = Bridge([self.address], self.address)
+        self.push_addresses = {self.address}
+        self.markers = 0
+        self.returns: list[float] = []  # seconds until all were served again, one per LAN event
         self.phones = self._make_phones()
         self.clients: dict[int, IpcClient] = {}
         self.half_open: list[socket.socket] = []
@@ -94,6 +119,17 @@ class World:
         self.perhaps_until = 0.0
         self.pushes_seen = 0
         self.baseline = 0
+
+    def _own_address_command(self) -> dict[str, str]:
+        """The daemon's `ip` does what the file `address_command` says."""
+        programs = self.access_point.directory / "programs"
+        programs.mkdir()
+        self.address_command = programs / "how"
+        self.address_command.write_text("works")
+        command = programs / "ip"
+        command.write_text(ADDRESS_COMMAND.format(how=self.address_command, ip=shutil.which("ip")))
+        command.chmod(0o755)
+        return {"PATH": f"{programs}:{os.environ['PATH']}"}
 
     def _make_phones(self) -> list[Phone]:
         apple: list[Phone] = [
@@ -121,9 +157,11 @@ class World:
 
     def jump(self, seconds: int) -> None:
         """The clocks of the daemon and of all others go on together."""
-        if seconds:
+        # The certificates of the storm begin when it does.
+        to = max(self.model.moment + seconds, self.first_moment)
+        if to != self.model.moment:
             self.drain()
-            self.model.moment += seconds
+            self.model.moment = to
             self.daemon.stop_clock(self.model.moment)
         self.cloud.moment = self.model.moment
         offset = self.model.moment - time.time()
@@ -175,6 +213,16 @@ class World:
     def reload(self) -> None:
         self.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
         self.access_point.reload()
+        # The first address of the bridge is the one that the command tells.
+        first = self.bridge.addresses[0]
+        where = self.daemon.https_address()
+        require(where == first, f"after a reload {first} is served at, not {where!r}")
+        self.bridge.announce(first)
+        self.serve_at(first)
+        self.reloaded()
+
+    def reloaded(self) -> None:
+        """What a reload means to everybody."""
         self.model.reload()
         self.allow(r"nvram_get_parameter - cannot get zelkad_")
         if self.model.perhaps:
@@ -189,26 +237,13 @@ class World:
         for phone in self.phones:
             phone.host.trust(self.server_identity.pem)
 
-    def move(self, address: str) -> None:
-        if address == self.address:
-            return
-        self.drain()
-        before = (self.daemon.https_listener(), self.daemon.ipc_listener())
-
-        def moved() -> bool:
-            after = (self.daemon.https_listener(), self.daemon.ipc_listener())
-            return all(after) and all(new != old for new, old in zip(after, before))
-
-        self.network.move_ap(
-            self.address,
-            address,
-            lambda: wait_until(moved, 10, f"the servers move to {address}"),
-        )
+    def serve_at(self, address: str) -> None:
+        """The access point has that address for everybody."""
         self.address = address
+        # Pushes on their way may name the one before.
+        self.push_addresses.add(address)
         for phone in self.phones:
             phone.host.server = address
-        self.model.servers_begin_anew()
-        self.expect_clients_closed()
 
     @contextlib.contextmanager
     def cloud_fault(self, fault: str, certificate: str) -> Iterator[None]:
@@ -228,7 +263,12 @@ class World:
             elif fault == "cloud down":
                 self.cloud.start()
             else:
-                self.access_point.etc.set_hosts(dict.fromkeys(HOSTS, Network.CLOUD_ADDRESS))
+                self.access_point.etc.set_hosts(dict.fromkeys(HOSTS, self.cloud_addresses))
+
+    def name_cloud(self, addresses: tuple[str, ...]) -> None:
+        """From now on the names of the cloud have these, in this order."""
+        self.cloud_addresses = addresses
+        self.access_point.etc.set_hosts(dict.fromkeys(HOSTS, addresses))
 
     # What may be in the log, and pushes.
 
@@ -248,7 +288,9 @@ class World:
             time.sleep(0.02)
             self.see_pushes()
         self.model.perhaps.clear()
+        self.model.due.clear()
         wait_until(lambda: not self.cloud.open_connections, 14, "the cloud's answers are taken")
+        self.push_addresses = {self.address}
 
     def see_pushes(self) -> None:
         """Each push that came is one that the model knows of, and the certain ones keep order."""
@@ -270,8 +312,9 @@ class World:
         block = message.get("apns", {}).get("payload") or message.get("android", {}).get("data")
         require(isinstance(block, dict), "the push has a block of its platform")
         assert isinstance(block, dict)
-        wanted = f"{self.address}:{self.access_point.port}"
-        require(block["location"] == wanted, f"the push names {wanted}, not {block['location']}")
+        wanted = [f"{address}:{self.access_point.port}" for address in self.push_addresses]
+        found = block["location"]
+        require(found in wanted, f"the push names one of {wanted}, not {found}")
 
     def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.daemon.pid}/fd"))

@@ -59,16 +59,6 @@ def test_a_challenge_is_taken_for_a_minute_and_once(
     assert [model.consume("c"), model.consume("c")] == [accepted, False]
 
 
-def test_five_wrong_logins_block_until_a_minute_after_the_first(model: Model) -> None:
-    for _ in range(5):
-        assert not model.login(False)
-        model.moment += 1
-    model.moment += 54
-    assert not model.login(True)
-    model.moment += 1
-    assert model.login(True)
-
-
 def test_a_pairing_keeps_its_slot_and_date_and_a_deleted_slot_is_used_again(model: Model) -> None:
     for number in range(PAIRINGS_LIMIT):
         model.store(described(number), attested=number == 0)
@@ -92,11 +82,49 @@ def test_pushes_are_a_minute_apart_and_a_reload_forgets_the_last(model: Model) -
     assert not model.asks_for_push()
     model.moment += 1
     assert model.asks_for_push() and not model.asks_for_push()
+    model.moment -= 1  # the last push lies in the future, so it was long ago
+    assert model.asks_for_push()
     model.reload()
     assert model.asks_for_push()
 
 
-@pytest.mark.parametrize(("later", "asked"), [(3599, False), (3600, True)])
+PAIRED = [f"of {number}" for number in range(3)]  # by their push tokens
+
+
+@pytest.fixture
+def pushing(model: Model) -> Model:
+    for number in range(3):
+        model.store(described(number), attested=True)
+    model.expect_pushes()
+    return model
+
+
+def test_a_phone_that_is_unpaired_before_its_push_is_due_gets_none(pushing: Model) -> None:
+    assert pushing.pushes == PAIRED
+    pushing.delete("phone 1")
+    assert (pushing.pushes, pushing.perhaps) == ([PAIRED[0], PAIRED[2]], {})
+
+
+def test_a_push_goes_to_the_token_that_the_slot_holds_when_it_is_due(pushing: Model) -> None:
+    pushing.store({**described(2), "push_token": "new"}, attested=True)
+    pushing.change(1, "push_token", "newer")
+    assert (pushing.pushes, pushing.perhaps) == ([PAIRED[0], "newer", "new"], {})
+
+
+def test_at_the_moment_when_it_is_due_both_are_possible(pushing: Model) -> None:
+    pushing.due[0] = 0.0  # of the real clock: long ago
+    pushing.change(0, "push_token", "new")
+    assert pushing.pushes == PAIRED[1:]
+    assert pushing.perhaps == {PAIRED[0]: 1, "new": 1}
+
+
+def test_a_push_that_has_come_is_not_changed_any_more(pushing: Model) -> None:
+    assert pushing.pushes.pop(0) == PAIRED[0]
+    pushing.change(0, "push_token", "new")
+    assert (pushing.pushes, pushing.perhaps) == (PAIRED[1:], {})
+
+
+@pytest.mark.parametrize(("later", "asked"), [(3599, False), (3600, True), (-1, True)])
 def test_google_is_left_alone_for_an_hour(later: int, asked: bool, model: Model) -> None:
     assert model.asks_google()
     model.google_exhausted = True

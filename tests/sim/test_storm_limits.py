@@ -1,0 +1,64 @@
+"""The limits of a storm's model: each side of each edge, and a clock that is set back."""
+
+from __future__ import annotations
+
+import pytest
+from velm_sim.storm_limits import AccessToken, Junk, Logins
+
+NOON = 1_000_000
+
+
+@pytest.mark.parametrize(("later", "allowed"), [(59, False), (60, True), (-1, True)])
+def test_five_wrong_logins_block_until_a_minute_after_the_first(later: int, allowed: bool) -> None:
+    logins = Logins()
+    for second in range(5):
+        assert not logins.attempt("admin", False, NOON + second)
+    assert not logins.attempt("admin", True, NOON + 5)
+    assert logins.attempt("admin", True, NOON + later) == allowed
+
+
+def test_another_name_that_logs_in_does_not_end_the_block_of_one() -> None:
+    logins = Logins()
+    for _ in range(5):
+        assert not logins.attempt("victim", False, NOON)
+        assert logins.attempt("other", True, NOON)
+    assert not logins.attempt("victim", True, NOON + 59)
+    assert logins.attempt("victim", True, NOON + 60)
+
+
+def test_a_block_of_all_counts_nothing() -> None:
+    logins = Logins()
+    for _ in range(5):
+        logins.attempt("nobody", False, NOON)
+    for _ in range(9):
+        logins.attempt("admin", False, NOON + 59)
+    assert logins.attempt("admin", True, NOON + 60)
+
+
+def test_a_success_leaves_nothing_of_that_name() -> None:
+    logins = Logins()
+    logins.attempt("admin", False, NOON)
+    assert not logins.untouched_by_success("admin")
+    logins.attempt("admin", True, NOON)
+    assert logins.untouched_by_success("admin")
+
+
+@pytest.mark.parametrize(("later", "serves"), [(0, True), (3599, True), (3600, False), (-1, False)])
+def test_an_access_token_serves_for_an_hour(later: int, serves: bool) -> None:
+    assert AccessToken(NOON).serves(NOON + later) == serves
+
+
+@pytest.mark.parametrize(("later", "shut_out"), [(59, True), (60, False), (-1, False)])
+def test_ten_junk_tokens_shut_their_sender_out_for_a_minute(later: int, shut_out: bool) -> None:
+    junk = Junk([("a", NOON)] * 9)
+    assert not junk.shuts_out("a", NOON)
+    junk.sent.append(("a", NOON))
+    assert not junk.shuts_out("b", NOON)
+    assert junk.shuts_out("a", NOON + later) == shut_out
+
+
+@pytest.mark.parametrize(("later", "shut_out"), [(3599, True), (3600, False)])
+def test_sixty_of_all_shut_every_sender_out_for_the_hour(later: int, shut_out: bool) -> None:
+    junk = Junk([(f"host {number}", NOON) for number in range(60)])
+    assert not junk.shuts_out("who sent none", NOON + later)
+    assert junk.shuts_out("host 7", NOON + later) == shut_out
