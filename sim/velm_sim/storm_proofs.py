@@ -19,7 +19,7 @@ from .storm_world import World
 NO_CHALLENGE = "0" * 32
 WRONG = {"password": "wrong"}
 REFUSED = {
-    401: (r"invalid password",),
+    401: (r"invalid password", r"may not log in"),
     403: (r"pairings limit reached",),
     404: (r"no pairing: ",),
     412: (

@@ -178,6 +178,7 @@ KINDS: tuple[tuple[str, int, Draw], ...] = (
     ("connect", 6, _client),
     ("disconnect", 3, _client),
     ("bad frame", 2, _client),
+    ("crowd", 1, _client),
     ("vanish", 5, _vanish),
     ("half open", 3, lambda dice: {"count": dice.choice((1, 3, 5))}),
     ("reload", 3, lambda dice: {}),

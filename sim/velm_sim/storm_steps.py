@@ -2,13 +2,14 @@
 
 from __future__ import annotations
 
+import contextlib
 import random
 import time
 from collections.abc import Callable
 from typing import Any
 
 from .daemon import wait_until
-from .ipc_client import REQUEST
+from .ipc_client import REQUEST, IpcClient
 from .namespaces import Network
 from .ssdp import Searcher, search_message
 from .storm_asks import GIVEN_UP, step_ask, step_cloud_addresses
@@ -29,6 +30,7 @@ from .storm_phones import (
 from .storm_world import World
 
 DESCRIPTORS_IN_WORK = 16
+CLIENT_PLACES = 32
 
 
 # Local clients.
@@ -47,6 +49,22 @@ def step_bad_frame(world: World, client: int) -> None:
     asking = world.client(client)
     asking.request(payload=b"\0\0", length=2)
     asking.request(frame_type=REQUEST + 1)
+
+
+def step_crowd(world: World, client: int) -> None:
+    """Idle connections take every place; the oldest makes room for a client that comes then."""
+    for number in list(world.clients):
+        world.disconnect(number)
+    before = world.descriptors()
+    with contextlib.ExitStack() as crowd:
+        world.log.mark()
+        path = world.access_point.socket_path
+        idle = [crowd.enter_context(IpcClient(path)) for _ in range(CLIENT_PLACES)]
+        world.log.wait("Connection accepted", CLIENT_PLACES)
+        world.client(client)
+        require(idle[0].receive_packet() == b"", "the client that was quiet longest is closed")
+        require(all(one.is_silent(0) for one in idle[1:]), "the other clients stay")
+    wait_until(lambda: world.descriptors() <= before + 1, 10, "the crowd has left")
 
 
 # The administrator.
@@ -146,6 +164,7 @@ STEPS: dict[str, Callable[..., None]] = {
     "connect": step_connect,
     "disconnect": step_disconnect,
     "bad frame": step_bad_frame,
+    "crowd": step_crowd,
     "vanish": step_vanish,
     "half open": step_half_open,
     "reload": step_reload,
