@@ -19,9 +19,11 @@ class Bridge:
     used: str
     moved: bool = False
     possible: set[str] = field(default_factory=set)
+    seen: set[str] = field(default_factory=set)  # in this event
 
     def begin(self) -> None:
         self.moved, self.possible = False, set()
+        self.seen = {self.used, *self.addresses}
 
     def outcomes(self) -> set[str]:
         """Where the servers may be once the event is over; never none."""
@@ -34,6 +36,7 @@ class Bridge:
     def announce(self, address: str) -> None:
         self.moved = self.moved or address != self.used
         self.used, self.possible = address, set()
+        self.seen.add(address)
 
     def add(self, address: str) -> None:
         if address not in self.addresses:

@@ -56,7 +56,7 @@ class Step:
 
     def __str__(self) -> str:
         said = " ".join(f"{name}={value!r}" for name, value in self.arguments.items())
-        return f"{self.number} +{self.jump}s {self.kind} {said}".rstrip()
+        return f"{self.number} {self.jump:+d}s {self.kind} {said}".rstrip()
 
 
 Draw = Callable[[random.Random], dict[str, Any]]
