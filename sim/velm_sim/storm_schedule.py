@@ -187,7 +187,7 @@ KINDS: tuple[tuple[str, int, Draw], ...] = (
     ("address command", 1, _address_command),
     ("method", 2, lambda dice: {"method": dice.choice(("local", "remote"))}),
     ("outside", 5, _outside),
-    ("cloud addresses", 3, _cloud_addresses),
+    ("cloud addresses", 2, _cloud_addresses),
     ("junk tokens", 1, _junk_tokens),
     ("datagrams", 3, _datagrams),
     ("info", 2, _phone),
