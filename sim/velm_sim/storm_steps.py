@@ -57,10 +57,11 @@ def step_crowd(world: World, client: int) -> None:
         world.disconnect(number)
     before = world.descriptors()
     with contextlib.ExitStack() as crowd:
-        world.log.mark()
-        path = world.access_point.socket_path
-        idle = [crowd.enter_context(IpcClient(path)) for _ in range(CLIENT_PLACES)]
-        world.log.wait("Connection accepted", CLIENT_PLACES)
+        idle: list[IpcClient] = []
+        for _ in range(CLIENT_PLACES):
+            world.log.mark()
+            idle.append(crowd.enter_context(IpcClient(world.access_point.socket_path)))
+            world.log.wait("Connection accepted")  # no more can wait to be than a few
         world.client(client)
         require(idle[0].receive_packet() == b"", "the client that was quiet longest is closed")
         require(all(one.is_silent(0) for one in idle[1:]), "the other clients stay")
