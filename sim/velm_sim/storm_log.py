@@ -3,14 +3,14 @@
 from __future__ import annotations
 
 import contextlib
+import os
 import re
-import time
 from collections.abc import Callable
 from pathlib import Path
+from typing import BinaryIO
 
 from .daemon import wait_until
 
-LARGEST_LOG = 16 << 20
 TAIL = 400
 ERROR = re.compile(r"\bERROR\b|\bFATAL\b")
 
@@ -25,11 +25,12 @@ def require(condition: object, expectation: str) -> None:
 
 
 class LogReader:
-    """The daemon's log, read once; what was read is dropped from the disk in between."""
+    """The daemon's log, read once, also where the daemon begins it anew."""
 
     def __init__(self, path: Path, alive: Callable[[], bool] = lambda: True) -> None:
         self._alive = alive
-        self._path, self._offset, self._rest = path, 0, b""
+        self._path, self._rest = path, b""
+        self._file: BinaryIO | None = None
         self.step: list[str] = []
         self.tail: list[str] = []
         self.unchecked: list[str] = []
@@ -47,28 +48,28 @@ class LogReader:
 
     def read(self) -> list[str]:
         """What the step has logged so far."""
-        with contextlib.suppress(FileNotFoundError), open(self._path, "rb") as file:
-            file.seek(self._offset)
-            fresh = file.read()
-            self._offset += len(fresh)
-            *lines, self._rest = (self._rest + fresh).split(b"\n")
-            decoded = [line.decode(errors="replace") for line in lines]
-            self.step += decoded
-            self.unchecked += decoded
-        if self._offset > LARGEST_LOG:
-            self._rotate()
+        self._take()
+        # A full log has got another name and is whole; what comes now is in a new one.
+        with contextlib.suppress(FileNotFoundError):
+            newest = self._path.stat().st_ino
+            if self._file is None or newest != os.fstat(self._file.fileno()).st_ino:
+                self._take()
+                self.close()
+                self._file = open(self._path, "rb")
+                self._take()
         return self.step
 
-    def _rotate(self) -> None:
-        # The daemon opens the file for each line, so the old one is whole once it has a new name.
-        old = self._path.with_suffix(".old")
-        self._path.rename(old)
-        time.sleep(0.05)
-        with open(old, "rb") as file:
-            file.seek(self._offset)
-            self._rest += file.read()
-        old.unlink()
-        self._offset = 0
+    def close(self) -> None:
+        if self._file is not None:
+            self._file.close()
+            self._file = None
+
+    def _take(self) -> None:
+        fresh = self._file.read() if self._file is not None else b""
+        *lines, self._rest = (self._rest + fresh).split(b"\n")
+        decoded = [line.decode(errors="replace") for line in lines]
+        self.step += decoded
+        self.unchecked += decoded
 
     def wait(self, text: str, count: int = 1, timeout: float = 10.0) -> None:
         """Returns when that often was logged, since the mark, what the pattern finds."""

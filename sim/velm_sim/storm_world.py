@@ -31,6 +31,7 @@ from .storm_schedule import ADDRESSES, ANDROID_PHONES, IOS_PHONES, PAIRINGS_LIMI
 HALF_OPEN_HOST = 8
 HALF_OPEN = 10
 REFUSING_ADDRESS, SILENT_ADDRESS = "198.51.100.3", "203.0.113.9"
+LOG_SIZE = 4 << 20  # so that it is begun anew a few times in a long storm
 PATIENCE = 30.0
 ADDRESS_COMMAND = """#!/bin/sh
 case "$(cat {how})" in
@@ -94,6 +95,7 @@ class World:
                 "pairings.limit": str(PAIRINGS_LIMIT),
                 "app.android.integrity.enabled": "yes",
                 "app.android.integrity.method": "remote",
+                "logger.file.maxsize": str(LOG_SIZE),
             }
         )
         self.model = Model(int(time.time()))
@@ -105,6 +107,7 @@ class World:
         daemon.wait_until_serving()
         self.daemon = daemon
         self.log = LogReader(daemon.log_file, daemon.alive)
+        self.cleanup.callback(self.log.close)
         self.server_identity = secret.server
         self.address = Network.AP_ADDRESS
         self.bridge = Bridge([self.address], self.address)

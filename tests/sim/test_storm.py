@@ -148,6 +148,20 @@ def test_the_log_is_read_once_and_waited_for_from_the_mark(tmp_path: Path) -> No
     assert (reader.step, reader.tail) == ([], ["one", "two", "three", "one"])
 
 
+def test_a_log_that_is_begun_anew_is_read_to_its_end_first(tmp_path: Path) -> None:
+    path = tmp_path / "log"
+    path.write_text("one\n")
+    reader = LogReader(path)
+    assert reader.read() == ["one"]
+    with path.open("a") as file:
+        file.write("two\n")
+    path.rename(tmp_path / "log.1")
+    assert reader.read() == ["one", "two"]
+    path.write_text("three\n")
+    assert reader.read() == ["one", "two", "three"]
+    reader.close()
+
+
 @pytest.mark.parametrize(
     ("problem", "summed"), [("", "1 passed, 0 failed"), ("a \x1b[0m\x00", "0 passed, 1 failed")]
 )
