@@ -1,4 +1,4 @@
-"""Addresses of an interface changed at once, without the milliseconds that the `ip` command takes."""
+"""Changes addresses of an interface at once, without the milliseconds that a command takes."""
 
 from __future__ import annotations
 

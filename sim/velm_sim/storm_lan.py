@@ -117,8 +117,7 @@ def _until_served(world: World, what: str, served: Callable[[], bool], end: floa
 
 def served_again(world: World) -> None:
     """HTTPS and searches are answered at the address that the bridge has."""
-    begin = time.monotonic()
-    end = begin + RETURN_WITHIN
+    end = time.monotonic() + RETURN_WITHIN
     outcomes = world.bridge.outcomes()
     try:
         wait_until(
@@ -140,7 +139,6 @@ def served_again(world: World) -> None:
     for to, how in (("", "multicast"), (address, "unicast")):
         found = functools.partial(_answers_search, world, to, address)
         _until_served(world, f"a search by {how} finds {address}", found, end)
-    world.returns.append(time.monotonic() - begin)
     world.serve_at(address)
 
 
@@ -162,11 +160,13 @@ def step_lan(
     with traffic(world, phones, {bridge.used, address}):
         with _reload_beside(world, reload_ms):
             EVENTS[event](world, address, pause_ms, times)
+            over = time.monotonic()
         if reload_ms is not None:
             world.log.wait(r"velm_google_auth_init\b")
             bridge.reload(old)
         _pass_marker(world)
         served_again(world)
+    world.returns.append(time.monotonic() - over)
     _judge_servers(world, before, reload_ms is not None)
     step_info(world, phone)
     fetch_challenge(world, world.phones[phone])

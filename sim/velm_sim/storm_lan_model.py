@@ -69,6 +69,6 @@ class Bridge:
         self.announce(address)
 
     def reload(self, others: Iterable[str] = ()) -> None:
-        """SIGHUP somewhere in the event: the first address that the bridge then had, or a later one."""
+        """SIGHUP somewhere in the event: at an address that the bridge had then, or has now."""
         self.moved = True
         self.possible = {*self.addresses, *others}

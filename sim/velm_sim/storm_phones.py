@@ -227,7 +227,8 @@ def step_vanish(world: World, phone: int, when: str, latitude: float) -> None:
     if when == "before the handshake":
         made.host.connect_tcp().close()
         return
-    whole = when == "before the reply" and phone < IOS_PHONES and model.logins.untouched_by_success(OWNER)
+    whole = when == "before the reply" and phone < IOS_PHONES
+    whole = whole and model.logins.untouched_by_success(OWNER)
     with made.host.session() as session:
         if whole:
             world.log.mark()

@@ -39,8 +39,8 @@ PUSH_FAULTS = (
     "no dns", "token silence", "fcm silence",
 )  # fmt: skip
 INTEGRITY_FAULTS = (
-    *("none",) * 10, "401", "429", "500", "garbage", "hang up", "no verdict", "certificate", "cloud down",
-    "other package",
+    *("none",) * 10, "401", "429", "500", "garbage", "hang up", "no verdict", "certificate",
+    "cloud down", "other package",
 )  # fmt: skip
 CERTIFICATES = ("other_ca", "self_signed", "other_name", "expired", "embedded_nul")
 

@@ -70,7 +70,7 @@ class World:
         self.network = Network()
         self.cleanup.callback(self.network.close)
         with self.network.ap.entered():
-            # The first address of a subnet takes the others along otherwise, also of a rebuilt bridge.
+            # The first address of a subnet takes the others along otherwise. Also of a new bridge.
             Path("/proc/sys/net/ipv4/conf/all/promote_secondaries").write_text("1")
         self.routes = RouteSocket(self.network.ap)
         self.cleanup.callback(self.routes.close)
