@@ -127,6 +127,12 @@ class Model:
         if not certain:
             self.perhaps.update(token for token in (old, new) if token is not None)
 
+    def proved_by_app_attest(self, device_id: str) -> bool:
+        """Its slot holds a key, whether that serves or not: nothing else proves it."""
+        found = self.find(device_id)
+        slot = self.slots[found] if found is not None else None
+        return slot is not None and slot["attestation_key"] != ""
+
     def holds_key_of(self, device_id: str) -> bool:
         found = self.find(device_id)
         slot = self.slots[found] if found is not None else None

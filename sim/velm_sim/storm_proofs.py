@@ -99,6 +99,8 @@ def proof_holds(
     """Whether an assertion or token that is `good` by itself is accepted."""
     if not isinstance(phone, AndroidPhone):
         return good and world.model.holds_key_of(phone.profile.device_id)
+    if world.model.proved_by_app_attest(phone.profile.device_id):
+        return False  # Google is not even asked
     agrees = google_agrees(world, phone, good, google, cleanup) if world.model.remote else good
     return agrees and google != "other package"
 

@@ -74,6 +74,13 @@ def test_a_pairing_keeps_its_slot_and_date_and_a_deleted_slot_is_used_again(mode
     assert model.find("phone 9") == 0
 
 
+def test_a_key_in_the_slot_leaves_no_other_proof(model: Model) -> None:
+    model.store(described(0), attested=False)
+    assert not model.proved_by_app_attest("phone 0")
+    model.change(0, "attestation_key", "spoilt")
+    assert model.proved_by_app_attest("phone 0") and not model.holds_key_of("phone 0")
+
+
 def test_pushes_are_a_minute_apart_and_a_reload_forgets_the_last(model: Model) -> None:
     assert not model.asks_for_push()  # nobody is paired
     model.store(described(0), attested=True)
