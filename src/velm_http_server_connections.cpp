@@ -1,12 +1,16 @@
 #include "velm_http_server_connections.h"
 
+#include <event2/bufferevent_ssl.h>
 #include <event2/util.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <netinet/in.h>
+#include <openssl/err.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <utility>
@@ -17,6 +21,8 @@
 #include "logger/fatal.h"
 #include "velm_http_server_handshakes.h"
 #include "velm_http_server_intake.h"
+#include "velm_http_server_listener.h"
+#include "velm_http_server_refusals.h"
 #include "velm_http_server_tls.h"
 
 namespace {
@@ -40,7 +46,6 @@ struct module_state {
     evhtp_t *htp = nullptr;
     std::vector<std::unique_ptr<server_connection>> connections;
     std::size_t held = 0; // by all of them together
-    event_ptr listener_wake;
     event_ptr memory_return;
     event_ptr memory_check;
 };
@@ -87,29 +92,29 @@ void count_held(server_connection *peer)
     peer->counted = size;
 }
 
-std::size_t held_by(in_addr_t address)
+enum class whose { all, checked };
+
+/// What the connections of one address hold, or those of them whose request is checked.
+std::size_t held_by(in_addr_t address, whose which = whose::all)
 {
     std::size_t sum = 0;
     for (const auto &peer : state.connections) {
-        sum += peer->address == address ? peer->counted : 0;
+        if (peer->address == address &&
+            (which == whose::all || http_intake_is_paused(&peer->intake))) {
+            sum += peer->counted;
+        }
     }
     return sum;
 }
 
-/// To close one that holds less gives hardly anything back: it would only be the newcomer beside
-/// others whose requests are checked.
-constexpr std::size_t worth_closing = 4 * 1024;
-
-/// Of the address that holds most the connection that holds most; one whose request is checked
-/// holds no more than that request. Null when there is none to choose.
-server_connection *greediest()
+/// Of the address that holds most some connection; null when nobody holds anything.
+const server_connection *one_of_the_greediest_address()
 {
-    server_connection *found = nullptr;
-    std::pair<std::size_t, std::size_t> most{0, 0};
+    const server_connection *found = nullptr;
+    std::size_t most = 0;
     for (const auto &peer : state.connections) {
-        const std::pair<std::size_t, std::size_t> size{held_by(peer->address), peer->counted};
-        if (!http_intake_is_paused(&peer->intake) && peer->counted >= worth_closing &&
-            size > most) {
+        const std::size_t size = held_by(peer->address);
+        if (size > most) {
             found = peer.get();
             most = size;
         }
@@ -117,25 +122,66 @@ server_connection *greediest()
     return found;
 }
 
+enum class candidates { all, not_checked };
+
+server_connection *greediest_of(in_addr_t address, candidates which)
+{
+    server_connection *found = nullptr;
+    for (const auto &peer : state.connections) {
+        if (peer->address == address && peer->counted > (found == nullptr ? 0 : found->counted) &&
+            (which == candidates::all || !http_intake_is_paused(&peer->intake))) {
+            found = peer.get();
+        }
+    }
+    return found;
+}
+
+/// The address that holds most pays, with the connection of its own that holds most: nobody else does,
+/// however little each of its connections holds. A request that is checked is ended only where all
+/// together hold too much; and where such requests alone fill the share of their address, a newcomer
+/// beside them is left alone, since it would give hardly anything back.
+server_connection *who_pays(const server_connection *of_address)
+{
+    const in_addr_t address = of_address->address;
+    if (state.held > state.limits.held) {
+        return greediest_of(address, candidates::all);
+    }
+    const std::size_t share = state.limits.held_of_address;
+    return held_by(address) <= share || held_by(address, whose::checked) > share
+               ? nullptr
+               : greediest_of(address, candidates::not_checked);
+}
+
 void keep_within_memory()
 {
-    const http_connection_limits &limits = state.limits;
-    while (state.held > std::min(limits.held, limits.held_of_address)) {
-        const server_connection *const victim = greediest();
-        const std::size_t of_address = victim == nullptr ? 0 : held_by(victim->address);
-        if (victim == nullptr ||
-            (state.held <= limits.held && of_address <= limits.held_of_address)) {
+    while (state.held > std::min(state.limits.held, state.limits.held_of_address)) {
+        const server_connection *const greedy = one_of_the_greediest_address();
+        const server_connection *const victim = greedy == nullptr ? nullptr : who_pays(greedy);
+        if (victim == nullptr) {
             return;
         }
-        LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu",
-                 __func__, state.held, of_address);
+        if (http_refusals_tell(victim->address)) {
+            LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu: %s",
+                     __func__, state.held, held_by(victim->address),
+                     http_refusals_text(victim->address));
+        }
         evhtp_close(victim->connection);
     }
+}
+
+/// Before the library gets more of a request, and keeps it.
+void make_room(void *argument) noexcept
+{
+    count_held(static_cast<server_connection *>(argument));
+    keep_within_memory();
 }
 
 void on_memory_check(evutil_socket_t, short, void *) noexcept
 {
     for (const auto &peer : state.connections) {
+        if (peer->tls.blocked) {
+            http_intake_reply_waits(&peer->intake);
+        }
         count_held(peer.get());
     }
     keep_within_memory();
@@ -155,9 +201,17 @@ void begin_to_linger(server_connection *peer)
 
 void ask_for_next_turn(server_connection *peer)
 {
+    if (evtimer_pending(peer->next_turn.get(), nullptr) != 0) {
+        return; // to add it again would take it off the events of this turn, in each turn
+    }
     constexpr timeval now{};
     const int rc = evtimer_add(peer->next_turn.get(), &now);
     REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
+}
+
+void on_turn_is_spent(void *argument) noexcept
+{
+    ask_for_next_turn(static_cast<server_connection *>(argument));
 }
 
 /// While an answer is on its way not before the next turn: the end of a client that has said all
@@ -165,9 +219,9 @@ void ask_for_next_turn(server_connection *peer)
 void read_on(server_connection *peer)
 {
     if (!http_tls_has_more(&peer->tls)) {
-        return;
-    }
-    if (peer->intake.phase == message_phase::answering) {
+        http_tls_next_turn(&peer->tls); // the kernel tells no earlier that more has come
+    } else if (peer->intake.phase == message_phase::answering ||
+               http_tls_turn_is_over(&peer->tls)) {
         ask_for_next_turn(peer);
     } else {
         http_tls_read(peer->connection->bev);
@@ -200,6 +254,7 @@ void go_on(server_connection *peer, intake_result result)
 void on_read(bufferevent *, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
+    http_tls_brought_data(&peer->tls);
     go_on(peer, http_intake_read(&peer->intake));
     keep_within_memory(); // which may be the end of any of them
 }
@@ -213,10 +268,23 @@ void on_write(bufferevent *, void *argument) noexcept
 void on_next_turn(evutil_socket_t, short, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
-    if (peer->intake.phase == message_phase::answering) {
-        http_tls_read(peer->connection->bev);
-    } else {
+    http_tls_next_turn(&peer->tls);
+    if (peer->intake.phase == message_phase::head && !peer->intake.held.empty()) {
         go_on(peer, http_intake_next(&peer->intake));
+    } else {
+        http_tls_read(peer->connection->bev);
+    }
+}
+
+/// The reason is OpenSSL's, whichever side has refused. Who just leaves has refused nothing.
+void log_failed_handshake(const server_connection *peer)
+{
+    const unsigned long code = bufferevent_get_openssl_error(peer->connection->bev);
+    const char *const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
+    if (reason != nullptr && peer->tls.shakes_hands && !peer->tls.ended &&
+        http_refusals_tell(peer->address)) {
+        LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
+                 http_refusals_text(peer->address));
     }
 }
 
@@ -232,11 +300,28 @@ void on_event(bufferevent *bev, short events, void *argument) noexcept
         read_on(peer);
         http_handshake_end(&peer->handshake);
     }
+    if ((events & BEV_EVENT_ERROR) != 0) {
+        log_failed_handshake(peer);
+    }
     if ((events & BEV_EVENT_EOF) != 0 && peer->intake.phase == message_phase::head) {
         http_tls_end_quietly(&peer->tls);
     }
     const library_callbacks &library = peer->intake.library;
     library.event(bev, events, library.argument);
+}
+
+/// A client that keeps its connection for later does nothing wrong, and of one that was refused the log
+/// has told already.
+void log_time_up(const server_connection *peer)
+{
+    const bool is_idle = peer->intake.phase == message_phase::head && peer->intake.held.empty() &&
+                         !peer->tls.shakes_hands;
+    if (is_idle || peer->intake.phase == message_phase::refused) {
+        LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
+    } else if (http_refusals_tell(peer->address)) {
+        LOG_WARN("%s - closing a connection that let its time pass: %s", __func__,
+                 http_refusals_text(peer->address));
+    }
 }
 
 void on_time_up(evutil_socket_t, short, void *argument) noexcept
@@ -252,7 +337,7 @@ void on_time_up(evutil_socket_t, short, void *argument) noexcept
         peer->reply_overdue = true;
         return;
     }
-    LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
+    log_time_up(peer);
     evhtp_close(peer->connection);
 }
 
@@ -268,16 +353,31 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
     return EVHTP_RES_OK;
 }
 
+/// Somebody may connect and leave thousands of times a second: what is made for a connection costs ten
+/// times as much as to look.
+bool has_left(const evhtp_connection_t *connection)
+{
+    char byte = 0;
+    const ssize_t size = recv(connection->sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR);
+}
+
 evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
 {
+    http_listener_count();
+    if (has_left(connection)) {
+        return EVHTP_RES_ERROR;
+    }
     fcntl(connection->sock, F_SETFD, FD_CLOEXEC); // the only flag of a descriptor
     const in_addr_t address = peer_address(connection);
     const auto of_address = static_cast<std::size_t>(
         std::count_if(state.connections.begin(), state.connections.end(),
                       [address](const auto &peer) { return peer->address == address; }));
     if (state.connections.size() >= state.limits.total || of_address >= state.limits.per_address) {
-        LOG_WARN("%s - too many connections: %zu, %zu of this address", __func__,
-                 state.connections.size(), of_address);
+        if (http_refusals_tell(address)) {
+            LOG_WARN("%s - too many connections: %zu, %zu of this address: %s", __func__,
+                     state.connections.size(), of_address, http_refusals_text(address));
+        }
         return EVHTP_RES_ERROR;
     }
     return EVHTP_RES_OK;
@@ -288,7 +388,11 @@ void begin_tls(server_connection *peer)
     peer->tls.tls = peer->connection->ssl;
     peer->tls.socket = peer->connection->sock;
     peer->tls.handshake_bytes = state.limits.handshake_bytes;
+    peer->tls.address = peer->address;
     peer->tls.keeps_some = count_memory_soon;
+    peer->tls.wants_turn = on_turn_is_spent;
+    peer->tls.argument = peer;
+    http_tls_renew_ticket_key(state.htp->ssl_ctx, std::chrono::steady_clock::now());
     http_tls_begin(&peer->tls, peer->connection->bev);
     peer->handshake.connection = peer->connection;
     peer->handshake.address = peer->address;
@@ -309,6 +413,9 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     const int rc =
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
+    peer->intake.address = peer->address;
+    peer->intake.make_room = make_room;
+    peer->intake.argument = peer;
     http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
     if (connection->ssl != nullptr) { // the fuzzer speaks plain HTTP
         begin_tls(peer);
@@ -318,19 +425,6 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     return EVHTP_RES_OK;
 }
 
-void on_listener_wake(evutil_socket_t, short, void *) noexcept
-{
-    evconnlistener_enable(state.htp->server);
-}
-
-void on_accept_error(evconnlistener *listener, void *) noexcept
-{
-    LOG_WARN("%s - cannot accept: %s", __func__, std::strerror(errno));
-    evconnlistener_disable(listener);
-    const int rc = evtimer_add(state.listener_wake.get(), &state.limits.listener_rest);
-    REQUIRE_CALL(rc == 0, "evtimer_add(listener_wake, &listener_rest)", rc);
-}
-
 } // namespace
 
 void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits)
@@ -338,6 +432,7 @@ void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits)
     REQUIRE_NOT_NULL(htp, "htp");
     state.limits = limits;
     state.htp = htp;
+    http_refusals_forget();
     // The library refuses a body that reaches the number, where ours is the longest served.
     evhtp_set_max_body_size(htp, http_server_max_body_size + 1);
     evhtp_set_pre_accept_cb(htp, on_pre_accept, nullptr);
@@ -347,9 +442,7 @@ void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits)
 void http_connections_watch_listener()
 {
     REQUIRE_NOT_NULL(state.htp, "htp");
-    state.listener_wake.reset(evtimer_new(state.htp->evbase, on_listener_wake, nullptr));
-    REQUIRE_MEMORY(state.listener_wake, "listener_wake");
-    evconnlistener_set_error_cb(state.htp->server, on_accept_error);
+    http_listener_open(state.htp, state.limits.listener_rest);
     state.memory_return.reset(evtimer_new(state.htp->evbase, on_memory_return, nullptr));
     REQUIRE_MEMORY(state.memory_return, "memory_return");
     state.memory_check.reset(evtimer_new(state.htp->evbase, on_memory_check, nullptr));
@@ -360,7 +453,7 @@ void http_connections_watch_listener()
 
 void http_connections_close()
 {
-    state.listener_wake.reset();
+    http_listener_close();
     evhtp_unbind_socket(state.htp);
     http_handshakes_close();
     while (!state.connections.empty()) {

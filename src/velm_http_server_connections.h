@@ -26,8 +26,8 @@ struct http_connection_limits {
     /// What all of them together may hold of requests that are not answered yet: some of the longest
     /// requests, or a hundred usual ones. Above it the address that holds most loses a connection. So
     /// does one address above its own share, which has room for two of the longest requests.
-    std::size_t held = 256 * 1024;
-    std::size_t held_of_address = 96 * 1024;
+    std::size_t held = 224 * 1024;
+    std::size_t held_of_address = 80 * 1024;
     /// What a client may send before its TLS handshake is done: several times what any needs. The
     /// library would take and keep 128 KiB of it.
     std::uint64_t handshake_bytes = 16 * 1024;

@@ -5,6 +5,7 @@
 
 #include "handles/evhtp.h"
 #include "logger/fatal.h"
+#include "velm_http_server_refusals.h"
 #include "velm_http_server_tls.h"
 
 namespace {
@@ -88,7 +89,10 @@ void on_check(evutil_socket_t, short, void *) noexcept
     auto found = state.handshakes.begin();
     while ((found = std::find_if(state.handshakes.begin(), state.handshakes.end(),
                                  is_in_the_way)) != state.handshakes.end()) {
-        LOG_WARN("%s - closing a connection, another waits for its handshake", __func__);
+        if (http_refusals_tell((*found)->address)) {
+            LOG_WARN("%s - closing a connection, another waits for its handshake: %s", __func__,
+                     http_refusals_text((*found)->address));
+        }
         evhtp_close((*found)->connection); // lets the other begin
     }
     go_on();

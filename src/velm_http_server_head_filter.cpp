@@ -3,6 +3,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <charconv>
+#include <system_error>
 
 namespace {
 
@@ -43,6 +45,21 @@ void refuse(http_head *head, const char *reason, int status = status_bad_request
 {
     head->refusal = reason;
     head->refusal_status = status;
+}
+
+bool is_expectation(std::string_view name, std::string_view value)
+{
+    return same_name(name, "Expect") && same_name(value, "100-continue");
+}
+
+/// 0 for what is no number, and for one of so many digits that its size might not be what it says.
+std::uint64_t length_of(std::string_view value)
+{
+    constexpr std::size_t most_digits = 18;
+    std::uint64_t length = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), length);
+    const bool is_number = error == std::errc{} && end == value.data() + value.size();
+    return is_number && value.size() <= most_digits ? length : 0;
 }
 
 /// Reads the lines after the request line, one call a line.
@@ -88,11 +105,14 @@ class header_lines {
         const bool has_length = same_name(name, "Content-Length");
         const bool has_encoding = same_name(name, "Transfer-Encoding");
         may_be_left_out_ = !has_length && !has_encoding;
+        head_->expects_continue = head_->expects_continue || is_expectation(name, value);
+        is_left_out_ = same_name(name, "Content-Type") || is_expectation(name, value);
         if (has_encoding) {
             add_transfer_encoding(value);
             return;
         }
         if (has_length) {
+            head_->body_size = length_of(value);
             count_framing();
         }
         keep(line, std::max(name.size(), value.size()));
@@ -149,7 +169,7 @@ class header_lines {
     void keep(std::string_view line, std::size_t size)
     {
         value_size_ += size;
-        if (value_size_ <= http_head_parser_buffer) {
+        if (value_size_ <= http_head_parser_buffer && !is_left_out_) {
             head_->text.append(line).append(line_end);
         } else if (value_size_ <= http_head_max_value && may_be_left_out_) {
             head_->text.resize(header_begin_);
@@ -165,6 +185,9 @@ class header_lines {
     std::size_t header_begin_ = 0;  // of the header being read, in the head's text
     bool in_lifted_ = false;
     bool may_be_left_out_ = true;
+    /// We give leave to send a body ourselves. And a body is JSON, whatever its header says; the
+    /// library would take that of a form apart, into an object for each "&".
+    bool is_left_out_ = false;
 };
 
 /// The URI stands between the first two blanks; a line without them is the parser's to judge.
@@ -174,6 +197,18 @@ bool uri_too_long(std::string_view request_line)
     const std::string_view rest = request_line.substr(before);
     return rest.substr(0, rest.rfind(' ') + 1).size() > http_head_parser_buffer + 2 ||
            before > http_head_parser_buffer;
+}
+
+/// The request line without the query, which nobody asks for: the library would make an object of each
+/// "&" in it. "*", which names no path, becomes one that nobody serves: the library would not answer.
+void append_request_line(std::string_view line, std::string *text)
+{
+    const std::size_t uri = std::min(line.find(' '), line.size() - 1) + 1;
+    const std::size_t blank = line.rfind(' ');
+    const std::size_t end = blank == std::string_view::npos || blank < uri ? line.size() : blank;
+    const std::string_view target = line.substr(uri, end - uri);
+    text->append(line.substr(0, uri)).append(target == "*" ? "/" : "");
+    text->append(target.substr(0, target.find('?'))).append(line.substr(end)).append(line_end);
 }
 
 std::string_view take_line(std::string_view *rest)
@@ -233,7 +268,7 @@ http_head http_head_filter(std::string_view head)
         return result;
     }
     result.text.reserve(head.size());
-    result.text.append(request_line).append(line_end);
+    append_request_line(request_line, &result.text);
     header_lines lines{&result};
     while (rest.size() > line_end.size() && result.refusal == nullptr) {
         lines.add(take_line(&rest));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,7 +34,9 @@ struct http_head {
     int refusal_status = 400;      // what the client is told then
     std::string text;              // for the parser: all lines but the lifted ones
     std::vector<http_head_lifted> lifted;
-    bool chunked = false; // only the parser knows where the body ends
+    bool chunked = false;
+    std::uint64_t body_size = 0;   // as announced; 0 for a number that only the parser can judge
+    bool expects_continue = false; // the client awaits leave to send the body; the line is left out
 };
 
 /// The length of the head that `bytes` begin with, its blank line included; 0 when it has not ended

@@ -1,11 +1,14 @@
 #include "velm_http_server_intake.h"
 
 #include <event2/buffer.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -13,6 +16,7 @@
 #include "handles/evhtp.h"
 #include "handles/memory.h"
 #include "logger/fatal.h"
+#include "velm_http_server_refusals.h"
 
 namespace {
 
@@ -25,20 +29,63 @@ constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;
 /// unread would reset the connection, and take from the client what it has not read yet.
 constexpr std::size_t max_thrown_away = 1024 * 1024;
 
-constexpr std::size_t growth_step = 8 * 1024; // of what is held
+constexpr std::size_t growth_step = 4 * 1024; // of what is held
+constexpr std::size_t worth_giving_back = 512;
 
 constexpr int status_bad_request = 400;
 constexpr int status_body_too_large = 413;
 constexpr int status_head_too_large = 431;
 
-void log_refusal(const char *reason)
+/// What was received may hold a password, so that no copy of it stays where it lay.
+void wipe(std::string *text)
 {
-    LOG_WARN("%s - %s", "refuse", reason);
+    OPENSSL_cleanse(text->data(), text->size());
+}
+
+void move_to(std::string *text, std::size_t room)
+{
+    std::string moved;
+    moved.reserve(room);
+    moved.append(*text);
+    wipe(text);
+    text->swap(moved);
+}
+
+/// Left to itself a text doubles, and what it then has too much would count as held.
+void make_room(std::string *text, std::size_t size)
+{
+    const std::size_t needed = text->size() + size;
+    if (needed > text->capacity()) {
+        move_to(text, needed <= growth_step
+                          ? std::max(needed, 2 * text->size())
+                          : (needed + growth_step - 1) / growth_step * growth_step);
+    }
+}
+
+/// Takes that many bytes off the front.
+void take_off(std::string *text, std::size_t size)
+{
+    const std::size_t left = text->size() - size;
+    std::memmove(text->data(), text->data() + size, left);
+    OPENSSL_cleanse(text->data() + left, size);
+    text->resize(left);
+    if (left == 0 && text->capacity() > worth_giving_back) {
+        std::string{}.swap(*text);
+    } else if (text->capacity() > growth_step && left <= growth_step) {
+        move_to(text, left);
+    }
+}
+
+void log_refusal(in_addr_t address, const char *reason)
+{
+    if (http_refusals_tell(address)) {
+        LOG_WARN("%s - %s: %s", "refuse", reason, http_refusals_text(address));
+    }
 }
 
 intake_result end(http_intake *intake, const char *reason)
 {
-    log_refusal(reason);
+    log_refusal(intake->address, reason);
     evhtp_close(intake->connection);
     return intake_result::ended;
 }
@@ -64,7 +111,7 @@ const char *reason_phrase(int status)
 /// come from us, but the client is still heard until it ends too.
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
-    log_refusal(reason);
+    log_refusal(intake->address, reason);
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' + reason_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
     evhtp_connection_t *const connection = intake->connection;
@@ -75,7 +122,10 @@ intake_result refuse(http_intake *intake, const char *reason, int status)
     shutdown(connection->sock, SHUT_WR);
     intake->phase = message_phase::refused;
     // Its room stays, and counts: of many that are refused some are closed at once.
+    wipe(&intake->held);
     intake->held.clear();
+    wipe(&intake->body);
+    intake->body.clear();
     intake->lifted = {};
     return intake_result::refused;
 }
@@ -89,25 +139,18 @@ intake_result throw_away(http_intake *intake)
                                                   : end(intake, "more behind a refused request");
 }
 
-/// Left to itself a text doubles, and what it then has too much would count as held.
-void make_room(std::string *text, std::size_t size)
+/// The library has the whole reply.
+bool is_answered(const http_intake *intake)
 {
-    const std::size_t needed = text->size() + size;
-    if (needed > growth_step && needed > text->capacity()) {
-        std::string grown;
-        grown.reserve((needed + growth_step - 1) / growth_step * growth_step);
-        grown.append(*text);
-        text->swap(grown);
-    }
-    text->resize(needed);
+    const evhtp_request_t *const request = intake->connection->request;
+    return !http_intake_is_paused(intake) && request != nullptr &&
+           (request->flags & EVHTP_REQ_FLAG_FINISHED) != 0;
 }
 
 /// Every route either pauses the request or answers it before it returns.
 bool has_reached_its_route(const http_intake *intake)
 {
-    const evhtp_request_t *const request = intake->connection->request;
-    return http_intake_is_paused(intake) ||
-           (request != nullptr && (request->flags & EVHTP_REQ_FLAG_FINISHED) != 0);
+    return http_intake_is_paused(intake) || is_answered(intake);
 }
 
 /// The parser tells no path of an HTTP/0.9 request, and so nobody would ever answer it.
@@ -130,37 +173,28 @@ bool survives(http_intake *intake, Call call)
     return !gone;
 }
 
-/// Gives the parser these bytes, which end no later than the message; it takes them all. False when
-/// the connection has ended.
+/// Gives the parser these bytes, which end no later than the message; it takes them all. They are lent
+/// to it, not copied. False when the connection has ended.
 bool feed(http_intake *intake, std::string_view bytes)
 {
+    const in_addr_t address = intake->address; // the intake goes with its connection
     bufferevent *const bev = intake->connection->bev;
-    const int rc = evbuffer_add(bufferevent_get_input(bev), bytes.data(), bytes.size());
-    REQUIRE_CALL(rc == 0, "evbuffer_add(input, bytes, size)", rc);
-    intake->handed += bytes.size();
+    evbuffer *const input = bufferevent_get_input(bev);
+    const int rc = evbuffer_add_reference(input, bytes.data(), bytes.size(), nullptr, nullptr);
+    REQUIRE_CALL(rc == 0, "evbuffer_add_reference(input, bytes, size)", rc);
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
-        log_refusal("the parser takes it for no request, or its body for too long");
+        log_refusal(address, "the parser takes it for no request");
         return false;
     }
+    evbuffer_drain(input, evbuffer_get_length(input));
     return true;
 }
 
-/// The parser has taken the head and has not called a route: so a body follows.
-intake_result begin_body(http_intake *intake, bool chunked)
+/// A request is on its way to its route. False when there was no room for it.
+bool is_admitted(http_intake *intake)
 {
-    if (!has_route(intake)) {
-        return refuse(intake, "no http request", status_bad_request);
-    }
-    intake->body_left = htparser_get_content_length(intake->connection->parser);
-    if (!chunked && intake->body_left > http_server_max_body_size) {
-        return refuse(intake, "body too long", status_body_too_large);
-    }
-    intake->chunked = chunked;
-    if (chunked) {
-        intake->body_left = http_server_max_body_size;
-    }
-    intake->phase = message_phase::body;
-    return intake_result::moved_on;
+    return intake->make_room == nullptr ||
+           survives(intake, [intake] { intake->make_room(intake->argument); });
 }
 
 intake_result wait_for_head(http_intake *intake)
@@ -176,7 +210,79 @@ intake_result wait_for_head(http_intake *intake)
 intake_result begin_answering(http_intake *intake)
 {
     intake->phase = message_phase::answering;
-    intake->held.shrink_to_fit();
+    if (intake->held.empty()) {
+        std::string{}.swap(intake->held); // it has been wiped
+    }
+    return intake_result::moved_on;
+}
+
+void move_behind(std::string *text, std::string *other)
+{
+    text->append(*other);
+    wipe(other);
+    std::string{}.swap(*other);
+}
+
+/// What the parser gets: after a head that says "chunked" it wants chunks, and gets one.
+std::string whole_message(http_intake *intake)
+{
+    std::string bytes = std::exchange(intake->head, {});
+    if (!intake->chunked) {
+        make_room(&bytes, intake->body.size());
+        move_behind(&bytes, &intake->body);
+        return bytes;
+    }
+    char size[24];
+    std::snprintf(size, sizeof size, "%zx\r\n", intake->body.size());
+    constexpr std::string_view last_chunk = "0\r\n\r\n";
+    make_room(&bytes, sizeof size + intake->body.size() + last_chunk.size());
+    if (!intake->body.empty()) {
+        bytes.append(size);
+        move_behind(&bytes, &intake->body);
+        bytes.append("\r\n");
+    }
+    return bytes.append(last_chunk);
+}
+
+intake_result give_message(http_intake *intake)
+{
+    // The library keeps all of it, and the checks keep the texts of the body beside that.
+    intake->handed = intake->body.size();
+    std::string bytes = whole_message(intake);
+    const wiped_at_end wiping{&bytes}; // a password is in it
+    intake->handed += bytes.size();
+    for (const http_head_lifted &lifted : intake->lifted) {
+        intake->handed += lifted.value.size();
+    }
+    if (!is_admitted(intake)) {
+        return intake_result::ended;
+    }
+    REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
+    if (!feed(intake, bytes)) {
+        return intake_result::ended;
+    }
+    if (has_reached_its_route(intake)) {
+        return begin_answering(intake);
+    }
+    const bool is_too_long =
+        htparser_get_content_length(intake->connection->parser) > http_server_max_body_size;
+    return has_route(intake) && is_too_long ? refuse(intake, "body too long", status_body_too_large)
+                                            : refuse(intake, "no http request", status_bad_request);
+}
+
+intake_result begin_body(http_intake *intake, const http_head &head)
+{
+    if (!head.chunked && head.body_size > http_server_max_body_size) {
+        return refuse(intake, "body too long", status_body_too_large);
+    }
+    intake->chunked = head.chunked;
+    intake->chunks = {};
+    intake->body_size = static_cast<std::size_t>(head.body_size);
+    intake->phase = message_phase::body;
+    if (head.expects_continue) {
+        constexpr std::string_view leave = "HTTP/1.1 100 Continue\r\n\r\n";
+        bufferevent_write(intake->connection->bev, leave.data(), leave.size());
+    }
     return intake_result::moved_on;
 }
 
@@ -184,8 +290,8 @@ intake_result begin_answering(http_intake *intake)
 intake_result take_head(http_intake *intake)
 {
     if (intake->scanned == 0) {
-        intake->held.erase(0,
-                           std::min(intake->held.find_first_not_of("\r\n"), intake->held.size()));
+        take_off(&intake->held,
+                 std::min(intake->held.find_first_not_of("\r\n"), intake->held.size()));
     }
     const std::size_t length = http_head_length(intake->held, &intake->scanned);
     if (length == 0) {
@@ -195,54 +301,55 @@ intake_result take_head(http_intake *intake)
     if (head.refusal != nullptr) {
         return refuse(intake, head.refusal, head.refusal_status);
     }
-    intake->held.erase(0, length);
-    if (intake->held.capacity() > growth_step) {
-        intake->held.shrink_to_fit();
-    }
+    take_off(&intake->held, length);
     intake->scanned = 0;
+    intake->head = std::move(head.text);
     intake->lifted = std::move(head.lifted);
-    for (const http_head_lifted &lifted : intake->lifted) {
-        intake->handed += lifted.value.size();
-    }
-    REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
-    if (!feed(intake, head.text)) {
-        return intake_result::ended;
-    }
-    return has_reached_its_route(intake) ? begin_answering(intake)
-                                         : begin_body(intake, head.chunked);
+    return head.chunked || head.body_size != 0 ? begin_body(intake, head) : give_message(intake);
 }
 
-/// How much of what is held the parser may have without seeing anything of the next request. A
-/// chunked body ends at a line's end, and only the parser knows at which: so line by line.
-std::size_t body_piece(const http_intake *intake)
+chunks_result take_announced(http_intake *intake, std::string_view *input)
 {
+    const std::string_view piece = input->substr(0, intake->body_size - intake->body.size());
+    intake->body.append(piece);
+    input->remove_prefix(piece.size());
+    return intake->body.size() == intake->body_size ? chunks_result::whole
+                                                    : chunks_result::wants_more;
+}
+
+/// Moves what is held over to the body, as far as it belongs to it.
+chunks_result gather_body(http_intake *intake)
+{
+    std::string_view input{intake->held};
     if (intake->chunked) {
-        return std::min(intake->held.find('\n'), intake->held.size() - 1) + 1;
+        make_room(&intake->body,
+                  std::min(input.size(), http_server_max_body_size - intake->body.size()));
+    } else {
+        intake->body.reserve(intake->body_size); // at once: it never moves
     }
-    return static_cast<std::size_t>(
-        std::min<std::uint64_t>(intake->held.size(), intake->body_left));
+    const chunks_result result = intake->chunked
+                                     ? http_chunks_take(&intake->chunks, &input, &intake->body)
+                                     : take_announced(intake, &input);
+    take_off(&intake->held, intake->held.size() - input.size());
+    return result;
 }
 
 intake_result take_body(http_intake *intake)
 {
-    const std::size_t size = intake->held.empty() ? 0 : body_piece(intake);
-    if (size == 0) {
+    if (intake->held.empty()) {
         return intake_result::waits;
     }
-    std::string bytes = intake->held.substr(0, size);
-    const wiped_at_end wiping{&bytes}; // a password is in it
-    OPENSSL_cleanse(intake->held.data(), size);
-    intake->held.erase(0, size);
-    if (!intake->chunked) {
-        intake->body_left -= size;
-    }
-    if (!feed(intake, bytes)) {
-        return intake_result::ended;
-    }
-    if (intake->too_long) {
+    switch (gather_body(intake)) {
+    case chunks_result::wants_more:
+        return intake_result::waits;
+    case chunks_result::whole:
+        return give_message(intake);
+    case chunks_result::too_long:
         return refuse(intake, "body too long", status_body_too_large);
+    case chunks_result::bad:
+        break;
     }
-    return has_reached_its_route(intake) ? begin_answering(intake) : intake_result::moved_on;
+    return end(intake, "chunks that are none");
 }
 
 intake_result take_nothing(http_intake *intake)
@@ -293,16 +400,23 @@ evhtp_res on_headers(evhtp_request_t *, evhtp_headers_t *headers, void *argument
     return EVHTP_RES_OK;
 }
 
-/// The parser has read how long the next chunk is, and nothing of it yet.
-evhtp_res on_new_chunk(evhtp_request_t *, std::uint64_t length, void *argument) noexcept
+} // namespace
+
+void http_intake_wipe(evbuffer *buffer)
 {
-    auto *const intake = static_cast<http_intake *>(argument);
-    intake->too_long = intake->too_long || length > intake->body_left;
-    intake->body_left -= std::min(length, intake->body_left);
-    return EVHTP_RES_OK;
+    evbuffer_iovec pieces[4];
+    const int count = evbuffer_peek(buffer, -1, nullptr, pieces, std::size(pieces));
+    for (int i = 0; i < std::min<int>(count, std::size(pieces)); ++i) {
+        OPENSSL_cleanse(pieces[i].iov_base, pieces[i].iov_len);
+    }
 }
 
-} // namespace
+void http_intake_reply_waits(http_intake *intake)
+{
+    if (intake->phase == message_phase::answering && is_answered(intake)) {
+        evhtp_connection_drop_parser(intake->connection);
+    }
+}
 
 void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                        const library_callbacks &callbacks)
@@ -313,10 +427,8 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                       &library.argument);
     bufferevent_setcb(connection->bev, callbacks.read, callbacks.write, callbacks.event,
                       callbacks.argument);
-    int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
+    const int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_headers)", rc);
-    rc = evhtp_connection_hook(connection, evhtp_hook_on_new_chunk, on_new_chunk, intake);
-    REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_new_chunk)", rc);
     evhtp_connection_drop_parser(connection); // until there is a head for it
 }
 
@@ -326,23 +438,34 @@ intake_result http_intake_read(http_intake *intake)
         return throw_away(intake);
     }
     evbuffer *const input = bufferevent_get_input(intake->connection->bev);
-    const std::size_t before = intake->held.size();
-    make_room(&intake->held, evbuffer_get_length(input));
-    evbuffer_remove(input, intake->held.data() + before, intake->held.size() - before);
+    evbuffer_iovec piece{};
+    while (evbuffer_get_length(input) != 0) {
+        evbuffer_peek(input, -1, nullptr, &piece, 1);
+        make_room(&intake->held, piece.iov_len);
+        intake->held.append(static_cast<const char *>(piece.iov_base), piece.iov_len);
+        OPENSSL_cleanse(piece.iov_base, piece.iov_len);
+        evbuffer_drain(input, piece.iov_len);
+    }
     return take_all_held(intake);
 }
 
 intake_result http_intake_written(http_intake *intake)
 {
-    if (intake->phase == message_phase::refused) {
+    if (intake->phase != message_phase::answering) {
         return intake_result::waits;
     }
     bufferevent *const bev = intake->connection->bev;
+    if (is_answered(intake)) { // and will be freed
+        http_intake_wipe(intake->connection->request->buffer_in);
+    }
+    if (intake->connection->parser == nullptr) {
+        REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
+    }
     if (!survives(intake,
                   [intake, bev] { intake->library.write(bev, intake->library.argument); })) {
         return intake_result::ended;
     }
-    if (intake->phase != message_phase::answering || intake->connection->request != nullptr) {
+    if (intake->connection->request != nullptr) {
         return intake_result::waits;
     }
     // The library has freed the answered request: the next one may come.
@@ -350,7 +473,7 @@ intake_result http_intake_written(http_intake *intake)
     intake->lifted = {};
     evhtp_connection_drop_parser(intake->connection);
     intake->handed = 0;
-    intake->held.shrink_to_fit();
+    intake->chunked = false;
     if (intake->held.empty()) {
         return intake_result::moved_on;
     }
@@ -365,8 +488,13 @@ intake_result http_intake_next(http_intake *intake)
     return take_all_held(intake);
 }
 
-void http_intake_end(const http_intake *intake)
+void http_intake_end(http_intake *intake)
 {
+    wipe(&intake->held);
+    wipe(&intake->body);
+    if (const evhtp_request_t *const request = intake->connection->request; request != nullptr) {
+        http_intake_wipe(request->buffer_in);
+    }
     if (intake->gone != nullptr) {
         *intake->gone = true;
     }
@@ -374,7 +502,8 @@ void http_intake_end(const http_intake *intake)
 
 std::size_t http_intake_size(const http_intake *intake)
 {
-    return intake->held.capacity() + intake->handed;
+    return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() +
+           intake->handed;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

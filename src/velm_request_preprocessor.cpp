@@ -184,11 +184,11 @@ bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
 bool read_request(velm_request_preprocessor *p)
 {
     velm_request_body parsed = velm_request_parse_request_body(p->request);
-    p->body = std::move(parsed.body);
     if (parsed.status != 200) {
         p->refusal = "no valid body";
         return false;
     }
+    p->body = velm_request_keep_auth(std::move(parsed.body));
     const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p->body.get(), "auth");
     for (const auth_member &member : auth_members) {
         if (!read_auth_member(p, auth, member)) {

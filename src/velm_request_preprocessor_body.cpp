@@ -86,6 +86,70 @@ bool has_nul_in_string(std::string_view json)
     return false;
 }
 
+/// Walks over JSON text without making anything of it, and counts the values in it: each element and
+/// each member. Of text that is no JSON the number is at least that of what the parser would make
+/// before it gave up.
+class value_counter {
+  public:
+    explicit value_counter(std::string_view json) : json_{json}
+    {
+    }
+
+    /// Up to one more than `most`.
+    std::size_t count(std::size_t most)
+    {
+        std::size_t depth = 0;
+        std::size_t values = 0;
+        for (; at_ < json_.size() && values <= most; ++at_) {
+            switch (json_[at_]) {
+            case '"':
+                pass_string();
+                break;
+            case '[':
+            case '{':
+                if (++depth > CJSON_NESTING_LIMIT) {
+                    return values; // the parser gives up here
+                }
+                values += is_empty_container() ? 0U : 1U;
+                break;
+            case ',':
+                ++values;
+                break;
+            case ']':
+            case '}':
+                if (depth <= 1) {
+                    return values; // what follows the value is ignored
+                }
+                --depth;
+                break;
+            default:
+                break;
+            }
+        }
+        return values;
+    }
+
+  private:
+    void pass_string()
+    {
+        while (++at_ < json_.size() && json_[at_] != '"') {
+            at_ += json_[at_] == '\\' ? 1U : 0U;
+        }
+    }
+
+    bool is_empty_container() const
+    {
+        const std::string_view rest = json_.substr(at_ + 1);
+        const auto *const next = std::find_if(rest.begin(), rest.end(), [](char byte) {
+            return static_cast<unsigned char>(byte) > ' ';
+        });
+        return next != rest.end() && (*next == ']' || *next == '}');
+    }
+
+    std::string_view json_;
+    std::size_t at_ = 0;
+};
+
 /// Null for text that is no JSON, or whose strings are no text. What follows the value is ignored.
 json_ptr parse_json(const std::string &text)
 {
@@ -140,6 +204,10 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
     }
     LOG_TRACE("%s - received data (%zu):", __func__, text->size());
     LOG_TRACE("%s - %.*s", __func__, static_cast<int>(text->size()), text->c_str());
+    if (value_counter{*text}.count(velm_request_max_values) > velm_request_max_values) {
+        LOG_ERROR("%s - too many json values", __func__);
+        return {nullptr, 400};
+    }
     json_ptr tree = parse_json(*text);
     if (tree == nullptr) {
         LOG_ERROR("%s - cannot parse json data", __func__);
@@ -152,4 +220,24 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
         return {nullptr, 400};
     }
     return {std::move(tree), 200};
+}
+
+secret_json_ptr velm_request_keep_auth(secret_json_ptr body)
+{
+    constexpr const char *names[] = {"deviceId", "deviceType", "bssid",
+                                     "username", "password",   "challenge"};
+    secret_json_ptr kept{cJSON_CreateObject()};
+    REQUIRE_MEMORY(kept, "kept");
+    cJSON *const auth = cJSON_AddObjectToObject(kept.get(), "auth");
+    REQUIRE_MEMORY(auth, "auth");
+    cJSON *const from = cJSON_GetObjectItemCaseSensitive(body.get(), "auth");
+    for (const char *const name : names) {
+        cJSON *const item = cJSON_DetachItemFromObjectCaseSensitive(from, name);
+        if (item != nullptr && (cJSON_IsString(item) || item->child == nullptr)) {
+            cJSON_AddItemToObject(auth, name, item);
+        } else {
+            const secret_json_ptr unwanted{item};
+        }
+    }
+    return kept;
 }

@@ -41,13 +41,13 @@ class TlsPolicy:
         context.minimum_version = self.version
         context.maximum_version = self.version
         context.set_ciphers(CIPHERS)
-        native = _native(context)
-        _check(_libssl().SSL_CTX_set_ciphersuites(native, CIPHER_SUITES.encode()), CIPHER_SUITES)
+        native = native_context(context)
+        _check(libssl().SSL_CTX_set_ciphersuites(native, CIPHER_SUITES.encode()), CIPHER_SUITES)
         for command, names in (
             (SSL_CTRL_SET_GROUPS_LIST, GROUPS),
             (SSL_CTRL_SET_SIGALGS_LIST, SIGNATURES),
         ):
-            _check(_libssl().SSL_CTX_ctrl(native, command, 0, names.encode()), names)
+            _check(libssl().SSL_CTX_ctrl(native, command, 0, names.encode()), names)
 
     def allows(self, negotiated: tuple[str, str]) -> bool:
         """Whether a version and cipher may come of it, as `negotiated` names them."""
@@ -88,12 +88,12 @@ class _SslContextObject(ctypes.Structure):
     ]
 
 
-def _native(context: ssl.SSLContext) -> ctypes.c_void_p:
+def native_context(context: ssl.SSLContext) -> ctypes.c_void_p:
     return ctypes.c_void_p(_SslContextObject.from_address(id(context)).ctx)
 
 
 @cache
-def _libssl() -> ctypes.CDLL:
+def libssl() -> ctypes.CDLL:
     """The very library that Python's contexts are made by."""
     found = re.search(r"/\S*/libssl\.so\S*", Path("/proc/self/maps").read_text())
     if found is None:

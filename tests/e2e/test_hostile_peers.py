@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import itertools
 import os
 import resource
 import socket
@@ -210,6 +211,15 @@ UNFINISHED: dict[str, bytes] = {
     + b"x" * 8191,
     "requests behind requests": (b"GET /info HTTP/1.1\r\nX: %s\r\n\r\n" % (b"x" * 8000)) * 8,
     "refused bodies": b"POST /pair HTTP/1.1\r\nContent-Length: 8193\r\n\r\n" + b"x" * 60000,
+    "chunks of a byte": b"POST /pair HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+    + b"1\r\nx\r\n" * 8191,
+    "queries of many parts": b"GET /info?" + b"&" * 8170 + b" HTTP/1.1\r\nHost: x\r\n\r\n",
+    "a form of many parts": b"POST /pair HTTP/1.1\r\nContent-Length: 8192\r\n"
+    + b"Content-Type: application/x-www-form-urlencoded\r\n\r\n"
+    + b"&" * 8192,
+    "flat JSON": b'POST /pair HTTP/1.1\r\nContent-Length: 8017\r\n\r\n{"auth":{},"x":['
+    + b"1," * 3999
+    + b"1]}",
 }
 
 
@@ -219,8 +229,8 @@ def half_greeting(host: LanHost) -> socket.socket:
     return raw
 
 
-def half_record(host: LanHost) -> socket.socket:
-    """After the handshake, all but the last byte of the longest record."""
+def shaken_hands(host: LanHost) -> tuple[socket.socket, ssl.SSLObject, ssl.MemoryBIO]:
+    """A client whose records wait until they are taken and sent."""
     incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
     client = host.context().wrap_bio(incoming, outgoing, server_hostname=host.server)
     raw = host.connect_tcp()
@@ -231,8 +241,26 @@ def half_record(host: LanHost) -> socket.socket:
         except ssl.SSLWantReadError:
             raw.sendall(outgoing.read())
             incoming.write(raw.recv(65536))
+    raw.sendall(outgoing.read())
+    return raw, client, outgoing
+
+
+def half_record(host: LanHost) -> socket.socket:
+    """After the handshake, all but the last byte of the longest record."""
+    raw, client, outgoing = shaken_hands(host)
     client.write(bytes(16384))
     raw.sendall(outgoing.read()[:-1])
+    return raw
+
+
+def dripped_body(host: LanHost) -> socket.socket:
+    """All but the last byte of a body, each in a TLS record of its own."""
+    raw, client, outgoing = shaken_hands(host)
+    client.write(b"POST /pair HTTP/1.1\r\nContent-Length: 8192\r\n\r\n")
+    for _ in range(8191):
+        client.write(b"x")
+    with contextlib.suppress(OSError):  # cut off while it still sends
+        raw.sendall(outgoing.read())
     return raw
 
 
@@ -246,6 +274,15 @@ def sending(data: bytes) -> Callable[[LanHost], socket.socket]:
     return connect
 
 
+NEXT = itertools.count()
+
+
+def sending_any(host: LanHost) -> socket.socket:
+    """Something else each time."""
+    kinds = [fill for name, fill in FILLINGS.items() if name != "all at once"]
+    return kinds[next(NEXT) % len(kinds)](host)
+
+
 FILLINGS: dict[str, Callable[[LanHost], socket.socket]] = {
     "nothing at all": STALLS["nothing at all"],
     "half a handshake": half_handshake,
@@ -253,6 +290,8 @@ FILLINGS: dict[str, Callable[[LanHost], socket.socket]] = {
     "half a record": half_record,
     "no request": STALLS["no request"],
     **{name: sending(data) for name, data in UNFINISHED.items()},
+    "bodies byte by byte": dripped_body,
+    "all at once": sending_any,
 }
 
 

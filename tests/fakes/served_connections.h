@@ -23,6 +23,7 @@ using namespace std::chrono_literals;
 
 struct request_seen {
     string path, assertion, attestation, body;
+    int body_pieces = 0; // in which the library keeps it
 };
 inline std::vector<request_seen> seen;
 inline std::vector<evhtp_request_t *> paused;
@@ -40,7 +41,8 @@ inline void note(evhtp_request_t *request)
     string body(size, '\0');
     evbuffer_copyout(request->buffer_in, body.data(), size);
     seen.push_back({request->uri->path->full, header_of(request, "X-Assertion"),
-                    header_of(request, "X-Attestation"), body});
+                    header_of(request, "X-Attestation"), body,
+                    evbuffer_peek(request->buffer_in, -1, nullptr, nullptr, 0)});
     last_socket = request->conn->sock;
 }
 

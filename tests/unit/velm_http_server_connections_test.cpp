@@ -5,6 +5,8 @@
 #include <netinet/tcp.h>
 #include <sys/resource.h>
 
+#include "velm_http_server_refusals.h"
+
 namespace {
 
 using namespace served_connections;
@@ -171,6 +173,90 @@ TEST_F(Connections, ARequestThatIsCheckedCountsOnceInWhatAllMayHold)
     EXPECT_EQ(phones[1]->receive().status, 200);
 }
 
+TEST_F(Connections, OfManyThatHoldLittleTheAddressThatHoldsMostPays)
+{
+    http_connection_limits limits;
+    limits.held = 60 * 1024;
+    limits.held_of_address = 60 * 1024;
+    serve(limits);
+    const string part = "GET /now HTTP/1.1\r\nA: " + string(3500, 'a');
+    std::vector<std::unique_ptr<https_client>> greedy;
+    for (int i = 0; i < 15; ++i) {
+        greedy.push_back(connected("127.0.0.3"));
+        greedy.back()->send(part);
+        turn_for(loop, 2ms);
+    }
+    const auto phone = connected("127.0.0.2");
+    phone->send("POST /now HTTP/1.1\r\nContent-Length: 3\r\nX-Attestation: " + string(12000, 'a') +
+                "\r\n\r\n");
+    turn_for(loop, 5ms);
+    EXPECT_GE(log.count("keep_within_memory - closing a connection"), 1);
+    EXPECT_EQ(log.count("keep_within_memory - closing a connection"), log.count(": 127.0.0.3"));
+    EXPECT_EQ(phone->ask("abc").status, 200);
+}
+
+TEST_F(Connections, ARequestForWhichItsAddressHasNoRoomIsEndedBeforeItReachesItsRoute)
+{
+    http_connection_limits limits;
+    limits.held_of_address = 40 * 1024;
+    serve(limits);
+    const string request =
+        "POST /pause HTTP/1.1\r\nContent-Length: 3\r\nX-Attestation: " + string(15000, 'a') +
+        "\r\n\r\nabc";
+    std::vector<std::unique_ptr<https_client>> greedy;
+    for (int i = 0; i < 4; ++i) {
+        greedy.push_back(connected());
+        greedy.back()->send(request);
+        turn_for(loop, 5ms);
+    }
+    EXPECT_EQ(paused.size(), 2U);
+    EXPECT_EQ(connected("127.0.0.2")->ask(get).status, 200);
+    while (!paused.empty()) {
+        answer_paused();
+    }
+    EXPECT_EQ(greedy[0]->receive().status, 200);
+}
+
+TEST_F(Connections, WhatNobodyReadsIsBoundedInTheKernelToo)
+{
+    serve();
+    const auto peer = connected();
+    peer->ask(get);
+    int size = 0;
+    socklen_t length = sizeof size;
+    ASSERT_EQ(getsockopt(last_socket, SOL_SOCKET, SO_SNDBUF, &size, &length), 0);
+    EXPECT_EQ(size, 32 * 1024);
+}
+
+TEST_F(Connections, ThoseWhoHaveLeftAlreadyTakeNoPlace)
+{
+    serve();
+    for (int i = 0; i < 40; ++i) {
+        client()->reset();
+    }
+    const auto peer = client("127.0.0.2");
+    ASSERT_TRUE(reaches(1));
+    EXPECT_EQ(log.count("too many connections"), 0);
+    ASSERT_TRUE(peer->handshake());
+    EXPECT_EQ(peer->ask(get).status, 200);
+}
+
+TEST_F(Connections, OfManyRefusalsSomeAreToldAndTheOthersCounted)
+{
+    http_connection_limits limits;
+    limits.per_address = 1;
+    serve(limits);
+    const auto first = connected();
+    for (std::size_t i = 0; i < http_refusals_of_address + 20; ++i) {
+        EXPECT_TRUE(client()->is_closed());
+    }
+    EXPECT_EQ(log.count("too many connections: 1, 1 of this address: 127.0.0.1"),
+              static_cast<int>(http_refusals_of_address));
+    const auto other = connected("127.0.0.2");
+    EXPECT_TRUE(client("127.0.0.2")->is_closed());
+    EXPECT_EQ(log.count("too many connections: 2, 1 of this address: 127.0.0.2"), 1);
+}
+
 TEST_F(Connections, AnIdleConnectionIsClosedWhenItsTimeIsUp)
 {
     serve(quick());
@@ -254,7 +340,7 @@ TEST_F(Connections, WhatComesBehindARequestIsHeldUpToALimit)
     EXPECT_EQ(http_connections_count(), 1U);
     peer->send("a");
     EXPECT_TRUE(reaches(0));
-    EXPECT_TRUE(log.has("WARN velm_http_server - refuse - too much behind a request"));
+    EXPECT_TRUE(log.has("WARN velm_http_server - refuse - too much behind a request: 127.0.0.1"));
 }
 
 // Stop

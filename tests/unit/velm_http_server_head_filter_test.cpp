@@ -266,4 +266,29 @@ INSTANTIATE_TEST_SUITE_P(
         doubtful_case{"NoEncoding", "Transfer-Encoding:\r\n", "unknown transfer encoding"}),
     [](const auto &row) { return string{row.param.name}; });
 
+TEST(RequestLine, LosesItsQueryAndKeepsItsPath)
+{
+    const auto line = [](const std::string &sent) {
+        const std::string text = http_head_filter(sent + "\r\n\r\n").text;
+        return text.substr(0, text.find("\r\n"));
+    };
+    EXPECT_EQ(line("GET /info?a=b&c HTTP/1.1"), "GET /info HTTP/1.1");
+    EXPECT_EQ(line("GET /info?" + std::string(8000, '&') + " HTTP/1.1"), "GET /info HTTP/1.1");
+    EXPECT_EQ(line("GET /a?b?c HTTP/1.0"), "GET /a HTTP/1.0");
+    EXPECT_EQ(line("GET /info HTTP/1.1"), "GET /info HTTP/1.1");
+    EXPECT_EQ(line("GET /info?x"), "GET /info");
+    EXPECT_EQ(line("GET"), "GET");
+    EXPECT_EQ(line(""), "");
+    EXPECT_EQ(line("OPTIONS * HTTP/1.1"), "OPTIONS /* HTTP/1.1");
+}
+
+TEST(HeadersForNobody, AreLeftOutWithTheirFoldedLines)
+{
+    const http_head head = http_head_filter("GET / HTTP/1.1\r\ncontent-type: a\r\n b\r\n"
+                                            "Expect: 100-Continue\r\nHost: c\r\n\r\n");
+    EXPECT_EQ(head.refusal, nullptr);
+    EXPECT_EQ(head.text, "GET / HTTP/1.1\r\nHost: c\r\n\r\n");
+    EXPECT_TRUE(head.expects_continue);
+}
+
 } // namespace

@@ -266,6 +266,30 @@ TEST_F(Intake, AClientThatAwaitsLeaveToSendItsBodyGetsIt)
     EXPECT_EQ(peer->ask(get).status, 200);
 }
 
+TEST_F(Intake, ABodyThatComesByteByByteTakesWhatItsLengthSays)
+{
+    serve();
+    for (const bool chunked : {false, true}) {
+        seen.clear();
+        const auto peer = connected();
+        peer->send(chunked ? post("Transfer-Encoding: chunked\r\n")
+                           : post("Content-Length: 2000\r\n"));
+        for (int i = 0; i < 2000; ++i) {
+            peer->send(chunked ? "1\r\nb\r\n" : "b");
+            if (i % 100 == 0) {
+                turn_for(loop, 0ms);
+            }
+        }
+        if (chunked) {
+            peer->send("0\r\n\r\n");
+        }
+        EXPECT_EQ(peer->receive().status, 200);
+        ASSERT_EQ(seen.size(), 1U);
+        EXPECT_EQ(seen[0].body, string(2000, 'b'));
+        EXPECT_EQ(seen[0].body_pieces, 1);
+    }
+}
+
 // Limits
 
 struct body_case {
@@ -310,7 +334,7 @@ TEST_F(Intake, ABodyThatIsAnnouncedTooLongIsRefusedBeforeItComes)
     const http_reply reply = peer->ask("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
     EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), "HTTP/1.1 413 Payload Too Large");
     EXPECT_NE(reply.head.find("Content-Length: 0\r\nConnection: close"), string::npos);
-    EXPECT_TRUE(log.has("WARN velm_http_server - refuse - body too long"));
+    EXPECT_TRUE(log.has("WARN velm_http_server - refuse - body too long: 127.0.0.1"));
     EXPECT_TRUE(peer->is_closed());
 }
 

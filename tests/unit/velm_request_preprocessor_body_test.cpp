@@ -122,6 +122,52 @@ TEST_F(Body, MayBeNestedAThousandDeepAndNoDeeper)
     EXPECT_EQ(status(std::string(8192, '[')), 400);
 }
 
+std::string repeated(std::size_t count, const std::string &text)
+{
+    std::string all;
+    for (std::size_t i = 0; i < count; ++i) {
+        all += text;
+    }
+    return all;
+}
+
+std::string list_of(std::size_t count, const std::string &element)
+{
+    return '[' + element + repeated(count - 1, "," + element) + ']';
+}
+
+/// "auth" and "x" are two of the values.
+std::string beside_auth(const std::string &text)
+{
+    return R"({"auth":{},"x":)" + text + '}';
+}
+
+TEST_F(Body, MayHoldAThousandValuesAndNoMore)
+{
+    EXPECT_EQ(status(beside_auth(list_of(998, "1"))), 200);
+    EXPECT_EQ(status(beside_auth(list_of(999, "1"))), 400);
+    EXPECT_EQ(log_.count("velm_request_parse_request_body - too many json values"), 1);
+    EXPECT_EQ(status(beside_auth(list_of(499, R"({"a":1})"))), 200);
+    EXPECT_EQ(status(beside_auth(list_of(499, R"({"a":1})") + R"(,"b":0)")), 400);
+    EXPECT_EQ(log_.count("too many json values"), 2);
+}
+
+TEST_F(Body, HoldsNoMoreValuesForWhatIsTextOrEmptyOrBehindTheValue)
+{
+    EXPECT_EQ(status(beside_auth(list_of(998, "[ ]"))), 200);
+    EXPECT_EQ(status(beside_auth(list_of(998, "{\n}"))), 200);
+    EXPECT_EQ(status(beside_auth("\"" + repeated(2000, ",") + "\"")), 200);
+    EXPECT_EQ(status(beside_auth(R"(["\\",",\\\",,[","\\\\"])")), 200);
+    EXPECT_EQ(status(beside_auth("1") + repeated(2000, ",")), 200);
+}
+
+TEST_F(Body, MayHoldAListOfEightyWholeLocations)
+{
+    const std::string place = R"({"latitude":1,"longitude":2,"accuracy":3,"altitude":4,)"
+                              R"("verticalAccuracy":5,"rssi":-6,"timestamp":7})";
+    EXPECT_EQ(status(R"({"auth":{"deviceId":"a"},"location":)" + list_of(80, place) + '}'), 200);
+}
+
 TEST_F(Body, OfNoRequestEndsTheProcess)
 {
     EXPECT_DEATH((void)velm_request_parse_request_body(nullptr),

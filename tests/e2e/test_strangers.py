@@ -1,0 +1,133 @@
+"""Whatever strangers send, as fast as they can: the others are served promptly, in bounded memory.
+
+`--every-fault` strikes for half a minute each, else it is a moment.
+"""
+
+from __future__ import annotations
+
+import threading
+import time
+from collections.abc import Callable
+
+import pytest
+from velm_sim import stranger
+from velm_sim.access_point import AccessPoint
+from velm_sim.lan_http import LanHost
+from velm_sim.promptness import assert_prompt, latencies
+from velm_sim.sample import Sample
+
+# What the connections of one host may add to the daemon's memory without a login.
+ONE_HOST_KIB = 400
+PHONE = 8  # the number of a host that does nothing wrong
+
+
+@pytest.fixture
+def duration(sample: Sample) -> float:
+    return 30.0 if sample.whole else 1.5
+
+
+class Watched:
+    """The largest the daemon's memory was while the block ran."""
+
+    def __init__(self, resident_kib: Callable[[], int]) -> None:
+        self._resident_kib = resident_kib
+        self.before = self.most = resident_kib()
+        self._over = threading.Event()
+        self._thread = threading.Thread(target=self._watch)
+
+    def _watch(self) -> None:
+        while not self._over.wait(0.002):
+            self.most = max(self.most, self._resident_kib())
+
+    def __enter__(self) -> Watched:
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._over.set()
+        self._thread.join()
+
+    @property
+    def growth(self) -> int:
+        return self.most - self.before
+
+
+def struck(
+    access_point: AccessPoint, deeds: list[tuple[str, LanHost]], seconds: float
+) -> tuple[list[float], list[float], int]:
+    """How long `/info` took before and meanwhile, and by how much memory grew."""
+    with access_point.lan_host(PHONE).session() as session:
+        session.connect()
+        control = latencies(session, 30)
+        with Watched(access_point.daemon.resident_kib) as memory:
+            with stranger.at_work_together(deeds, seconds + 1):
+                end = time.monotonic() + seconds
+                taken = []
+                while time.monotonic() < end:
+                    taken += latencies(session, 10)
+    return control, sorted(taken), memory.growth
+
+
+def check(
+    access_point: AccessPoint,
+    deeds: list[tuple[str, LanHost]],
+    seconds: float,
+    record_property: Callable[[str, object], None],
+) -> None:
+    control, taken, growth = struck(access_point, deeds, seconds)
+    record_property("control", control[-1])
+    record_property("worst", taken[-1])
+    record_property("growth", growth)
+    assert_prompt(taken, control)
+    assert growth < access_point.build.memory_limit_kib(ONE_HOST_KIB)
+
+
+@pytest.mark.parametrize("deed", stranger.DEEDS)
+def test_the_others_are_served_promptly_while_a_stranger_sends(
+    deed: str,
+    access_point: AccessPoint,
+    duration: float,
+    record_property: Callable[[str, object], None],
+) -> None:
+    check(access_point, [(deed, access_point.lan_host())], duration, record_property)
+
+
+def test_the_others_are_served_promptly_while_four_hosts_send_the_dearest_greeting(
+    access_point: AccessPoint, duration: float, record_property: Callable[[str, object], None]
+) -> None:
+    deeds = [("replayed greetings", access_point.lan_host(number)) for number in range(4)]
+    check(access_point, deeds, duration, record_property)
+
+
+def test_who_sends_records_without_data_is_closed_and_the_log_says_so(
+    access_point: AccessPoint,
+) -> None:
+    mark = access_point.daemon.log_mark()
+    with stranger.at_work_together([("key updates", access_point.lan_host())], 5):
+        access_point.daemon.wait_log(
+            "too many TLS records without data: 192.168.1.50", start=mark
+        )
+
+
+def refusals() -> dict[str, tuple[bytes, str]]:
+    post = b"POST /pair HTTP/1.1\r\n"
+    return {
+        "413": (post + b"Content-Length: 8193\r\n\r\n", "body too long"),
+        "414": (b"GET /" + b"a" * 9000 + b" HTTP/1.1\r\n\r\n", "uri too long"),
+        "431": (b"GET / HTTP/1.1\r\n" + b"A: b\r\n" * 101 + b"\r\n", "too many headers"),
+        "400": (post + b"Content-Length: 1\r\nContent-Length: 1\r\n\r\n", "more than one length"),
+        "501": (post + b"Transfer-Encoding: gzip\r\n\r\n", "unknown transfer encoding"),
+        "": (b"no http at all\r\n\r\n", "the parser takes it for no request"),
+    }
+
+
+def test_each_refusal_before_a_route_is_one_line_with_its_reason_and_address(
+    access_point: AccessPoint,
+) -> None:
+    for status, (request, reason) in refusals().items():
+        mark = access_point.daemon.log_mark()
+        answer = access_point.lan_host(3).exchange(request)
+        assert answer[9:12].decode() == status
+        access_point.daemon.wait_log(reason, start=mark)
+        lines = [line for line in access_point.daemon.log(mark).splitlines() if " WARN " in line]
+        assert len(lines) == 1 and reason in lines[0] and lines[0].endswith("192.168.1.53"), lines
