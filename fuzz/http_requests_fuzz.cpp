@@ -20,12 +20,13 @@
 /// The way of bytes from a client to a route: the real server on the loopback, without TLS.
 
 /// The input of a connection without TLS is closed to all but the socket, where ours is open.
-extern "C" int evbuffer_add(evbuffer *buffer, const void *data, std::size_t size)
+extern "C" int evbuffer_add_reference(evbuffer *buffer, const void *data, std::size_t size,
+                                      evbuffer_ref_cleanup_cb cleanup, void *argument)
 {
-    static auto *const real =
-        reinterpret_cast<decltype(&evbuffer_add)>(dlsym(RTLD_NEXT, "evbuffer_add"));
+    static auto *const real = reinterpret_cast<decltype(&evbuffer_add_reference)>(
+        dlsym(RTLD_NEXT, "evbuffer_add_reference"));
     evbuffer_unfreeze(buffer, 0);
-    return real(buffer, data, size);
+    return real(buffer, data, size, cleanup, argument);
 }
 
 /// A refusal is written around the library, straight into TLS: here nobody hears it.
