@@ -425,28 +425,6 @@ def test_without_descriptors_it_neither_spins_nor_dies_and_serves_again(
     assert access_point.phone().info().status == 200
 
 
-def test_a_client_that_never_reads_is_dropped_and_the_others_are_served(
-    access_point: AccessPoint, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
-) -> None:
-    deaf, other = connect_ipc(), connect_ipc()
-    deaf.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
-    before = access_point.daemon.resident_kib()
-    small = {"latitude": 1, "longitude": 2}
-    received = 0
-    for _ in range(12):
-        assert paired_phone.location([small] * 150).status == 200
-        for _ in range(150):
-            other.receive_report()
-            received += 1
-    assert received == 1800
-    assert access_point.daemon.resident_kib() - before < access_point.build.memory_limit_kib(512)
-    with pytest.raises(OSError):
-        for _ in range(4):
-            deaf.request()
-            time.sleep(1.1)  # dropped connections go at the next tick of a second
-    other.request()
-
-
 def test_above_the_cap_the_quietest_local_client_leaves_and_the_others_are_served(
     access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
 ) -> None:
