@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "async/common_async.h"
 #include "cloud_addresses.h"
@@ -137,20 +138,31 @@ http_client_request_data make_request(const send_context &context)
     return velm_google_account_make_request(state.account, uri, body.get());
 }
 
-/// Null when no phone is paired in the slot any more; a reload may have lowered the limit.
+/// Null when no phone is paired in the slot: one without a device id is free.
 json_ptr read_live_slot(int index)
 {
-    if (index >= state.config->pairings_limit || !velm_nvram_pairings_is_valid_pairing(index)) {
-        LOG_DEBUG("%s - slot %d is not paired any more", "send_push", index);
+    if (!velm_nvram_pairings_is_valid_pairing(index)) {
         return nullptr;
     }
-    return velm_nvram_pairings_select_pairing_by_index(index);
+    json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
+    const char *const dev_id = velm_utils_get_field_value_from_json_object(pairing.get(), "dev_id");
+    return dev_id == nullptr || *dev_id == '\0' ? nullptr : std::move(pairing);
+}
+
+/// The same when its turn has come; a reload may have lowered the limit.
+json_ptr read_slot_that_is_due(int index)
+{
+    json_ptr pairing = index < state.config->pairings_limit ? read_live_slot(index) : nullptr;
+    if (pairing == nullptr) {
+        LOG_DEBUG("%s - slot %d is not paired any more", "send_push", index);
+    }
+    return pairing;
 }
 
 void send_push_now(send_context_ptr context)
 {
     constexpr char function[] = "send_push";
-    context->pairing = read_live_slot(context->index);
+    context->pairing = read_slot_that_is_due(context->index);
     const cJSON *pairing = context->pairing.get();
     if (pairing == nullptr) {
         return;
@@ -194,7 +206,7 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
     LOG_TRACE("%s - %d", __func__, state.config->pairings_limit);
     long delay_s = 0;
     for (int index = 0; index < state.config->pairings_limit; ++index) {
-        if (!velm_nvram_pairings_is_valid_pairing(index)) {
+        if (read_live_slot(index) == nullptr) {
             continue;
         }
         const allocation_name naming{__func__, "cm_params_copy"};

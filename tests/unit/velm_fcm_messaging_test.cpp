@@ -429,6 +429,18 @@ TEST_F(Fcm, APhoneThatIsUnpairedBeforeItsTurnGetsNothing)
     EXPECT_EQ(log.count("ERROR"), 0);
 }
 
+TEST_F(Fcm, ASlotThatIsValidWithoutADeviceIdIsFreeAndGetsNothing)
+{
+    pair_slot(0, "", "ta");
+    pair_slot(1, "b", "tb");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    run_actions();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_NE(sent[0].data.post_data.find(R"("token":"tb")"), std::string::npos);
+}
+
 TEST_F(Fcm, APhoneThatPairsAgainBeforeItsTurnGetsThePushByItsNewToken)
 {
     pair_slot(0, "a", "ta");
