@@ -9,6 +9,7 @@
 #include "file/common_file.h"
 #include "handles/cjson.h"
 #include "handles/memory.h"
+#include "ios_validation/ios_app_signature.h"
 #include "ios_validation/ios_app_validate.h"
 #include "logger/fatal.h"
 #include "velm_android_assertion.h"
@@ -30,6 +31,7 @@ struct module_state {
     const velm_config *config = nullptr;
     std::optional<integrity_keys> keys;
     std::string ios_root_ca; // PEM; empty: Apple's
+    bool verifies = false;   // the library has been seen to refuse a wrong key
 };
 module_state state;
 
@@ -230,6 +232,8 @@ void velm_attestation_engine_init(const velm_config *config)
 {
     LOG_TRACE("%s", __func__);
     REQUIRE_NOT_NULL(config, "config");
+    state.verifies = state.verifies || ios_app_signature_self_test();
+    REQUIRE_CALL(state.verifies, "ios_app_signature_self_test()", 0);
     state.config = config;
     velm_google_integrity_init(config);
     // What was loaded before stays in force until the new files have proved good, and the root is

@@ -163,4 +163,15 @@ TEST(IosSignature, AgreesWithEveryWycheproofVector)
     EXPECT_EQ(seen, 484);
 }
 
+TEST(IosSignatureSelfTest, PassesAndLeavesTheSharedKeyForTheNextCall)
+{
+    const evp_pkey_ptr key = ec_key_make(NID_X9_62_prime256v1);
+    const captured_log log;
+    EXPECT_TRUE(ios_app_signature_self_test());
+    EXPECT_TRUE(ios_app_signature_verify(public_key_der(key.get()), message,
+                                         ecdsa_sign(key.get(), message)));
+    EXPECT_TRUE(ios_app_signature_self_test());
+    EXPECT_EQ(log.lines(), lines{});
+}
+
 } // namespace
