@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include "fakes/fake_nvram.h"
 #include "velm_attestation_engine.h"
 #include "velm_config.h"
 
@@ -36,6 +37,7 @@ TEST(IosSignatureSelfTest, FailsWithALibraryThatTakesNoKey)
 TEST(AttestationEngineDeathTest, EndsAtStartWithALibraryThatTakesAWrongKey)
 {
     verification_result = 1;
+    fake_nvram = {};
     const velm_config config{};
     EXPECT_DEATH(velm_attestation_engine_init(&config), "ios_app_signature_self_test\\(\\)");
 }
