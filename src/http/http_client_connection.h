@@ -43,6 +43,7 @@ struct http_client_exchange {
 class http_client_connection {
   public:
     http_client_connection() = default;
+    ~http_client_connection() = default;
     http_client_connection(const http_client_connection &) = delete;
     http_client_connection &operator=(const http_client_connection &) = delete;
 

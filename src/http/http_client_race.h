@@ -27,6 +27,7 @@ using http_client_race_callback = void (*)(unique_fd socket, int error, void *ar
 class http_client_race {
   public:
     http_client_race() = default;
+    ~http_client_race() = default;
     http_client_race(const http_client_race &) = delete;
     http_client_race &operator=(const http_client_race &) = delete;
 
