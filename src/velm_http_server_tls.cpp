@@ -291,8 +291,9 @@ void http_tls_begin(http_tls_stream *stream, bufferevent *bev)
     bio_ptr records{BIO_new(state.whole_records.get())};
     REQUIRE_MEMORY(records, "records");
     BIO_set_data(records.get(), stream);
-    BIO_set_app_data(records.get(),
-                     reinterpret_cast<void *>(static_cast<std::intptr_t>(stream->socket)));
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the place holds a pointer, and the number is all of it
+    void *const socket = reinterpret_cast<void *>(static_cast<std::intptr_t>(stream->socket));
+    BIO_set_app_data(records.get(), socket);
     BIO_set_init(records.get(), 1);
     BIO_up_ref(records.get());
     SSL_set0_wbio(stream->tls, records.get());

@@ -52,7 +52,9 @@ class spawn_settings {
     /// The shell's number; nothing when it could not be started, and errno.
     pid_t start(const char *command)
     {
-        std::string name{"sh"}, option{"-c"}, text{command};
+        std::string name{"sh"};
+        std::string option{"-c"};
+        std::string text{command};
         char *const arguments[] = {name.data(), option.data(), text.data(), nullptr};
         pid_t shell = 0;
         errno = posix_spawn(&shell, shell_path, &actions_, &attributes_, arguments, environ);
