@@ -53,7 +53,8 @@ bool parse_status_line(std::string_view line, int *minor_version, http_client_he
 bool add_header(std::string_view line, evkeyvalq *headers)
 {
     const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos || colon == 0 || line.find('\0') != std::string_view::npos) {
+    if (colon == std::string_view::npos || colon == 0 ||
+        line.find('\0') != std::string_view::npos) {
         return false;
     }
     const std::string name{line.substr(0, colon)};
