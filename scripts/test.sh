@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both and
-# reads the sources (scripts/lint.sh). On the first preset the end-to-end tests run again with phones
-# and a cloud that are strict about TLS.
+# reads the sources (scripts/lint.sh). On the first preset the end-to-end tests that make each
+# kind of connection run again with phones and a cloud that are strict about TLS.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
 # usage: scripts/test.sh [PRESET ...]      default: release asan
@@ -46,10 +46,10 @@ python_tests() { # PRESET NAME FOLDER [OPTION ...]
         --build="build/$1" --junitxml="$results/$2-$1.xml" "${@:3}"
 }
 
-# What these show does not depend on what a phone's TLS library is willing to do.
-without_phones=()
-for name in documents install ssdp start velmctl vendor_platform; do
-    without_phones+=("--ignore=tests/e2e/test_$name.py")
+# Each kind of connection: what these do not need, no other test needs.
+with_phones=()
+for name in tls round_trip android_remote http_api cloud_failures; do
+    with_phones+=("tests/e2e/test_$name.py")
 done
 
 storms() { # PRESET: three seeds at once, since they mostly wait
@@ -77,12 +77,10 @@ for preset in "${presets[@]}"; do
     step "unit tests, $preset" unit "$preset"
     step "end-to-end tests, $preset" python_tests "$preset" e2e tests/e2e
 done
-step "end-to-end tests with TLS 1.2 only, ${presets[0]}" \
-    python_tests "${presets[0]}" e2e-tls-1.2 tests/e2e --tls=1.2 "${without_phones[@]}"
-# What the default negotiates is TLS 1.3 too: each kind of connection once shows that no other is needed.
-step "end-to-end tests with TLS 1.3 only, ${presets[0]}" \
-    python_tests "${presets[0]}" e2e-tls-1.3 tests/e2e/test_tls.py --tls=1.3 \
-    tests/e2e/test_round_trip.py tests/e2e/test_android_remote.py tests/e2e/test_http_api.py
+for tls in 1.2 1.3; do
+    step "end-to-end tests with TLS $tls only, ${presets[0]}" \
+        python_tests "${presets[0]}" "e2e-tls-$tls" "${with_phones[@]}" "--tls=$tls"
+done
 step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"
 step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
