@@ -11,7 +11,7 @@ namespace {
 constexpr std::chrono::minutes minute{1};
 constexpr std::ptrdiff_t junk_of_one_in_a_minute = 10;
 constexpr std::chrono::hours hour{1};
-constexpr std::size_t junk_of_all_in_an_hour = 60;
+constexpr std::ptrdiff_t junk_of_all_in_an_hour = 60;
 constexpr std::size_t remembered_at_most = 1024;
 
 struct question {
@@ -48,9 +48,11 @@ bool is_shut_out(in_addr_t address)
     const auto last_minute = std::count_if(begin, end, [=](const question &one) {
         return one.address == address && counts(one, minute);
     });
+    const auto last_hour = std::count_if(begin, end, [](const question &one) { return !one.open; });
     return last_minute >= junk_of_one_in_a_minute ||
-           (state.questions.size() >= junk_of_all_in_an_hour &&
-            std::any_of(begin, end, [=](const question &one) { return one.address == address; }));
+           (last_hour >= junk_of_all_in_an_hour &&
+            std::any_of(begin, end,
+                        [=](const question &one) { return one.address == address && !one.open; }));
 }
 
 std::uint32_t remember(in_addr_t address)

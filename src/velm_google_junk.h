@@ -11,8 +11,9 @@
 ///
 /// An address that has sent 10 junk tokens within 60 s is not asked about until those are over. Once
 /// all addresses together have sent 60 within an hour, the same holds for each of them that sent any,
-/// until the hour is over. A question counts as junk from its asking until Google has answered, so
-/// that many at once gain nothing. At most 1024 questions are remembered, the oldest is forgotten.
+/// until the hour is over. For the minute a question counts as junk from its asking until Google has
+/// answered, so that many at once gain nothing; for the hour only what Google has refused. At most 1024
+/// questions are remembered, the oldest is forgotten.
 
 /// While one lives, Google is asked for the sake of this address: the calls between the check of a
 /// request and the question carry none. A question of nobody's is not counted.

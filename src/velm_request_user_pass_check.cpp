@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -9,6 +10,7 @@
 
 #include "crypto/common_crypto.h"
 #include "logger/common_logger.h"
+#include "velm_moment.h"
 #include "velm_request_input.h"
 #include "velm_request_preprocessor_record.h"
 #include "velm_user_auth_passwd.h"
@@ -28,7 +30,7 @@ constexpr login_policy policy{true, 5, 60};
 /// Wrong logins in a row.
 struct failure_series {
     int count = 0;
-    std::time_t first = 0;
+    velm_moment first;
 };
 
 /// A name that was given with a wrong password, whether an account has it or not. Its digest takes
@@ -58,19 +60,17 @@ std::time_t seconds_blocked(failure_series *series, const login_policy &rules)
     if (!rules.enabled || series->count < rules.max_failed_attempts) {
         return 0;
     }
-    const std::time_t end = series->first + rules.block_time_s;
-    const std::time_t now = std::time(nullptr);
-    if (now >= end || now < series->first) {
+    if (!velm_moment_is_within(series->first, std::chrono::seconds{rules.block_time_s})) {
         *series = {};
         return 0;
     }
-    return end - now;
+    return series->first.wall + rules.block_time_s - std::time(nullptr);
 }
 
 void count_failure(failure_series *series)
 {
     if (series->count == 0) {
-        series->first = std::time(nullptr);
+        series->first = velm_moment_now();
     }
     ++series->count;
 }

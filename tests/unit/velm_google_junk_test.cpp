@@ -137,6 +137,19 @@ TEST_F(GoogleJunk, AQuestionCountsUntilItIsAnswered)
     }
 }
 
+TEST_F(GoogleJunk, AnOpenQuestionIsNoJunkOfTheHour)
+{
+    for (unsigned number = 1; number <= 6; ++number) {
+        EXPECT_EQ(junk(number, 20), 10);
+    }
+    const auto first = velm_google_junk_admit(host(7));
+    const auto second = velm_google_junk_admit(host(7));
+    EXPECT_TRUE(first.has_value() && second.has_value()) << "two phones of one address at once";
+    velm_google_junk_settle(first.value_or(0), false);
+    velm_google_junk_settle(second.value_or(0), true);
+    EXPECT_FALSE(admitted(7)) << "one of them was junk";
+}
+
 TEST_F(GoogleJunk, WhatLiesInTheFutureWasLongAgo)
 {
     EXPECT_EQ(junk(1, 10), 10);

@@ -291,6 +291,16 @@ TEST_F(UserPassCheck, AClockThatWasSetBackBlocksNobody)
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN) << "counts as ever by the new time";
 }
 
+TEST_F(UserPassCheck, AClockThatIsSetBackALittleMakesNoBlockLonger)
+{
+    fail_at({0, 0, 0, 0, 0});
+    fake_clock_set(start_time + 3);
+    fake_clock_advance_steady(59);
+    EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
+    fake_clock_advance_steady(1);
+    EXPECT_EQ(login("admin", "right"), 0);
+}
+
 TEST_F(UserPassCheck, TheThrottleOutlivesAReload)
 {
     fail_at({0, 0, 0, 0, 0});
