@@ -48,6 +48,7 @@ namespace {
 
 constexpr char log_category[] = "IPC_CONN";
 constexpr steady_clock::duration patience = std::chrono::seconds{15};
+constexpr steady_clock::duration earned_by_packet = std::chrono::milliseconds{50};
 constexpr std::size_t read_chunk = 1024;
 constexpr std::size_t short_packet = 4096; // 26 requests
 // All the clients that there may be get half of the loop's time together.
@@ -244,6 +245,13 @@ void write_cb(evutil_socket_t, short events, void *context) noexcept
     }
 }
 
+/// A peer that reads steadily is waited for, however slow it is beside others; one that reads a packet
+/// now and then is not.
+void patience_earn(velm_conn *conn)
+{
+    conn->waited = std::max(conn->waited - earned_by_packet, steady_clock::duration::zero());
+}
+
 /// A peer that has read everything has all its patience again. Asked of one only that has waited.
 void patience_restore(velm_conn *conn)
 {
@@ -345,6 +353,7 @@ bool velm_conn_write(velm_conn *conn, std::span<const std::uint8_t> packet)
     }
     switch (packet_send(conn, packet)) {
     case sent::whole:
+        patience_earn(conn);
         return true;
     case sent::later:
         return packet_queue(conn, packet);

@@ -57,6 +57,7 @@ struct velm_ipc {
     std::uint64_t heard = 0;
     std::uint32_t request_seq = 0;
     std::uint32_t report_seq = 0;
+    bool has_reported = false; // since the last request came
     velm_ipc_cmd_handler handler = nullptr;
     velm_ipc_drained_handler drained_handler = nullptr;
 };
@@ -128,7 +129,9 @@ timeval timer_delay(const velm_ipc *server, timer_state wanted)
         return tick_interval;
     }
     const std::time_t left = server->requests.front().deadline - std::time(nullptr);
-    return {std::clamp(left + 1, std::time_t{1}, longest_sleep_s), 0};
+    // Who has its report waits for nothing more, though the request is kept until its time is over.
+    const std::time_t longest = server->has_reported ? longest_wait_s + 1 : longest_sleep_s;
+    return {std::clamp(left + 1, std::time_t{1}, longest), 0};
 }
 
 /// After every change that may make a tick due sooner, or not at all. One that is set for a request
@@ -159,6 +162,7 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
     }
     const std::uint32_t seq = ++server->request_seq;
     request_add(server, {conn, seq, id, deadline});
+    server->has_reported = false;
     const int taken =
         server->handler == nullptr ? 0 : server->handler(server, seq, type, payload, len);
     if (taken == 0) {
@@ -412,6 +416,7 @@ int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, s
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len)
 {
     int all_sent = 1;
+    server->has_reported = true;
     for (const connection &one : server->connections) {
         velm_conn *const conn = one.conn.get();
         if (velm_conn_is_closed(conn)) {

@@ -314,6 +314,17 @@ TEST_F(Ipc, WhileARequestWaitsTheClockIsLookedAtEveryThreeSeconds)
     EXPECT_EQ(respond(1), 1);
 }
 
+TEST_F(Ipc, ARequestWhoseReportHasComeWakesNobodyUntilItsTimeIsOver)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
+    turn_timer_on();
+    EXPECT_NEAR(timer_due(base).value_or(0), 601, 1);
+    EXPECT_EQ(respond(1), 1);
+}
+
 TEST_F(Ipc, TheTimerIsSetForTheMomentAtWhichTheOldestRequestHasWaitedTooLong)
 {
     const unique_fd client = connect();
