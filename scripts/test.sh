@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both and
 # reads the sources (scripts/lint.sh). On the first preset the end-to-end tests that make each
-# kind of connection run again with phones and a cloud that are strict about TLS.
+# kind of connection run again with phones and a cloud that are strict about TLS. Each step says how
+# long it took.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
 # usage: scripts/test.sh [PRESET ...]      default: release asan
@@ -18,13 +19,10 @@ failed_steps=()
 step() { # NAME COMMAND...: a step that fails is reported, and the others still run
     local name=$1
     shift
+    local begun=$SECONDS
     printf '\n== %s\n' "$name"
     "$@" || failed_steps+=("$name")
-}
-
-build() {
-    cmake --preset "$1" >"$results/configure-$1.log" 2>&1 || { cat "$results/configure-$1.log"; return 1; }
-    cmake --build --preset "$1" >"$results/build-$1.log" 2>&1 || { tail -n 100 "$results/build-$1.log"; return 1; }
+    printf '(%d s)\n' $((SECONDS - begun))
 }
 
 unit() {
@@ -48,7 +46,7 @@ python_tests() { # PRESET NAME FOLDER [OPTION ...]
 
 # Each kind of connection: what these do not need, no other test needs.
 with_phones=()
-for name in tls round_trip android_remote http_api cloud_failures; do
+for name in tls round_trip android_remote cloud_failures; do
     with_phones+=("tests/e2e/test_$name.py")
 done
 
@@ -73,7 +71,7 @@ soak() { # PRESET
 
 step "install what is missing" ./scripts/install-dependencies.sh
 for preset in "${presets[@]}"; do
-    step "build $preset" build "$preset"
+    step "build $preset" ./scripts/build.sh "$preset"
     step "unit tests, $preset" unit "$preset"
     step "end-to-end tests, $preset" python_tests "$preset" e2e tests/e2e
 done
