@@ -136,6 +136,9 @@ velm_pid_file claim_pid_file(const char *path)
         std::fprintf(stderr, "velmd: %s is held by pid %ld\n", path, claimed.holder);
         std::exit(EXIT_FAILURE);
     }
+    if (claimed.mode_was != 0) {
+        LOG_WARN("%s - %s had mode %o: now no more than 644", "daemonize", path, claimed.mode_was);
+    }
     return claimed;
 }
 

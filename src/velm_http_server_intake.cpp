@@ -29,6 +29,9 @@ constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;
 /// unread would reset the connection, and take from the client what it has not read yet.
 constexpr std::size_t max_thrown_away = 1024 * 1024;
 
+/// What the head of a refused request counts at most from then on.
+constexpr std::size_t refused_room_max = 32 * 1024;
+
 constexpr std::size_t growth_step = 4 * 1024; // of what is held
 constexpr std::size_t worth_giving_back = 512;
 
@@ -121,9 +124,11 @@ intake_result refuse(http_intake *intake, const char *reason, int status)
     ERR_clear_error(); // a client that cannot be told is closed without it
     shutdown(connection->sock, SHUT_WR);
     intake->phase = message_phase::refused;
-    // Its room stays, and counts: of many that are refused some are closed at once.
+    // It goes on counting: of many that are refused some are closed at once. Not in full, else one that
+    // is alone could lose its answer to the room of the TLS record that it is about to send.
+    intake->refused_room = std::min(intake->held.capacity(), refused_room_max);
     wipe(&intake->held);
-    intake->held.clear();
+    std::string{}.swap(intake->held);
     wipe(&intake->body);
     intake->body.clear();
     intake->lifted = {};
@@ -503,7 +508,7 @@ void http_intake_end(http_intake *intake)
 std::size_t http_intake_size(const http_intake *intake)
 {
     return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() +
-           intake->handed;
+           intake->handed + intake->refused_room;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

@@ -12,6 +12,8 @@
 #include <string>
 #include <utility>
 
+#include "cutils/file_mode.h"
+
 namespace {
 
 constexpr mode_t pid_file_mode = 0644;
@@ -43,7 +45,11 @@ velm_pid_file velm_pid_file_claim(const char *path)
     if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
         return {unique_fd{}, true, read_pid(absolute.c_str())};
     }
-    return ftruncate(file.get(), 0) == 0 ? velm_pid_file{std::move(file)} : velm_pid_file{};
+    if (ftruncate(file.get(), 0) != 0) {
+        return {};
+    }
+    const mode_t mode_was = file_mode_narrow(file.get(), pid_file_mode);
+    return {std::move(file), false, 0, mode_was};
 }
 
 bool velm_pid_file_write(const velm_pid_file &claimed)

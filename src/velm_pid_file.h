@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include "handles/fd.h"
 
 /// The pid file of a daemon in the background: "%ld\n", mode 0644. Whoever runs holds a lock on it for
@@ -10,11 +12,12 @@
 struct velm_pid_file {
     unique_fd file; // none: it cannot be opened, or another process holds it
     bool is_held_by_other = false;
-    long holder = 0; // its pid; 0 when the file does not say
+    long holder = 0;     // its pid; 0 when the file does not say
+    mode_t mode_was = 0; // when it granted more than 0644; 0 when it did not
 };
 
 /// Opens and locks the file, and empties it: its pid is nobody's now. A file that another process holds
-/// stays as it is. A relative path counts from "/". What is no regular file is not locked, nor is
+/// stays as it is; of one that is taken over no more is left of its mode than 0644. A relative path counts from "/". What is no regular file is not locked, nor is
 /// one of a file system without locks.
 [[nodiscard]] velm_pid_file velm_pid_file_claim(const char *path);
 

@@ -137,6 +137,20 @@ int nvram_committed_write(int directory, const nvram_committed &committed,
     return fsync(directory) == 0 ? 0 : errno;
 }
 
+int nvram_committed_take_live(int directory, const nvram_committed &committed,
+                              const std::string &boot_id, nvram_live &live,
+                              const nvram_settings &settings)
+{
+    const host_bytes bytes = nvram_file_make({committed.sequence + 1, {}}, settings);
+    if (committed.newest < 0 || committed.any_damaged() ||
+        bytes.size() > nvram_committed_size(directory)) {
+        return ENOSPC;
+    }
+    const char *const name = nvram_committed_names[slot_to_replace(committed)];
+    const int rc = nvram_live_become(directory, boot_id, live, settings, bytes, name);
+    return rc == 0 && fsync(directory) != 0 ? errno : rc;
+}
+
 std::size_t nvram_committed_size(int directory)
 {
     std::size_t size = 0;

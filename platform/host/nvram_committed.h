@@ -3,8 +3,10 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "nvram_format.h"
+#include "nvram_live.h"
 
 /// The committed settings: two files of which a commit replaces the older one, so the last finished
 /// commit is never touched by the next. The whole one with the higher sequence counts.
@@ -31,6 +33,13 @@ struct nvram_committed {
 /// "<name>.damaged". Needs the lock, and what read gave under it.
 [[nodiscard]] int nvram_committed_write(int directory, const nvram_committed &committed,
                                         const nvram_settings &settings);
+
+/// The same without any room: the live file becomes the new copy. ENOSPC when the other copy is
+/// shorter: later that one is the room in which the settings become smaller. Needs the lock, and
+/// what read gave under it.
+[[nodiscard]] int nvram_committed_take_live(int directory, const nvram_committed &committed,
+                                            const std::string &boot_id, nvram_live &live,
+                                            const nvram_settings &settings);
 
 /// The length of the longer copy.
 [[nodiscard]] std::size_t nvram_committed_size(int directory);

@@ -32,7 +32,7 @@ std::optional<std::uint64_t> sequence_now(const nvram_live &live)
         return std::nullopt;
     }
     const auto header = nvram_header_parse(bytes);
-    return header ? std::optional{header->sequence} : std::nullopt;
+    return header && !header->boot_id.empty() ? std::optional{header->sequence} : std::nullopt;
 }
 
 /// Notes which file it is that we hold.
@@ -72,7 +72,8 @@ nvram_live_fate live_parse(const host_bytes &bytes, const std::string &boot_id, 
                            nvram_settings &settings)
 {
     const auto header = nvram_header_parse(bytes);
-    if (!header) {
+    // Of no boot at all it is about to become a commit.
+    if (!header || header->boot_id.empty()) {
         return nvram_live_fate::lost;
     }
     live.sequence = header->sequence;
@@ -324,6 +325,31 @@ int nvram_live_shrink(int directory, const std::string &boot_id, nvram_live &liv
     return live.file && static_cast<off_t>(bytes.size()) < live.seen
                ? live_write_in_place(directory, live, bytes)
                : ENOSPC;
+}
+
+int nvram_live_become(int directory, const std::string &boot_id, nvram_live &live,
+                      const nvram_settings &settings, std::span<const std::uint8_t> bytes,
+                      const char *name)
+{
+    if (!live.file || !live.usable || static_cast<off_t>(bytes.size()) > live.seen) {
+        return ENOSPC;
+    }
+    const unique_fd file{
+        openat(directory, nvram_live_name, O_WRONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)};
+    if (!file) {
+        return errno;
+    }
+    int rc = file_write_in_place(file.get(), bytes);
+    if (rc == 0 &&
+        (fsync(file.get()) != 0 || renameat(directory, nvram_live_name, directory, name) != 0)) {
+        rc = errno;
+    }
+    if (rc == 0) {
+        live = {};
+    } else if (live_write_in_place(directory, live, live_bytes(live, boot_id, settings)) != 0) {
+        live.seen = -1; // to be read again
+    }
+    return rc;
 }
 
 int nvram_live_revert(int directory, const std::string &boot_id, nvram_live &live,

@@ -69,6 +69,14 @@ enum class nvram_live_fate {
 [[nodiscard]] int nvram_live_shrink(int directory, const std::string &boot_id, nvram_live &live,
                                     const nvram_settings &settings);
 
+/// Gives the file, whose settings these are, other bytes and another name, and syncs it: on a full
+/// disk a commit finds no other room. Then there is no live file. Without that room nothing is done;
+/// after another failure the file is as it was, if it can be written. Who is killed meanwhile takes
+/// all back to the last commit. Needs the lock.
+[[nodiscard]] int nvram_live_become(int directory, const std::string &boot_id, nvram_live &live,
+                                    const nvram_settings &settings,
+                                    std::span<const std::uint8_t> bytes, const char *name);
+
 /// Makes the committed settings count again, which are these. On a full disk it leaves no more of the
 /// file than a header that says so. Needs the lock.
 [[nodiscard]] int nvram_live_revert(int directory, const std::string &boot_id, nvram_live &live,

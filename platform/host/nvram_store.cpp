@@ -226,7 +226,9 @@ int nvram_store::write_committed(int directory, const nvram_committed &committed
     if (host_is_want_of_room(rc) && nvram_live_shrink(directory, boot_id_, live_, settings_) == 0) {
         rc = nvram_committed_write(directory, committed, settings_);
     }
-    return rc;
+    return host_is_want_of_room(rc)
+               ? nvram_committed_take_live(directory, committed, boot_id_, live_, settings_)
+               : rc;
 }
 
 int nvram_store::apply(std::span<const nvram_change> changes)

@@ -8,6 +8,7 @@ import re
 import secrets
 import socket
 import ssl
+import struct
 import tempfile
 import threading
 import time
@@ -82,8 +83,9 @@ class Cloud:
 
     `token`, `fcm` and `integrity` record what they are asked and are told how to answer.
     `certificate` names the server certificate; `handshakes` False accepts connections and never
-    speaks TLS: it says nothing, or, as long as the client stays, `flood` over and over. `negotiated` has the version and cipher of every connection; `broken` tells how those
-    ended that did not end well.
+    speaks TLS: it says nothing, or, as long as the client stays, `flood` over and over. When `hangs_up`
+    is "closes" or "resets", it ends the connection so at the greeting. `negotiated` has the version and
+    cipher of every connection; `broken` tells how those ended that did not end well.
     """
 
     def __init__(
@@ -114,6 +116,7 @@ class Cloud:
         self.certificate = "right"
         self.handshakes = True
         self.flood = b""
+        self.hangs_up = ""
         self.flooded = 0
         self.token_lifetime = 3600
         self.clock_offset = 0.0
@@ -184,8 +187,10 @@ class Cloud:
     def _serve_tls(self, raw: socket.socket) -> None:
         raw.settimeout(60)
         if not self.handshakes:
-            while raw.recv(4096):
+            while raw.recv(4096) and not self.hangs_up:
                 self._flood(raw)
+            if self.hangs_up == "resets":
+                raw.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             return
         context = self.certificates.contexts[self.certificate]
         # The plain socket stays this thread's own, so that it can be shut down from another.

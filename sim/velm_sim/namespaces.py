@@ -109,14 +109,15 @@ class Network:
     """The wires of one access point.
 
     `ap` owns the LAN bridge br0 (192.168.1.1/24) with the phone's port in it and an uplink
-    (198.51.100.2/24); `phone` answers to 192.168.1.50 .. .59; `cloud` is 198.51.100.1. Routes lead
-    both ways. Names carry the pid and a number, so that several run side by side.
+    (198.51.100.2/24); `phone` answers to 192.168.1.50 .. .59; `cloud` is 198.51.100.1, and also
+    198.51.100.3, where nobody listens until a test does. Routes lead both ways. Names carry the pid and a number, so that several run side by side.
     """
 
     AP_ADDRESS = "192.168.1.1"
     PHONE_ADDRESSES = tuple(f"192.168.1.{host}" for host in range(50, 60))
     CLOUD_ADDRESS = "198.51.100.1"
     UPLINK_ADDRESS = "198.51.100.2"
+    OTHER_CLOUD_ADDRESS = "198.51.100.3"
     NOBODY_ADDRESS = "198.51.100.66"  # on the uplink; who connects to it hears nothing
     CLOUD_IPV6 = "2001:db8:6::1"
     UPLINK_IPV6 = "2001:db8:6::2"
@@ -157,6 +158,7 @@ class Network:
         )
         self.cloud.batch(
             f"addr add {self.CLOUD_ADDRESS}/24 dev eth0\n"
+            f"addr add {self.OTHER_CLOUD_ADDRESS}/24 dev eth0\n"
             f"link set eth0 up\nroute add 192.168.1.0/24 via {self.UPLINK_ADDRESS}\n"
         )
 

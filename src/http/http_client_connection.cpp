@@ -54,6 +54,11 @@ bool http_client_connection::lead_to(event_base *base, const http_client_target 
     return true;
 }
 
+bool http_client_connection::needs_tls() const
+{
+    return target_.scheme == http_client_scheme::https && tls_ == nullptr;
+}
+
 /// With the context of now, whatever replaces it meanwhile.
 bool http_client_connection::make_tls()
 {
@@ -78,7 +83,7 @@ void http_client_connection::begin()
         watch(EV_WRITE);
         return;
     }
-    if (target_.scheme == http_client_scheme::https && tls_ == nullptr && !make_tls()) {
+    if (needs_tls() && !make_tls()) {
         finish(EVREQ_HTTP_EOF);
         return;
     }
@@ -98,21 +103,35 @@ void http_client_connection::on_addresses(std::span<const http_client_address> a
     self->step_ = step::connecting;
     self->race_ = std::make_unique<http_client_race>();
     self->race_->start(self->base_, {addresses.begin(), addresses.end()}, self->target_.port,
-                       on_connected, self);
+                       open_stream, on_connected, self);
 }
 
-void http_client_connection::on_connected(unique_fd socket, int error, void *argument) noexcept
+/// The first one takes the TLS object that was made beforehand.
+std::unique_ptr<http_client_stream> http_client_connection::open_stream(unique_fd socket,
+                                                                        void *argument)
 {
     auto *const self = static_cast<http_client_connection *>(argument);
-    if (!socket) {
+    if (self->needs_tls() && !self->make_tls()) {
+        return nullptr;
+    }
+    return std::make_unique<http_client_stream>(std::move(socket), std::move(self->tls_));
+}
+
+void http_client_connection::on_connected(std::unique_ptr<http_client_stream> stream,
+                                          http_client_io handshake, int error,
+                                          void *argument) noexcept
+{
+    auto *const self = static_cast<http_client_connection *>(argument);
+    if (stream == nullptr) {
         LOG_WARN("%s - cannot connect to %s: %s", __func__, self->peer_.host.c_str(),
                  std::strerror(error));
         self->finish(http_client_not_connected);
         return;
     }
-    self->stream_ = std::make_unique<http_client_stream>(std::move(socket), std::move(self->tls_));
-    self->step_ = step::shaking_hands;
-    self->watch(EV_WRITE); // it can be written to at once; then the loop has turned
+    self->stream_ = std::move(stream);
+    self->step_ = handshake == http_client_io::done ? step::sending : step::shaking_hands;
+    // It can be written to at once; then the loop has turned.
+    self->await(handshake == http_client_io::done ? http_client_io::wants_to_write : handshake);
 }
 
 void http_client_connection::watch(short events)
@@ -140,7 +159,12 @@ void http_client_connection::advance()
         return;
     }
     stream_->begin_turn();
-    switch (take_step()) {
+    await(take_step());
+}
+
+void http_client_connection::await(http_client_io result)
+{
+    switch (result) {
     case http_client_io::done:
         return; // its answer is whole
     case http_client_io::wants_to_read:

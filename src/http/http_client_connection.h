@@ -73,12 +73,16 @@ class http_client_connection {
 
     static void on_addresses(std::span<const http_client_address> addresses,
                              void *argument) noexcept;
-    static void on_connected(unique_fd socket, int error, void *argument) noexcept;
+    static std::unique_ptr<http_client_stream> open_stream(unique_fd socket, void *argument);
+    static void on_connected(std::unique_ptr<http_client_stream> stream, http_client_io handshake,
+                             int error, void *argument) noexcept;
     static void on_ready(evutil_socket_t fd, short events, void *argument) noexcept;
     static void on_next_turn(evutil_socket_t fd, short events, void *argument) noexcept;
+    [[nodiscard]] bool needs_tls() const;
     bool make_tls();
     void begin();
     void advance();
+    void await(http_client_io result);
     http_client_io take_step();
     http_client_io send_some();
     http_client_io receive_some();

@@ -48,6 +48,7 @@ std::size_t allowed(http_client_intake *intake)
 
 void take(http_client_intake *intake, const char *bytes, std::size_t size)
 {
+    intake->heard = true;
     intake->bytes_left -= size;
     if (intake->head_read == 0) {
         --intake->records_left;

@@ -23,6 +23,7 @@ struct http_client_intake {
     std::size_t bytes_left = 0; // in this turn
     int without_data = 0;       // records in a row
     bool flooded = false;       // too many of them
+    bool heard = false;         // anything at all
     bool ended = false;
     std::array<unsigned char, 5> head{}; // of the record that is being read
     std::size_t head_read = 0;
@@ -76,6 +77,11 @@ class http_client_stream {
     [[nodiscard]] bool flooded() const
     {
         return intake_.flooded;
+    }
+    /// Whether the server has said anything in TLS.
+    [[nodiscard]] bool has_heard() const
+    {
+        return intake_.heard;
     }
     [[nodiscard]] bool is_tls() const
     {

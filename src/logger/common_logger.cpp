@@ -178,9 +178,20 @@ void begin_configuration()
     state.file_max_size = log_file_default_max_size;
 }
 
+void narrow_log_file()
+{
+    constexpr char log_category[] = "common_logger";
+    const mode_t mode_was = state.to_file ? log_file_narrow(state.file_name.c_str()) : 0;
+    if (mode_was != 0) {
+        LOG_WARN("%s - %s had mode %o: now no more than 640", __func__, state.file_name.c_str(),
+                 mode_was);
+    }
+}
+
 void after_reconfiguration()
 {
     open_or_close_syslog();
+    narrow_log_file();
     if (state.observer != nullptr && state.observer->reconfigured != nullptr) {
         state.observer->reconfigured();
     }

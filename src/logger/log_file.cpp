@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "cutils/file_mode.h"
 #include "handles/fd.h"
 
 namespace {
@@ -48,11 +49,19 @@ void empty(int file, int error)
     }
 }
 
+using previous_name = std::array<char, log_file_name_max + sizeof ".1">;
+
+previous_name name_of_previous(const char *name)
+{
+    previous_name previous{};
+    std::snprintf(previous.data(), previous.size(), "%s.1", name);
+    return previous;
+}
+
 /// The file to go on with.
 unique_fd begin_anew(const char *name, unique_fd file, const struct stat &found)
 {
-    std::array<char, log_file_name_max + sizeof ".1"> previous{};
-    std::snprintf(previous.data(), previous.size(), "%s.1", name);
+    const previous_name previous = name_of_previous(name);
     if (is_still_there(name, found) && ::rename(name, previous.data()) != 0) {
         empty(file.get(), errno);
         return file;
@@ -70,6 +79,15 @@ bool log_file_append(const char *name, std::uint64_t max_size, std::string_view 
         file = begin_anew(name, std::move(file), found);
     }
     return file && log_file_write_all(file.get(), line);
+}
+
+mode_t log_file_narrow(const char *name)
+{
+    const previous_name previous = name_of_previous(name);
+    const unique_fd before{::open(previous.data(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    const unique_fd file{::open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    file_mode_narrow(before.get(), log_file_mode);
+    return file_mode_narrow(file.get(), log_file_mode);
 }
 
 bool log_file_write_all(int file, std::string_view text)

@@ -321,6 +321,48 @@ def test_an_uplink_with_ipv6_alone_is_enough(
         pushed_by_dns(cold_access_point, network, cloud, addresses, Network.CLOUD_IPV6)
 
 
+@pytest.fixture
+def bad_address(network: Network, cloud: Cloud) -> Iterator[Cloud]:
+    """Another address of the cloud, where a test tells what becomes of a client's greeting."""
+    made = Cloud(network.cloud, Network.OTHER_CLOUD_ADDRESS, cloud.certificates, cloud.account)
+    made.handshakes = False
+    made.start()
+    yield made
+    made.stop()
+
+
+@pytest.mark.parametrize("hangs_up", ["", "closes", "resets"], ids=["is silent", "closes", "resets"])
+def test_an_address_of_the_cloud_is_left_for_the_next_when_at_a_greeting_it(
+    hangs_up: str, cold_access_point: AccessPoint, cloud: Cloud, bad_address: Cloud
+) -> None:
+    bad_address.hangs_up = hangs_up
+    both = [Network.OTHER_CLOUD_ADDRESS, Network.CLOUD_ADDRESS]
+    cold_access_point.etc.set_hosts(dict.fromkeys(HOSTS, both))
+    cold_access_point.start()
+    phone = cold_access_point.phone()
+    assert phone.pair().status == 200
+    with IpcClient(cold_access_point.socket_path) as ipc:
+        ipc.request()
+        cloud.fcm.wait(timeout=8)
+        assert_still_serving(cold_access_point, phone, ipc)
+    assert bad_address.connections == 2, "for the token and for the push"
+    assert not cloud.refusals
+
+
+def test_a_certificate_that_is_refused_is_an_answer(
+    cold_access_point: AccessPoint, cloud: Cloud, bad_address: Cloud
+) -> None:
+    bad_address.handshakes, bad_address.certificate = True, "self_signed"
+    both = [Network.OTHER_CLOUD_ADDRESS, Network.CLOUD_ADDRESS]
+    cold_access_point.etc.set_hosts(dict.fromkeys(HOSTS, both))
+    cold_access_point.start()
+    assert cold_access_point.phone().pair().status == 200
+    with IpcClient(cold_access_point.socket_path) as ipc:
+        ipc.request()
+        cold_access_point.daemon.wait_log("http request failed: -2")
+    assert (bad_address.connections, cloud.connections) == (1, 0)
+
+
 @contextlib.contextmanager
 def served_over_ipv6(cloud: Cloud) -> Iterator[None]:
     cloud.stop()

@@ -177,6 +177,35 @@ def test_files_have_their_modes_whatever_the_mask_of_the_caller(
     }
 
 
+def mode_of(path: Path) -> str:
+    return f"{stat.S_IMODE(path.stat().st_mode):o}"
+
+
+def test_files_that_everybody_could_write_to_are_the_daemons_own_again(
+    cold_access_point: AccessPoint,
+) -> None:
+    daemon = cold_access_point.prepare(daemonize=True)
+    previous = daemon.log_file.with_name(f"{daemon.log_file.name}.1")
+    left = [cold_access_point.pid_file, daemon.log_file, previous]
+    for path in left:
+        path.write_text("of an earlier run\n")
+        path.chmod(0o666)
+    daemon.start()
+    daemon.wait_until_serving()
+    assert [mode_of(path) for path in left] == ["644", "640", "640"]
+    log = daemon.log()
+    assert log.count(" had mode 666: now no more than ") == 2
+    # One that its owner has made narrower stays so, and nothing is said.
+    daemon.log_file.chmod(0o600)
+    mark = daemon.log_mark()
+    cold_access_point.reload()
+    assert mode_of(daemon.log_file) == "600"
+    assert "had mode" not in daemon.log(mark)
+    daemon.log_file.chmod(0o666)
+    cold_access_point.reload()
+    assert mode_of(daemon.log_file) == "640"
+
+
 @pytest.mark.parametrize("form", ["apart", "together"])
 def test_the_registration_starts_it_again_from_anywhere(
     form: str, cold_access_point: AccessPoint

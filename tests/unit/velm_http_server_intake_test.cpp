@@ -363,6 +363,43 @@ TEST_F(Intake, ARefusedClientThatSendsOnCanStillReadWhy)
     EXPECT_EQ(log.count("refuse - "), 1);
 }
 
+/// A TLS record with these bytes, as the client would send it next.
+string record_of(SSL *tls, const string &bytes)
+{
+    BIO *const socket = SSL_get_wbio(tls);
+    BIO_up_ref(socket);
+    const bio_ptr memory{BIO_new(BIO_s_mem())};
+    BIO_up_ref(memory.get());
+    SSL_set0_wbio(tls, memory.get());
+    EXPECT_EQ(SSL_write(tls, bytes.data(), static_cast<int>(bytes.size())),
+              static_cast<int>(bytes.size()));
+    char *record = nullptr;
+    const long size = BIO_get_mem_data(memory.get(), &record);
+    const string made{record, static_cast<std::size_t>(size)};
+    SSL_set0_wbio(tls, socket);
+    return made;
+}
+
+TEST_F(Intake, ARefusedClientThatIsAloneKeepsItsAnswerWhileItsNextRecordIsOnTheWay)
+{
+    serve();
+    const auto peer = connected();
+    string head{"GET /now HTTP/1.1\r\n"};
+    while (head.size() <= std::size_t{64} * 1024) {
+        head += "X: y\r\n";
+    }
+    peer->send(head);
+    ASSERT_TRUE(turn_until(loop, [this] { return log.contains("head too long"); }));
+    const string next = record_of(peer->tls(), string(16384, 'x'));
+    ASSERT_EQ(::send(peer->fd(), next.data(), next.size() - 1, 0),
+              static_cast<ssize_t>(next.size()) - 1);
+    turn_for(loop, 20ms);
+    EXPECT_EQ(http_connections_count(), 1U);
+    EXPECT_FALSE(log.contains("together they hold"));
+    ASSERT_EQ(::send(peer->fd(), &next.back(), 1, 0), 1);
+    EXPECT_EQ(peer->receive().status, 431);
+}
+
 TEST_F(Intake, ARefusedClientThatHasEndedAlreadyIsToldTooAndClosedAtOnce)
 {
     http_connection_limits limits;

@@ -348,6 +348,82 @@ INSTANTIATE_TEST_SUITE_P(Groups, HttpClientTlsGroup,
                                          group_case{"ffdhe2048", TLS1_3_VERSION, false},
                                          group_case{"ffdhe8192", TLS1_3_VERSION, false}));
 
+/// The host has a second address, which nobody else uses and which is asked first.
+class HttpClientTwoAddresses : public HttpClientTls {
+  protected:
+    HttpClientTwoAddresses()
+    {
+        write_file("hosts", "127.0.0.2 cloud.example.test\n127.0.0.1 cloud.example.test\n");
+        http_client_dns_reload();
+        set_up();
+        context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+        server.emplace(base, context.get());
+    }
+
+    [[nodiscard]] evconnlistener_ptr listen_at_the_first(evconnlistener_cb accepted, void *argument)
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+        address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(server->port())));
+        return evconnlistener_ptr{
+            evconnlistener_new_bind(base, accepted, argument, LEV_OPT_CLOSE_ON_FREE, 16,
+                                    reinterpret_cast<sockaddr *>(&address), sizeof address)};
+    }
+
+    [[nodiscard]] http_client_request_data to_the_host() const
+    {
+        return request("https://cloud.example.test:" + server->port() + "/");
+    }
+};
+
+TEST_F(HttpClientTwoAddresses, AnAddressThatHangsUpOnTheGreetingIsLeftForTheOther)
+{
+    int hung_up = 0;
+    const evconnlistener_ptr first = listen_at_the_first(
+        [](evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *argument) {
+            ++*static_cast<int *>(argument);
+            evutil_closesocket(fd);
+        },
+        &hung_up);
+    const test_outcome outcome = fetch(HTTP_CLIENT_GET, to_the_host());
+    EXPECT_EQ(outcome.code, 200);
+    EXPECT_EQ(outcome.calls, 1);
+    EXPECT_EQ(hung_up, 1);
+    EXPECT_EQ(server->server_names, std::vector<std::string>{"cloud.example.test"});
+}
+
+TEST_F(HttpClientTwoAddresses, AnAddressThatIsSilentIsLeftForTheOther)
+{
+    std::vector<unique_fd> taken;
+    const evconnlistener_ptr first = listen_at_the_first(
+        [](evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *argument) {
+            static_cast<std::vector<unique_fd> *>(argument)->emplace_back(fd);
+        },
+        &taken);
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, to_the_host()).code, 200);
+    EXPECT_EQ(taken.size(), 1U);
+}
+
+TEST_F(HttpClientTwoAddresses, ACertificateThatIsRefusedIsAnAnswer)
+{
+    ssl_ctx_ptr strange = make_server_context(make_test_certificate({}));
+    struct {
+        SSL_CTX *context;
+        std::vector<bufferevent_handle> peers;
+    } impostor{strange.get(), {}};
+    const evconnlistener_ptr first = listen_at_the_first(
+        [](evconnlistener *, evutil_socket_t fd, sockaddr *, int, void *argument) {
+            auto *const self = static_cast<decltype(impostor) *>(argument);
+            self->peers.emplace_back(
+                bufferevent_openssl_socket_new(base, fd, SSL_new(self->context),
+                                               BUFFEREVENT_SSL_ACCEPTING, BEV_OPT_CLOSE_ON_FREE));
+        },
+        &impostor);
+    expect_refused(fetch(HTTP_CLIENT_GET, to_the_host()), "Error", "cloud.example.test", "/O=test");
+    EXPECT_EQ(server->connections, 0);
+}
+
 TEST_F(HttpClientTls, AnAnswerInRecordsOfOneByteIsServedUpToItsLimit)
 {
     set_up();

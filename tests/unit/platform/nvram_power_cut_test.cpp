@@ -1,6 +1,7 @@
 /// The machine loses its power at each step that a commit makes. This program's own write, fsync and
 /// renameat stand in for the C library's: they count the steps, and at the chosen one what was
-/// written or renamed but not synced is lost, wholly, in part or not at all.
+/// written or renamed but not synced is lost, wholly, in part or not at all. On a full disk they
+/// refuse to write a new file.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +29,7 @@ struct unsynced_file {
     int file;
     ino_t inode;
     off_t synced_size;
+    std::string before; // its bytes when it was written to first
 };
 struct unsynced_rename {
     int directory;
@@ -37,6 +41,7 @@ struct machine {
     int steps_left = 0;
     loss data = loss::everything;
     bool renames_stay = false;
+    bool disk_is_full = false;
     bool acknowledged = false;
     std::vector<unsynced_file> files;
     std::vector<unsynced_rename> renames;
@@ -45,6 +50,26 @@ machine power;
 
 constexpr int status_cut = 77;
 constexpr int status_cut_after_acknowledging = 78;
+
+void lose_what_was_written_over(const unsynced_file &file, off_t size)
+{
+    const std::size_t over = std::min(file.before.size(), static_cast<std::size_t>(size));
+    std::size_t from = 0;
+    switch (power.data) {
+    case loss::everything:
+        break;
+    case loss::second_half:
+        from = over / 2;
+        break;
+    case loss::nothing:
+        from = over;
+        break;
+    }
+    if (pwrite(file.file, file.before.data() + from, over - from, static_cast<off_t>(from)) !=
+        static_cast<ssize_t>(over - from)) {
+        std::abort();
+    }
+}
 
 void lose_data(const unsynced_file &file)
 {
@@ -67,6 +92,7 @@ void lose_data(const unsynced_file &file)
                             ftruncate(file.file, found.st_size) != 0)) {
         std::abort();
     }
+    lose_what_was_written_over(file, found.st_size);
 }
 
 void lose_rename(const unsynced_rename &rename)
@@ -102,8 +128,16 @@ void note_write(int fd)
     if (!known) {
         // Opened anew: the caller's may be write-only and closed before the cut.
         const std::string path = "/proc/self/fd/" + std::to_string(fd);
-        power.files.push_back({open(path.c_str(), O_RDWR), found.st_ino, found.st_size});
+        power.files.push_back(
+            {open(path.c_str(), O_RDWR), found.st_ino, found.st_size, bytes_of(path)});
     }
+}
+
+bool is_new_file(int fd)
+{
+    const std::string path =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).string();
+    return path.ends_with(".tmp");
 }
 
 void note_sync(int fd)
@@ -130,6 +164,10 @@ extern "C" ssize_t write(int fd, const void *bytes, size_t count)
 {
     if (power.watching) {
         step();
+        if (power.disk_is_full && is_new_file(fd)) {
+            errno = ENOSPC;
+            return -1;
+        }
         note_write(fd);
     }
     return syscall(SYS_write, fd, bytes, count);
@@ -223,6 +261,58 @@ TEST_P(PowerCut, AtEachStepOfACommitOverADamagedCopyLeavesTheOldOrTheNewOne)
     expect_old_or_new_at_each_step([](const store_directory &directory) {
         put_bytes(directory.file("committed.0"), "damaged");
     });
+}
+
+const plain_settings three_settings{
+    {"a", std::string(3000, 'a')}, {"b", std::string(3000, 'b')}, {"c", std::string(3000, 'c')}};
+const plain_settings two_settings{{"a", std::string(3000, 'a')}, {"b", std::string(3000, 'b')}};
+
+/// Takes a value away and commits, where no new file can be written and there is one commit.
+int commit_less_until_cut(const store_directory &directory, const cut_case &row, int steps)
+{
+    nvram_store store{directory.path(), this_boot};
+    (void)store.find("a");
+    power.data = row.data;
+    power.renames_stay = row.renames_stay;
+    power.disk_is_full = true;
+    power.steps_left = steps;
+    power.watching = true;
+    power.acknowledged = unset(store, "c") == 0 && store.commit() == 0;
+    if (power.acknowledged) {
+        power.steps_left = 0;
+        step();
+    }
+    return 1;
+}
+
+TEST_P(PowerCut, AtEachStepOfACommitOnAFullDiskLeavesTheOldOrTheNewOne)
+{
+    int status = status_cut;
+    int steps = 0;
+    for (; status == status_cut; ++steps) {
+        const store_directory directory;
+        {
+            nvram_store store{directory.path(), this_boot};
+            ASSERT_EQ(set(store, three_settings), 0);
+            ASSERT_EQ(store.commit(), 0);
+        }
+        status = in_process(
+            [&directory, steps] { return commit_less_until_cut(directory, GetParam(), steps); });
+        if (GetParam().data == loss::nothing &&
+            GetParam().renames_stay) { // nobody but the writer died
+            const plain_settings now = seen_now(directory);
+            ASSERT_TRUE(now == three_settings || now == two_settings) << "killed at step " << steps;
+            nvram_store next{directory.path(), this_boot};
+            ASSERT_EQ(set(next, {{"d", "4"}}), 0) << "killed at step " << steps;
+            ASSERT_EQ(seen_now(directory).count("d"), 1U);
+        }
+        const plain_settings settings = seen_after_power_cut(directory);
+        ASSERT_TRUE(settings == two_settings ||
+                    (settings == three_settings && status == status_cut))
+            << "cut before step " << steps;
+    }
+    EXPECT_EQ(status, status_cut_after_acknowledging);
+    EXPECT_GE(steps, 7) << "two writes in place, sync, rename and sync are steps of their own";
 }
 
 INSTANTIATE_TEST_SUITE_P(Losses, PowerCut,

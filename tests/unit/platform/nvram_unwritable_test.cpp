@@ -106,6 +106,75 @@ TEST_F(Unwritable, DiskThatIsFullNoMoreTakesSetsAndCommitsAgain)
               0);
 }
 
+/// Three values with one commit, and not a page that is free.
+int fill_with_one_commit(const store_directory &directory, nvram_store &store)
+{
+    int failed = 0;
+    CLAIM(set(store, {{"a", page}, {"b", page}, {"c", page}}) == 0);
+    CLAIM(store.commit() == 0);
+    put_bytes(directory.file("ballast"), std::string(200000, 'b'));
+    CLAIM(set(store, {{"more", page}}) == ENOSPC);
+    return failed;
+}
+
+TEST_F(Unwritable, ShorterCommitNeedsNoRoomAlsoWhenItIsTheSecondOne)
+{
+    ASSERT_EQ(in_process([this] {
+                  if (!mount_small(directory, "size=64k")) {
+                      std::perror("mount");
+                      return 9;
+                  }
+                  nvram_store store{directory.path(), this_boot};
+                  int failed = fill_with_one_commit(directory, store);
+                  nvram_store daemon{directory.path(), this_boot}; // has read it before
+                  CLAIM(all_of(daemon).size() == 3);
+                  for (const char *const name : {"a", "b", "c"}) {
+                      plain_settings left = all_of(store);
+                      left.erase(name);
+                      CLAIM(unset(store, name) == 0);
+                      CLAIM(all_of(daemon) == left);
+                      CLAIM(store.commit() == 0);
+                      CLAIM(store.commit() == 0); // once more, with nothing new
+                      CLAIM(store.revert() == 0);
+                      CLAIM(all_of(store) == left);
+                      CLAIM(all_of(daemon) == left);
+                      CLAIM(seen_now(directory) == left);
+                      CLAIM(seen_after_power_cut(directory) == left);
+                  }
+                  unlink(directory.file("ballast").c_str());
+                  CLAIM(set(daemon, {{"d", page}}) == 0);
+                  CLAIM(all_of(store) == (plain_settings{{"d", page}}));
+                  CLAIM(daemon.commit() == 0);
+                  CLAIM(seen_after_power_cut(directory) == (plain_settings{{"d", page}}));
+                  return failed;
+              }),
+              0);
+}
+
+TEST_F(Unwritable, CommitThatIsRefusedOnAFullDiskLeavesRoomToBecomeSmaller)
+{
+    ASSERT_EQ(in_process([this] {
+                  if (!mount_small(directory, "size=64k")) {
+                      std::perror("mount");
+                      return 9;
+                  }
+                  int failed = 0;
+                  nvram_store store{directory.path(), this_boot};
+                  CLAIM(set(store, {{"a", "1"}}) == 0);
+                  CLAIM(store.commit() == 0);
+                  CLAIM(set(store, {{"b", page}, {"c", page}}) == 0);
+                  put_bytes(directory.file("ballast"), std::string(200000, 'b'));
+                  CLAIM(store.commit() == ENOSPC); // longer than any before
+                  CLAIM(unset(store, "b") == 0);
+                  CLAIM(seen_now(directory) == (plain_settings{{"a", "1"}, {"c", page}}));
+                  CLAIM(unset(store, "c") == 0);
+                  CLAIM(store.commit() == 0);
+                  CLAIM(seen_after_power_cut(directory) == (plain_settings{{"a", "1"}}));
+                  return failed;
+              }),
+              0);
+}
+
 TEST_F(Unwritable, ReadOnlyStoreIsReadAndRefusesSetsAndCommits)
 {
     ASSERT_EQ(in_process([this] {
