@@ -99,6 +99,7 @@ def _ask_with_push_fault(world: World, ask: Callable[[], int], fault: str, which
         world.drain()
         step_info(world, 0)  # the loop does not wait with it
     world.log.wait(PUSH_ANSWERED, len(live), GIVEN_UP + len(live))
+    world.see_pushes()
     if fault == "fcm 401":
         # The next phone of the row asks for a new token, or the next push does.
         more = struck + 1 < len(live)

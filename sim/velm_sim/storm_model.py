@@ -166,6 +166,21 @@ class Model:
         self.due = {number: begin + place + 1 for place, number in enumerate(live)}
         self.pushes += [slot["push_token"] for slot in self.live()]
 
+    def may_push(self) -> bool:
+        """Something may leave that is not certain: also to a phone that pairs in a slot, left by
+        another, before its push is due."""
+        return bool(self.perhaps or self.due)
+
+    def push_came(self, token: str) -> None:
+        """The slot that holds the token has had its push."""
+        held = [None if slot is None else slot["push_token"] for slot in self.slots]
+        self.due = {slot: at for slot, at in self.due.items() if held[slot] != token}
+
+    def forget_pushes(self) -> None:
+        """None may leave any more."""
+        self.perhaps.clear()
+        self.due.clear()
+
     def asks_for_push(self) -> bool:
         """A request of a local client leads to pushes now."""
         if not self.live() or self.pushed_lately():
