@@ -75,7 +75,7 @@ def google_agrees(
     if cut_off:
         cleanup.enter_context(world.cloud_fault(google, "other_ca"))
     if needs_token:
-        model.integrity_token = AccessToken(None if cut_off else model.moment)
+        model.integrity_token = AccessToken() if cut_off else AccessToken.fresh(model.moment)
         if cut_off:
             return False
         model.token_requests += 1
@@ -84,7 +84,7 @@ def google_agrees(
     model.integrity_requests += 1
     if google not in GOOGLE_ANSWERS:
         if not good:
-            model.junk.sent.append((sender, model.moment))
+            model.junk.add(sender, model.moment)
         return good
     world.cloud.integrity.answer_next(GOOGLE_ANSWERS[google])
     model.google_exhausted = google == "429"
