@@ -20,6 +20,17 @@ struct module_state {
 };
 module_state state;
 
+/// Each accepted socket has it from the listening one. The kernel doubles what it is told, for what it
+/// needs itself.
+void limit_buffer(int which, const char *name, int size)
+{
+    const int told = size / 2;
+    if (setsockopt(evconnlistener_get_fd(state.listener), SOL_SOCKET, which, &told, sizeof told) !=
+        0) {
+        LOG_WARN("%s - setsockopt(%s): %s", __func__, name, std::strerror(errno));
+    }
+}
+
 void pause(const timeval &length)
 {
     evconnlistener_disable(state.listener);
@@ -50,14 +61,8 @@ void http_listener_open(evhtp_t *htp, const timeval &rest)
     state.listener_wake.reset(evtimer_new(htp->evbase, on_listener_wake, nullptr));
     REQUIRE_MEMORY(state.listener_wake, "listener_wake");
     evconnlistener_set_error_cb(state.listener, on_accept_error);
-    // Each accepted socket has it from the listening one. The kernel doubles what it is told, for what
-    // it needs itself.
-    constexpr int size = http_listener_send_buffer / 2;
-    const int rc = setsockopt(evconnlistener_get_fd(state.listener), SOL_SOCKET, SO_SNDBUF, &size,
-                              sizeof size);
-    if (rc != 0) {
-        LOG_WARN("%s - setsockopt(SO_SNDBUF): %s", __func__, std::strerror(errno));
-    }
+    limit_buffer(SO_SNDBUF, "SO_SNDBUF", http_listener_send_buffer);
+    limit_buffer(SO_RCVBUF, "SO_RCVBUF", http_listener_receive_buffer);
 }
 
 void http_listener_close()

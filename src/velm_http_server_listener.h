@@ -11,9 +11,12 @@
 /// it takes them: so after this number it waits for the next turn.
 inline constexpr unsigned http_listener_turn = 8;
 
-/// What of a reply may wait in the kernel for its client to read it, of one connection. A reply has
-/// hundreds of bytes; left to itself the kernel takes 4 MB.
+/// What may wait in the kernel, of one connection: replies until their client reads them, and what the
+/// client sent until it is read here. A reply has hundreds of bytes. The longest request has 41 kB, but
+/// what has come is read at once; the first window has room for all that TCP sends before the first
+/// acknowledgement. Left to itself the kernel takes 4 MB each way.
 inline constexpr int http_listener_send_buffer = 32 * 1024;
+inline constexpr int http_listener_receive_buffer = 32 * 1024;
 
 /// The instance has been bound. `rest` is how long the listener rests when accepting fails.
 void http_listener_open(evhtp_t *htp, const timeval &rest);

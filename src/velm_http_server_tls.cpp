@@ -188,12 +188,16 @@ int socket_of(BIO *bio)
     return static_cast<int>(reinterpret_cast<std::intptr_t>(BIO_get_app_data(bio)));
 }
 
+/// Without MSG_EOR the kernel appends to what it has not sent yet, up to 64 KiB, and looks at the limit
+/// of the send buffer only before it begins a new piece.
+constexpr int send_flags = MSG_NOSIGNAL | MSG_EOR;
+
 /// OpenSSL writes.
 int on_bio_write(BIO *bio, const char *from, int size) noexcept
 {
     auto *const stream = static_cast<http_tls_stream *>(BIO_get_data(bio));
     BIO_clear_flags(bio, BIO_FLAGS_RWS | BIO_FLAGS_SHOULD_RETRY);
-    const ssize_t sent = send(socket_of(bio), from, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    const ssize_t sent = send(socket_of(bio), from, static_cast<std::size_t>(size), send_flags);
     const bool waits = sent < 0 && (errno == EAGAIN || errno == EINTR);
     if (waits) {
         BIO_set_flags(bio, BIO_FLAGS_WRITE | BIO_FLAGS_SHOULD_RETRY);

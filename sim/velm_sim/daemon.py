@@ -173,6 +173,17 @@ class Daemon:
                 return columns
         return []
 
+    def https_queues(self) -> list[tuple[int, int]]:
+        """Of each HTTPS connection the bytes that wait in the kernel: to be sent or acknowledged, and
+        to be read."""
+        rows = [line.split() for line in self._proc("net/tcp").splitlines()[1:]]
+        queues = [
+            columns[4].split(":")
+            for columns in rows
+            if columns[3] != TCP_LISTEN and int(columns[1].rpartition(":")[2], 16) == self.port
+        ]
+        return [(int(sent, 16), int(received, 16)) for sent, received in queues]
+
     def ipc_listener(self) -> str:
         for line in self._proc("net/unix").splitlines()[1:]:
             columns = line.split()

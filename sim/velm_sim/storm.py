@@ -12,6 +12,7 @@ import sys
 import time
 import traceback
 from collections import Counter
+from collections.abc import Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
 from xml.etree import ElementTree
@@ -57,14 +58,18 @@ class Outcome:
 def run_step(world: World, step: Step) -> None:
     world.log.begin_step()
     world.allowed_before = world.allowed
-    world.allowed = [r"missing auth token"] if world.model.perhaps else []
+    world.allowed = [r"missing auth token"] if world.model.may_push() else []
     world.jump(step.jump)
     perform(world, step.kind, step.arguments)
     check(world)
 
 
-def storm(build: Build, seed: int, seconds: float) -> Outcome:
-    """Runs the steps of the seed until the time is over or something is wrong."""
+def steps_from(seed: int, first: int) -> Iterator[Step]:
+    return itertools.islice(schedule(seed), first - 1, None)
+
+
+def storm(build: Build, seed: int, seconds: float, first: int = 1) -> Outcome:
+    """Runs the steps of the seed from `first` on until the time is over or something is wrong."""
     outcome, begin = Outcome(seed), time.monotonic()
     world = World(build)
     # Of the start itself.
@@ -73,7 +78,7 @@ def storm(build: Build, seed: int, seconds: float) -> Outcome:
         step = WARM_UP[0]
         try:
             begin = time.monotonic()
-            for step in itertools.chain(WARM_UP, schedule(seed)):
+            for step in itertools.chain(WARM_UP, steps_from(seed, first)):
                 run_step(world, step)
                 outcome.seconds = time.monotonic() - begin
                 outcome.steps = step.number
@@ -140,13 +145,16 @@ def arguments() -> argparse.Namespace:
     parser.add_argument("--junit", type=Path, help="write the result there, as JUnit does")
     parser.add_argument("--dry-run", action="store_true", help="print the schedule only")
     parser.add_argument("--steps", type=int, default=200, help="of a dry run")
+    parser.add_argument(
+        "--first", type=int, default=1, metavar="STEP", help="leave out the steps before that one"
+    )
     return parser.parse_args()
 
 
 def main() -> int:
     given = arguments()
     if given.dry_run:
-        for step in itertools.islice(schedule(given.seed), given.steps):
+        for step in itertools.islice(steps_from(given.seed, given.first), given.steps):
             print(step)
         return 0
     try:
@@ -155,7 +163,7 @@ def main() -> int:
         print(problem, file=sys.stderr)
         return 2
     remove_stale()
-    outcome = storm(build, given.seed, given.seconds)
+    outcome = storm(build, given.seed, given.seconds, given.first)
     if given.junit:
         write_junit(given.junit, outcome)
     if outcome.problem:

@@ -79,7 +79,7 @@ def _ask(world: World, ask: Callable[[], int]) -> None:
     model = world.model
     if model.needs_push_token():
         model.token_requests += 1
-        model.push_token = AccessToken(model.moment)
+        model.push_token = AccessToken.fresh(model.moment)
     world.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
     model.expect_pushes()
     world.log.mark()
@@ -99,11 +99,12 @@ def _ask_with_push_fault(world: World, ask: Callable[[], int], fault: str, which
         world.drain()
         step_info(world, 0)  # the loop does not wait with it
     world.log.wait(PUSH_ANSWERED, len(live), GIVEN_UP + len(live))
+    world.see_pushes()
     if fault == "fcm 401":
         # The next phone of the row asks for a new token, or the next push does.
         more = struck + 1 < len(live)
         model.token_requests += more
-        model.push_token = AccessToken(model.moment if more else None)
+        model.push_token = AccessToken.fresh(model.moment) if more else AccessToken()
     if fault == "fcm 404":
         world.log.wait(r"unpaired \(unregistered token\)")
         model.delete(live[struck]["dev_id"])

@@ -6,7 +6,7 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
-from .storm_limits import AccessToken, Junk, Logins, lately
+from .storm_limits import AccessToken, Junk, Logins, Moment
 from .storm_schedule import PAIRINGS_LIMIT
 
 OWNER = "admin"  # whose account the phones use
@@ -40,12 +40,12 @@ class Model:
     slots: list[dict[str, str] | None] = field(default_factory=lambda: [None] * PAIRINGS_LIMIT)
     challenges: dict[str, int] = field(default_factory=dict)
     logins: Logins = field(default_factory=Logins)
-    last_push: int | None = None
+    last_push: Moment | None = None
     push_token: AccessToken = field(default_factory=AccessToken)
     integrity_token: AccessToken = field(default_factory=AccessToken)
     junk: Junk = field(default_factory=Junk)
     google_exhausted: bool = False
-    last_google: int = 0
+    last_google: Moment | None = None
     remote: bool = True
     token_requests: int = 0
     integrity_requests: int = 0
@@ -166,15 +166,31 @@ class Model:
         self.due = {number: begin + place + 1 for place, number in enumerate(live)}
         self.pushes += [slot["push_token"] for slot in self.live()]
 
+    def may_push(self) -> bool:
+        """Something may leave that is not certain: also to a phone that pairs in a slot, left by
+        another, before its push is due."""
+        return bool(self.perhaps or self.due)
+
+    def push_came(self, token: str) -> None:
+        """The slot that holds the token has had its push."""
+        held = [None if slot is None else slot["push_token"] for slot in self.slots]
+        self.due = {slot: at for slot, at in self.due.items() if held[slot] != token}
+
+    def forget_pushes(self) -> None:
+        """None may leave any more."""
+        self.perhaps.clear()
+        self.due.clear()
+
     def asks_for_push(self) -> bool:
         """A request of a local client leads to pushes now."""
         if not self.live() or self.pushed_lately():
             return False
-        self.last_push = self.moment
+        self.last_push = Moment(self.moment)
         return True
 
     def pushed_lately(self) -> bool:
-        return self.last_push is not None and lately(self.last_push, self.moment, PUSH_INTERVAL)
+        last = self.last_push
+        return last is not None and last.was_lately(self.moment, PUSH_INTERVAL)
 
     def needs_push_token(self) -> bool:
         return not self.push_token.serves(self.moment)
@@ -184,8 +200,9 @@ class Model:
 
     def asks_google(self) -> bool:
         """With an access token at hand, the decoding service is asked now."""
-        if self.google_exhausted and lately(self.last_google, self.moment, GOOGLE_SILENCE + 1):
+        last = self.last_google
+        if self.google_exhausted and last and last.was_lately(self.moment, GOOGLE_SILENCE + 1):
             return False
         self.google_exhausted = False
-        self.last_google = self.moment
+        self.last_google = Moment(self.moment)
         return True

@@ -134,7 +134,7 @@ def _expect_pair(
     if not attested:
         if not model.consume(challenge):
             return 424
-        if not proof_holds(world, phone, flaw != "proof", google, cleanup):
+        if not proof_holds(world, phone, flaw, google, cleanup):
             return 412
     if not model.login(flaw != "password"):
         return 401
@@ -210,7 +210,7 @@ def _expect_location(
     model = world.model
     if not model.consume(challenge):
         return 424
-    if not proof_holds(world, phone, flaw not in ("body", "other key"), google, cleanup):
+    if not proof_holds(world, phone, flaw, google, cleanup):
         return 412
     if not model.login(flaw != "password"):
         return 401

@@ -39,6 +39,10 @@ GOOGLE_ANSWERS = {
     "hang up": HANG_UP,
     "no verdict": Answer.json({"other": 1}),
 }
+# Flaws of a request: Google cannot decode a token by another key. It decodes that of another body,
+# and the daemon sees that it is none of this request.
+OTHER_KEY = ("other key", "proof")
+BROKEN = (*OTHER_KEY, "body")
 OTHER_PACKAGE = {"requestDetails.requestPackageName": "com.other"}
 
 
@@ -64,7 +68,7 @@ def fetch_challenge(world: World, phone: Phone, login: Login | None = None) -> s
 
 
 def google_agrees(
-    world: World, phone: Phone, good: bool, google: str, cleanup: contextlib.ExitStack
+    world: World, phone: Phone, flaw: str, google: str, cleanup: contextlib.ExitStack
 ) -> bool:
     """Has Google answer like that to the next token; says whether it will be asked and agree."""
     model, cut_off = world.model, google in ("certificate", "cloud down")
@@ -75,7 +79,7 @@ def google_agrees(
     if cut_off:
         cleanup.enter_context(world.cloud_fault(google, "other_ca"))
     if needs_token:
-        model.integrity_token = AccessToken(None if cut_off else model.moment)
+        model.integrity_token = AccessToken() if cut_off else AccessToken.fresh(model.moment)
         if cut_off:
             return False
         model.token_requests += 1
@@ -83,9 +87,9 @@ def google_agrees(
         return False
     model.integrity_requests += 1
     if google not in GOOGLE_ANSWERS:
-        if not good:
-            model.junk.sent.append((sender, model.moment))
-        return good
+        if flaw in OTHER_KEY:
+            model.junk.add(sender, model.moment)
+        return flaw not in BROKEN
     world.cloud.integrity.answer_next(GOOGLE_ANSWERS[google])
     model.google_exhausted = google == "429"
     if google == "401":
@@ -94,14 +98,15 @@ def google_agrees(
 
 
 def proof_holds(
-    world: World, phone: Phone, good: bool, google: str, cleanup: contextlib.ExitStack
+    world: World, phone: Phone, flaw: str, google: str, cleanup: contextlib.ExitStack
 ) -> bool:
-    """Whether an assertion or token that is `good` by itself is accepted."""
+    """Whether an assertion or token with that flaw of the request is accepted."""
+    good = flaw not in BROKEN
     if not isinstance(phone, AndroidPhone):
         return good and world.model.holds_key_of(phone.profile.device_id)
     if world.model.proved_by_app_attest(phone.profile.device_id):
         return False  # Google is not even asked
-    agrees = google_agrees(world, phone, good, google, cleanup) if world.model.remote else good
+    agrees = google_agrees(world, phone, flaw, google, cleanup) if world.model.remote else good
     return agrees and google != "other package"
 
 
@@ -112,8 +117,8 @@ def bend_of(world: World, number: int, flaw: str, google: str) -> tuple[Phone, d
     if isinstance(phone, AndroidPhone):
         if google == "other package":
             bend["verdict"] = OTHER_PACKAGE
-        if flaw in ("other key", "proof"):
+        if flaw in OTHER_KEY:
             bend["keys"] = world.strange_keys
-    elif flaw in ("other key", "proof"):
+    elif flaw in OTHER_KEY:
         phone = replace(phone, key=world.phones[(number + 1) % IOS_PHONES].key)
     return phone, bend

@@ -228,7 +228,7 @@ class World:
         """What a reload means to everybody."""
         self.model.reload()
         self.allow(r"nvram_get_parameter - cannot get zelkad_")
-        if self.model.perhaps:
+        if self.model.may_push():
             self.allow(r"missing auth token", r"send_push_handler - \[")
         self.expect_clients_closed()
 
@@ -287,11 +287,10 @@ class World:
             require(time.monotonic() < deadline, f"pushes to {self.model.pushes}")
             time.sleep(0.02)
             self.see_pushes()
-        while self.model.perhaps and time.monotonic() < self.perhaps_until:
+        while self.model.may_push() and time.monotonic() < self.perhaps_until:
             time.sleep(0.02)
             self.see_pushes()
-        self.model.perhaps.clear()
-        self.model.due.clear()
+        self.model.forget_pushes()
         wait_until(lambda: not self.cloud.open_connections, 14, "the cloud's answers are taken")
         self.push_addresses = {self.address}
 
@@ -309,6 +308,7 @@ class World:
                 self.model.perhaps += Counter()  # drops what is at zero
             else:
                 raise StormFailure(f"no push to {token[:40]}, next is {self.model.pushes[:1]}")
+            self.model.push_came(token)
         self.pushes_seen = len(requests)
 
     def _check_push(self, message: dict[str, dict[str, object]]) -> None:

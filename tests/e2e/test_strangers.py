@@ -5,6 +5,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import threading
 import time
 from collections.abc import Callable
@@ -97,6 +98,27 @@ def test_the_others_are_served_promptly_while_four_hosts_send_the_dearest_greeti
 ) -> None:
     deeds = [("replayed greetings", access_point.lan_host(number)) for number in range(4)]
     check(access_point, deeds, duration, record_property)
+
+
+def test_the_kernel_holds_at_most_32_kib_each_way_of_a_connection(
+    access_point: AccessPoint,
+) -> None:
+    """Requests that nobody reads the answers of, pipelined for as long as the kernel takes them."""
+    connections = [access_point.lan_host().connect_tls() for _ in range(8)]
+    for tls in connections:
+        tls.setblocking(False)
+    most = [0, 0]
+    until = time.monotonic() + 2.5
+    while time.monotonic() < until:
+        for tls in connections:
+            with contextlib.suppress(OSError):  # it takes no more, or is closed
+                tls.send(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n" * 200)
+        for queues in access_point.daemon.https_queues():
+            most = [max(pair) for pair in zip(most, queues)]
+    for tls in connections:
+        tls.close()
+    assert 4096 < most[0] <= 32 * 1024, "to be sent"
+    assert 4096 < most[1] <= 32 * 1024, "to be read"
 
 
 def test_who_sends_records_without_data_is_closed_and_the_log_says_so(

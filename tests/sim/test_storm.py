@@ -5,14 +5,18 @@ from __future__ import annotations
 import itertools
 import subprocess
 import sys
+import time
 from pathlib import Path
+from types import SimpleNamespace
+from typing import cast
 
 import pytest
-from velm_sim.storm import Outcome, write_junit
+from velm_sim.storm import Outcome, steps_from, write_junit
 from velm_sim.storm_log import LogReader
 from velm_sim.storm_model import DELETED_KEYS, Model
 from velm_sim.storm_schedule import KINDS, PAIRINGS_LIMIT, schedule
 from velm_sim.storm_steps import STEPS
+from velm_sim.storm_world import World
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 
@@ -33,6 +37,11 @@ def test_the_same_seed_gives_the_same_schedule() -> None:
 
 def test_another_seed_gives_another_schedule() -> None:
     assert dry_run(7) != dry_run(8)
+
+
+def test_a_storm_can_begin_in_the_middle_of_a_schedule() -> None:
+    whole = list(itertools.islice(schedule(7), 60))
+    assert list(itertools.islice(steps_from(7, 51), 10)) == whole[50:]
 
 
 def test_every_kind_of_step_can_be_performed_and_comes() -> None:
@@ -129,6 +138,40 @@ def test_a_push_that_has_come_is_not_changed_any_more(pushing: Model) -> None:
     assert pushing.pushes.pop(0) == PAIRED[0]
     pushing.change(0, "push_token", "new")
     assert (pushing.pushes, pushing.perhaps) == (PAIRED[1:], {})
+
+
+def test_a_phone_that_takes_the_slot_of_another_before_it_is_due_may_get_the_push(
+    pushing: Model,
+) -> None:
+    pushing.delete("phone 1")
+    for number in (0, 2):
+        assert pushing.pushes.pop(0) == PAIRED[number]
+        pushing.push_came(PAIRED[number])
+    assert pushing.may_push() and set(pushing.due) == {1}
+    pushing.store(described(9), attested=True)
+    assert (pushing.find("phone 9"), pushing.pushes, pushing.perhaps) == (1, [], {"of 9": 1})
+    pushing.push_came("of 9")
+    assert not pushing.due
+
+
+@pytest.mark.parametrize("left", [True, False], ids=["a slot is left", "all pushes came"])
+def test_the_clock_waits_for_the_push_of_a_slot_that_its_phone_left(
+    left: bool, pushing: Model
+) -> None:
+    if left:
+        pushing.delete("phone 1")
+    else:
+        pushing.push_came(PAIRED[1])
+    for number in (0, 2):
+        pushing.push_came(PAIRED[number])
+    pushing.pushes.clear()
+    begin = time.monotonic()
+    world = SimpleNamespace(model=pushing, see_pushes=lambda: None, address="192.168.1.1",
+                            cloud=SimpleNamespace(open_connections=0))  # fmt: skip
+    world.perhaps_until = begin + 0.2
+    World.drain(cast(World, world))
+    assert (time.monotonic() >= world.perhaps_until) == left
+    assert not pushing.may_push()
 
 
 @pytest.mark.parametrize(("later", "asked"), [(3599, False), (3600, True), (-1, True)])

@@ -2,10 +2,24 @@
 
 from __future__ import annotations
 
+import time
+
 import pytest
-from velm_sim.storm_limits import AccessToken, Junk, Logins
+from velm_sim.storm_limits import AccessToken, Junk, Logins, Moment
 
 NOON = 1_000_000
+
+
+@pytest.mark.parametrize(
+    ("wall", "steady", "lately"),
+    [(59, 0.0, True), (60, 0.0, False), (-1, 0.0, False), (0, 59.9, True), (0, 60.0, False)],
+)
+def test_a_period_is_over_when_either_clock_says_so(
+    wall: int, steady: float, lately: bool, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    moment = Moment(NOON, steady=5.0)
+    monkeypatch.setattr(time, "monotonic", lambda: 5.0 + steady)
+    assert moment.was_lately(NOON + wall, 60) == lately
 
 
 @pytest.mark.parametrize(("later", "allowed"), [(59, False), (60, True), (-1, True)])
@@ -45,20 +59,24 @@ def test_a_success_leaves_nothing_of_that_name() -> None:
 
 @pytest.mark.parametrize(("later", "serves"), [(0, True), (3599, True), (3600, False), (-1, False)])
 def test_an_access_token_serves_for_an_hour(later: int, serves: bool) -> None:
-    assert AccessToken(NOON).serves(NOON + later) == serves
+    assert AccessToken.fresh(NOON).serves(NOON + later) == serves
 
 
 @pytest.mark.parametrize(("later", "shut_out"), [(59, True), (60, False), (-1, False)])
 def test_ten_junk_tokens_shut_their_sender_out_for_a_minute(later: int, shut_out: bool) -> None:
-    junk = Junk([("a", NOON)] * 9)
+    junk = Junk()
+    for _ in range(9):
+        junk.add("a", NOON)
     assert not junk.shuts_out("a", NOON)
-    junk.sent.append(("a", NOON))
+    junk.add("a", NOON)
     assert not junk.shuts_out("b", NOON)
     assert junk.shuts_out("a", NOON + later) == shut_out
 
 
 @pytest.mark.parametrize(("later", "shut_out"), [(3599, True), (3600, False)])
 def test_sixty_of_all_shut_every_sender_out_for_the_hour(later: int, shut_out: bool) -> None:
-    junk = Junk([(f"host {number}", NOON) for number in range(60)])
+    junk = Junk()
+    for number in range(60):
+        junk.add(f"host {number}", NOON)
     assert not junk.shuts_out("who sent none", NOON + later)
     assert junk.shuts_out("host 7", NOON + later) == shut_out

@@ -455,6 +455,19 @@ TEST_F(Fcm, APhoneThatPairsAgainBeforeItsTurnGetsThePushByItsNewToken)
     EXPECT_EQ(velm_nvram_pairings_count_pairings(), 0) << "that is the token that is unknown";
 }
 
+TEST_F(Fcm, AnotherPhoneThatTakesTheSlotBeforeItsTurnGetsThePush)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    answer_token(R"({"access_token":"x","valid_to":1700003599})");
+    run_actions();
+    velm_nvram_pairings_delete_pairing("a");
+    pair_slot(0, "b", "tb");
+    run_actions();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_NE(sent[0].data.post_data.find(R"("token":"tb")"), std::string::npos);
+}
+
 TEST_F(Fcm, ASlotBeyondALimitThatAReloadHasLoweredGetsNothing)
 {
     pair_slot(7, "a", "ta");

@@ -226,6 +226,8 @@ TEST_F(Connections, WhatNobodyReadsIsBoundedInTheKernelToo)
     socklen_t length = sizeof size;
     ASSERT_EQ(getsockopt(last_socket, SOL_SOCKET, SO_SNDBUF, &size, &length), 0);
     EXPECT_EQ(size, 32 * 1024);
+    ASSERT_EQ(getsockopt(last_socket, SOL_SOCKET, SO_RCVBUF, &size, &length), 0);
+    EXPECT_EQ(size, 32 * 1024);
 }
 
 TEST_F(Connections, ThoseWhoHaveLeftAlreadyTakeNoPlace)
