@@ -110,7 +110,8 @@ class Network:
 
     `ap` owns the LAN bridge br0 (192.168.1.1/24) with the phone's port in it and an uplink
     (198.51.100.2/24); `phone` answers to 192.168.1.50 .. .59; `cloud` is 198.51.100.1, and also
-    198.51.100.3, where nobody listens until a test does. Routes lead both ways. Names carry the pid and a number, so that several run side by side.
+    198.51.100.3, where nobody listens until a test does. Routes lead both ways. Names carry the pid
+    and a number, so that several run side by side.
     """
 
     AP_ADDRESS = "192.168.1.1"

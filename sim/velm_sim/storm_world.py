@@ -30,7 +30,7 @@ from .storm_schedule import ADDRESSES, ANDROID_PHONES, IOS_PHONES, PAIRINGS_LIMI
 
 HALF_OPEN_HOST = 8
 HALF_OPEN = 10
-REFUSING_ADDRESS, SILENT_ADDRESS = "198.51.100.3", "203.0.113.9"
+REFUSING_ADDRESS, SILENT_ADDRESS = Network.OTHER_CLOUD_ADDRESS, "203.0.113.9"
 LOG_SIZE = 4 << 20  # so that it is begun anew a few times in a long storm
 PATIENCE = 30.0
 ADDRESS_COMMAND = """#!/bin/sh
@@ -87,8 +87,7 @@ class World:
         self.cleanup.callback(self.access_point.close)
         self.access_point.etc.set_accounts([ADMIN, ROOT, SECOND], ODD_ACCOUNTS)
         self.cloud_addresses: tuple[str, ...] = (Network.CLOUD_ADDRESS,)
-        # Another address that is the cloud's, and one behind it that swallows what is sent there.
-        self.network.cloud.batch(f"addr add {REFUSING_ADDRESS}/24 dev eth0\n")
+        # An address behind the cloud that swallows what is sent there.
         self.network.ap.batch(f"route add {SILENT_ADDRESS} via {Network.CLOUD_ADDRESS}\n")
         self.access_point.configure(
             {
