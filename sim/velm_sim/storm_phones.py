@@ -24,6 +24,8 @@ from .storm_proofs import (
 from .storm_schedule import IOS_PHONES
 from .storm_world import World
 
+REPORT_MADE = r"location_policy_ipc_send -  \.location size"
+
 
 def step_challenge(world: World, phone: int) -> None:
     fetch_challenge(world, world.phones[phone])
@@ -175,10 +177,14 @@ def step_location(
         expected = _expect_location(world, made, flaw, google, challenge, cleanup)
         request = _location_request(signer, challenge, flaw, latitude, rssi, bend)
         made.counter = max(made.counter, signer.counter)
+        world.log.mark()
         check_status(world, "/location", made.send(request).status, expected)
         if expected == 200:
-            for number in range(3 if flaw == "array" else 1):
+            reports = 3 if flaw == "array" else 1
+            for number in range(reports):
                 world.model.report(latitude, phone, rssi - number)
+            # Else a client that connects after the phone's answer may still receive one.
+            world.log.wait(REPORT_MADE, reports)
         if flaw == "replayed":
             check_status(world, "the same /location again", made.send(request).status, 424)
 
