@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <ctime>
 #include <optional>
-#include <utility>
 
 #include "crypto/common_crypto.h"
 #include "logger/common_logger.h"
@@ -90,22 +89,17 @@ name_failures *find_name(const common_sha256_digest &name)
     return found != state.of_names.end() ? found : nullptr;
 }
 
-/// The name's place; for a new one a free place, or that of the name with the fewest failures, of these
-/// the one whose last failure is longest ago. So nobody frees a name with many others that fail once.
+/// The name's place; for a new one a free place, or that of the name whose last failure is longest
+/// ago.
 name_failures *take_place(const common_sha256_digest &name)
 {
     name_failures *const known = find_name(name);
     if (known != nullptr) {
         return known;
     }
-    for (name_failures &entry : state.of_names) {
-        (void)seconds_blocked(&entry.failures, policy); // a block that is over counts no longer
-    }
     auto *const place = std::min_element(
         state.of_names.begin(), state.of_names.end(),
-        [](const name_failures &a, const name_failures &b) {
-            return std::pair{a.failures.count, a.last} < std::pair{b.failures.count, b.last};
-        });
+        [](const name_failures &a, const name_failures &b) { return a.last < b.last; });
     *place = {name, {}, 0};
     return place;
 }
