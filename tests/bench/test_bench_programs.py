@@ -104,8 +104,12 @@ class Objects:
             (self.directory / name).write_bytes(content)
 
     def flip(self, name: str, offset: int) -> None:
+        """A token stays base64url."""
         content = bytearray((self.directory / name).read_bytes())
-        content[offset] ^= 1
+        if name.endswith(".jwe"):
+            content[offset] = ord("A") if content[offset] != ord("A") else ord("B")
+        else:
+            content[offset] ^= 1
         (self.directory / name).write_bytes(content)
 
 
