@@ -25,8 +25,8 @@ enum nvram_refusal {
 /// In the directory: "live" (nvram_live.h), "committed.0" and "committed.1" (nvram_committed.h).
 /// Writers take turns by flock() on the directory itself; readers take no lock. A writer that is
 /// killed leaves the settings as they were or as it wanted them; on a full disk it may leave those of the
-/// last commit. Neither a change that makes the settings smaller nor its commit needs room. Damage is reported on standard
-/// error, once while it lasts, and what is good is used.
+/// last commit. Neither a change that makes the settings smaller nor its commit needs room. Damage is
+/// reported on standard error, once while it lasts, and what is good is used.
 ///
 /// A read costs a question to the kernel whether anything has changed, and a look-up; the files are
 /// parsed only when they changed. One thread.

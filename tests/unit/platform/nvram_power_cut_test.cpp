@@ -203,15 +203,20 @@ struct cut_case {
     bool renames_stay;
 };
 
+void watch_steps(const cut_case &row, int steps)
+{
+    power.data = row.data;
+    power.renames_stay = row.renames_stay;
+    power.steps_left = steps;
+    power.watching = true;
+}
+
 /// Sets and commits; the power is cut before the given step, or right after all of them.
 int commit_until_cut(const store_directory &directory, const cut_case &row, int steps)
 {
     nvram_store store{directory.path(), this_boot};
     (void)store.find("a");
-    power.data = row.data;
-    power.renames_stay = row.renames_stay;
-    power.steps_left = steps;
-    power.watching = true;
+    watch_steps(row, steps);
     power.acknowledged = set(store, new_settings) == 0 && store.commit() == 0;
     power.steps_left = 0;
     step();
@@ -272,11 +277,8 @@ int commit_less_until_cut(const store_directory &directory, const cut_case &row,
 {
     nvram_store store{directory.path(), this_boot};
     (void)store.find("a");
-    power.data = row.data;
-    power.renames_stay = row.renames_stay;
     power.disk_is_full = true;
-    power.steps_left = steps;
-    power.watching = true;
+    watch_steps(row, steps);
     power.acknowledged = unset(store, "c") == 0 && store.commit() == 0;
     if (power.acknowledged) {
         power.steps_left = 0;
