@@ -83,9 +83,11 @@ bool log_file_append(const char *name, std::uint64_t max_size, std::string_view 
 
 mode_t log_file_narrow(const char *name)
 {
+    // Behind a link may lie what is not ours to change.
+    constexpr int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW;
     const previous_name previous = name_of_previous(name);
-    const unique_fd before{::open(previous.data(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
-    const unique_fd file{::open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
+    const unique_fd before{::open(previous.data(), flags)};
+    const unique_fd file{::open(name, flags)};
     file_mode_narrow(before.get(), log_file_mode);
     return file_mode_narrow(file.get(), log_file_mode);
 }
