@@ -2,7 +2,7 @@
 
 #include "allocation_meter.h"
 #include "ios_phone.h"
-#include "ios_validation/ios_app_auth_data.h"
+#include "ios_validation/auth_data.h"
 
 /// Authenticator data, below the signature: around the input stand a good object and certificate.
 

@@ -3,8 +3,8 @@
 #include "allocation_meter.h"
 #include "fakes/app_attest_maker.h"
 #include "fuzz_target.h"
-#include "ios_validation/ios_app_cbor.h"
-#include "ios_validation/ios_app_objects.h"
+#include "ios_validation/cbor.h"
+#include "ios_validation/objects.h"
 
 /// The CBOR of both objects.
 

@@ -4,20 +4,20 @@
 #include <optional>
 #include <utility>
 
+#include "android_validation/assertion.h"
+#include "android_validation/keys.h"
+#include "android_validation/token.h"
+#include "android_validation/verdict.h"
 #include "async/common_async.h"
 #include "crypto/common_crypto.h"
 #include "file/common_file.h"
+#include "google/junk.h"
 #include "handles/cjson.h"
 #include "handles/memory.h"
-#include "ios_validation/ios_app_signature.h"
 #include "ios_validation/ios_app_validate.h"
+#include "ios_validation/signature.h"
 #include "logger/fatal.h"
-#include "velm_android_assertion.h"
-#include "velm_android_token.h"
-#include "velm_android_verdict.h"
-#include "velm_attestation_engine_keys.h"
 #include "velm_google_integrity.h"
-#include "velm_google_junk.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 

@@ -5,9 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "cutils/moment.h"
 #include "logger/fatal.h"
 #include "velm_fcm_messaging.h"
-#include "velm_moment.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 

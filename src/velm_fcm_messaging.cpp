@@ -8,14 +8,14 @@
 #include <utility>
 
 #include "async/common_async.h"
-#include "cloud_addresses.h"
+#include "google/account.h"
+#include "google/addresses.h"
+#include "google/push_answer.h"
 #include "handles/cjson.h"
 #include "handles/memory.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"
-#include "velm_fcm_answer.h"
-#include "velm_google_account.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 

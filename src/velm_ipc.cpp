@@ -16,11 +16,11 @@
 
 #include "handles/libevent.h"
 #include "handles/memory.h"
+#include "ipc/places.h"
+#include "ipc/socket.h"
 #include "logger/fatal.h"
 #include "velm_conn.h"
 #include "velm_ipc_cmd.h"
-#include "velm_ipc_places.h"
-#include "velm_ipc_socket.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 ///
 /// A request waits at most 600 s; of one connection at most 1024 wait, and one more is answered with
 /// busy. Whatever a connection left behind goes with it. At most 32 are connected; one more gets the
-/// place of another (velm_ipc_places.h).
+/// place of another (ipc/places.h).
 
 struct velm_ipc;
 

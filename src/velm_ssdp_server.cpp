@@ -18,9 +18,9 @@
 #include "handles/fd.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
+#include "lan/wait.h"
 #include "logger/fatal.h"
-#include "velm_lan_wait.h"
-#include "velm_ssdp_message.h"
+#include "ssdp/message.h"
 #include "velm_utils.h"
 
 namespace {

@@ -48,7 +48,7 @@ class wiped_at_end {
 
 /// For who meets with exhausted memory outside of `new`: does what `new` does. In the daemon that is
 /// the fatal line (logger/fatal.h); without a new-handler it returns. What asks the C allocator does
-/// it in the daemon by itself (handles/checked_malloc.h).
+/// it in the daemon by itself (malloc/checked_malloc.h).
 inline void memory_is_exhausted()
 {
     if (const std::new_handler handler = std::get_new_handler(); handler != nullptr) {

@@ -9,11 +9,11 @@
 #include "async/common_async.h"
 #include "handles/libevent.h"
 #include "handles/memory.h"
-#include "http/http_client_connection.h"
-#include "http/http_client_dns.h"
-#include "http/http_client_headers.h"
-#include "http/http_client_tls.h"
-#include "http/http_client_uri.h"
+#include "http/connection.h"
+#include "http/dns.h"
+#include "http/headers.h"
+#include "http/tls.h"
+#include "http/uri.h"
 #include "logger/fatal.h"
 
 namespace {

@@ -8,12 +8,12 @@
 
 #include "handles/memory.h"
 #include "ios_validation/apple_root_ca.h"
-#include "ios_validation/ios_app_auth_data.h"
-#include "ios_validation/ios_app_cbor.h"
-#include "ios_validation/ios_app_certificate.h"
-#include "ios_validation/ios_app_objects.h"
-#include "ios_validation/ios_app_sha256.h"
-#include "ios_validation/ios_app_signature.h"
+#include "ios_validation/auth_data.h"
+#include "ios_validation/cbor.h"
+#include "ios_validation/certificate.h"
+#include "ios_validation/objects.h"
+#include "ios_validation/sha256.h"
+#include "ios_validation/signature.h"
 #include "logger/common_logger.h"
 
 struct ios_app_validator {

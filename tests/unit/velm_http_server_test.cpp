@@ -16,9 +16,9 @@
 #include "fakes/captured_log.h"
 #include "fakes/https_client.h"
 #include "handles/evhtp.h"
+#include "http_server/connections.h"
+#include "http_server/routes.h"
 #include "velm_challenge_engine.h"
-#include "velm_http_server_connections.h"
-#include "velm_http_server_routes.h"
 #include "velm_request_preprocessor.h"
 
 using std::string;
