@@ -9,6 +9,7 @@ from dataclasses import replace
 from pathlib import Path
 
 import pytest
+from velm_harness.promptness import prompt_meanwhile
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
 from velm_sim.cloud import HELLO_REQUEST, HOSTS, UNREGISTERED, Cloud
@@ -17,7 +18,6 @@ from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
-from velm_sim.promptness import prompt_meanwhile
 
 FAILURES: dict[str, Answer] = {
     "hangs up": HANG_UP,

@@ -77,10 +77,8 @@ def test_every_file_and_test_that_is_named_is_there(document: str) -> None:
         if re.fullmatch(r"(u|e|src|tests|sim|fuzz|docs|platform|tools|scripts)/[\w./*-]+", name):
             path = full_path(re.sub(r"NAME|TARGET", "*", name))
             there = any(path.parent.glob(path.name))
-        elif re.fullmatch(r"test_\w+\.py|storm_\w+\.py", name):
-            there = any(REPOSITORY.glob(f"tests/*/{name}")) or (
-                REPOSITORY / "sim" / "velm_sim" / name
-            ).is_file()
+        elif re.fullmatch(r"\w+\.(py|c)", name):
+            there = any((REPOSITORY / "tests").rglob(name))
         elif name.startswith("test_"):
             there = f"def {name}(" in code
         else:

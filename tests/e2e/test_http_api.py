@@ -12,10 +12,10 @@ from typing import Any
 
 import jsonschema
 import pytest
+from velm_harness.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
 from velm_sim.access_point import BSSIDS, AccessPoint
 from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
-from velm_sim.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
 
 CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")

@@ -16,6 +16,7 @@ import time
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.promptness import assert_prompt, latencies
 from velm_sim.access_point import SERIAL_NUMBER, AccessPoint
 from velm_sim.answers import SILENCE, Answer
 from velm_sim.cloud import HOSTS, UNREGISTERED, Cloud
@@ -26,7 +27,6 @@ from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
 from velm_sim.namespaces import Network
 from velm_sim.phone import Login, Phone, Prepared, Profile, sample_location
-from velm_sim.promptness import assert_prompt, latencies
 
 # Its password takes a good part of a second to check, in which the request is paused.
 SLOW = Login("slow", ADMIN.password)

@@ -11,6 +11,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
+from velm_harness.preloads import library
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, AccessPoint
 from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import Daemon, DaemonError, wait_until
@@ -292,7 +293,7 @@ def test_no_peer_that_closes_can_end_it_by_a_signal(
 
 
 def test_what_libevent_has_to_say_stands_in_the_log(cold_access_point: AccessPoint) -> None:
-    voice = [cold_access_point.build.libevent_voice]
+    voice = [library(cold_access_point.build, "libevent_voice")]
     daemon = started(cold_access_point, preload=voice)
     assert " WARN main - libevent - a warning of the library\n" in daemon.log()
     assert "a warning" not in output(cold_access_point)
@@ -301,7 +302,7 @@ def test_what_libevent_has_to_say_stands_in_the_log(cold_access_point: AccessPoi
 def test_a_libevent_that_cannot_go_on_ends_it_in_the_fatal_line(
     cold_access_point: AccessPoint,
 ) -> None:
-    voice = [cold_access_point.build.libevent_voice]
+    voice = [library(cold_access_point.build, "libevent_voice")]
     status = ended(cold_access_point, preload=voice, environment={"VELM_LIBEVENT": "broken"})
     assert status == -signal.SIGABRT
     log = cold_access_point.log()

@@ -9,6 +9,10 @@ from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
+from velm_sim.build import Build
+
+from .preloads import library
+
 CONTROL = struct.Struct("=6Q")
 CONTROL_SIZE = CONTROL.size + 4000
 SURVIVED = 1077  # allocation_fault.c: the copy went on without that memory
@@ -42,6 +46,10 @@ class AllocationFault:
         self.stores.mkdir()
         with open(file, "r+b") as opened:
             self._map = mmap.mmap(opened.fileno(), CONTROL_SIZE)
+
+    @staticmethod
+    def library(build: Build) -> Path:
+        return library(build, "allocation_fault")
 
     @property
     def environment(self) -> dict[str, str]:

@@ -7,7 +7,7 @@ import socket
 import struct
 import time
 
-from .namespaces import Namespace
+from velm_sim.namespaces import Namespace
 
 NLMSG_ERROR = 2
 RTM_NEWADDR, RTM_DELADDR = 20, 21

@@ -4,11 +4,11 @@ from __future__ import annotations
 
 import http.client
 
-from .access_point import AccessPoint
-from .ipc_client import IpcClient
-from .namespaces import Network
-from .phone import Phone
-from .ssdp import Searcher, search_message
+from velm_sim.access_point import AccessPoint
+from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network
+from velm_sim.phone import Phone
+from velm_sim.ssdp import Searcher, search_message
 
 # How a phone or a client meets with a connection or a daemon that has ended.
 CUT_OFF = (OSError, RuntimeError, ValueError, http.client.HTTPException)

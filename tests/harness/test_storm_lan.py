@@ -5,11 +5,11 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.route_netlink import RouteSocket
+from velm_harness.storm.lan_events import EVENTS
+from velm_harness.storm.lan_model import Bridge
+from velm_harness.storm.schedule import LAN_EVENTS
 from velm_sim.namespaces import Network, ip
-from velm_sim.route_netlink import RouteSocket
-from velm_sim.storm_lan_events import EVENTS
-from velm_sim.storm_lan_model import Bridge
-from velm_sim.storm_schedule import LAN_EVENTS
 
 Change = Callable[[Bridge], None]
 
@@ -50,6 +50,13 @@ def test_what_was_found_is_what_is_in_use() -> None:
 
 def test_every_event_that_is_drawn_can_happen() -> None:
     assert set(EVENTS) == set(LAN_EVENTS)
+
+
+@pytest.fixture
+def network() -> Iterator[Network]:
+    made = Network()
+    yield made
+    made.close()
 
 
 @pytest.fixture

@@ -2,8 +2,8 @@
 
 from __future__ import annotations
 
-from .storm_phones import step_location
-from .storm_world import World
+from .phones import step_location
+from .world import World
 
 
 def step_junk_tokens(world: World, phone: int, count: int, wait: int) -> None:

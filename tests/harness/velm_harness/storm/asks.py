@@ -5,14 +5,15 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 
-from .answers import GARBAGE, HANG_UP, SILENCE, Answer
-from .cloud import EXHAUSTED, UNAUTHENTICATED, UNREGISTERED
-from .namespaces import Network
-from .storm_limits import AccessToken
-from .storm_model import Expected
-from .storm_phones import step_info
-from .storm_schedule import PAIRINGS_LIMIT
-from .storm_world import REFUSING_ADDRESS, SILENT_ADDRESS, World
+from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
+from velm_sim.cloud import EXHAUSTED, UNAUTHENTICATED, UNREGISTERED
+from velm_sim.namespaces import Network
+
+from .limits import AccessToken
+from .model import Expected
+from .phones import step_info
+from .schedule import PAIRINGS_LIMIT
+from .world import REFUSING_ADDRESS, SILENT_ADDRESS, World
 
 SENT = Answer.json({"name": "sent"})
 # 404s that are not about the phone's token.

@@ -12,15 +12,16 @@ import time
 from collections.abc import Callable, Iterator
 from dataclasses import replace
 
-from .daemon import wait_until
-from .ssdp import Searcher, search_message
-from .storm_lan_events import EVENTS, batch, pause
-from .storm_log import StormFailure, require
-from .storm_phones import step_info
-from .storm_proofs import fetch_challenge
-from .storm_schedule import PAIRINGS_LIMIT
-from .storm_traffic import traffic
-from .storm_world import World
+from velm_sim.daemon import wait_until
+from velm_sim.ssdp import Searcher, search_message
+
+from .lan_events import EVENTS, batch, pause
+from .log import StormFailure, require
+from .phones import step_info
+from .proofs import fetch_challenge
+from .schedule import PAIRINGS_LIMIT
+from .traffic import traffic
+from .world import World
 
 RETURN_WITHIN = 5.0  # seconds of a machine that does much else
 SEARCHING_HOST = 9

@@ -6,13 +6,14 @@ import contextlib
 import datetime
 from typing import Any
 
-from .android_phone import AndroidPhone
-from .certificates import DAY
-from .etc_files import ROOT, SECOND
-from .phone import OMIT, Phone, Prepared, sample_location
-from .storm_log import StormFailure, require
-from .storm_model import OWNER
-from .storm_proofs import (
+from velm_sim.android_phone import AndroidPhone
+from velm_sim.certificates import DAY
+from velm_sim.etc_files import ROOT, SECOND
+from velm_sim.phone import OMIT, Phone, Prepared, sample_location
+
+from .log import StormFailure, require
+from .model import OWNER
+from .proofs import (
     NO_CHALLENGE,
     REFUSED,
     WRONG,
@@ -21,8 +22,8 @@ from .storm_proofs import (
     fetch_challenge,
     proof_holds,
 )
-from .storm_schedule import IOS_PHONES
-from .storm_world import World
+from .schedule import IOS_PHONES
+from .world import World
 
 REPORT_MADE = r"location_policy_ipc_send -  \.location size"
 

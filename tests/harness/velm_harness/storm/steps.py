@@ -8,16 +8,17 @@ import time
 from collections.abc import Callable
 from typing import Any
 
-from .daemon import wait_until
-from .ipc_client import REQUEST, IpcClient
-from .namespaces import Network
-from .ssdp import Searcher, search_message
-from .storm_asks import GIVEN_UP, step_ask, step_cloud_addresses
-from .storm_junk import step_junk_tokens
-from .storm_lan import step_address_command, step_lan
-from .storm_log import StormFailure, require
-from .storm_model import DELETED_KEYS, SPOILT
-from .storm_phones import (
+from velm_sim.daemon import wait_until
+from velm_sim.ipc_client import REQUEST, IpcClient
+from velm_sim.namespaces import Network
+from velm_sim.ssdp import Searcher, search_message
+
+from .asks import GIVEN_UP, step_ask, step_cloud_addresses
+from .junk import step_junk_tokens
+from .lan import step_address_command, step_lan
+from .log import StormFailure, require
+from .model import DELETED_KEYS, SPOILT
+from .phones import (
     step_challenge,
     step_info,
     step_list,
@@ -27,7 +28,7 @@ from .storm_phones import (
     step_vanish,
     step_wrong_logins,
 )
-from .storm_world import World
+from .world import World
 
 DESCRIPTORS_IN_WORK = 16
 CLIENT_PLACES = 32

@@ -7,7 +7,7 @@ import threading
 import time
 from collections.abc import Iterator
 
-from .lan_http import LanHost, Session
+from velm_sim.lan_http import LanHost, Session
 
 PROMPT = 0.05
 SAMPLES = 60

@@ -9,7 +9,7 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import BinaryIO
 
-from .daemon import wait_until
+from velm_sim.daemon import wait_until
 
 TAIL = 400
 ERROR = re.compile(r"\bERROR\b|\bFATAL\b")

@@ -9,10 +9,11 @@ import threading
 from collections.abc import Callable, Iterator
 from dataclasses import replace
 
-from .lan_http import LanHost
-from .ssdp import Searcher, search_message
-from .storm_log import require
-from .storm_world import World
+from velm_sim.lan_http import LanHost
+from velm_sim.ssdp import Searcher, search_message
+
+from .log import require
+from .world import World
 
 ASKING_HOST, SEARCHING_HOST, LEAVING_HOST = 6, 7, 8  # by the number of their address
 PATIENCE = 0.5

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import itertools
+import os
 import subprocess
 import sys
 import time
@@ -11,20 +12,21 @@ from types import SimpleNamespace
 from typing import cast
 
 import pytest
-from velm_sim.storm import Outcome, steps_from, write_junit
-from velm_sim.storm_log import LogReader
-from velm_sim.storm_model import DELETED_KEYS, Model
-from velm_sim.storm_schedule import KINDS, PAIRINGS_LIMIT, schedule
-from velm_sim.storm_steps import STEPS
-from velm_sim.storm_world import World
+from velm_harness.storm.log import LogReader
+from velm_harness.storm.model import DELETED_KEYS, Model
+from velm_harness.storm.run import Outcome, steps_from, write_junit
+from velm_harness.storm.schedule import KINDS, PAIRINGS_LIMIT, schedule
+from velm_harness.storm.steps import STEPS
+from velm_harness.storm.world import World
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
 def dry_run(seed: int) -> str:
-    command = [sys.executable, "-B", "-m", "velm_sim.storm", str(seed), "0", "--dry-run"]
+    command = [sys.executable, "-B", "-m", "velm_harness.storm", str(seed), "0", "--dry-run"]
+    environment = {**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)}
     done = subprocess.run(
-        command, cwd=REPOSITORY / "sim", capture_output=True, text=True, timeout=60, check=True
+        command, env=environment, capture_output=True, text=True, timeout=60, check=True
     )
     return done.stdout
 

@@ -6,15 +6,16 @@ import contextlib
 from dataclasses import replace
 from typing import Any
 
-from .android_phone import AndroidPhone
-from .answers import GARBAGE, HANG_UP, Answer
-from .cloud import EXHAUSTED, UNAUTHENTICATED
-from .phone import Login, Phone
-from .storm_limits import AccessToken
-from .storm_log import require
-from .storm_model import OWNER
-from .storm_schedule import IOS_PHONES
-from .storm_world import World
+from velm_sim.android_phone import AndroidPhone
+from velm_sim.answers import GARBAGE, HANG_UP, Answer
+from velm_sim.cloud import EXHAUSTED, UNAUTHENTICATED
+from velm_sim.phone import Login, Phone
+
+from .limits import AccessToken
+from .log import require
+from .model import OWNER
+from .schedule import IOS_PHONES
+from .world import World
 
 NO_CHALLENGE = "0" * 32
 WRONG = {"password": "wrong"}

@@ -5,7 +5,7 @@ from __future__ import annotations
 import time
 
 import pytest
-from velm_sim.storm_limits import AccessToken, Junk, Logins, Moment
+from velm_harness.storm.limits import AccessToken, Junk, Logins, Moment
 
 NOON = 1_000_000
 

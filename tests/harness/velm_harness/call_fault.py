@@ -7,6 +7,10 @@ import mmap
 import struct
 from pathlib import Path
 
+from velm_sim.build import Build
+
+from .preloads import library
+
 CONTROL = struct.Struct("=5Q32s")
 
 
@@ -18,6 +22,10 @@ class CallFault:
         file.write_bytes(bytes(CONTROL.size))
         with open(file, "r+b") as opened:
             self._map = mmap.mmap(opened.fileno(), CONTROL.size)
+
+    @staticmethod
+    def library(build: Build) -> Path:
+        return library(build, "call_fault")
 
     @property
     def environment(self) -> dict[str, str]:

@@ -4,19 +4,20 @@ from __future__ import annotations
 
 import re
 
-from .ipc_client import REPORT, REQUEST, STATUS_NO_PAIRED_DEVICES, Frame, Report
-from .storm_log import ERROR, require
-from .storm_model import DELETED_KEYS, GIVEN, Expected
-from .storm_schedule import PAIRINGS_LIMIT
-from .storm_steps import check_descriptors
-from .storm_world import World
+from velm_sim.ipc_client import REPORT, REQUEST, STATUS_NO_PAIRED_DEVICES, Frame, Report
+
+from .log import ERROR, require
+from .model import DELETED_KEYS, GIVEN, Expected
+from .schedule import PAIRINGS_LIMIT
+from .steps import check_descriptors
+from .world import World
 
 MEMBERS = ("status", *DELETED_KEYS)
 
 
 def check(world: World) -> None:
     require(world.daemon.alive(), "the daemon is alive")
-    world.daemon.check_sanitizers()
+    world.daemon.build.judge(world.daemon.directory)
     check_clients(world)
     check_nvram(world)
     check_cloud(world)

@@ -7,10 +7,10 @@ from types import SimpleNamespace
 from typing import Any, cast
 
 import pytest
+from velm_harness.storm.model import Model
+from velm_harness.storm.proofs import google_agrees
+from velm_harness.storm.world import World
 from velm_sim.phone import Phone
-from velm_sim.storm_model import Model
-from velm_sim.storm_proofs import google_agrees
-from velm_sim.storm_world import World
 
 PHONE: Any = SimpleNamespace(host=SimpleNamespace(source="192.168.1.54"))
 

@@ -11,22 +11,23 @@ from collections import Counter, deque
 from collections.abc import Iterator
 from pathlib import Path
 
-from .access_point import AccessPoint, Credentials
-from .android_phone import AndroidPhone, android_profile
-from .build import Build
-from .certificates import make_server
-from .cloud import HOSTS, Cloud
-from .daemon import wait_until
-from .etc_files import ADMIN, ODD_ACCOUNTS, ROOT, SECOND
-from .ipc_client import IpcClient
-from .namespaces import Network
-from .phone import Phone, Profile
-from .play_integrity import IntegrityKeys
-from .route_netlink import RouteSocket
-from .storm_lan_model import Bridge
-from .storm_log import LogReader, StormFailure, require
-from .storm_model import Model
-from .storm_schedule import ADDRESSES, ANDROID_PHONES, IOS_PHONES, PAIRINGS_LIMIT
+from velm_sim.access_point import AccessPoint, Credentials
+from velm_sim.android_phone import AndroidPhone, android_profile
+from velm_sim.build import Build
+from velm_sim.certificates import make_server
+from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.daemon import wait_until
+from velm_sim.etc_files import ADMIN, ODD_ACCOUNTS, ROOT, SECOND
+from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network
+from velm_sim.phone import Phone, Profile
+from velm_sim.play_integrity import IntegrityKeys
+
+from ..route_netlink import RouteSocket
+from .lan_model import Bridge
+from .log import LogReader, StormFailure, require
+from .model import Model
+from .schedule import ADDRESSES, ANDROID_PHONES, IOS_PHONES, PAIRINGS_LIMIT
 
 HALF_OPEN_HOST = 8
 HALF_OPEN = 10

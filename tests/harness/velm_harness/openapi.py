@@ -9,8 +9,7 @@ from typing import Any
 
 import jsonschema
 import yaml
-
-from .lan_http import Reply
+from velm_sim.lan_http import Reply
 
 METHODS = ("get", "put", "post", "delete", "options", "head", "patch", "trace")
 SCHEMA_KEYS = {

@@ -6,8 +6,8 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
-from .storm_limits import AccessToken, Junk, Logins, Moment
-from .storm_schedule import PAIRINGS_LIMIT
+from .limits import AccessToken, Junk, Logins, Moment
+from .schedule import PAIRINGS_LIMIT
 
 OWNER = "admin"  # whose account the phones use
 CHALLENGE_LIFE = 60

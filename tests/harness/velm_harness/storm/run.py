@@ -17,12 +17,14 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from xml.etree import ElementTree
 
-from .build import Build, BuildError
-from .namespaces import remove_stale
-from .storm_checks import check
-from .storm_schedule import Step, schedule
-from .storm_steps import perform
-from .storm_world import World
+from velm_sim.build import Build, BuildError
+from velm_sim.namespaces import remove_stale
+
+from ..instrumented import InstrumentedBuild
+from .checks import check
+from .schedule import Step, schedule
+from .steps import perform
+from .world import World
 
 STEPS_A_PROGRESS_LINE = 50
 TAIL, WIDTH = 80, 300  # of the log that a failure shows
@@ -158,7 +160,7 @@ def main() -> int:
             print(step)
         return 0
     try:
-        build = Build(given.build)
+        build = InstrumentedBuild(given.build)
     except BuildError as problem:
         print(problem, file=sys.stderr)
         return 2

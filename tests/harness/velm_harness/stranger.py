@@ -1,6 +1,6 @@
 """Strangers on the LAN who send what no client sends, as fast as they can, in their own process.
 
-`python -m velm_sim.stranger NAME SERVER PORT SOURCE SECONDS` runs inside the hosts' namespace.
+`python -m velm_harness.stranger NAME SERVER PORT SOURCE SECONDS` runs inside the hosts' namespace.
 """
 
 from __future__ import annotations
@@ -17,13 +17,11 @@ import sys
 import time
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
-from pathlib import Path
 
 from cryptography.hazmat.primitives import hashes, hmac
 from cryptography.hazmat.primitives.ciphers.aead import AESGCM
-
-from .lan_http import LanHost
-from .tls_policy import libssl, native_context
+from velm_sim.lan_http import LanHost
+from velm_sim.tls_policy import libssl, native_context
 
 PER_HOST = 16
 CONNECTIONS_PER_SECOND = 40
@@ -302,7 +300,7 @@ DEEDS: dict[str, Callable[[Target], None]] = {
 @contextlib.contextmanager
 def at_work_together(deeds: list[tuple[str, LanHost]], seconds: float) -> Iterator[None]:
     """Each host does its deed for so long; they are ended when the block is left."""
-    environment = {**os.environ, "PYTHONPATH": str(Path(__file__).parents[1])}
+    environment = {**os.environ, "PYTHONPATH": os.pathsep.join(sys.path)}
     processes = []
     for deed, host in deeds:
         target = (host.server, str(host.port), host.source or "", str(seconds))

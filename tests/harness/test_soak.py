@@ -3,7 +3,7 @@
 from __future__ import annotations
 
 import pytest
-from velm_sim.soak import Measure, compare
+from velm_harness.soak import Measure, compare
 
 
 @pytest.mark.parametrize(

@@ -5,9 +5,9 @@ from __future__ import annotations
 import time
 from collections.abc import Callable
 
-from .storm_lan_model import Bridge
-from .storm_schedule import ADDRESSES
-from .storm_world import World
+from .lan_model import Bridge
+from .schedule import ADDRESSES
+from .world import World
 
 
 def batch(world: World, *commands: str) -> None:

@@ -26,14 +26,17 @@ from dataclasses import dataclass
 from pathlib import Path
 from xml.etree import ElementTree
 
-from .access_point import AccessPoint, Credentials
-from .answers import Answer
-from .build import Build, BuildError
-from .cloud import Cloud
-from .daemon import Daemon, wait_until
-from .ipc_client import IpcClient
-from .namespaces import Network, remove_stale
-from .phone import Phone, sample_location
+from velm_sim.access_point import AccessPoint, Credentials
+from velm_sim.answers import Answer
+from velm_sim.build import Build, BuildError
+from velm_sim.cloud import Cloud
+from velm_sim.daemon import Daemon, wait_until
+from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network, remove_stale
+from velm_sim.phone import Phone, sample_location
+
+from .instrumented import InstrumentedBuild
+from .preloads import library
 
 WARM = 100
 PUSH_INTERVAL = 61
@@ -90,7 +93,7 @@ class Soak:
     def _start(self, build: Build) -> Daemon:
         probe = {"VELM_EVENT_PROBE": str(self.events_file)}
         daemon = self.access_point.prepare(clock=True, environment=probe)
-        daemon.preload = (build.event_probe,)
+        daemon.preload = (library(build, "event_probe"),)
         daemon.start()
         self.moment = int(time.time())
         daemon.stop_clock(self.moment)
@@ -231,7 +234,7 @@ def main() -> int:
     parser.add_argument("--junit", type=Path, help="write the result there, as JUnit does")
     given = parser.parse_args()
     try:
-        build = Build(given.build)
+        build = InstrumentedBuild(given.build)
     except BuildError as problem:
         print(problem, file=sys.stderr)
         return 2
