@@ -1,4 +1,4 @@
-"""Does the daemon keep to docs/http-api.yaml, and is that file what it claims to be?"""
+"""Does the daemon keep to docs/http-api.yaml?"""
 
 from __future__ import annotations
 
@@ -12,7 +12,7 @@ from typing import Any
 
 import jsonschema
 import pytest
-from velm_harness.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
+from velm_harness.openapi import Contract, TextLimit
 from velm_sim.access_point import BSSIDS, AccessPoint
 from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
@@ -26,48 +26,6 @@ SIGNED_PATHS = ["/pair", "/location"]
 UNPROVOKED = 500
 PENDING_CHALLENGES = 1000
 LISTS_THAT_WAIT = 20  # more than there is room for
-
-
-# The document.
-
-
-def test_the_document_is_well_formed() -> None:
-    jsonschema.Draft7Validator(DOCUMENT).validate(CONTRACT.document)
-
-
-def test_every_reference_leads_to_something_and_every_component_is_used() -> None:
-    used = set(CONTRACT.references())
-    for reference in used:
-        assert isinstance(CONTRACT.resolve({"$ref": reference}), dict)
-    named = {
-        f"#/components/{kind}/{name}"
-        for kind, parts in CONTRACT.document["components"].items()
-        for name in parts
-    }
-    assert used == named
-
-
-def test_every_schema_is_a_schema() -> None:
-    for schema in CONTRACT.schemas():
-        if "$ref" not in schema:
-            jsonschema.Draft4Validator.check_schema(schema)
-            assert set(schema) <= SCHEMA_KEYS, schema
-            assert set(schema.get("required", [])) <= set(schema.get("properties", {})), schema
-
-
-@pytest.mark.parametrize(
-    "reply",
-    [
-        Reply(418, {}, b""),
-        Reply(200, {"content-type": "text/plain"}, b"{}"),
-        Reply(200, {"content-type": "application/json"}, b"{}"),
-        Reply(200, {"content-type": "application/json"}, b'{"challenge": "ABC"}'),
-        Reply(400, {}, b"why"),
-    ],
-)
-def test_an_answer_that_is_not_documented_is_noticed(reply: Reply) -> None:
-    with pytest.raises((ContractError, jsonschema.ValidationError)):
-        CONTRACT.check("/challenge", reply)
 
 
 # What the phone sends, by path.

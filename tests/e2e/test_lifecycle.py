@@ -6,10 +6,9 @@ import signal
 import subprocess
 
 import pytest
+from velm_harness.version import VERSION
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
-
-VERSION = "7.14.3"
 
 
 def run(access_point: AccessPoint, *arguments: str) -> tuple[int, str]:

@@ -12,11 +12,11 @@ from pathlib import Path
 
 import pytest
 from velm_harness.preloads import library
+from velm_harness.version import VERSION
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, AccessPoint
 from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import Daemon, DaemonError, wait_until
 
-VERSION = "7.14.3"
 CANNOT_LISTEN = "call failed: evhtp_bind_socket( http_server_instance, "
 UNREADABLE_CERTIFICATE = "evhtp_ssl_init(http_server_instance, http_server_ssl_config)"
 
