@@ -1,4 +1,5 @@
 #include "process/command_line.h"
+#include "process/version.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -7,8 +8,6 @@
 #include <filesystem>
 #include <string>
 #include <vector>
-
-#include "process/version.h"
 
 namespace {
 
