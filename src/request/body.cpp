@@ -1,4 +1,4 @@
-#include "velm_request_preprocessor.h"
+#include "request/body.h"
 
 #include <algorithm>
 #include <cstddef>
