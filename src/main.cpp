@@ -22,7 +22,7 @@
 #include "cutils/common_netlink.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "http/http_client.h"
 #include "lan/lan.h"
 #include "lan/query.h"

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "handles/cjson.h"
+#include "handles/secret.h"
 #include "velm_config.h"
 
 /// Runs the checks that a route asks for, one after another on the loop, while the request is

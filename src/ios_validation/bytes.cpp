@@ -1,4 +1,5 @@
 #include "ios_validation/bytes.h"
+#include "handles/malloc.h"
 
 #include <algorithm>
 

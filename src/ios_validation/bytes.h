@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 
 /// Bytes of an object, owned; none when `data` is null.
 struct ios_app_bytes {

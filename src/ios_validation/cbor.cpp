@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <array>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "ios_validation/apple_root_ca.h"
 #include "ios_validation/auth_data.h"
 #include "ios_validation/cbor.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "handles/malloc.h"
 #include "ios_validation/cbor.h"
 
 namespace {

@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "handles/cbor.h"
+#include "handles/malloc.h"
 #include "ios_validation/bytes.h"
 
 /// The two objects of App Attest, taken out of their CBOR maps.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "async/common_async.h"
+#include "handles/secret.h"
 #include "request/proof.h"
 #include "velm_request_preprocessor.h"
 
