@@ -36,8 +36,9 @@ using velm_android_verify_assertion_callback = void (*)(bool success, void *user
 inline constexpr int velm_android_method_local = 0;
 inline constexpr int velm_android_method_remote = 1;
 
-/// Play Integrity token; copies its input and reports later through `result_cb`. The result is that
-/// of queueing the work (0). A missing argument or another method is fatal.
+/// Play Integrity token; copies its input and reports later through `result_cb`. The device id takes
+/// no part in the check. The result is that of queueing the work (0). A missing argument or another
+/// method is fatal.
 int velm_attestation_engine_android_verify_assertion(
     const char *device_id, std::span<const std::uint8_t> assertion_object,
     std::span<const std::uint8_t> message_digest, int method,

@@ -19,7 +19,7 @@
 #include <string_view>
 
 #include "conffile/conffile.h"
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "logger/log_file.h"
 
 namespace {

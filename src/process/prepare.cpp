@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "handles/fd.h"
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "logger/fatal.h"
 
 namespace {

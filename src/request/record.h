@@ -4,7 +4,7 @@
 #include <string>
 
 #include "async/common_async.h"
-#include "handles/cjson.h"
+#include "handles/secret.h"
 #include "request/checks.h"
 #include "request/proof.h"
 
