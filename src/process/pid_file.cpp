@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "cutils/file_mode.h"
+#include "logger/file_mode.h"
 
 namespace {
 

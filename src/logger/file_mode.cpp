@@ -1,4 +1,4 @@
-#include "cutils/file_mode.h"
+#include "logger/file_mode.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

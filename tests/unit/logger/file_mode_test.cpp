@@ -1,4 +1,4 @@
-#include "cutils/file_mode.h"
+#include "logger/file_mode.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
