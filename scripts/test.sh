@@ -79,6 +79,7 @@ for tls in 1.2 1.3; do
     step "end-to-end tests with TLS $tls only, ${presets[0]}" \
         python_tests "${presets[0]}" "e2e-tls-$tls" "${with_phones[@]}" "--tls=$tls"
 done
+step "tests of the documents" python_tests "${presets[0]}" documents tests/documents
 step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"
 step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim

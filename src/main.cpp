@@ -17,7 +17,7 @@
 #include "conffile/conffile.h"
 #include "cutils/common_netlink.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "http/http_client.h"
 #include "lan/lan.h"
 #include "lan/query.h"

@@ -30,8 +30,9 @@ velm_attestation_engine_ios_verify_assertion(const char *device_id,
                                              std::span<const std::uint8_t> assertion_object,
                                              std::span<const std::uint8_t> client_data_hash);
 
-/// Play Integrity token; copies its input and reports later through `result_cb`. The result is that
-/// of queueing the work (0). A missing argument or another method is fatal.
+/// Play Integrity token; copies its input and reports later through `result_cb`. The device id takes
+/// no part in the check. The result is that of queueing the work (0). A missing argument or another
+/// method is fatal.
 int velm_attestation_engine_android_verify_assertion(
     const char *device_id, std::span<const std::uint8_t> assertion_object,
     std::span<const std::uint8_t> message_digest, int method,

@@ -16,8 +16,8 @@
 #include <memory>
 #include <vector>
 
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "ipc/places.h"
 #include "logger/fatal.h"
 

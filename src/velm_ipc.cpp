@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "ipc/places.h"
 #include "ipc/socket.h"
 #include "logger/fatal.h"

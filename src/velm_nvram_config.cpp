@@ -8,7 +8,7 @@
 #include <variant>
 
 #include "config/settings.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 
 namespace {

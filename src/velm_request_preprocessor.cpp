@@ -9,8 +9,8 @@
 #include <iterator>
 #include <memory>
 
+#include "handles/argument.h"
 #include "handles/evhtp.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/record.h"

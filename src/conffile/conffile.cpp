@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "file/regular_file.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/common_logger.h"
 
 namespace {

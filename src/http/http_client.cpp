@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "async/common_async.h"
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "http/connection.h"
 #include "http/dns.h"
 #include "http/headers.h"

@@ -9,7 +9,7 @@
 #include <optional>
 #include <utility>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "http/hostname.h"
 #include "logger/fatal.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "crypto/common_crypto.h"
-#include "handles/memory.h"
+#include "handles/secret.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
 #include "request/input.h"

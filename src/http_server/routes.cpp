@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "handles/evhtp.h"
+#include "http_server/pause.h"
 #include "logger/fatal.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"

@@ -19,7 +19,7 @@
 #include <string_view>
 
 #include "handles/config_pairs.h"
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "logger/log_file.h"
 
 namespace {

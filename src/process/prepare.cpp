@@ -7,8 +7,8 @@
 
 #include <csignal>
 
+#include "handles/exhaustion.h"
 #include "handles/fd.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 
 namespace {

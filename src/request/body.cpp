@@ -1,4 +1,4 @@
-#include "velm_request_preprocessor.h"
+#include "request/body.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/secret.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 

@@ -6,6 +6,7 @@ import re
 from pathlib import Path
 
 import pytest
+from velm_harness.version import VERSION
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 DOCUMENTS = sorted([REPOSITORY / "README.md", REPOSITORY / "SECURITY.md",
@@ -62,6 +63,12 @@ def test_scripts_and_presets_exist(document: Path) -> None:
     presets = (REPOSITORY / "CMakePresets.json").read_text()
     missing += [name for name in re.findall(r"--preset (\w+)", text) if f'"{name}"' not in presets]
     assert not missing
+
+
+def test_the_newest_changes_are_those_of_the_version_that_is_built() -> None:
+    text = (REPOSITORY / "CHANGELOG.md").read_text()
+    newest = re.search(r"^## (\S+)", text, re.MULTILINE)
+    assert newest and newest.group(1) == VERSION
 
 
 NAMES_TESTS = ("SECURITY.md", "docs/faults.md", "docs/limits.md", "docs/testing.md")
