@@ -5,7 +5,9 @@
 #include <optional>
 #include <string>
 
+#include "config/bssids.h"
 #include "cutils/moment.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_fcm_messaging.h"
 #include "velm_nvram_pairings.h"
@@ -44,15 +46,6 @@ const char *message_type_name(std::uint32_t type)
     }
 }
 
-json_ptr copy_bssids()
-{
-    json_ptr bssids{state.config->bssids_list != nullptr
-                        ? cJSON_Duplicate(state.config->bssids_list.get(), 1)
-                        : cJSON_CreateArray()};
-    REQUIRE_MEMORY(bssids, "bssids");
-    return bssids;
-}
-
 push_fields make_fields(std::uint32_t timeout, std::uint32_t type)
 {
     const allocation_name naming{__func__, "location"};
@@ -60,7 +53,7 @@ push_fields make_fields(std::uint32_t timeout, std::uint32_t type)
             std::to_string(timeout),
             velm_config_lan_ip_address(state.config) + ":" +
                 std::to_string(state.config->http_server_port),
-            message_type_name(type), copy_bssids()};
+            message_type_name(type), velm_config_bssids_copy(*state.config)};
 }
 
 cJSON *add_object(cJSON *parent, const char *name)
@@ -128,11 +121,6 @@ void add_android(cJSON *message, const push_fields &fields, std::uint32_t type)
     add_text(add_object(android, "fcm_options"), "analytics_label", "push_android");
 }
 
-const char *text_or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
-
 } // namespace
 
 void velm_cloud_messaging_init(const velm_config *config)
@@ -161,11 +149,10 @@ json_ptr velm_cloud_messaging_generate_push_content(const cJSON *pairing, std::u
                                                     std::uint32_t type)
 {
     REQUIRE_NOT_NULL(pairing, "pairing");
-    const char *token =
-        text_or_empty(velm_utils_get_field_value_from_json_object(pairing, "push_token"));
+    const char *token = json_text_or_empty(pairing, "push_token");
     LOG_TRACE("%s - token: %s", __func__, token);
-    const velm_device_type device_type = velm_utils_device_type_from_string(
-        text_or_empty(velm_utils_get_field_value_from_json_object(pairing, "dev_type")));
+    const velm_device_type device_type =
+        velm_utils_device_type_from_string(json_text_or_empty(pairing, "dev_type"));
 
     json_ptr content{cJSON_CreateObject()};
     REQUIRE_MEMORY(content, "content");

@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "crypto/openssl_error.h"
 #include "handles/exhaustion.h"
 #include "http/dns.h"
 #include "http/hostname.h"
@@ -44,13 +45,6 @@ int ex_data_index()
     static char name[] = "http_client_ctx";
     static const int index = SSL_get_ex_new_index(0, name, nullptr, nullptr, nullptr);
     return index;
-}
-
-std::string openssl_error_text(unsigned long error)
-{
-    std::array<char, 256> text{};
-    ERR_error_string_n(error, text.data(), text.size());
-    return text.data();
 }
 
 loaded_context load_context(const char *ca_file)

@@ -32,15 +32,6 @@ const cJSON *location_data(const cJSON *body)
     return location;
 }
 
-std::optional<std::string> peer_text(const evhtp_request_t *request)
-{
-    const std::optional<in_addr> peer = request_peer_address(request);
-    if (!peer.has_value()) {
-        return std::nullopt;
-    }
-    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
-}
-
 void hand_over(const char *ip, const cJSON *auth, const cJSON *location)
 {
     if (cJSON_IsObject(location)) {
@@ -83,7 +74,7 @@ int take_location(evhtp_request_t *request)
         velm_request_log_refusal_of(request, "/location", "no valid location data", auth);
         return 400;
     }
-    const std::optional<std::string> ip = peer_text(request);
+    const std::optional<std::string> ip = request_peer_text(request);
     if (!ip.has_value()) {
         // The phone did its part and cannot help it: it is not asked to retry.
         LOG_ERROR("%s - invalid ip address", handler_name);
