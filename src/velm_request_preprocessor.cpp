@@ -119,6 +119,7 @@ void finish_async(void *user_data, short /*events*/, common_async_context * /*co
         if (p->break_code != VELM_BREAK_NONE) {
             log_refusal(p.get());
         }
+        const velm_request_body_offer offer{p->request, p->body};
         p->callback(p->request, p->break_code);
     }
 }
@@ -181,16 +182,25 @@ bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
     return true;
 }
 
+/// For a caller that has not parsed it. What else it would read is not known, so it is not kept.
+bool parse_body(velm_request_preprocessor *p)
+{
+    velm_request_body parsed = velm_request_parse_request_body(p->request);
+    if (parsed.status == http_status_ok) {
+        p->body = velm_request_keep(std::move(parsed.body), nullptr);
+        p->body.is_whole = false;
+    }
+    return parsed.status == http_status_ok;
+}
+
 /// Reads the body and the headers into the record; false at the first one that will not do.
 bool read_request(velm_request_preprocessor *p)
 {
-    velm_request_body parsed = velm_request_parse_request_body(p->request);
-    if (parsed.status != http_status_ok) {
+    if (p->body.tree == nullptr && !parse_body(p)) {
         p->refusal = "no valid body";
         return false;
     }
-    p->body = velm_request_keep_auth(std::move(parsed.body));
-    const cJSON *const auth = request_auth(p->body.get());
+    const cJSON *const auth = request_auth(p->body.tree.get());
     for (const auth_member &member : auth_members) {
         if (!read_auth_member(p, auth, member)) {
             return false;
@@ -354,6 +364,13 @@ void velm_request_preprocessor_set_callback(velm_request_preprocessor *preproces
     REQUIRE_NOT_NULL(preprocessor, "preprocessor");
     REQUIRE_NOT_NULL(callback, "callback");
     preprocessor->callback = callback;
+}
+
+void velm_request_preprocessor_attach_body(velm_request_preprocessor *preprocessor,
+                                           velm_request_kept_body body)
+{
+    REQUIRE_NOT_NULL(preprocessor, "preprocessor");
+    preprocessor->body = std::move(body);
 }
 
 void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor)

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "async/common_async.h"
-#include "handles/cjson.h"
 #include "request/checks.h"
+#include "request/kept.h"
 #include "request/proof.h"
 
 /// The record of one request on its way through the checks. Only the preprocessor and the checks
@@ -26,14 +26,14 @@ struct velm_request_preprocessor {
     velm_request_checks checks;
     evhtp_request_t *request = nullptr; // borrowed; null once it is gone
     bool request_gone = false;          // freed with its connection: nobody is left to answer
-    secret_json_ptr body;
+    velm_request_kept_body body;
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;
     const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
     std::optional<velm_request_proof> proof; // what the assertion check went by
     char client_ip[64] = {};
-    // Views into `body`; null when missing.
+    // Views into `body.tree`; null when missing.
     const char *client_device_id = nullptr;
     const char *client_device_type = nullptr;
     const char *client_bssid = nullptr;
