@@ -31,12 +31,6 @@ constexpr http_route route_unpair    {"/unpair",    "http_method_unpair",    "un
 constexpr http_route route_location  {"/location",  "http_method_location",  "location", {true,  true,  true,  true,  true},  http_method_location_handle};
 // clang-format on
 
-/// The path as it was sent, without the query; null when the request has none.
-const char *request_path(const evhtp_request_t *req)
-{
-    return req->uri == nullptr || req->uri->path == nullptr ? nullptr : req->uri->path->full;
-}
-
 bool is_path(const evhtp_request_t *req, const http_route &route)
 {
     const char *const path = request_path(req);

@@ -17,8 +17,7 @@ inline constexpr std::size_t velm_request_max_kept = 16 * 1024;
 struct velm_request_kept_body {
     secret_json_ptr tree;  // null: the body has not been parsed
     bool is_whole = false; // false: the route has to parse the body again
-    std::size_t size =
-        0; // memory that the tree takes
+    std::size_t size = 0;  // memory that the tree takes
 };
 
 /// Of the body, "auth" with the texts that the checks read and the member that the route reads; null

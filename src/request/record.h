@@ -1,7 +1,8 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <optional>
-#include <string>
 
 #include "async/common_async.h"
 #include "request/checks.h"
@@ -32,7 +33,7 @@ struct velm_request_preprocessor {
     int break_code = VELM_BREAK_NONE;
     const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
     std::optional<velm_request_proof> proof; // what the assertion check went by
-    char client_ip[64] = {};
+    std::optional<in_addr> client_address;   // nothing for a peer without IPv4
     // Views into `body.tree`; null when missing.
     const char *client_device_id = nullptr;
     const char *client_device_type = nullptr;
@@ -40,10 +41,8 @@ struct velm_request_preprocessor {
     const char *client_username = nullptr;
     const char *client_password = nullptr;
     const char *client_challenge = nullptr;
-    // Copies: the request may go first.
-    std::optional<std::string> path;
-    std::optional<std::string> client_assertion;  // header "X-Assertion"
-    std::optional<std::string> client_user_agent; // header "User-Agent"
+    // A view into the request, the header "X-Assertion"; null again when the request is gone.
+    const char *client_assertion = nullptr;
 };
 
 /// A check gives its break code, or nothing when it will report by itself through
