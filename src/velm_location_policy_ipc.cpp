@@ -230,11 +230,12 @@ void ask_for_location(void *user_data, short, common_async_context *) noexcept
     velm_cloud_messaging_push_to_all(ask->timeout, ask->type);
 }
 
-int no_paired_devices_respond(velm_ipc *server, std::uint32_t seq)
+bool no_paired_devices_respond(velm_ipc *server, std::uint32_t seq)
 {
     velm_location_report report{};
     report.time = build_time();
-    return velm_ipc_respond(server, seq, &report, sizeof report, VELM_STATUS_NO_PAIRED_DEVICES);
+    return velm_ipc_respond(server, seq, &report, sizeof report, VELM_STATUS_NO_PAIRED_DEVICES) !=
+           0;
 }
 
 /// The first two bytes of the payload; the rest of it means nothing to us.
@@ -257,7 +258,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     }
     if (velm_nvram_pairings_count_pairings() == 0) {
         LOG_TRACE("%s - no paired devices", __func__);
-        if (no_paired_devices_respond(server, seq) == 0) {
+        if (!no_paired_devices_respond(server, seq)) {
             LOG_ERROR("%s - failed", __func__);
         }
         return 1;

@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
+
+#include "file/directory.h"
 
 namespace {
 
@@ -21,47 +22,11 @@ struct module_state {
 };
 module_state state;
 
-int directory_sync(const std::string &path)
-{
-    unique_fd directory;
-    if (const int rc = host_directory_open(path, directory); rc != 0) {
-        return rc;
-    }
-    return fsync(directory.get()) == 0 ? 0 : errno;
-}
-
-int directory_make_one(const std::string &path, mode_t mode)
-{
-    if (mkdir(path.c_str(), mode) != 0) {
-        // Somebody else may have made it first.
-        return errno == EEXIST ? 0 : errno;
-    }
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return directory_sync(".");
-    }
-    return directory_sync(slash == 0 ? "/" : path.substr(0, slash));
-}
-
 } // namespace
 
 int host_directory_make(const std::string &path, mode_t mode)
 {
-    struct stat found = {};
-    if (stat(path.c_str(), &found) == 0) {
-        return S_ISDIR(found.st_mode) ? 0 : ENOTDIR;
-    }
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const std::string parent = path.substr(0, slash);
-        if (stat(parent.c_str(), &found) == 0) {
-            continue;
-        }
-        if (const int rc = directory_make_one(parent, 0755); rc != 0) {
-            return rc;
-        }
-    }
-    return directory_make_one(path, mode);
+    return make_directories(path, 0755, mode, directory_sync::each) ? 0 : errno;
 }
 
 int host_directory_open(const std::string &path, unique_fd &directory)

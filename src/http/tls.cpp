@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "crypto/openssl_error.h"
 #include "handles/exhaustion.h"
 #include "http/hostname.h"
 #include "logger/fatal.h"
@@ -49,13 +50,6 @@ int peer_index()
     return state.peer_index;
 }
 
-std::string openssl_error_text(unsigned long error)
-{
-    std::array<char, 256> text{};
-    ERR_error_string_n(error, text.data(), text.size());
-    return text.data();
-}
-
 loaded_context load_context(const char *ca_file)
 {
     ERR_clear_error();
@@ -88,20 +82,20 @@ subject_text subject_of(X509 *cert)
     return text;
 }
 
-int refuse(const char *reason, const char *host, X509 *cert)
+bool refuse(const char *reason, const char *host, X509 *cert)
 {
     LOG_ERROR("HTTPS NOK - got '%s', server: '%s', cert: '%s'", reason, host,
               subject_of(cert).data());
-    return 0;
+    return false;
 }
 
-int accept_cert(const char *host, X509 *cert)
+bool accept_cert(const char *host, X509 *cert)
 {
     LOG_TRACE("HTTPS OK - server: '%s', cert: '%s'", host, subject_of(cert).data());
-    return 1;
+    return true;
 }
 
-int refuse_chain(X509_STORE_CTX *store, const char *host)
+bool refuse_chain(X509_STORE_CTX *store, const char *host)
 {
     const int error = X509_STORE_CTX_get_error(store);
     LOG_ERROR("HTTPS NOK - verify cert error: %s", X509_verify_cert_error_string(error));
@@ -113,7 +107,7 @@ int refuse_chain(X509_STORE_CTX *store, const char *host)
     return refuse("Error", host, X509_STORE_CTX_get_current_cert(store));
 }
 
-int check_hostname(X509_STORE_CTX *store, const char *host)
+bool check_hostname(X509_STORE_CTX *store, const char *host)
 {
     X509 *cert = X509_STORE_CTX_get0_cert(store);
     const http_client_hostname_result result = http_client_validate_hostname(host, cert);
@@ -133,7 +127,7 @@ const http_client_peer *peer_of(X509_STORE_CTX *store)
                : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, peer_index()));
 }
 
-int verify_callback(X509_STORE_CTX *store, void *) noexcept
+bool server_is_the_one_meant(X509_STORE_CTX *store)
 {
     const http_client_peer *peer = peer_of(store);
     if (peer == nullptr) {
@@ -143,7 +137,7 @@ int verify_callback(X509_STORE_CTX *store, void *) noexcept
     const char *host = peer->host.c_str();
     if (peer->skip_server_verification) {
         LOG_TRACE("HTTPS OK - server: '%s' server verification disabled", host);
-        return 1;
+        return true;
     }
     if (X509_verify_cert(store) != 1) {
         return refuse_chain(store, host);
@@ -153,6 +147,11 @@ int verify_callback(X509_STORE_CTX *store, void *) noexcept
         return accept_cert(host, X509_STORE_CTX_get0_cert(store));
     }
     return check_hostname(store, host);
+}
+
+int verify_callback(X509_STORE_CTX *store, void *) noexcept
+{
+    return server_is_the_one_meant(store) ? 1 : 0;
 }
 
 bool is_address(const char *host)

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logger/fatal.h"
+#include "velm_utils.h"
 
 namespace {
 constexpr char log_category[] = "velm_http_server";
@@ -19,6 +20,17 @@ bool request_text_fits(const char *text, std::size_t limit)
 const char *request_header(const evhtp_request_t *request, const char *name)
 {
     return evhtp_header_find(request->headers_in, name);
+}
+
+const char *request_path(const evhtp_request_t *request)
+{
+    const evhtp_uri_t *const uri = request->uri;
+    return uri == nullptr || uri->path == nullptr ? nullptr : uri->path->full;
+}
+
+const cJSON *request_auth(const cJSON *body)
+{
+    return cJSON_GetObjectItemCaseSensitive(body, "auth");
 }
 
 std::optional<std::string> request_body_copy(const evhtp_request_t *request, const char *caller,
@@ -56,6 +68,13 @@ std::optional<in_addr> request_peer_address(const evhtp_request_t *request)
     sockaddr_in peer{};
     std::memcpy(&peer, address, sizeof peer);
     return peer.sin_addr;
+}
+
+std::optional<std::string> request_address_text(const std::optional<in_addr> &address)
+{
+    return address.has_value() ? velm_utils_print_ip_address(
+                                     reinterpret_cast<const std::uint8_t *>(&address->s_addr))
+                               : std::nullopt;
 }
 
 std::span<const std::uint8_t> request_bytes(std::string_view text)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cjson/cJSON.h>
 #include <evhtp/evhtp.h>
 #include <netinet/in.h>
 
@@ -25,6 +26,12 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 /// The header's text, borrowed from the request; null when it is missing. Names ignore case.
 [[nodiscard]] const char *request_header(const evhtp_request_t *request, const char *name);
 
+/// The path as it was sent, without the query, borrowed from the request; null without one.
+[[nodiscard]] const char *request_path(const evhtp_request_t *request);
+
+/// Of a body, its member "auth"; null without one.
+[[nodiscard]] const cJSON *request_auth(const cJSON *body);
+
 /// The exact bytes of the body, empty without one; nothing when they cannot be copied. `caller` and
 /// `object` are what the fatal line of exhausted memory names.
 [[nodiscard]] std::optional<std::string> request_body_copy(const evhtp_request_t *request,
@@ -36,6 +43,10 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 
 /// The peer's IPv4 address; nothing for another family.
 [[nodiscard]] std::optional<in_addr> request_peer_address(const evhtp_request_t *request);
+
+/// Made for a line of the log or a report, not kept; nothing without an address.
+[[nodiscard]] std::optional<std::string>
+request_address_text(const std::optional<in_addr> &address);
 
 /// The same memory as bytes, for the crypto functions.
 [[nodiscard]] std::span<const std::uint8_t> request_bytes(std::string_view text);
