@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "android_validation/assertion.h"
 #include "android_validation/keys.h"
 #include "android_validation/token.h"
 #include "android_validation/verdict.h"

@@ -16,14 +16,13 @@
 #include "handles/evhtp.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
+#include "http_server/log.h"
 #include "http_server/routes.h"
 #include "http_server/tls.h"
 #include "lan/wait.h"
 #include "logger/fatal.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 constexpr int HTTP_SERVER_MAX_CONNS = 128; // the listen backlog
 constexpr int library_failure = -1;        // what libevhtp tells of any

@@ -6,7 +6,12 @@
 #include <optional>
 #include <vector>
 
-#include "velm_attestation_engine.h"
+/// Called once, on the loop.
+using velm_android_verify_assertion_callback = void (*)(bool success, void *user_data);
+
+/// Who opens an Android integrity token: this device, or Google's decoding service.
+inline constexpr int velm_android_method_local = 0;
+inline constexpr int velm_android_method_remote = 1;
 
 /// An Android verification on its way: an owned copy of all that it needs, made when it was asked
 /// for, freed when `result_cb` has been called.

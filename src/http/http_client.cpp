@@ -253,6 +253,22 @@ void http_client_set_event_base(event_base *base)
     http_client_dns_start(base, {});
 }
 
+int http_client_setup_ssl(const char *ca_file)
+{
+    http_client_dns_reload();
+    return http_client_tls_set_up(ca_file) ? 0 : -1;
+}
+
+void http_client_prepare_ssl(const char *ca_file)
+{
+    http_client_tls_prepare(ca_file);
+}
+
+void http_client_free_ssl()
+{
+    http_client_tls_forget();
+}
+
 void http_client_set_user_agent_string(const char *user_agent)
 {
     state.user_agent = user_agent != nullptr ? user_agent : "";

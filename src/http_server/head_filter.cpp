@@ -6,6 +6,7 @@
 #include <charconv>
 #include <system_error>
 
+#include "request/status.h"
 #include "text/trim.h"
 
 namespace {
@@ -29,12 +30,7 @@ const char *lifted_name(std::string_view name)
     return found == std::end(lifted_names) ? nullptr : *found;
 }
 
-constexpr int status_bad_request = 400;
-constexpr int status_uri_too_long = 414;
-constexpr int status_header_too_large = 431;
-constexpr int status_not_implemented = 501;
-
-void refuse(http_head *head, const char *reason, int status = status_bad_request)
+void refuse(http_head *head, const char *reason, int status = http_status_bad_request)
 {
     head->refusal = reason;
     head->refusal_status = status;
@@ -65,7 +61,7 @@ class header_lines {
     void add(std::string_view line)
     {
         if (++count_ > http_head_max_headers) {
-            refuse(head_, "too many headers", status_header_too_large);
+            refuse(head_, "too many headers", http_status_header_fields_too_large);
             return;
         }
         if (!line.empty() && blanks.find(line.front()) != std::string_view::npos) {
@@ -115,7 +111,7 @@ class header_lines {
     void add_transfer_encoding(std::string_view value)
     {
         if (!same_name(value, "chunked")) {
-            refuse(head_, "unknown transfer encoding", status_not_implemented);
+            refuse(head_, "unknown transfer encoding", http_status_not_implemented);
             return;
         }
         head_->chunked = true;
@@ -167,7 +163,7 @@ class header_lines {
         } else if (value_size_ <= http_head_max_value && may_be_left_out_) {
             head_->text.resize(header_begin_);
         } else {
-            refuse(head_, "header too long", status_header_too_large);
+            refuse(head_, "header too long", http_status_header_fields_too_large);
         }
     }
 
@@ -234,15 +230,16 @@ int http_head_line_refusal(std::string_view bytes)
     if (line.size() <= http_head_max_line) {
         return 0;
     }
-    return lifted_name(line.substr(0, line.find(':'))) != nullptr ? status_bad_request
-                                                                  : status_header_too_large;
+    return lifted_name(line.substr(0, line.find(':'))) != nullptr
+               ? http_status_bad_request
+               : http_status_header_fields_too_large;
 }
 
 http_head http_head_filter(std::string_view head)
 {
     http_head result;
     if (head.size() > http_head_max_size) {
-        refuse(&result, "head too long", status_header_too_large);
+        refuse(&result, "head too long", http_status_header_fields_too_large);
         return result;
     }
     if (!head.ends_with(head_end)) {
@@ -257,7 +254,7 @@ http_head http_head_filter(std::string_view head)
     std::string_view rest = head;
     const std::string_view request_line = take_line(&rest);
     if (uri_too_long(request_line)) {
-        refuse(&result, "uri too long", status_uri_too_long);
+        refuse(&result, "uri too long", http_status_uri_too_long);
         return result;
     }
     result.text.reserve(head.size());

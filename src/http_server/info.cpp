@@ -1,15 +1,14 @@
 #include <string>
+#include <utility>
 
 #include "config/bssids.h"
+#include "http_server/answer.h"
+#include "http_server/log.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
-#include "request/refusal.h"
 #include "velm_challenge_engine.h"
-#include "velm_request_preprocessor.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 constexpr char HTTP_SERVER_API_VERSION[] = "1.2.0";
 
@@ -39,29 +38,25 @@ std::string info_text(const velm_config *velm_config)
     return response_buf.get();
 }
 
-void reply_info(evhtp_request_t *request)
+http_outcome info(const http_asked & /*asked*/)
 {
     if (state.info.empty()) {
         state.info = info_text(http_server_config());
     }
-    http_server_reply_text(request, state.info.c_str());
+    return {http_status_ok, nullptr, nullptr, state.info.c_str()};
 }
 
-void reply_challenge(evhtp_request_t *request)
+http_outcome challenge(const http_asked & /*asked*/)
 {
     const char *const challenge = velm_challenge_engine_generate_challenge();
     if (challenge == nullptr) {
-        const velm_request_body parsed = velm_request_parse_request_body(request);
-        velm_request_log_refusal_of(request, "/challenge", "too many pending challenges",
-                                    cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth"));
-        http_server_reply_status(request, EVHTP_RES_SERVUNAVAIL);
-        return;
+        return {http_status_unavailable, "too many pending challenges"};
     }
-    const json_ptr response_json{cJSON_CreateObject()};
+    json_ptr response_json{cJSON_CreateObject()};
     REQUIRE_MEMORY(response_json, "response_json");
     REQUIRE_MEMORY(cJSON_AddStringToObject(response_json.get(), "challenge", challenge),
                    "cJSON_AddStringToObject(response_json, \"challenge\", challenge)");
-    http_server_reply_json(request, response_json.get());
+    return {http_status_ok, nullptr, std::move(response_json)};
 }
 
 } // namespace
@@ -73,22 +68,10 @@ void http_server_forget_info()
 
 void http_method_info_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    if (break_code != 0) {
-        http_server_reply_status(request, http_server_status_from_break_code(break_code));
-    } else {
-        reply_info(request);
-    }
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {__func__, "/info", info, false});
 }
 
 void http_method_challenge_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    if (break_code != 0) {
-        http_server_reply_status(request, http_server_status_from_break_code(break_code));
-    } else {
-        reply_challenge(request);
-    }
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {__func__, "/challenge", challenge, true});
 }

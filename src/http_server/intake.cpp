@@ -18,6 +18,7 @@
 #include "http_server/parser.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
+#include "request/status.h"
 
 namespace {
 
@@ -35,10 +36,6 @@ constexpr std::size_t refused_room_max = 32 * 1024;
 
 constexpr std::size_t growth_step = 4 * 1024; // of what is held
 constexpr std::size_t worth_giving_back = 512;
-
-constexpr int status_bad_request = 400;
-constexpr int status_body_too_large = 413;
-constexpr int status_head_too_large = 431;
 
 /// What was received may hold a password, so that no copy of it stays where it lay.
 void wipe(std::string *text)
@@ -94,29 +91,14 @@ intake_result end(http_intake *intake, const char *reason)
     return intake_result::ended;
 }
 
-const char *reason_phrase(int status)
-{
-    switch (status) {
-    case 413:
-        return "Payload Too Large";
-    case 414:
-        return "URI Too Long";
-    case 431:
-        return "Request Header Fields Too Large";
-    case 501:
-        return "Not Implemented";
-    default:
-        return "Bad Request";
-    }
-}
-
 /// Answers without the library, which has not seen the whole request and will not. At once, since an
 /// end that the client has sent already would take what waits to be written with it. No more will
 /// come from us, but the client is still heard until it ends too.
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
     log_refusal(intake->address, reason);
-    const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' + reason_phrase(status) +
+    const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
+                               http_status_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
     evhtp_connection_t *const connection = intake->connection;
     bufferevent_disable(connection->bev, EV_WRITE);
@@ -206,7 +188,7 @@ bool is_admitted(http_intake *intake)
 intake_result wait_for_head(http_intake *intake)
 {
     if (intake->held.size() >= http_head_max_size) {
-        return refuse(intake, "head too long", status_head_too_large);
+        return refuse(intake, "head too long", http_status_header_fields_too_large);
     }
     const int refusal = http_head_line_refusal(intake->held);
     return refusal == 0 ? intake_result::waits : refuse(intake, "header too long", refusal);
@@ -272,14 +254,15 @@ intake_result give_message(http_intake *intake)
     }
     const bool is_too_long =
         htparser_get_content_length(intake->connection->parser) > http_server_max_body_size;
-    return has_route(intake) && is_too_long ? refuse(intake, "body too long", status_body_too_large)
-                                            : refuse(intake, "no http request", status_bad_request);
+    return has_route(intake) && is_too_long
+               ? refuse(intake, "body too long", http_status_content_too_large)
+               : refuse(intake, "no http request", http_status_bad_request);
 }
 
 intake_result begin_body(http_intake *intake, const http_head &head)
 {
     if (!head.chunked && head.body_size > http_server_max_body_size) {
-        return refuse(intake, "body too long", status_body_too_large);
+        return refuse(intake, "body too long", http_status_content_too_large);
     }
     intake->chunked = head.chunked;
     intake->chunks = {};
@@ -351,7 +334,7 @@ intake_result take_body(http_intake *intake)
     case chunks_result::whole:
         return give_message(intake);
     case chunks_result::too_long:
-        return refuse(intake, "body too long", status_body_too_large);
+        return refuse(intake, "body too long", http_status_content_too_large);
     case chunks_result::bad:
         break;
     }

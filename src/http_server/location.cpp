@@ -1,20 +1,19 @@
 #include <optional>
 #include <string>
 
+#include "http_server/answer.h"
+#include "http_server/log.h"
 #include "http_server/routes.h"
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
 #include "request/input.h"
-#include "request/refusal.h"
 #include "velm_location_policy_ipc.h"
-#include "velm_request_preprocessor.h"
 #include "velm_utils.h"
 
 /// What /location does once every check has passed: it hands the location on as it came.
 
 namespace {
 
-constexpr char log_category[] = "velm_http_server";
 constexpr char handler_name[] = "http_method_location_handle";
 
 /// An object, or an array that is not empty; null, and logged, for anything else.
@@ -60,42 +59,28 @@ bool has_room(const char *ip, const cJSON *auth, const cJSON *location)
     return false;
 }
 
-/// The HTTP status to answer with.
-int take_location(evhtp_request_t *request)
+http_outcome take_location(const http_asked &asked)
 {
-    const velm_request_body parsed = velm_request_parse_request_body(request);
-    if (parsed.status != 200) {
-        velm_request_log_refusal_of(request, "/location", "no valid body", nullptr);
-        return parsed.status;
-    }
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
-    const cJSON *const location = location_data(parsed.body.get());
+    const cJSON *const location = location_data(asked.body);
     if (location == nullptr) {
-        velm_request_log_refusal_of(request, "/location", "no valid location data", auth);
-        return 400;
+        return {http_status_bad_request, "no valid location data"};
     }
-    const std::optional<std::string> ip = request_peer_text(request);
+    const std::optional<std::string> ip = request_peer_text(asked.request);
     if (!ip.has_value()) {
         // The phone did its part and cannot help it: it is not asked to retry.
         LOG_ERROR("%s - invalid ip address", handler_name);
-        return 200;
+        return {};
     }
-    if (!has_room(ip->c_str(), auth, location)) {
-        return EVHTP_RES_SERVUNAVAIL;
+    if (!has_room(ip->c_str(), asked.auth, location)) {
+        return {http_status_unavailable};
     }
-    hand_over(ip->c_str(), auth, location);
-    return 200;
+    hand_over(ip->c_str(), asked.auth, location);
+    return {};
 }
 
 } // namespace
 
 void http_method_location_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    REQUIRE_NOT_NULL(request, "req");
-    const int status = break_code == VELM_BREAK_NONE
-                           ? take_location(request)
-                           : http_server_status_from_break_code(break_code);
-    http_server_reply_status(request, status);
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {handler_name, "/location", take_location, true});
 }

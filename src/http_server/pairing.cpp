@@ -3,17 +3,18 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "crypto/common_crypto.h"
 #include "handles/secret.h"
+#include "http_server/answer.h"
+#include "http_server/log.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
 #include "request/input.h"
-#include "request/refusal.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
 #include "velm_nvram_pairings.h"
-#include "velm_request_preprocessor.h"
 #include "velm_utils.h"
 
 /// What /pair, /pairings and /unpair do once every check has passed. Nothing is stored before every
@@ -21,15 +22,8 @@
 
 namespace {
 
-constexpr char log_category[] = "velm_http_server";
 constexpr char pair_name[] = "http_method_pair_handle";
 constexpr char unpair_name[] = "http_method_unpair_handle";
-
-/// How a request ends: the HTTP status to answer with and, unless that is 200, the reason for the log.
-struct outcome {
-    int status = 200;
-    const char *refusal = nullptr;
-};
 
 /// Borrowed from the request and its parsed body.
 struct attestation_input {
@@ -50,40 +44,40 @@ const char *attestation_input_refusal(const attestation_input &input)
     return request_text_fits(input.challenge, request_id_limit) ? nullptr : "no valid challenge";
 }
 
-/// On 200 `attestation_key` holds the key to store for the device. The challenge is used up only by
+/// On success `attestation_key` holds the key to store for the device. The challenge is used up only by
 /// an attestation that is valid.
-outcome verify_attestation(const evhtp_request_t *request, const cJSON *auth,
-                           std::string *attestation_key)
+http_outcome verify_attestation(const http_asked &asked, std::string *attestation_key)
 {
-    const attestation_input input{velm_utils_get_field_value_from_json_object(auth, "deviceId"),
-                                  velm_utils_get_field_value_from_json_object(auth, "challenge"),
-                                  request_header(request, "X-Attestation")};
+    const attestation_input input{
+        velm_utils_get_field_value_from_json_object(asked.auth, "deviceId"),
+        velm_utils_get_field_value_from_json_object(asked.auth, "challenge"),
+        request_header(asked.request, "X-Attestation")};
     const char *const refusal = attestation_input_refusal(input);
     if (refusal != nullptr) {
-        return {400, refusal};
+        return {http_status_bad_request, refusal};
     }
     LOG_TRACE("%s - device id:   %s", __func__, input.device_id);
     LOG_TRACE("%s - challenge:   %s", __func__, input.challenge);
     LOG_TRACE("%s - attestation: %s", __func__, input.attestation);
-    std::string body = request_body_require(request, __func__, "body_buf");
+    std::string body = request_body_require(asked.request, __func__, "body_buf");
     const wiped_at_end wiping{&body}; // a password is in it
     const auto digest = common_crypto_sha256(request_bytes(body));
     if (!digest.has_value()) {
-        return {500, "no digest of the body"};
+        return {http_status_internal_error, "no digest of the body"};
     }
     const auto attestation = common_crypto_base64_decode(input.attestation);
     if (!attestation.has_value()) {
-        return {400, "attestation is no base64"};
+        return {http_status_bad_request, "attestation is no base64"};
     }
     velm_attestation_result verdict =
         velm_attestation_engine_ios_verify_attestation(input.device_id, *attestation, *digest);
     if (!verdict.success) {
         LOG_ERROR("%s - failure (attestation)", __func__);
-        return {412, "attestation is not valid"};
+        return {http_status_precondition_failed, "attestation is not valid"};
     }
     if (velm_challenge_engine_consume_challenge(input.challenge) == 0) {
         LOG_ERROR("%s - failure (challenge)", __func__);
-        return {424, "challenge is not pending"};
+        return {http_status_failed_dependency, "challenge is not pending"};
     }
     LOG_TRACE("%s - success", __func__);
     *attestation_key = std::move(verdict.attestation_key);
@@ -179,15 +173,15 @@ void fill_pairing(cJSON *pairing, const cJSON *auth, const pair_texts &texts)
 }
 
 /// Stores the phone's pairing. Without an attestation the stored key stays.
-outcome store_pairing(const cJSON *auth, const cJSON *pair,
-                      const std::optional<std::string> &attestation_key)
+http_outcome store_pairing(const cJSON *auth, const cJSON *pair,
+                           const std::optional<std::string> &attestation_key)
 {
     json_ptr pairing = velm_nvram_pairings_select_pairing(
         velm_utils_get_field_value_from_json_object(auth, "deviceId"));
     const bool known = pairing != nullptr;
     if (!known && velm_nvram_pairings_limit_reached() != 0) {
         LOG_ERROR("%s - pairings limit reached", pair_name);
-        return {403, "pairings limit reached"};
+        return {http_status_forbidden, "pairings limit reached"};
     }
     if (!known) {
         pairing = velm_nvram_pairings_create_empty_pairing();
@@ -195,7 +189,7 @@ outcome store_pairing(const cJSON *auth, const cJSON *pair,
     pair_texts texts;
     const char *const refusal = read_pair_texts(pair, &texts);
     if (refusal != nullptr) {
-        return {400, refusal};
+        return {http_status_bad_request, refusal};
     }
     fill_pairing(pairing.get(), auth, texts);
     if (attestation_key.has_value()) {
@@ -211,69 +205,45 @@ outcome store_pairing(const cJSON *auth, const cJSON *pair,
     if (!velm_nvram_pairings_is_stored(pairing.get())) {
         LOG_ERROR("%s - not stored: %s", pair_name,
                   velm_utils_get_field_value_from_json_object(auth, "deviceId"));
-        return {500, "not stored"};
+        return {http_status_internal_error, "not stored"};
     }
     return {};
 }
 
-outcome pair_checked(const evhtp_request_t *request, const cJSON *body, const cJSON *auth)
+http_outcome pair(const http_asked &asked)
 {
     std::optional<std::string> attestation_key;
-    if (request_header(request, "X-Attestation") != nullptr) {
-        const outcome attested = verify_attestation(request, auth, &attestation_key.emplace());
-        if (attested.status != 200) {
+    if (request_header(asked.request, "X-Attestation") != nullptr) {
+        http_outcome attested = verify_attestation(asked, &attestation_key.emplace());
+        if (attested.status != http_status_ok) {
             return attested;
         }
     }
-    const cJSON *const pair_data = pair_object(body);
-    return pair_data != nullptr ? store_pairing(auth, pair_data, attestation_key)
-                                : outcome{400, "no valid pair data"};
+    const cJSON *const pair_data = pair_object(asked.body);
+    return pair_data != nullptr ? store_pairing(asked.auth, pair_data, attestation_key)
+                                : http_outcome{http_status_bad_request, "no valid pair data"};
 }
 
-outcome unpair_checked(const cJSON *body)
+http_outcome unpair(const http_asked &asked)
 {
-    const cJSON *const unpair_data = unpair_object(body);
+    const cJSON *const unpair_data = unpair_object(asked.body);
     if (unpair_data == nullptr) {
-        return {400, "no valid unpair data"};
+        return {http_status_bad_request, "no valid unpair data"};
     }
     const char *const device_id =
         velm_utils_get_field_value_from_json_object(unpair_data, "deviceId");
     if (device_id == nullptr || *device_id == '\0') {
         LOG_ERROR("%s - no deviceId", unpair_name);
-        return {400, "no deviceId to unpair"};
+        return {http_status_bad_request, "no deviceId to unpair"};
     }
     LOG_TRACE("%s - %s", unpair_name, device_id);
     if (velm_nvram_pairings_pairing_exists(device_id) == 0) {
         LOG_ERROR("%s - no pairing: %s", unpair_name, device_id);
-        return {404, "no such pairing"};
+        return {http_status_not_found, "no such pairing"};
     }
     velm_nvram_pairings_delete_pairing(device_id);
     velm_nvram_pairings_save_pairings();
     return {};
-}
-
-int pair(evhtp_request_t *request)
-{
-    const velm_request_body parsed = velm_request_parse_request_body(request);
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
-    const outcome end = parsed.status == 200 ? pair_checked(request, parsed.body.get(), auth)
-                                             : outcome{parsed.status, "no valid body"};
-    if (end.status != 200) {
-        velm_request_log_refusal_of(request, "/pair", end.refusal, auth);
-    }
-    return end.status;
-}
-
-int unpair(evhtp_request_t *request)
-{
-    const velm_request_body parsed = velm_request_parse_request_body(request);
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth");
-    const outcome end = parsed.status == 200 ? unpair_checked(parsed.body.get())
-                                             : outcome{parsed.status, "no valid body"};
-    if (end.status != 200) {
-        velm_request_log_refusal_of(request, "/unpair", end.refusal, auth);
-    }
-    return end.status;
 }
 
 /// What anybody with a login may know of a pairing: no token, model, version or key.
@@ -304,7 +274,7 @@ json_ptr listed_pairing(const cJSON *pairing)
     return p;
 }
 
-json_ptr list_pairings()
+http_outcome list_pairings(const http_asked & /*asked*/)
 {
     json_ptr response_json{cJSON_CreateObject()};
     REQUIRE_MEMORY(response_json, "response_json");
@@ -318,41 +288,22 @@ json_ptr list_pairings()
             }
         }
     }
-    return response_json;
+    return {http_status_ok, nullptr, std::move(response_json)};
 }
 
 } // namespace
 
 void http_method_pair_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    REQUIRE_NOT_NULL(request, "req");
-    const int status = break_code == VELM_BREAK_NONE
-                           ? pair(request)
-                           : http_server_status_from_break_code(break_code);
-    http_server_reply_status(request, status);
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {pair_name, "/pair", pair, true});
 }
 
 void http_method_pairings_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    REQUIRE_NOT_NULL(request, "req");
-    if (break_code == VELM_BREAK_NONE) {
-        http_server_reply_json(request, list_pairings().get());
-    } else {
-        http_server_reply_status(request, http_server_status_from_break_code(break_code));
-    }
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {__func__, "/pairings", list_pairings, false});
 }
 
 void http_method_unpair_handle(evhtp_request_t *request, int break_code)
 {
-    LOG_TRACE("%s - start", __func__);
-    REQUIRE_NOT_NULL(request, "req");
-    const int status = break_code == VELM_BREAK_NONE
-                           ? unpair(request)
-                           : http_server_status_from_break_code(break_code);
-    http_server_reply_status(request, status);
-    LOG_TRACE("%s - done", __func__);
+    http_server_answer(request, break_code, {unpair_name, "/unpair", unpair, true});
 }

@@ -3,14 +3,14 @@
 #include <cstring>
 
 #include "handles/evhtp.h"
+#include "http_server/log.h"
 #include "http_server/pause.h"
 #include "logger/fatal.h"
+#include "request/input.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 struct http_route {
     const char *path;
@@ -69,11 +69,11 @@ void begin_checks(evhtp_request_t *req, const http_route &route, const velm_requ
 bool body_is_readable(evhtp_request_t *req)
 {
     const int status = velm_request_parse_request_body(req).status;
-    if (status != EVHTP_RES_OK) {
+    if (status != http_status_ok) {
         velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
-        http_server_reply_status(req, status);
+        http_server_reply_status(req, static_cast<http_status>(status));
     }
-    return status == EVHTP_RES_OK;
+    return status == http_status_ok;
 }
 
 void begin_route(evhtp_request_t *req, const http_route &route)
@@ -97,8 +97,8 @@ void http_method_pair(evhtp_request_t *req)
         LOG_ERROR("%s - no attestation data", __func__);
         const velm_request_body parsed = velm_request_parse_request_body(req);
         velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
-                                    cJSON_GetObjectItemCaseSensitive(parsed.body.get(), "auth"));
-        http_server_reply_status(req, EVHTP_RES_BADREQ);
+                                    request_auth(parsed.body.get()));
+        http_server_reply_status(req, http_status_bad_request);
         return;
     }
     begin_checks(req, route_pair, checks);
@@ -115,7 +115,7 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
         begin_route(req, route_pairings);
     } else {
         LOG_WARN("%s - unknown path", __func__);
-        http_server_reply_status(req, EVHTP_RES_NOTFOUND);
+        http_server_reply_status(req, http_status_not_found);
     }
 }
 

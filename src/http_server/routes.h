@@ -3,6 +3,7 @@
 #include <evhtp/evhtp.h>
 
 #include "handles/cjson.h"
+#include "request/status.h"
 #include "velm_config.h"
 
 /// What the server's own files share: the result callbacks of the routes, and how a route answers.
@@ -23,11 +24,11 @@ void http_server_register_routes(evhtp_t *http_server_instance);
 void http_server_forget_info();
 
 /// The HTTP status of a break code: 200, 400, 424, 412, 401, 404, 409, else 500.
-[[nodiscard]] int http_server_status_from_break_code(int break_code);
+[[nodiscard]] http_status http_server_status_from_break_code(int break_code);
 
 /// Answers with an empty body and resumes the request when it is paused. The request must not be
 /// touched afterwards.
-void http_server_reply_status(evhtp_request_t *request, int status);
+void http_server_reply_status(evhtp_request_t *request, http_status status);
 
 /// Answers 200 with the object printed unformatted as application/json, and resumes the request.
 void http_server_reply_json(evhtp_request_t *request, const cJSON *object);

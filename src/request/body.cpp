@@ -1,4 +1,4 @@
-#include "velm_request_preprocessor.h"
+#include "request/body.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -11,6 +11,7 @@
 #include "json/text.h"
 #include "logger/fatal.h"
 #include "request/input.h"
+#include "request/status.h"
 #include "text/utf8.h"
 
 namespace {
@@ -107,7 +108,7 @@ void log_tree(const cJSON *tree)
 
 bool has_auth_object(const cJSON *tree)
 {
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(tree, "auth");
+    const cJSON *const auth = request_auth(tree);
     if (auth == nullptr) {
         LOG_ERROR("%s - no auth data", parser_name);
         return false;
@@ -127,31 +128,31 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
     std::optional<std::string> text = request_body_copy(req, __func__, "body_buf");
     if (!text.has_value()) {
         LOG_ERROR("%s - cannot copy data", __func__);
-        return {nullptr, 500};
+        return {nullptr, http_status_internal_error};
     }
     const wiped_at_end wiping{&*text}; // a password is in it
     if (text->empty()) {
         LOG_ERROR("%s - no data", __func__);
-        return {nullptr, 400};
+        return {nullptr, http_status_bad_request};
     }
     LOG_TRACE("%s - received data (%zu):", __func__, text->size());
     LOG_TRACE("%s - %.*s", __func__, static_cast<int>(text->size()), text->c_str());
     if (value_counter{*text}.count(velm_request_max_values) > velm_request_max_values) {
         LOG_ERROR("%s - too many json values", __func__);
-        return {nullptr, 400};
+        return {nullptr, http_status_bad_request};
     }
     json_ptr tree = parse_json(*text);
     if (tree == nullptr) {
         LOG_ERROR("%s - cannot parse json data", __func__);
-        return {nullptr, 400};
+        return {nullptr, http_status_bad_request};
     }
     if (common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         log_tree(tree.get());
     }
     if (!has_auth_object(tree.get())) {
-        return {nullptr, 400};
+        return {nullptr, http_status_bad_request};
     }
-    return {std::move(tree), 200};
+    return {std::move(tree), http_status_ok};
 }
 
 secret_json_ptr velm_request_keep_auth(secret_json_ptr body)

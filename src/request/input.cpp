@@ -22,6 +22,11 @@ const char *request_header(const evhtp_request_t *request, const char *name)
     return evhtp_header_find(request->headers_in, name);
 }
 
+const cJSON *request_auth(const cJSON *body)
+{
+    return cJSON_GetObjectItemCaseSensitive(body, "auth");
+}
+
 std::optional<std::string> request_body_copy(const evhtp_request_t *request, const char *caller,
                                              const char *object)
 {

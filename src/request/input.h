@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cjson/cJSON.h>
 #include <evhtp/evhtp.h>
 #include <netinet/in.h>
 
@@ -24,6 +25,9 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 
 /// The header's text, borrowed from the request; null when it is missing. Names ignore case.
 [[nodiscard]] const char *request_header(const evhtp_request_t *request, const char *name);
+
+/// Of a body, its member "auth"; null without one.
+[[nodiscard]] const cJSON *request_auth(const cJSON *body);
 
 /// The exact bytes of the body, empty without one; nothing when they cannot be copied. `caller` and
 /// `object` are what the fatal line of exhausted memory names.

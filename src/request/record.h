@@ -5,8 +5,8 @@
 
 #include "async/common_async.h"
 #include "handles/secret.h"
+#include "request/checks.h"
 #include "request/proof.h"
-#include "velm_request_preprocessor.h"
 
 /// The record of one request on its way through the checks. Only the preprocessor and the checks
 /// look inside; every step of theirs runs from the loop, so the request's connection may have been

@@ -332,7 +332,7 @@ TEST_F(Intake, ABodyThatIsAnnouncedTooLongIsRefusedBeforeItComes)
     serve();
     const auto peer = connected();
     const http_reply reply = peer->ask("POST /now HTTP/1.1\r\nContent-Length: 8193\r\n\r\n");
-    EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), "HTTP/1.1 413 Payload Too Large");
+    EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), "HTTP/1.1 413 Content Too Large");
     EXPECT_NE(reply.head.find("Content-Length: 0\r\nConnection: close"), string::npos);
     EXPECT_TRUE(log.has("WARN velm_http_server - refuse - body too long: 127.0.0.1"));
     EXPECT_TRUE(peer->is_closed());

@@ -44,14 +44,23 @@ void run_stand_in(const char *name, velm_request_preprocessor *p, int code)
 
 } // namespace
 
-int http_server_status_from_break_code(int break_code)
+http_status http_server_status_from_break_code(int break_code)
 {
-    return 1000 + break_code; // what the table says is not the matter here
+    return static_cast<http_status>(1000 +
+                                    break_code); // what the table says is not the matter here
 }
 
-void http_server_reply_status(evhtp_request_t *, int status)
+void http_server_reply_status(evhtp_request_t *, http_status status)
 {
     server.statuses.push_back(status);
+}
+
+void http_server_reply_json(evhtp_request_t *, const cJSON *)
+{
+}
+
+void http_server_reply_text(evhtp_request_t *, const char *)
+{
 }
 
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location)

@@ -53,12 +53,13 @@ extern "C" ev_ssize_t evbuffer_copyout(evbuffer *buffer, void *data, size_t leng
     return real(buffer, data, length);
 }
 
-int http_server_status_from_break_code(int break_code)
+http_status http_server_status_from_break_code(int break_code)
 {
-    return 1000 + break_code; // what the table says is not the matter here
+    return static_cast<http_status>(1000 +
+                                    break_code); // what the table says is not the matter here
 }
 
-void http_server_reply_status(evhtp_request_t *, int status)
+void http_server_reply_status(evhtp_request_t *, http_status status)
 {
     server.statuses.push_back(status);
 }
@@ -66,6 +67,11 @@ void http_server_reply_status(evhtp_request_t *, int status)
 void http_server_reply_json(evhtp_request_t *, const cJSON *object)
 {
     server.bodies.emplace_back(json_text{cJSON_PrintUnformatted(object)}.get());
+}
+
+void http_server_reply_text(evhtp_request_t *, const char *text)
+{
+    server.bodies.emplace_back(text);
 }
 
 const velm_config *http_server_config()
