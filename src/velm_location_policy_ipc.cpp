@@ -28,6 +28,9 @@ constexpr char log_category[] = "velm_location_policy_ipc";
 // One packet can hold thousands of requests, and the loop takes one queued call a turn.
 constexpr unsigned waiting_asks_limit = 256;
 
+constexpr double latitude_max = 90; // degrees
+constexpr double longitude_max = 180;
+
 struct module_state {
     event_base *base = nullptr;
     const velm_config *config = nullptr;
@@ -158,7 +161,7 @@ bool values_check(const char *caller, const location_source &sent_by, const loca
             return false;
         }
     }
-    if (std::abs(values.latitude) > 90 || std::abs(values.longitude) > 180) {
+    if (std::abs(values.latitude) > latitude_max || std::abs(values.longitude) > longitude_max) {
         LOG_WARN("%s - latitude %g or longitude %g is none, device id %s, ip address %s", caller,
                  values.latitude, values.longitude, dev_id, sent_by.ip.c_str());
         return false;

@@ -17,6 +17,11 @@ constexpr long lock_timeout_us = 5'000'000;
 constexpr long lock_pause_us_min = 50;
 constexpr long lock_pause_us_max = 2'000;
 
+struct module_state {
+    bool holder_is_stuck = false; // a lock has not been given in time
+};
+module_state state;
+
 } // namespace
 
 int host_directory_make(const std::string &path, mode_t mode)
@@ -93,15 +98,14 @@ int host_file_replace(int directory, const std::string &name, std::span<const st
 
 int host_file_lock(int file, int operation)
 {
-    static bool holder_is_stuck = false;
-    long waited_us = holder_is_stuck ? lock_timeout_us : 0;
+    long waited_us = state.holder_is_stuck ? lock_timeout_us : 0;
     long pause_us = lock_pause_us_min;
     while (flock(file, operation | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return errno;
         }
         if (waited_us >= lock_timeout_us) {
-            holder_is_stuck = true;
+            state.holder_is_stuck = true;
             return ETIMEDOUT;
         }
         const timespec pause{0, pause_us * 1000};
@@ -109,6 +113,6 @@ int host_file_lock(int file, int operation)
         waited_us += pause_us;
         pause_us = std::min(2 * pause_us, lock_pause_us_max);
     }
-    holder_is_stuck = false;
+    state.holder_is_stuck = false;
     return 0;
 }

@@ -29,6 +29,9 @@ struct loaded_context {
 struct module_state {
     ssl_ctx_ptr default_context;
     std::optional<loaded_context> prepared;
+    // Of a TLS object's peer. Indexes are never given back, so one serves every reload.
+    int peer_index = -1;
+    char peer_index_name[16] = "http_client_ctx";
 };
 module_state state;
 
@@ -38,12 +41,13 @@ constexpr char tls12_ciphers[] = "DEFAULT:!kDHE";
 
 using subject_text = std::array<char, 256>;
 
-/// Indexes are never given back, so one serves every reload.
-int ex_data_index()
+int peer_index()
 {
-    static char name[] = "http_client_ctx";
-    static const int index = SSL_get_ex_new_index(0, name, nullptr, nullptr, nullptr);
-    return index;
+    if (state.peer_index < 0) {
+        state.peer_index =
+            SSL_get_ex_new_index(0, state.peer_index_name, nullptr, nullptr, nullptr);
+    }
+    return state.peer_index;
 }
 
 loaded_context load_context(const char *ca_file)
@@ -120,7 +124,7 @@ const http_client_peer *peer_of(X509_STORE_CTX *store)
         X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     return ssl == nullptr
                ? nullptr
-               : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, ex_data_index()));
+               : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, peer_index()));
 }
 
 bool server_is_the_one_meant(X509_STORE_CTX *store)
@@ -174,8 +178,7 @@ ssl_ptr http_client_tls_new(const http_client_peer *peer)
                                       TLSEXT_NAMETYPE_host_name, const_cast<char *>(host)) != 1) {
         return nullptr;
     }
-    const int rc =
-        SSL_set_ex_data(ssl.get(), ex_data_index(), const_cast<http_client_peer *>(peer));
+    const int rc = SSL_set_ex_data(ssl.get(), peer_index(), const_cast<http_client_peer *>(peer));
     REQUIRE_CALL(rc == 1, "SSL_set_ex_data(ssl, index, peer)", rc);
     return ssl;
 }
@@ -197,7 +200,7 @@ bool http_client_tls_set_up(const char *ca_file)
     rc = SSL_CTX_set_cipher_list(context, tls12_ciphers);
     REQUIRE_CALL_BY(set_up, rc == 1, "SSL_CTX_set_cipher_list(context, tls12_ciphers)", rc);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    const int index = ex_data_index();
+    const int index = peer_index();
     REQUIRE_CALL_BY(set_up, index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
     SSL_CTX_set_cert_verify_callback(context, verify_callback, nullptr);
     state.default_context = std::move(loaded.context);
