@@ -15,11 +15,11 @@
 #include "handles/cjson.h"
 #include "ios_validation/ios_app_validate.h"
 #include "ios_validation/signature.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_google_integrity.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
-#include "json/text.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 #include "handles/argument.h"
 #include "handles/cjson.h"
 #include "http/http_client.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
-#include "json/text.h"
 
 namespace {
 

@@ -8,10 +8,10 @@
 #include "file/common_file.h"
 #include "google/addresses.h"
 #include "handles/argument.h"
+#include "json/text.h"
 #include "logger/common_logger.h"
 #include "velm_google_auth.h"
 #include "velm_utils.h"
-#include "json/text.h"
 
 namespace {
 

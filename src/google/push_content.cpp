@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "config/bssids.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_utils.h"
-#include "json/text.h"
 
 namespace {
 

@@ -8,11 +8,11 @@
 #include <string_view>
 
 #include "handles/secret.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/status.h"
 #include "text/utf8.h"
-#include "json/text.h"
 
 namespace {
 
