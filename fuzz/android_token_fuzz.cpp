@@ -4,9 +4,9 @@
 #include <string>
 
 #include "allocation_meter.h"
+#include "android_validation/token.h"
 #include "fakes/integrity_token_maker.h"
 #include "fuzz_target.h"
-#include "velm_android_token.h"
 
 /// Play Integrity tokens. The first byte says where the input stands: 0, the token as it travels; 1, a
 /// JWE's header with the rest made to fit; 2, what the JWE holds; 3, the header and, behind a NUL, the

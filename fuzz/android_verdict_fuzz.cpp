@@ -1,10 +1,10 @@
 #include <string>
 
 #include "allocation_meter.h"
+#include "android_validation/verdict.h"
 #include "fakes/app_attest_maker.h"
 #include "fakes/fake_clock.h"
 #include "fuzz_target.h"
-#include "velm_android_verdict.h"
 
 /// The verdict inside a token, as JSON: a good one has the package name below, the digest of
 /// nothing as its nonce, and is made at the instant below.

@@ -3,7 +3,7 @@
 
 #include "allocation_meter.h"
 #include "fuzz_target.h"
-#include "http/http_client_answer.h"
+#include "http/answer.h"
 
 namespace {
 

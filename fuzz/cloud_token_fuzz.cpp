@@ -7,8 +7,8 @@
 #include "fake_cloud.h"
 #include "fakes/fake_clock.h"
 #include "fuzz_target.h"
+#include "google/jwt.h"
 #include "velm_google_auth.h"
-#include "velm_google_auth_jwt.h"
 
 /// The token endpoint's answer: two bytes of status, 0 for 200, and the body.
 

@@ -10,7 +10,7 @@
 #include "async/common_async.h"
 #include "fuzz_target.h"
 #include "handles/libevent.h"
-#include "http/http_client_headers.h"
+#include "http/headers.h"
 
 std::vector<fake_cloud_request> fake_cloud_requests;
 

@@ -5,7 +5,7 @@
 #include "allocation_meter.h"
 #include "fuzz_target.h"
 #include "handles/openssl.h"
-#include "http/http_client_hostname.h"
+#include "http/hostname.h"
 
 /// A server's certificate: the host, NUL, a common name, NUL, and the value of the subject alternative
 /// name extension; none when that is empty.

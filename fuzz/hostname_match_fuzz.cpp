@@ -4,7 +4,7 @@
 
 #include "allocation_meter.h"
 #include "fuzz_target.h"
-#include "http/http_client_hostname.h"
+#include "http/hostname.h"
 
 namespace {
 

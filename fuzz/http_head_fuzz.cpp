@@ -6,7 +6,7 @@
 
 #include "allocation_meter.h"
 #include "fuzz_target.h"
-#include "velm_http_server_head_filter.h"
+#include "http_server/head_filter.h"
 
 namespace {
 

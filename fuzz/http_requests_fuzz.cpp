@@ -13,9 +13,9 @@
 #include "handles/evhtp.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "velm_http_server_connections.h"
-#include "velm_http_server_intake.h"
-#include "velm_request_input.h"
+#include "http_server/connections.h"
+#include "http_server/intake.h"
+#include "request/input.h"
 
 /// The way of bytes from a client to a route: the real server on the loopback, without TLS.
 

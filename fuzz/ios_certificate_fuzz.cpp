@@ -2,7 +2,7 @@
 
 #include "allocation_meter.h"
 #include "ios_phone.h"
-#include "ios_validation/ios_app_certificate.h"
+#include "ios_validation/certificate.h"
 
 /// The credential certificate's DER, its chain taken as good.
 

@@ -2,7 +2,7 @@
 
 #include "allocation_meter.h"
 #include "ios_phone.h"
-#include "ios_validation/ios_app_certificate.h"
+#include "ios_validation/certificate.h"
 
 /// The value of the credential certificate's nonce extension. Where the input has "nonce", the
 /// right nonce stands.

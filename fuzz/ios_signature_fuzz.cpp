@@ -4,7 +4,7 @@
 #include "fakes/app_attest_maker.h"
 #include "fuzz_target.h"
 #include "handles/openssl.h"
-#include "ios_validation/ios_app_signature.h"
+#include "ios_validation/signature.h"
 
 /// A key, a signature, a message: each of the first two behind its length. The short way for P-256
 /// keys gives what OpenSSL's generic decoder gives.

@@ -6,7 +6,7 @@
 
 #include "allocation_meter.h"
 #include "fuzz_target.h"
-#include "velm_ssdp_message.h"
+#include "ssdp/message.h"
 
 /// A datagram from the LAN.
 

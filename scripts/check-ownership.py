@@ -1,12 +1,12 @@
 #!/usr/bin/python3
-"""Looks for memory that is managed by hand: only src/handles may allocate and free.
+"""Looks for memory that is managed by hand: only src/handles and src/malloc may allocate and free.
 
 usage: check-ownership.py [ROOT]
 
 Prints FILE:LINE: NAME for each `new`, `delete`, `malloc`, `calloc`, `realloc`, `free` and `*_free` in
 the code of src, platform and tools, and exits 1 when there is one. Comments, texts, includes and
-deleted functions (`= delete`) do not count, and neither does src/handles. What else may stand is in
-`allowed` with its reason; a row that is used no more is reported too.
+deleted functions (`= delete`) do not count, and neither do src/handles and src/malloc. What else may
+stand is in `allowed` with its reason; a row that is used no more is reported too.
 """
 import collections
 import pathlib
@@ -14,7 +14,7 @@ import re
 import sys
 
 folders = ("src", "platform", "tools")
-handles = "src/handles/"
+allocators = ("src/handles/", "src/malloc/")
 
 # (file without its ending, name): why it may stand there.
 allowed = {
@@ -54,13 +54,13 @@ def check(root: pathlib.Path) -> list[str]:
     files = [path for folder in folders for path in sorted((root / folder).rglob("*"))]
     for path in files:
         place = path.relative_to(root).as_posix()
-        if path.suffix not in (".c", ".cpp", ".h") or place.startswith(handles):
+        if path.suffix not in (".c", ".cpp", ".h") or place.startswith(allocators):
             continue
         for number, name in find_names(path.read_text(encoding="utf-8")):
             key = (place.removesuffix(path.suffix), name)
             used[key] += 1
             if key not in allowed:
-                complaints.append(f"{place}:{number}: {name} stands outside {handles}")
+                complaints.append(f"{place}:{number}: {name} stands outside src/handles/")
     complaints += [f"{place}: {name} is allowed but not used" for place, name in allowed
                    if not used[place, name]]
     return complaints

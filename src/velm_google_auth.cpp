@@ -8,12 +8,12 @@
 #include <string>
 
 #include "async/common_async.h"
-#include "cloud_addresses.h"
-#include "handles/memory.h"
+#include "google/addresses.h"
+#include "google/answer.h"
+#include "google/jwt.h"
+#include "handles/argument.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
-#include "velm_google_answer.h"
-#include "velm_google_auth_jwt.h"
 
 namespace {
 

@@ -11,14 +11,14 @@
 #include <utility>
 
 #include "async/common_async.h"
-#include "cloud_addresses.h"
-#include "handles/memory.h"
+#include "cutils/moment.h"
+#include "google/account.h"
+#include "google/addresses.h"
+#include "google/answer.h"
+#include "google/junk.h"
+#include "handles/argument.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
-#include "velm_google_account.h"
-#include "velm_google_answer.h"
-#include "velm_google_junk.h"
-#include "velm_moment.h"
 
 namespace {
 

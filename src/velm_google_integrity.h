@@ -19,6 +19,6 @@ using velm_google_integrity_callback = void (*)(const cJSON *verdict, void *cont
 /// Copies the token, asks, and calls `completion` (not null) exactly once, never inside this call:
 /// within 20 s, 10 for an access token if a new one is needed and 10 for the verdict. Google is not
 /// asked for a token that is no printable ASCII, nor for one of an address that has sent too much
-/// junk (velm_google_junk.h), nor in the hour after it has answered 429.
+/// junk (google/junk.h), nor in the hour after it has answered 429.
 void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,
                                        velm_google_integrity_callback completion, void *context);

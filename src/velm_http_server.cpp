@@ -14,15 +14,14 @@
 #include "async/common_async.h"
 #include "handles/evhtp.h"
 #include "handles/openssl.h"
+#include "http_server/connections.h"
+#include "http_server/log.h"
+#include "http_server/routes.h"
+#include "http_server/tls.h"
+#include "lan/wait.h"
 #include "logger/fatal.h"
-#include "velm_http_server_connections.h"
-#include "velm_http_server_routes.h"
-#include "velm_http_server_tls.h"
-#include "velm_lan_wait.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 constexpr int HTTP_SERVER_MAX_CONNS = 128; // the listen backlog
 

@@ -23,7 +23,7 @@ void velm_http_server_address_came();
 
 /// Binds and serves; ends a running server first. A certificate or key that cannot be used is fatal,
 /// and so is a bind that fails, but for an address that no interface has: that is one ERROR line, and
-/// the bind is tried again until it succeeds or the server is stopped (velm_lan_wait.h). A port of 0
+/// the bind is tried again until it succeeds or the server is stopped (lan/wait.h). A port of 0
 /// means no server. Runs inside the loop.
 void http_server_start();
 void http_server_stop();

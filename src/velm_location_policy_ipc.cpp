@@ -13,11 +13,11 @@
 #include <string_view>
 
 #include "async/common_async.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
+#include "ipc/report_queue.h"
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
-#include "velm_location_policy_ipc_queue.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 

@@ -16,6 +16,6 @@ void location_policy_ipc_start();
 void location_policy_ipc_stop();
 
 /// Hands a phone's location on; copies its arguments and works later on the loop. The report waits
-/// for clients that do not read yet; ask location_queue_has_room (velm_location_policy_ipc_queue.h)
+/// for clients that do not read yet; ask location_queue_has_room (ipc/report_queue.h)
 /// first, since a location without room is dropped with a line in the log. Null is fatal.
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location);

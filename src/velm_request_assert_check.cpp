@@ -8,13 +8,13 @@
 #include <string>
 
 #include "crypto/common_crypto.h"
-#include "handles/memory.h"
+#include "google/junk.h"
+#include "handles/secret.h"
 #include "logger/fatal.h"
+#include "request/input.h"
+#include "request/record.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
-#include "velm_google_junk.h"
-#include "velm_request_input.h"
-#include "velm_request_preprocessor_record.h"
 #include "velm_utils.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "request/checks.h"
 #include "velm_config.h"
-#include "velm_request_preprocessor.h"
 
 /// The assertion check: the paired app signed this very body over a fresh challenge.
 

@@ -3,7 +3,7 @@
 #include <optional>
 
 #include "logger/common_logger.h"
-#include "velm_request_preprocessor_record.h"
+#include "request/record.h"
 #include "velm_utils.h"
 
 namespace {

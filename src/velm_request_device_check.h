@@ -1,7 +1,7 @@
 #pragma once
 
+#include "request/checks.h"
 #include "velm_config.h"
-#include "velm_request_preprocessor.h"
 
 /// The device check: the phone names one of the access point's own BSSIDs.
 

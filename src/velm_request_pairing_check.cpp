@@ -3,9 +3,9 @@
 #include <optional>
 
 #include "logger/common_logger.h"
+#include "request/proof.h"
+#include "request/record.h"
 #include "velm_nvram_pairings.h"
-#include "velm_request_preprocessor_record.h"
-#include "velm_request_proof.h"
 
 namespace {
 

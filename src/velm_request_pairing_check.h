@@ -1,7 +1,7 @@
 #pragma once
 
+#include "request/checks.h"
 #include "velm_config.h"
-#include "velm_request_preprocessor.h"
 
 /// The paired-app check: the device id is that of a pairing.
 

@@ -9,15 +9,16 @@
 #include <iterator>
 #include <memory>
 
+#include "handles/argument.h"
 #include "handles/evhtp.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
+#include "request/input.h"
+#include "request/record.h"
+#include "request/refusal.h"
+#include "request/status.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
-#include "velm_request_input.h"
 #include "velm_request_pairing_check.h"
-#include "velm_request_preprocessor_record.h"
-#include "velm_request_refusal.h"
 #include "velm_request_user_pass_check.h"
 #include "velm_utils.h"
 
@@ -184,12 +185,12 @@ bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
 bool read_request(velm_request_preprocessor *p)
 {
     velm_request_body parsed = velm_request_parse_request_body(p->request);
-    if (parsed.status != 200) {
+    if (parsed.status != http_status_ok) {
         p->refusal = "no valid body";
         return false;
     }
     p->body = velm_request_keep_auth(std::move(parsed.body));
-    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(p->body.get(), "auth");
+    const cJSON *const auth = request_auth(p->body.get());
     for (const auth_member &member : auth_members) {
         if (!read_auth_member(p, auth, member)) {
             return false;

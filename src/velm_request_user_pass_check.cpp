@@ -9,10 +9,10 @@
 #include <optional>
 
 #include "crypto/common_crypto.h"
+#include "cutils/moment.h"
 #include "logger/common_logger.h"
-#include "velm_moment.h"
-#include "velm_request_input.h"
-#include "velm_request_preprocessor_record.h"
+#include "request/input.h"
+#include "request/record.h"
 #include "velm_user_auth_passwd.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "request/checks.h"
 #include "velm_config.h"
-#include "velm_request_preprocessor.h"
 
 /// The user/password check: the caller knows the password of a system account. After five failures
 /// in a row, whoever made them, every login is refused until 60 s after the first of them. After five

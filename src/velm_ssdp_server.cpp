@@ -17,10 +17,10 @@
 #include "cutils/interface_addresses.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
+#include "lan/wait.h"
 #include "logger/fatal.h"
-#include "velm_lan_wait.h"
-#include "velm_ssdp_message.h"
+#include "ssdp/message.h"
 #include "velm_utils.h"
 
 namespace {

@@ -17,7 +17,7 @@ void velm_ssdp_server_init(const velm_config *config);
 /// Answers from now on, for the LAN address, HTTP port and MAC address of the configuration; ends a
 /// running server first. With port 0, or when the MAC address cannot be read or no socket be made,
 /// there is none, with a line in the log. A group that cannot be joined is logged; while no interface
-/// has the LAN address, joining is tried again (velm_lan_wait.h). A port that cannot be bound is fatal.
+/// has the LAN address, joining is tried again (lan/wait.h). A port that cannot be bound is fatal.
 void ssdp_server_start();
 
 /// An interface has got this address; null: any may have come. When it is the LAN address, the group

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <string_view>
 
+#include "android_validation/token.h"
 #include "async/common_async.h"
 #include "crypto/common_crypto.h"
 #include "handles/cjose.h"
@@ -14,7 +15,6 @@
 #include "handles/fd.h"
 #include "handles/libevent.h"
 #include "logger/common_logger.h"
-#include "velm_android_token.h"
 #include "velm_attestation_engine.h"
 #include "velm_config.h"
 #include "velm_nvram_pairings.h"

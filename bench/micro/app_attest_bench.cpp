@@ -12,9 +12,9 @@
 #include "fakes/fake_clock.h"
 #include "handles/openssl.h"
 #include "ios_validation/apple_root_ca.h"
-#include "ios_validation/ios_app_cbor.h"
-#include "ios_validation/ios_app_objects.h"
+#include "ios_validation/cbor.h"
 #include "ios_validation/ios_app_validate.h"
+#include "ios_validation/objects.h"
 
 /// What an iPhone's objects cost beside the signatures in them: a real attestation is two P-384
 /// verifications and an assertion one P-256 verification, with keys that are loaded already.

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "launch/launch_process.h"
+#include "launch/process.h"
 
 /// A command under way; what takes longer than common_launch_time is ended and has failed. It writes into a pipe, so that it may wait for its reader.
 struct common_launched {

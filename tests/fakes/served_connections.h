@@ -11,7 +11,8 @@
 #include "fakes/captured_log.h"
 #include "fakes/https_client.h"
 #include "handles/evhtp.h"
-#include "velm_http_server_connections.h"
+#include "http_server/connections.h"
+#include "http_server/pause.h"
 
 /// Connections as the HTTPS server has them, with three routes of their own. "/now" and any other
 /// path answer at once, "/pause" when `answer_paused` is called, "/much" with 16 MiB.

@@ -5,7 +5,7 @@
 
 #include "fakes/ipc_peer.h"
 #include "fakes/temporary_directory.h"
-#include "velm_ipc_socket.h"
+#include "ipc/socket.h"
 
 namespace {
 

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "android_validation/verdict.h"
 #include "async/common_async.h"
 #include "fakes/captured_log.h"
-#include "velm_android_verdict.h"
+#include "google/junk.h"
 #include "velm_attestation_engine.h"
 #include "velm_google_integrity.h"
-#include "velm_google_junk.h"
 #include "velm_nvram_pairings.h"
 
 /// The engine over a client of Google's service and a judge of verdicts that the test plays.

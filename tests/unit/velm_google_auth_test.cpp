@@ -13,13 +13,13 @@
 #include <vector>
 
 #include "async/common_async.h"
-#include "cloud_addresses.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/watched_terminal.h"
+#include "google/addresses.h"
+#include "google/jwt.h"
 #include "handles/openssl.h"
 #include "http/http_client.h"
-#include "velm_google_auth_jwt.h"
 
 namespace {
 

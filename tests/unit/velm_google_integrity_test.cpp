@@ -12,7 +12,7 @@
 #include "fakes/fake_clock.h"
 #include "fakes/fake_google.h"
 #include "fakes/temporary_directory.h"
-#include "velm_google_junk.h"
+#include "google/junk.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include "fakes/captured_log.h"
 #include "fakes/https_client.h"
 #include "handles/evhtp.h"
+#include "http_server/connections.h"
+#include "http_server/routes.h"
 #include "velm_challenge_engine.h"
-#include "velm_http_server_connections.h"
-#include "velm_http_server_routes.h"
 #include "velm_request_preprocessor.h"
 
 using std::string;
@@ -414,8 +414,15 @@ TEST_F(HttpServer, EachStepOfARouteIsLogged)
 
 struct break_case {
     int code, status;
+    const char *phrase;
 };
-class BreakCode : public HttpServer, public testing::WithParamInterface<break_case> {};
+class BreakCode : public HttpServer, public testing::WithParamInterface<break_case> {
+  protected:
+    static string status_line()
+    {
+        return "HTTP/1.1 " + std::to_string(GetParam().status) + ' ' + GetParam().phrase;
+    }
+};
 TEST_P(BreakCode, BecomesItsStatusWithoutABody)
 {
     EXPECT_EQ(http_server_status_from_break_code(GetParam().code), GetParam().status);
@@ -423,15 +430,30 @@ TEST_P(BreakCode, BecomesItsStatusWithoutABody)
     stand_in.break_code = GetParam().code;
     for (const char *const path : {"/info", "/challenge"}) {
         const http_reply reply = ask(request_to(path));
-        EXPECT_EQ(reply.status, GetParam().status) << path;
+        EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), status_line()) << path;
         EXPECT_EQ(reply.body.empty(), GetParam().code != 0) << path;
     }
 }
-INSTANTIATE_TEST_SUITE_P(Table, BreakCode,
-                         testing::Values(break_case{0, 200}, break_case{1, 400}, break_case{2, 424},
-                                         break_case{3, 412}, break_case{4, 401}, break_case{5, 404},
-                                         break_case{6, 409}, break_case{7, 500},
-                                         break_case{-1, 500}, break_case{1000, 500}));
+TEST_P(BreakCode, HasItsRegisteredPhraseInOneRecordBehindTheLeaveToSendTheBodyToo)
+{
+    start();
+    stand_in.break_code = GetParam().code;
+    const auto peer = connected();
+    peer->send("POST /challenge HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 2\r\n\r\n{}");
+    EXPECT_EQ(peer->receive().head, "HTTP/1.1 100 Continue\r\n\r\n");
+    const http_reply reply = peer->receive();
+    EXPECT_EQ(reply.head.substr(0, reply.head.find("\r\n")), status_line());
+    EXPECT_LE(std::count(peer->records.begin(), peer->records.end(), ' '), 2);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Table, BreakCode,
+    testing::Values(break_case{0, 200, "OK"}, break_case{1, 400, "Bad Request"},
+                    break_case{2, 424, "Failed Dependency"},
+                    break_case{3, 412, "Precondition Failed"}, break_case{4, 401, "Unauthorized"},
+                    break_case{5, 404, "Not Found"}, break_case{6, 409, "Conflict"},
+                    break_case{7, 500, "Internal Server Error"},
+                    break_case{-1, 500, "Internal Server Error"},
+                    break_case{1000, 500, "Internal Server Error"}));
 
 TEST_F(HttpServer, ChallengeAnswersTheNewChallenge)
 {
@@ -486,7 +508,7 @@ TEST_F(HttpServer, SeveralRequestsMayBeInTheirChecksAtOnce)
 
 TEST_F(HttpServer, AReplyToNobodyIsFatal)
 {
-    EXPECT_DEATH(http_server_reply_status(nullptr, 200),
+    EXPECT_DEATH(http_server_reply_status(nullptr, http_status_ok),
                  "http_server_reply_status: req is null: null reference");
 }
 

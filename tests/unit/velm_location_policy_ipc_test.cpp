@@ -14,8 +14,8 @@
 #include "fakes/ipc_peer.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
+#include "ipc/report_queue.h"
 #include "velm_cloud_messaging.h"
-#include "velm_location_policy_ipc_queue.h"
 #include "velm_nvram_pairings.h"
 
 namespace {

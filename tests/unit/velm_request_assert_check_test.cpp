@@ -14,11 +14,11 @@
 #include "crypto/common_crypto.h"
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
+#include "google/junk.h"
+#include "request/input.h"
+#include "request/record.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
-#include "velm_google_junk.h"
-#include "velm_request_input.h"
-#include "velm_request_preprocessor_record.h"
 
 namespace {
 

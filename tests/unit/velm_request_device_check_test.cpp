@@ -9,7 +9,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
-#include "velm_request_preprocessor_record.h"
+#include "request/record.h"
 
 namespace {
 std::vector<int> reported;

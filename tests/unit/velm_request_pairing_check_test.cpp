@@ -10,8 +10,8 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
+#include "request/record.h"
 #include "velm_nvram_pairings.h"
-#include "velm_request_preprocessor_record.h"
 
 namespace {
 

@@ -14,10 +14,10 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
+#include "request/record.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
 #include "velm_request_pairing_check.h"
-#include "velm_request_preprocessor_record.h"
 #include "velm_request_user_pass_check.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/paused_request.h"
-#include "velm_request_preprocessor_record.h"
+#include "request/record.h"
 #include "velm_user_auth_passwd.h"
 
 namespace {

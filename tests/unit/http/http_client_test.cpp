@@ -1,6 +1,6 @@
 #include "http/http_client.h"
 
-#include "http_client_fixture.h"
+#include "fixture.h"
 
 namespace {
 

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <evhtp/evhtp.h>
+
+#include "handles/cjson.h"
+#include "request/status.h"
+
+/// The one way in which a result callback answers.
+
+/// How the work of a route ends.
+struct http_outcome {
+    http_status status = http_status_ok;
+    const char *refusal = nullptr; // the reason for the log, a literal; null: nothing was refused
+    json_ptr json = nullptr;       // 200 is answered with this object; null: with an empty body
+    const char *text = nullptr;    // the same for an object that has been printed before
+};
+
+/// What the work gets. Borrowed.
+struct http_asked {
+    const evhtp_request_t *request;
+    const cJSON *body; // null for a route that does not read it
+    const cJSON *auth; // of the body
+};
+
+/// A constant of the result callback.
+struct http_work {
+    const char *handler; // the name of the result callback, for the log
+    const char *path;
+    http_outcome (*run)(const http_asked &asked);
+    bool reads_body;
+};
+
+/// Answers with the status of the break code or, when every check has passed, with what the work
+/// gives. Logs start, refusal and end, and resumes the request. A null request is fatal.
+void http_server_answer(evhtp_request_t *request, int break_code, const http_work &work);

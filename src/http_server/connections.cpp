@@ -1,0 +1,468 @@
+#include "http_server/connections.h"
+
+#include <event2/bufferevent_ssl.h>
+#include <event2/util.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <netinet/in.h>
+#include <openssl/err.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "handles/evhtp.h"
+#include "handles/libevent.h"
+#include "http_server/handshakes.h"
+#include "http_server/intake.h"
+#include "http_server/listener.h"
+#include "http_server/refusals.h"
+#include "http_server/tls.h"
+#include "logger/fatal.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_http_server";
+
+struct server_connection {
+    evhtp_connection_t *connection = nullptr; // the library's; it tells us when it goes
+    in_addr_t address = 0;
+    http_intake intake;
+    std::size_t counted = 0; // of its memory in the sum of all
+    http_tls_stream tls;
+    http_handshake handshake;
+    event_ptr timer;
+    event_ptr next_turn; // a timer without delay
+    bool reply_overdue = false;
+};
+
+struct module_state {
+    http_connection_limits limits;
+    evhtp_t *htp = nullptr;
+    std::vector<std::unique_ptr<server_connection>> connections;
+    std::size_t held = 0; // by all of them together
+    event_ptr memory_return;
+    event_ptr memory_check;
+};
+module_state state;
+
+in_addr_t peer_address(const evhtp_connection_t *connection)
+{
+    sockaddr_in address{};
+    std::memcpy(&address, connection->saddr, sizeof address);
+    return address.sin_family == AF_INET ? address.sin_addr.s_addr : 0;
+}
+
+/// What handshakes and requests have freed lies between what lives on, where the C library keeps it.
+void on_memory_return(evutil_socket_t, short, void *) noexcept
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
+/// Once a second at most, and never while no connection comes or goes.
+void return_memory_soon()
+{
+    constexpr timeval soon{1, 0};
+    if (state.memory_return != nullptr &&
+        evtimer_pending(state.memory_return.get(), nullptr) == 0) {
+        evtimer_add(state.memory_return.get(), &soon);
+    }
+}
+
+void restart_timer(server_connection *peer)
+{
+    peer->reply_overdue = false;
+    const int rc = evtimer_add(peer->timer.get(), &state.limits.request_time);
+    REQUIRE_CALL(rc == 0, "evtimer_add(timer, &request_time)", rc);
+}
+
+/// After every step that may have changed it: to add up all connections each time would cost more than
+/// the step.
+void count_held(server_connection *peer)
+{
+    const std::size_t size = http_intake_size(&peer->intake) + http_tls_size(&peer->tls);
+    state.held += size - peer->counted;
+    peer->counted = size;
+}
+
+enum class whose { all, checked };
+
+/// What the connections of one address hold, or those of them whose request is checked.
+std::size_t held_by(in_addr_t address, whose which = whose::all)
+{
+    std::size_t sum = 0;
+    for (const auto &peer : state.connections) {
+        if (peer->address == address &&
+            (which == whose::all || http_intake_is_paused(&peer->intake))) {
+            sum += peer->counted;
+        }
+    }
+    return sum;
+}
+
+/// Of the address that holds most some connection; null when nobody holds anything.
+const server_connection *one_of_the_greediest_address()
+{
+    const server_connection *found = nullptr;
+    std::size_t most = 0;
+    for (const auto &peer : state.connections) {
+        const std::size_t size = held_by(peer->address);
+        if (size > most) {
+            found = peer.get();
+            most = size;
+        }
+    }
+    return found;
+}
+
+enum class candidates { all, not_checked };
+
+server_connection *greediest_of(in_addr_t address, candidates which)
+{
+    server_connection *found = nullptr;
+    for (const auto &peer : state.connections) {
+        if (peer->address == address && peer->counted > (found == nullptr ? 0 : found->counted) &&
+            (which == candidates::all || !http_intake_is_paused(&peer->intake))) {
+            found = peer.get();
+        }
+    }
+    return found;
+}
+
+/// The address that holds most pays, with the connection of its own that holds most: nobody else does,
+/// however little each of its connections holds. A request that is checked is ended only where all
+/// together hold too much; and where such requests alone fill the share of their address, a newcomer
+/// beside them is left alone, since it would give hardly anything back.
+server_connection *who_pays(const server_connection *of_address)
+{
+    const in_addr_t address = of_address->address;
+    if (state.held > state.limits.held) {
+        return greediest_of(address, candidates::all);
+    }
+    const std::size_t share = state.limits.held_of_address;
+    return held_by(address) <= share || held_by(address, whose::checked) > share
+               ? nullptr
+               : greediest_of(address, candidates::not_checked);
+}
+
+void keep_within_memory()
+{
+    while (state.held > std::min(state.limits.held, state.limits.held_of_address)) {
+        const server_connection *const greedy = one_of_the_greediest_address();
+        const server_connection *const victim = greedy == nullptr ? nullptr : who_pays(greedy);
+        if (victim == nullptr) {
+            return;
+        }
+        if (http_refusals_tell(victim->address)) {
+            LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu: %s",
+                     __func__, state.held, held_by(victim->address),
+                     http_refusals_text(victim->address));
+        }
+        evhtp_close(victim->connection);
+    }
+}
+
+/// Before the library gets more of a request, and keeps it.
+void make_room(void *argument) noexcept
+{
+    count_held(static_cast<server_connection *>(argument));
+    keep_within_memory();
+}
+
+void on_memory_check(evutil_socket_t, short, void *) noexcept
+{
+    for (const auto &peer : state.connections) {
+        if (peer->tls.blocked) {
+            http_intake_reply_waits(&peer->intake);
+        }
+        count_held(peer.get());
+    }
+    keep_within_memory();
+}
+
+/// Later in this turn: it may end any connection.
+void count_memory_soon() noexcept
+{
+    event_active(state.memory_check.get(), EV_TIMEOUT, 1);
+}
+
+void begin_to_linger(server_connection *peer)
+{
+    const int rc = evtimer_add(peer->timer.get(), &state.limits.linger_time);
+    REQUIRE_CALL(rc == 0, "evtimer_add(timer, &linger_time)", rc);
+}
+
+void ask_for_next_turn(server_connection *peer)
+{
+    if (evtimer_pending(peer->next_turn.get(), nullptr) != 0) {
+        return; // to add it again would take it off the events of this turn, in each turn
+    }
+    constexpr timeval now{};
+    const int rc = evtimer_add(peer->next_turn.get(), &now);
+    REQUIRE_CALL(rc == 0, "evtimer_add(next_turn, &now)", rc);
+}
+
+void on_turn_is_spent(void *argument) noexcept
+{
+    ask_for_next_turn(static_cast<server_connection *>(argument));
+}
+
+/// While an answer is on its way not before the next turn: the end of a client that has said all
+/// must not overtake it.
+void read_on(server_connection *peer)
+{
+    if (!http_tls_has_more(&peer->tls)) {
+        http_tls_next_turn(&peer->tls); // the kernel tells no earlier that more has come
+    } else if (peer->intake.phase == message_phase::answering ||
+               http_tls_turn_is_over(&peer->tls)) {
+        ask_for_next_turn(peer);
+    } else {
+        http_tls_read(peer->connection->bev);
+    }
+}
+
+void go_on(server_connection *peer, intake_result result)
+{
+    if (result == intake_result::ended) {
+        return;
+    }
+    count_held(peer);
+    read_on(peer);
+    switch (result) {
+    case intake_result::has_next:
+        ask_for_next_turn(peer);
+        [[fallthrough]];
+    case intake_result::moved_on:
+        restart_timer(peer);
+        break;
+    case intake_result::refused:
+        begin_to_linger(peer);
+        break;
+    case intake_result::ended:
+    case intake_result::waits:
+        break;
+    }
+}
+
+void on_read(bufferevent *, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    http_tls_brought_data(&peer->tls);
+    go_on(peer, http_intake_read(&peer->intake));
+    keep_within_memory(); // which may be the end of any of them
+}
+
+void on_write(bufferevent *, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    go_on(peer, http_intake_written(&peer->intake));
+}
+
+void on_next_turn(evutil_socket_t, short, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    http_tls_next_turn(&peer->tls);
+    if (peer->intake.phase == message_phase::head && !peer->intake.held.empty()) {
+        go_on(peer, http_intake_next(&peer->intake));
+    } else {
+        http_tls_read(peer->connection->bev);
+    }
+}
+
+/// The reason is OpenSSL's, whichever side has refused. Who just leaves has refused nothing.
+void log_failed_handshake(const server_connection *peer)
+{
+    const unsigned long code = bufferevent_get_openssl_error(peer->connection->bev);
+    const char *const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
+    if (reason != nullptr && peer->tls.shakes_hands && !peer->tls.ended &&
+        http_refusals_tell(peer->address)) {
+        LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
+                 http_refusals_text(peer->address));
+    }
+}
+
+void on_event(bufferevent *bev, short events, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    if (peer->intake.phase == message_phase::refused) {
+        evhtp_close(peer->connection); // the client has ended, or cannot be written to
+        return;
+    }
+    if ((events & BEV_EVENT_CONNECTED) != 0) {
+        http_tls_connected(bev);
+        read_on(peer);
+        http_handshake_end(&peer->handshake);
+    }
+    if ((events & BEV_EVENT_ERROR) != 0) {
+        log_failed_handshake(peer);
+    }
+    if ((events & BEV_EVENT_EOF) != 0 && peer->intake.phase == message_phase::head) {
+        http_tls_end_quietly(&peer->tls);
+    }
+    const library_callbacks &library = peer->intake.library;
+    library.event(bev, events, library.argument);
+}
+
+/// A client that keeps its connection for later does nothing wrong, and of one that was refused the log
+/// has told already.
+void log_time_up(const server_connection *peer)
+{
+    const bool is_idle = peer->intake.phase == message_phase::head && peer->intake.held.empty() &&
+                         !peer->tls.shakes_hands;
+    if (is_idle || peer->intake.phase == message_phase::refused) {
+        LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
+    } else if (http_refusals_tell(peer->address)) {
+        LOG_WARN("%s - closing a connection that let its time pass: %s", __func__,
+                 http_refusals_text(peer->address));
+    }
+}
+
+void on_time_up(evutil_socket_t, short, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    if (http_intake_is_paused(&peer->intake)) {
+        restart_timer(peer);
+        return;
+    }
+    if (peer->intake.phase == message_phase::answering && !peer->reply_overdue) {
+        // The request may have been paused until a moment ago.
+        restart_timer(peer);
+        peer->reply_overdue = true;
+        return;
+    }
+    log_time_up(peer);
+    evhtp_close(peer->connection);
+}
+
+evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
+{
+    auto *const peer = static_cast<server_connection *>(argument);
+    http_intake_end(&peer->intake);
+    state.held -= peer->counted;
+    http_tls_end(&peer->tls);
+    http_handshake_end(&peer->handshake);
+    return_memory_soon();
+    std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
+    return EVHTP_RES_OK;
+}
+
+/// Somebody may connect and leave thousands of times a second: what is made for a connection costs ten
+/// times as much as to look.
+bool has_left(const evhtp_connection_t *connection)
+{
+    char byte = 0;
+    const ssize_t size = recv(connection->sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return size == 0 || (size < 0 && errno != EAGAIN && errno != EINTR);
+}
+
+evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
+{
+    http_listener_count();
+    if (has_left(connection)) {
+        return EVHTP_RES_ERROR;
+    }
+    fcntl(connection->sock, F_SETFD, FD_CLOEXEC); // the only flag of a descriptor
+    const in_addr_t address = peer_address(connection);
+    const auto of_address = static_cast<std::size_t>(
+        std::count_if(state.connections.begin(), state.connections.end(),
+                      [address](const auto &peer) { return peer->address == address; }));
+    if (state.connections.size() >= state.limits.total || of_address >= state.limits.per_address) {
+        if (http_refusals_tell(address)) {
+            LOG_WARN("%s - too many connections: %zu, %zu of this address: %s", __func__,
+                     state.connections.size(), of_address, http_refusals_text(address));
+        }
+        return EVHTP_RES_ERROR;
+    }
+    return EVHTP_RES_OK;
+}
+
+void begin_tls(server_connection *peer)
+{
+    peer->tls.tls = peer->connection->ssl;
+    peer->tls.socket = peer->connection->sock;
+    peer->tls.handshake_bytes = state.limits.handshake_bytes;
+    peer->tls.address = peer->address;
+    peer->tls.keeps_some = count_memory_soon;
+    peer->tls.wants_turn = on_turn_is_spent;
+    peer->tls.argument = peer;
+    http_tls_renew_ticket_key(state.htp->ssl_ctx, std::chrono::steady_clock::now());
+    http_tls_begin(&peer->tls, peer->connection->bev);
+    peer->handshake.connection = peer->connection;
+    peer->handshake.address = peer->address;
+    http_handshake_await(&peer->handshake);
+}
+
+evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
+{
+    auto owned = std::make_unique<server_connection>();
+    server_connection *const peer = owned.get();
+    peer->connection = connection;
+    peer->address = peer_address(connection);
+    peer->timer.reset(evtimer_new(connection->evbase, on_time_up, peer));
+    REQUIRE_MEMORY(peer->timer, "timer");
+    peer->next_turn.reset(evtimer_new(connection->evbase, on_next_turn, peer));
+    REQUIRE_MEMORY(peer->next_turn, "next_turn");
+    state.connections.push_back(std::move(owned));
+    const int rc =
+        evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
+    REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);
+    peer->intake.address = peer->address;
+    peer->intake.make_room = make_room;
+    peer->intake.argument = peer;
+    http_intake_start(&peer->intake, connection, {on_read, on_write, on_event, peer});
+    if (connection->ssl != nullptr) { // the fuzzer speaks plain HTTP
+        begin_tls(peer);
+    }
+    restart_timer(peer);
+    return_memory_soon();
+    return EVHTP_RES_OK;
+}
+
+} // namespace
+
+void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits)
+{
+    REQUIRE_NOT_NULL(htp, "htp");
+    state.limits = limits;
+    state.htp = htp;
+    http_refusals_forget();
+    // The library refuses a body that reaches the number, where ours is the longest served.
+    evhtp_set_max_body_size(htp, http_server_max_body_size + 1);
+    evhtp_set_pre_accept_cb(htp, on_pre_accept, nullptr);
+    evhtp_set_post_accept_cb(htp, on_post_accept, nullptr);
+}
+
+void http_connections_watch_listener()
+{
+    REQUIRE_NOT_NULL(state.htp, "htp");
+    http_listener_open(state.htp, state.limits.listener_rest);
+    state.memory_return.reset(evtimer_new(state.htp->evbase, on_memory_return, nullptr));
+    REQUIRE_MEMORY(state.memory_return, "memory_return");
+    state.memory_check.reset(evtimer_new(state.htp->evbase, on_memory_check, nullptr));
+    REQUIRE_MEMORY(state.memory_check, "memory_check");
+    http_handshakes_open(state.htp->evbase, state.limits.handshakes);
+    return_memory_soon(); // after what the start has freed
+}
+
+void http_connections_close()
+{
+    http_listener_close();
+    evhtp_unbind_socket(state.htp);
+    http_handshakes_close();
+    while (!state.connections.empty()) {
+        evhtp_close(state.connections.back()->connection);
+    }
+    state.htp = nullptr;
+}
+
+std::size_t http_connections_count()
+{
+    return state.connections.size();
+}

@@ -1,0 +1,501 @@
+#include "http_server/intake.h"
+
+#include <event2/buffer.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "handles/evhtp.h"
+#include "handles/secret.h"
+#include "http_server/parser.h"
+#include "http_server/refusals.h"
+#include "logger/fatal.h"
+#include "request/status.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_http_server";
+
+/// What may wait behind a request that is being answered, or as an unfinished head.
+constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;
+
+/// What is read of a client that was refused, so that the answer is not lost: closing with bytes
+/// unread would reset the connection, and take from the client what it has not read yet.
+constexpr std::size_t max_thrown_away = 1024 * 1024;
+
+/// What the head of a refused request counts at most from then on.
+constexpr std::size_t refused_room_max = 32 * 1024;
+
+constexpr std::size_t growth_step = 4 * 1024; // of what is held
+constexpr std::size_t worth_giving_back = 512;
+
+/// What was received may hold a password, so that no copy of it stays where it lay.
+void wipe(std::string *text)
+{
+    OPENSSL_cleanse(text->data(), text->size());
+}
+
+void move_to(std::string *text, std::size_t room)
+{
+    std::string moved;
+    moved.reserve(room);
+    moved.append(*text);
+    wipe(text);
+    text->swap(moved);
+}
+
+/// Left to itself a text doubles, and what it then has too much would count as held.
+void make_room(std::string *text, std::size_t size)
+{
+    const std::size_t needed = text->size() + size;
+    if (needed > text->capacity()) {
+        move_to(text, needed <= growth_step
+                          ? std::max(needed, 2 * text->size())
+                          : (needed + growth_step - 1) / growth_step * growth_step);
+    }
+}
+
+/// Takes that many bytes off the front.
+void take_off(std::string *text, std::size_t size)
+{
+    const std::size_t left = text->size() - size;
+    std::memmove(text->data(), text->data() + size, left);
+    OPENSSL_cleanse(text->data() + left, size);
+    text->resize(left);
+    if (left == 0 && text->capacity() > worth_giving_back) {
+        std::string{}.swap(*text);
+    } else if (text->capacity() > growth_step && left <= growth_step) {
+        move_to(text, left);
+    }
+}
+
+void log_refusal(in_addr_t address, const char *reason)
+{
+    if (http_refusals_tell(address)) {
+        LOG_WARN("%s - %s: %s", "refuse", reason, http_refusals_text(address));
+    }
+}
+
+intake_result end(http_intake *intake, const char *reason)
+{
+    log_refusal(intake->address, reason);
+    evhtp_close(intake->connection);
+    return intake_result::ended;
+}
+
+/// Answers without the library, which has not seen the whole request and will not. At once, since an
+/// end that the client has sent already would take what waits to be written with it. No more will
+/// come from us, but the client is still heard until it ends too.
+intake_result refuse(http_intake *intake, const char *reason, int status)
+{
+    log_refusal(intake->address, reason);
+    const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
+                               http_status_phrase(status) +
+                               "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    evhtp_connection_t *const connection = intake->connection;
+    bufferevent_disable(connection->bev, EV_WRITE);
+    SSL_write(connection->ssl, answer.data(), static_cast<int>(answer.size()));
+    SSL_shutdown(connection->ssl);
+    ERR_clear_error(); // a client that cannot be told is closed without it
+    shutdown(connection->sock, SHUT_WR);
+    intake->phase = message_phase::refused;
+    // It goes on counting: of many that are refused some are closed at once. Not in full, else one that
+    // is alone could lose its answer to the room of the TLS record that it is about to send.
+    intake->refused_room = std::min(intake->held.capacity(), refused_room_max);
+    wipe(&intake->held);
+    std::string{}.swap(intake->held);
+    wipe(&intake->body);
+    intake->body.clear();
+    intake->lifted = {};
+    return intake_result::refused;
+}
+
+intake_result throw_away(http_intake *intake)
+{
+    evbuffer *const input = bufferevent_get_input(intake->connection->bev);
+    intake->thrown_away += evbuffer_get_length(input);
+    evbuffer_drain(input, evbuffer_get_length(input));
+    return intake->thrown_away <= max_thrown_away ? intake_result::waits
+                                                  : end(intake, "more behind a refused request");
+}
+
+/// The library has the whole reply.
+bool is_answered(const http_intake *intake)
+{
+    const evhtp_request_t *const request = intake->connection->request;
+    return !http_intake_is_paused(intake) && request != nullptr &&
+           (request->flags & EVHTP_REQ_FLAG_FINISHED) != 0;
+}
+
+/// Every route either pauses the request or answers it before it returns.
+bool has_reached_its_route(const http_intake *intake)
+{
+    return http_intake_is_paused(intake) || is_answered(intake);
+}
+
+/// The parser tells no path of an HTTP/0.9 request, and so nobody would ever answer it.
+bool has_route(const http_intake *intake)
+{
+    const evhtp_request_t *const request = intake->connection->request;
+    return request != nullptr && request->cb != nullptr;
+}
+
+/// Runs one of the library's callbacks; false when the connection has ended in it.
+template <typename Call>
+bool survives(http_intake *intake, Call call)
+{
+    bool gone = false;
+    intake->gone = &gone;
+    call();
+    if (!gone) {
+        intake->gone = nullptr;
+    }
+    return !gone;
+}
+
+/// Gives the parser these bytes, which end no later than the message; it takes them all. They are lent
+/// to it, not copied. False when the connection has ended.
+bool feed(http_intake *intake, std::string_view bytes)
+{
+    const in_addr_t address = intake->address; // the intake goes with its connection
+    bufferevent *const bev = intake->connection->bev;
+    evbuffer *const input = bufferevent_get_input(bev);
+    const int rc = evbuffer_add_reference(input, bytes.data(), bytes.size(), nullptr, nullptr);
+    REQUIRE_CALL(rc == 0, "evbuffer_add_reference(input, bytes, size)", rc);
+    if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
+        log_refusal(address, "the parser takes it for no request");
+        return false;
+    }
+    evbuffer_drain(input, evbuffer_get_length(input));
+    return true;
+}
+
+/// A request is on its way to its route. False when there was no room for it.
+bool is_admitted(http_intake *intake)
+{
+    return intake->make_room == nullptr ||
+           survives(intake, [intake] { intake->make_room(intake->argument); });
+}
+
+intake_result wait_for_head(http_intake *intake)
+{
+    if (intake->held.size() >= http_head_max_size) {
+        return refuse(intake, "head too long", http_status_header_fields_too_large);
+    }
+    const int refusal = http_head_line_refusal(intake->held);
+    return refusal == 0 ? intake_result::waits : refuse(intake, "header too long", refusal);
+}
+
+/// The request is whole, and the library has it: what is held, if anything, belongs to the next one.
+intake_result begin_answering(http_intake *intake)
+{
+    intake->phase = message_phase::answering;
+    if (intake->held.empty()) {
+        std::string{}.swap(intake->held); // it has been wiped
+    }
+    return intake_result::moved_on;
+}
+
+void move_behind(std::string *text, std::string *other)
+{
+    text->append(*other);
+    wipe(other);
+    std::string{}.swap(*other);
+}
+
+/// What the parser gets: after a head that says "chunked" it wants chunks, and gets one.
+std::string whole_message(http_intake *intake)
+{
+    std::string bytes = std::exchange(intake->head, {});
+    if (!intake->chunked) {
+        make_room(&bytes, intake->body.size());
+        move_behind(&bytes, &intake->body);
+        return bytes;
+    }
+    char size[24];
+    std::snprintf(size, sizeof size, "%zx\r\n", intake->body.size());
+    constexpr std::string_view last_chunk = "0\r\n\r\n";
+    make_room(&bytes, sizeof size + intake->body.size() + last_chunk.size());
+    if (!intake->body.empty()) {
+        bytes.append(size);
+        move_behind(&bytes, &intake->body);
+        bytes.append("\r\n");
+    }
+    return bytes.append(last_chunk);
+}
+
+intake_result give_message(http_intake *intake)
+{
+    // The library keeps all of it, and the checks keep the texts of the body beside that.
+    intake->handed = intake->body.size();
+    std::string bytes = whole_message(intake);
+    const wiped_at_end wiping{&bytes}; // a password is in it
+    intake->handed += bytes.size();
+    for (const http_head_lifted &lifted : intake->lifted) {
+        intake->handed += lifted.value.size();
+    }
+    if (!is_admitted(intake)) {
+        return intake_result::ended;
+    }
+    REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
+    if (!feed(intake, bytes)) {
+        return intake_result::ended;
+    }
+    if (has_reached_its_route(intake)) {
+        return begin_answering(intake);
+    }
+    const bool is_too_long =
+        htparser_get_content_length(intake->connection->parser) > http_server_max_body_size;
+    return has_route(intake) && is_too_long
+               ? refuse(intake, "body too long", http_status_content_too_large)
+               : refuse(intake, "no http request", http_status_bad_request);
+}
+
+intake_result begin_body(http_intake *intake, const http_head &head)
+{
+    if (!head.chunked && head.body_size > http_server_max_body_size) {
+        return refuse(intake, "body too long", http_status_content_too_large);
+    }
+    intake->chunked = head.chunked;
+    intake->chunks = {};
+    intake->body_size = static_cast<std::size_t>(head.body_size);
+    intake->phase = message_phase::body;
+    if (head.expects_continue) {
+        constexpr std::string_view leave = "HTTP/1.1 100 Continue\r\n\r\n";
+        bufferevent_write(intake->connection->bev, leave.data(), leave.size());
+    }
+    return intake_result::moved_on;
+}
+
+/// A step has moved on when there may be more to do with what is held.
+intake_result take_head(http_intake *intake)
+{
+    if (intake->scanned == 0) {
+        take_off(&intake->held,
+                 std::min(intake->held.find_first_not_of("\r\n"), intake->held.size()));
+    }
+    const std::size_t length = http_head_length(intake->held, &intake->scanned);
+    if (length == 0) {
+        return wait_for_head(intake);
+    }
+    http_head head = http_head_filter(std::string_view{intake->held}.substr(0, length));
+    if (head.refusal != nullptr) {
+        return refuse(intake, head.refusal, head.refusal_status);
+    }
+    take_off(&intake->held, length);
+    intake->scanned = 0;
+    intake->head = std::move(head.text);
+    intake->lifted = std::move(head.lifted);
+    return head.chunked || head.body_size != 0 ? begin_body(intake, head) : give_message(intake);
+}
+
+chunks_result take_announced(http_intake *intake, std::string_view *input)
+{
+    const std::string_view piece = input->substr(0, intake->body_size - intake->body.size());
+    intake->body.append(piece);
+    input->remove_prefix(piece.size());
+    return intake->body.size() == intake->body_size ? chunks_result::whole
+                                                    : chunks_result::wants_more;
+}
+
+/// Moves what is held over to the body, as far as it belongs to it.
+chunks_result gather_body(http_intake *intake)
+{
+    std::string_view input{intake->held};
+    if (intake->chunked) {
+        make_room(&intake->body,
+                  std::min(input.size(), http_server_max_body_size - intake->body.size()));
+    } else {
+        intake->body.reserve(intake->body_size); // at once: it never moves
+    }
+    const chunks_result result = intake->chunked
+                                     ? http_chunks_take(&intake->chunks, &input, &intake->body)
+                                     : take_announced(intake, &input);
+    take_off(&intake->held, intake->held.size() - input.size());
+    return result;
+}
+
+intake_result take_body(http_intake *intake)
+{
+    if (intake->held.empty()) {
+        return intake_result::waits;
+    }
+    switch (gather_body(intake)) {
+    case chunks_result::wants_more:
+        return intake_result::waits;
+    case chunks_result::whole:
+        return give_message(intake);
+    case chunks_result::too_long:
+        return refuse(intake, "body too long", http_status_content_too_large);
+    case chunks_result::bad:
+        break;
+    }
+    return end(intake, "chunks that are none");
+}
+
+intake_result take_nothing(http_intake *intake)
+{
+    return intake->held.size() <= max_held ? intake_result::waits
+                                           : end(intake, "too much behind a request");
+}
+
+intake_result take_held(http_intake *intake)
+{
+    switch (intake->phase) {
+    case message_phase::head:
+        return take_head(intake);
+    case message_phase::body:
+        return take_body(intake);
+    case message_phase::answering:
+        return take_nothing(intake);
+    case message_phase::refused:
+        break;
+    }
+    return intake_result::waits;
+}
+
+/// Goes as far as what is held allows.
+intake_result take_all_held(http_intake *intake)
+{
+    const bool was_answering = intake->phase == message_phase::answering;
+    intake_result result = take_held(intake);
+    while (result == intake_result::moved_on) {
+        result = take_held(intake);
+    }
+    if (result == intake_result::waits && !was_answering &&
+        intake->phase == message_phase::answering) {
+        return intake_result::moved_on;
+    }
+    return result;
+}
+
+/// The parser has all headers: the lifted ones join them before any route looks.
+evhtp_res on_headers(evhtp_request_t *, evhtp_headers_t *headers, void *argument) noexcept
+{
+    auto *const intake = static_cast<http_intake *>(argument);
+    for (const http_head_lifted &lifted : std::exchange(intake->lifted, {})) {
+        evhtp_header_t *const header = evhtp_header_new(lifted.name, lifted.value.c_str(), 0, 1);
+        REQUIRE_MEMORY(header, "header");
+        evhtp_headers_add_header(headers, header);
+    }
+    return EVHTP_RES_OK;
+}
+
+} // namespace
+
+void http_intake_wipe(evbuffer *buffer)
+{
+    evbuffer_iovec pieces[4];
+    const int count = evbuffer_peek(buffer, -1, nullptr, pieces, std::size(pieces));
+    for (int i = 0; i < std::min<int>(count, std::size(pieces)); ++i) {
+        OPENSSL_cleanse(pieces[i].iov_base, pieces[i].iov_len);
+    }
+}
+
+void http_intake_reply_waits(http_intake *intake)
+{
+    if (intake->phase == message_phase::answering && is_answered(intake)) {
+        evhtp_connection_drop_parser(intake->connection);
+    }
+}
+
+void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
+                       const library_callbacks &callbacks)
+{
+    intake->connection = connection;
+    library_callbacks &library = intake->library;
+    bufferevent_getcb(connection->bev, &library.read, &library.write, &library.event,
+                      &library.argument);
+    bufferevent_setcb(connection->bev, callbacks.read, callbacks.write, callbacks.event,
+                      callbacks.argument);
+    const int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
+    REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_headers)", rc);
+    evhtp_connection_drop_parser(connection); // until there is a head for it
+}
+
+intake_result http_intake_read(http_intake *intake)
+{
+    if (intake->phase == message_phase::refused) {
+        return throw_away(intake);
+    }
+    evbuffer *const input = bufferevent_get_input(intake->connection->bev);
+    evbuffer_iovec piece{};
+    while (evbuffer_get_length(input) != 0) {
+        evbuffer_peek(input, -1, nullptr, &piece, 1);
+        make_room(&intake->held, piece.iov_len);
+        intake->held.append(static_cast<const char *>(piece.iov_base), piece.iov_len);
+        OPENSSL_cleanse(piece.iov_base, piece.iov_len);
+        evbuffer_drain(input, piece.iov_len);
+    }
+    return take_all_held(intake);
+}
+
+intake_result http_intake_written(http_intake *intake)
+{
+    if (intake->phase != message_phase::answering) {
+        return intake_result::waits;
+    }
+    bufferevent *const bev = intake->connection->bev;
+    if (is_answered(intake)) { // and will be freed
+        http_intake_wipe(intake->connection->request->buffer_in);
+    }
+    if (intake->connection->parser == nullptr) {
+        REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
+    }
+    if (!survives(intake,
+                  [intake, bev] { intake->library.write(bev, intake->library.argument); })) {
+        return intake_result::ended;
+    }
+    if (intake->connection->request != nullptr) {
+        return intake_result::waits;
+    }
+    // The library has freed the answered request: the next one may come.
+    intake->phase = message_phase::head;
+    intake->lifted = {};
+    evhtp_connection_drop_parser(intake->connection);
+    intake->handed = 0;
+    intake->chunked = false;
+    if (intake->held.empty()) {
+        return intake_result::moved_on;
+    }
+    // The end of a client that has said all must not overtake what it said.
+    bufferevent_disable(bev, EV_READ);
+    return intake_result::has_next;
+}
+
+intake_result http_intake_next(http_intake *intake)
+{
+    bufferevent_enable(intake->connection->bev, EV_READ); // a request that is checked ends it again
+    return take_all_held(intake);
+}
+
+void http_intake_end(http_intake *intake)
+{
+    wipe(&intake->held);
+    wipe(&intake->body);
+    if (const evhtp_request_t *const request = intake->connection->request; request != nullptr) {
+        http_intake_wipe(request->buffer_in);
+    }
+    if (intake->gone != nullptr) {
+        *intake->gone = true;
+    }
+}
+
+std::size_t http_intake_size(const http_intake *intake)
+{
+    return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() +
+           intake->handed + intake->refused_room;
+}
+
+bool http_intake_is_paused(const http_intake *intake)
+{
+    return (intake->connection->flags & EVHTP_CONN_FLAG_PAUSED) != 0;
+}

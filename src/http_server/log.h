@@ -1,0 +1,4 @@
+#pragma once
+
+/// The category of the lines of the server and its routes. Included by source files only.
+inline constexpr char log_category[] = "velm_http_server";

@@ -1,0 +1,183 @@
+#include "http_server/routes.h"
+
+#include <cstring>
+
+#include "handles/evhtp.h"
+#include "http_server/log.h"
+#include "http_server/pause.h"
+#include "logger/fatal.h"
+#include "request/input.h"
+#include "request/refusal.h"
+#include "velm_request_preprocessor.h"
+
+namespace {
+
+struct http_route {
+    const char *path;
+    const char *handler; // its name in log lines
+    velm_request_checks checks;
+    velm_request_callback callback;
+};
+
+// clang-format off
+//                                                                         request assertion user/pass paired device
+constexpr http_route route_info      {"/info",      "http_method_info",      {false, false, false, false, false}, http_method_info_handle};
+constexpr http_route route_challenge {"/challenge", "http_method_challenge", {true,  false, true,  false, false}, http_method_challenge_handle};
+constexpr http_route route_pair      {"/pair",      "http_method_pair",      {true,  false, true,  false, false}, http_method_pair_handle};
+constexpr http_route route_pairings  {"/pairings",  "http_method_pairings",  {true,  false, true,  false, false}, http_method_pairings_handle};
+constexpr http_route route_unpair    {"/unpair",    "http_method_unpair",    {true,  false, true,  false, false}, http_method_unpair_handle};
+constexpr http_route route_location  {"/location",  "http_method_location",  {true,  true,  true,  true,  true},  http_method_location_handle};
+// clang-format on
+
+/// The path as it was sent, without the query; null when the request has none.
+const char *request_path(const evhtp_request_t *req)
+{
+    return req->uri == nullptr || req->uri->path == nullptr ? nullptr : req->uri->path->full;
+}
+
+bool is_path(const evhtp_request_t *req, const http_route &route)
+{
+    const char *const path = request_path(req);
+    return path != nullptr && std::strcmp(path, route.path) == 0;
+}
+
+bool has_header(const evhtp_request_t *req, const char *name)
+{
+    return evhtp_header_find(req->headers_in, name) != nullptr;
+}
+
+void require_request(const evhtp_request_t *req, const char *handler)
+{
+    if (req == nullptr) {
+        FATAL("%s: %s is null: %s", handler, "req", "null reference");
+    }
+}
+
+/// The request stays paused until the route's result callback answers it.
+void begin_checks(evhtp_request_t *req, const http_route &route, const velm_request_checks &checks)
+{
+    evhtp_pause(req);
+    velm_request_preprocessor *const preprocessor = velm_request_preprocessor_create(checks);
+    velm_request_preprocessor_attach_request(preprocessor, req);
+    velm_request_preprocessor_set_callback(preprocessor, route.callback);
+    LOG_TRACE("%s [%p] - auth start", route.handler, static_cast<void *>(preprocessor));
+    velm_request_preprocessor_start(preprocessor);
+}
+
+/// The first look at the body: false when it has been answered already. The tree goes: the checks
+/// parse again.
+bool body_is_readable(evhtp_request_t *req)
+{
+    const int status = velm_request_parse_request_body(req).status;
+    if (status != http_status_ok) {
+        velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
+        http_server_reply_status(req, static_cast<http_status>(status));
+    }
+    return status == http_status_ok;
+}
+
+void begin_route(evhtp_request_t *req, const http_route &route)
+{
+    LOG_TRACE("%s - start", route.handler);
+    require_request(req, route.handler);
+    if (body_is_readable(req)) {
+        begin_checks(req, route, route.checks);
+    }
+}
+
+void http_method_pair(evhtp_request_t *req)
+{
+    LOG_TRACE("%s - start", __func__);
+    if (!body_is_readable(req)) {
+        return;
+    }
+    velm_request_checks checks = route_pair.checks;
+    checks.assertion = has_header(req, "X-Assertion");
+    if (!checks.assertion && !has_header(req, "X-Attestation")) {
+        LOG_ERROR("%s - no attestation data", __func__);
+        const velm_request_body parsed = velm_request_parse_request_body(req);
+        velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
+                                    request_auth(parsed.body.get()));
+        http_server_reply_status(req, http_status_bad_request);
+        return;
+    }
+    begin_checks(req, route_pair, checks);
+}
+
+/// "/pair" and "/pairings" are told apart here, by the whole path: registered, one would be taken for
+/// a prefix of the other.
+void http_method_default(evhtp_request_t *req, void *) noexcept
+{
+    require_request(req, __func__);
+    if (is_path(req, route_pair)) {
+        http_method_pair(req);
+    } else if (is_path(req, route_pairings)) {
+        begin_route(req, route_pairings);
+    } else {
+        LOG_WARN("%s - unknown path", __func__);
+        http_server_reply_status(req, http_status_not_found);
+    }
+}
+
+/// The library compares only as far as the registered path reaches, so whatever begins with it
+/// arrives here too.
+void serve_exact_path(evhtp_request_t *req, const http_route &route)
+{
+    if (req != nullptr && !is_path(req, route)) {
+        http_method_default(req, nullptr);
+        return;
+    }
+    begin_route(req, route);
+}
+
+void http_method_info(evhtp_request_t *req, void *) noexcept
+{
+    require_request(req, __func__);
+    if (!is_path(req, route_info)) {
+        http_method_default(req, nullptr);
+        return;
+    }
+    LOG_TRACE("%s - start", __func__);
+    begin_checks(req, route_info, route_info.checks);
+}
+
+void http_method_challenge(evhtp_request_t *req, void *) noexcept
+{
+    serve_exact_path(req, route_challenge);
+}
+
+void http_method_unpair(evhtp_request_t *req, void *) noexcept
+{
+    serve_exact_path(req, route_unpair);
+}
+
+void http_method_location(evhtp_request_t *req, void *) noexcept
+{
+    serve_exact_path(req, route_location);
+}
+
+struct registration {
+    const char *path;
+    evhtp_callback_cb callback;
+    const char *call; // its text, for the fatal line
+};
+
+// clang-format off
+constexpr registration registrations[] = {
+    {"/info",      http_method_info,      "evhtp_set_cb(http_server_instance, \"/info\", http_method_info, ((void *)0))"},
+    {"/challenge", http_method_challenge, "evhtp_set_cb(http_server_instance, \"/challenge\", http_method_challenge, ((void *)0))"},
+    {"/unpair",    http_method_unpair,    "evhtp_set_cb(http_server_instance, \"/unpair\", http_method_unpair, ((void *)0))"},
+    {"/location",  http_method_location,  "evhtp_set_cb(http_server_instance, \"/location\", http_method_location, ((void *)0))"},
+};
+// clang-format on
+
+} // namespace
+
+void http_server_register_routes(evhtp_t *http_server_instance)
+{
+    for (const registration &row : registrations) {
+        REQUIRE_NOT_NULL(evhtp_set_cb(http_server_instance, row.path, row.callback, nullptr),
+                         row.call);
+    }
+    evhtp_set_gencb(http_server_instance, http_method_default, nullptr);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+/// Who gives way when every place of the location-policy IPC is taken and one more client comes.
+///
+/// A program that forgets to close its connections must not shut the others out: the place comes from
+/// the user id that holds most places. Of its clients those without an open request go first, and of
+/// these the one that has been quiet longest. A number of the last request, or of the arrival, says how
+/// long that is: the lower, the longer.
+
+/// How many there are. Each client may have 1024 requests open and 64 packets unread: together 3 MB at
+/// worst. Local clients are a few programs of the same device.
+inline constexpr std::size_t velm_ipc_connection_limit = 32;
+
+struct velm_ipc_place {
+    uid_t uid;
+    std::uint64_t heard;
+    bool has_open_request;
+    bool may_go; // not a connection that we made ourselves
+};
+
+/// None when none may go. Users with equally many places are looked at together.
+[[nodiscard]] std::optional<std::size_t>
+velm_ipc_place_to_give(std::span<const velm_ipc_place> places);

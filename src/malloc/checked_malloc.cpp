@@ -1,0 +1,207 @@
+#include "malloc/checked_malloc.h"
+
+#include <dlfcn.h>
+#include <malloc.h>
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "handles/exhaustion.h"
+
+namespace {
+
+/// Up to here glibc keeps what was freed at hand, but its calloc does not look there.
+constexpr std::size_t small_size = 1024;
+
+/// The plaintext of the longest record: OpenSSL's buffer for one is never smaller.
+constexpr std::size_t tls_record_size = 16384;
+
+/// The allocator's own functions.
+struct allocator {
+    void *(*malloc)(std::size_t);
+    void *(*calloc)(std::size_t, std::size_t);
+    void *(*realloc)(void *, std::size_t);
+    void *(*memalign)(std::size_t, std::size_t);
+    void *(*aligned_alloc)(std::size_t, std::size_t);
+    int (*posix_memalign)(void **, std::size_t, std::size_t);
+    void (*free)(void *);
+};
+constinit allocator next{};
+constinit bool is_looked_up = false;
+constinit bool is_being_looked_up = false;
+
+template <typename Function>
+void look_up(Function **function, const char *name) noexcept
+{
+    *function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
+    if (*function == nullptr) {
+        std::abort();
+    }
+}
+
+/// The loader allocates before any constructor has run, so the first who asks looks them up. False to
+/// the look-up itself, which then does without: an older C library asks for room for its errors.
+[[gnu::noinline]] bool look_up_all() noexcept
+{
+    if (is_being_looked_up) {
+        errno = ENOMEM;
+        return false;
+    }
+    is_being_looked_up = true;
+    look_up(&next.malloc, "malloc");
+    look_up(&next.calloc, "calloc");
+    look_up(&next.realloc, "realloc");
+    look_up(&next.memalign, "memalign");
+    look_up(&next.aligned_alloc, "aligned_alloc");
+    look_up(&next.posix_memalign, "posix_memalign");
+    look_up(&next.free, "free");
+    is_being_looked_up = false;
+    is_looked_up = true;
+    return true;
+}
+
+bool is_ready() noexcept
+{
+    return is_looked_up || look_up_all();
+}
+
+bool is_shortage(std::size_t size) noexcept
+{
+    return size > 0 && size <= checked_malloc_largest;
+}
+
+void *checked(void *memory, std::size_t size) noexcept
+{
+    memory_is_exhausted_if(memory == nullptr && is_shortage(size));
+    return memory;
+}
+
+/// Overwrites what it frees, unless that is smaller.
+void free_wiped_from(void *memory, std::size_t wiped_size) noexcept
+{
+    if (memory == nullptr || !is_ready()) {
+        return;
+    }
+    const std::size_t room = malloc_usable_size(memory);
+    if (room >= wiped_size) {
+        std::memset(memory, 0, room);
+    }
+    next.free(memory);
+}
+
+void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
+{
+    return size == 0 ? nullptr : checked(next.malloc(size), size);
+}
+
+void *openssl_realloc(void *old, std::size_t size, const char * /*file*/, int /*line*/) noexcept
+{
+    return std::realloc(old, size);
+}
+
+void openssl_free(void *memory, const char * /*file*/, int /*line*/) noexcept
+{
+    free_wiped_from(memory, tls_record_size);
+}
+
+/// A TLS handshake frees thousands of objects, and OpenSSL overwrites those that are secret itself. What
+/// is secret to us lies only where records are decrypted.
+[[gnu::constructor(101)]] void wipe_records_only_in_openssl() noexcept
+{
+    CRYPTO_set_mem_functions(openssl_malloc, openssl_realloc, openssl_free);
+}
+
+void end_before_main()
+{
+    std::fputs("not enough memory\n", stderr);
+    std::abort();
+}
+
+/// Until main has a handler of its own: the modules' objects are made before.
+[[gnu::constructor(101)]] void install_first_handler() noexcept
+{
+    std::set_new_handler(end_before_main);
+}
+
+} // namespace
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's are reserved
+extern "C" {
+
+void *malloc(std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.malloc(size), size) : nullptr;
+}
+
+void *calloc(std::size_t count, std::size_t size) noexcept
+{
+    if (!is_ready()) {
+        return nullptr;
+    }
+    std::size_t total = 0;
+    if (__builtin_mul_overflow(count, size, &total)) {
+        total = SIZE_MAX; // which nobody has
+    }
+    if (total > small_size) {
+        return checked(next.calloc(1, total), total);
+    }
+    void *const memory = checked(next.malloc(total), total);
+    return memory == nullptr ? nullptr : std::memset(memory, 0, total);
+}
+
+void *realloc(void *old, std::size_t size) noexcept
+{
+    if (!is_ready()) {
+        return nullptr;
+    }
+    if (old == nullptr) {
+        return malloc(size);
+    }
+    if (size == 0) {
+        free(old);
+        return nullptr;
+    }
+    const std::size_t room = malloc_usable_size(old);
+    if (size <= room && size >= room / 2) {
+        return old;
+    }
+    // The allocator would leave what was there behind when it moves it.
+    void *const moved = checked(next.malloc(size), size);
+    if (moved != nullptr) {
+        std::memcpy(moved, old, std::min(size, room));
+        free(old);
+    }
+    return moved;
+}
+
+void free(void *memory) noexcept
+{
+    free_wiped_from(memory, 0);
+}
+
+void *memalign(std::size_t alignment, std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.memalign(alignment, size), size) : nullptr;
+}
+
+void *aligned_alloc(std::size_t alignment, std::size_t size) noexcept
+{
+    return is_ready() ? checked(next.aligned_alloc(alignment, size), size) : nullptr;
+}
+
+int posix_memalign(void **memory, std::size_t alignment, std::size_t size) noexcept
+{
+    const int error = is_ready() ? next.posix_memalign(memory, alignment, size) : ENOMEM;
+    memory_is_exhausted_if(error == ENOMEM && is_looked_up && is_shortage(size));
+    return error;
+}
+
+} // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <evhtp/evhtp.h>
+
+#include <cstddef>
+
+#include "handles/secret.h"
+
+/// The JSON body of a request.
+
+/// In a body, at any depth, the object "auth" and its members included. Each becomes an object of a
+/// hundred bytes and more, whatever its length; a list of 80 whole locations has 640.
+inline constexpr std::size_t velm_request_max_values = 1000;
+
+struct velm_request_body {
+    secret_json_ptr body; // null unless the status is 200
+    int status = 400;     // 200, 400 or 500
+};
+
+/// Of a body that was parsed, only what the checks ask for: "auth" with its texts, which stay where they
+/// are. The rest would be kept for as long as the checks take, and they may wait for Google.
+[[nodiscard]] secret_json_ptr velm_request_keep_auth(secret_json_ptr body);
+
+/// The request's JSON body with its "auth" object. A null request is fatal.
+[[nodiscard]] velm_request_body velm_request_parse_request_body(evhtp_request_t *req);

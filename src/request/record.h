@@ -1,0 +1,64 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "async/common_async.h"
+#include "handles/secret.h"
+#include "request/checks.h"
+#include "request/proof.h"
+
+/// The record of one request on its way through the checks. Only the preprocessor and the checks
+/// look inside; every step of theirs runs from the loop, so the request's connection may have been
+/// freed between any two of them.
+
+enum class preproc_state : int {
+    init = 0,
+    request_check = 1,
+    assertion_check = 2,
+    user_pass_check = 3,
+    paired_app_check = 4,
+    device_check = 5,
+    finished = 6,
+};
+
+struct velm_request_preprocessor {
+    velm_request_checks checks;
+    evhtp_request_t *request = nullptr; // borrowed; null once it is gone
+    bool request_gone = false;          // freed with its connection: nobody is left to answer
+    secret_json_ptr body;
+    velm_request_callback callback = nullptr;
+    preproc_state state = preproc_state::init;
+    int break_code = VELM_BREAK_NONE;
+    const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
+    std::optional<velm_request_proof> proof; // what the assertion check went by
+    char client_ip[64] = {};
+    // Views into `body`; null when missing.
+    const char *client_device_id = nullptr;
+    const char *client_device_type = nullptr;
+    const char *client_bssid = nullptr;
+    const char *client_username = nullptr;
+    const char *client_password = nullptr;
+    const char *client_challenge = nullptr;
+    // Copies: the request may go first.
+    std::optional<std::string> path;
+    std::optional<std::string> client_assertion;  // header "X-Assertion"
+    std::optional<std::string> client_user_agent; // header "User-Agent"
+};
+
+/// A check gives its break code, or nothing when it will report by itself through
+/// velm_request_preprocessor_continue.
+using preproc_check = std::optional<int> (*)(velm_request_preprocessor &p);
+
+/// Runs a check as an async action on its record and reports what it gives. When the request went
+/// meanwhile the check does not begin, and the machine ends at its next step.
+template <preproc_check Check>
+void preproc_check_run(void *user_data, short /*events*/,
+                       common_async_context * /*context*/) noexcept
+{
+    auto *const p = static_cast<velm_request_preprocessor *>(user_data);
+    const std::optional<int> code = p->request_gone ? VELM_BREAK_NONE : Check(*p);
+    if (code.has_value()) {
+        velm_request_preprocessor_continue(p, *code);
+    }
+}

@@ -1,0 +1,70 @@
+#include "request/refusal.h"
+
+#include <optional>
+#include <string>
+
+#include "logger/common_logger.h"
+#include "request/input.h"
+#include "velm_utils.h"
+
+namespace {
+
+constexpr char log_category[] = "velm_http_server";
+
+/// Twice the length of the ids that the apps make.
+constexpr int shown_id_limit = 72;
+
+bool is_continuation(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
+}
+
+/// How much of the text is shown: whole characters only.
+int shown_length(const char *text)
+{
+    int length = 0;
+    while (length < shown_id_limit && text[length] != '\0') {
+        ++length;
+    }
+    while (length > 0 && is_continuation(text[length])) {
+        --length;
+    }
+    return length;
+}
+
+std::optional<std::string> peer_text(const evhtp_request_t *request)
+{
+    const std::optional<in_addr> peer = request_peer_address(request);
+    if (!peer.has_value()) {
+        return std::nullopt;
+    }
+    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
+}
+
+bool is_unknown(const char *text)
+{
+    return text == nullptr || *text == '\0';
+}
+
+} // namespace
+
+void velm_request_log_refusal(const char *check, const char *reason, const char *client_ip,
+                              const char *device_id)
+{
+    const char *const shown_id = is_unknown(device_id) ? "-" : device_id;
+    // The id last: what a stranger writes into it cannot be taken for the rest of the line.
+    LOG_WARN("%s - %s: %s, ip: %s, device id: %.*s", "request_refused", check, reason,
+             is_unknown(client_ip) ? "-" : client_ip, shown_length(shown_id), shown_id);
+}
+
+void velm_request_log_refusal_of(const evhtp_request_t *request, const char *check,
+                                 const char *reason, const cJSON *auth)
+{
+    if (!common_logger_writes(log_category, LOG_LEVEL_WARN)) {
+        return;
+    }
+    const std::optional<std::string> ip = peer_text(request);
+    const char *const device_id =
+        auth == nullptr ? nullptr : velm_utils_get_field_value_from_json_object(auth, "deviceId");
+    velm_request_log_refusal(check, reason, ip.has_value() ? ip->c_str() : nullptr, device_id);
+}

@@ -1,0 +1,79 @@
+#include "google/push_answer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+struct answer_case {
+    const char *name;
+    bool about_the_token;
+    const char *body;
+    const char *content_type = nullptr;
+};
+
+class FcmAnswer : public testing::TestWithParam<answer_case> {};
+
+TEST_P(FcmAnswer, IsAboutTheTokenOrAboutAnotherThing)
+{
+    const std::string body = GetParam().body;
+    EXPECT_EQ(
+        velm_fcm_answer_is_about_the_token(body.c_str(), body.size(), GetParam().content_type),
+        GetParam().about_the_token);
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Json, FcmAnswer, testing::Values(
+    answer_case{"Unregistered", true,
+                R"({"error":{"code":404,"status":"NOT_FOUND","details":[{"@type":"x","errorCode":"UNREGISTERED"}]}})"},
+    answer_case{"UnregisteredUnderAnyType", true,
+                R"({"error":{"details":[{"errorCode":"UNREGISTERED"}]}})", "text/html"},
+    answer_case{"AnotherCode", false, R"({"error":{"details":[{"errorCode":"SENDER_ID_MISMATCH"}]}})"},
+    answer_case{"AnotherCodeAfterOthers", false,
+                R"({"error":{"details":[{},{"a":1},{"errorCode":"UNREGISTERED"},{"errorCode":"QUOTA_EXCEEDED"}]}})"},
+    answer_case{"CodeInOtherCase", false, R"({"error":{"details":[{"errorCode":"unregistered"}]}})"},
+    answer_case{"EmptyCode", false, R"({"error":{"details":[{"errorCode":""}]}})"},
+    answer_case{"CodeThatIsANumber", false, R"({"error":{"details":[{"errorCode":404}]}})"},
+    answer_case{"NoCodeInTheDetails", true, R"({"error":{"details":[{"reason":"X"}]}})"},
+    answer_case{"EmptyDetails", true, R"({"error":{"details":[]}})"},
+    answer_case{"NoDetails", true, R"({"error":{"code":404,"status":"NOT_FOUND"}})"},
+    answer_case{"CodeOutsideTheDetails", true, R"({"error":{"errorCode":"X"},"errorCode":"Y"})"},
+    answer_case{"ErrorThatIsText", true, R"({"error":"not_found"})"},
+    answer_case{"DetailsOfOtherKinds", true, R"({"error":{"details":[1,"x",null,[]]}})"},
+    answer_case{"EmptyObject", true, "{}"},
+    answer_case{"List", true, "[]"},
+    answer_case{"Null", true, "null"}),
+    [](const auto &row) { return std::string{row.param.name}; });
+
+INSTANTIATE_TEST_SUITE_P(Texts, FcmAnswer, testing::Values(
+    answer_case{"Empty", true, ""},
+    answer_case{"EmptyPage", true, "", "text/html"},
+    answer_case{"PlainText", true, "Not Found", "text/plain"},
+    answer_case{"CutJson", true, R"({"error":{"details":[{"errorCode":"X")"},
+    answer_case{"Doctype", false, "<!DOCTYPE html>\n<html lang=en>"},
+    answer_case{"UpperCase", false, "<HTML>"},
+    answer_case{"AfterBlanks", false, "\r\n\t <html>"},
+    answer_case{"AfterAByteOrderMark", false, "\xef\xbb\xbf<html>"},
+    answer_case{"AfterAComment", false, "<!-- x --><html>"},
+    answer_case{"CutPage", false, "<"},
+    answer_case{"PageAsJson", false, "<html>", "application/json; charset=UTF-8"},
+    answer_case{"PageByItsTypeOnly", false, "Not Found", "Text/HTML; charset=UTF-8"},
+    answer_case{"XhtmlPage", false, "Not Found", "application/xhtml+xml"},
+    answer_case{"BlanksAsAPage", true, " \n", "text/html"}),
+    [](const auto &row) { return std::string{row.param.name}; });
+// clang-format on
+
+TEST(FcmAnswerWithoutBody, IsAboutTheToken)
+{
+    EXPECT_TRUE(velm_fcm_answer_is_about_the_token(nullptr, 0, nullptr));
+    EXPECT_TRUE(velm_fcm_answer_is_about_the_token(nullptr, 0, "text/html"));
+}
+
+TEST(FcmAnswerNestedTooDeep, IsAboutTheToken)
+{
+    const std::string body(64 * 1024, '[');
+    EXPECT_TRUE(velm_fcm_answer_is_about_the_token(body.c_str(), body.size(), nullptr));
+}
+
+} // namespace
