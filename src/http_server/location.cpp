@@ -31,15 +31,6 @@ const cJSON *location_data(const cJSON *body)
     return location;
 }
 
-std::optional<std::string> peer_text(const evhtp_request_t *request)
-{
-    const std::optional<in_addr> peer = request_peer_address(request);
-    if (!peer.has_value()) {
-        return std::nullopt;
-    }
-    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
-}
-
 void hand_over(const char *ip, const cJSON *auth, const cJSON *location)
 {
     if (cJSON_IsObject(location)) {
@@ -74,7 +65,7 @@ http_outcome take_location(const http_asked &asked)
     if (location == nullptr) {
         return {http_status_bad_request, "no valid location data"};
     }
-    const std::optional<std::string> ip = peer_text(asked.request);
+    const std::optional<std::string> ip = request_peer_text(asked.request);
     if (!ip.has_value()) {
         // The phone did its part and cannot help it: it is not asked to retry.
         LOG_ERROR("%s - invalid ip address", handler_name);

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "logger/fatal.h"
+#include "velm_utils.h"
 
 namespace {
 constexpr char log_category[] = "velm_http_server";
@@ -61,6 +62,15 @@ std::optional<in_addr> request_peer_address(const evhtp_request_t *request)
     sockaddr_in peer{};
     std::memcpy(&peer, address, sizeof peer);
     return peer.sin_addr;
+}
+
+std::optional<std::string> request_peer_text(const evhtp_request_t *request)
+{
+    const std::optional<in_addr> peer = request_peer_address(request);
+    if (!peer.has_value()) {
+        return std::nullopt;
+    }
+    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
 }
 
 std::span<const std::uint8_t> request_bytes(std::string_view text)

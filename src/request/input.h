@@ -41,5 +41,8 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 /// The peer's IPv4 address; nothing for another family.
 [[nodiscard]] std::optional<in_addr> request_peer_address(const evhtp_request_t *request);
 
-/// The same memory as bytes, for the crypto functions.
+/// The same as dotted text.
+[[nodiscard]] std::optional<std::string> request_peer_text(const evhtp_request_t *request);
+
+/// The memory of a text as bytes, for the crypto functions.
 [[nodiscard]] std::span<const std::uint8_t> request_bytes(std::string_view text);

@@ -32,15 +32,6 @@ int shown_length(const char *text)
     return length;
 }
 
-std::optional<std::string> peer_text(const evhtp_request_t *request)
-{
-    const std::optional<in_addr> peer = request_peer_address(request);
-    if (!peer.has_value()) {
-        return std::nullopt;
-    }
-    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
-}
-
 bool is_unknown(const char *text)
 {
     return text == nullptr || *text == '\0';
@@ -63,7 +54,7 @@ void velm_request_log_refusal_of(const evhtp_request_t *request, const char *che
     if (!common_logger_writes(log_category, LOG_LEVEL_WARN)) {
         return;
     }
-    const std::optional<std::string> ip = peer_text(request);
+    const std::optional<std::string> ip = request_peer_text(request);
     const char *const device_id =
         auth == nullptr ? nullptr : velm_utils_get_field_value_from_json_object(auth, "deviceId");
     velm_request_log_refusal(check, reason, ip.has_value() ? ip->c_str() : nullptr, device_id);
