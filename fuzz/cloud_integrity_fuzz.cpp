@@ -7,7 +7,7 @@
 #include "fake_cloud.h"
 #include "fakes/fake_clock.h"
 #include "fuzz_target.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "velm_config.h"
 #include "velm_google_auth.h"
 #include "velm_google_integrity.h"

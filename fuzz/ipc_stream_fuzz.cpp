@@ -15,6 +15,7 @@
 #include "fuzz_target.h"
 #include "handles/libevent.h"
 #include "velm_conn.h"
+#include "velm_ipc_cmd.h"
 
 /// The packets of a local client, through a real connection: each begins with its length.
 
@@ -110,7 +111,8 @@ void run(event_base *loop, fuzz_input in)
     FUZZ_REQUIRE(
         socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair.data()) == 0);
     const unique_fd client{pair[0]};
-    const velm_conn_ptr conn = velm_conn_create(loop, unique_fd{pair[1]}, nullptr, take);
+    const velm_conn_ptr conn =
+        velm_conn_create(loop, unique_fd{pair[1]}, nullptr, velm_ipc_cmd_read, take);
     reference expected;
     std::vector<std::uint32_t> busy;
     while (!in.empty()) {

@@ -15,4 +15,4 @@ fi
 ./scripts/install-dependencies.sh
 ./scripts/build.sh release velmd nvram velmctl
 
-PYTHONPATH=sim exec /usr/bin/python3 -B -m velm_sim.soak "$@"
+PYTHONPATH=sim:tests/harness exec /usr/bin/python3 -B -m velm_harness.soak "$@"

@@ -20,4 +20,4 @@ case " $* " in
 *" --dry-run "* | *" --build "*) ;;
 *) ./scripts/build.sh asan velmd nvram velmctl ;;
 esac
-PYTHONPATH=sim exec /usr/bin/python3 -B -m velm_sim.storm "$@"
+PYTHONPATH=sim:tests/harness exec /usr/bin/python3 -B -m velm_harness.storm "$@"

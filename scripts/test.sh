@@ -53,8 +53,8 @@ done
 storms() { # PRESET: three seeds at once, since they mostly wait
     local seed pids=() status=0
     for seed in 1 2 3; do
-        PYTHONPATH=sim timeout 300 /usr/bin/python3 -B -m velm_sim.storm "$seed" 60 --build "build/$1" \
-            --junit "$results/storm-$seed.xml" >"$results/storm-$seed.log" 2>&1 &
+        PYTHONPATH=sim:tests/harness timeout 300 /usr/bin/python3 -B -m velm_harness.storm "$seed" 60 \
+            --build "build/$1" --junit "$results/storm-$seed.xml" >"$results/storm-$seed.log" 2>&1 &
         pids+=($!)
     done
     for seed in 1 2 3; do
@@ -65,8 +65,8 @@ storms() { # PRESET: three seeds at once, since they mostly wait
 }
 
 soak() { # PRESET
-    PYTHONPATH=sim timeout 300 /usr/bin/python3 -B -m velm_sim.soak 500 --build "build/$1" \
-        --junit "$results/soak.xml"
+    PYTHONPATH=sim:tests/harness timeout 300 /usr/bin/python3 -B -m velm_harness.soak 500 \
+        --build "build/$1" --junit "$results/soak.xml"
 }
 
 step "install what is missing" ./scripts/install-dependencies.sh
@@ -79,9 +79,11 @@ for tls in 1.2 1.3; do
     step "end-to-end tests with TLS $tls only, ${presets[0]}" \
         python_tests "${presets[0]}" "e2e-tls-$tls" "${with_phones[@]}" "--tls=$tls"
 done
+step "tests of the documents" python_tests "${presets[0]}" documents tests/documents
 step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"
 step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
+step "tests of the harness" python_tests "${presets[0]}" harness tests/harness
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
 step "storm, $instrumented" storms "$instrumented"
 step "soak, ${presets[0]}" soak "${presets[0]}"

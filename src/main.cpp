@@ -1,10 +1,7 @@
-#include <dm.h>
 #include <event2/event.h>
-#include <fcntl.h>
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -15,20 +12,20 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "async/common_async.h"
 #include "conffile/conffile.h"
 #include "cutils/common_netlink.h"
-#include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "http/http_client.h"
 #include "lan/lan.h"
 #include "lan/query.h"
 #include "logger/fatal.h"
 #include "process/command_line.h"
+#include "process/detach.h"
 #include "process/pid_file.h"
+#include "process/prepare.h"
 #include "process/version.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
@@ -52,7 +49,6 @@ constexpr char log_category[] = "main";
 
 constexpr char default_config_path[] = "/etc/afc/velmd/velmd.conf";
 constexpr int exit_no_https_client = 2;
-constexpr mode_t created_files_mask = 022;
 
 /// Lives as long as the process; nothing is torn down.
 struct process_state {
@@ -66,31 +62,6 @@ struct process_state {
     bool reloads_again = false; // asked for while one waits for the LAN address
 };
 process_state process;
-
-int level_of_libevent(int severity)
-{
-    switch (severity) {
-    case EVENT_LOG_DEBUG:
-        return LOG_LEVEL_TRACE;
-    case EVENT_LOG_MSG:
-        return LOG_LEVEL_DEBUG;
-    case EVENT_LOG_WARN:
-        return LOG_LEVEL_WARN;
-    default:
-        return LOG_LEVEL_ERROR;
-    }
-}
-
-void log_libevent(int severity, const char *message) noexcept
-{
-    LOG_AT(level_of_libevent(severity), "libevent - %s", message);
-}
-
-void libevent_is_broken(int code) noexcept
-{
-    FATAL("%s: call failed: %s result: %i loc: %s:%i", __func__, "libevent", code, __FILE__,
-          __LINE__);
-}
 
 bool is_disabled_by_nvram()
 {
@@ -123,44 +94,6 @@ void load_defaults_and_file()
     if (!process.config_path.empty()) {
         velm_config_load_from_file(process.config.get(), process.config_path.c_str());
         tell_of_bad_line(conffile_bad_line());
-    }
-}
-
-/// The caller of a second daemon for the same file learns of it by the status, for it is in the
-/// foreground still.
-velm_pid_file claim_pid_file(const char *path)
-{
-    velm_pid_file claimed = velm_pid_file_claim(path);
-    if (claimed.is_held_by_other) {
-        LOG_ERROR("%s - %s is held by pid %ld", "daemonize", path, claimed.holder);
-        std::fprintf(stderr, "velmd: %s is held by pid %ld\n", path, claimed.holder);
-        std::exit(EXIT_FAILURE);
-    }
-    if (claimed.mode_was != 0) {
-        LOG_WARN("%s - %s had mode %o: now no more than 644", "daemonize", path, claimed.mode_was);
-    }
-    return claimed;
-}
-
-/// Goes into the background. A daemon that init started is there already, and init knows its pid.
-void daemonize(const char *pid_path)
-{
-    if (getppid() == 1) {
-        return;
-    }
-    if (pid_path == nullptr || *pid_path == '\0') {
-        std::exit(EXIT_FAILURE);
-    }
-    process.pid_file = claim_pid_file(pid_path);
-    const pid_t pid = fork();
-    if (pid < 0) {
-        std::exit(EXIT_FAILURE);
-    }
-    if (pid > 0) {
-        std::exit(EXIT_SUCCESS);
-    }
-    if (setsid() < 0 || chdir("/") != 0 || !velm_pid_file_write(process.pid_file)) {
-        std::exit(EXIT_FAILURE);
     }
 }
 
@@ -326,14 +259,6 @@ void make_event_base()
     velm_lan_query_set_event_base(base);
 }
 
-void block_sighup(int how)
-{
-    sigset_t sighup;
-    sigemptyset(&sighup);
-    sigaddset(&sighup, SIGHUP);
-    sigprocmask(how, &sighup, nullptr);
-}
-
 void watch_sighup()
 {
     process.event_sighup.reset(
@@ -346,52 +271,13 @@ void watch_sighup()
         FATAL("%s: call failed: %s result: %i loc: %s:%i", "main", "event_add(event_sighup, NULL)",
               rc, __FILE__, __LINE__);
     }
-    block_sighup(SIG_UNBLOCK);
-}
-
-/// A stream that is closed is given /dev/null, so that no socket takes its number and receives what
-/// is printed.
-void keep_standard_streams()
-{
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    const unique_fd beyond{fd};
-}
-
-/// Before anything can write to a closed peer, run out of memory or be told to reload.
-void prepare_process()
-{
-    keep_standard_streams();
-    umask(created_files_mask); // whatever the caller's was
-    std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGCHLD, SIG_DFL); // a parent that ignored it would hide how `ip` ended
-    block_sighup(SIG_BLOCK); // a reload asked for during start-up waits until it can be served
-    fatal_install_memory_handler();
-    event_set_log_callback(log_libevent);
-    event_set_fatal_callback(libevent_is_broken);
+    process_unblock_sighup();
 }
 
 void make_config()
 {
     const allocation_name naming{"main", "velm_config"};
     process.config = std::make_unique<velm_config>();
-}
-
-void detach()
-{
-    if (!process.config->daemonize) {
-        return;
-    }
-    daemonize(process.config->pid_file_path);
-    std::vector<char *> arguments;
-    for (std::string &argument : process.command_line.restart_arguments) {
-        arguments.push_back(argument.data());
-    }
-    arguments.push_back(nullptr);
-    dm_register_app_restart_info(static_cast<int>(getpid()), static_cast<int>(arguments.size() - 1),
-                                 arguments.data(), 0);
 }
 
 void announce_version()
@@ -406,7 +292,7 @@ void announce_version()
 
 int main(int argc, char **argv)
 {
-    prepare_process();
+    process_prepare();
     if (is_disabled_by_nvram()) {
         return EXIT_SUCCESS;
     }
@@ -414,7 +300,10 @@ int main(int argc, char **argv)
     process.config_path = process.command_line.config_path.value_or(default_config_path);
     make_config();
     load_defaults_and_file();
-    detach();
+    if (process.config->daemonize) {
+        process.pid_file = process_detach(process.config->pid_file_path);
+        process_register_for_restart(process.command_line);
+    }
     set_log_level_from_nvram();
     announce_version();
     load_settings();

@@ -4,7 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "android_validation/assertion.h"
 #include "android_validation/keys.h"
 #include "android_validation/token.h"
 #include "android_validation/verdict.h"
@@ -12,8 +11,8 @@
 #include "crypto/common_crypto.h"
 #include "file/common_file.h"
 #include "google/junk.h"
+#include "handles/argument.h"
 #include "handles/cjson.h"
-#include "handles/memory.h"
 #include "ios_validation/ios_app_validate.h"
 #include "ios_validation/signature.h"
 #include "logger/fatal.h"
@@ -193,16 +192,6 @@ void android_verify_assertion_remotely(void *argument, short /*events*/,
     velm_google_integrity_get_verdict(token, google_integrity_result, input.release());
 }
 
-/// The arguments as the caller lends them.
-struct android_verify_assertion_arguments {
-    const char *device_id;
-    bytes_view assertion_object_buf;
-    bytes_view message_digest_buf;
-    int method;
-    velm_android_verify_assertion_callback result_cb;
-    void *user_data;
-};
-
 std::vector<std::uint8_t> bytes_copy(const char *caller, const char *name, bytes_view bytes)
 {
     const allocation_name naming{caller, name};
@@ -210,18 +199,16 @@ std::vector<std::uint8_t> bytes_copy(const char *caller, const char *name, bytes
 }
 
 std::unique_ptr<android_verify_assertion_input>
-clone_android_verify_assertion_input(const android_verify_assertion_arguments &input)
+clone_android_verify_assertion_input(bytes_view assertion_object, bytes_view message_digest,
+                                     velm_android_verify_assertion_callback result_cb,
+                                     void *user_data)
 {
     const allocation_name naming_input{__func__, "i"};
     auto i = std::make_unique<android_verify_assertion_input>();
-    const allocation_name naming_id{__func__, "i->device_id"};
-    i->device_id = input.device_id;
-    i->assertion_object_buf =
-        bytes_copy(__func__, "i->assertion_object_buf", input.assertion_object_buf);
-    i->message_digest_buf = bytes_copy(__func__, "i->message_digest_buf", input.message_digest_buf);
-    i->method = input.method;
-    i->result_cb = input.result_cb;
-    i->user_data = input.user_data;
+    i->assertion_object_buf = bytes_copy(__func__, "i->assertion_object_buf", assertion_object);
+    i->message_digest_buf = bytes_copy(__func__, "i->message_digest_buf", message_digest);
+    i->result_cb = result_cb;
+    i->user_data = user_data;
     i->asker = velm_google_asker::current();
     return i;
 }
@@ -306,13 +293,12 @@ int velm_attestation_engine_android_verify_assertion(
     std::span<const std::uint8_t> message_digest, int method,
     velm_android_verify_assertion_callback result_cb, void *user_data)
 {
-    const android_verify_assertion_arguments input{device_id, assertion_object, message_digest,
-                                                   method,    result_cb,        user_data};
-    REQUIRE_NOT_NULL(input.device_id, "input.device_id");
-    REQUIRE_NOT_NULL(input.assertion_object_buf.data(), "input.assertion_object_buf");
-    REQUIRE_NOT_NULL(input.message_digest_buf.data(), "input.message_digest_buf");
-    REQUIRE_NOT_NULL(input.result_cb, "input.result_cb");
-    auto copy = clone_android_verify_assertion_input(input);
+    REQUIRE_NOT_NULL(device_id, "input.device_id");
+    REQUIRE_NOT_NULL(assertion_object.data(), "input.assertion_object_buf");
+    REQUIRE_NOT_NULL(message_digest.data(), "input.message_digest_buf");
+    REQUIRE_NOT_NULL(result_cb, "input.result_cb");
+    auto copy = clone_android_verify_assertion_input(assertion_object, message_digest, result_cb,
+                                                     user_data);
     common_async_callback worker = nullptr;
     if (method == velm_android_method_local) {
         worker = android_verify_assertion_locally;

@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 
+#include "android_validation/assertion.h"
 #include "velm_config.h"
 
 /// Decides whether a phone is a genuine copy of the app on a genuine device.
@@ -29,15 +30,9 @@ velm_attestation_engine_ios_verify_assertion(const char *device_id,
                                              std::span<const std::uint8_t> assertion_object,
                                              std::span<const std::uint8_t> client_data_hash);
 
-/// Called once, on the loop.
-using velm_android_verify_assertion_callback = void (*)(bool success, void *user_data);
-
-/// Who judges an Android integrity token: this device, or Google's decoding service.
-inline constexpr int velm_android_method_local = 0;
-inline constexpr int velm_android_method_remote = 1;
-
-/// Play Integrity token; copies its input and reports later through `result_cb`. The result is that
-/// of queueing the work (0). A missing argument or another method is fatal.
+/// Play Integrity token; copies its input and reports later through `result_cb`. The device id takes
+/// no part in the check. The result is that of queueing the work (0). A missing argument or another
+/// method is fatal.
 int velm_attestation_engine_android_verify_assertion(
     const char *device_id, std::span<const std::uint8_t> assertion_object,
     std::span<const std::uint8_t> message_digest, int method,

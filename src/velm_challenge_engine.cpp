@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 
 namespace {

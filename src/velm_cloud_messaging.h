@@ -2,13 +2,11 @@
 
 #include <cstdint>
 
+#include "google/push_content.h"
 #include "handles/cjson.h"
 #include "velm_config.h"
 
 /// Decides whether a push may go out now, and builds the FCM message for one phone.
-
-inline constexpr std::uint32_t velm_push_data = 0;
-inline constexpr std::uint32_t velm_push_notification = 1;
 
 /// Remembers the configuration (borrowed), forgets the last push, initialises the FCM sender.
 void velm_cloud_messaging_init(const velm_config *config);

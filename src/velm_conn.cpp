@@ -16,11 +16,10 @@
 #include <memory>
 #include <vector>
 
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "ipc/places.h"
 #include "logger/fatal.h"
-#include "velm_ipc.h"
-#include "velm_ipc_cmd.h"
 
 using std::chrono::duration_cast;
 using std::chrono::microseconds;
@@ -36,6 +35,7 @@ struct velm_conn {
     std::deque<std::vector<std::uint8_t>> waiting;
     velm_ipc_cmd_input input;
     velm_ipc *server = nullptr;
+    velm_conn_parser parser = nullptr;
     velm_conn_frame_handler handler = nullptr;
     velm_conn_closed_handler closed_handler = nullptr;
     velm_conn_drained_handler drained_handler = nullptr;
@@ -110,7 +110,7 @@ void packet_handle(velm_conn *conn, std::span<const std::uint8_t> packet)
 {
     while (!packet.empty() && !conn->closed) {
         const std::size_t size = std::min(packet.size(), read_chunk);
-        velm_ipc_cmd_read(conn, conn->input, packet.first(size), conn->handler);
+        conn->parser(conn, conn->input, packet.first(size), conn->handler);
         packet = packet.subspan(size);
     }
 }
@@ -290,11 +290,12 @@ void velm_conn_destroy(velm_conn *conn) noexcept
 }
 
 velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *server,
-                               velm_conn_frame_handler handler)
+                               velm_conn_parser parser, velm_conn_frame_handler handler)
 {
     velm_conn_ptr conn{release_new<velm_conn>()};
     conn->socket = std::move(socket);
     conn->server = server;
+    conn->parser = parser;
     conn->handler = handler;
     const int fd = conn->socket.get();
     conn->read_event.reset(event_new(base, fd, EV_READ | EV_PERSIST, read_cb, conn.get()));

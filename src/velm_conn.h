@@ -9,14 +9,15 @@
 
 #include "handles/fd.h"
 #include "handles/handle.h"
+#include "ipc/input.h"
 
 /// One connection of the location-policy IPC: a connected SOCK_SEQPACKET socket on the loop.
 ///
 /// What is written leaves as a packet of its own, or not at all. While the peer does not read, up
 /// to 64 packets wait; one more ends the connection. So do 15 s of waiting, added up until the peer
 /// has read all that was sent to it: one that reads a packet now and then gets no new 15 s for each.
-/// What is read goes into the frame parser (velm_ipc_cmd.h) in pieces of at most 1024
-/// bytes, one packet a turn of the loop; after a packet of more than 4096 bytes the connection is not
+/// What is read goes into the frame parser in pieces of at most 1024 bytes, one packet a turn of the
+/// loop; after a packet of more than 4096 bytes the connection is not
 /// read for 63 times as long as the packet took, 2 s at most, so that others are served. There is no
 /// read time-out: a client may stay silent for ever.
 ///
@@ -34,6 +35,12 @@ inline constexpr std::size_t velm_conn_queue_limit = 64;
 using velm_conn_frame_handler = int (*)(velm_conn *conn, std::uint32_t id, std::uint16_t type,
                                         const void *payload, std::size_t len, std::time_t deadline);
 
+/// Cuts what is read into frames and hands each request to the handler, which may be null:
+/// velm_ipc_cmd_read. `bytes` is borrowed. It may write to the connection but must not destroy it.
+using velm_conn_parser = void (*)(velm_conn *conn, velm_ipc_cmd_input &input,
+                                  std::span<const std::uint8_t> bytes,
+                                  velm_conn_frame_handler handler);
+
 /// Told once, when the connection has just been marked closed. It must not destroy the connection.
 using velm_conn_closed_handler = void (*)(velm_conn *conn);
 
@@ -48,6 +55,7 @@ using velm_conn_ptr = handle<velm_conn, velm_conn_destroy>;
 /// may be null; without a handler the frames are parsed and dropped. Null when the socket cannot be
 /// watched; it is closed then.
 [[nodiscard]] velm_conn_ptr velm_conn_create(event_base *base, unique_fd socket, velm_ipc *server,
+                                             velm_conn_parser parser,
                                              velm_conn_frame_handler handler);
 
 /// Without one nobody is told.

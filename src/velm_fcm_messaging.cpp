@@ -11,11 +11,11 @@
 #include "google/account.h"
 #include "google/addresses.h"
 #include "google/push_answer.h"
+#include "google/push_content.h"
+#include "handles/argument.h"
 #include "handles/cjson.h"
-#include "handles/memory.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
-#include "velm_cloud_messaging.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -129,8 +129,9 @@ bool can_send(const cJSON *pairing)
 
 http_client_request_data make_request(const send_context &context)
 {
-    const json_ptr content = velm_cloud_messaging_generate_push_content(
-        context.pairing.get(), context.cm_params_copy.timeout, context.cm_params_copy.type);
+    const auto &[timeout, type] = context.cm_params_copy;
+    const json_ptr content =
+        velm_push_content_make(*state.config, context.pairing.get(), timeout, type);
     const json_text body{cJSON_PrintUnformatted(content.get())};
     REQUIRE_MEMORY(body, "body");
     const std::string uri = std::string{cloud_fcm_base} + "/v1/projects/" +

@@ -16,7 +16,7 @@
 #include "google/addresses.h"
 #include "google/answer.h"
 #include "google/junk.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
 

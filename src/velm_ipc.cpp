@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "ipc/places.h"
 #include "ipc/socket.h"
 #include "logger/fatal.h"
@@ -189,7 +189,8 @@ void closed_handler(velm_conn *conn)
 
 velm_conn *connection_add(velm_ipc *server, unique_fd socket, uid_t uid)
 {
-    velm_conn_ptr conn = velm_conn_create(server->base, std::move(socket), server, frame_handler);
+    velm_conn_ptr conn =
+        velm_conn_create(server->base, std::move(socket), server, velm_ipc_cmd_read, frame_handler);
     if (conn == nullptr) {
         LOG_ERROR("Cannot create connection");
         return nullptr;

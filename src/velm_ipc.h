@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "handles/handle.h"
+#include "ipc/places.h"
 
 /// The location-policy IPC: listens on a Unix socket (SOCK_SEQPACKET), keeps the connections and
 /// the requests that wait for an answer, and sends answers and reports. The same object can also
@@ -20,10 +21,6 @@ struct velm_ipc;
 /// Requests that led to a push are never answered, so a client that asks every second has 600
 /// waiting: it must not be turned away for that.
 inline constexpr std::size_t velm_ipc_outstanding_limit = 1024;
-
-/// Each may have 1024 requests open and 64 packets unread: together 3 MB at worst. Local clients are a
-/// few programs of the same device.
-inline constexpr std::size_t velm_ipc_connection_limit = 32;
 
 /// Takes one request; non-zero when it took it. `seq` names the request to velm_ipc_respond, which
 /// it may call at once. `payload` (140 bytes) is borrowed. It must not destroy the server.

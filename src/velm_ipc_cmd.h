@@ -3,20 +3,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <vector>
 
+#include "ipc/input.h"
 #include "velm_conn.h"
 
 /// Framing of the location-policy IPC; the frames themselves are in velm/location_policy.h.
 
-/// What the parser keeps of a connection between two reads: less than one request frame, and how
-/// much of a skipped frame has not come yet.
-struct velm_ipc_cmd_input {
-    std::vector<std::uint8_t> buffer;
-    std::size_t skip = 0;
-};
-
-/// Parses the bytes just read behind those kept from before. Each request frame (type 4096, 140
+/// The frame parser of a connection (velm_conn_parser): takes the bytes just read behind those kept from before. Each request frame (type 4096, 140
 /// bytes of payload) goes to the handler with a deadline 600 s from now, and is answered with busy
 /// when that returns 0. A frame of another length is skipped whole; another type says that the two
 /// sides disagree, so everything buffered is thrown away. Stops when the connection closes.

@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "async/common_async.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
 #include "velm_cloud_messaging.h"

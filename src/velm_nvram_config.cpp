@@ -6,7 +6,7 @@
 #include <charconv>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 
 namespace {

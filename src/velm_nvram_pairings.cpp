@@ -8,7 +8,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 #include "velm_utils.h"
 

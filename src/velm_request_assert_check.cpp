@@ -9,7 +9,7 @@
 
 #include "crypto/common_crypto.h"
 #include "google/junk.h"
-#include "handles/memory.h"
+#include "handles/secret.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/record.h"

@@ -5,8 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "handles/argument.h"
 #include "handles/evhtp.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/record.h"

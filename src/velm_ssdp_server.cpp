@@ -17,7 +17,7 @@
 #include "cutils/interface_addresses.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "lan/wait.h"
 #include "logger/fatal.h"
 #include "ssdp/message.h"

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 #include "velm_utils.h"
 

@@ -13,7 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
+#include "handles/secret.h"
 #include "logger/fatal.h"
 
 namespace {

@@ -11,7 +11,7 @@
 #include <span>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/fatal.h"
 
 namespace {

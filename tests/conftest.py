@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 from _pytest.terminal import TerminalReporter
-from velm_sim.sample import seed_of_the_day
+from velm_harness.sample import seed_of_the_day
 
 REPOSITORY = Path(__file__).resolve().parents[1]
 

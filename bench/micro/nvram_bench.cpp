@@ -8,7 +8,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 
 /// Reading one setting among 500 of the host's store, beside what it cannot do without: a look at
 /// the file that another process may have changed, a look-up, and the copy that the caller frees.

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "host_files.h"
 #include "nvram_store.h"
 

@@ -143,9 +143,12 @@ class AccessPoint:
     def nvram(
         self, *arguments: str, environment: Mapping[str, str] | None = None
     ) -> subprocess.CompletedProcess[str]:
-        environment = {**os.environ, **self.environment, **(environment or {})}
-        if self.build.is_asan:
-            environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
+        environment = {
+            **os.environ,
+            **self.environment,
+            **(environment or {}),
+            **self.build.environment(self.directory),
+        }
         command = [str(self.build.program("nvram")), *arguments]
         return subprocess.run(command, env=environment, capture_output=True, text=True, timeout=30)
 

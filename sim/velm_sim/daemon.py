@@ -1,4 +1,4 @@
-"""One run of velmd: started in its namespaces, watched from outside, ended, judged."""
+"""One run of velmd: started in its namespaces, watched from outside, ended."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ import subprocess
 import sys
 import time
 from collections.abc import Callable
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
 from .build import Build, faketime_library
@@ -21,10 +21,6 @@ UNIX_ACCEPTS = 0x10000
 
 class DaemonError(RuntimeError):
     """The daemon did not do what a caller waited for."""
-
-
-class SanitizerError(AssertionError):
-    """A sanitizer reported something, or the daemon leaked."""
 
 
 def wait_until(condition: Callable[[], object], timeout: float, what: str) -> None:
@@ -40,7 +36,7 @@ def wait_until(condition: Callable[[], object], timeout: float, what: str) -> No
 class Daemon:
     """velmd started by `command` (which becomes the daemon, under the same pid).
 
-    `directory` takes its standard output, its log "velmd.log" and the sanitizers' reports.
+    `directory` takes its standard output, its log "velmd.log" and what its build reports.
     """
 
     build: Build
@@ -55,20 +51,17 @@ class Daemon:
     working_directory: Path | None = None
     process: subprocess.Popen[bytes] | None = None
     pid: int = 0
-    judged: set[Path] = field(default_factory=set)
 
     # Start and end.
 
     def start(self) -> None:
         """Starts without waiting for anything."""
-        environment = {**os.environ, **self.environment}
-        preload = [str(library) for library in self.preload]
-        if self.build.is_asan:
-            environment.update(self.build.sanitizer_environment(self.directory / "sanitizer"))
-            environment["VELM_LEAK_PROBE_DONE"] = str(self._leak_verdict)
-            preload.append(str(self.build.leak_probe))
-        if self.build.is_coverage:
-            preload.append(str(self.build.coverage_probe))
+        environment = {
+            **os.environ,
+            **self.environment,
+            **self.build.environment(self.directory),
+        }
+        preload = [str(library) for library in (*self.preload, *self.build.preload())]
         if self.clock:
             self.move_clock(0)
             environment.update(
@@ -117,14 +110,13 @@ class Daemon:
             raise DaemonError(f"{problem}\n{self.tail()}") from None
 
     def stop(self) -> None:
-        """Ends the daemon. A sanitizer report or a leak is an error."""
-        was_alive = self.alive()
+        """Ends the daemon, and raises what an instrumented build found."""
         try:
-            if was_alive and self.build.is_asan:
-                self.check_leaks()
+            if self.alive():
+                self.build.before_end(self)
         finally:
             self.kill()
-        self.check_sanitizers()
+        self.build.judge(self.directory)
 
     def kill(self, number: signal.Signals = signal.SIGTERM) -> None:
         if not self.alive():
@@ -274,28 +266,3 @@ class Daemon:
             return all(after) and after[0] != before[0] and after[1] != before[1]
 
         wait_until(replaced, timeout, "the servers did not come back after SIGHUP")
-
-    # Judging.
-
-    @property
-    def _leak_verdict(self) -> Path:
-        return self.directory / "leak-verdict"
-
-    def check_leaks(self, timeout: float = 20.0) -> None:
-        """Makes an instrumented daemon look for leaks now."""
-        self._leak_verdict.unlink(missing_ok=True)
-        os.kill(self.pid, signal.SIGUSR2)
-        wait_until(
-            lambda: not self.alive() or self._leak_verdict.exists(), timeout, "no leak check"
-        )
-        self.check_sanitizers()
-
-    def sanitizer_reports(self) -> list[Path]:
-        return sorted(self.directory.glob("sanitizer.*"))
-
-    def check_sanitizers(self) -> None:
-        """`SanitizerError` with every report not yet raised."""
-        fresh = [path for path in self.sanitizer_reports() if path not in self.judged]
-        self.judged.update(fresh)
-        if fresh:
-            raise SanitizerError("\n".join(path.read_text(errors="replace") for path in fresh))

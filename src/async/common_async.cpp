@@ -8,9 +8,9 @@
 #include <deque>
 #include <memory>
 
+#include "handles/argument.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 
 struct common_async_context {

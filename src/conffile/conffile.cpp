@@ -6,20 +6,8 @@
 #include <string_view>
 
 #include "file/regular_file.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "logger/common_logger.h"
-
-struct ConfigPair {
-    const char *key;
-    const char *value;
-    ConfigPair *next;
-};
-
-struct ConfigFile {
-    ConfigPair *head;
-    char *content;
-    std::size_t bytes_read;
-};
 
 namespace {
 
@@ -183,22 +171,4 @@ const char *conffile_get_value(const ConfigFile *file, const char *key)
         }
     }
     return nullptr;
-}
-
-const ConfigPair *conffile_next_pair(const ConfigFile *file, const ConfigPair *pair)
-{
-    if (file == nullptr) {
-        return nullptr;
-    }
-    return pair == nullptr ? file->head : pair->next;
-}
-
-const char *conffile_pair_key(const ConfigPair *pair)
-{
-    return pair->key;
-}
-
-const char *conffile_pair_value(const ConfigPair *pair)
-{
-    return pair->value;
 }

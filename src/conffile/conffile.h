@@ -2,12 +2,12 @@
 
 #include <memory>
 
+#include "handles/config_pairs.h"
+
 /// The configuration file: lines of key=value, "#" comments, at most 4096 bytes.
 ///
-/// A ConfigFile owns the text that was read; its pairs point into it. Pairs stand in reverse line
-/// order, so the last line of a key is found first.
-struct ConfigFile;
-struct ConfigPair;
+/// Its pairs (handles/config_pairs.h) stand in reverse line order, so the last line of a key is found
+/// first.
 
 struct conffile_deleter {
     void operator()(ConfigFile *file) const noexcept;
@@ -24,9 +24,3 @@ using conffile_ptr = std::unique_ptr<ConfigFile, conffile_deleter>;
 
 /// The value of the first pair with exactly this key, or null. Borrowed from the file.
 [[nodiscard]] const char *conffile_get_value(const ConfigFile *file, const char *key);
-
-/// The first pair when `pair` is null, else the one behind it; null at the end or without a file.
-[[nodiscard]] const ConfigPair *conffile_next_pair(const ConfigFile *file, const ConfigPair *pair);
-
-[[nodiscard]] const char *conffile_pair_key(const ConfigPair *pair);
-[[nodiscard]] const char *conffile_pair_value(const ConfigPair *pair);

@@ -19,9 +19,9 @@
 
 #include "async/common_async.h"
 #include "cutils/interface_addresses.h"
+#include "handles/argument.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 
 struct common_netlink_observer {

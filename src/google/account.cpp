@@ -7,7 +7,7 @@
 
 #include "file/common_file.h"
 #include "google/addresses.h"
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "logger/common_logger.h"
 #include "velm_google_auth.h"
 #include "velm_utils.h"

@@ -1,10 +1,6 @@
 #pragma once
 
-#include <event2/bufferevent.h>
-#include <event2/bufferevent_struct.h>
 #include <evhtp/evhtp.h>
-
-#include <cstdlib>
 
 #include "handles/handle.h"
 
@@ -15,37 +11,6 @@ using evhtp_ptr = handle<evhtp_t, evhtp_free>;
 inline void evhtp_close(evhtp_connection_t *connection) noexcept
 {
     evhtp_connection_free(connection);
-}
-
-/// The parser holds a buffer of 8 KiB, and the library makes one for each connection, for its whole
-/// life. Only while a request is being read or answered does it look at it. Null without memory.
-inline htparser *evhtp_connection_make_parser(evhtp_connection_t *connection) noexcept
-{
-    if (connection->parser == nullptr) {
-        connection->parser = htparser_new();
-    }
-    if (connection->parser != nullptr) {
-        htparser_init(connection->parser, htp_type_request);
-        htparser_set_userdata(connection->parser, connection);
-    }
-    return connection->parser;
-}
-
-/// Nothing of a request may be under way.
-inline void evhtp_connection_drop_parser(evhtp_connection_t *connection) noexcept
-{
-    std::free(connection->parser);
-    connection->parser = nullptr;
-}
-
-/// Pauses the request of a TLS connection and leaves the kernel alone: reading is off, but the socket
-/// stays watched, and libevent takes it off when something does come before the answer has left. That
-/// is seldom, and to unwatch it and watch it again costs more than the answer of a quick route.
-inline void evhtp_pause(evhtp_request_t *request) noexcept
-{
-    bufferevent *const bev = request->conn->bev;
-    bev->enabled = static_cast<short>(bev->enabled & ~EV_READ);
-    evhtp_request_pause(request);
 }
 
 /// The library takes every hook as a function without a prototype, so the one cast that this needs

@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "handles/exhaustion.h"
 #include "handles/handle.h"
-#include "handles/memory.h"
 
 /// A C stream.
 using stdio_file = handle<std::FILE, std::fclose>;

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 
 /// Lives until the resolver has called back, which it does for a cancelled question too.

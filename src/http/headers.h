@@ -1,10 +1,17 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "http/http_client.h"
+/// The headers of a request to a server: the client's own, and those that the caller wants.
+
+struct http_client_header {
+    std::string name;
+    std::string value;
+    bool used = false; // replaced one of the client's own headers
+};
 
 struct http_client_default_headers {
     std::string host;

@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "async/common_async.h"
+#include "handles/argument.h"
 #include "handles/libevent.h"
-#include "handles/memory.h"
 #include "http/connection.h"
 #include "http/dns.h"
 #include "http/headers.h"
@@ -251,6 +251,22 @@ void http_client_set_event_base(event_base *base)
 {
     state.base = base;
     http_client_dns_start(base, {});
+}
+
+int http_client_setup_ssl(const char *ca_file)
+{
+    http_client_dns_reload();
+    return http_client_tls_set_up(ca_file) ? 0 : -1;
+}
+
+void http_client_prepare_ssl(const char *ca_file)
+{
+    http_client_tls_prepare(ca_file);
+}
+
+void http_client_free_ssl()
+{
+    http_client_tls_forget();
 }
 
 void http_client_set_user_agent_string(const char *user_agent)

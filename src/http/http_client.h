@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "http/headers.h"
+
 /// Asynchronous HTTP and HTTPS requests on the event loop. Names resolve without blocking. Every
 /// HTTPS server must present a chain to the configured CA file and the right host name.
 
@@ -18,12 +20,6 @@ enum http_client_method : int {
     HTTP_CLIENT_PATCH = 2,
     HTTP_CLIENT_DELETE = 3,
     HTTP_CLIENT_PUT = 4,
-};
-
-struct http_client_header {
-    std::string name;
-    std::string value;
-    bool used = false; // replaced one of the client's own headers
 };
 
 /// The largest answer unless a request says otherwise: ten times what the cloud sends.

@@ -9,15 +9,14 @@
 #include <optional>
 #include <utility>
 
-#include "handles/memory.h"
-#include "http/dns.h"
+#include "handles/exhaustion.h"
 #include "http/hostname.h"
-#include "http/http_client.h"
 #include "logger/fatal.h"
 
 namespace {
 
 constexpr char log_category[] = "http_client";
+constexpr char set_up[] = "http_client_setup_ssl"; // whose work a fatal line names
 
 /// What became of reading a CA file.
 struct loaded_context {
@@ -58,7 +57,7 @@ loaded_context load_context(const char *ca_file)
     ERR_clear_error();
     ssl_ctx_ptr context{SSL_CTX_new(TLS_method())};
     if (context == nullptr) {
-        FATAL("%s: %s is null: %s", "http_client_setup_ssl", "ssl_ctx", "not enough memory");
+        FATAL("%s: %s is null: %s", set_up, "ssl_ctx", "not enough memory");
     }
     errno = 0;
     if (SSL_CTX_load_verify_locations(context.get(), ca_file, nullptr) != 1) {
@@ -182,38 +181,37 @@ ssl_ptr http_client_tls_new(const http_client_peer *peer)
     return ssl;
 }
 
-int http_client_setup_ssl(const char *ca_file)
+bool http_client_tls_set_up(const char *ca_file)
 {
-    http_client_dns_reload();
     LOG_TRACE("ca cert file location: %s", ca_file != nullptr ? ca_file : "");
     loaded_context loaded = take_context(ca_file);
     SSL_CTX *const context = loaded.context.get();
     if (context == nullptr) {
         LOG_REASON(LOG_LEVEL_WARN, "SSL_CTX_load_verify_locations");
         LOG_REASON(LOG_LEVEL_WARN, "SSL ERROR: %s", openssl_error_text(loaded.error).c_str());
-        return -1;
+        return false;
     }
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
     int rc = static_cast<int>(SSL_CTX_set1_groups_list(context, groups));
-    REQUIRE_CALL(rc == 1, "SSL_CTX_set1_groups_list(context, groups)", rc);
+    REQUIRE_CALL_BY(set_up, rc == 1, "SSL_CTX_set1_groups_list(context, groups)", rc);
     rc = SSL_CTX_set_cipher_list(context, tls12_ciphers);
-    REQUIRE_CALL(rc == 1, "SSL_CTX_set_cipher_list(context, tls12_ciphers)", rc);
+    REQUIRE_CALL_BY(set_up, rc == 1, "SSL_CTX_set_cipher_list(context, tls12_ciphers)", rc);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
     const int index = ex_data_index();
-    REQUIRE_CALL(index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
+    REQUIRE_CALL_BY(set_up, index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
     SSL_CTX_set_cert_verify_callback(context, verify_callback, nullptr);
     state.default_context = std::move(loaded.context);
     LOG_TRACE("https setup correct");
-    return 0;
+    return true;
 }
 
-void http_client_prepare_ssl(const char *ca_file)
+void http_client_tls_prepare(const char *ca_file)
 {
     state.prepared = load_context(ca_file);
 }
 
-void http_client_free_ssl()
+void http_client_tls_forget()
 {
     state.default_context.reset();
 }

@@ -14,6 +14,16 @@ struct http_client_peer {
     bool operator==(const http_client_peer &) const = default;
 };
 
+/// Makes the default context, which verifies servers against the CA file; false, with the reason in the
+/// log, when the file cannot be used. The context that was stays in force then.
+[[nodiscard]] bool http_client_tls_set_up(const char *ca_file);
+
+/// Does the slow part of it for this file beforehand, and says nothing.
+void http_client_tls_prepare(const char *ca_file);
+
+/// Lets go of the default context; TLS objects that were made of it keep it.
+void http_client_tls_forget();
+
 [[nodiscard]] bool http_client_tls_is_set_up();
 
 /// A TLS object of the default context for one connection; null when the host cannot be

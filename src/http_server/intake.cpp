@@ -14,7 +14,8 @@
 #include <utility>
 
 #include "handles/evhtp.h"
-#include "handles/memory.h"
+#include "handles/secret.h"
+#include "http_server/parser.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
 #include "request/status.h"

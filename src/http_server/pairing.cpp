@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "crypto/common_crypto.h"
-#include "handles/memory.h"
+#include "handles/secret.h"
 #include "http_server/answer.h"
 #include "http_server/log.h"
 #include "http_server/routes.h"

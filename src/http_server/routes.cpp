@@ -6,6 +6,7 @@
 #include "handles/evhtp.h"
 #include "http_server/connections.h"
 #include "http_server/log.h"
+#include "http_server/pause.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/refusal.h"

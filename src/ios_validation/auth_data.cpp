@@ -2,13 +2,17 @@
 
 #include "ios_validation/bytes.h"
 
+namespace {
+constexpr std::size_t flags_size = 1;
+} // namespace
+
 std::optional<ios_auth_data> ios_auth_data_parse(std::span<const std::uint8_t> bytes,
                                                  ios_auth_data_mode mode)
 {
     byte_reader in{bytes};
     ios_auth_data out;
     in.copy_to(out.rp_id_hash);
-    out.flags = static_cast<std::uint8_t>(in.number(sizeof out.flags));
+    in.skip(flags_size);
     out.counter = static_cast<std::uint32_t>(in.number(sizeof out.counter));
     if (mode == ios_auth_data_mode::attestation) {
         in.copy_to(out.aaguid);

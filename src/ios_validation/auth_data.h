@@ -8,7 +8,7 @@
 /// Authenticator data (WebAuthn), big-endian:
 ///     offset  width  field
 ///          0     32  rpIdHash            SHA-256 of the app id
-///         32      1  flags
+///         32      1  flags               not looked at
 ///         33      4  signCount
 ///         37     16  aaguid              attestation only, as all that follows
 ///         53      2  credentialIdLength
@@ -19,7 +19,6 @@ struct ios_auth_data {
     std::uint32_t counter = 0;
     std::array<std::uint8_t, 16> aaguid{};
     std::array<std::uint8_t, 32> credential_id{};
-    std::uint8_t flags = 0; // kept, never tested
 };
 
 enum class ios_auth_data_mode { attestation, assertion };

@@ -2,20 +2,6 @@
 
 #include <algorithm>
 
-ios_app_bytes ios_app_bytes_copy(std::span<const std::uint8_t> source)
-{
-    if (source.empty()) {
-        return {};
-    }
-    ios_app_bytes copy{try_make_plain<std::uint8_t>(source.size()), source.size()};
-    if (copy.empty()) {
-        return {};
-    }
-    std::copy(source.begin(), source.end(), copy.data.get());
-    return copy;
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the unique_ptr that is returned owns it
-}
-
 std::span<const std::uint8_t> byte_reader::take(std::uint64_t count)
 {
     if (!ok_ || count > rest_.size()) {

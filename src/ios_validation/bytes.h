@@ -4,26 +4,6 @@
 #include <cstdint>
 #include <span>
 
-#include "handles/memory.h"
-
-/// Bytes of an object, owned; none when `data` is null.
-struct ios_app_bytes {
-    plain_ptr<std::uint8_t> data;
-    std::size_t length = 0;
-
-    [[nodiscard]] bool empty() const
-    {
-        return data == nullptr;
-    }
-    [[nodiscard]] std::span<const std::uint8_t> view() const
-    {
-        return {data.get(), length};
-    }
-};
-
-/// A copy; empty when the input is, and when memory is exhausted.
-[[nodiscard]] ios_app_bytes ios_app_bytes_copy(std::span<const std::uint8_t> source);
-
 /// Reads big-endian fields in order. Sticky: after the first short read everything reads as zero
 /// and ok() is false, so it is asked once, at the end.
 class byte_reader {

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
+#include "ios_validation/bytes.h"
 
 namespace {
 
@@ -176,17 +177,26 @@ std::optional<std::string_view> ios_app_cbor_text(const cbor_item_t *item)
     return std::string_view{reinterpret_cast<const char *>(cbor_string_handle(item)), length};
 }
 
-bool ios_app_cbor_read_bytes(const cbor_item_t *item, ios_app_bytes &slot)
+std::optional<std::span<const std::uint8_t>> ios_app_cbor_bytes(const cbor_item_t *item)
 {
-    if (!slot.empty() || !cbor_isa_bytestring(item) || !cbor_bytestring_is_definite(item)) {
-        return false;
+    if (!cbor_isa_bytestring(item) || !cbor_bytestring_is_definite(item)) {
+        return std::nullopt;
     }
     const std::size_t length = cbor_bytestring_length(item);
     if (length == 0 || length > bytes_limit) {
+        return std::nullopt;
+    }
+    return std::span<const std::uint8_t>{cbor_bytestring_handle(item), length};
+}
+
+bool ios_app_cbor_read_bytes(const cbor_item_t *item, std::vector<std::uint8_t> &slot)
+{
+    const auto bytes = ios_app_cbor_bytes(item);
+    if (!slot.empty() || !bytes.has_value()) {
         return false;
     }
-    slot = ios_app_bytes_copy({cbor_bytestring_handle(item), length});
-    return !slot.empty();
+    slot.assign(bytes->begin(), bytes->end());
+    return true;
 }
 
 bool ios_app_cbor_read_map(const cbor_item_t *item, std::size_t pairs, void *object,

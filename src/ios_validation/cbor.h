@@ -4,9 +4,9 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <vector>
 
 #include "handles/cbor.h"
-#include "ios_validation/bytes.h"
 
 /// CBOR as App Attest uses it: small maps with text keys, two levels deep.
 
@@ -25,8 +25,13 @@ using ios_app_cbor_key_handler = bool (*)(void *object, std::string_view key,
 [[nodiscard]] bool ios_app_cbor_read_map(const cbor_item_t *item, std::size_t pairs, void *object,
                                          ios_app_cbor_key_handler handler);
 
+/// The content of a byte string of 1 to 4096 bytes, borrowed; nothing for any other item.
+[[nodiscard]] std::optional<std::span<const std::uint8_t>>
+ios_app_cbor_bytes(const cbor_item_t *item);
+
 /// Copies a byte string of 1 to 4096 bytes into a slot that is still empty.
-[[nodiscard]] bool ios_app_cbor_read_bytes(const cbor_item_t *item, ios_app_bytes &slot);
+[[nodiscard]] bool ios_app_cbor_read_bytes(const cbor_item_t *item,
+                                           std::vector<std::uint8_t> &slot);
 
 /// The text of a definite text string; nothing for any other item.
 [[nodiscard]] std::optional<std::string_view> ios_app_cbor_text(const cbor_item_t *item);

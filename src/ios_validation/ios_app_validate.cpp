@@ -4,9 +4,10 @@
 
 #include <algorithm>
 #include <array>
-#include <string_view>
+#include <memory>
+#include <string>
 
-#include "handles/memory.h"
+#include "handles/argument.h"
 #include "ios_validation/apple_root_ca.h"
 #include "ios_validation/auth_data.h"
 #include "ios_validation/cbor.h"
@@ -19,8 +20,8 @@
 struct ios_app_validator {
     const ios_app_validator_callbacks *callbacks = nullptr;
     void *user_data = nullptr;
-    plain_ptr<char> app_id;
-    plain_ptr<char> root_ca; // none: Apple's
+    std::string app_id;
+    std::string root_ca; // PEM; empty: Apple's
     std::uint8_t allow_develop = 0;
 };
 
@@ -36,15 +37,6 @@ constexpr aaguid production_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's', 't
 constexpr aaguid develop_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's',
                                    't', 'd', 'e', 'v', 'e', 'l', 'o', 'p'};
 
-plain_ptr<char> text_copy(std::string_view text)
-{
-    plain_ptr<char> copy = try_make_plain<char>(text.size() + 1);
-    if (copy != nullptr) {
-        std::copy(text.begin(), text.end(), copy.get());
-    }
-    return copy;
-}
-
 bool is_digest_of(const digest &expected, bytes_view bytes)
 {
     return ios_app_sha256(bytes) == expected;
@@ -52,9 +44,9 @@ bool is_digest_of(const digest &expected, bytes_view bytes)
 
 bool app_id_matches(const ios_app_validator &iav, const ios_auth_data &auth_data)
 {
-    const std::string_view app_id{iav.app_id.get()};
-    return is_digest_of(auth_data.rp_id_hash,
-                        {reinterpret_cast<const std::uint8_t *>(app_id.data()), app_id.size()});
+    return is_digest_of(
+        auth_data.rp_id_hash,
+        {reinterpret_cast<const std::uint8_t *>(iav.app_id.data()), iav.app_id.size()});
 }
 
 bool aaguid_allowed(const ios_app_validator &iav, const aaguid &id)
@@ -90,9 +82,9 @@ std::optional<ios_assertion_obj> assertion_read(bytes_view assertion)
     return object;
 }
 
-std::optional<ios_auth_data> auth_data_read(const ios_app_bytes &bytes, ios_auth_data_mode mode)
+std::optional<ios_auth_data> auth_data_read(bytes_view bytes, ios_auth_data_mode mode)
 {
-    const auto auth_data = ios_auth_data_parse(bytes.view(), mode);
+    const auto auth_data = ios_auth_data_parse(bytes, mode);
     if (!auth_data.has_value()) {
         LOG_DEBUG("Cannot extract auth data");
     }
@@ -101,9 +93,9 @@ std::optional<ios_auth_data> auth_data_read(const ios_app_bytes &bytes, ios_auth
 
 x509_ptr certificate_read(const ios_app_validator &iav, const ios_attestation_obj &object)
 {
-    const char *root = iav.root_ca != nullptr ? iav.root_ca.get() : apple_root_ca_pem;
-    x509_ptr certificate = ios_app_certificate_verify(root, object.credential_certificate.view(),
-                                                      object.intermediate_certificate.view());
+    const char *root = iav.root_ca.empty() ? apple_root_ca_pem : iav.root_ca.c_str();
+    x509_ptr certificate = ios_app_certificate_verify(root, object.credential_certificate,
+                                                      object.intermediate_certificate);
     if (certificate == nullptr) {
         LOG_DEBUG("Invalid ca chain");
     }
@@ -185,7 +177,7 @@ unsigned attestation_check(ios_app_validator *iav, bytes_view attestation,
     }
     const x509_ptr certificate = certificate_read(*iav, *object);
     if (certificate == nullptr ||
-        !nonce_check(certificate.get(), object->auth_data.view(), client_data_hash)) {
+        !nonce_check(certificate.get(), object->auth_data, client_data_hash)) {
         return 0;
     }
     const auto key = public_key_read(certificate.get());
@@ -207,13 +199,13 @@ bool assertion_can_be_checked(const ios_app_validator *iav, bytes_view assertion
 bool assertion_signature_check(ios_app_validator &iav, const ios_assertion_obj &object,
                                bytes_view client_data_hash)
 {
-    const auto nonce = ios_app_sha256(object.authenticator_data.view(), client_data_hash);
+    const auto nonce = ios_app_sha256(object.authenticator_data, client_data_hash);
     if (!nonce.has_value()) {
         return false;
     }
     const auto key = iav.callbacks->read_pub_key(&iav);
     // The nonce is the message, so the verification hashes it once more.
-    return key.has_value() && ios_app_signature_verify(*key, *nonce, object.signature.view());
+    return key.has_value() && ios_app_signature_verify(*key, *nonce, object.signature);
 }
 
 bool counter_check(ios_app_validator &iav, std::uint32_t counter)
@@ -254,7 +246,7 @@ unsigned assertion_check(ios_app_validator &iav, bytes_view assertion, bytes_vie
 
 void ios_app_validator_free(ios_app_validator *validator)
 {
-    const nothrow_ptr<ios_app_validator> owned{validator};
+    const std::unique_ptr<ios_app_validator> owned{validator};
 }
 
 ios_app_validator_ptr ios_app_validator_new(const char *app_id,
@@ -264,14 +256,11 @@ ios_app_validator_ptr ios_app_validator_new(const char *app_id,
     if (app_id == nullptr || *app_id == '\0') {
         return nullptr;
     }
-    ios_app_validator_ptr validator{try_make<ios_app_validator>().release()};
-    if (validator == nullptr) {
-        return nullptr;
-    }
+    ios_app_validator_ptr validator{release_new<ios_app_validator>()};
     validator->callbacks = callbacks;
     validator->user_data = user_data;
-    validator->app_id = text_copy(app_id);
-    return validator->app_id == nullptr ? nullptr : std::move(validator);
+    validator->app_id = app_id;
+    return validator;
 }
 
 void ios_app_validator_set_develop(ios_app_validator *validator, std::uint8_t allow)
@@ -281,12 +270,8 @@ void ios_app_validator_set_develop(ios_app_validator *validator, std::uint8_t al
 
 int ios_app_validator_set_root_ca(ios_app_validator *validator, const char *pem)
 {
-    validator->root_ca.reset();
-    if (pem == nullptr || *pem == '\0') {
-        return 1;
-    }
-    validator->root_ca = text_copy(pem);
-    return validator->root_ca == nullptr ? 0 : 1;
+    validator->root_ca = pem != nullptr ? pem : "";
+    return 1;
 }
 
 void *ios_app_validator_get_user_data(const ios_app_validator *validator)

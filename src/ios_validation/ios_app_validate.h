@@ -32,8 +32,8 @@ inline constexpr std::uint32_t ios_app_counter_unknown = 0xffffffff;
 void ios_app_validator_free(ios_app_validator *validator);
 using ios_app_validator_ptr = handle<ios_app_validator, ios_app_validator_free>;
 
-/// Null when the app id (team id, ".", bundle id) is missing or empty or memory runs out. Copies
-/// the app id; borrows callbacks and user data.
+/// Null when the app id (team id, ".", bundle id) is missing or empty. Copies the app id; borrows
+/// callbacks and user data.
 [[nodiscard]] ios_app_validator_ptr
 ios_app_validator_new(const char *app_id, const ios_app_validator_callbacks *callbacks,
                       void *user_data);
@@ -42,7 +42,7 @@ ios_app_validator_new(const char *app_id, const ios_app_validator_callbacks *cal
 void ios_app_validator_set_develop(ios_app_validator *validator, std::uint8_t allow);
 
 /// Trusts the root of this PEM text (copied) in place of Apple's; a missing or empty text restores
-/// Apple's. 0 when the copy cannot be made, else 1.
+/// Apple's. 1: the copy can always be made, or the process ends.
 [[nodiscard]] int ios_app_validator_set_root_ca(ios_app_validator *validator, const char *pem);
 
 [[nodiscard]] void *ios_app_validator_get_user_data(const ios_app_validator *validator);

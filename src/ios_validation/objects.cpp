@@ -1,6 +1,6 @@
 #include "ios_validation/objects.h"
 
-#include <algorithm>
+#include <utility>
 
 #include "ios_validation/cbor.h"
 
@@ -12,16 +12,20 @@ constexpr std::size_t statement_pairs = 2;
 constexpr std::size_t assertion_pairs = 2;
 constexpr std::size_t certificates = 2;
 
-bool format_read(const cbor_item_t *value, plain_ptr<char> &slot)
+/// What the maps hold beside the members that are kept.
+struct attestation_reading {
+    ios_attestation_obj object;
+    bool has_format = false;
+    bool has_receipt = false;
+};
+
+/// A member that is only looked for: true the first time, when its value is good.
+bool note_member(bool &has_member, bool value_is_good)
 {
-    if (slot != nullptr || ios_app_cbor_text(value) != attestation_format) {
+    if (has_member || !value_is_good) {
         return false;
     }
-    slot = try_make_plain<char>(attestation_format.size() + 1);
-    if (slot == nullptr) {
-        return false;
-    }
-    std::copy(attestation_format.begin(), attestation_format.end(), slot.get());
+    has_member = true;
     return true;
 }
 
@@ -37,27 +41,27 @@ bool certificates_read(const cbor_item_t *value, ios_attestation_obj &object)
 
 bool statement_key_handler(void *target, std::string_view key, const cbor_item_t *value)
 {
-    auto &object = *static_cast<ios_attestation_obj *>(target);
+    auto &reading = *static_cast<attestation_reading *>(target);
     if (key == "x5c") {
-        return certificates_read(value, object);
+        return certificates_read(value, reading.object);
     }
     if (key == "receipt") {
-        return ios_app_cbor_read_bytes(value, object.receipt);
+        return note_member(reading.has_receipt, ios_app_cbor_bytes(value).has_value());
     }
     return false;
 }
 
 bool attestation_key_handler(void *target, std::string_view key, const cbor_item_t *value)
 {
-    auto &object = *static_cast<ios_attestation_obj *>(target);
+    auto &reading = *static_cast<attestation_reading *>(target);
     if (key == "fmt") {
-        return format_read(value, object.fmt);
+        return note_member(reading.has_format, ios_app_cbor_text(value) == attestation_format);
     }
     if (key == "attStmt") {
-        return ios_app_cbor_read_map(value, statement_pairs, &object, statement_key_handler);
+        return ios_app_cbor_read_map(value, statement_pairs, &reading, statement_key_handler);
     }
     if (key == "authData") {
-        return ios_app_cbor_read_bytes(value, object.auth_data);
+        return ios_app_cbor_read_bytes(value, reading.object.auth_data);
     }
     return false;
 }
@@ -78,12 +82,13 @@ bool assertion_key_handler(void *target, std::string_view key, const cbor_item_t
 
 std::optional<ios_attestation_obj> ios_attestation_obj_create(const cbor_item_t *item)
 {
-    ios_attestation_obj object;
-    if (!ios_app_cbor_read_map(item, attestation_pairs, &object, attestation_key_handler)) {
+    attestation_reading reading;
+    if (!ios_app_cbor_read_map(item, attestation_pairs, &reading, attestation_key_handler)) {
         return std::nullopt;
     }
-    const bool complete = object.fmt != nullptr && !object.credential_certificate.empty() &&
-                          !object.intermediate_certificate.empty() && !object.receipt.empty() &&
+    ios_attestation_obj &object = reading.object;
+    const bool complete = reading.has_format && !object.credential_certificate.empty() &&
+                          !object.intermediate_certificate.empty() && reading.has_receipt &&
                           !object.auth_data.empty();
     return complete ? std::optional{std::move(object)} : std::nullopt;
 }

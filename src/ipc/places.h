@@ -14,6 +14,10 @@
 /// these the one that has been quiet longest. A number of the last request, or of the arrival, says how
 /// long that is: the lower, the longer.
 
+/// How many there are. Each client may have 1024 requests open and 64 packets unread: together 3 MB at
+/// worst. Local clients are a few programs of the same device.
+inline constexpr std::size_t velm_ipc_connection_limit = 32;
+
 struct velm_ipc_place {
     uid_t uid;
     std::uint64_t heard;

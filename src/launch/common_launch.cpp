@@ -6,7 +6,7 @@
 #include <cstring>
 #include <utility>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "logger/common_logger.h"
 
 namespace {

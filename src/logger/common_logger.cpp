@@ -18,8 +18,8 @@
 #include <string>
 #include <string_view>
 
-#include "conffile/conffile.h"
-#include "handles/memory.h"
+#include "handles/config_pairs.h"
+#include "handles/exhaustion.h"
 #include "logger/log_file.h"
 
 namespace {

@@ -34,9 +34,13 @@
 
 /// A call that cannot fail did: REQUIRE_CALL(rc == 0, "event_add(watcher, NULL)", rc).
 #define REQUIRE_CALL(condition, call, result)                                                     \
+    REQUIRE_CALL_BY(__func__, condition, call, result)
+
+/// The same under the name of the public function that the call serves.
+#define REQUIRE_CALL_BY(function, condition, call, result)                                        \
     do {                                                                                          \
         if (!(condition)) {                                                                       \
-            FATAL("%s: call failed: %s result: %i loc: %s:%i", __func__, call, (result),          \
+            FATAL("%s: call failed: %s result: %i loc: %s:%i", function, call, (result),          \
                   __FILE__, __LINE__);                                                            \
         }                                                                                         \
     } while (false)

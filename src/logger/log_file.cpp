@@ -9,8 +9,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "cutils/file_mode.h"
 #include "handles/fd.h"
+#include "logger/file_mode.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <new>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <utility>
 
-#include "cutils/file_mode.h"
+#include "logger/file_mode.h"
 
 namespace {
 
@@ -25,6 +25,13 @@ long read_pid(const char *path)
     std::array<char, 32> text{}; // ends in a zero
     const ssize_t length = read(file.get(), text.data(), text.size() - 1);
     return length > 0 ? std::strtol(text.data(), nullptr, 10) : 0;
+}
+
+/// Behind a link may lie what is not ours to change.
+mode_t narrow(const char *path)
+{
+    const unique_fd file{open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW)};
+    return file_mode_narrow(file.get(), pid_file_mode);
 }
 
 } // namespace
@@ -48,8 +55,7 @@ velm_pid_file velm_pid_file_claim(const char *path)
     if (ftruncate(file.get(), 0) != 0) {
         return {};
     }
-    const mode_t mode_was = file_mode_narrow(file.get(), pid_file_mode);
-    return {std::move(file), false, 0, mode_was};
+    return {std::move(file), false, 0, narrow(absolute.c_str())};
 }
 
 bool velm_pid_file_write(const velm_pid_file &claimed)

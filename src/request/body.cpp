@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/secret.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/status.h"

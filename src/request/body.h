@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "handles/cjson.h"
+#include "handles/secret.h"
 
 /// The JSON body of a request.
 

@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "handles/cjson.h"
+#include "handles/secret.h"
 
 /// What is kept of a parsed body while the checks of its request run. They may wait for Google for
 /// 20 s, and everybody on the LAN can have requests that wait: it is no more than the checks and the

@@ -9,7 +9,7 @@
 #include <ctime>
 #include <string_view>
 
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
 #include "logger/common_logger.h"
 
 namespace {

@@ -9,13 +9,14 @@ from __future__ import annotations
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.instrumented import InstrumentedBuild
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint, Credentials
 from velm_sim.build import Build, BuildError
 from velm_sim.cloud import Cloud, CloudCertificates
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network, remove_stale
 from velm_sim.phone import Phone, Profile
-from velm_sim.sample import Sample
 from velm_sim.tls_policy import POLICIES, TlsPolicy
 
 
@@ -48,7 +49,7 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
 @pytest.fixture(scope="session")
 def build(pytestconfig: pytest.Config) -> Build:
     try:
-        return Build(pytestconfig.getoption("--build"))
+        return InstrumentedBuild(pytestconfig.getoption("--build"))
     except BuildError as problem:
         pytest.exit(str(problem), returncode=2)
 

@@ -8,11 +8,10 @@ from collections.abc import Callable, Iterator
 
 import pytest
 from velm_sim.access_point import AccessPoint
-from velm_sim.app_attest import AttestKey
 from velm_sim.certificates import DAY, make_authority, now, p256, p384
 from velm_sim.daemon import wait_until
 from velm_sim.etc_files import ROOT
-from velm_sim.ipc_client import REPORT, REQUEST, IpcClient
+from velm_sim.ipc_client import HEADER, REPORT, REQUEST, IpcClient
 from velm_sim.lan_http import read_until_closed
 from velm_sim.phone import OMIT, Phone, Prepared
 
@@ -102,20 +101,25 @@ def silent_client(access_point: AccessPoint) -> Iterator[None]:
         assert client.is_silent(0.05)
 
 
-BODIES: dict[str, tuple[bytes, str]] = {
+BODIES: dict[str, tuple[bytes | None, str]] = {
+    "absent": (None, "no data"),
     "empty": (b"", "no data"),
     "no JSON": (b"hello", "cannot parse json data"),
+    "a lone zero byte": (b"\0", "cannot parse json data"),
     "cut": (b'{"auth": {"deviceId": "x"', "cannot parse json data"),
     "binary": (bytes(range(256)), "cannot parse json data"),
     "invalid UTF-8": (b'{"auth": {"deviceId": "\xff\xfe"}}', "cannot parse json data"),
     "a NUL in a string": (b'{"auth": {"deviceId": "a\\u0000b"}}', "cannot parse json data"),
     "a number": (b"17", "no auth data"),
+    "null": (b"null", "no auth data"),
     "a list": (b'[{"auth": {}}]', "no auth data"),
+    "an object without members": (b"{}", "no auth data"),
     "deeply nested": (b"[" * 4000, "cannot parse json data"),
-    "without auth": (b'{"Auth": {}}', "no auth data"),
+    "with auth in capitals": (b'{"AUTH": {}}', "no auth data"),
     "auth a string": (b'{"auth": "x"}', "invalid auth data"),
     "auth a list": (b'{"auth": []}', "invalid auth data"),
     "auth null": (b'{"auth": null}', "invalid auth data"),
+    "auth without members": (b'{"auth": {}}', "no valid"),
 }
 
 
@@ -130,6 +134,11 @@ def test_a_bad_body_of(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
+OTHER_KINDS: dict[str, object] = {
+    "a number": 5, "null": None, "true": True, "a list": ["iOS"], "an empty list": [], "an object": {},
+}  # fmt: skip
+
+
 def bad_auths() -> dict[str, dict[str, object]]:
     made: dict[str, dict[str, object]] = {}
     # How long each may be.
@@ -138,8 +147,8 @@ def bad_auths() -> dict[str, dict[str, object]]:
         word = "iOS" if name == "deviceType" else ""
         made[f"no {name}"] = {name: OMIT}
         made[f"empty {name}"] = {name: ""}
-        made[f"{name} a number"] = {name: 5}
-        made[f"{name} null"] = {name: None}
+        for kind, value in OTHER_KINDS.items():
+            made[f"{name} {kind}"] = {name: value}
         made[f"{name} too long"] = {name: word.ljust(limit + 1, "x")}
     made["an unknown device type"] = {"deviceType": "Windows"}
     return made
@@ -187,6 +196,8 @@ def test_a_bad_assertion_of(
         "a challenge that nobody gave": Bad(bent(challenge="0" * 32), 424, BROKEN[424]),
         "no challenge": Bad(bent(auth={"challenge": OMIT}), 400, BROKEN[400]),
         "an empty challenge": Bad(bent(challenge=""), 400, BROKEN[400]),
+        "a challenge that is a number": Bad(bent(auth={"challenge": 1}), 400, BROKEN[400]),
+        "a challenge that is null": Bad(bent(auth={"challenge": None}), 400, BROKEN[400]),
         "a long challenge": Bad(bent(challenge="0" * 1025), 400, BROKEN[400]),
         "an empty header": Bad(headed(""), 400, BROKEN[400]),
         "a long header": Bad(headed("A" * 16385), 400, "attestation or assertion too long"),
@@ -228,10 +239,16 @@ def test_a_bad_attestation(
             bent(challenge="0" * 32), 424, "failure (challenge)"
         ),
         "no challenge": Bad(bent(auth={"challenge": OMIT}), 400, "http_method_pair"),
+        "an empty challenge": Bad(bent(challenge=""), 400, "http_method_pair"),
+        "a challenge that is a number": Bad(
+            bent(auth={"challenge": 1}), 400, "http_method_pair"
+        ),
+        "a challenge that is null": Bad(bent(auth={"challenge": None}), 400, "http_method_pair"),
         "an empty header": Bad(headed(""), 400, "http_method_pair"),
         "a long header": Bad(headed("A" * 16385), 400, "attestation or assertion too long"),
         "no base64": Bad(headed("*" * 40), 400, "Base64 decode failed"),
         "no CBOR": Bad(headed("/////w=="), 412, "Cannot decode CBOR"),
+        "another format": Bad(bent(fmt="packed"), 412, "Cannot create attestation obj"),
         "a fourth member": Bad(bent(extra={"x": b"y"}), 412, "Cannot create attestation obj"),
         "one certificate": Bad(bent(x5c=[b"x"]), 412, "Cannot create attestation obj"),
         "bad certificates": Bad(bent(x5c=[b"x", b"y"]), 412, "Invalid ca chain"),
@@ -246,7 +263,7 @@ def test_a_bad_attestation(
         "no nonce": Bad(bent(omit_nonce_extension=True), 412, "Cannot extract OID"),
         "another app": Bad(bent(rp_id="X.other"), 412, "AppId mismatch"),
         "counter 1": Bad(bent(counter=1), 412, "Invalid counter"),
-        "another environment": Bad(bent(aaguid=bytes(16)), 412, "Aaguid mismatch"),
+        "another environment": Bad(bent(aaguid=b"appattestnowhere"), 412, "Aaguid mismatch"),
         "the id of another key": Bad(bent(credential_id=bytes(32)), 412, "Invalid credential id"),
         "short authenticator data": Bad(bent(auth_data=bytes(54)), 412, "Cannot extract auth data"),
     }
@@ -359,20 +376,13 @@ def test_a_refusal_at_level_warn_has_its_line_and_no_secret(
     assert phone.login.password not in cold_access_point.log(mark)
 
 
-def test_the_location_of_a_phone_that_was_removed(
-    access_point: AccessPoint, paired_phone: Phone, silent_client: None
-) -> None:
-    assert paired_phone.unpair().status == 200
-    bad = Bad(lambda phone: phone.prepare_location(), 412, "no pairing")
-    assert outcome(access_point, paired_phone, bad) == ""
+def test_an_unknown_path(access_point: AccessPoint, phone: Phone) -> None:
+    def at(path: str) -> Make:
+        return lambda phone: dataclasses.replace(phone.prepare("/info"), path=path)
 
-
-@pytest.mark.parametrize(
-    "path", ["/", "/pai", "/pairingsX", "/pairings/", "/INFO", "/info/", "/infox", "//info"]
-)
-def test_an_unknown_path(path: str, access_point: AccessPoint, phone: Phone) -> None:
-    bad = Bad(lambda phone: dataclasses.replace(phone.prepare("/info"), path=path), 404, "unknown path")
-    assert outcome(access_point, phone, bad) == ""
+    paths = ("/", "/pai", "/pairingsX", "/pairings/", "/INFO", "/info/", "/infox", "//info")
+    cases = {path: Bad(at(path), 404, "unknown path") for path in paths}
+    assert outcomes(access_point, phone, cases) == {}
 
 
 NO_REQUESTS: dict[str, tuple[bytes, int, str]] = {
@@ -434,10 +444,13 @@ def test_the_connection_is_closed_after(
 
 
 BAD_FRAMES: dict[str, bytes] = {
-    "another type": REPORT.to_bytes(2, "little") + bytes(154),
-    "another length": REQUEST.to_bytes(2, "little") + (139).to_bytes(2, "little") + bytes(151),
+    "a report": HEADER.pack(REPORT, 140, 1, 0, 0) + bytes(140),
+    "an unknown type": HEADER.pack(9, 140, 1, 0, 0) + bytes(140),
+    "139 bytes of payload": HEADER.pack(REQUEST, 139, 1, 0, 0) + bytes(139),
+    "no payload": HEADER.pack(REQUEST, 0, 1, 0, 0),
     "half a header": b"\0\x10\x8c",
     "nothing but zeros": bytes(1000),
+    "4000 strange bytes": b"\xee" * 4000,
 }
 
 
@@ -450,12 +463,7 @@ def test_a_frame_of_a_local_client_that_is(
         client.send(BAD_FRAMES[name])
         assert client.is_silent(0.05)
     with IpcClient(access_point.socket_path) as other:
+        other.request()
         assert paired_phone.location().status == 200
         assert other.receive_report().valid == 1
     assert access_point.nvram_show() == stored
-
-
-def test_a_key_that_was_never_attested(access_point: AccessPoint, paired_phone: Phone) -> None:
-    paired_phone.key = AttestKey.generate()
-    bad = Bad(lambda phone: phone.prepare_location(), 412, "Invalid signature")
-    assert outcome(access_point, paired_phone, bad) == ""

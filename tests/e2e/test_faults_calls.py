@@ -12,12 +12,12 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
+from velm_harness.call_fault import CallFault
+from velm_harness.everybody import CUT_OFF, unpair_all, use_everything
 from velm_sim.access_point import AccessPoint
 from velm_sim.build import Build
-from velm_sim.call_fault import CallFault
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import DaemonError, wait_until
-from velm_sim.everybody import CUT_OFF, unpair_all, use_everything
 
 MOST_CALLS = 120
 
@@ -38,7 +38,7 @@ class Rig:
 
     def prepare(self) -> None:
         fault, build = self.fault, self.access_point.build
-        self.access_point.prepare(environment=fault.environment, preload=[build.call_fault])
+        self.access_point.prepare(environment=fault.environment, preload=[fault.library(build)])
 
     def outcome_of_start(self) -> str:
         """Starts and says what became of it; anything unheard of is an error."""
@@ -195,7 +195,7 @@ def test_a_store_whose_call_fails_holds_the_old_or_the_new(call: str, tmp_path: 
     fault = CallFault(tmp_path / "fault", "nvram")
     store, start = tmp_path / "store", tmp_path / "start"
     quiet = {"VELM_NVRAM": str(store)}
-    faulty = {**quiet, **fault.environment, "LD_PRELOAD": str(access_point.build.call_fault)}
+    faulty = {**quiet, **fault.environment, "LD_PRELOAD": str(fault.library(access_point.build))}
     for name in ("a", "b"):
         access_point.nvram("set", "x=old", f"{name}=1", environment=quiet)
         access_point.nvram("commit", environment=quiet)

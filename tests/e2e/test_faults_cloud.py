@@ -11,6 +11,8 @@ from collections.abc import Callable, Iterator
 from dataclasses import replace
 
 import pytest
+from velm_harness.promptness import assert_prompt, latencies, prompt_meanwhile
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
 from velm_sim.answers import SILENCE, Answer, Endpoint
 from velm_sim.cloud import HELLO_REQUEST, HOSTS, Cloud
@@ -20,8 +22,6 @@ from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, Prepared
 from velm_sim.play_integrity import open_token
-from velm_sim.promptness import assert_prompt, latencies, prompt_meanwhile
-from velm_sim.sample import Sample
 
 
 @contextlib.contextmanager

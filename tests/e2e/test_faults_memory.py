@@ -15,15 +15,15 @@ from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
+from velm_harness.allocation_fault import AllocationFault
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
-from velm_sim.allocation_fault import AllocationFault
 from velm_sim.build import Build
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
-from velm_sim.sample import Sample
 
 PASSES = 8
 FATAL = "not enough memory"
@@ -52,7 +52,7 @@ class Rig:
         # at the address of the command line.
         arguments = ["-c", str(self.access_point.configuration_file), "-i", Network.AP_ADDRESS]
         self.access_point.prepare(
-            environment=fault.environment, preload=[build.allocation_fault], arguments=arguments
+            environment=fault.environment, preload=[fault.library(build)], arguments=arguments
         )
 
     def start(self) -> None:

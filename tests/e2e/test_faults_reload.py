@@ -12,15 +12,15 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
+from velm_harness.call_fault import CallFault
+from velm_harness.everybody import CUT_OFF, is_discovered, unpair_all, use_everything
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint, Credentials
 from velm_sim.build import Build
-from velm_sim.call_fault import CallFault
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
-from velm_sim.everybody import CUT_OFF, is_discovered, unpair_all, use_everything
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
-from velm_sim.sample import Sample
 
 MOST_CALLS = 150
 ALWAYS = 8
@@ -73,7 +73,7 @@ class Reloads:
             return self.access_point
         self.access_point = made = AccessPoint(*self._made)
         self.fault = CallFault(made.directory / "fault")
-        preload = [made.build.call_fault]
+        preload = [CallFault.library(made.build)]
         made.prepare(environment=self.fault.environment, preload=preload)
         made.daemon.start()
         made.daemon.wait_until_serving()

@@ -13,11 +13,11 @@ import time
 from pathlib import Path
 
 import pytest
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.phone import Phone, Profile
-from velm_sim.sample import Sample
 
 MEMBERS = ("dev_id", "name", "push_token", "attestation_key")
 CUT_OFF = (OSError, RuntimeError, ValueError, http.client.HTTPException)

@@ -12,13 +12,13 @@ import struct
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.allocation_fault import AllocationFault
+from velm_harness.everybody import CUT_OFF, use_everything
 from velm_sim.access_point import AccessPoint
-from velm_sim.allocation_fault import AllocationFault
 from velm_sim.answers import Answer
 from velm_sim.build import Build
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import wait_until
-from velm_sim.everybody import CUT_OFF, use_everything
 from velm_sim.ipc_client import HEADER, REQUEST, IpcClient
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
@@ -48,7 +48,7 @@ def target(
         pytest.skip("an instrumented daemon has an allocator of its own; the fuzzers use that")
     fault = AllocationFault(cold_access_point.directory / "fault")
     daemon = cold_access_point.prepare(
-        environment=fault.environment, preload=[build.allocation_fault]
+        environment=fault.environment, preload=[fault.library(build)]
     )
     daemon.start()
     daemon.wait_until_serving()

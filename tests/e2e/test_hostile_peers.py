@@ -126,35 +126,6 @@ def test_a_reload_is_safe_while_a_peer_sends(stall: str, access_point: AccessPoi
     assert access_point.phone().info().status == 200
 
 
-def test_a_phone_that_leaves_while_its_request_is_checked_harms_nobody(
-    access_point: AccessPoint, paired_phone: Phone
-) -> None:
-    for _ in range(20):
-        request = paired_phone.prepare_location()
-        session = paired_phone.host.session()
-        session.send(request.path, request.body, request.headers)
-        session.close()
-    assert paired_phone.location().status == 200
-    assert access_point.daemon_alive()
-
-
-def test_a_reload_with_requests_in_flight_loses_only_them(
-    access_point: AccessPoint, paired_phone: Phone
-) -> None:
-    sessions = []
-    for number in range(4):
-        session = access_point.lan_host(number).session()
-        session.connect()
-        sessions.append(session)
-    requests = [paired_phone.prepare_location() for _ in sessions]
-    for session, request in zip(sessions, requests):
-        session.send(request.path, request.body, request.headers)
-    access_point.reload()
-    for session in sessions:
-        session.close()
-    assert paired_phone.location().status == 200
-
-
 def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
     assert access_point.phone().info().status == 200  # what the first connection makes, stays
     before = access_point.daemon.resident_kib()
@@ -494,27 +465,6 @@ def test_a_client_that_leaves_with_a_request_pending_harms_nobody(
     location = sample_location()
     assert paired_phone.location(location).status == 200
     assert staying.receive_report().time == int(location["timestamp"])
-
-
-FRAMES: dict[str, bytes] = {
-    "an unknown type": struct.pack("=HHIII", 9, 140, 1, 0, 0) + bytes(140),
-    "139 bytes of payload": struct.pack("=HHIII", REQUEST, 139, 1, 0, 0) + bytes(139),
-    "no payload": struct.pack("=HHIII", REQUEST, 0, 1, 0, 0),
-    "half a header": b"\x00\x10\x8c",
-    "4000 strange bytes": b"\xee" * 4000,
-}
-
-
-@pytest.mark.parametrize("name", FRAMES)
-def test_the_next_client_is_answered_after(
-    name: str, ipc: IpcClient, connect_ipc: Callable[[], IpcClient]
-) -> None:
-    ipc.send(FRAMES[name])
-    assert ipc.is_silent(0.05)
-    other = connect_ipc()
-    asked = other.request()
-    answer = other.receive(timeout=1)
-    assert (answer.id, answer.status) == (asked, STATUS_NO_PAIRED_DEVICES)
 
 
 def test_garbage_instead_of_tls_is_turned_away(access_point: AccessPoint) -> None:

@@ -1,4 +1,4 @@
-"""Does the daemon keep to docs/http-api.yaml, and is that file what it claims to be?"""
+"""Does the daemon keep to docs/http-api.yaml?"""
 
 from __future__ import annotations
 
@@ -12,10 +12,10 @@ from typing import Any
 
 import jsonschema
 import pytest
+from velm_harness.openapi import Contract, TextLimit
 from velm_sim.access_point import BSSIDS, AccessPoint
 from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
-from velm_sim.openapi import DOCUMENT, SCHEMA_KEYS, Contract, ContractError, TextLimit
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
 
 CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
@@ -26,53 +26,6 @@ SIGNED_PATHS = ["/pair", "/location"]
 UNPROVOKED = 500
 PENDING_CHALLENGES = 1000
 LISTS_THAT_WAIT = 20  # more than there is room for
-
-
-# The document.
-
-
-def test_the_document_is_well_formed() -> None:
-    jsonschema.Draft7Validator(DOCUMENT).validate(CONTRACT.document)
-
-
-def test_every_reference_leads_to_something_and_every_component_is_used() -> None:
-    used = set(CONTRACT.references())
-    for reference in used:
-        assert isinstance(CONTRACT.resolve({"$ref": reference}), dict)
-    named = {
-        f"#/components/{kind}/{name}"
-        for kind, parts in CONTRACT.document["components"].items()
-        for name in parts
-    }
-    assert used == named
-
-
-def test_every_schema_is_a_schema() -> None:
-    for schema in CONTRACT.schemas():
-        if "$ref" not in schema:
-            jsonschema.Draft4Validator.check_schema(schema)
-            assert set(schema) <= SCHEMA_KEYS, schema
-            assert set(schema.get("required", [])) <= set(schema.get("properties", {})), schema
-
-
-def test_what_no_test_provokes_says_so() -> None:
-    for path in BODY_PATHS:
-        assert "no test" in CONTRACT.responses(path)[UNPROVOKED]["description"]
-
-
-@pytest.mark.parametrize(
-    "reply",
-    [
-        Reply(418, {}, b""),
-        Reply(200, {"content-type": "text/plain"}, b"{}"),
-        Reply(200, {"content-type": "application/json"}, b"{}"),
-        Reply(200, {"content-type": "application/json"}, b'{"challenge": "ABC"}'),
-        Reply(400, {}, b"why"),
-    ],
-)
-def test_an_answer_that_is_not_documented_is_noticed(reply: Reply) -> None:
-    with pytest.raises((ContractError, jsonschema.ValidationError)):
-        CONTRACT.check("/challenge", reply)
 
 
 # What the phone sends, by path.
@@ -422,38 +375,7 @@ def test_a_query_is_ignored_and_the_path_is_compared_raw_for(path: str, paired: 
     assert send(path + "?a=b&c", request.body, request.headers).status == 200
 
 
-NO_BODIES: dict[str, bytes | None] = {
-    "no body": None,
-    "an empty body": b"",
-    "no JSON": b"auth",
-    "half of JSON": b'{"auth":{',
-    "a list": b"[]",
-    "a number": b"1",
-    "null": b"null",
-    "no auth": b"{}",
-    "auth that is a list": b'{"auth":[]}',
-    "auth that is text": b'{"auth":"x"}',
-    "an empty auth": b'{"auth":{}}',
-    "auth in capitals": b'{"AUTH":{}}',
-    "invalid UTF-8": b'{"auth":{"deviceId":"\xff"}}',
-    "a lone zero byte": b"\0",
-}
-
-
-@pytest.mark.parametrize("path", BODY_PATHS)
-@pytest.mark.parametrize("name", NO_BODIES)
-def test_a_body_is_refused_that_is(name: str, path: str, caller: Caller) -> None:
-    assert caller.raw(path, NO_BODIES[name], "POST").status == 400
-
-
 OTHER_KINDS: list[Any] = [OMIT, None, 1, True, [], {}, ["iOS"]]
-
-
-@pytest.mark.parametrize("path", BODY_PATHS)
-@pytest.mark.parametrize("name", ["deviceId", "deviceType", "bssid", "username", "password"])
-def test_a_member_of_another_kind_counts_as_absent(name: str, path: str, caller: Caller) -> None:
-    for value in OTHER_KINDS:
-        assert caller.send(caller.prepare(path, auth={name: value})).status == 400
 
 
 @pytest.mark.parametrize(("name", "status"), [
@@ -519,12 +441,6 @@ def test_a_proof_that_is_no_base64(
     assert paired.send(with_text(paired, limit, value)).status == status
 
 
-@pytest.mark.parametrize("path", SIGNED_PATHS)
-@pytest.mark.parametrize("value", [OMIT, "", 1, None])
-def test_a_proven_request_needs_a_challenge(path: str, value: Any, paired: Caller) -> None:
-    assert paired.send(paired.prepare(path, auth={"challenge": value})).status == 400
-
-
 @pytest.mark.parametrize("path", ["/challenge", "/pairings", "/unpair"])
 def test_a_login_alone_takes_no_notice_of_a_challenge(path: str, paired: Caller) -> None:
     assert paired.send(paired.prepare(path, auth={"challenge": "x" * 2000})).status == 200
@@ -540,12 +456,6 @@ STRANGE_LOCATIONS: list[Any] = [
 @pytest.mark.parametrize("location", STRANGE_LOCATIONS)
 def test_nothing_of_a_location_is_refused(location: Any, paired: Caller) -> None:
     assert paired.send(paired.phone.prepare_location(location)).status == 200
-
-
-@pytest.mark.parametrize("location", [OMIT, None, 1, "here", True, []])
-def test_a_location_must_be_there(location: Any, paired: Caller) -> None:
-    request = paired.phone.prepare_location(members={"location": location})
-    assert paired.send(request).status == 400
 
 
 def test_the_checks_of_a_location_run_in_their_order(paired: Caller) -> None:

@@ -16,6 +16,7 @@ import time
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.promptness import assert_prompt, latencies
 from velm_sim.access_point import SERIAL_NUMBER, AccessPoint
 from velm_sim.answers import SILENCE, Answer
 from velm_sim.cloud import HOSTS, UNREGISTERED, Cloud
@@ -25,8 +26,7 @@ from velm_sim.etc_files import ADMIN, hashed
 from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
 from velm_sim.namespaces import Network
-from velm_sim.phone import Login, Phone, Prepared, Profile, sample_location
-from velm_sim.promptness import assert_prompt, latencies
+from velm_sim.phone import Login, Phone, Prepared, Profile
 
 # Its password takes a good part of a second to check, in which the request is paused.
 SLOW = Login("slow", ADMIN.password)
@@ -384,16 +384,3 @@ def test_info_is_prompt_while_no_name_server_answers(
     # Asking is not over: a reload in the middle of it is harmless too.
     cold_access_point.reload()
     assert_serves(cold_access_point)
-
-
-def test_info_is_prompt_while_the_cloud_is_a_black_hole(
-    access_point: AccessPoint, network: Network, paired_phone: Phone, ipc: IpcClient
-) -> None:
-    with network.cloud_out_of_reach(), access_point.lan_host().session() as session:
-        session.connect()
-        control = latencies(session)
-        ipc.request()
-        access_point.daemon.wait_log("oauth2.googleapis.com")
-        assert_prompt(latencies(session), control)
-    assert paired_phone.location(sample_location()).status == 200
-    assert ipc.receive_report().valid == 1

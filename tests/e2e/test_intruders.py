@@ -212,8 +212,11 @@ def test_no_secret_goes_to_a_cloud_whose_certificate_is(
     log = access_point.daemon.wait_log("http request failed")
     refusal = [line for line in log.splitlines() if "HTTPS NOK" in line]
     assert any(CLOUD_CERTIFICATES[certificate] in line for line in refusal), refusal
+    assert cloud.connections == 1
     assert not cloud.token.requests
     assert not cloud.fcm.requests
+    assert paired_phone.location().status == 200
+    assert ipc.receive_report().valid == 1
 
 
 # Texts that a phone stores or that are logged.

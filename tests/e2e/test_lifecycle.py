@@ -1,16 +1,14 @@
-"""Start, options, detaching, reload and the ways of not starting."""
+"""The command line, settings from the file and from nvram, and what outlives what."""
 
 from __future__ import annotations
 
-import json
 import signal
 import subprocess
 
 import pytest
+from velm_harness.version import VERSION
 from velm_sim.access_point import AccessPoint
-from velm_sim.daemon import DaemonError, wait_until
-
-VERSION = "7.14.3"
+from velm_sim.daemon import wait_until
 
 
 def run(access_point: AccessPoint, *arguments: str) -> tuple[int, str]:
@@ -63,38 +61,6 @@ def test_help_beside_a_configuration_starts_the_daemon(cold_access_point: Access
     assert f"velm {VERSION}\n" in (cold_access_point.directory / "stdout").read_text()
 
 
-def test_mode_0_ends_before_the_options_are_read(cold_access_point: AccessPoint) -> None:
-    cold_access_point.nvram_set({"zelkad_mode": "0"})
-    assert run(cold_access_point, "-z") == (0, "")
-
-
-@pytest.mark.parametrize("mode", ["", "x", "65536", "1"])
-def test_it_runs_with_mode(mode: str, cold_access_point: AccessPoint) -> None:
-    cold_access_point.nvram_set({"zelkad_mode": mode})
-    cold_access_point.start()
-
-
-def test_a_missing_ca_file_ends_with_status_2(cold_access_point: AccessPoint) -> None:
-    cold_access_point.configure({"http.client.ca_cert.path": "/nowhere/ca.pem"})
-    status, _ = run(cold_access_point, "-c", str(cold_access_point.configuration_file))
-    assert status == 2
-
-
-def test_a_ca_file_that_is_gone_at_a_reload_ends_with_status_2(access_point: AccessPoint) -> None:
-    (access_point.directory / "cloud_ca.pem").unlink()
-    with pytest.raises(DaemonError, match="ended with 2"):
-        access_point.reload()
-
-
-@pytest.mark.parametrize("file", ["server_cert.pem", "server_key.pem"])
-def test_a_missing_certificate_or_key_aborts(file: str, cold_access_point: AccessPoint) -> None:
-    (cold_access_point.directory / file).unlink()
-    status, _ = run(cold_access_point, "-c", str(cold_access_point.configuration_file))
-    assert status == -signal.SIGABRT
-    call = "evhtp_ssl_init(http_server_instance, http_server_ssl_config)"
-    assert f"call failed: {call}" in cold_access_point.log()
-
-
 def test_with_port_0_nothing_listens_and_the_rest_runs(cold_access_point: AccessPoint) -> None:
     cold_access_point.configure({"http.server.port": "0"})
     daemon = cold_access_point.prepare()
@@ -131,16 +97,6 @@ def test_a_relative_configuration_path_outlives_detaching(cold_access_point: Acc
     assert cold_access_point.phone().info().json()["pairingsLimit"] == 5
 
 
-def test_registration_holds_pid_and_arguments(access_point: AccessPoint) -> None:
-    access_point.stop()
-    access_point.registry.unlink(missing_ok=True)
-    daemon = access_point.start(daemonize=True)
-    (line,) = access_point.registry.read_text().splitlines()
-    program = str(access_point.build.program("velmd"))
-    argv = [program, "-c", str(access_point.configuration_file)]
-    assert json.loads(line) == {"pid": daemon.pid, "argv": argv, "flags": 0}
-
-
 def test_pairings_survive_a_kill(access_point: AccessPoint) -> None:
     phone = access_point.phone()
     assert phone.pair().status == 200
@@ -148,29 +104,6 @@ def test_pairings_survive_a_kill(access_point: AccessPoint) -> None:
     access_point.nvram("revert")
     access_point.start()
     assert phone.location().status == 200
-
-
-def test_a_hundred_reloads_leave_as_many_descriptors(access_point: AccessPoint) -> None:
-    access_point.reload()
-    before = access_point.daemon.descriptors()
-    for _ in range(100):
-        access_point.reload()
-    assert access_point.daemon.descriptors() == before
-
-
-def test_resident_memory_does_not_grow_with_requests(access_point: AccessPoint) -> None:
-    phone = access_point.phone()
-    assert phone.pair().status == 200
-    with phone.host.session() as session:
-
-        def work(rounds: int) -> int:
-            for _ in range(rounds):
-                request = phone.prepare_location()
-                assert phone.send(request, session).status == 200
-            return access_point.daemon.resident_kib()
-
-        before = work(30)
-        assert work(60) - before < access_point.build.memory_limit_kib(512)
 
 
 def test_idle_it_makes_no_noise(access_point: AccessPoint) -> None:

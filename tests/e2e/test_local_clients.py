@@ -12,6 +12,7 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
@@ -24,7 +25,6 @@ from velm_sim.ipc_client import (
     Report,
 )
 from velm_sim.phone import Phone, sample_location
-from velm_sim.sample import Sample
 
 PLACES = 32
 LONGEST_LIST = 950  # a body holds at most 1,000 values; some are the phone's words about itself

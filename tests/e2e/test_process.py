@@ -206,6 +206,23 @@ def test_files_that_everybody_could_write_to_are_the_daemons_own_again(
     assert mode_of(daemon.log_file) == "640"
 
 
+def test_no_mode_is_changed_behind_a_link(cold_access_point: AccessPoint, tmp_path: Path) -> None:
+    """Who can write to the folder may not have the files of others changed."""
+    daemon = cold_access_point.prepare(daemonize=True)
+    previous = daemon.log_file.with_name(f"{daemon.log_file.name}.1")
+    others = {}
+    for link in (cold_access_point.pid_file, daemon.log_file, previous):
+        others[link.name] = tmp_path / link.name
+        others[link.name].write_text("of somebody else\n")
+        others[link.name].chmod(0o666)
+        link.symlink_to(others[link.name])
+    daemon.start()
+    daemon.wait_until_serving()
+    cold_access_point.reload()
+    assert {name: mode_of(file) for name, file in others.items()} == dict.fromkeys(others, "666")
+    assert "had mode" not in daemon.log()
+
+
 @pytest.mark.parametrize("form", ["apart", "together"])
 def test_the_registration_starts_it_again_from_anywhere(
     form: str, cold_access_point: AccessPoint

@@ -15,13 +15,13 @@ from pathlib import Path
 
 import pytest
 from test_moving_lan import ADDRESSES, NEW, OLD, OTHER, STOPPED, Lan, Moved, overrun, while_stopped
+from velm_harness.call_fault import CallFault
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
-from velm_sim.call_fault import CallFault
 from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
-from velm_sim.sample import Sample
 from velm_sim.ssdp import PORT, Searcher, search_message
 
 CANNOT_BIND = "call failed: evhtp_bind_socket( http_server_instance, "
@@ -143,7 +143,7 @@ def test_a_move_whose_address_cannot_be_bound_yet_ends_there(
         pytest.skip("the sanitizer has wrappers of its own around the same calls")
     fault = CallFault(cold_access_point.directory / "fault")
     cold_access_point.prepare(
-        environment=fault.environment, preload=[cold_access_point.build.call_fault]
+        environment=fault.environment, preload=[fault.library(cold_access_point.build)]
     )
     daemon = cold_access_point.daemon
     cold.daemon = daemon

@@ -8,9 +8,7 @@ from collections.abc import Callable
 
 import pytest
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, VENDOR, AccessPoint
-from velm_sim.answers import Answer
-from velm_sim.cloud import UNREGISTERED, Cloud
-from velm_sim.etc_files import ROOT
+from velm_sim.cloud import Cloud
 from velm_sim.ipc_client import (
     REPORT,
     REQUEST,
@@ -19,7 +17,7 @@ from velm_sim.ipc_client import (
     IpcClient,
     Report,
 )
-from velm_sim.phone import OMIT, Phone, Prepared, sample_location
+from velm_sim.phone import Phone, sample_location
 
 
 def assert_report_matches(report: Report, phone: Phone, location: dict[str, object]) -> None:
@@ -191,16 +189,6 @@ def test_pairing_again_by_assertion_keeps_key_and_date(
     assert access_point.pairing(0) == {**before, "name": "Renamed"}
 
 
-def test_a_pairing_request_cannot_be_repeated(phone: Phone) -> None:
-    request = phone.prepare_pair()
-    assert [phone.send(request).status for _ in range(2)] == [200, 424]
-
-
-def test_a_location_cannot_be_repeated(paired_phone: Phone) -> None:
-    request = paired_phone.prepare_location()
-    assert [paired_phone.send(request).status for _ in range(2)] == [200, 424]
-
-
 def test_an_unpaired_phone_is_no_longer_heard(
     access_point: AccessPoint, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -211,88 +199,6 @@ def test_an_unpaired_phone_is_no_longer_heard(
     assert paired_phone.location().status == 412
     ipc.request()
     assert ipc.receive(timeout=1).status == STATUS_NO_PAIRED_DEVICES
-
-
-Refused = Callable[[Phone], Prepared]
-
-REFUSED: dict[str, tuple[int, Refused]] = {
-    "body changed after signing": (
-        412,
-        lambda phone: _changed_body(phone.prepare_location()),
-    ),
-    "unknown challenge": (424, lambda phone: phone.prepare_location(challenge="0" * 32)),
-    "counter 0": (412, lambda phone: phone.prepare_location(counter=0)),
-    "assertion for another app": (412, lambda phone: phone.prepare_location(rp_id="X.other")),
-    "wrong password": (401, lambda phone: phone.prepare_location(auth={"password": "no"})),
-    "root with the right password": (
-        401,
-        lambda phone: phone.prepare_location(
-            auth={"username": ROOT.username, "password": ROOT.password}
-        ),
-    ),
-    "BSSID of somebody else": (
-        409,
-        lambda phone: phone.prepare_location(auth={"bssid": "02:00:00:00:00:01"}),
-    ),
-    "no device id": (400, lambda phone: phone.prepare_location(auth={"deviceId": OMIT})),
-    "no location": (400, lambda phone: phone.prepare_location(members={"location": OMIT})),
-    "empty list of locations": (400, lambda phone: phone.prepare_location([])),
-    "location that is text": (400, lambda phone: phone.prepare_location("here")),
-}
-
-
-def _changed_body(request: Prepared) -> Prepared:
-    return request.with_body(request.body.replace(b"52.5", b"52.6"))
-
-
-@pytest.mark.parametrize("name", REFUSED)
-def test_a_location_is_refused_with(name: str, paired_phone: Phone, ipc: IpcClient) -> None:
-    status, prepare = REFUSED[name]
-    reply = paired_phone.send(prepare(paired_phone))
-    assert (reply.status, reply.body) == (status, b"")
-    assert ipc.is_silent(0.05)
-
-
-BENT_ATTESTATIONS: dict[str, dict[str, object]] = {
-    "counter 1": {"counter": 1},
-    "strange aaguid": {"aaguid": b"appattestnowhere"},
-    "credential id of another key": {"credential_id": bytes(32)},
-    "nonce of another request": {"nonce": bytes(32)},
-    "no nonce": {"omit_nonce_extension": True},
-    "other format": {"fmt": "packed"},
-    "fourth member": {"extra": {"more": b"x"}},
-    "other app": {"rp_id": "X.other"},
-}
-
-
-@pytest.mark.parametrize("name", BENT_ATTESTATIONS)
-def test_an_attestation_is_refused_with(
-    name: str, access_point: AccessPoint, phone: Phone
-) -> None:
-    before = access_point.nvram_show()
-    reply = phone.pair(**BENT_ATTESTATIONS[name])
-    assert (reply.status, reply.body) == (412, b"")
-    assert access_point.nvram_show() == before
-
-
-def test_a_phone_whose_token_is_unknown_is_unpaired(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
-) -> None:
-    cloud.fcm.answer_next(UNREGISTERED)
-    ipc.request()
-    access_point.daemon.wait_log("unpaired (unregistered token)")
-    assert access_point.pairing(0)["status"] == "Invalid"
-
-
-@pytest.mark.parametrize("status", [400, 401, 429, 500, 503])
-def test_a_phone_stays_paired_when_the_push_fails_with(
-    status: int, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
-) -> None:
-    cloud.fcm.answer_next(Answer.json({"error": {"code": status}}, status))
-    ipc.request()
-    access_point.daemon.wait_log(f" - code: {status}")
-    assert access_point.pairing(0)["status"] == "Valid"
-    assert paired_phone.location().status == 200
 
 
 def test_reload_keeps_pairings_and_forgets_challenges(
@@ -318,18 +224,6 @@ def test_a_challenge_lives_for_sixty_seconds(
     assert paired_phone.location(challenge=old).status == 424
 
 
-@pytest.mark.movable_clock
-def test_five_wrong_passwords_lock_the_login_for_a_minute(
-    access_point: AccessPoint, phone: Phone
-) -> None:
-    for _ in range(5):
-        assert phone.challenge({"password": "wrong"}).status == 401
-    assert phone.challenge().status == 401
-    assert "login blocked" in access_point.log()
-    access_point.move_clock(61)
-    assert phone.challenge().status == 200
-
-
 @pytest.mark.parametrize(
     ("version", "accepted"),
     [
@@ -345,10 +239,3 @@ def test_tls_version(phone: Phone, version: ssl.TLSVersion, accepted: bool) -> N
     else:
         with pytest.raises((ssl.SSLError, ConnectionError)):
             phone.info()
-
-
-def test_the_detached_daemon_writes_its_pid_and_registers(cold_access_point: AccessPoint) -> None:
-    daemon = cold_access_point.start(daemonize=True)
-    assert cold_access_point.pid_file.read_text() == f"{daemon.pid}\n"
-    assert f'"pid": {daemon.pid}' in cold_access_point.registry.read_text()
-    assert cold_access_point.phone().info().status == 200

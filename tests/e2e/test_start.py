@@ -11,11 +11,12 @@ from collections.abc import Callable
 from pathlib import Path
 
 import pytest
+from velm_harness.preloads import library
+from velm_harness.version import VERSION
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, AccessPoint
 from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import Daemon, DaemonError, wait_until
 
-VERSION = "7.14.3"
 CANNOT_LISTEN = "call failed: evhtp_bind_socket( http_server_instance, "
 UNREADABLE_CERTIFICATE = "evhtp_ssl_init(http_server_instance, http_server_ssl_config)"
 
@@ -65,7 +66,9 @@ def test_a_detached_daemon_has_a_session_of_its_own_and_the_root_as_its_place(
     assert cold_access_point.pid_file.read_text() == f"{daemon.pid}\n"
     assert os.path.samefile(f"/proc/{daemon.pid}/cwd", f"/proc/{daemon.pid}/root")
     assert os.getsid(daemon.pid) == daemon.pid
-    assert [line["pid"] for line in registered(cold_access_point)] == [daemon.pid]
+    program = str(cold_access_point.build.program("velmd"))
+    argv = [program, "-c", str(cold_access_point.configuration_file)]
+    assert registered(cold_access_point) == [{"pid": daemon.pid, "argv": argv, "flags": 0}]
 
 
 def test_a_daemon_in_the_foreground_registers_nothing(access_point: AccessPoint) -> None:
@@ -157,7 +160,7 @@ def test_a_parent_that_ignores_its_children_does_no_harm(cold_access_point: Acce
 # Whether it runs at all.
 
 
-@pytest.mark.parametrize("mode", ["-0", "0x0", " 0", "0.0", "0" * 21, "65535"])
+@pytest.mark.parametrize("mode", ["", "1", "-0", "0x0", " 0", "0" * 21, "65535", "65536"])
 def test_what_is_no_number_of_digits_or_not_zero_lets_it_run(
     mode: str, cold_access_point: AccessPoint
 ) -> None:
@@ -171,6 +174,7 @@ def test_a_zero_keeps_it_from_running_however_long(
 ) -> None:
     cold_access_point.nvram_set({"zelkad_mode": mode})
     assert ended(cold_access_point, arguments=["-z"]) == 0
+    assert output(cold_access_point) == ""  # not even the usage: no option was read
 
 
 def remove_ca(access_point: AccessPoint) -> None:
@@ -203,16 +207,21 @@ def test_it_ends_with_2_on_a_reload_without_usable_authorities_while_a_phone_is_
             access_point.reload()
 
 
-def write_pair(access_point: AccessPoint, certificate: str, key: str) -> None:
-    (access_point.directory / "server_cert.pem").write_text(certificate)
-    (access_point.directory / "server_key.pem").write_text(key)
+def write_pair(access_point: AccessPoint, certificate: str | None, key: str | None) -> None:
+    """None: no such file."""
+    for name, text in (("server_cert.pem", certificate), ("server_key.pem", key)):
+        (access_point.directory / name).unlink()
+        if text is not None:
+            (access_point.directory / name).write_text(text)
 
 
 def other_identity() -> Identity:
     return make_server(["192.168.1.1"])
 
 
-BAD_PAIRS: dict[str, Callable[[Identity], tuple[str, str]]] = {
+BAD_PAIRS: dict[str, Callable[[Identity], tuple[str | None, str | None]]] = {
+    "no file of a certificate": lambda right: (None, right.key_pem),
+    "no file of a key": lambda right: (right.pem, None),
     "no certificate": lambda right: ("", right.key_pem),
     "garbage for a certificate": lambda right: ("garbage\n", right.key_pem),
     "no key": lambda right: (right.pem, ""),
@@ -292,7 +301,7 @@ def test_no_peer_that_closes_can_end_it_by_a_signal(
 
 
 def test_what_libevent_has_to_say_stands_in_the_log(cold_access_point: AccessPoint) -> None:
-    voice = [cold_access_point.build.libevent_voice]
+    voice = [library(cold_access_point.build, "libevent_voice")]
     daemon = started(cold_access_point, preload=voice)
     assert " WARN main - libevent - a warning of the library\n" in daemon.log()
     assert "a warning" not in output(cold_access_point)
@@ -301,7 +310,7 @@ def test_what_libevent_has_to_say_stands_in_the_log(cold_access_point: AccessPoi
 def test_a_libevent_that_cannot_go_on_ends_it_in_the_fatal_line(
     cold_access_point: AccessPoint,
 ) -> None:
-    voice = [cold_access_point.build.libevent_voice]
+    voice = [library(cold_access_point.build, "libevent_voice")]
     status = ended(cold_access_point, preload=voice, environment={"VELM_LIBEVENT": "broken"})
     assert status == -signal.SIGABRT
     log = cold_access_point.log()

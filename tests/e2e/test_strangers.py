@@ -11,11 +11,11 @@ import time
 from collections.abc import Callable
 
 import pytest
-from velm_sim import stranger
+from velm_harness import stranger
+from velm_harness.promptness import assert_prompt, latencies
+from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
 from velm_sim.lan_http import LanHost
-from velm_sim.promptness import assert_prompt, latencies
-from velm_sim.sample import Sample
 
 # What the connections of one host may add to the daemon's memory without a login.
 ONE_HOST_KIB = 400

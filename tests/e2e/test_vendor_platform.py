@@ -17,6 +17,7 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
+from velm_harness.version import VERSION
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 PLATFORM_FUNCTIONS = {
@@ -176,7 +177,7 @@ def test_daemon_takes_the_platform_functions_from_the_library(vendor_build: Path
 
 def test_daemon_prints_its_version(vendor_build: Path, device: Device) -> None:
     printed = run(vendor_build / "bin" / "velmd", "-v", env=device.environment)
-    assert printed == "velmd 7.14.3\n"
+    assert printed == f"velmd {VERSION}\n"
 
 
 def test_mode_zero_in_the_vendors_nvram_keeps_the_daemon_from_running(

@@ -12,6 +12,7 @@
 #include "fakes/https_client.h"
 #include "handles/evhtp.h"
 #include "http_server/connections.h"
+#include "http_server/pause.h"
 
 /// Connections as the HTTPS server has them, with three routes of their own. "/now" and any other
 /// path answer at once, "/pause" when `answer_paused` is called, "/much" with 16 MiB.

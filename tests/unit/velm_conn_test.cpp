@@ -18,6 +18,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/ipc_peer.h"
 #include "handles/libevent.h"
+#include "velm_ipc_cmd.h"
 
 namespace {
 
@@ -86,7 +87,8 @@ class Conn : public testing::Test {
         int pair[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
         peer.reset(pair[0]);
-        conn = velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, note_frame);
+        conn = velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, velm_ipc_cmd_read,
+                                note_frame);
     }
 
     bool turn_until_closed()
@@ -493,7 +495,7 @@ TEST_F(Conn, AfterALongPacketItsSenderRestsAndTheOthersAreServed)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair), 0);
     const unique_fd other{pair[0]};
     const velm_conn_ptr served =
-        velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, note_frame);
+        velm_conn_create(base.get(), unique_fd{pair[1]}, nullptr, velm_ipc_cmd_read, note_frame);
     labour = 3ms;
     const auto begin = steady_clock::now();
     ipc_send(peer, laborious_packet(27)); // 4212 bytes
@@ -574,7 +576,8 @@ TEST_F(Conn, ADescriptorThatCannotBeWatchedMakesNoConnection)
     const captured_log log;
     unique_fd file{open("/proc/self/exe", O_RDONLY | O_CLOEXEC)};
     const int number = file.get();
-    EXPECT_EQ(velm_conn_create(base.get(), std::move(file), nullptr, note_frame), nullptr);
+    EXPECT_EQ(velm_conn_create(base.get(), std::move(file), nullptr, velm_ipc_cmd_read, note_frame),
+              nullptr);
     EXPECT_TRUE(log.has("ERROR IPC_CONN - Cannot enable event read/write"));
     EXPECT_EQ(fcntl(number, F_GETFD), -1) << "the descriptor leaked";
 }

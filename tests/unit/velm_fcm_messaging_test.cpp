@@ -14,7 +14,6 @@
 #include "fakes/fake_clock.h"
 #include "fakes/fake_google.h"
 #include "fakes/fake_nvram.h"
-#include "handles/memory.h"
 #include "velm_cloud_messaging.h"
 #include "velm_nvram_pairings.h"
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fakes/captured_log.h"
-#include "handles/memory.h"
+#include "handles/malloc.h"
 
 namespace {
 

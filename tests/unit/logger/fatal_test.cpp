@@ -10,7 +10,8 @@
 #include <new>
 
 #include "fakes/captured_log.h"
-#include "handles/memory.h"
+#include "handles/exhaustion.h"
+#include "handles/malloc.h"
 
 /// An exhausted allocator answers with null under the sanitizer too.
 extern "C" const char *__asan_default_options()

@@ -25,7 +25,6 @@
 
 #include "fakes/captured_log.h"
 #include "handles/fd.h"
-#include "handles/memory.h"
 #include "logger/fatal.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "handles/memory.h"
+#include "handles/malloc.h"
 #include "store_directory.h"
 
 namespace {

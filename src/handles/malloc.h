@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <type_traits>
+
+#include "handles/exhaustion.h"
+#include "handles/handle.h"
+
+/// Memory of the C allocator.
+
+/// Text or bytes that a C function made with malloc.
+using malloc_text = handle<char, std::free>;
+
+/// A zero-filled plain object, or null when memory is exhausted and no new-handler ends the process:
+/// for the few places that answer that with a log line.
+template <typename T>
+using plain_ptr = handle<T, std::free>;
+
+template <typename T>
+plain_ptr<T> try_make_plain(std::size_t count = 1) noexcept
+{
+    static_assert(std::is_trivially_destructible_v<T>);
+    void *memory = std::calloc(count, sizeof(T));
+    memory_is_exhausted_if(memory == nullptr && count != 0);
+    return plain_ptr<T>{static_cast<T *>(memory)};
+}
+
+/// Like plain_ptr, for an object with a destructor.
+struct destroy_and_free {
+    template <typename T>
+    void operator()(T *object) const noexcept
+    {
+        std::destroy_at(object);
+        std::free(object);
+    }
+};
+template <typename T>
+using nothrow_ptr = std::unique_ptr<T, destroy_and_free>;
+
+template <typename T>
+nothrow_ptr<T> try_make() noexcept
+{
+    static_assert(std::is_nothrow_default_constructible_v<T>);
+    void *memory = std::malloc(sizeof(T));
+    memory_is_exhausted_if(memory == nullptr);
+    return nothrow_ptr<T>{memory == nullptr ? nullptr : ::new (memory) T{}};
+}

@@ -1,0 +1,27 @@
+"""An answer of the daemon that docs/http-api.yaml does not have is noticed."""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+import jsonschema
+import pytest
+from velm_harness.openapi import Contract, ContractError
+from velm_sim.lan_http import Reply
+
+CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
+
+
+@pytest.mark.parametrize(
+    "reply",
+    [
+        Reply(418, {}, b""),
+        Reply(200, {"content-type": "text/plain"}, b"{}"),
+        Reply(200, {"content-type": "application/json"}, b"{}"),
+        Reply(200, {"content-type": "application/json"}, b'{"challenge": "ABC"}'),
+        Reply(400, {}, b"why"),
+    ],
+)
+def test_an_answer_that_is_not_documented_is_noticed(reply: Reply) -> None:
+    with pytest.raises((ContractError, jsonschema.ValidationError)):
+        CONTRACT.check("/challenge", reply)

@@ -1,0 +1,7 @@
+"""`python -m velm_harness.storm SEED SECONDS`"""
+
+import sys
+
+from .run import main
+
+sys.exit(main())
