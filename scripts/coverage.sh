@@ -1,21 +1,16 @@
 #!/bin/sh
 # Prints the line coverage of src/: by the unit tests, by the end-to-end tests, and by both.
-# Builds the preset "coverage" first; wants root for the end-to-end tests, and gcovr.
+# Builds the preset "coverage" first; wants root for the end-to-end tests. Installs what is missing.
 # A test that fails does not stop it: the figures are of what ran.
 set -eu
 cd "$(dirname "$0")/.."
 
-if ! command -v gcovr >/dev/null; then
-    echo "gcovr is missing: apt-get install gcovr" >&2
-    exit 1
-fi
-./scripts/install-dependencies.sh
+./scripts/install-dependencies.sh gcovr
 
 build=build/coverage
 results=$build/coverage-results
 mkdir -p "$results"
-cmake --preset coverage >"$results/configure.log"
-cmake --build --preset coverage >"$results/build.log"
+./scripts/build.sh coverage
 
 forget() {
     find "$build" -name '*.gcda' -delete

@@ -17,22 +17,9 @@ jobs=${FUZZ_JOBS:-$(nproc)}
 
 # ------------------------------------------------------------------------------------------------
 
-install_tools() {
-    local missing=() package
-    for package in clang-14 libclang-rt-14-dev llvm-14; do
-        [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)" = installed ] ||
-            missing+=("$package")
-    done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    echo "Installing: ${missing[*]}"
-    apt-get -q update >/dev/null
-    DEBIAN_FRONTEND=noninteractive apt-get -qy install --no-install-recommends "${missing[@]}" >/dev/null
-}
-
 build_targets() {
-    mkdir -p "$build"
-    { cmake --preset fuzz && cmake --build --preset fuzz; } >"$build/build.log" 2>&1 ||
-        { tail -n 60 "$build/build.log" >&2; exit 1; }
+    ./scripts/install-dependencies.sh clang-14 libclang-rt-14-dev llvm-14
+    ./scripts/build.sh fuzz
     rm -rf "$build/seeds"
     /usr/bin/python3 fuzz/make_seeds.py "$build/seeds"
 }
@@ -101,15 +88,28 @@ run_all() { # SECONDS TARGET...
     [ $findings_in_all -eq 0 ] || { echo "Inputs that broke something: $build/findings/*/input-*" | tee -a "$results"; exit 1; }
 }
 
-keep() { # TARGET...: the smallest set of inputs that covers all that was reached
-    local target merged options
+edges_of() { # TARGET FOLDER...: how many the inputs in the folders reach
+    local options
+    mapfile -t options < <(options_of "$1")
+    LLVM_PROFILE_FILE=/dev/null "$build/fuzz/fuzz_$1" "${options[@]}" -runs=0 "${@:2}" 2>&1 |
+        awk '$2 == "INITED" { edges = $4 } END { print edges + 0 }'
+}
+
+keep() { # TARGET...: few inputs that reach every edge that was reached
+    local target merged options sources
     for target; do
         mapfile -t options < <(options_of "$target")
         merged=$build/merged/$target
+        sources=("$build/seeds/$target" "fuzz/corpus/$target" "$build/found/$target")
         rm -rf "$merged"
-        mkdir -p "$merged" "$build/found/$target" "fuzz/corpus/$target"
-        LLVM_PROFILE_FILE=/dev/null "$build/fuzz/fuzz_$target" "${options[@]}" -merge=1 "$merged" \
-            "$build/seeds/$target" "fuzz/corpus/$target" "$build/found/$target" >"$build/merged/$target.log" 2>&1
+        mkdir -p "$merged" "${sources[@]}"
+        merge() {
+            LLVM_PROFILE_FILE=/dev/null "$build/fuzz/fuzz_$target" "${options[@]}" "$@" \
+                "$merged" "${sources[@]}" >"$build/merged/$target.log" 2>&1
+        }
+        merge -set_cover_merge=1 -use_counters=0
+        # Where an input depends on those before it, more of them are needed.
+        [ "$(edges_of "$target" "$merged")" -ge "$(edges_of "$target" "${sources[@]}")" ] || merge -merge=1
         rm -rf "fuzz/corpus/$target"
         mv "$merged" "fuzz/corpus/$target"
         printf '%-20s %5d inputs, %8d bytes\n' "$target" "$(find "fuzz/corpus/$target" -type f | wc -l)" \
@@ -131,7 +131,6 @@ elif [ $# -gt 0 ]; then
 fi
 [[ $seconds =~ ^[1-9][0-9]*$ ]] || { sed -n '4,5s/^# //p' "$0" >&2; exit 2; }
 
-install_tools
 build_targets
 targets=("$@")
 [ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(find "$build/fuzz" -name 'fuzz_*_replay' -printf '%f\n' |

@@ -63,6 +63,19 @@ soak() { # PRESET
         --build "build/$1" --junit "$results/soak.xml"
 }
 
+# Storms and the soak mostly wait: the sources are read meanwhile.
+lint_begin() {
+    nice ./scripts/lint.sh --junitxml "$results/lint.xml" >"$results/lint.log" 2>&1 &
+    lint=$!
+}
+
+lint_end() {
+    wait "$lint"
+    local status=$?
+    cat "$results/lint.log"
+    return $status
+}
+
 step "install what is missing" ./scripts/install-dependencies.sh
 for preset in "${presets[@]}"; do
     step "build $preset" ./scripts/build.sh "$preset"
@@ -74,13 +87,14 @@ for tls in 1.2 1.3; do
         python_tests "${presets[0]}" "e2e-tls-$tls" tests/e2e -m each_tls "--tls=$tls"
 done
 step "tests of the documents" python_tests "${presets[0]}" documents tests/documents
-step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"
 step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
 step "tests of the harness" python_tests "${presets[0]}" harness tests/harness
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
+lint_begin
 step "storm, $instrumented" storms "$instrumented"
 step "soak, ${presets[0]}" soak "${presets[0]}"
+step "lint, begun before the storm" lint_end
 step "tests of the benchmarks' report" python_tests "${presets[0]}" bench tests/bench
 
 printf '\n'
