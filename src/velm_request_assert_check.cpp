@@ -111,7 +111,7 @@ std::optional<int> assert_check(velm_request_preprocessor &p)
     if (!digest.has_value()) {
         return refuse(&p, "no digest of the body");
     }
-    const auto assertion = common_crypto_base64_decode(*p.client_assertion);
+    const auto assertion = common_crypto_base64_decode(p.client_assertion);
     if (!assertion.has_value()) {
         return refuse(&p, "assertion is no base64");
     }
@@ -129,8 +129,7 @@ void require_field(const void *field, const char *name)
 void require_fields(const velm_request_preprocessor &p)
 {
     require_field(p.client_device_id, "p->client_device_id");
-    require_field(p.client_assertion.has_value() ? p.client_assertion->c_str() : nullptr,
-                  "p->client_assertion");
+    require_field(p.client_assertion, "p->client_assertion");
     require_field(p.client_challenge, "p->client_challenge");
     require_field(p.request, "p->request");
 }

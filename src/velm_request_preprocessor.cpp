@@ -1,13 +1,9 @@
 #include "velm_request_preprocessor.h"
 
-#include <arpa/inet.h>
-#include <event2/util.h>
-
-#include <array>
 #include <cstddef>
-#include <cstring>
 #include <iterator>
-#include <memory>
+#include <string>
+#include <utility>
 
 #include "handles/argument.h"
 #include "handles/evhtp.h"
@@ -36,38 +32,12 @@ const char *shown(const char *text)
     return text != nullptr ? text : "(null)";
 }
 
-const char *shown(const std::optional<std::string> &text)
-{
-    return text.has_value() ? text->c_str() : "(null)";
-}
-
-std::optional<std::string> copied(const char *text)
-{
-    return text != nullptr ? std::optional<std::string>{text} : std::nullopt;
-}
-
-/// The text of an address takes longer to print than all else of this step, and the same few phones
-/// ask again and again.
-const auto &address_text(const in_addr &address)
-{
-    struct known_address {
-        in_addr address;
-        std::array<char, INET_ADDRSTRLEN> text;
-    };
-    static std::array<known_address, 32> known{};
-    known_address &entry = known[ntohl(address.s_addr) % known.size()];
-    if (entry.address.s_addr != address.s_addr || entry.text[0] == '\0') {
-        evutil_inet_ntop(AF_INET, &address, entry.text.data(), entry.text.size());
-        entry.address = address;
-    }
-    return entry.text;
-}
-
 /// The connection is being freed, and the paused request with it.
 evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
 {
     auto *const p = static_cast<velm_request_preprocessor *>(user_data);
     p->request = nullptr;
+    p->client_assertion = nullptr;
     p->request_gone = true;
     return EVHTP_RES_OK;
 }
@@ -94,7 +64,7 @@ void log_refusal(const velm_request_preprocessor *p)
     const auto code = static_cast<std::size_t>(p->break_code);
     const refusing_check &check = refusing_checks[code < std::size(refusing_checks) ? code : 0];
     velm_request_log_refusal(check.name, p->refusal != nullptr ? p->refusal : check.reason,
-                             p->client_ip, p->client_device_id);
+                             p->client_address, p->client_device_id);
 }
 
 /// Another request may have unpaired the phone, or given it another key, since it proved itself. From
@@ -119,20 +89,19 @@ void finish_async(void *user_data, short /*events*/, common_async_context * /*co
         if (p->break_code != VELM_BREAK_NONE) {
             log_refusal(p.get());
         }
+        const velm_request_body_offer offer{p->request, p->body};
         p->callback(p->request, p->break_code);
     }
 }
 
 int preproc_state_handler_init(velm_request_preprocessor *p)
 {
-    const std::optional<in_addr> peer = request_peer_address(p->request);
-    if (peer.has_value()) {
-        std::memcpy(p->client_ip, address_text(*peer).data(), INET_ADDRSTRLEN);
+    p->client_address = request_peer_address(p->request);
+    if (common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
+        const std::string ip = request_address_text(p->client_address).value_or("");
+        LOG_TRACE("%s [%p] - ip:   %s", __func__, address_of(p), ip.c_str());
+        LOG_TRACE("%s [%p] - path: %s", __func__, address_of(p), shown(request_path(p->request)));
     }
-    const evhtp_uri_t *const uri = p->request->uri;
-    p->path = copied(uri != nullptr && uri->path != nullptr ? uri->path->full : nullptr);
-    LOG_TRACE("%s [%p] - ip:   %s", __func__, address_of(p), p->client_ip);
-    LOG_TRACE("%s [%p] - path: %s", __func__, address_of(p), shown(p->path));
     return 0;
 }
 
@@ -181,16 +150,25 @@ bool read_assertion(velm_request_preprocessor *p, const cJSON *auth)
     return true;
 }
 
+/// For a caller that has not parsed it. What else it would read is not known, so it is not kept.
+bool parse_body(velm_request_preprocessor *p)
+{
+    velm_request_body parsed = velm_request_parse_request_body(p->request);
+    if (parsed.status == http_status_ok) {
+        p->body = velm_request_keep(std::move(parsed.body), nullptr);
+        p->body.is_whole = false;
+    }
+    return parsed.status == http_status_ok;
+}
+
 /// Reads the body and the headers into the record; false at the first one that will not do.
 bool read_request(velm_request_preprocessor *p)
 {
-    velm_request_body parsed = velm_request_parse_request_body(p->request);
-    if (parsed.status != http_status_ok) {
+    if (p->body.tree == nullptr && !parse_body(p)) {
         p->refusal = "no valid body";
         return false;
     }
-    p->body = velm_request_keep_auth(std::move(parsed.body));
-    const cJSON *const auth = request_auth(p->body.get());
+    const cJSON *const auth = request_auth(p->body.tree.get());
     for (const auth_member &member : auth_members) {
         if (!read_auth_member(p, auth, member)) {
             return false;
@@ -199,23 +177,31 @@ bool read_request(velm_request_preprocessor *p)
     return !p->checks.assertion || read_assertion(p, auth);
 }
 
+void trace_request(const velm_request_preprocessor *p)
+{
+    constexpr char name[] = "preproc_state_handler_request_check";
+    const void *const id = address_of(p);
+    LOG_TRACE("%s [%p] - device id:   %s", name, id, shown(p->client_device_id));
+    LOG_TRACE("%s [%p] - device type: %s", name, id, shown(p->client_device_type));
+    LOG_TRACE("%s [%p] - bssid:       %s", name, id, shown(p->client_bssid));
+    LOG_TRACE("%s [%p] - username:    %s", name, id, shown(p->client_username));
+    // In clear, and only at this level: how a login is debugged in the field.
+    LOG_TRACE("%s [%p] - password:    %s", name, id, shown(p->client_password));
+    LOG_TRACE("%s [%p] - challenge:   %s", name, id, shown(p->client_challenge));
+    LOG_TRACE("%s [%p] - assertion:   %s", name, id, shown(p->client_assertion));
+    LOG_TRACE("%s [%p] - user_agent:  %s", name, id,
+              shown(request_header(p->request, "User-Agent")));
+}
+
 int preproc_state_handler_request_check(velm_request_preprocessor *p)
 {
     p->break_code = VELM_BREAK_NONE;
     if (p->checks.request && !read_request(p)) {
         p->break_code = VELM_BREAK_BAD_REQUEST;
     }
-    p->client_user_agent = copied(request_header(p->request, "User-Agent"));
-    const void *const id = address_of(p);
-    LOG_TRACE("%s [%p] - device id:   %s", __func__, id, shown(p->client_device_id));
-    LOG_TRACE("%s [%p] - device type: %s", __func__, id, shown(p->client_device_type));
-    LOG_TRACE("%s [%p] - bssid:       %s", __func__, id, shown(p->client_bssid));
-    LOG_TRACE("%s [%p] - username:    %s", __func__, id, shown(p->client_username));
-    // In clear, and only at this level: how a login is debugged in the field.
-    LOG_TRACE("%s [%p] - password:    %s", __func__, id, shown(p->client_password));
-    LOG_TRACE("%s [%p] - challenge:   %s", __func__, id, shown(p->client_challenge));
-    LOG_TRACE("%s [%p] - assertion:   %s", __func__, id, shown(p->client_assertion));
-    LOG_TRACE("%s [%p] - user_agent:  %s", __func__, id, shown(p->client_user_agent));
+    if (common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
+        trace_request(p);
+    }
     return 0;
 }
 
@@ -354,6 +340,13 @@ void velm_request_preprocessor_set_callback(velm_request_preprocessor *preproces
     REQUIRE_NOT_NULL(preprocessor, "preprocessor");
     REQUIRE_NOT_NULL(callback, "callback");
     preprocessor->callback = callback;
+}
+
+void velm_request_preprocessor_attach_body(velm_request_preprocessor *preprocessor,
+                                           velm_request_kept_body body)
+{
+    REQUIRE_NOT_NULL(preprocessor, "preprocessor");
+    preprocessor->body = std::move(body);
 }
 
 void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor)

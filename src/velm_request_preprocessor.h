@@ -4,6 +4,7 @@
 
 #include "request/body.h"
 #include "request/checks.h"
+#include "request/kept.h"
 #include "velm_config.h"
 
 /// Runs the checks that a route asks for, one after another on the loop, while the request is
@@ -22,6 +23,11 @@ void velm_request_preprocessor_attach_request(velm_request_preprocessor *preproc
                                               evhtp_request_t *request);
 void velm_request_preprocessor_set_callback(velm_request_preprocessor *preprocessor,
                                             velm_request_callback callback);
+
+/// Hands on what the route keeps of the body that it has parsed. Without it the request check parses the
+/// body itself.
+void velm_request_preprocessor_attach_body(velm_request_preprocessor *preprocessor,
+                                           velm_request_kept_body body);
 
 /// Queues the first step. Needs a request, and a record that has not been started.
 void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor);

@@ -4,16 +4,27 @@
 #include "http_server/routes.h"
 #include "logger/fatal.h"
 #include "request/input.h"
+#include "request/kept.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"
 
 namespace {
 
+/// What the checks have kept; of a long body it is parsed again, into `parsed`.
+const cJSON *find_body(evhtp_request_t *request, velm_request_body *parsed)
+{
+    const cJSON *const kept = velm_request_offered_body(request);
+    if (kept != nullptr) {
+        return kept;
+    }
+    *parsed = velm_request_parse_request_body(request);
+    return parsed->body.get();
+}
+
 http_outcome work_done(evhtp_request_t *request, const http_work &work)
 {
-    const velm_request_body parsed = work.reads_body ? velm_request_parse_request_body(request)
-                                                     : velm_request_body{nullptr, http_status_ok};
-    const cJSON *const body = parsed.body.get();
+    velm_request_body parsed{nullptr, http_status_ok};
+    const cJSON *const body = work.reads_body ? find_body(request, &parsed) : nullptr;
     const cJSON *const auth = request_auth(body);
     http_outcome end = parsed.status == http_status_ok
                            ? work.run({request, body, auth})

@@ -271,6 +271,7 @@ void on_next_turn(evutil_socket_t, short, void *argument) noexcept
     http_tls_next_turn(&peer->tls);
     if (peer->intake.phase == message_phase::head && !peer->intake.held.empty()) {
         go_on(peer, http_intake_next(&peer->intake));
+        keep_within_memory();
     } else {
         http_tls_read(peer->connection->bev);
     }
@@ -460,6 +461,15 @@ void http_connections_close()
         evhtp_close(state.connections.back()->connection);
     }
     state.htp = nullptr;
+}
+
+void http_connections_count_kept(const evhtp_connection_t *connection, std::size_t size)
+{
+    for (const auto &peer : state.connections) {
+        if (peer->connection == connection) {
+            peer->intake.kept = size;
+        }
+    }
 }
 
 std::size_t http_connections_count()

@@ -48,5 +48,9 @@ void http_connections_watch_listener();
 /// connection after it.
 void http_connections_close();
 
+/// What the checks keep of the body of the request that is paused, in bytes. It counts as held by the
+/// connection until the request is answered.
+void http_connections_count_kept(const evhtp_connection_t *connection, std::size_t size);
+
 /// How many are open.
 [[nodiscard]] std::size_t http_connections_count();

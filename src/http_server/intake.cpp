@@ -234,11 +234,12 @@ std::string whole_message(http_intake *intake)
 
 intake_result give_message(http_intake *intake)
 {
-    // The library keeps all of it, and the checks keep the texts of the body beside that.
-    intake->handed = intake->body.size();
+    // The library keeps all of it. The checks are going to keep a part of the body beside that: until
+    // they say how much, its size is taken for it.
+    intake->kept = intake->body.size();
     std::string bytes = whole_message(intake);
     const wiped_at_end wiping{&bytes}; // a password is in it
-    intake->handed += bytes.size();
+    intake->handed = bytes.size();
     for (const http_head_lifted &lifted : intake->lifted) {
         intake->handed += lifted.value.size();
     }
@@ -462,6 +463,7 @@ intake_result http_intake_written(http_intake *intake)
     intake->lifted = {};
     evhtp_connection_drop_parser(intake->connection);
     intake->handed = 0;
+    intake->kept = 0;
     intake->chunked = false;
     if (intake->held.empty()) {
         return intake_result::moved_on;
@@ -492,7 +494,7 @@ void http_intake_end(http_intake *intake)
 std::size_t http_intake_size(const http_intake *intake)
 {
     return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() +
-           intake->handed + intake->refused_room;
+           intake->handed + intake->kept + intake->refused_room;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

@@ -51,6 +51,7 @@ struct http_intake {
     http_chunks chunks;
     std::string body;             // what has come of it; of chunks, only what is in them
     std::size_t handed = 0;       // bytes of this request that the library keeps
+    std::size_t kept = 0;         // bytes that the checks keep of its body
     std::size_t thrown_away = 0;  // since the request was refused
     std::size_t refused_room = 0; // of the head that was refused; it counts, and is given back
     std::vector<http_head_lifted> lifted; // of the head that the parser works on

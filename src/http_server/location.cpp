@@ -65,7 +65,7 @@ http_outcome take_location(const http_asked &asked)
     if (location == nullptr) {
         return {http_status_bad_request, "no valid location data"};
     }
-    const std::optional<std::string> ip = request_peer_text(asked.request);
+    const std::optional<std::string> ip = request_address_text(request_peer_address(asked.request));
     if (!ip.has_value()) {
         // The phone did its part and cannot help it: it is not asked to retry.
         LOG_ERROR("%s - invalid ip address", handler_name);

@@ -1,8 +1,10 @@
 #include "http_server/routes.h"
 
 #include <cstring>
+#include <utility>
 
 #include "handles/evhtp.h"
+#include "http_server/connections.h"
 #include "http_server/log.h"
 #include "http_server/pause.h"
 #include "logger/fatal.h"
@@ -15,25 +17,20 @@ namespace {
 struct http_route {
     const char *path;
     const char *handler; // its name in log lines
+    const char *member;  // what the result callback reads of the body beside "auth"; null: nothing
     velm_request_checks checks;
     velm_request_callback callback;
 };
 
 // clang-format off
-//                                                                         request assertion user/pass paired device
-constexpr http_route route_info      {"/info",      "http_method_info",      {false, false, false, false, false}, http_method_info_handle};
-constexpr http_route route_challenge {"/challenge", "http_method_challenge", {true,  false, true,  false, false}, http_method_challenge_handle};
-constexpr http_route route_pair      {"/pair",      "http_method_pair",      {true,  false, true,  false, false}, http_method_pair_handle};
-constexpr http_route route_pairings  {"/pairings",  "http_method_pairings",  {true,  false, true,  false, false}, http_method_pairings_handle};
-constexpr http_route route_unpair    {"/unpair",    "http_method_unpair",    {true,  false, true,  false, false}, http_method_unpair_handle};
-constexpr http_route route_location  {"/location",  "http_method_location",  {true,  true,  true,  true,  true},  http_method_location_handle};
+//                                                                                     request assertion user/pass paired device
+constexpr http_route route_info      {"/info",      "http_method_info",      nullptr,    {false, false, false, false, false}, http_method_info_handle};
+constexpr http_route route_challenge {"/challenge", "http_method_challenge", nullptr,    {true,  false, true,  false, false}, http_method_challenge_handle};
+constexpr http_route route_pair      {"/pair",      "http_method_pair",      "pair",     {true,  false, true,  false, false}, http_method_pair_handle};
+constexpr http_route route_pairings  {"/pairings",  "http_method_pairings",  nullptr,    {true,  false, true,  false, false}, http_method_pairings_handle};
+constexpr http_route route_unpair    {"/unpair",    "http_method_unpair",    "unpair",   {true,  false, true,  false, false}, http_method_unpair_handle};
+constexpr http_route route_location  {"/location",  "http_method_location",  "location", {true,  true,  true,  true,  true},  http_method_location_handle};
 // clang-format on
-
-/// The path as it was sent, without the query; null when the request has none.
-const char *request_path(const evhtp_request_t *req)
-{
-    return req->uri == nullptr || req->uri->path == nullptr ? nullptr : req->uri->path->full;
-}
 
 bool is_path(const evhtp_request_t *req, const http_route &route)
 {
@@ -43,7 +40,7 @@ bool is_path(const evhtp_request_t *req, const http_route &route)
 
 bool has_header(const evhtp_request_t *req, const char *name)
 {
-    return evhtp_header_find(req->headers_in, name) != nullptr;
+    return request_header(req, name) != nullptr;
 }
 
 void require_request(const evhtp_request_t *req, const char *handler)
@@ -53,55 +50,62 @@ void require_request(const evhtp_request_t *req, const char *handler)
     }
 }
 
-/// The request stays paused until the route's result callback answers it.
-void begin_checks(evhtp_request_t *req, const http_route &route, const velm_request_checks &checks)
+/// The request stays paused until the route's result callback answers it. Meanwhile the checks keep of
+/// its body what they and the route read; null for a route without a body.
+void begin_checks(evhtp_request_t *req, const http_route &route, const velm_request_checks &checks,
+                  secret_json_ptr body)
 {
     evhtp_pause(req);
     velm_request_preprocessor *const preprocessor = velm_request_preprocessor_create(checks);
     velm_request_preprocessor_attach_request(preprocessor, req);
     velm_request_preprocessor_set_callback(preprocessor, route.callback);
+    if (body != nullptr) {
+        velm_request_kept_body kept = velm_request_keep(std::move(body), route.member);
+        http_connections_count_kept(req->conn, kept.size);
+        velm_request_preprocessor_attach_body(preprocessor, std::move(kept));
+    }
     LOG_TRACE("%s [%p] - auth start", route.handler, static_cast<void *>(preprocessor));
     velm_request_preprocessor_start(preprocessor);
 }
 
-/// The first look at the body: false when it has been answered already. The tree goes: the checks
-/// parse again.
-bool body_is_readable(evhtp_request_t *req)
+/// The body, which is parsed here and nowhere else; null when it was bad and is answered already.
+secret_json_ptr take_body(evhtp_request_t *req)
 {
-    const int status = velm_request_parse_request_body(req).status;
-    if (status != http_status_ok) {
+    velm_request_body parsed = velm_request_parse_request_body(req);
+    if (parsed.status != http_status_ok) {
         velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
-        http_server_reply_status(req, static_cast<http_status>(status));
+        http_server_reply_status(req, static_cast<http_status>(parsed.status));
     }
-    return status == http_status_ok;
+    return std::move(parsed.body);
 }
 
 void begin_route(evhtp_request_t *req, const http_route &route)
 {
     LOG_TRACE("%s - start", route.handler);
     require_request(req, route.handler);
-    if (body_is_readable(req)) {
-        begin_checks(req, route, route.checks);
+    secret_json_ptr body = take_body(req);
+    if (body != nullptr) {
+        begin_checks(req, route, route.checks, std::move(body));
     }
 }
 
 void http_method_pair(evhtp_request_t *req)
 {
     LOG_TRACE("%s - start", __func__);
-    if (!body_is_readable(req)) {
+    secret_json_ptr body = take_body(req);
+    if (body == nullptr) {
         return;
     }
     velm_request_checks checks = route_pair.checks;
     checks.assertion = has_header(req, "X-Assertion");
     if (!checks.assertion && !has_header(req, "X-Attestation")) {
         LOG_ERROR("%s - no attestation data", __func__);
-        const velm_request_body parsed = velm_request_parse_request_body(req);
         velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
-                                    request_auth(parsed.body.get()));
+                                    request_auth(body.get()));
         http_server_reply_status(req, http_status_bad_request);
         return;
     }
-    begin_checks(req, route_pair, checks);
+    begin_checks(req, route_pair, checks, std::move(body));
 }
 
 /// "/pair" and "/pairings" are told apart here, by the whole path: registered, one would be taken for
@@ -138,7 +142,7 @@ void http_method_info(evhtp_request_t *req, void *) noexcept
         return;
     }
     LOG_TRACE("%s - start", __func__);
-    begin_checks(req, route_info, route_info.checks);
+    begin_checks(req, route_info, route_info.checks, nullptr);
 }
 
 void http_method_challenge(evhtp_request_t *req, void *) noexcept

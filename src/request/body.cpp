@@ -154,23 +154,3 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
     }
     return {std::move(tree), http_status_ok};
 }
-
-secret_json_ptr velm_request_keep_auth(secret_json_ptr body)
-{
-    constexpr const char *names[] = {"deviceId", "deviceType", "bssid",
-                                     "username", "password",   "challenge"};
-    secret_json_ptr kept{cJSON_CreateObject()};
-    REQUIRE_MEMORY(kept, "kept");
-    cJSON *const auth = cJSON_AddObjectToObject(kept.get(), "auth");
-    REQUIRE_MEMORY(auth, "auth");
-    cJSON *const from = cJSON_GetObjectItemCaseSensitive(body.get(), "auth");
-    for (const char *const name : names) {
-        cJSON *const item = cJSON_DetachItemFromObjectCaseSensitive(from, name);
-        if (item != nullptr && (cJSON_IsString(item) || item->child == nullptr)) {
-            cJSON_AddItemToObject(auth, name, item);
-        } else {
-            const secret_json_ptr unwanted{item};
-        }
-    }
-    return kept;
-}

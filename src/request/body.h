@@ -17,9 +17,5 @@ struct velm_request_body {
     int status = 400;     // 200, 400 or 500
 };
 
-/// Of a body that was parsed, only what the checks ask for: "auth" with its texts, which stay where they
-/// are. The rest would be kept for as long as the checks take, and they may wait for Google.
-[[nodiscard]] secret_json_ptr velm_request_keep_auth(secret_json_ptr body);
-
 /// The request's JSON body with its "auth" object. A null request is fatal.
 [[nodiscard]] velm_request_body velm_request_parse_request_body(evhtp_request_t *req);

@@ -22,6 +22,12 @@ const char *request_header(const evhtp_request_t *request, const char *name)
     return evhtp_header_find(request->headers_in, name);
 }
 
+const char *request_path(const evhtp_request_t *request)
+{
+    const evhtp_uri_t *const uri = request->uri;
+    return uri == nullptr || uri->path == nullptr ? nullptr : uri->path->full;
+}
+
 const cJSON *request_auth(const cJSON *body)
 {
     return cJSON_GetObjectItemCaseSensitive(body, "auth");
@@ -64,13 +70,11 @@ std::optional<in_addr> request_peer_address(const evhtp_request_t *request)
     return peer.sin_addr;
 }
 
-std::optional<std::string> request_peer_text(const evhtp_request_t *request)
+std::optional<std::string> request_address_text(const std::optional<in_addr> &address)
 {
-    const std::optional<in_addr> peer = request_peer_address(request);
-    if (!peer.has_value()) {
-        return std::nullopt;
-    }
-    return velm_utils_print_ip_address(reinterpret_cast<const std::uint8_t *>(&peer->s_addr));
+    return address.has_value() ? velm_utils_print_ip_address(
+                                     reinterpret_cast<const std::uint8_t *>(&address->s_addr))
+                               : std::nullopt;
 }
 
 std::span<const std::uint8_t> request_bytes(std::string_view text)

@@ -26,6 +26,9 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 /// The header's text, borrowed from the request; null when it is missing. Names ignore case.
 [[nodiscard]] const char *request_header(const evhtp_request_t *request, const char *name);
 
+/// The path as it was sent, without the query, borrowed from the request; null without one.
+[[nodiscard]] const char *request_path(const evhtp_request_t *request);
+
 /// Of a body, its member "auth"; null without one.
 [[nodiscard]] const cJSON *request_auth(const cJSON *body);
 
@@ -41,8 +44,9 @@ inline constexpr std::size_t request_header_limit = 16384; // an assertion or at
 /// The peer's IPv4 address; nothing for another family.
 [[nodiscard]] std::optional<in_addr> request_peer_address(const evhtp_request_t *request);
 
-/// The same as dotted text.
-[[nodiscard]] std::optional<std::string> request_peer_text(const evhtp_request_t *request);
+/// Made for a line of the log or a report, not kept; nothing without an address.
+[[nodiscard]] std::optional<std::string>
+request_address_text(const std::optional<in_addr> &address);
 
-/// The memory of a text as bytes, for the crypto functions.
+/// The same memory as bytes, for the crypto functions.
 [[nodiscard]] std::span<const std::uint8_t> request_bytes(std::string_view text);

@@ -1,11 +1,12 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <optional>
-#include <string>
 
 #include "async/common_async.h"
-#include "handles/secret.h"
 #include "request/checks.h"
+#include "request/kept.h"
 #include "request/proof.h"
 
 /// The record of one request on its way through the checks. Only the preprocessor and the checks
@@ -26,24 +27,22 @@ struct velm_request_preprocessor {
     velm_request_checks checks;
     evhtp_request_t *request = nullptr; // borrowed; null once it is gone
     bool request_gone = false;          // freed with its connection: nobody is left to answer
-    secret_json_ptr body;
+    velm_request_kept_body body;
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;
     const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
     std::optional<velm_request_proof> proof; // what the assertion check went by
-    char client_ip[64] = {};
-    // Views into `body`; null when missing.
+    std::optional<in_addr> client_address;   // nothing for a peer without IPv4
+    // Views into `body.tree`; null when missing.
     const char *client_device_id = nullptr;
     const char *client_device_type = nullptr;
     const char *client_bssid = nullptr;
     const char *client_username = nullptr;
     const char *client_password = nullptr;
     const char *client_challenge = nullptr;
-    // Copies: the request may go first.
-    std::optional<std::string> path;
-    std::optional<std::string> client_assertion;  // header "X-Assertion"
-    std::optional<std::string> client_user_agent; // header "User-Agent"
+    // A view into the request, the header "X-Assertion"; null again when the request is gone.
+    const char *client_assertion = nullptr;
 };
 
 /// A check gives its break code, or nothing when it will report by itself through

@@ -32,30 +32,24 @@ int shown_length(const char *text)
     return length;
 }
 
-bool is_unknown(const char *text)
-{
-    return text == nullptr || *text == '\0';
-}
-
 } // namespace
 
-void velm_request_log_refusal(const char *check, const char *reason, const char *client_ip,
-                              const char *device_id)
+void velm_request_log_refusal(const char *check, const char *reason,
+                              const std::optional<in_addr> &client, const char *device_id)
 {
-    const char *const shown_id = is_unknown(device_id) ? "-" : device_id;
+    if (!common_logger_writes(log_category, LOG_LEVEL_WARN)) {
+        return;
+    }
+    const char *const shown_id = device_id == nullptr || *device_id == '\0' ? "-" : device_id;
     // The id last: what a stranger writes into it cannot be taken for the rest of the line.
     LOG_WARN("%s - %s: %s, ip: %s, device id: %.*s", "request_refused", check, reason,
-             is_unknown(client_ip) ? "-" : client_ip, shown_length(shown_id), shown_id);
+             request_address_text(client).value_or("-").c_str(), shown_length(shown_id), shown_id);
 }
 
 void velm_request_log_refusal_of(const evhtp_request_t *request, const char *check,
                                  const char *reason, const cJSON *auth)
 {
-    if (!common_logger_writes(log_category, LOG_LEVEL_WARN)) {
-        return;
-    }
-    const std::optional<std::string> ip = request_peer_text(request);
     const char *const device_id =
         auth == nullptr ? nullptr : velm_utils_get_field_value_from_json_object(auth, "deviceId");
-    velm_request_log_refusal(check, reason, ip.has_value() ? ip->c_str() : nullptr, device_id);
+    velm_request_log_refusal(check, reason, request_peer_address(request), device_id);
 }

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <evhtp/evhtp.h>
+#include <netinet/in.h>
+
+#include <optional>
 
 #include "handles/cjson.h"
 
@@ -9,8 +12,8 @@
 
 /// Nothing secret belongs into `check` and `reason`. The peer and the device id may be unknown: a null
 /// id is shown as "-". What is too long of an id is cut, and control characters never reach the log.
-void velm_request_log_refusal(const char *check, const char *reason, const char *client_ip,
-                              const char *device_id);
+void velm_request_log_refusal(const char *check, const char *reason,
+                              const std::optional<in_addr> &client, const char *device_id);
 
 /// The same for a request and its body's "auth", null while there is none.
 void velm_request_log_refusal_of(const evhtp_request_t *request, const char *check,

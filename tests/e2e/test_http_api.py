@@ -313,6 +313,31 @@ def test_a_phone_pairs_whose_attestation_has_as_many_characters_as(
     assert phone.location().status == 200
 
 
+PARSED = "velm_request_parse_request_body - received:"
+
+
+@pytest.mark.parametrize("path", ["/challenge", "/pair", "/pairings", "/location", "/unpair"])
+def test_a_body_is_parsed_once_for(path: str, paired: Caller, access_point: AccessPoint) -> None:
+    request = paired.prepare(path)
+    mark = access_point.daemon.log_mark()
+    assert paired.send(request).status == 200
+    assert access_point.daemon.log(mark).count(PARSED) == 1
+
+
+def test_a_list_of_locations_that_is_too_long_to_be_kept_is_parsed_again(
+    paired: Caller, access_point: AccessPoint, ipc: IpcClient
+) -> None:
+    """While the checks run, the daemon keeps 16 KiB for each request: some twenty locations."""
+    short, long = ([sample_location(rssi=-number) for number in range(size)] for size in (15, 45))
+    for locations, times in ((short, 1), (long, 2)):
+        request = paired.phone.prepare_location(locations)
+        mark = access_point.daemon.log_mark()
+        assert paired.send(request).status == 200
+        assert access_point.daemon.log(mark).count(PARSED) == times
+        reports = [ipc.receive_report() for _ in locations]
+        assert [report.rssi for report in reports] == [-number for number in range(len(locations))]
+
+
 @pytest.mark.parametrize("path", PATHS)
 def test_head_is_answered_like_any_method_but_without_a_body(path: str, paired: Caller) -> None:
     request = paired.prepare(path)

@@ -29,6 +29,7 @@ struct request_seen {
 inline std::vector<request_seen> seen;
 inline std::vector<evhtp_request_t *> paused;
 inline int last_socket = -1;
+inline std::size_t kept_of_paused = 0; // of the body, while a request is paused
 
 inline string header_of(evhtp_request_t *request, const char *name)
 {
@@ -58,6 +59,9 @@ inline void pause(evhtp_request_t *request, void *)
 {
     note(request);
     evhtp_pause(request);
+    if (kept_of_paused != 0) {
+        http_connections_count_kept(request->conn, kept_of_paused);
+    }
     paused.push_back(request);
 }
 
@@ -86,6 +90,7 @@ class Connections : public testing::Test {
     {
         seen.clear();
         paused.clear();
+        kept_of_paused = 0;
     }
     ~Connections() override
     {

@@ -30,6 +30,7 @@ struct velm_request_preprocessor {
     velm_request_checks checks;
     evhtp_request_t *request = nullptr;
     velm_request_callback callback = nullptr;
+    velm_request_kept_body body;
 };
 
 namespace {
@@ -48,6 +49,7 @@ stand_in_state stand_in;
 void finish(void *preprocessor, short, common_async_context *)
 {
     const auto *const done = static_cast<const velm_request_preprocessor *>(preprocessor);
+    const velm_request_body_offer offer{done->request, done->body};
     done->callback(done->request, stand_in.break_code);
 }
 
@@ -61,7 +63,8 @@ void serve_by(const char *name, evhtp_request_t *request, int break_code)
 
 velm_request_preprocessor *velm_request_preprocessor_create(const velm_request_checks &checks)
 {
-    return &stand_in.preprocessors.emplace_back(velm_request_preprocessor{checks});
+    return &stand_in.preprocessors.emplace_back(
+        velm_request_preprocessor{checks, nullptr, nullptr, {}});
 }
 
 void velm_request_preprocessor_attach_request(velm_request_preprocessor *preprocessor,
@@ -75,6 +78,12 @@ void velm_request_preprocessor_set_callback(velm_request_preprocessor *preproces
                                             velm_request_callback callback)
 {
     preprocessor->callback = callback;
+}
+
+void velm_request_preprocessor_attach_body(velm_request_preprocessor *preprocessor,
+                                           velm_request_kept_body body)
+{
+    preprocessor->body = std::move(body);
 }
 
 void velm_request_preprocessor_start(velm_request_preprocessor *preprocessor)

@@ -439,7 +439,7 @@ TEST_F(AssertCheck, OfARecordThatWasNotFilledEndsTheProcess)
     EXPECT_DEATH(check(), "make_assert_check: p->request is null: null reference");
     p_.client_challenge = nullptr;
     EXPECT_DEATH(check(), "make_assert_check: p->client_challenge is null: null reference");
-    p_.client_assertion.reset();
+    p_.client_assertion = nullptr;
     EXPECT_DEATH(check(), "make_assert_check: p->client_assertion is null: null reference");
     p_.client_device_id = nullptr;
     EXPECT_DEATH(check(), "make_assert_check: p->client_device_id is null: null reference");

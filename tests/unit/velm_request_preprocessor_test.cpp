@@ -3,6 +3,8 @@
 
 #include "velm_request_preprocessor.h"
 
+#include <arpa/inet.h>
+#include <event2/util.h>
 #include <openssl/crypto.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
+#include "logger/common_logger.h"
 #include "request/record.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
@@ -63,6 +66,7 @@ void answer_result(evhtp_request_t *request, int break_code)
 }
 
 std::vector<std::string> wiped;
+int addresses_printed = 0;
 
 constexpr velm_request_checks all_checks{true, true, true, true, true};
 constexpr velm_request_checks request_only{true, false, false, false, false};
@@ -118,6 +122,13 @@ extern "C" void OPENSSL_cleanse(void *memory, size_t size)
 {
     wiped.emplace_back(static_cast<const char *>(memory), size);
     std::memset(memory, 0, size);
+}
+
+/// Stands in for the C library's function, to see when the text of an address is made.
+extern "C" const char *inet_ntop(int family, const void *address, char *text, socklen_t size)
+{
+    ++addresses_printed;
+    return evutil_inet_ntop(family, address, text, size);
 }
 
 void make_assert_check(velm_request_preprocessor *p)
@@ -434,7 +445,7 @@ TEST_P(PreprocessorGone, WhileACheckWaitsEndsSilentlyWhateverTheCheckReports)
     request.free_connection();
     turn_test_loop();
     EXPECT_STREQ(p->client_device_id, "dev-1") << "the check still reads the record";
-    EXPECT_EQ(p->client_assertion, "YXNz");
+    EXPECT_EQ(p->client_assertion, nullptr) << "it was the request's";
     velm_request_preprocessor_continue(p, GetParam());
     turn_test_loop();
     EXPECT_TRUE(results.empty());
@@ -653,16 +664,14 @@ TEST_F(Preprocessor, GivesTheChecksWhatTheRequestSays)
     checks.held = "assertion";
     velm_request_preprocessor *const p = start(request, all_checks);
     turn_test_loop();
-    EXPECT_STREQ(p->client_ip, "127.0.0.1");
-    EXPECT_EQ(p->path, "/location");
+    EXPECT_EQ(p->client_address.value_or(in_addr{}).s_addr, htonl(INADDR_LOOPBACK));
     EXPECT_STREQ(p->client_device_id, "dev-1");
     EXPECT_STREQ(p->client_device_type, "iOS");
     EXPECT_STREQ(p->client_bssid, "aa:bb:cc:dd:ee:ff");
     EXPECT_STREQ(p->client_username, "admin");
     EXPECT_STREQ(p->client_password, "secret");
     EXPECT_STREQ(p->client_challenge, "c0ffee");
-    EXPECT_EQ(p->client_assertion, "YXNz");
-    EXPECT_EQ(p->client_user_agent, "app/1");
+    EXPECT_STREQ(p->client_assertion, "YXNz");
     velm_request_preprocessor_continue(p, 3);
     turn_test_loop();
 }
@@ -678,6 +687,19 @@ TEST_F(Preprocessor, TracesWhatTheRequestSaysThePasswordIncluded)
           "] - path: /location"}) {
         EXPECT_TRUE(log_.contains(text)) << text;
     }
+}
+
+TEST_F(Preprocessor, MakesTheTextOfAnAddressOnlyForALineThatIsWritten)
+{
+    addresses_printed = 0;
+    common_logger_set("level", "debug");
+    EXPECT_EQ(run(good_body, request_only), 0);
+    EXPECT_EQ(addresses_printed, 0);
+    EXPECT_EQ(run("{}", request_only), 1);
+    EXPECT_EQ(addresses_printed, 1);
+    common_logger_set("level", "trace");
+    EXPECT_EQ(run(good_body, request_only), 0);
+    EXPECT_EQ(addresses_printed, 2);
 }
 
 TEST_F(Preprocessor, StopsReadingAtTheFirstMemberThatWillNotDo)

@@ -217,6 +217,28 @@ TEST_F(Connections, ARequestForWhichItsAddressHasNoRoomIsEndedBeforeItReachesIts
     EXPECT_EQ(greedy[0]->receive().status, 200);
 }
 
+TEST_F(Connections, WhatTheChecksKeepOfABodyCountsUntilItsRequestIsAnswered)
+{
+    http_connection_limits limits;
+    limits.held_of_address = 40 * 1024;
+    serve(limits);
+    kept_of_paused = 30 * 1024;
+    const auto first = connected();
+    first->send(get_paused);
+    ASSERT_TRUE(pauses());
+    const string part = "GET /now HTTP/1.1\r\nA: " + string(8000, 'a');
+    const auto second = connected();
+    second->send(part + string(7000, 'a'));
+    EXPECT_TRUE(second->is_closed());
+    EXPECT_EQ(log.count("WARN velm_http_server - keep_within_memory - closing a connection"), 1);
+    answer_paused();
+    EXPECT_EQ(first->receive().status, 200);
+    const auto third = connected();
+    third->send(part);
+    third->send("\r\n\r\n");
+    EXPECT_EQ(third->receive().status, 200);
+}
+
 TEST_F(Connections, WhatNobodyReadsIsBoundedInTheKernelToo)
 {
     serve();

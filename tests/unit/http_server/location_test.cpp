@@ -243,16 +243,53 @@ TEST_F(Location, WithoutARequestEndsTheProcess)
 }
 
 /// The route's own checks, as far as the stand-ins let them pass.
-int post_through_the_checks(const paused_request &request)
+int post_through_the_checks(const paused_request &request, const std::string &parsed = "")
 {
     server.statuses.clear();
     velm_request_preprocessor *const p =
         velm_request_preprocessor_create({true, true, true, true, true});
     velm_request_preprocessor_attach_request(p, request.get());
     velm_request_preprocessor_set_callback(p, http_method_location_handle);
+    if (!parsed.empty()) {
+        velm_request_preprocessor_attach_body(
+            p, velm_request_keep(secret_json_ptr{cJSON_Parse(parsed.c_str())}, "location"));
+    }
     velm_request_preprocessor_start(p);
     turn_test_loop();
     return server.statuses.size() == 1 ? server.statuses[0] : -1;
+}
+
+constexpr char parsing[] = "velm_request_parse_request_body - received:";
+
+TEST_F(Location, ABodyThatTheRouteHasParsedIsNotParsedAgain)
+{
+    const std::string body = body_with(R"([{"x":1},{"x":2}])");
+    const paused_request request{body, {{"X-Assertion", "YXNz"}}};
+    EXPECT_EQ(post_through_the_checks(request, body), 200);
+    ASSERT_EQ(server.sent.size(), 2U);
+    EXPECT_EQ(server.sent[0].auth, auth);
+    EXPECT_EQ(server.sent[1].location, R"({"x":2})");
+    EXPECT_EQ(log_.count(parsing), 0);
+}
+
+TEST_F(Location, AListThatIsTooLongToBeKeptIsParsedAgainAndHandedOverWhole)
+{
+    std::string list = R"([{"x":0})";
+    for (int i = 1; i < 300; ++i) {
+        list += R"(,{"x":0})";
+    }
+    const std::string body = body_with(list + "]");
+    const paused_request request{body, {{"X-Assertion", "YXNz"}}};
+    EXPECT_EQ(post_through_the_checks(request, body), 200);
+    EXPECT_EQ(server.sent.size(), 300U);
+    EXPECT_EQ(log_.count(parsing), 1);
+}
+
+TEST_F(Location, WithoutAParsedBodyTheChecksAndTheRouteParseIt)
+{
+    const paused_request request{body_with(R"({"x":1})"), {{"X-Assertion", "YXNz"}}};
+    EXPECT_EQ(post_through_the_checks(request), 200);
+    EXPECT_EQ(server.sent.size(), 1U);
 }
 
 TEST_F(Location, TheChecksRunInOrderAndAForeignBssidOfAnElseGoodRequestGivesTheStatusOfCode6)
