@@ -13,8 +13,9 @@ inline constexpr char config_yes[] = "yes";
 
 /// A field of the record, by its type.
 using config_field =
-    std::variant<bool velm_config::*, std::uint16_t velm_config::*, char (velm_config::*)[256],
-                 char (velm_config::*)[50], char (velm_config::*)[20]>;
+    std::variant<bool velm_config::*, std::uint16_t velm_config::*,
+                 char (velm_config::*)[config_path_size], char (velm_config::*)[config_word_size],
+                 char (velm_config::*)[config_name_size]>;
 
 struct config_setting {
     const char *key; // in the file and in the log
