@@ -211,6 +211,13 @@ INSTANTIATE_TEST_SUITE_P(Payloads, UnreadablePayload,
                                          std::string(2000, '[')),
                          [](const auto &row) { return std::to_string(row.index); });
 
+TEST_F(AndroidLocally, AnEscapedBackslashBeforeU0000IsText)
+{
+    EXPECT_FALSE(passes(token_of(R"({"a":"\\u0000"})")));
+    EXPECT_FALSE(log.has(std::string{"ERROR "} + worker + "cannot parse integrity verdict"));
+    EXPECT_TRUE(log.contains("no requestDetails"));
+}
+
 TEST_F(AndroidLocally, APackageNameCutByANulDoesNotPassForOurs)
 {
     EXPECT_FALSE(passes(token_of(verdict_for(digest, std::string{package} + "\\u0000x"))));
