@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Reads the sources without running them: clang-tidy (.clang-tidy), clang-format, shellcheck, pyflakes,
-# and that only src/handles allocates and frees. Installs what is missing. Prints what is wrong; the
-# exit status is 0 only when nothing is.
+# that only src/handles allocates and frees, and that includes run in no circle. Installs what is
+# missing. Prints what is wrong; the exit status is 0 only when nothing is.
 #
 # usage: scripts/lint.sh [--junitxml FILE] [FILE.cpp ...]
 #        with files, only clang-tidy, and only on those
@@ -81,6 +81,7 @@ else
     check shell shell
     check python python
     check ownership /usr/bin/python3 -B scripts/check-ownership.py
+    check includes /usr/bin/python3 -B scripts/check-includes.py
     check planted planted
     mapfile -t files < <(sources)
     check clang-tidy tidy "${files[@]}"

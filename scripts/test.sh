@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both and
-# reads the sources (scripts/lint.sh). On the first preset the end-to-end tests that make each
-# kind of connection run again with phones and a cloud that are strict about TLS. Each step says how
+# reads the sources (scripts/lint.sh). On the first preset the end-to-end tests that depend
+# on the version of TLS run again with phones and a cloud that are strict about it. Each step says how
 # long it took.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
@@ -44,12 +44,6 @@ python_tests() { # PRESET NAME FOLDER [OPTION ...]
         --build="build/$1" --junitxml="$results/$2-$1.xml" "${@:3}"
 }
 
-# Each kind of connection: what these do not need, no other test needs.
-with_phones=()
-for name in tls round_trip android_remote cloud_failures; do
-    with_phones+=("tests/e2e/test_$name.py")
-done
-
 storms() { # PRESET: three seeds at once, since they mostly wait
     local seed pids=() status=0
     for seed in 1 2 3; do
@@ -77,7 +71,7 @@ for preset in "${presets[@]}"; do
 done
 for tls in 1.2 1.3; do
     step "end-to-end tests with TLS $tls only, ${presets[0]}" \
-        python_tests "${presets[0]}" "e2e-tls-$tls" "${with_phones[@]}" "--tls=$tls"
+        python_tests "${presets[0]}" "e2e-tls-$tls" tests/e2e -m each_tls "--tls=$tls"
 done
 step "tests of the documents" python_tests "${presets[0]}" documents tests/documents
 step "lint" ./scripts/lint.sh --junitxml "$results/lint.xml"

@@ -15,6 +15,7 @@
 #include "handles/cjson.h"
 #include "ios_validation/ios_app_validate.h"
 #include "ios_validation/signature.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_google_integrity.h"
 #include "velm_nvram_pairings.h"
@@ -133,8 +134,7 @@ json_ptr integrity_verdict_parse(const char *caller, const std::string &payload)
 {
     LOG_TRACE("%s - integrity verdict: %.*s", caller, static_cast<int>(payload.size()),
               payload.c_str());
-    const bool has_nul =
-        payload.find('\0') != std::string::npos || payload.find("\\u0000") != std::string::npos;
+    const bool has_nul = payload.find('\0') != std::string::npos || json_has_nul_in_string(payload);
     json_ptr verdict{has_nul ? nullptr : cJSON_ParseWithOpts(payload.c_str(), nullptr, 1)};
     if (verdict == nullptr) {
         LOG_ERROR("%s - cannot parse integrity verdict", caller);

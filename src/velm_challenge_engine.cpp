@@ -12,6 +12,7 @@
 
 #include "handles/malloc.h"
 #include "logger/fatal.h"
+#include "text/hex.h"
 
 namespace {
 
@@ -79,11 +80,9 @@ void challenge_entries_remove_all()
 /// lands on bytes that are read already.
 void expand_to_hexadecimal(char *challenge)
 {
-    constexpr char digits[] = "0123456789abcdef";
     for (std::size_t i = 0; i < random_size; ++i) {
-        const auto byte = static_cast<unsigned char>(challenge[random_size + i]);
-        challenge[2 * i] = digits[byte >> 4];
-        challenge[2 * i + 1] = digits[byte & 0x0f];
+        const auto digits = hex_digits(static_cast<std::uint8_t>(challenge[random_size + i]));
+        std::copy(digits.begin(), digits.end(), challenge + 2 * i);
     }
     challenge[2 * random_size] = '\0';
 }

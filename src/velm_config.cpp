@@ -1,12 +1,14 @@
 #include "velm_config.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <span>
 #include <string_view>
 #include <variant>
 
+#include "config/settings.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -14,128 +16,74 @@ namespace {
 constexpr char log_category[] = "velm_config";
 constexpr char default_logging[] = "enabled=no:level=error:syslog=no:syslog.ident=velmd:stdout=no";
 
-struct flag_row {
-    const char *key;
-    bool velm_config::*member;
-    bool standard;
-};
+using setting_rows = std::span<const config_setting>;
 
-struct number_row {
-    const char *key;
-    std::uint16_t velm_config::*member;
-    std::uint16_t standard;
-};
-
-struct text_row {
-    const char *key;
-    std::span<char> (*member)(velm_config &);
-    const char *(*read)(const velm_config &);
-    const char *standard;
-};
-
-using config_row = std::variant<flag_row, number_row, text_row>;
-
-/// A row for a character array, of whatever size.
-template <auto Member>
-constexpr text_row text(const char *key, const char *standard)
+void set_default(bool *field, const char *standard)
 {
-    return {key, [](velm_config &config) -> std::span<char> { return config.*Member; },
-            [](const velm_config &config) -> const char * { return config.*Member; }, standard};
+    *field = std::string_view{standard} == config_yes;
 }
 
-constexpr text_row vendor_id_row = text<&velm_config::vendor_id>("vendor.id", "NORVALE");
-
-/// The fields that the file sets, in the order of the record.
-// clang-format off
-constexpr config_row file_rows[] = {
-    flag_row{"process.daemonize", &velm_config::daemonize, true},
-    text<&velm_config::pid_file_path>("process.pidfile", "/var/run/velmd.pid"),
-    text<&velm_config::http_client_ca_cert_path>("http.client.ca_cert.path", "/etc/afc/velmd/cacert.pem"),
-    text<&velm_config::http_server_cert_path>("http.server.cert.path", "/etc/afc/velmd/velm_server_cert.pem"),
-    text<&velm_config::http_server_key_path>("http.server.key.path", "/etc/afc/velmd/velm_server_key.pem"),
-    number_row{"http.server.port", &velm_config::http_server_port, 8080},
-    number_row{"ssdp.server.port", &velm_config::ssdp_server_port, 1900},
-    number_row{"pairings.limit", &velm_config::pairings_limit, 10},
-    text<&velm_config::app_android_package_name>("app.android.package_name", "com.norvale.afc"),
-    text<&velm_config::app_android_integrity_d_key_path>("app.android.integrity.d.key.path", "/etc/afc/velmd/android_integrity_decryption.jwk"),
-    text<&velm_config::app_android_integrity_v_key_path>("app.android.integrity.v.key.path", "/etc/afc/velmd/android_integrity_verification.jwk"),
-    text<&velm_config::app_android_integrity_privatekey_path>("app.android.integrity.privatekey.path", "/etc/afc/velmd/android_integrity_adminsdk_key.json"),
-    text<&velm_config::app_android_integrity_method>("app.android.integrity.method", "remote"),
-    flag_row{"app.android.integrity.enabled", &velm_config::app_android_integrity_enabled, true},
-    text<&velm_config::app_ios_appid>("app.ios.appid", "Q4TZ8KM2W7.com.norvale.afc"),
-    text<&velm_config::app_ios_attest_root_ca_path>("app.ios.attest.root.ca.path", ""),
-    text<&velm_config::location_policy_ipc_sock>("location.policy.ipc.sock", "/var/afc/zelka_daemon"),
-    text<&velm_config::cloudmessaging_firebase_privatekey_path>("cloudmessaging.firebase.privatekey.path", "/etc/afc/velmd/firebase_adminsdk_key.json"),
-    vendor_id_row,
-};
-
-/// The fields that only the platform and the command line set; the key is for the log.
-constexpr config_row platform_rows[] = {
-    text<&velm_config::lan_ip_address>("lan.ip.address", "192.168.1.1"),
-    text<&velm_config::lan_name>("lan.name", "br0"),
-    text<&velm_config::serial_number>("serial.number", "1234"),
-    text<&velm_config::mac_address>("mac.address", "01:02:03:04:05:06"),
-};
-// clang-format on
-
-void set_default(velm_config &config, const flag_row &row)
+void set_default(std::uint16_t *field, const char *standard)
 {
-    config.*row.member = row.standard;
+    const std::string_view digits{standard};
+    std::from_chars(digits.data(), digits.data() + digits.size(), *field);
 }
 
-void set_default(velm_config &config, const number_row &row)
+template <std::size_t Size>
+void set_default(char (*field)[Size], const char *standard)
 {
-    config.*row.member = row.standard;
+    velm_config_copy_text(*field, Size, standard);
 }
 
-void set_default(velm_config &config, const text_row &row)
+void load(const ConfigFile *file, const char *key, bool *field)
 {
-    const std::span<char> field = row.member(config);
-    velm_config_copy_text(field.data(), field.size(), row.standard);
+    set_config_value_bool(file, key, field);
 }
 
-void load(velm_config &config, const ConfigFile *file, const flag_row &row)
+void load(const ConfigFile *file, const char *key, std::uint16_t *field)
 {
-    set_config_value_bool(file, row.key, &(config.*row.member));
+    set_config_value_uint16(file, key, field);
 }
 
-void load(velm_config &config, const ConfigFile *file, const number_row &row)
+template <std::size_t Size>
+void load(const ConfigFile *file, const char *key, char (*field)[Size])
 {
-    set_config_value_uint16(file, row.key, &(config.*row.member));
+    set_config_value_str(file, key, *field, Size);
 }
 
-void load(velm_config &config, const ConfigFile *file, const text_row &row)
+void print(const char *key, bool value)
 {
-    const std::span<char> field = row.member(config);
-    set_config_value_str(file, row.key, field.data(), field.size());
+    LOG_TRACE("%s: %s", key, value ? config_yes : "no");
 }
 
-void print(const velm_config &config, const flag_row &row)
+void print(const char *key, std::uint16_t value)
 {
-    LOG_TRACE("%s: %s", row.key, config.*row.member ? "yes" : "no");
+    LOG_TRACE("%s: %u", key, static_cast<unsigned>(value));
 }
 
-void print(const velm_config &config, const number_row &row)
+void print(const char *key, const char *value)
 {
-    LOG_TRACE("%s: %u", row.key, static_cast<unsigned>(config.*row.member));
+    LOG_TRACE("%s: %s", key, value);
 }
 
-void print(const velm_config &config, const text_row &row)
+void set_defaults(velm_config &config, setting_rows rows)
 {
-    LOG_TRACE("%s: %s", row.key, row.read(config));
-}
-
-void set_defaults(velm_config &config, std::span<const config_row> rows)
-{
-    for (const config_row &row : rows) {
-        std::visit([&config](const auto &field) { set_default(config, field); }, row);
+    for (const config_setting &row : rows) {
+        std::visit([&](auto field) { set_default(&(config.*field), row.standard); }, row.field);
     }
 }
 
-void print_rows(const velm_config &config, std::span<const config_row> rows)
+void load_rows(velm_config &config, const ConfigFile *file, setting_rows rows)
 {
-    for (const config_row &row : rows) {
-        std::visit([&config](const auto &field) { print(config, field); }, row);
+    for (const config_setting &row : rows) {
+        std::visit([&](auto field) { load(file, row.key, &(config.*field)); }, row.field);
+    }
+}
+
+void print_rows(const velm_config &config, setting_rows rows)
+{
+    for (const config_setting &row : rows) {
+        std::visit([&](auto field) { print(row.key, config.*field); }, row.field);
     }
 }
 
@@ -145,8 +93,8 @@ void velm_config_set_defaults(velm_config *config)
 {
     REQUIRE_NOT_NULL(config, "config");
     common_logger_configure_from_string(default_logging);
-    set_defaults(*config, file_rows);
-    set_defaults(*config, platform_rows);
+    set_defaults(*config, config_file_settings());
+    set_defaults(*config, config_platform_settings());
     config->bssids_list.reset(cJSON_Parse("[]"));
     REQUIRE_NOT_NULL(config->bssids_list, "config->bssids_list");
 }
@@ -160,10 +108,10 @@ void velm_config_load_from_file(velm_config *config, const char *file)
         return;
     }
     common_logger_configure_from_file(cfile.get());
-    for (const config_row &row : file_rows) {
-        std::visit([&](const auto &field) { load(*config, cfile.get(), field); }, row);
-    }
-    load(*config, cfile.get(), vendor_id_row); // once more, as ever: it changes nothing
+    const setting_rows rows = config_file_settings();
+    load_rows(*config, cfile.get(), rows);
+    load_rows(*config, cfile.get(),
+              rows.last(1)); // vendor.id once more, as ever: it changes nothing
 }
 
 void velm_config_print_to_log(const velm_config *config)
@@ -172,8 +120,8 @@ void velm_config_print_to_log(const velm_config *config)
     if (!common_logger_writes(log_category, LOG_LEVEL_TRACE)) {
         return;
     }
-    print_rows(*config, file_rows);
-    print_rows(*config, platform_rows);
+    print_rows(*config, config_file_settings());
+    print_rows(*config, config_platform_settings());
     const json_text bssids{config->bssids_list == nullptr
                                ? nullptr
                                : cJSON_PrintUnformatted(config->bssids_list.get())};

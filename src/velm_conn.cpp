@@ -56,9 +56,15 @@ constexpr int rest_factor = 2 * static_cast<int>(velm_ipc_connection_limit) - 1;
 constexpr microseconds longest_rest{2'000'000}; // though the machine itself may have slept
 
 // Twice the usual net.core.wmem_max is what a client can set as its send buffer, and no packet is
-// longer than that. Never touched beyond what comes, and given back after a long packet, so it costs
-// address space only.
-std::array<std::uint8_t, 2 * 212992> read_buffer;
+// longer than that.
+constexpr std::size_t longest_packet = std::size_t{2} * 212992;
+
+struct module_state {
+    // Never touched beyond what comes, and given back after a long packet, so it costs address space
+    // only.
+    std::array<std::uint8_t, longest_packet> read_buffer;
+};
+module_state state;
 
 timeval timeval_of(steady_clock::duration length)
 {
@@ -72,11 +78,11 @@ timeval timeval_of(steady_clock::duration length)
 void read_buffer_give_back()
 {
     const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto begin = reinterpret_cast<std::uintptr_t>(read_buffer.data());
+    const auto begin = reinterpret_cast<std::uintptr_t>(state.read_buffer.data());
     const std::uintptr_t first = (begin + page - 1) / page * page;
-    const std::uintptr_t last = (begin + read_buffer.size()) / page * page;
+    const std::uintptr_t last = (begin + state.read_buffer.size()) / page * page;
     if (first < last) {
-        madvise(read_buffer.data() + (first - begin), last - first, MADV_DONTNEED);
+        madvise(state.read_buffer.data() + (first - begin), last - first, MADV_DONTNEED);
     }
 }
 
@@ -163,7 +169,7 @@ void read_cb(evutil_socket_t socket, short, void *context) noexcept
     auto *const conn = static_cast<velm_conn *>(context);
     // With MSG_TRUNC the result is the packet's whole length, even when that is not read whole.
     const ssize_t size =
-        recv(socket, read_buffer.data(), read_buffer.size(), MSG_TRUNC | MSG_DONTWAIT);
+        recv(socket, state.read_buffer.data(), state.read_buffer.size(), MSG_TRUNC | MSG_DONTWAIT);
     if (size < 0) {
         read_failed(conn, errno);
         return;
@@ -175,12 +181,12 @@ void read_cb(evutil_socket_t socket, short, void *context) noexcept
         }
         return;
     }
-    if (static_cast<std::size_t>(size) > read_buffer.size()) {
+    if (static_cast<std::size_t>(size) > state.read_buffer.size()) {
         LOG_ERROR("Unexpected error in read cb");
         connection_close(conn);
         return;
     }
-    const auto packet = std::span{read_buffer}.first(static_cast<std::size_t>(size));
+    const auto packet = std::span{state.read_buffer}.first(static_cast<std::size_t>(size));
     if (packet.size() <= short_packet) {
         packet_handle(conn, packet);
     } else {

@@ -15,6 +15,7 @@
 #include "handles/argument.h"
 #include "handles/cjson.h"
 #include "http/http_client.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
@@ -22,6 +23,9 @@
 namespace {
 
 constexpr char log_category[] = "velm_fcm_messaging";
+
+/// Between the pushes of one run, and before the first, so that the phones do not all answer at once.
+constexpr long push_gap_s = 1;
 
 constexpr int http_ok = 200;
 constexpr int http_unauthorized = 401;
@@ -47,22 +51,16 @@ struct send_context {
 };
 using send_context_ptr = std::unique_ptr<send_context>;
 
-const char *text_or_empty(const cJSON *object, const char *field)
-{
-    const char *text = velm_utils_get_field_value_from_json_object(object, field);
-    return text == nullptr ? "" : text;
-}
-
 /// The token that FCM does not know may be an earlier one: a phone that has paired again meanwhile
 /// stays paired.
 void unpair(const cJSON *pairing, int code)
 {
     constexpr char function[] = "send_push_handler";
-    const char *dev_id = text_or_empty(pairing, "dev_id");
-    const char *dev_type = text_or_empty(pairing, "dev_type");
-    const std::string_view push_token = text_or_empty(pairing, "push_token");
+    const char *dev_id = json_text_or_empty(pairing, "dev_id");
+    const char *dev_type = json_text_or_empty(pairing, "dev_type");
+    const std::string_view push_token = json_text_or_empty(pairing, "push_token");
     const json_ptr stored = velm_nvram_pairings_select_pairing(dev_id);
-    if (stored != nullptr && push_token != text_or_empty(stored.get(), "push_token")) {
+    if (stored != nullptr && push_token != json_text_or_empty(stored.get(), "push_token")) {
         LOG_INFO("%s - [%s,%s,%s,%d] - stays paired (by another token)", function, dev_id, dev_type,
                  push_token.data(), code);
         return;
@@ -79,8 +77,9 @@ void push_refused(const send_context &context, int code)
 {
     constexpr char function[] = "send_push_handler";
     const cJSON *pairing = context.pairing.get();
-    LOG_ERROR("%s - [%s,%s,%s,%d]", function, text_or_empty(pairing, "dev_id"),
-              text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"), code);
+    LOG_ERROR("%s - [%s,%s,%s,%d]", function, json_text_or_empty(pairing, "dev_id"),
+              json_text_or_empty(pairing, "dev_type"), json_text_or_empty(pairing, "push_token"),
+              code);
     if (code == http_unauthorized) {
         velm_google_account_refuse_token(state.account, context.access_token_number, log_category,
                                          function);
@@ -111,8 +110,8 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
         unpair(pairing, code);
     } else {
         LOG_WARN("%s - [%s,%s,%s,%d] - stays paired (the answer is not about its token)", __func__,
-                 text_or_empty(pairing, "dev_id"), text_or_empty(pairing, "dev_type"),
-                 text_or_empty(pairing, "push_token"), code);
+                 json_text_or_empty(pairing, "dev_id"), json_text_or_empty(pairing, "dev_type"),
+                 json_text_or_empty(pairing, "push_token"), code);
     }
 }
 
@@ -120,7 +119,7 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
 bool can_send(const cJSON *pairing)
 {
     constexpr char function[] = "send_push";
-    if (*text_or_empty(pairing, "push_token") == '\0') {
+    if (*json_text_or_empty(pairing, "push_token") == '\0') {
         LOG_ERROR("%s - empty push_token", function);
         return false;
     }
@@ -168,8 +167,8 @@ void send_push_now(send_context_ptr context)
     if (pairing == nullptr) {
         return;
     }
-    LOG_TRACE("%s - [%s,%s,%s]", function, text_or_empty(pairing, "dev_id"),
-              text_or_empty(pairing, "dev_type"), text_or_empty(pairing, "push_token"));
+    LOG_TRACE("%s - [%s,%s,%s]", function, json_text_or_empty(pairing, "dev_id"),
+              json_text_or_empty(pairing, "dev_type"), json_text_or_empty(pairing, "push_token"));
     if (!can_send(pairing)) {
         return;
     }
@@ -212,8 +211,8 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
         }
         const allocation_name naming{__func__, "cm_params_copy"};
         auto context = std::make_unique<send_context>(send_context{index, *params});
-        // One second apart, so that the phones do not all answer at once.
-        common_async_action_schedule(send_push, context.release(), ++delay_s, 0);
+        delay_s += push_gap_s;
+        common_async_action_schedule(send_push, context.release(), delay_s, 0);
     }
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "async/common_async.h"
+#include "crypto/openssl_error.h"
 #include "handles/evhtp.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
@@ -24,6 +25,7 @@
 namespace {
 
 constexpr int HTTP_SERVER_MAX_CONNS = 128; // the listen backlog
+constexpr int library_failure = -1;        // what libevhtp tells of any
 
 /// libevhtp's record borrows the texts, and the instance borrows the record.
 struct tls_settings {
@@ -63,70 +65,61 @@ std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)
     return settings;
 }
 
-std::string openssl_error_text()
-{
-    char text[256] = "no reason given";
-    const unsigned long code = ERR_peek_last_error();
-    if (code != 0) {
-        ERR_error_string_n(code, text, sizeof text);
-    }
-    return text;
-}
-
 /// evhtp_ssl_init says yes to a certificate and a key that nobody can be served with.
-int init_tls(evhtp_t *http_server_instance, evhtp_ssl_cfg_t *http_server_ssl_config)
+bool init_tls(evhtp_t *http_server_instance, evhtp_ssl_cfg_t *http_server_ssl_config)
 {
     ERR_clear_error();
-    int rc = evhtp_ssl_init(http_server_instance, http_server_ssl_config);
-    if (rc >= 0 && (SSL_CTX_get0_certificate(http_server_instance->ssl_ctx) == nullptr ||
-                    SSL_CTX_check_private_key(http_server_instance->ssl_ctx) != 1)) {
-        rc = -1;
-    }
-    if (rc < 0) {
+    const bool can_serve = evhtp_ssl_init(http_server_instance, http_server_ssl_config) >= 0 &&
+                           SSL_CTX_get0_certificate(http_server_instance->ssl_ctx) != nullptr &&
+                           SSL_CTX_check_private_key(http_server_instance->ssl_ctx) == 1;
+    if (!can_serve) {
+        const openssl_error error = openssl_last_error();
         LOG_ERROR("%s - cannot use %s with %s: %s", __func__, http_server_ssl_config->pemfile,
-                  http_server_ssl_config->privfile, openssl_error_text().c_str());
+                  http_server_ssl_config->privfile,
+                  error.code != 0 ? error.text.c_str() : "no reason given");
     }
     ERR_clear_error();
-    return rc;
+    return can_serve;
 }
 
-/// evhtp_bind_socket takes text that is no address for one. errno says why it failed.
-int bind_socket(evhtp_t *http_server_instance)
+/// evhtp_bind_socket takes text that is no address for one. False, and errno, when it failed.
+bool bind_socket(evhtp_t *http_server_instance)
 {
     const std::string address = velm_config_lan_ip_address(state.config);
     in_addr checked{};
     if (inet_pton(AF_INET, address.c_str(), &checked) != 1) {
         LOG_ERROR("%s - no IPv4 address: %s", __func__, address.c_str());
         errno = EINVAL;
-        return -1;
+        return false;
     }
-    const int rc = evhtp_bind_socket(http_server_instance, address.c_str(),
-                                     state.config->http_server_port, HTTP_SERVER_MAX_CONNS);
+    const bool is_bound =
+        evhtp_bind_socket(http_server_instance, address.c_str(), state.config->http_server_port,
+                          HTTP_SERVER_MAX_CONNS) >= 0;
     const int error = errno;
-    if (rc < 0 && error != EADDRNOTAVAIL) {
+    if (!is_bound && error != EADDRNOTAVAIL) {
         LOG_ERROR("%s - %s:%u: %s", __func__, address.c_str(),
                   unsigned{state.config->http_server_port}, std::strerror(error));
     }
     errno = error;
-    return rc;
+    return is_bound;
 }
 
-void say_bind_failed(int rc)
+void say_bind_failed()
 {
     LOG_ERROR("%s: call failed: %s result: %i loc: %s:%i", "http_server_start",
               "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
               "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
-              rc, __FILE__, __LINE__);
+              library_failure, __FILE__, __LINE__);
 }
 
 void bind_again(evutil_socket_t, short, void *) noexcept;
 
 /// An address that is announced may not be there yet, or no longer: the next attempt or the next
 /// announcement finds it.
-void wait_for_address(int rc)
+void wait_for_address()
 {
     if (!state.address_wait.is_waiting()) {
-        say_bind_failed(rc);
+        say_bind_failed();
         LOG_INFO("%s - until an interface has %s", __func__,
                  velm_config_lan_ip_address(state.config).c_str());
     }
@@ -144,14 +137,13 @@ void stop_waiting()
 
 void bind_or_wait()
 {
-    const int rc = bind_socket(state.http_server_instance.get());
-    if (rc >= 0) {
+    if (bind_socket(state.http_server_instance.get())) {
         stop_waiting();
         http_connections_watch_listener();
     } else if (errno == EADDRNOTAVAIL) {
-        wait_for_address(rc);
+        wait_for_address();
     } else {
-        say_bind_failed(rc);
+        say_bind_failed();
         std::abort();
     }
 }
@@ -185,8 +177,9 @@ void http_server_start()
     REQUIRE_MEMORY(state.http_server_instance, "http_server_instance");
     evhtp_t *const http_server_instance = state.http_server_instance.get();
     evhtp_enable_flag(http_server_instance, EVHTP_FLAG_ENABLE_NODELAY);
-    const int rc = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
-    REQUIRE_CALL(rc >= 0, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)", rc);
+    const bool can_serve = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
+    REQUIRE_CALL(can_serve, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)",
+                 library_failure);
     http_tls_tune(http_server_instance->ssl_ctx);
     http_connections_attach(http_server_instance, {});
     bind_or_wait();

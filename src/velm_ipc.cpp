@@ -67,7 +67,6 @@ namespace {
 constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
 constexpr timeval listener_pause_time{0, 200000};
-constexpr std::time_t longest_wait_s = 600; // what the parser gives a request
 // The clock on the wall, by which requests wait, may be set forward: it is looked at this often.
 constexpr std::time_t longest_sleep_s = 3;
 
@@ -110,7 +109,7 @@ bool wants_to_connect(const velm_ipc *server)
 /// Also when the clock stepped back behind the request's arrival: it may have waited for long.
 bool has_waited_too_long(const outstanding_request &request, std::time_t now)
 {
-    return now > request.deadline || request.deadline > now + longest_wait_s;
+    return now > request.deadline || request.deadline > now + velm_ipc_cmd_request_lifetime_s;
 }
 
 timer_state timer_wanted(const velm_ipc *server)
@@ -130,7 +129,8 @@ timeval timer_delay(const velm_ipc *server, timer_state wanted)
     }
     const std::time_t left = server->requests.front().deadline - std::time(nullptr);
     // Who has its report waits for nothing more, though the request is kept until its time is over.
-    const std::time_t longest = server->has_reported ? longest_wait_s + 1 : longest_sleep_s;
+    const std::time_t longest =
+        server->has_reported ? velm_ipc_cmd_request_lifetime_s + 1 : longest_sleep_s;
     return {std::clamp(left + 1, std::time_t{1}, longest), 0};
 }
 

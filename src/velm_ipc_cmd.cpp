@@ -15,7 +15,6 @@ constexpr char log_category[] = "IPC_CMD";
 constexpr std::size_t header_size = sizeof(velm_frame_header);
 constexpr std::size_t request_size = sizeof(velm_location_request);
 constexpr std::size_t report_size = sizeof(velm_location_report);
-constexpr std::time_t request_lifetime_s = 600;
 
 int frame_write(velm_conn *conn, velm_frame_header header, const void *payload)
 {
@@ -39,7 +38,7 @@ void request_handle(velm_conn *conn, const velm_frame_header &header, const std:
     if (handler == nullptr) {
         return;
     }
-    const std::time_t deadline = std::time(nullptr) + request_lifetime_s;
+    const std::time_t deadline = std::time(nullptr) + velm_ipc_cmd_request_lifetime_s;
     if (handler(conn, header.id, header.type, payload, header.len, deadline) == 0) {
         LOG_TRACE("Send busy");
         velm_ipc_cmd_send_resp(conn, VELM_LOCATION_REQUEST, header.id, VELM_STATUS_BUSY, nullptr,

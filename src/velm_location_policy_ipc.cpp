@@ -28,6 +28,9 @@ constexpr char log_category[] = "velm_location_policy_ipc";
 // One packet can hold thousands of requests, and the loop takes one queued call a turn.
 constexpr unsigned waiting_asks_limit = 256;
 
+constexpr double latitude_max = 90; // degrees
+constexpr double longitude_max = 180;
+
 struct module_state {
     event_base *base = nullptr;
     const velm_config *config = nullptr;
@@ -158,7 +161,7 @@ bool values_check(const char *caller, const location_source &sent_by, const loca
             return false;
         }
     }
-    if (std::abs(values.latitude) > 90 || std::abs(values.longitude) > 180) {
+    if (std::abs(values.latitude) > latitude_max || std::abs(values.longitude) > longitude_max) {
         LOG_WARN("%s - latitude %g or longitude %g is none, device id %s, ip address %s", caller,
                  values.latitude, values.longitude, dev_id, sent_by.ip.c_str());
         return false;
@@ -227,11 +230,12 @@ void ask_for_location(void *user_data, short, common_async_context *) noexcept
     velm_cloud_messaging_push_to_all(ask->timeout, ask->type);
 }
 
-int no_paired_devices_respond(velm_ipc *server, std::uint32_t seq)
+bool no_paired_devices_respond(velm_ipc *server, std::uint32_t seq)
 {
     velm_location_report report{};
     report.time = build_time();
-    return velm_ipc_respond(server, seq, &report, sizeof report, VELM_STATUS_NO_PAIRED_DEVICES);
+    return velm_ipc_respond(server, seq, &report, sizeof report, VELM_STATUS_NO_PAIRED_DEVICES) !=
+           0;
 }
 
 /// The first two bytes of the payload; the rest of it means nothing to us.
@@ -254,7 +258,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     }
     if (velm_nvram_pairings_count_pairings() == 0) {
         LOG_TRACE("%s - no paired devices", __func__);
-        if (no_paired_devices_respond(server, seq) == 0) {
+        if (!no_paired_devices_respond(server, seq)) {
             LOG_ERROR("%s - failed", __func__);
         }
         return 1;

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <charconv>
 #include <string_view>
+#include <variant>
 
+#include "config/settings.h"
 #include "handles/malloc.h"
 #include "logger/fatal.h"
 
@@ -13,43 +15,23 @@ namespace {
 
 constexpr char log_category[] = "velm_nvram_config";
 constexpr std::size_t number_length_max = 20;
+constexpr std::uint16_t number_min = 1;
 
-template <auto Member>
-void text(const char *name, velm_config &config)
+/// No boolean is read from nvram: config/settings.cpp has the compiler check it.
+void read(const char *, bool *)
 {
-    velm_nvram_config_read_text(name, config.*Member, sizeof(config.*Member));
 }
 
-template <auto Member>
-void number(const char *name, velm_config &config)
+void read(const char *name, std::uint16_t *field)
 {
-    velm_nvram_config_read_number(name, &(config.*Member), 1);
+    velm_nvram_config_read_number(name, field, number_min);
 }
 
-struct setting_row {
-    const char *name;
-    void (*read)(const char *name, velm_config &config);
-};
-
-// "decrytion" is what the platform writes.
-// clang-format off
-constexpr setting_row settings[] = {
-    {"zelkad_http_client_trusted_ca",                 text<&velm_config::http_client_ca_cert_path>},
-    {"zelkad_http_server_cert",                       text<&velm_config::http_server_cert_path>},
-    {"zelkad_http_server_privatekey",                 text<&velm_config::http_server_key_path>},
-    {"zelkad_http_server_port",                       number<&velm_config::http_server_port>},
-    {"zelkad_discovery_ssdp_port",                    number<&velm_config::ssdp_server_port>},
-    {"zelkad_pairing_maxnum",                         number<&velm_config::pairings_limit>},
-    {"zelkad_app_android_app_name",                   text<&velm_config::app_android_package_name>},
-    {"zelkad_app_android_integrity_decrytion_key",    text<&velm_config::app_android_integrity_d_key_path>},
-    {"zelkad_app_android_integrity_verification_key", text<&velm_config::app_android_integrity_v_key_path>},
-    {"zelkad_app_android_play_attestation_secret",    text<&velm_config::app_android_integrity_privatekey_path>},
-    {"zelkad_app_ios_id",                             text<&velm_config::app_ios_appid>},
-    {"zelkad_cmd_path",                               text<&velm_config::location_policy_ipc_sock>},
-    {"zelkad_cm_firebase_privkey",                    text<&velm_config::cloudmessaging_firebase_privatekey_path>},
-    {"ap_vendor",                                     text<&velm_config::vendor_id>},
-};
-// clang-format on
+template <std::size_t Size>
+void read(const char *name, char (*field)[Size])
+{
+    velm_nvram_config_read_text(name, *field, Size);
+}
 
 bool is_digit(char c)
 {
@@ -72,8 +54,10 @@ std::optional<std::uint16_t> parse_number(std::string_view text)
 void velm_nvram_config_load(velm_config *config)
 {
     REQUIRE_MEMORY(config, "config");
-    for (const setting_row &setting : settings) {
-        setting.read(setting.name, *config);
+    for (const config_setting &setting : config_file_settings()) {
+        if (setting.nvram != nullptr) {
+            std::visit([&](auto field) { read(setting.nvram, &(config->*field)); }, setting.field);
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <ctime>
+#include <optional>
 #include <string_view>
 
 #include "handles/malloc.h"
@@ -84,19 +85,32 @@ json_ptr read_slot(int index)
 /// A phone can only be found, pushed to and unpaired by its device id: a slot without one is free.
 bool is_live(int index)
 {
-    const malloc_text dev_id =
-        velm_nvram_pairings_is_valid_pairing(index) == 1 ? read_field(index, "dev_id") : nullptr;
+    if (!field_equals(index, "status", status_valid)) {
+        return false;
+    }
+    const malloc_text dev_id = read_field(index, "dev_id");
     return dev_id != nullptr && *dev_id != '\0';
 }
 
-int first_free_slot()
+std::optional<int> first_free_slot()
 {
     for (int index = 0; index < pairings_limit(); ++index) {
         if (!is_live(index)) {
             return index;
         }
     }
-    return -1;
+    return std::nullopt;
+}
+
+/// The slot that holds the device id; it need not be live.
+std::optional<int> find_slot(const char *dev_id)
+{
+    for (int index = 0; index < pairings_limit(); ++index) {
+        if (field_equals(index, "dev_id", dev_id)) {
+            return index;
+        }
+    }
+    return std::nullopt;
 }
 
 /// An absent key reads as empty, as a store may keep an empty value.
@@ -179,12 +193,7 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
 int velm_nvram_pairings_select_index_by_field(const char *dev_id)
 {
     REQUIRE_NOT_NULL(dev_id, "dev_id");
-    for (int index = 0; index < pairings_limit(); ++index) {
-        if (field_equals(index, "dev_id", dev_id)) {
-            return index;
-        }
-    }
-    return -1;
+    return find_slot(dev_id).value_or(-1);
 }
 
 int velm_nvram_pairings_is_valid_pairing(int index)
@@ -251,13 +260,14 @@ void velm_nvram_pairings_write_pairing(const cJSON *pairing)
     REQUIRE_NOT_NULL(pairing, "pairing");
     const char *pairing_id = velm_utils_get_field_value_from_json_object(pairing, "dev_id");
     REQUIRE_NOT_NULL(pairing_id, "pairing_id");
-    int index = velm_nvram_pairings_select_index_by_field(pairing_id);
-    if (index < 0) {
-        index = first_free_slot();
+    std::optional<int> slot = find_slot(pairing_id);
+    if (!slot.has_value()) {
+        slot = first_free_slot();
     }
-    if (index < 0) {
+    if (!slot.has_value()) {
         return;
     }
+    const int index = *slot;
     velm_nvram_pairings_write_pairing_field_by_index(index, "status", status_valid);
     for (const char *member : written_from_record) {
         velm_nvram_pairings_write_pairing_field_by_index(
@@ -275,8 +285,8 @@ bool velm_nvram_pairings_is_stored(const cJSON *pairing)
     REQUIRE_NOT_NULL(pairing, "pairing");
     const char *pairing_id = velm_utils_get_field_value_from_json_object(pairing, "dev_id");
     REQUIRE_NOT_NULL(pairing_id, "pairing_id");
-    const int index = velm_nvram_pairings_select_index_by_field(pairing_id);
-    return index >= 0 && slot_holds(index, pairing);
+    const std::optional<int> slot = find_slot(pairing_id);
+    return slot.has_value() && slot_holds(*slot, pairing);
 }
 
 void velm_nvram_pairings_update_pairing(const cJSON *pairing)

@@ -129,7 +129,7 @@ bool login_blocked(const std::optional<common_sha256_digest> &name, const login_
 bool credentials_right(const velm_request_preprocessor &p)
 {
     return is_given(p.client_username) && is_given(p.client_password) &&
-           velm_user_auth_passwd_login(p.client_username, p.client_password) == 1;
+           velm_user_auth_passwd_login(p.client_username, p.client_password) != 0;
 }
 
 void note_failure(const std::optional<common_sha256_digest> &name)

@@ -213,28 +213,29 @@ void leave_group(int fd)
     state.member_of = 0;
 }
 
-/// On the interface that has the LAN address; an error number, 0 for none.
-int add_membership(int fd, ip_mreqn &membership)
+/// On the interface that has the LAN address. False, and errno, when it failed.
+bool add_membership(int fd, ip_mreqn &membership)
 {
     if (state.lan_interface == 0) {
-        return ENODEV;
+        errno = ENODEV;
+        return false;
     }
     if (!set_option(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership)) {
-        return errno;
+        return false;
     }
     state.member_of = membership.imr_ifindex;
     // Else the group would come from every interface on which any other program has joined it.
     set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
-    return 0;
+    return true;
 }
 
 /// Multicast goes by the LAN address. Answers take the interface too, so that none leaves the LAN for
-/// a sender that was forged. An error number, 0 for none.
-int send_on_lan(int fd, const ip_mreqn &membership)
+/// a sender that was forged. False, and errno, when it failed.
+bool send_on_lan(int fd, const ip_mreqn &membership)
 {
     const std::uint32_t interface = htonl(state.lan_interface);
     set_option(fd, IPPROTO_IP, IP_UNICAST_IF, interface);
-    return set_option(fd, IPPROTO_IP, IP_MULTICAST_IF, membership.imr_address) ? 0 : errno;
+    return set_option(fd, IPPROTO_IP, IP_MULTICAST_IF, membership.imr_address);
 }
 
 void join_again(evutil_socket_t, short, void *) noexcept;
@@ -255,11 +256,11 @@ void join_group(const char *caller, int fd)
     LOG_DEBUG("%s - adding to multicast group %s", caller, group_address);
     LOG_DEBUG("%s - on interface %s", caller, address.c_str());
     const bool is_told = state.address_wait.is_waiting();
-    const int join_error = add_membership(fd, membership);
+    const int join_error = add_membership(fd, membership) ? 0 : errno;
     if (join_error != 0 && !is_told) {
         LOG_ERROR("%s - cannot join multicast group: %s", caller, std::strerror(join_error));
     }
-    const int send_error = send_on_lan(fd, membership);
+    const int send_error = send_on_lan(fd, membership) ? 0 : errno;
     if (send_error != 0 && !is_told) {
         LOG_ERROR("%s - cannot set multicast interface: %s", caller, std::strerror(send_error));
     }

@@ -4,7 +4,6 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +12,8 @@
 
 #include "handles/malloc.h"
 #include "logger/fatal.h"
+#include "text/hex.h"
+#include "text/trim.h"
 
 namespace {
 
@@ -42,22 +43,6 @@ const escape_row *escape_find(const char *text)
             return starts_with_ignoring_case(text, candidate.sequence);
         });
     return row == std::end(escapes) ? nullptr : row;
-}
-
-bool is_space(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-
-std::string_view trim(std::string_view text)
-{
-    while (!text.empty() && is_space(text.front())) {
-        text.remove_prefix(1);
-    }
-    while (!text.empty() && is_space(text.back())) {
-        text.remove_suffix(1);
-    }
-    return text;
 }
 
 void append_string(cJSON *array, std::string_view text)
@@ -167,7 +152,7 @@ json_ptr velm_split_string(const char *string, const char *separator)
     while (!rest.empty()) {
         const std::string_view field = rest.substr(0, rest.find_first_of(separator));
         rest.remove_prefix(std::min(rest.size(), field.size() + 1));
-        const std::string_view piece = trim(field);
+        const std::string_view piece = trim(field, white_space);
         if (!piece.empty()) {
             append_string(array.get(), piece);
         }
@@ -189,11 +174,10 @@ void velm_utils_log_hex(const void *bytes, std::size_t count)
         LOG_TRACE("(no memory)");
         return;
     }
-    constexpr char digits[] = "0123456789ABCDEF";
     char *out = text.get();
     for (const std::uint8_t byte : std::span{static_cast<const std::uint8_t *>(bytes), count}) {
-        *out++ = digits[byte >> 4];
-        *out++ = digits[byte & 0x0f];
+        const auto digits = hex_digits(byte, hex_letters::upper);
+        out = std::copy(digits.begin(), digits.end(), out);
         *out++ = ' ';
     }
     LOG_TRACE("%.*s", static_cast<int>(hex_dump_width * count), text.get());

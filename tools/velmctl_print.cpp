@@ -9,6 +9,8 @@
 #include <ctime>
 #include <system_error>
 
+#include "text/utf8.h"
+
 namespace {
 
 constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
@@ -24,47 +26,21 @@ constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
     return line.data();
 }
 
-struct utf8_row {
-    unsigned char mask, lead; // of the first byte
-    std::size_t length;
-    char32_t least; // smaller ones are written too long
-};
-constexpr utf8_row utf8_rows[] = {
-    {0x80, 0x00, 1, 0x0},
-    {0xe0, 0xc0, 2, 0x80},
-    {0xf0, 0xe0, 3, 0x800},
-    {0xf8, 0xf0, 4, 0x10000},
-};
-
 struct character {
     char32_t code = 0;
     std::size_t length = 0; // 0: no character begins here
 };
 
-bool is_scalar_value(char32_t code)
-{
-    return code <= 0x10ffff && (code < 0xd800 || code > 0xdfff);
-}
-
 character next_character(std::string_view text)
 {
-    const auto first = static_cast<unsigned char>(text.front());
-    for (const utf8_row &row : utf8_rows) {
-        if ((first & row.mask) != row.lead || text.size() < row.length) {
-            continue;
-        }
-        char32_t code = first & static_cast<unsigned char>(~row.mask);
-        for (const char next : text.substr(1, row.length - 1)) {
-            const auto byte = static_cast<unsigned char>(next);
-            if ((byte & 0xc0) != 0x80) {
-                return {};
-            }
-            code = (code << 6) | (byte & 0x3fU);
-        }
-        return code >= row.least && is_scalar_value(code) ? character{code, row.length}
-                                                          : character{};
+    const std::size_t length = utf8_length(text);
+    // The first byte begins with as many ones as there are bytes, if there are several.
+    const unsigned first_mask = length == 1 ? 0x7fU : 0x7fU >> length;
+    char32_t code = static_cast<unsigned char>(text.front()) & first_mask;
+    for (std::size_t i = 1; i < length; ++i) {
+        code = (code << 6) | (static_cast<unsigned char>(text[i]) & 0x3fU);
     }
-    return {};
+    return {code, length};
 }
 
 bool is_control(char32_t code)

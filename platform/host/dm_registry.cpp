@@ -14,43 +14,15 @@
 #include <string>
 #include <string_view>
 
+#include "file/directory.h"
 #include "host_files.h"
+#include "text/utf8.h"
 
 /// The registry is a file of JSON lines, one a registration: {"pid": N, "argv": [...], "flags": 0}.
 
 namespace {
 
 constexpr char default_registry[] = "/run/velmd/restart.jsonl";
-
-unsigned byte_at(std::string_view text, std::size_t i)
-{
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
-}
-
-/// The length of the UTF-8 sequence that `text` begins with; 0 when it is none. The second byte
-/// decides what is overlong, a surrogate or beyond the last code point.
-std::size_t utf8_length(std::string_view text)
-{
-    const unsigned lead = byte_at(text, 0);
-    if (lead < 0x80) {
-        return 1;
-    }
-    if (lead < 0xc2 || lead > 0xf4) {
-        return 0;
-    }
-    const std::size_t length = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-    const unsigned low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
-    const unsigned high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
-    if (byte_at(text, 1) < low || byte_at(text, 1) > high) {
-        return 0;
-    }
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((byte_at(text, i) & 0xc0) != 0x80) {
-            return 0;
-        }
-    }
-    return length;
-}
 
 /// A JSON string. Bytes that are no UTF-8 become U+FFFD, for JSON has no word for them.
 void json_append_text(std::string &out, std::string_view text)
@@ -63,9 +35,9 @@ void json_append_text(std::string &out, std::string_view text)
             out += "\\ufffd";
         } else if (c == '"' || c == '\\') {
             out.append({'\\', c});
-        } else if (length == 1 && (byte_at(text, 0) < 0x20 || c == 0x7f)) {
+        } else if (length == 1 && (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)) {
             std::array<char, 8> escape{};
-            std::snprintf(escape.data(), escape.size(), "\\u%04x", byte_at(text, 0));
+            std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(c));
             out += escape.data();
         } else {
             out += text.substr(0, length);
@@ -96,11 +68,8 @@ bool ends_in_a_cut_line(int file)
 
 int registry_append(const std::string &path, std::string line)
 {
-    const std::size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash != 0) {
-        if (const int rc = host_directory_make(path.substr(0, slash), 0755); rc != 0) {
-            return rc;
-        }
+    if (const int rc = host_directory_make(parent_directory(path), 0755); rc != 0) {
+        return rc;
     }
     const unique_fd file{open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0644)};
     if (!file) {

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,53 +9,24 @@
 #include <cstdio>
 #include <ctime>
 
+#include "file/directory.h"
+
 namespace {
 
 constexpr long lock_timeout_us = 5'000'000;
 constexpr long lock_pause_us_min = 50;
 constexpr long lock_pause_us_max = 2'000;
 
-int directory_sync(const std::string &path)
-{
-    unique_fd directory;
-    if (const int rc = host_directory_open(path, directory); rc != 0) {
-        return rc;
-    }
-    return fsync(directory.get()) == 0 ? 0 : errno;
-}
-
-int directory_make_one(const std::string &path, mode_t mode)
-{
-    if (mkdir(path.c_str(), mode) != 0) {
-        // Somebody else may have made it first.
-        return errno == EEXIST ? 0 : errno;
-    }
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return directory_sync(".");
-    }
-    return directory_sync(slash == 0 ? "/" : path.substr(0, slash));
-}
+struct module_state {
+    bool holder_is_stuck = false; // a lock has not been given in time
+};
+module_state state;
 
 } // namespace
 
 int host_directory_make(const std::string &path, mode_t mode)
 {
-    struct stat found = {};
-    if (stat(path.c_str(), &found) == 0) {
-        return S_ISDIR(found.st_mode) ? 0 : ENOTDIR;
-    }
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const std::string parent = path.substr(0, slash);
-        if (stat(parent.c_str(), &found) == 0) {
-            continue;
-        }
-        if (const int rc = directory_make_one(parent, 0755); rc != 0) {
-            return rc;
-        }
-    }
-    return directory_make_one(path, mode);
+    return make_directories(path, 0755, mode, directory_sync::each) ? 0 : errno;
 }
 
 int host_directory_open(const std::string &path, unique_fd &directory)
@@ -128,15 +98,14 @@ int host_file_replace(int directory, const std::string &name, std::span<const st
 
 int host_file_lock(int file, int operation)
 {
-    static bool holder_is_stuck = false;
-    long waited_us = holder_is_stuck ? lock_timeout_us : 0;
+    long waited_us = state.holder_is_stuck ? lock_timeout_us : 0;
     long pause_us = lock_pause_us_min;
     while (flock(file, operation | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             return errno;
         }
         if (waited_us >= lock_timeout_us) {
-            holder_is_stuck = true;
+            state.holder_is_stuck = true;
             return ETIMEDOUT;
         }
         const timespec pause{0, pause_us * 1000};
@@ -144,6 +113,6 @@ int host_file_lock(int file, int operation)
         waited_us += pause_us;
         pause_us = std::min(2 * pause_us, lock_pause_us_max);
     }
-    holder_is_stuck = false;
+    state.holder_is_stuck = false;
     return 0;
 }

@@ -4,6 +4,8 @@
 #include <array>
 #include <numeric>
 
+#include "bytes/reader.h"
+
 namespace {
 
 using bytes_view = std::span<const std::uint8_t>;
@@ -49,70 +51,16 @@ void put_text(bytes_out &out, std::string_view text)
     out.insert(out.end(), text.begin(), text.end());
 }
 
-/// Sticky: after the first short read it yields zeros and empty texts.
-class byte_reader {
-  public:
-    explicit byte_reader(bytes_view bytes) : rest_{bytes}
-    {
-    }
-
-    std::uint64_t number(std::size_t width)
-    {
-        const bytes_view bytes = take(width);
-        std::uint64_t value = 0;
-        for (std::size_t i = 0; i < bytes.size(); ++i) {
-            value |= static_cast<std::uint64_t>(bytes[i]) << (8 * i);
-        }
-        return value;
-    }
-
-    std::size_t size(std::size_t width)
-    {
-        return static_cast<std::size_t>(number(width));
-    }
-
-    std::string_view text(std::size_t length)
-    {
-        const bytes_view bytes = take(length);
-        return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-    }
-
-    [[nodiscard]] bool ok() const
-    {
-        return ok_;
-    }
-    [[nodiscard]] bool at_end() const
-    {
-        return rest_.empty();
-    }
-
-  private:
-    bytes_view take(std::size_t count)
-    {
-        if (count > rest_.size()) {
-            ok_ = false;
-            rest_ = {};
-            return {};
-        }
-        const bytes_view taken = rest_.first(count);
-        rest_ = rest_.subspan(count);
-        return taken;
-    }
-
-    bytes_view rest_;
-    bool ok_ = true;
-};
-
 bool checksum_holds(bytes_view bytes, bytes_view checksum)
 {
-    return byte_reader{checksum}.number(checksum_size) == crc32(bytes);
+    return byte_reader{checksum}.little_endian(checksum_size) == crc32(bytes);
 }
 
 std::optional<nvram_change> change_parse(byte_reader &in)
 {
-    const auto kind = static_cast<change_kind>(in.number(1));
-    const std::size_t name_length = in.size(2);
-    const std::size_t value_length = in.size(4);
+    const auto kind = static_cast<change_kind>(in.little_endian(1));
+    const auto name_length = static_cast<std::size_t>(in.little_endian(2));
+    const auto value_length = static_cast<std::size_t>(in.little_endian(4));
     nvram_change change{in.text(name_length), in.text(value_length)};
     if (!in.ok() || !nvram_name_is_valid(change.name) || value_length > nvram_value_max ||
         change.value->find('\0') != std::string_view::npos) {
@@ -132,7 +80,7 @@ std::optional<nvram_change> change_parse(byte_reader &in)
 std::optional<std::vector<nvram_change>> body_parse(bytes_view body)
 {
     std::vector<nvram_change> changes;
-    for (byte_reader in{body}; !in.at_end();) {
+    for (byte_reader in{body}; in.remaining() != 0;) {
         const std::optional<nvram_change> change = change_parse(in);
         if (!change) {
             return std::nullopt;
@@ -156,7 +104,7 @@ record_view record_split(bytes_view rest)
     if (!checksum_holds(rest.first(4), rest.subspan(4, checksum_size))) {
         return {nvram_log_end::damaged, {}};
     }
-    const std::size_t length = byte_reader{rest}.size(4);
+    const auto length = static_cast<std::size_t>(byte_reader{rest}.little_endian(4));
     if (rest.size() < record_frame_size || length > rest.size() - record_frame_size) {
         return {nvram_log_end::unfinished, {}};
     }
@@ -220,7 +168,7 @@ std::optional<nvram_header> nvram_header_parse(bytes_view bytes)
         return std::nullopt;
     }
     nvram_header header;
-    header.sequence = in.number(8);
+    header.sequence = in.little_endian(8);
     header.boot_id = in.text(nvram_boot_id_size);
     header.boot_id.erase(std::min(header.boot_id.find('\0'), header.boot_id.size()));
     return header;

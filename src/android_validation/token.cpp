@@ -12,6 +12,7 @@
 #include "handles/cjose.h"
 #include "handles/cjson.h"
 #include "logger/common_logger.h"
+#include "text/or_empty.h"
 
 namespace {
 
@@ -118,8 +119,8 @@ cjose_jwk_ptr key_import(const std::string &text)
     cjose_jwk_ptr key{cjose_jwk_import(text.data(), text.size(), &error)};
     if (key == nullptr) {
         LOG_ERROR("%s - cjose_jwk_import failed: %s, file: %s, function: %s, line: %ld", worker,
-                  cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
     }
     return key;
 }
@@ -212,8 +213,8 @@ cjose_jwe_ptr token_import(std::string_view token)
     cjose_jwe_ptr jwe{cjose_jwe_import(token.data(), token.size(), &error)};
     if (jwe == nullptr) {
         LOG_ERROR("%s - cjose_jwe_import failed: %s, file: %s, function: %s, line: %ld", worker,
-                  cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         return nullptr;
     }
     if (!encryption_is_ours(jwe.get()) || !lengths_are_right(token)) {
@@ -234,8 +235,8 @@ std::optional<std::string> decrypt(std::string_view token, const std::string &ke
     const cjose_bytes text{cjose_jwe_decrypt(jwe.get(), key, &length, &error)};
     if (text == nullptr) {
         LOG_ERROR("%s - cjose_jwe_decrypt failed: %s, file: %s, function: %s, line: %ld", worker,
-                  cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         return std::nullopt;
     }
     return std::string{text.get(), text.get() + length};
@@ -251,8 +252,8 @@ cjose_jws_ptr signed_text_import(const std::string &text)
     cjose_jws_ptr jws{cjose_jws_import(text.data(), text.size(), &error)};
     if (jws == nullptr) {
         LOG_ERROR("%s - cjose_jws_import failed: %s, file: %s, function: %s, line: %ld", worker,
-                  cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         return nullptr;
     }
     // Whoever made the text chose the algorithm in its header; ours is fixed.
@@ -280,8 +281,8 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
     cjose_err error{};
     if (!cjose_jws_verify(jws.get(), key, &error)) {
         LOG_ERROR("%s - cjose_jws_verify failed: %s, file: %s, function: %s, line: %ld", worker,
-                  cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         return std::nullopt;
     }
     error = {};
@@ -289,8 +290,8 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
     std::size_t length = 0;
     if (!cjose_jws_get_plaintext(jws.get(), &payload, &length, &error)) {
         LOG_ERROR("%s - cjose_jws_get_plaintext failed: %s, file: %s, function: %s, line: %ld",
-                  worker, cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  worker, text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         return std::nullopt;
     }
     return std::string{payload, payload + length};

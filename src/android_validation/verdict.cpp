@@ -11,6 +11,7 @@
 
 #include "handles/cjose.h"
 #include "logger/fatal.h"
+#include "text/or_empty.h"
 #include "velm_utils.h"
 
 namespace {
@@ -64,8 +65,8 @@ std::optional<std::vector<std::uint8_t>> nonce_decode(std::string_view nonce)
     const cjose_bytes owned{decoded};
     if (!ok) {
         LOG_ERROR("%s - cjose_base64url_decode failed: %s, file: %s, function: %s, line: %ld",
-                  judge, cjose_error_text(error.message), cjose_error_text(error.file),
-                  cjose_error_text(error.function), static_cast<long>(error.line));
+                  judge, text_or_empty(error.message), text_or_empty(error.file),
+                  text_or_empty(error.function), static_cast<long>(error.line));
         LOG_ERROR("%s - cannot decode nonce", judge);
         return std::nullopt;
     }

@@ -5,6 +5,7 @@
 
 #include <openssl/err.h>
 
+#include "crypto/openssl_error.h"
 #include "handles/openssl.h"
 #include "logger/common_logger.h"
 
@@ -67,14 +68,6 @@ bool is_base64(std::string_view text)
            std::all_of(data.begin(), data.end(), is_base64_character);
 }
 
-void log_digest_failure(const char *caller)
-{
-    const unsigned long code = ERR_peek_last_error();
-    std::array<char, 256> reason{};
-    ERR_error_string_n(code, reason.data(), reason.size());
-    LOG_ERROR("%s - SHA-256 failed - 0x%lx - %s", caller, code, reason.data());
-}
-
 } // namespace
 
 std::optional<std::string> common_crypto_base64_encode(std::span<const std::uint8_t> bytes)
@@ -132,14 +125,10 @@ std::optional<common_sha256_digest> common_crypto_sha256(std::span<const std::ui
         return std::nullopt;
     }
     ERR_clear_error();
-    const evp_md_ctx_ptr context{EVP_MD_CTX_new()};
-    common_sha256_digest digest{};
-    unsigned int length = 0;
-    if (context == nullptr || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1 ||
-        EVP_DigestUpdate(context.get(), bytes.data(), bytes.size()) != 1 ||
-        EVP_DigestFinal_ex(context.get(), digest.data(), &length) != 1) {
-        log_digest_failure(__func__);
-        return std::nullopt;
+    const auto digest = sha256(bytes);
+    if (!digest.has_value()) {
+        const openssl_error error = openssl_last_error();
+        LOG_ERROR("%s - SHA-256 failed - 0x%lx - %s", __func__, error.code, error.text.c_str());
     }
     return digest;
 }

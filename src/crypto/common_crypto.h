@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -8,10 +7,12 @@
 #include <string_view>
 #include <vector>
 
+#include "crypto/sha256.h"
+
 /// Base64 (RFC 4648, standard alphabet, padded, one line) and SHA-256 by OpenSSL. A null or empty
 /// input is a failure, logged like every other.
 
-using common_sha256_digest = std::array<std::uint8_t, 32>;
+using common_sha256_digest = sha256_digest;
 
 [[nodiscard]] std::optional<std::string>
 common_crypto_base64_encode(std::span<const std::uint8_t> bytes);

@@ -8,6 +8,7 @@
 #include "file/common_file.h"
 #include "google/addresses.h"
 #include "handles/argument.h"
+#include "json/text.h"
 #include "logger/common_logger.h"
 #include "velm_google_auth.h"
 #include "velm_utils.h"
@@ -29,13 +30,6 @@ struct velm_google_token_fetch {
 };
 
 namespace {
-
-const char *text_or_empty(const cJSON *object, const char *field)
-{
-    const char *text =
-        object != nullptr ? velm_utils_get_field_value_from_json_object(object, field) : nullptr;
-    return text == nullptr ? "" : text;
-}
 
 void token_hold(velm_google_account &account, json_ptr token)
 {
@@ -104,7 +98,7 @@ void velm_google_account_refuse_token(velm_google_account &account, unsigned tok
 
 const char *velm_google_account_project_id(const velm_google_account &account)
 {
-    return text_or_empty(account.private_key.get(), "project_id");
+    return json_text_or_empty(account.private_key.get(), "project_id");
 }
 
 void velm_google_account_request_token(velm_google_account &account,
@@ -132,7 +126,7 @@ bool velm_google_account_is_ready(const velm_google_account &account, const char
         LOG_ERROR("%s - missing auth token", function);
         return false;
     }
-    if (*text_or_empty(account.access_token.get(), "access_token") == '\0') {
+    if (*json_text_or_empty(account.access_token.get(), "access_token") == '\0') {
         LOG_ERROR("%s - missing access_token", function);
         return false;
     }
@@ -147,7 +141,7 @@ http_client_request_data velm_google_account_make_request(const velm_google_acco
     request.post_data = std::move(body);
     request.timeout_s = cloud_timeout_s;
     const std::string authorization =
-        std::string{"Bearer "} + text_or_empty(account.access_token.get(), "access_token");
+        std::string{"Bearer "} + json_text_or_empty(account.access_token.get(), "access_token");
     http_client_add_header(&request, "Authorization", authorization.c_str());
     return request;
 }

@@ -4,14 +4,15 @@
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
-#include <array>
 #include <cstdint>
 #include <span>
 #include <vector>
 
+#include "crypto/openssl_error.h"
 #include "handles/cjose.h"
 #include "handles/openssl.h"
 #include "logger/fatal.h"
+#include "text/or_empty.h"
 
 namespace {
 
@@ -29,11 +30,6 @@ byte_span bytes_of(const std::string &text)
 int length_of(const std::string &text)
 {
     return static_cast<int>(text.size());
-}
-
-const char *text_or_empty(const char *text)
-{
-    return text != nullptr ? text : "";
 }
 
 std::optional<std::string> base64url(byte_span bytes)
@@ -78,30 +74,20 @@ std::string jwt_claim(const char *issuer, const char *scope, const char *audienc
     return printed(claim.get());
 }
 
-/// The oldest entry of OpenSSL's error queue: the cause.
-struct openssl_error {
-    unsigned long code = ERR_get_error();
-    std::array<char, 256> text{};
-    openssl_error()
-    {
-        ERR_error_string_n(code, text.data(), text.size());
-    }
-};
-
 evp_pkey_ptr load_private_key(const char *pem)
 {
     const bio_ptr bio{BIO_new_mem_buf(pem, -1)};
     if (bio == nullptr) {
-        const openssl_error error;
-        LOG_ERROR("%s - BIO_new_mem_buf failed - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - BIO_new_mem_buf failed - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
         return nullptr;
     }
     evp_pkey_ptr key{PEM_read_bio_PrivateKey(bio.get(), nullptr, openssl_no_passphrase, nullptr)};
     if (key == nullptr) {
-        const openssl_error error;
-        LOG_ERROR("%s - PEM_read_bio_PrivateKey failed - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - PEM_read_bio_PrivateKey failed - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
     }
     return key;
 }
@@ -119,29 +105,29 @@ std::optional<std::vector<std::uint8_t>> sign(EVP_PKEY *key, byte_span data)
     const evp_md_ctx_ptr ctx{EVP_MD_CTX_new()};
     REQUIRE_MEMORY(ctx, "ctx");
     if (!sign_init(ctx.get(), key)) {
-        const openssl_error error;
-        LOG_ERROR("%s - EVP_DigestSignInit failed - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - EVP_DigestSignInit failed - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
         return std::nullopt;
     }
     if (EVP_DigestSignUpdate(ctx.get(), data.data(), data.size()) != 1) {
-        const openssl_error error;
-        LOG_ERROR("%s - EVP_DigestSignUpdate failed - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - EVP_DigestSignUpdate failed - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
         return std::nullopt;
     }
     std::size_t length = 0;
     if (EVP_DigestSignFinal(ctx.get(), nullptr, &length) != 1) {
-        const openssl_error error;
-        LOG_ERROR("%s - EVP_DigestSignFinal failed (1) - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - EVP_DigestSignFinal failed (1) - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
         return std::nullopt;
     }
     std::vector<std::uint8_t> signature(length);
     if (EVP_DigestSignFinal(ctx.get(), signature.data(), &length) != 1) {
-        const openssl_error error;
-        LOG_ERROR("%s - EVP_DigestSignFinal failed (2) - 0x%lx - %s", __func__, error.code,
-                  error.text.data());
+        const openssl_error cause = openssl_take_oldest_error();
+        LOG_ERROR("%s - EVP_DigestSignFinal failed (2) - 0x%lx - %s", __func__, cause.code,
+                  cause.text.c_str());
         return std::nullopt;
     }
     signature.resize(length);

@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "config/bssids.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "velm_utils.h"
 
@@ -33,14 +35,6 @@ const char *message_type_name(std::uint32_t type)
     }
 }
 
-json_ptr copy_bssids(const velm_config &config)
-{
-    json_ptr bssids{config.bssids_list != nullptr ? cJSON_Duplicate(config.bssids_list.get(), 1)
-                                                  : cJSON_CreateArray()};
-    REQUIRE_MEMORY(bssids, "bssids");
-    return bssids;
-}
-
 push_fields make_fields(const velm_config &config, std::uint32_t timeout, std::uint32_t type)
 {
     const allocation_name naming{__func__, "location"};
@@ -49,7 +43,7 @@ push_fields make_fields(const velm_config &config, std::uint32_t timeout, std::u
             std::to_string(timeout),
             velm_config_lan_ip_address(&config) + ":" + std::to_string(config.http_server_port),
             message_type_name(type),
-            copy_bssids(config)};
+            velm_config_bssids_copy(config)};
 }
 
 cJSON *add_object(cJSON *parent, const char *name)
@@ -117,21 +111,15 @@ void add_android(cJSON *message, const push_fields &fields, std::uint32_t type)
     add_text(add_object(android, "fcm_options"), "analytics_label", "push_android");
 }
 
-const char *text_or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
-
 } // namespace
 
 json_ptr velm_push_content_make(const velm_config &config, const cJSON *pairing,
                                 std::uint32_t timeout, std::uint32_t type)
 {
-    const char *token =
-        text_or_empty(velm_utils_get_field_value_from_json_object(pairing, "push_token"));
+    const char *token = json_text_or_empty(pairing, "push_token");
     LOG_TRACE("%s - token: %s", "velm_cloud_messaging_generate_push_content", token);
-    const velm_device_type device_type = velm_utils_device_type_from_string(
-        text_or_empty(velm_utils_get_field_value_from_json_object(pairing, "dev_type")));
+    const velm_device_type device_type =
+        velm_utils_device_type_from_string(json_text_or_empty(pairing, "dev_type"));
 
     json_ptr content{cJSON_CreateObject()};
     REQUIRE_MEMORY(content, "content");

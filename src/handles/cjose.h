@@ -25,9 +25,3 @@ struct cjose_memory_deleter {
 };
 using cjose_text = std::unique_ptr<char, cjose_memory_deleter>;
 using cjose_bytes = std::unique_ptr<std::uint8_t, cjose_memory_deleter>;
-
-/// A text of cjose's error record for a log line: some failures leave it null.
-inline const char *cjose_error_text(const char *text) noexcept
-{
-    return text != nullptr ? text : "";
-}

@@ -24,24 +24,11 @@ inline void memory_is_exhausted_if(bool condition)
 /// allocates under a lock for which the fatal line would wait. Nothing in C++ may allocate meanwhile.
 class exhaustion_met_at_end {
   public:
-    exhaustion_met_at_end() noexcept : handler_{std::set_new_handler(note)}
-    {
-        noted = false;
-    }
-    ~exhaustion_met_at_end()
-    {
-        std::set_new_handler(handler_);
-        memory_is_exhausted_if(noted);
-    }
+    exhaustion_met_at_end() noexcept;
+    ~exhaustion_met_at_end();
     exhaustion_met_at_end(const exhaustion_met_at_end &) = delete;
     exhaustion_met_at_end &operator=(const exhaustion_met_at_end &) = delete;
 
   private:
-    static void note() noexcept
-    {
-        noted = true;
-    }
-
-    inline static bool noted = false;
     std::new_handler handler_;
 };

@@ -2,7 +2,6 @@
 
 #include <cstddef>
 #include <cstdlib>
-#include <memory>
 #include <type_traits>
 
 #include "handles/exhaustion.h"
@@ -25,25 +24,4 @@ plain_ptr<T> try_make_plain(std::size_t count = 1) noexcept
     void *memory = std::calloc(count, sizeof(T));
     memory_is_exhausted_if(memory == nullptr && count != 0);
     return plain_ptr<T>{static_cast<T *>(memory)};
-}
-
-/// Like plain_ptr, for an object with a destructor.
-struct destroy_and_free {
-    template <typename T>
-    void operator()(T *object) const noexcept
-    {
-        std::destroy_at(object);
-        std::free(object);
-    }
-};
-template <typename T>
-using nothrow_ptr = std::unique_ptr<T, destroy_and_free>;
-
-template <typename T>
-nothrow_ptr<T> try_make() noexcept
-{
-    static_assert(std::is_nothrow_default_constructible_v<T>);
-    void *memory = std::malloc(sizeof(T));
-    memory_is_exhausted_if(memory == nullptr);
-    return nothrow_ptr<T>{memory == nullptr ? nullptr : ::new (memory) T{}};
 }

@@ -1,12 +1,11 @@
 #include "http/connection.h"
 
-#include <openssl/err.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
 
+#include "crypto/openssl_error.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -304,8 +303,6 @@ void http_client_connection::log_errors() const
         LOG_WARN("%s - %s: %s", caller, host, std::strerror(stream_->socket_error()));
     }
     for (const unsigned long error : stream_->tls_errors()) {
-        std::array<char, 256> text{};
-        ERR_error_string_n(error, text.data(), text.size());
-        LOG_WARN("%s - %s: %s", caller, host, text.data());
+        LOG_WARN("%s - %s: %s", caller, host, openssl_error_text(error).c_str());
     }
 }

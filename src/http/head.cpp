@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "text/trim.h"
+
 namespace {
 
 constexpr std::string_view blanks = " \t";
@@ -20,15 +22,6 @@ std::string_view take_line(std::string_view *text)
         line.remove_suffix(1);
     }
     return line;
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    const std::size_t begin = text.find_first_not_of(blanks);
-    if (begin == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
 template <typename Number>
@@ -58,7 +51,7 @@ bool add_header(std::string_view line, evkeyvalq *headers)
         return false;
     }
     const std::string name{line.substr(0, colon)};
-    const std::string value{trimmed(line.substr(colon + 1))};
+    const std::string value{trim(line.substr(colon + 1), blanks)};
     return name.find_first_of(" \t\r") == std::string::npos && // a lone one ends no line
            value.find('\r') == std::string::npos &&
            evhttp_add_header(headers, name.c_str(), value.c_str()) == 0;
@@ -74,7 +67,7 @@ bool add_headers(std::string_view text, evkeyvalq *headers)
         }
         while (text.starts_with(' ') || text.starts_with('\t')) { // an old way to go on
             line += ' ';
-            line += trimmed(take_line(&text));
+            line += trim(take_line(&text), blanks);
         }
         if (++count > http_client_headers_max || !add_header(line, headers)) {
             return false;

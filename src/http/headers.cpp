@@ -8,6 +8,7 @@
 #include <span>
 
 #include "logger/common_logger.h"
+#include "text/hex.h"
 
 namespace {
 
@@ -16,15 +17,14 @@ constexpr char log_category[] = "http_client";
 /// 32 hexadecimal digits; none when the random generator fails.
 std::optional<std::string> generate_xreqid()
 {
-    constexpr char digits[] = "0123456789abcdef";
     std::array<unsigned char, 16> bytes{};
     if (RAND_bytes(bytes.data(), static_cast<int>(bytes.size())) != 1) {
         return std::nullopt;
     }
     std::string text;
     for (const unsigned char byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
+        const auto digits = hex_digits(byte);
+        text.append(digits.begin(), digits.end());
     }
     return text;
 }

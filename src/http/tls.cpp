@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "crypto/openssl_error.h"
 #include "handles/exhaustion.h"
 #include "http/hostname.h"
 #include "logger/fatal.h"
@@ -28,6 +29,9 @@ struct loaded_context {
 struct module_state {
     ssl_ctx_ptr default_context;
     std::optional<loaded_context> prepared;
+    // Of a TLS object's peer. Indexes are never given back, so one serves every reload.
+    int peer_index = -1;
+    char peer_index_name[16] = "http_client_ctx";
 };
 module_state state;
 
@@ -37,19 +41,13 @@ constexpr char tls12_ciphers[] = "DEFAULT:!kDHE";
 
 using subject_text = std::array<char, 256>;
 
-/// Indexes are never given back, so one serves every reload.
-int ex_data_index()
+int peer_index()
 {
-    static char name[] = "http_client_ctx";
-    static const int index = SSL_get_ex_new_index(0, name, nullptr, nullptr, nullptr);
-    return index;
-}
-
-std::string openssl_error_text(unsigned long error)
-{
-    std::array<char, 256> text{};
-    ERR_error_string_n(error, text.data(), text.size());
-    return text.data();
+    if (state.peer_index < 0) {
+        state.peer_index =
+            SSL_get_ex_new_index(0, state.peer_index_name, nullptr, nullptr, nullptr);
+    }
+    return state.peer_index;
 }
 
 loaded_context load_context(const char *ca_file)
@@ -84,20 +82,20 @@ subject_text subject_of(X509 *cert)
     return text;
 }
 
-int refuse(const char *reason, const char *host, X509 *cert)
+bool refuse(const char *reason, const char *host, X509 *cert)
 {
     LOG_ERROR("HTTPS NOK - got '%s', server: '%s', cert: '%s'", reason, host,
               subject_of(cert).data());
-    return 0;
+    return false;
 }
 
-int accept_cert(const char *host, X509 *cert)
+bool accept_cert(const char *host, X509 *cert)
 {
     LOG_TRACE("HTTPS OK - server: '%s', cert: '%s'", host, subject_of(cert).data());
-    return 1;
+    return true;
 }
 
-int refuse_chain(X509_STORE_CTX *store, const char *host)
+bool refuse_chain(X509_STORE_CTX *store, const char *host)
 {
     const int error = X509_STORE_CTX_get_error(store);
     LOG_ERROR("HTTPS NOK - verify cert error: %s", X509_verify_cert_error_string(error));
@@ -109,7 +107,7 @@ int refuse_chain(X509_STORE_CTX *store, const char *host)
     return refuse("Error", host, X509_STORE_CTX_get_current_cert(store));
 }
 
-int check_hostname(X509_STORE_CTX *store, const char *host)
+bool check_hostname(X509_STORE_CTX *store, const char *host)
 {
     X509 *cert = X509_STORE_CTX_get0_cert(store);
     const http_client_hostname_result result = http_client_validate_hostname(host, cert);
@@ -126,10 +124,10 @@ const http_client_peer *peer_of(X509_STORE_CTX *store)
         X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     return ssl == nullptr
                ? nullptr
-               : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, ex_data_index()));
+               : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, peer_index()));
 }
 
-int verify_callback(X509_STORE_CTX *store, void *) noexcept
+bool server_is_the_one_meant(X509_STORE_CTX *store)
 {
     const http_client_peer *peer = peer_of(store);
     if (peer == nullptr) {
@@ -139,7 +137,7 @@ int verify_callback(X509_STORE_CTX *store, void *) noexcept
     const char *host = peer->host.c_str();
     if (peer->skip_server_verification) {
         LOG_TRACE("HTTPS OK - server: '%s' server verification disabled", host);
-        return 1;
+        return true;
     }
     if (X509_verify_cert(store) != 1) {
         return refuse_chain(store, host);
@@ -149,6 +147,11 @@ int verify_callback(X509_STORE_CTX *store, void *) noexcept
         return accept_cert(host, X509_STORE_CTX_get0_cert(store));
     }
     return check_hostname(store, host);
+}
+
+int verify_callback(X509_STORE_CTX *store, void *) noexcept
+{
+    return server_is_the_one_meant(store) ? 1 : 0;
 }
 
 bool is_address(const char *host)
@@ -175,8 +178,7 @@ ssl_ptr http_client_tls_new(const http_client_peer *peer)
                                       TLSEXT_NAMETYPE_host_name, const_cast<char *>(host)) != 1) {
         return nullptr;
     }
-    const int rc =
-        SSL_set_ex_data(ssl.get(), ex_data_index(), const_cast<http_client_peer *>(peer));
+    const int rc = SSL_set_ex_data(ssl.get(), peer_index(), const_cast<http_client_peer *>(peer));
     REQUIRE_CALL(rc == 1, "SSL_set_ex_data(ssl, index, peer)", rc);
     return ssl;
 }
@@ -198,7 +200,7 @@ bool http_client_tls_set_up(const char *ca_file)
     rc = SSL_CTX_set_cipher_list(context, tls12_ciphers);
     REQUIRE_CALL_BY(set_up, rc == 1, "SSL_CTX_set_cipher_list(context, tls12_ciphers)", rc);
     SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    const int index = ex_data_index();
+    const int index = peer_index();
     REQUIRE_CALL_BY(set_up, index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
     SSL_CTX_set_cert_verify_callback(context, verify_callback, nullptr);
     state.default_context = std::move(loaded.context);

@@ -10,6 +10,8 @@
 namespace {
 
 constexpr char log_category[] = "http_client";
+constexpr std::uint16_t http_port = 80;
+constexpr std::uint16_t https_port = 443;
 
 /// Blanks and control characters would break the request line apart.
 bool uri_is_clean(const std::string &uri)
@@ -48,7 +50,7 @@ std::uint16_t port_of(const evhttp_uri *uri, http_client_scheme scheme)
     if (port >= 0) {
         return static_cast<std::uint16_t>(port);
     }
-    return scheme == http_client_scheme::https ? 443 : 80;
+    return scheme == http_client_scheme::https ? https_port : http_port;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "request/status.h"
+#include "text/trim.h"
 
 namespace {
 
@@ -27,15 +28,6 @@ const char *lifted_name(std::string_view name)
         std::find_if(std::begin(lifted_names), std::end(lifted_names),
                      [name](const char *lifted) { return same_name(name, lifted); });
     return found == std::end(lifted_names) ? nullptr : *found;
-}
-
-std::string_view trim(std::string_view text)
-{
-    const std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 void refuse(http_head *head, const char *reason, int status = http_status_bad_request)
@@ -89,7 +81,7 @@ class header_lines {
             refuse(head_, "no header");
             return;
         }
-        const std::string_view value = trim(line.substr(colon + 1));
+        const std::string_view value = trim(line.substr(colon + 1), blanks);
         const char *const lifted = lifted_name(name);
         in_lifted_ = lifted != nullptr;
         if (in_lifted_) {
@@ -143,13 +135,13 @@ class header_lines {
             return;
         }
         if (!in_lifted_) {
-            keep(line, trim(line).size());
+            keep(line, trim(line, blanks).size());
             return;
         }
         if (!head_->lifted.back().value.empty()) {
             lift(" ");
         }
-        lift(trim(line));
+        lift(trim(line, blanks));
     }
 
     /// Like every text of a request that is longer than it may be, this one is a bad request.

@@ -1,6 +1,7 @@
 #include <string>
 #include <utility>
 
+#include "config/bssids.h"
 #include "http_server/answer.h"
 #include "http_server/log.h"
 #include "http_server/routes.h"
@@ -16,15 +17,6 @@ struct module_state {
 };
 module_state state;
 
-json_ptr configured_bssids(const velm_config *velm_config)
-{
-    json_ptr bssids{velm_config->bssids_list != nullptr
-                        ? cJSON_Duplicate(velm_config->bssids_list.get(), 1)
-                        : cJSON_CreateArray()};
-    REQUIRE_MEMORY(bssids, "bssids");
-    return bssids;
-}
-
 std::string info_text(const velm_config *velm_config)
 {
     const json_ptr response_json{cJSON_CreateObject()};
@@ -37,7 +29,7 @@ std::string info_text(const velm_config *velm_config)
                    "cJSON_AddStringToObject(response_json, \"vendorId\", velm_config->vendor_id)");
     REQUIRE_MEMORY(cJSON_AddStringToObject(object, "version", HTTP_SERVER_API_VERSION),
                    "cJSON_AddStringToObject(response_json, \"version\", HTTP_SERVER_API_VERSION)");
-    cJSON_AddItemToObject(object, "bssids", configured_bssids(velm_config).release());
+    cJSON_AddItemToObject(object, "bssids", velm_config_bssids_copy(*velm_config).release());
     REQUIRE_MEMORY(
         cJSON_AddNumberToObject(object, "pairingsLimit", velm_config->pairings_limit),
         "cJSON_AddNumberToObject(response_json, \"pairingsLimit\", velm_config->pairings_limit)");

@@ -179,7 +179,7 @@ http_outcome store_pairing(const cJSON *auth, const cJSON *pair,
     json_ptr pairing = velm_nvram_pairings_select_pairing(
         velm_utils_get_field_value_from_json_object(auth, "deviceId"));
     const bool known = pairing != nullptr;
-    if (!known && velm_nvram_pairings_limit_reached() == 1) {
+    if (!known && velm_nvram_pairings_limit_reached() != 0) {
         LOG_ERROR("%s - pairings limit reached", pair_name);
         return {http_status_forbidden, "pairings limit reached"};
     }
@@ -281,7 +281,7 @@ http_outcome list_pairings(const http_asked & /*asked*/)
     cJSON *const pairings = cJSON_AddArrayToObject(response_json.get(), "pairings");
     REQUIRE_MEMORY(pairings, "pairings");
     for (int index = 0; index < http_server_config()->pairings_limit; ++index) {
-        if (velm_nvram_pairings_is_valid_pairing(index) == 1) {
+        if (velm_nvram_pairings_is_valid_pairing(index) != 0) {
             const json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
             if (*velm_utils_get_field_value_from_json_object(pairing.get(), "dev_id") != '\0') {
                 cJSON_AddItemToArray(pairings, listed_pairing(pairing.get()).release());

@@ -15,6 +15,8 @@ constexpr char log_category[] = "velm_http_server";
 using clock = std::chrono::steady_clock;
 
 constexpr std::chrono::minutes window{1};
+/// As many as may have connections at a time.
+constexpr std::size_t addresses_remembered = 64;
 
 struct refused_address {
     in_addr_t address = 0;
@@ -25,9 +27,9 @@ struct refused_address {
 struct module_state {
     clock::time_point window_begin;
     std::size_t told = 0; // in the window, of all addresses
-    /// As many as may have connections at a time.
-    std::array<refused_address, 64> addresses;
-    std::size_t next = 0; // the one that a new address takes the place of
+    std::array<refused_address, addresses_remembered> addresses;
+    std::size_t next = 0;                   // the one that a new address takes the place of
+    std::array<char, INET_ADDRSTRLEN> text; // of the address that was asked for last
 };
 module_state state;
 
@@ -84,7 +86,6 @@ bool http_refusals_tell(in_addr_t address)
 
 const char *http_refusals_text(in_addr_t address)
 {
-    static std::array<char, INET_ADDRSTRLEN> text;
     const in_addr in{address};
-    return inet_ntop(AF_INET, &in, text.data(), text.size());
+    return inet_ntop(AF_INET, &in, state.text.data(), state.text.size());
 }

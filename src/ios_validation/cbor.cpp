@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "bytes/reader.h"
 #include "handles/exhaustion.h"
-#include "ios_validation/bytes.h"
 
 namespace {
 
@@ -32,14 +32,14 @@ struct item_head {
 
 item_head head_read(byte_reader &in)
 {
-    const std::uint64_t initial = in.number(1);
+    const std::uint64_t initial = in.big_endian(1);
     const auto info = static_cast<unsigned>(initial & 0x1f);
     item_head head;
     head.major = static_cast<unsigned>(initial >> 5);
     if (info < 24) {
         head.argument = info;
     } else if (info < 28) {
-        head.argument = in.number(std::size_t{1} << (info - 24));
+        head.argument = in.big_endian(std::size_t{1} << (info - 24));
     } else {
         head.indefinite = info == 31;
         head.reserved = !head.indefinite;

@@ -7,13 +7,13 @@
 #include <memory>
 #include <string>
 
+#include "crypto/sha256.h"
 #include "handles/argument.h"
 #include "ios_validation/apple_root_ca.h"
 #include "ios_validation/auth_data.h"
 #include "ios_validation/cbor.h"
 #include "ios_validation/certificate.h"
 #include "ios_validation/objects.h"
-#include "ios_validation/sha256.h"
 #include "ios_validation/signature.h"
 #include "logger/common_logger.h"
 
@@ -30,7 +30,7 @@ namespace {
 constexpr char log_category[] = "IAV";
 
 using bytes_view = std::span<const std::uint8_t>;
-using digest = ios_app_digest;
+using digest = sha256_digest;
 using aaguid = std::array<std::uint8_t, 16>;
 
 constexpr aaguid production_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's', 't'};
@@ -39,7 +39,7 @@ constexpr aaguid develop_aaguid = {'a', 'p', 'p', 'a', 't', 't', 'e', 's',
 
 bool is_digest_of(const digest &expected, bytes_view bytes)
 {
-    return ios_app_sha256(bytes) == expected;
+    return sha256(bytes) == expected;
 }
 
 bool app_id_matches(const ios_app_validator &iav, const ios_auth_data &auth_data)
@@ -105,7 +105,7 @@ x509_ptr certificate_read(const ios_app_validator &iav, const ios_attestation_ob
 /// The certificate was made for this authenticator data and this challenge.
 bool nonce_check(const X509 *certificate, bytes_view auth_data, bytes_view client_data_hash)
 {
-    const auto nonce = ios_app_sha256(auth_data, client_data_hash);
+    const auto nonce = sha256(auth_data, client_data_hash);
     if (!nonce.has_value()) {
         return false;
     }
@@ -199,7 +199,7 @@ bool assertion_can_be_checked(const ios_app_validator *iav, bytes_view assertion
 bool assertion_signature_check(ios_app_validator &iav, const ios_assertion_obj &object,
                                bytes_view client_data_hash)
 {
-    const auto nonce = ios_app_sha256(object.authenticator_data, client_data_hash);
+    const auto nonce = sha256(object.authenticator_data, client_data_hash);
     if (!nonce.has_value()) {
         return false;
     }

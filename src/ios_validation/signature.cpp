@@ -6,8 +6,8 @@
 #include <array>
 #include <string_view>
 
+#include "crypto/sha256.h"
 #include "handles/openssl.h"
-#include "ios_validation/sha256.h"
 #include "logger/common_logger.h"
 
 namespace {
@@ -132,7 +132,7 @@ bool message_verify(verifier *with, std::span<const std::uint8_t> message,
         LOG_DEBUG("Cannot init verify");
         return false;
     }
-    const auto digest = ios_app_sha256(message);
+    const auto digest = sha256(message);
     if (!digest.has_value()) {
         LOG_DEBUG("Cannot update verify");
         return false;
@@ -148,7 +148,7 @@ bool message_verify(verifier *with, std::span<const std::uint8_t> message,
 bool self_test_verify(std::span<const std::uint8_t> point)
 {
     const auto *const message = reinterpret_cast<const std::uint8_t *>(self_test_message.data());
-    const auto digest = ios_app_sha256({message, self_test_message.size()});
+    const auto digest = sha256({message, self_test_message.size()});
     p256_load(point);
     return state.p256.key != nullptr && context_init(&state.p256) && digest.has_value() &&
            digest_verify(state.p256, *digest, self_test_signature);

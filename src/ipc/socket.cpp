@@ -6,12 +6,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <utility>
 
+#include "file/directory.h"
 #include "logger/common_logger.h"
 
 namespace {
@@ -35,24 +34,6 @@ sockaddr_un address_of(const char *path)
 const sockaddr *general(const sockaddr_un &address)
 {
     return reinterpret_cast<const sockaddr *>(&address);
-}
-
-bool create_one_dir(const char *path)
-{
-    if (mkdir(path, dir_mode) == 0) {
-        return true;
-    }
-    struct stat existing {};
-    return errno == EEXIST && stat(path, &existing) == 0 && S_ISDIR(existing.st_mode);
-}
-
-std::string parent_of(std::string_view path)
-{
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) {
-        return ".";
-    }
-    return std::string{path.substr(0, slash == 0 ? 1 : slash)};
 }
 
 /// The file gets its mode at birth: there is no moment at which anybody may connect.
@@ -82,26 +63,15 @@ void old_socket_remove(const char *caller, const char *path)
 
 bool velm_ipc_socket_create_dir(const char *path)
 {
-    std::string rest{path};
-    if (rest.empty() || rest.size() >= dir_path_size) {
-        return false;
-    }
-    if (rest.size() > 1 && rest.back() == '/') {
-        rest.pop_back();
-    }
-    for (std::size_t slash = rest.find('/', 1); slash != std::string::npos;
-         slash = rest.find('/', slash + 1)) {
-        if (!create_one_dir(rest.substr(0, slash).c_str())) {
-            return false;
-        }
-    }
-    return create_one_dir(rest.c_str());
+    const std::string_view given{path};
+    return !given.empty() && given.size() < dir_path_size &&
+           make_directories(path, dir_mode, dir_mode, directory_sync::none);
 }
 
 unique_fd velm_ipc_socket_listen(const char *path)
 {
     old_socket_remove(__func__, path);
-    const std::string parent = parent_of(path);
+    const std::string parent = parent_directory(path);
     if (!velm_ipc_socket_create_dir(parent.c_str())) {
         LOG_ERROR("Cannot create parent dir %s", parent.c_str());
     }

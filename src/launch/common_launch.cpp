@@ -43,17 +43,17 @@ int common_launch_end(common_launched launched, int *status, std::string *output
     if (!launched.pipe->read_to_end()) {
         return error_failed;
     }
-    const int wait_status = launched.pipe->wait();
-    if (wait_status == -1) {
+    const std::optional<int> wait_status = launched.pipe->wait();
+    if (!wait_status.has_value()) {
         LOG_ERROR("pclose failed: %s", std::strerror(errno));
         return error_failed;
     }
-    if (!WIFEXITED(wait_status)) {
+    if (!WIFEXITED(*wait_status)) {
         LOG_ERROR("Command hasn't terminated normally - probably unexpected signal");
         return error_failed;
     }
     if (status != nullptr) {
-        *status = wait_status;
+        *status = *wait_status;
     }
     if (output != nullptr) {
         *output = std::move(launched.pipe->text());

@@ -133,9 +133,9 @@ bool common_launch_process::read_to_end()
     return error_ == 0;
 }
 
-int common_launch_process::wait()
+std::optional<int> common_launch_process::wait()
 {
     int status = 0;
     const pid_t ended = waitpid(std::exchange(shell_, 0), &status, 0);
-    return ended < 0 ? -1 : status;
+    return ended < 0 ? std::nullopt : std::optional{status};
 }

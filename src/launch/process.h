@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "handles/fd.h"
@@ -33,8 +34,8 @@ class common_launch_process {
         end_ = {};
     }
 
-    /// The raw wait status of the shell, whose output has ended; -1 without one, and errno.
-    [[nodiscard]] int wait();
+    /// The raw wait status of the shell, whose output has ended; nothing without one, and errno.
+    [[nodiscard]] std::optional<int> wait();
 
     [[nodiscard]] int descriptor() const noexcept
     {

@@ -8,84 +8,16 @@
 #include <string_view>
 
 #include "handles/secret.h"
+#include "json/text.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/status.h"
+#include "text/utf8.h"
 
 namespace {
 
 constexpr char log_category[] = "velm_request_preprocessor";
 constexpr char parser_name[] = "velm_request_parse_request_body";
-
-/// The well-formed UTF-8 sequences: overlong forms, surrogates and what lies above U+10FFFF have no
-/// row. Every byte after the second is 0x80 to 0xbf.
-struct utf8_form {
-    std::uint8_t first_low, first_high;
-    std::uint8_t second_low, second_high;
-    std::size_t length;
-};
-// clang-format off
-constexpr utf8_form utf8_forms[] = {
-    {0x00, 0x7f, 0x00, 0x00, 1},
-    {0xc2, 0xdf, 0x80, 0xbf, 2},
-    {0xe0, 0xe0, 0xa0, 0xbf, 3},
-    {0xe1, 0xec, 0x80, 0xbf, 3},
-    {0xed, 0xed, 0x80, 0x9f, 3},
-    {0xee, 0xef, 0x80, 0xbf, 3},
-    {0xf0, 0xf0, 0x90, 0xbf, 4},
-    {0xf1, 0xf3, 0x80, 0xbf, 4},
-    {0xf4, 0xf4, 0x80, 0x8f, 4},
-};
-// clang-format on
-
-bool utf8_form_fits(const utf8_form &form, std::span<const std::uint8_t> bytes)
-{
-    if (bytes[0] < form.first_low || bytes[0] > form.first_high || bytes.size() < form.length) {
-        return false;
-    }
-    if (form.length > 1 && (bytes[1] < form.second_low || bytes[1] > form.second_high)) {
-        return false;
-    }
-    const auto rest = bytes.first(form.length).subspan(std::min<std::size_t>(form.length, 2));
-    return std::all_of(rest.begin(), rest.end(),
-                       [](std::uint8_t byte) { return (byte & 0xc0) == 0x80; });
-}
-
-bool is_utf8(std::span<const std::uint8_t> bytes)
-{
-    while (!bytes.empty()) {
-        const auto *const form =
-            std::find_if(std::begin(utf8_forms), std::end(utf8_forms),
-                         [bytes](const utf8_form &row) { return utf8_form_fits(row, bytes); });
-        if (form == std::end(utf8_forms)) {
-            return false;
-        }
-        bytes = bytes.subspan(form->length);
-    }
-    return true;
-}
-
-/// True when a string of the (well-formed) JSON text holds a NUL, raw or escaped. The parser's C
-/// strings would end there, so what is checked would not be what was sent.
-bool has_nul_in_string(std::string_view json)
-{
-    bool inside = false;
-    for (std::size_t i = 0; i < json.size(); ++i) {
-        if (json[i] == '"') {
-            inside = !inside;
-        }
-        if (inside && json[i] == '\\') {
-            ++i;
-            if (json.substr(i, 5) == "u0000") {
-                return true;
-            }
-        }
-        if (inside && json[i] == '\0') {
-            return true;
-        }
-    }
-    return false;
-}
 
 /// Walks over JSON text without making anything of it, and counts the values in it: each element and
 /// each member. Of text that is no JSON the number is at least that of what the parser would make
@@ -160,7 +92,7 @@ json_ptr parse_json(const std::string &text)
         return nullptr;
     }
     const std::string_view value{text.c_str(), static_cast<std::size_t>(end - text.c_str())};
-    if (!is_utf8(request_bytes(value)) || has_nul_in_string(value)) {
+    if (!is_utf8(value) || json_has_nul_in_string(value)) {
         return nullptr;
     }
     return tree;

@@ -87,6 +87,7 @@ def assert_refused(reply: Reply) -> None:
 
 
 @pytest.mark.parametrize("hashed", [False, True], ids=["nonce", "request hash"])
+@pytest.mark.each_tls
 def test_a_request_ends_in_the_report_of_an_android_phone(
     hashed: bool, cloud: Cloud, phone: AndroidPhone, ipc: IpcClient
 ) -> None:

@@ -114,6 +114,7 @@ def test_an_answer_after_a_reload_reaches_nobody(
     assert_still_serving(access_point, paired_phone, connect_ipc())
 
 
+@pytest.mark.each_tls
 def test_a_reload_during_a_handshake_with_the_cloud_harms_nobody(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
 ) -> None:
@@ -263,6 +264,7 @@ def test_an_address_of_the_cloud_is_left_for_the_next_when_at_a_greeting_it(
     assert not cloud.refusals
 
 
+@pytest.mark.each_tls
 def test_a_certificate_that_is_refused_is_an_answer(
     cold_access_point: AccessPoint, cloud: Cloud, bad_address: Cloud
 ) -> None:
@@ -326,6 +328,7 @@ WITHOUT_FAREWELL = {
 
 
 @pytest.mark.parametrize("end", WITHOUT_FAREWELL)
+@pytest.mark.each_tls
 def test_an_answer_without_a_farewell_is_whole_with(
     end: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -338,6 +341,7 @@ def test_an_answer_without_a_farewell_is_whole_with(
     assert_still_serving(access_point, paired_phone, ipc)
 
 
+@pytest.mark.each_tls
 def test_an_answer_without_any_end_or_farewell_is_none(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -348,6 +352,7 @@ def test_an_answer_without_any_end_or_farewell_is_none(
 
 
 @pytest.mark.parametrize("kind", ["bytes", "chunks"])
+@pytest.mark.each_tls
 def test_an_answer_in_pieces_of_one_byte_costs_its_length(
     kind: str, access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:

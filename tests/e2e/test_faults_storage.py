@@ -51,6 +51,9 @@ def pairing_names(settings: dict[str, str], limit: int = 10) -> set[str]:
     return names
 
 
+MOST_TRIED = 8  # pairings before they are forgotten; those of earlier rounds stay whole too
+
+
 @pytest.mark.begun_first
 def test_a_daemon_killed_at_any_instant_of_a_pairing_leaves_a_finished_commit(
     cold_access_point: AccessPoint, sample: Sample
@@ -59,6 +62,8 @@ def test_a_daemon_killed_at_any_instant_of_a_pairing_leaves_a_finished_commit(
     chance = random.Random(sample.seed)
     access_point = cold_access_point
     kept: set[str] = set()
+    tried: set[str] = set()
+    missed: list[str] = []
     cut = 0
     for number in range(rounds):
         daemon = access_point.start()
@@ -70,7 +75,7 @@ def test_a_daemon_killed_at_any_instant_of_a_pairing_leaves_a_finished_commit(
         aim = chance.random()
         mark = daemon.log_mark()
         killer = threading.Thread(
-            target=kill_in_time, args=(access_point, mark, aim, chance.random())
+            target=kill_in_time, args=(access_point, mark, aim, chance.random(), missed)
         )
         killer.start()
         status = 0
@@ -80,24 +85,33 @@ def test_a_daemon_killed_at_any_instant_of_a_pairing_leaves_a_finished_commit(
         wait_until(lambda: not daemon.alive(), 5, "not killed")
         cut += status != 200
         names = pairing_names(committed(access_point))
-        assert kept <= names <= kept | {name}, (number, names)
+        # One that was written and not committed comes with a later commit.
+        tried.add(name)
+        assert kept <= names <= tried, (number, names)
         assert status != 200 or name in names, (number, "answered 200 and is not there")
-        kept = set()
-        forget_all(access_point)
+        kept = names
+        if len(tried) == MOST_TRIED:
+            kept, tried = set(), set()
+            forget_all(access_point)
         if number % 20 == 0:
             print(f"round {number}: {cut} cut off")
     assert 0 < cut
+    assert not missed
 
 
-def kill_in_time(access_point: AccessPoint, mark: int, aim: float, part: float) -> None:
+def kill_in_time(
+    access_point: AccessPoint, mark: int, aim: float, part: float, missed: list[str]
+) -> None:
     """Half of the times somewhere in the request, else while pairings are written and committed."""
     daemon = access_point.daemon
     if aim < 0.5:
         time.sleep(part * 0.02)
     else:
-        with contextlib.suppress(TimeoutError):
-            daemon.wait_log("insert_pairing" if aim < 0.75 else "nvram_commit - start",
-                            start=mark, timeout=2)  # fmt: skip
+        written = "velm pairings [" if aim < 0.75 else "nvram_commit - start"
+        try:
+            daemon.wait_log(written, start=mark, timeout=5)
+        except TimeoutError:
+            missed.append(written)
         time.sleep(part * 0.004)
     daemon.kill(signal.SIGKILL)
 

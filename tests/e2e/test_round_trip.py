@@ -61,6 +61,7 @@ def test_a_phone_with_an_address_of_fifteen_or_fewer_characters_is_served(
         network.phone.batch(f"addr del {address}/32 dev eth0\n")
 
 
+@pytest.mark.each_tls
 def test_a_request_ends_in_a_report_for_every_client(
     cloud: Cloud, paired_phone: Phone, ipc: IpcClient, connect_ipc: Callable[[], IpcClient]
 ) -> None:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import pytest
 from velm_sim.cloud import Cloud
 from velm_sim.ipc_client import IpcClient
 from velm_sim.phone import Phone
@@ -12,6 +13,7 @@ def expected_version(policy: TlsPolicy) -> str:
     return "TLSv1.3" if policy == DEFAULT else f"TLSv{policy.name}"
 
 
+@pytest.mark.each_tls
 def test_a_phone_gets_the_version_and_cipher_that_it_allows(
     phone: Phone, tls_policy: TlsPolicy
 ) -> None:
@@ -21,6 +23,7 @@ def test_a_phone_gets_the_version_and_cipher_that_it_allows(
     assert tls_policy.allows(agreed)
 
 
+@pytest.mark.each_tls
 def test_the_daemon_takes_the_version_and_cipher_that_the_cloud_allows(
     cloud: Cloud, paired_phone: Phone, ipc: IpcClient, tls_policy: TlsPolicy
 ) -> None:

@@ -1,12 +1,14 @@
 """Does a daemon that is built for a vendor's platform library link with it, alone, and run on it?
 
-The library is a stand-in in C (tests/vendor), built apart; the daemon's own build gets it by
-VELM_PLATFORM_LIBRARIES as a port would. Everything stays in a temporary directory and on loopback.
+The library is a stand-in in C (tests/vendor). The build under test has a daemon that is linked with it.
+A port names its library in VELM_PLATFORM_LIBRARIES: what CMake makes of that is looked at, not built.
+Everything stays in a temporary directory and on loopback.
 """
 
 from __future__ import annotations
 
 import os
+import re
 import signal
 import socket
 import ssl
@@ -18,6 +20,7 @@ from pathlib import Path
 
 import pytest
 from velm_harness.version import VERSION
+from velm_sim.build import Build
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 PLATFORM_FUNCTIONS = {
@@ -26,11 +29,8 @@ PLATFORM_FUNCTIONS = {
     "nvram_commit",
     "dm_register_app_restart_info",
 }
-BUILD_LIMIT_S = 900
-
-# Built once, in the one process that runs this group, while the others test.
-pytestmark = [pytest.mark.xdist_group("vendor"), pytest.mark.begun_first]
 WAIT_LIMIT_S = 20
+CONFIGURE_LIMIT_S = 120
 
 
 def run(*command: str | Path, timeout: float = WAIT_LIMIT_S, **options) -> str:
@@ -47,12 +47,6 @@ def run(*command: str | Path, timeout: float = WAIT_LIMIT_S, **options) -> str:
     return done.stdout
 
 
-def cmake_build(source: Path, build: Path, target: str, *definitions: str) -> None:
-    run("cmake", "-G", "Ninja", "-S", source, "-B", build, "-DCMAKE_BUILD_TYPE=Debug",
-        *definitions, timeout=BUILD_LIMIT_S)  # fmt: skip
-    run("cmake", "--build", build, "--target", target, timeout=BUILD_LIMIT_S)
-
-
 def wait_until(holds: Callable[[], bool], what: str) -> None:
     deadline = time.monotonic() + WAIT_LIMIT_S
     while not holds():
@@ -60,19 +54,12 @@ def wait_until(holds: Callable[[], bool], what: str) -> None:
         time.sleep(0.02)
 
 
-@pytest.fixture(scope="module")
-def vendor_build(
-    tmp_path_factory: pytest.TempPathFactory, pytestconfig: pytest.Config
-) -> Path:
-    """The build directory of a daemon linked with the vendor's library."""
-    if "asan" in Path(pytestconfig.getoption("--build")).name:
-        pytest.skip("makes its own build, the same for every build under test")
-    place = tmp_path_factory.mktemp("vendor")
-    cmake_build(REPOSITORY / "tests" / "vendor", place / "library", "vendor_platform")
-    library = place / "library" / "libvendor_platform.so"
-    cmake_build(REPOSITORY, place / "daemon", "velmd", "-DVELM_TESTS=OFF",
-                "-DVELM_PLATFORM=vendor", f"-DVELM_PLATFORM_LIBRARIES={library}")  # fmt: skip
-    return place / "daemon"
+@pytest.fixture
+def vendor_daemon(build: Build) -> Path:
+    """A daemon linked with the vendor's library."""
+    program = build.directory / "tests" / "vendor" / "velmd"
+    assert program.is_file(), f"build the target velmd_vendor of {build.directory} first"
+    return program
 
 
 class Device:
@@ -112,7 +99,7 @@ def make_certificate(place: Path) -> tuple[Path, Path]:
 
 
 @pytest.fixture
-def running_daemon(vendor_build: Path, device: Device) -> Iterator[int]:
+def running_daemon(vendor_daemon: Path, device: Device) -> Iterator[int]:
     """The port of a daemon in the background that has all its settings from the vendor's nvram."""
     certificate, key = make_certificate(device.place)
     port = free_port()
@@ -128,7 +115,7 @@ def running_daemon(vendor_build: Path, device: Device) -> Iterator[int]:
     config.write_text(f"process.pidfile={pid_file}\n")
     with (device.place / "output").open("w") as output:
         subprocess.run(
-            [vendor_build / "bin" / "velmd", "-c", config, "-i", "127.0.0.1", "-n", "lo"],
+            [vendor_daemon, "-c", config, "-i", "127.0.0.1", "-n", "lo"],
             env=device.environment,
             stdin=subprocess.DEVNULL,
             stdout=output,
@@ -164,27 +151,38 @@ def info_status(port: int) -> int | None:
         return None
 
 
-def test_vendor_build_compiles_no_host_file(vendor_build: Path) -> None:
-    assert "platform/host" not in (vendor_build / "build.ninja").read_text()
-    assert not (vendor_build / "bin" / "nvram").exists()
+def test_a_build_for_a_vendor_has_its_library_and_nothing_of_the_host(
+    tmp_path: Path, build: Build
+) -> None:
+    if build.is_asan:
+        pytest.skip("the same for every build under test")
+    library = tmp_path / "libvendor_platform.so"
+    run("cmake", "-G", "Ninja", "-S", REPOSITORY, "-B", tmp_path / "port", "-DVELM_TESTS=OFF",
+        "-DVELM_PLATFORM=vendor", f"-DVELM_PLATFORM_LIBRARIES={library}",
+        timeout=CONFIGURE_LIMIT_S)  # fmt: skip
+    plan = (tmp_path / "port" / "build.ninja").read_text()
+    assert "platform/host" not in plan
+    assert not re.search(r"^build bin/nvram\b", plan, re.MULTILINE)
+    link = re.search(r"^build bin/velmd:.*\n(?: .*\n)*", plan, re.MULTILINE)
+    assert link and str(library) in link.group(0)
 
 
-def test_daemon_takes_the_platform_functions_from_the_library(vendor_build: Path) -> None:
-    symbols = run("nm", "--dynamic", "--undefined-only", vendor_build / "bin" / "velmd")
+def test_daemon_takes_the_platform_functions_from_the_library(vendor_daemon: Path) -> None:
+    symbols = run("nm", "--dynamic", "--undefined-only", vendor_daemon)
     undefined = {line.split()[-1] for line in symbols.splitlines() if line.strip()}
     assert undefined >= PLATFORM_FUNCTIONS
 
 
-def test_daemon_prints_its_version(vendor_build: Path, device: Device) -> None:
-    printed = run(vendor_build / "bin" / "velmd", "-v", env=device.environment)
+def test_daemon_prints_its_version(vendor_daemon: Path, device: Device) -> None:
+    printed = run(vendor_daemon, "-v", env=device.environment)
     assert printed == f"velmd {VERSION}\n"
 
 
 def test_mode_zero_in_the_vendors_nvram_keeps_the_daemon_from_running(
-    vendor_build: Path, device: Device
+    vendor_daemon: Path, device: Device
 ) -> None:
     device.set(zelkad_mode=0)
-    assert run(vendor_build / "bin" / "velmd", "-v", env=device.environment) == ""
+    assert run(vendor_daemon, "-v", env=device.environment) == ""
 
 
 def test_daemon_serves_with_the_settings_of_the_vendors_nvram(running_daemon: int) -> None:

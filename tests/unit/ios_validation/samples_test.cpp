@@ -131,14 +131,14 @@ TEST_P(RealSample, IsRefusedForAnotherApp)
     EXPECT_EQ(log.lines(), (lines{"DEBUG IAV - AppId mismatch", "ERROR IAV - Attestation failed"}));
 }
 
-TEST_P(RealSample, IsRefusedWithAnyBitOfTheClientDataHashChanged)
+TEST_P(RealSample, IsRefusedWithABitOfAnyByteOfTheClientDataHashChanged)
 {
     const captured_log log;
     test_bytes hash = sample.client_data_hash;
-    each_flip(hash, 0, hash.size(), bits::all, [&](std::size_t offset, unsigned bit) {
+    each_flip(hash, 0, hash.size(), bits::one, [&](std::size_t offset, unsigned bit) {
         EXPECT_FALSE(attests(sample.attestation, hash)) << offset << "." << bit;
     });
-    EXPECT_EQ(static_cast<std::size_t>(log.count("OID mismatch")), 8 * hash.size());
+    EXPECT_EQ(static_cast<std::size_t>(log.count("OID mismatch")), hash.size());
 }
 
 TEST_P(RealSample, IsAcceptedWhateverItsReceiptHolds)
@@ -182,20 +182,9 @@ INSTANTIATE_TEST_SUITE_P(Phones, RealSample,
                              return name;
                          });
 
-/// One of them is enough for the sweeps, which verify thousands of chains.
+/// One of them is enough for the sweep, which verifies thousands of chains. Its authenticator data is
+/// in it: that is compared by one digest, so one bit of each byte tells as much as all of them.
 using SweptSample = RealSample;
-
-TEST_P(SweptSample, IsRefusedWithAnyBitOfItsAuthDataChanged)
-{
-    test_bytes object = sample.attestation;
-    const field_place place = field_of(object, "authData");
-    ASSERT_EQ(place.end - place.begin, 164U);
-    each_flip(object, place.begin, place.end, bits::all, [&](std::size_t offset, unsigned bit) {
-        EXPECT_FALSE(attests(object, sample.client_data_hash)) << offset << "." << bit;
-    });
-    EXPECT_EQ(object, sample.attestation);
-    EXPECT_EQ(store.key, test_bytes{});
-}
 
 TEST_P(SweptSample, IsRefusedWithABitOfAnyByteButTheReceiptsChanged)
 {
@@ -206,6 +195,7 @@ TEST_P(SweptSample, IsRefusedWithABitOfAnyByteButTheReceiptsChanged)
             EXPECT_FALSE(attests(object, sample.client_data_hash)) << offset << "." << bit;
         }
     });
+    EXPECT_EQ(object, sample.attestation);
     EXPECT_EQ(store.key, test_bytes{});
 }
 

@@ -1,4 +1,4 @@
-#include "ios_validation/bytes.h"
+#include "bytes/reader.h"
 
 #include <algorithm>
 
@@ -14,13 +14,29 @@ std::span<const std::uint8_t> byte_reader::take(std::uint64_t count)
     return taken;
 }
 
-std::uint64_t byte_reader::number(std::size_t width)
+std::uint64_t byte_reader::big_endian(std::size_t width)
 {
     std::uint64_t value = 0;
     for (const std::uint8_t byte : take(width)) {
         value = value << 8 | byte;
     }
     return value;
+}
+
+std::uint64_t byte_reader::little_endian(std::size_t width)
+{
+    const auto bytes = take(width);
+    std::uint64_t value = 0;
+    for (std::size_t i = bytes.size(); i-- > 0;) {
+        value = value << 8 | bytes[i];
+    }
+    return value;
+}
+
+std::string_view byte_reader::text(std::size_t length)
+{
+    const auto bytes = take(length);
+    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
 std::uint8_t byte_reader::next_byte() const

@@ -3,16 +3,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
-/// Reads big-endian fields in order. Sticky: after the first short read everything reads as zero
-/// and ok() is false, so it is asked once, at the end.
+/// Reads fields in order. Sticky: after the first short read everything reads as zero or empty and ok()
+/// is false, so it is asked once, at the end.
 class byte_reader {
   public:
     explicit byte_reader(std::span<const std::uint8_t> bytes) : rest_{bytes}
     {
     }
-    [[nodiscard]] std::uint64_t number(std::size_t width);
-    [[nodiscard]] std::uint8_t next_byte() const; // zero at the end; not taken
+    /// Numbers have a width of at most 8 bytes.
+    [[nodiscard]] std::uint64_t big_endian(std::size_t width);
+    [[nodiscard]] std::uint64_t little_endian(std::size_t width);
+    [[nodiscard]] std::string_view text(std::size_t length); // borrowed
+    [[nodiscard]] std::uint8_t next_byte() const;            // zero at the end; not taken
     void copy_to(std::span<std::uint8_t> target);
     void skip(std::uint64_t count);
     [[nodiscard]] std::size_t remaining() const

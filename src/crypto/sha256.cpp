@@ -1,4 +1,4 @@
-#include "ios_validation/sha256.h"
+#include "crypto/sha256.h"
 
 #include "handles/openssl.h"
 
@@ -21,10 +21,10 @@ bool begin()
 
 } // namespace
 
-std::optional<ios_app_digest> ios_app_sha256(std::span<const std::uint8_t> head,
-                                             std::span<const std::uint8_t> tail)
+std::optional<sha256_digest> sha256(std::span<const std::uint8_t> head,
+                                    std::span<const std::uint8_t> tail)
 {
-    ios_app_digest digest{};
+    sha256_digest digest{};
     const bool done = begin() &&
                       EVP_DigestUpdate(state.context.get(), head.data(), head.size()) == 1 &&
                       EVP_DigestUpdate(state.context.get(), tail.data(), tail.size()) == 1 &&

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <variant>
+
+#include "config/record.h"
+
+/// The table of settings: one row says all about a setting that its readers and its documents share.
+
+/// How a boolean that is true is written.
+inline constexpr char config_yes[] = "yes";
+
+/// A field of the record, by its type.
+using config_field =
+    std::variant<bool velm_config::*, std::uint16_t velm_config::*,
+                 char (velm_config::*)[config_path_size], char (velm_config::*)[config_word_size],
+                 char (velm_config::*)[config_name_size]>;
+
+struct config_setting {
+    const char *key; // in the file and in the log
+    config_field field;
+    const char *standard; // the default, as it would be written in the file
+    const char *nvram;    // the name of the setting in nvram that overrides the file; null: none
+    const char *meaning;  // one sentence, which velmd.conf(5) has too
+};
+
+/// The settings of the file, in the order of the record.
+[[nodiscard]] std::span<const config_setting> config_file_settings();
+
+/// The fields behind them, which only the platform and the command line set; the key is for the log.
+[[nodiscard]] std::span<const config_setting> config_platform_settings();
