@@ -3,10 +3,11 @@
 #include "http_server/log.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
+#include "request/body.h"
+#include "request/checks.h"
 #include "request/input.h"
 #include "request/kept.h"
 #include "request/refusal.h"
-#include "velm_request_preprocessor.h"
 
 namespace {
 

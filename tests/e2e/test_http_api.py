@@ -316,7 +316,7 @@ def test_a_phone_pairs_whose_attestation_has_as_many_characters_as(
 PARSED = "velm_request_parse_request_body - received:"
 
 
-@pytest.mark.parametrize("path", ["/challenge", "/pair", "/pairings", "/location", "/unpair"])
+@pytest.mark.parametrize("path", BODY_PATHS)
 def test_a_body_is_parsed_once_for(path: str, paired: Caller, access_point: AccessPoint) -> None:
     request = paired.prepare(path)
     mark = access_point.daemon.log_mark()
