@@ -91,8 +91,8 @@ std::array<signed_message, 2> chain_signatures(const app_attest_sample &sample)
 {
     const auto cbor = ios_app_cbor_decode(sample.attestation);
     const auto object = ios_attestation_obj_create(cbor->get());
-    const x509_ptr leaf = certificate_of(object->credential_certificate.view());
-    const x509_ptr intermediate = certificate_of(object->intermediate_certificate.view());
+    const x509_ptr leaf = certificate_of(object->credential_certificate);
+    const x509_ptr intermediate = certificate_of(object->intermediate_certificate);
     const bio_ptr bio{BIO_new_mem_buf(apple_root_ca_pem, -1)};
     const x509_ptr root{PEM_read_bio_X509(bio.get(), nullptr, openssl_no_passphrase, nullptr)};
     return {certificate_signature(root.get(), intermediate.get()),
@@ -103,8 +103,8 @@ signed_message assertion_signature(const app_attest_sample &sample)
 {
     const auto cbor = ios_app_cbor_decode(sample.assertion->object);
     const auto object = ios_assertion_obj_create(cbor->get());
-    const auto signature = object->signature.view();
-    const auto data = object->authenticator_data.view();
+    const auto &signature = object->signature;
+    const auto &data = object->authenticator_data;
     test_bytes joined{data.begin(), data.end()};
     joined.insert(joined.end(), sample.assertion->client_data_hash.begin(),
                   sample.assertion->client_data_hash.end());
