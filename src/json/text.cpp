@@ -20,7 +20,7 @@ bool json_has_nul_in_string(std::string_view json)
                 return true;
             }
         }
-        if (inside && json[i] == '\0') {
+        if (inside && i < json.size() && json[i] == '\0') {
             return true;
         }
     }
