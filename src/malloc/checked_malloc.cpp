@@ -14,6 +14,7 @@
 #include <new>
 
 #include "handles/exhaustion.h"
+#include "malloc/tls_rooms.h"
 
 namespace {
 
@@ -98,17 +99,39 @@ void free_wiped_from(void *memory, std::size_t wiped_size) noexcept
 
 void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
 {
+    if (void *const room = tls_room_take(size); room != nullptr) {
+        return room;
+    }
     return size == 0 ? nullptr : checked(next.malloc(size), size);
-}
-
-void *openssl_realloc(void *old, std::size_t size, const char * /*file*/, int /*line*/) noexcept
-{
-    return std::realloc(old, size);
 }
 
 void openssl_free(void *memory, const char * /*file*/, int /*line*/) noexcept
 {
-    free_wiped_from(memory, tls_record_size);
+    if (tls_room_is_one(memory)) {
+        tls_room_give_back(memory);
+    } else {
+        free_wiped_from(memory, tls_record_size);
+    }
+}
+
+/// What may lie in a room is moved like any other memory that grows.
+void *openssl_realloc(void *old, std::size_t size, const char *file, int line) noexcept
+{
+    if (old == nullptr) {
+        return openssl_malloc(size, file, line);
+    }
+    if (!tls_room_is_one(old)) {
+        return std::realloc(old, size);
+    }
+    if (size != 0 && size <= tls_room_most) {
+        return old;
+    }
+    void *const moved = openssl_malloc(size, file, line);
+    if (moved != nullptr) {
+        std::memcpy(moved, old, tls_room_most);
+    }
+    openssl_free(old, file, line);
+    return moved;
 }
 
 /// A TLS handshake frees thousands of objects, and OpenSSL overwrites those that are secret itself. What

@@ -1,0 +1,92 @@
+#include "malloc/tls_rooms.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using byte = unsigned char;
+
+bool is_zero(const void *room)
+{
+    const auto *const bytes = static_cast<const byte *>(room);
+    return std::all_of(bytes, bytes + tls_room_most, [](byte one) { return one == 0; });
+}
+
+std::size_t resident_pages(void *room)
+{
+    std::array<byte, tls_room_most / 4096> pages{};
+    EXPECT_EQ(mincore(room, tls_room_most, pages.data()), 0);
+    return static_cast<std::size_t>(
+        std::count_if(pages.begin(), pages.end(), [](byte page) { return (page & 1) != 0; }));
+}
+
+TEST(TlsRooms, AreForTheLargeBuffersOnly)
+{
+    EXPECT_EQ(tls_room_take(tls_room_least - 1), nullptr);
+    EXPECT_EQ(tls_room_take(tls_room_most + 1), nullptr);
+    for (const std::size_t size : {tls_room_least, tls_room_most}) {
+        void *const room = tls_room_take(size);
+        ASSERT_NE(room, nullptr);
+        EXPECT_TRUE(tls_room_is_one(room));
+        tls_room_give_back(room);
+    }
+    const std::vector<byte> heap(tls_room_least);
+    EXPECT_FALSE(tls_room_is_one(heap.data()));
+    EXPECT_FALSE(tls_room_is_one(nullptr));
+}
+
+TEST(TlsRooms, AreZeroAgainForTheNext)
+{
+    std::vector<void *> rooms;
+    for (std::size_t i = 0; i < tls_rooms_at_hand + 1; ++i) {
+        rooms.push_back(tls_room_take(tls_room_most));
+        std::memset(rooms.back(), 'p', tls_room_most);
+    }
+    for (void *const room : rooms) {
+        tls_room_give_back(room);
+        EXPECT_TRUE(is_zero(room));
+    }
+}
+
+TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
+{
+    std::vector<void *> rooms;
+    for (std::size_t i = 0; i < 2 * tls_rooms_at_hand; ++i) {
+        rooms.push_back(tls_room_take(tls_room_most));
+    }
+    auto *const last = static_cast<byte *>(rooms.back());
+    EXPECT_EQ(resident_pages(last), 0U);
+    *last = 1;
+    EXPECT_EQ(resident_pages(last), 1U);
+    for (void *const room : rooms) {
+        tls_room_give_back(room);
+    }
+    EXPECT_EQ(resident_pages(last), 0U);
+    EXPECT_EQ(resident_pages(rooms.front()), tls_room_most / 4096);
+}
+
+TEST(TlsRooms, WhenAllAreTakenTheAllocatorIsToBeAsked)
+{
+    std::vector<void *> rooms;
+    for (std::size_t i = 0; i < tls_rooms; ++i) {
+        rooms.push_back(tls_room_take(tls_room_most));
+        ASSERT_NE(rooms.back(), nullptr);
+    }
+    std::sort(rooms.begin(), rooms.end());
+    EXPECT_EQ(std::unique(rooms.begin(), rooms.end()), rooms.end());
+    EXPECT_EQ(tls_room_take(tls_room_most), nullptr);
+    tls_room_give_back(rooms[7]);
+    EXPECT_EQ(tls_room_take(tls_room_least), rooms[7]);
+    for (void *const room : rooms) {
+        tls_room_give_back(room);
+    }
+}
+
+} // namespace
