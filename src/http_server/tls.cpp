@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <string_view>
 #include <utility>
 
@@ -49,6 +50,9 @@ struct module_state {
     bio_method_ptr whole_records;
     const SSL_CTX *tickets_of = nullptr; // the context whose key was made then
     std::chrono::steady_clock::time_point ticket_key_made;
+    std::size_t untaken = 0;               // of all streams
+    std::deque<http_tls_stream *> waiting; // until some of that is taken
+    http_tls_stream *with_spare = nullptr; // which was read last, and kept the rooms made for that
     std::array<char, longest_record> scratch; // only pages that bytes reached are resident
 };
 module_state state;
@@ -130,6 +134,49 @@ int receive(BIO *bio, http_tls_stream *stream)
     return 1;
 }
 
+/// Libevent makes no smaller room to read into. And for new keys, which bring no data, OpenSSL makes rooms
+/// as for a handshake.
+std::size_t room_of(const http_tls_stream *stream, std::size_t untaken)
+{
+    if (untaken == 0) {
+        return 0;
+    }
+    return std::max(untaken, http_tls_read_room) +
+           (stream->silent_records > 1 ? http_tls_silent_room : 0);
+}
+
+void set_untaken(http_tls_stream *stream, std::size_t size)
+{
+    const std::size_t room = room_of(stream, size);
+    state.untaken += room - std::exchange(stream->untaken_room, room);
+    stream->untaken = size;
+}
+
+/// The connection has taken what was decrypted, so there is room for another's.
+void note_taken(http_tls_stream *stream)
+{
+    set_untaken(stream, 0);
+    bool goes_on = false;
+    while (!goes_on && state.untaken < http_tls_turn_untaken && !state.waiting.empty()) {
+        http_tls_stream *const next = state.waiting.front();
+        state.waiting.pop_front();
+        goes_on = (bufferevent_get_enabled(next->bev) & EV_READ) != 0; // else it is asked later
+        http_tls_read(next->bev);
+    }
+}
+
+/// Others have so much decrypted that this one has to wait until it is taken.
+bool waits_for_others(http_tls_stream *stream)
+{
+    if (stream->shakes_hands || stream->untaken != 0 || state.untaken < http_tls_turn_untaken) {
+        return false;
+    }
+    if (std::find(state.waiting.begin(), state.waiting.end(), stream) == state.waiting.end()) {
+        state.waiting.push_back(stream);
+    }
+    return true;
+}
+
 /// OpenSSL wants the next record: more than 0 when it may have it.
 int open_record(BIO *bio, http_tls_stream *stream)
 {
@@ -145,6 +192,9 @@ int open_record(BIO *bio, http_tls_stream *stream)
         stream->wants_turn(stream->argument);
         return would_block(bio);
     }
+    if (waits_for_others(stream)) {
+        return would_block(bio);
+    }
     while ((stream->open = whole_record(unread(stream))) == 0) {
         const int result = receive(bio, stream);
         if (result <= 0) {
@@ -153,8 +203,45 @@ int open_record(BIO *bio, http_tls_stream *stream)
     }
     ++stream->turn_records;
     stream->turn_bytes += stream->open;
-    stream->silent_records += stream->shakes_hands ? 0 : 1; // until it turns out to bring data
+    if (!stream->shakes_hands) {
+        ++stream->silent_records; // until it turns out to bring data
+        set_untaken(stream, stream->untaken + stream->open);
+    }
     return 1;
+}
+
+/// Of the stream that was read last and brought no data.
+void give_back_spare()
+{
+    const http_tls_stream *const stream = std::exchange(state.with_spare, nullptr);
+    if (stream == nullptr) {
+        return;
+    }
+    if (SSL_has_pending(stream->tls) == 0) {
+        SSL_free_buffers(stream->tls); // unless something waits to be written
+    }
+    evbuffer *const input = bufferevent_get_input(stream->bev);
+    if (evbuffer_get_length(input) == 0) {
+        evbuffer_add(input, "", 1); // the room goes with the last byte in it
+        evbuffer_drain(input, 1);
+    }
+}
+
+void note_spare(http_tls_stream *stream)
+{
+    if (state.with_spare == nullptr) {
+        state.with_spare = stream;
+        stream->keeps_some();
+    }
+}
+
+/// Reading is over for now. If there are data, the connection is going to take them.
+void end_reading(http_tls_stream *stream)
+{
+    if (evbuffer_get_length(bufferevent_get_input(stream->bev)) == 0) {
+        note_taken(stream);
+        note_spare(stream);
+    }
 }
 
 /// OpenSSL reads.
@@ -165,9 +252,13 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     if (stream == nullptr || size <= 0) {
         return 0;
     }
+    if (state.with_spare != stream) {
+        give_back_spare();
+    }
     if (stream->open == 0) {
         const int result = open_record(bio, stream);
         if (result <= 0) {
+            end_reading(stream);
             return result;
         }
     }
@@ -292,6 +383,8 @@ void http_tls_begin(http_tls_stream *stream, bufferevent *bev)
     if (state.whole_records == nullptr) {
         state.whole_records = make_method();
     }
+    stream->bev = bev;
+    bufferevent_set_max_single_read(bev, http_tls_read_room - 64); // the room has a head
     bio_ptr records{BIO_new(state.whole_records.get())};
     REQUIRE_MEMORY(records, "records");
     BIO_set_data(records.get(), stream);
@@ -307,6 +400,11 @@ void http_tls_begin(http_tls_stream *stream, bufferevent *bev)
 
 void http_tls_end(http_tls_stream *stream)
 {
+    std::erase(state.waiting, stream);
+    if (state.with_spare == stream) {
+        state.with_spare = nullptr;
+    }
+    note_taken(stream);
     if (stream->tls != nullptr) {
         BIO_set_data(SSL_get_rbio(stream->tls), nullptr);
     }
@@ -319,7 +417,12 @@ void http_tls_connected(bufferevent *bev)
 
 void http_tls_brought_data(http_tls_stream *stream)
 {
+    if (stream->silent_records > 1 && state.with_spare != stream) {
+        give_back_spare();
+        note_spare(stream); // new keys among them: OpenSSL has made a room for an answer
+    }
     stream->silent_records = 0;
+    note_taken(stream);
 }
 
 bool http_tls_turn_is_over(const http_tls_stream *stream)
@@ -349,6 +452,11 @@ void http_tls_end_quietly(const http_tls_stream *stream)
     if (stream->tls != nullptr && (SSL_get_shutdown(stream->tls) & SSL_RECEIVED_SHUTDOWN) != 0) {
         SSL_set_quiet_shutdown(stream->tls, 1);
     }
+}
+
+void http_tls_give_back()
+{
+    give_back_spare();
 }
 
 std::size_t http_tls_size(const http_tls_stream *stream)

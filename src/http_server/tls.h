@@ -19,6 +19,16 @@ inline constexpr std::size_t http_tls_turn_bytes = 32 * 1024;
 /// Records in a row without data, after the handshake. A client has reason for one: new keys.
 inline constexpr std::size_t http_tls_max_silent_records = 32;
 
+/// What of all connections together may be decrypted before the connections take it: libevent tells
+/// them only when it has read everybody. The others are read when some was taken.
+inline constexpr std::size_t http_tls_turn_untaken = 16 * 1024;
+
+/// The room that libevent makes to read into: for a record that needs more it makes another.
+inline constexpr std::size_t http_tls_read_room = 1024;
+
+/// What OpenSSL takes for a record without data, until it is given back.
+inline constexpr std::size_t http_tls_silent_room = 8 * 1024;
+
 /// The longest record that is sent: OpenSSL keeps one while a client does not read, and nearly every
 /// reply is a tenth of it.
 inline constexpr long http_tls_sent_record = 4096;
@@ -39,7 +49,8 @@ void http_tls_renew_ticket_key(SSL_CTX *context, std::chrono::steady_clock::time
 /// Here only what came is kept, and can be counted. It also asks the kernel less: once for all that
 /// has come, where OpenSSL asks twice a record.
 struct http_tls_stream {
-    SSL *tls = nullptr; // null: not begun, and nothing to end
+    SSL *tls = nullptr;         // null: not begun, and nothing to end
+    bufferevent *bev = nullptr; // set by http_tls_begin
     int socket = -1;
     in_addr_t address = 0; // the client's, for the log
     /// What the client may send before its handshake is done; more ends the connection. OpenSSL would
@@ -64,6 +75,8 @@ struct http_tls_stream {
     std::size_t turn_records = 0; // handed to OpenSSL in this turn
     std::size_t turn_bytes = 0;
     std::size_t silent_records = 0; // since the last one that brought data
+    std::size_t untaken = 0;        // decrypted, and not yet taken
+    std::size_t untaken_room = 0;   // what that takes
 };
 
 /// Puts the stream, whose members down to `argument` are set, between the socket and the connection, right
@@ -74,7 +87,7 @@ void http_tls_end(http_tls_stream *stream);
 /// The handshake is done.
 void http_tls_connected(bufferevent *bev);
 
-/// The connection got data out of the record that was read last.
+/// The connection has taken the data of what was read last.
 void http_tls_brought_data(http_tls_stream *stream);
 
 /// The share of a turn is used up, or begins anew.
@@ -87,6 +100,9 @@ void http_tls_next_turn(http_tls_stream *stream);
 /// disabled.
 [[nodiscard]] bool http_tls_has_more(const http_tls_stream *stream);
 void http_tls_read(bufferevent *bev);
+
+/// What was made to read into and is not used any more goes. Once more when all have been read.
+void http_tls_give_back();
 
 /// The client has said that it ends and nothing is owed to it, so that nobody would read the same
 /// from us: the socket has gone, and sending would only bring a reset.
