@@ -28,8 +28,8 @@ class value_counter {
     {
     }
 
-    /// Up to one more than `most`.
-    std::size_t count(std::size_t most)
+    /// Up to one more than `most`; nothing when they are nested too deep.
+    std::optional<std::size_t> count(std::size_t most)
     {
         std::size_t depth = 0;
         std::size_t values = 0;
@@ -40,8 +40,8 @@ class value_counter {
                 break;
             case '[':
             case '{':
-                if (++depth > CJSON_NESTING_LIMIT) {
-                    return values; // the parser gives up here
+                if (++depth > velm_request_max_depth) {
+                    return std::nullopt;
                 }
                 values += is_empty_container() ? 0U : 1U;
                 break;
@@ -137,11 +137,12 @@ velm_request_body velm_request_parse_request_body(evhtp_request_t *req)
     }
     LOG_TRACE("%s - received data (%zu):", __func__, text->size());
     LOG_TRACE("%s - %.*s", __func__, static_cast<int>(text->size()), text->c_str());
-    if (value_counter{*text}.count(velm_request_max_values) > velm_request_max_values) {
+    const auto values = value_counter{*text}.count(velm_request_max_values);
+    if (values > velm_request_max_values) {
         LOG_ERROR("%s - too many json values", __func__);
         return {nullptr, http_status_bad_request};
     }
-    json_ptr tree = parse_json(*text);
+    json_ptr tree = values.has_value() ? parse_json(*text) : nullptr;
     if (tree == nullptr) {
         LOG_ERROR("%s - cannot parse json data", __func__);
         return {nullptr, http_status_bad_request};

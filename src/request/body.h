@@ -12,6 +12,10 @@
 /// hundred bytes and more, whatever its length; a list of 80 whole locations has 640.
 inline constexpr std::size_t velm_request_max_values = 1000;
 
+/// How deep objects and arrays may be nested. A location has 3. The parser reads by recursion, and what
+/// it takes of the stack stays resident.
+inline constexpr std::size_t velm_request_max_depth = 100;
+
 struct velm_request_body {
     secret_json_ptr body; // null unless the status is 200
     int status = 400;     // 200, 400 or 500

@@ -26,7 +26,7 @@ std::size_t block_size(const void *block)
 }
 
 /// Of the item and all below it, without those beside it.
-// NOLINTNEXTLINE(misc-no-recursion): cJSON parses no deeper than CJSON_NESTING_LIMIT
+// NOLINTNEXTLINE(misc-no-recursion): no deeper than velm_request_max_depth
 std::size_t tree_size(const cJSON *item)
 {
     std::size_t size = block_size(item) + block_size(item->string) + block_size(item->valuestring);
