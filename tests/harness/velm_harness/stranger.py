@@ -1,6 +1,7 @@
 """Strangers on the LAN who send what no client sends, as fast as they can, in their own process.
 
-`python -m velm_harness.stranger NAME SERVER PORT SOURCE SECONDS` runs inside the hosts' namespace.
+`python -m velm_harness.stranger NAME[+NAME...] SERVER PORT SOURCE SECONDS` runs inside the hosts'
+namespace. Names that are joined are done at once.
 """
 
 from __future__ import annotations
@@ -14,6 +15,7 @@ import ssl
 import struct
 import subprocess
 import sys
+import threading
 import time
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
@@ -283,6 +285,54 @@ def unread(client: TlsClient) -> Iterator[bytes]:
         yield client.records([b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n" * 200])
 
 
+def posted(body: bytes) -> Callable[[TlsClient], Iterator[bytes]]:
+    head = (
+        b"POST /pairings HTTP/1.1\r\nUser-Agent: a\r\nContent-Type: application/json\r\n"
+        b"Content-Length: %d\r\n\r\n" % len(body)
+    )
+
+    def make(client: TlsClient) -> Iterator[bytes]:
+        for _ in range(50):
+            yield client.records([head + body])
+
+    return make
+
+
+NESTED = b'{"auth":' + b'{"a":' * 950 + b"1" + b"}" * 951
+KEYS = b'{"auth":{' + b",".join(b'"%d":""' % number for number in range(900)) + b"}}"
+LOGIN = (
+    b'{"auth":{"username":"nobody","password":"%s","deviceId":"y","deviceType":"iOS",'
+    b'"bssid":"00:1a:2b:3c:4d:50"}}' % (b"p" * 7000)
+)
+
+
+def new_keys_and_a_byte(client: TlsClient) -> Iterator[bytes]:
+    for _ in range(100):
+        yield client.key_updates(20) + client.records([b"G"])
+
+
+def head_byte_by_byte(client: TlsClient) -> Iterator[bytes]:
+    head = b"GET /info HTTP/1.1\r\nA: " + b"b" * 7000 + b"\r\n\r\n"
+    for start in range(0, len(head), 300):
+        yield client.records([bytes([byte]) for byte in head[start : start + 300]])
+
+
+def many_headers(client: TlsClient) -> Iterator[bytes]:
+    head = b"GET /info HTTP/1.1\r\n" + b"".join(b"a%d:\r\n" % i for i in range(98)) + b"\r\n"
+    for _ in range(200):
+        yield client.records([head])
+
+
+# What takes memory more than time, by itself or beside others.
+LOADS: dict[str, Callable[[Target], None]] = {
+    "new keys and a byte": sending(new_keys_and_a_byte),
+    "nested JSON": sending(posted(NESTED)),
+    "JSON of many keys": sending(posted(KEYS)),
+    "wrong passwords": sending(posted(LOGIN)),
+    "heads byte by byte": sending(head_byte_by_byte),
+    "many headers": sending(many_headers),
+}
+
 DEEDS: dict[str, Callable[[Target], None]] = {
     "key updates": key_updates,
     "greetings on established connections": greetings_on_established_connections,
@@ -318,9 +368,17 @@ def at_work_together(deeds: list[tuple[str, LanHost]], seconds: float) -> Iterat
 
 
 def main(arguments: list[str]) -> None:
-    deed, server, port, source, seconds = arguments
+    deeds, server, port, source, seconds = arguments
     print("ready", flush=True)
-    DEEDS[deed](Target(server, int(port), source, time.monotonic() + float(seconds)))
+    target = Target(server, int(port), source, time.monotonic() + float(seconds))
+    at_once = [
+        threading.Thread(target={**DEEDS, **LOADS}[deed], args=(target,), daemon=True)
+        for deed in deeds.split("+")
+    ]
+    for one in at_once:
+        one.start()
+    for one in at_once:
+        one.join()
 
 
 if __name__ == "__main__":
