@@ -45,8 +45,8 @@ constexpr std::size_t max_names = 64;
 
 struct module_state {
     failure_series of_all; // any success ends it
-    /// Else whoever knows one account's password could try those of another without end, with a
-    /// right login of his own after every fourth.
+    /// Otherwise an attacker who has one account could log in just before the limit, and so guess at
+    /// another account without end.
     std::array<name_failures, max_names> of_names;
     std::uint64_t failures = 0; // ever
 };

@@ -4,8 +4,8 @@
 #include "velm_config.h"
 
 /// The user/password check: the caller knows the password of a system account. After five failures
-/// in a row, whoever made them, every login is refused until 60 s after the first of them. After five
-/// in a row for one user name, whatever happens to others between them, that name is. At most 64
+/// in a row, whoever made them, every login is refused until 60 s after the first of them. Five
+/// failures in a row for one user name block that name; logins of other names do not end the row. At most 64
 /// names are remembered; the one whose last failure is longest ago is forgotten.
 
 /// The counts of failures outlive a reload.

@@ -5,7 +5,7 @@
 
 namespace {
 
-// A key, a default and a meaning that change also change velmd.conf(5) and the sample: a test compares
+// If you change a key, a default or a meaning, change velmd.conf(5) and the sample too: a test compares
 // them. "decrytion" is what the platform writes.
 // clang-format off
 constexpr config_setting file_settings[] = {

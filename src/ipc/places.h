@@ -11,8 +11,8 @@
 ///
 /// A program that forgets to close its connections must not shut the others out: the place comes from
 /// the user id that holds most places. Of its clients those without an open request go first, and of
-/// these the one that has been quiet longest. A number of the last request, or of the arrival, says how
-/// long that is: the lower, the longer.
+/// these the one that has been quiet longest. Each request and each arrival gets the next number: the
+/// client with the lowest number has been quiet longest.
 
 /// How many there are. Each client may have 1024 requests open and 64 packets unread: together 3 MB at
 /// worst. Local clients are a few programs of the same device.

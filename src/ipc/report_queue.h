@@ -10,8 +10,8 @@
 /// The locations of phones that were answered with 200, in the order in which they came, until every
 /// client has room for their reports. Loop thread only.
 ///
-/// Of a location only what a report holds is kept, and what its phone said of itself once for all
-/// that follow each other. Together they hold at most 512 KiB: seven of the longest lists that a body
+/// The queue keeps the values of each location. It keeps the phone's address and "auth" once for
+/// neighbouring locations of one request. Together they hold at most 512 KiB: seven of the longest lists that a body
 /// can hold, or some 800 locations that come one by one. Who asks for room first loses none.
 
 inline constexpr std::size_t location_queue_limit = std::size_t{512} * 1024;

@@ -5,7 +5,8 @@
 
 #include "launch/process.h"
 
-/// A command under way; what takes longer than common_launch_time is ended and has failed. It writes into a pipe, so that it may wait for its reader.
+/// A command under way. One that takes longer than common_launch_time is ended and has failed. It writes
+/// into a pipe: while nobody reads, it may have to wait.
 struct common_launched {
     std::unique_ptr<common_launch_process> pipe; // null when it could not be started
     int error = 0;                               // why not

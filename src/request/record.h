@@ -31,7 +31,7 @@ struct velm_request_preprocessor {
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;
-    const char *refusal = nullptr;           // why, a literal; null: the name of the check says it
+    const char *refusal = nullptr; // why, a literal; null: the log takes the reason of the check
     std::optional<velm_request_proof> proof; // what the assertion check went by
     std::optional<in_addr> client_address;   // nothing for a peer without IPv4
     // Views into `body.tree`; null when missing.
