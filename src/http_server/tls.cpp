@@ -444,7 +444,11 @@ bool http_tls_has_more(const http_tls_stream *stream)
 
 void http_tls_read(bufferevent *bev)
 {
-    event_active(&bev->ev_read, EV_READ, 1);
+    // Libevent does not add an event that is active. One that was taken off the loop and made active here
+    // would stay off it when reading is enabled later in this turn, and nothing would be read any more.
+    if (event_pending(&bev->ev_read, EV_READ, nullptr) != 0) {
+        event_active(&bev->ev_read, EV_READ, 1);
+    }
 }
 
 void http_tls_end_quietly(const http_tls_stream *stream)

@@ -96,8 +96,8 @@ void http_tls_next_turn(http_tls_stream *stream);
 
 /// A whole record is here that OpenSSL has not asked for. The kernel reports nothing of it again: so
 /// this is to be asked whenever something was read or reading has been enabled, and if it says so,
-/// `http_tls_read` called, now or later. That reads in this turn, or not at all while reading is
-/// disabled.
+/// `http_tls_read` called, now or later. That reads in this turn. While reading is disabled it reads
+/// nothing, and this is to be asked again when reading has been enabled.
 [[nodiscard]] bool http_tls_has_more(const http_tls_stream *stream);
 void http_tls_read(bufferevent *bev);
 

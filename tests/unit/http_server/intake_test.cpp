@@ -202,6 +202,22 @@ TEST_F(Intake, EveryRecordThatLiesInTheSocketIsRead)
     EXPECT_EQ(seen.size(), 15U);
 }
 
+// All in one turn: what comes while reading is off takes the socket off the loop, the turn begins in
+// which the rest of the first read would be looked at, and the reply leaves, which enables reading.
+TEST_F(Intake, WhatComesAfterAReplyToAClientThatSendsEarlyIsRead)
+{
+    serve();
+    const auto peer = connected();
+    peer->send(get_paused);
+    peer->send("GET /now"); // is taken from the kernel together with the request before
+    ASSERT_TRUE(pauses());
+    peer->send(" HTTP/1.1"); // while reading is off
+    answer_paused();
+    EXPECT_EQ(peer->receive().status, 200);
+    EXPECT_EQ(peer->ask("\r\nHost: a\r\n\r\n").status, 200);
+    EXPECT_EQ(seen.size(), 2U);
+}
+
 TEST_F(Intake, ARequestInOnePacketWithTheEndOfTheHandshakeIsServed)
 {
     serve();
