@@ -3,7 +3,6 @@
 #include <event2/bufferevent_ssl.h>
 #include <event2/util.h>
 #include <fcntl.h>
-#include <malloc.h>
 #include <netinet/in.h>
 #include <openssl/err.h>
 #include <sys/socket.h>
@@ -18,6 +17,8 @@
 
 #include "handles/evhtp.h"
 #include "handles/libevent.h"
+#include "http_server/budget.h"
+#include "http_server/give_back.h"
 #include "http_server/handshakes.h"
 #include "http_server/intake.h"
 #include "http_server/listener.h"
@@ -33,7 +34,7 @@ struct server_connection {
     evhtp_connection_t *connection = nullptr; // the library's; it tells us when it goes
     in_addr_t address = 0;
     http_intake intake;
-    std::size_t counted = 0; // of its memory in the sum of all
+    http_budget_share share;
     http_tls_stream tls;
     http_handshake handshake;
     event_ptr timer;
@@ -45,8 +46,6 @@ struct module_state {
     http_connection_limits limits;
     evhtp_t *htp = nullptr;
     std::vector<std::unique_ptr<server_connection>> connections;
-    std::size_t held = 0; // by all of them together
-    event_ptr memory_return;
     event_ptr memory_check;
 };
 module_state state;
@@ -58,24 +57,6 @@ in_addr_t peer_address(const evhtp_connection_t *connection)
     return address.sin_family == AF_INET ? address.sin_addr.s_addr : 0;
 }
 
-/// What handshakes and requests have freed lies between what lives on, where the C library keeps it.
-void on_memory_return(evutil_socket_t, short, void *) noexcept
-{
-#ifdef __GLIBC__
-    malloc_trim(0);
-#endif
-}
-
-/// Once a second at most, and never while no connection comes or goes.
-void return_memory_soon()
-{
-    constexpr timeval soon{1, 0};
-    if (state.memory_return != nullptr &&
-        evtimer_pending(state.memory_return.get(), nullptr) == 0) {
-        evtimer_add(state.memory_return.get(), &soon);
-    }
-}
-
 void restart_timer(server_connection *peer)
 {
     peer->reply_overdue = false;
@@ -83,108 +64,28 @@ void restart_timer(server_connection *peer)
     REQUIRE_CALL(rc == 0, "evtimer_add(timer, &request_time)", rc);
 }
 
-/// After every step that may have changed it: to add up all connections each time would cost more than
-/// the step.
 void count_held(server_connection *peer)
 {
-    const std::size_t size = http_intake_size(&peer->intake) + http_tls_size(&peer->tls);
-    state.held += size - peer->counted;
-    peer->counted = size;
-}
-
-enum class whose { all, checked };
-
-/// What the connections of one address hold, or those of them whose request is checked.
-std::size_t held_by(in_addr_t address, whose which = whose::all)
-{
-    std::size_t sum = 0;
-    for (const auto &peer : state.connections) {
-        if (peer->address == address &&
-            (which == whose::all || http_intake_is_paused(&peer->intake))) {
-            sum += peer->counted;
-        }
-    }
-    return sum;
-}
-
-/// Of the address that holds most some connection; null when nobody holds anything.
-const server_connection *one_of_the_greediest_address()
-{
-    const server_connection *found = nullptr;
-    std::size_t most = 0;
-    for (const auto &peer : state.connections) {
-        const std::size_t size = held_by(peer->address);
-        if (size > most) {
-            found = peer.get();
-            most = size;
-        }
-    }
-    return found;
-}
-
-enum class candidates { all, not_checked };
-
-server_connection *greediest_of(in_addr_t address, candidates which)
-{
-    server_connection *found = nullptr;
-    for (const auto &peer : state.connections) {
-        if (peer->address == address && peer->counted > (found == nullptr ? 0 : found->counted) &&
-            (which == candidates::all || !http_intake_is_paused(&peer->intake))) {
-            found = peer.get();
-        }
-    }
-    return found;
-}
-
-/// The address that holds most pays, with the connection of its own that holds most: nobody else does,
-/// however little each of its connections holds. A request that is checked is ended only where all
-/// together hold too much; and where such requests alone fill the share of their address, a newcomer
-/// beside them is left alone, since it would give hardly anything back.
-server_connection *who_pays(const server_connection *of_address)
-{
-    const in_addr_t address = of_address->address;
-    if (state.held > state.limits.held) {
-        return greediest_of(address, candidates::all);
-    }
-    const std::size_t share = state.limits.held_of_address;
-    return held_by(address) <= share || held_by(address, whose::checked) > share
-               ? nullptr
-               : greediest_of(address, candidates::not_checked);
-}
-
-void keep_within_memory()
-{
-    while (state.held > std::min(state.limits.held, state.limits.held_of_address)) {
-        const server_connection *const greedy = one_of_the_greediest_address();
-        const server_connection *const victim = greedy == nullptr ? nullptr : who_pays(greedy);
-        if (victim == nullptr) {
-            return;
-        }
-        if (http_refusals_tell(victim->address)) {
-            LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu: %s",
-                     __func__, state.held, held_by(victim->address),
-                     http_refusals_text(victim->address));
-        }
-        evhtp_close(victim->connection);
-    }
+    http_budget_count(&peer->share, http_intake_size(&peer->intake) + http_tls_size(&peer->tls));
 }
 
 /// Before the library gets more of a request, and keeps it.
 void make_room(void *argument) noexcept
 {
     count_held(static_cast<server_connection *>(argument));
-    keep_within_memory();
+    http_budget_keep();
 }
 
 void on_memory_check(evutil_socket_t, short, void *) noexcept
 {
+    http_tls_give_back();
     for (const auto &peer : state.connections) {
         if (peer->tls.blocked) {
             http_intake_reply_waits(&peer->intake);
         }
         count_held(peer.get());
     }
-    keep_within_memory();
+    http_budget_keep();
 }
 
 /// Later in this turn: it may end any connection.
@@ -256,7 +157,7 @@ void on_read(bufferevent *, void *argument) noexcept
     auto *const peer = static_cast<server_connection *>(argument);
     http_tls_brought_data(&peer->tls);
     go_on(peer, http_intake_read(&peer->intake));
-    keep_within_memory(); // which may be the end of any of them
+    http_budget_keep(); // which may be the end of any of them
 }
 
 void on_write(bufferevent *, void *argument) noexcept
@@ -271,7 +172,7 @@ void on_next_turn(evutil_socket_t, short, void *argument) noexcept
     http_tls_next_turn(&peer->tls);
     if (peer->intake.phase == message_phase::head && !peer->intake.held.empty()) {
         go_on(peer, http_intake_next(&peer->intake));
-        keep_within_memory();
+        http_budget_keep();
     } else {
         http_tls_read(peer->connection->bev);
     }
@@ -346,10 +247,10 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
 {
     auto *const peer = static_cast<server_connection *>(argument);
     http_intake_end(&peer->intake);
-    state.held -= peer->counted;
+    http_budget_leave(&peer->share);
     http_tls_end(&peer->tls);
     http_handshake_end(&peer->handshake);
-    return_memory_soon();
+    http_give_back_soon();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
 }
@@ -406,6 +307,8 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     server_connection *const peer = owned.get();
     peer->connection = connection;
     peer->address = peer_address(connection);
+    peer->share = {connection, &peer->intake, peer->address};
+    http_budget_join(&peer->share);
     peer->timer.reset(evtimer_new(connection->evbase, on_time_up, peer));
     REQUIRE_MEMORY(peer->timer, "timer");
     peer->next_turn.reset(evtimer_new(connection->evbase, on_next_turn, peer));
@@ -422,7 +325,7 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
         begin_tls(peer);
     }
     restart_timer(peer);
-    return_memory_soon();
+    http_give_back_soon();
     return EVHTP_RES_OK;
 }
 
@@ -434,6 +337,7 @@ void http_connections_attach(evhtp_t *htp, const http_connection_limits &limits)
     state.limits = limits;
     state.htp = htp;
     http_refusals_forget();
+    http_budget_open({limits.held, limits.held_of_address});
     // The library refuses a body that reaches the number, where ours is the longest served.
     evhtp_set_max_body_size(htp, http_server_max_body_size + 1);
     evhtp_set_pre_accept_cb(htp, on_pre_accept, nullptr);
@@ -444,12 +348,11 @@ void http_connections_watch_listener()
 {
     REQUIRE_NOT_NULL(state.htp, "htp");
     http_listener_open(state.htp, state.limits.listener_rest);
-    state.memory_return.reset(evtimer_new(state.htp->evbase, on_memory_return, nullptr));
-    REQUIRE_MEMORY(state.memory_return, "memory_return");
+    http_give_back_open(state.htp->evbase);
     state.memory_check.reset(evtimer_new(state.htp->evbase, on_memory_check, nullptr));
     REQUIRE_MEMORY(state.memory_check, "memory_check");
     http_handshakes_open(state.htp->evbase, state.limits.handshakes);
-    return_memory_soon(); // after what the start has freed
+    http_give_back_soon(); // after what the start has freed
 }
 
 void http_connections_close()
