@@ -301,7 +301,7 @@ int main(int argc, char **argv)
     make_config();
     load_defaults_and_file();
     if (process.config->daemonize) {
-        process.pid_file = process_detach(process.config->pid_file_path);
+        process.pid_file = daemonize(process.config->pid_file_path);
         process_register_for_restart(process.command_line);
     }
     set_log_level_from_nvram();

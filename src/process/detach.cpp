@@ -33,7 +33,7 @@ velm_pid_file claim_pid_file(const char *path)
 
 } // namespace
 
-velm_pid_file process_detach(const char *pid_path)
+velm_pid_file daemonize(const char *pid_path)
 {
     if (getppid() == 1) {
         return {};
