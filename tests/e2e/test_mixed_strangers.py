@@ -66,4 +66,5 @@ def test_memory_stays_within_its_bound_while_strangers_mix(
             if hosts == 1:  # four have all connections; an attestation takes memory of its own
                 assert access_point.phone(PHONE).pair().status == 200
     record_property("growth", memory.growth)
-    assert memory.growth <= access_point.build.memory_limit_kib(limit)
+    if not access_point.build.is_asan:  # the sanitizer keeps what is freed
+        assert memory.growth <= limit
