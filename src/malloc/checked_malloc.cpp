@@ -130,7 +130,9 @@ void *openssl_realloc(void *old, std::size_t size, const char *file, int line) n
     if (moved != nullptr) {
         std::memcpy(moved, old, tls_room_most);
     }
-    openssl_free(old, file, line);
+    if (moved != nullptr || size == 0) {
+        openssl_free(old, file, line);
+    }
     return moved;
 }
 

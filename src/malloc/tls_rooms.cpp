@@ -1,6 +1,7 @@
 #include "malloc/tls_rooms.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <bit>
 #include <cstdint>
@@ -18,9 +19,13 @@ static_assert(tls_rooms == 32);
 
 constexpr std::size_t all_rooms = tls_rooms * tls_room_most;
 
-/// Null without address space; then the heap serves.
+/// Null without address space, and where a page is larger than a room's share of them: pages that two
+/// rooms have in common cannot be given back. Then the heap serves.
 unsigned char *reserve() noexcept
 {
+    if (tls_room_most % static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) != 0) {
+        return nullptr;
+    }
     void *const memory = mmap(nullptr, all_rooms, PROT_READ | PROT_WRITE,
                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     return memory == MAP_FAILED ? nullptr : static_cast<unsigned char *>(memory);

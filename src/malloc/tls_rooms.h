@@ -18,7 +18,8 @@ inline constexpr std::size_t tls_rooms = 32;
 /// How many stay resident. One handshake uses two.
 inline constexpr std::size_t tls_rooms_at_hand = 2;
 
-/// Null when the size is another, or all are taken: then the allocator is to be asked.
+/// Null when the size is another, all are taken, or pages do not divide a room: then the allocator is to
+/// be asked.
 [[nodiscard]] void *tls_room_take(std::size_t size) noexcept;
 
 /// It is a room that was taken.
