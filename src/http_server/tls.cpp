@@ -160,7 +160,9 @@ void note_taken(http_tls_stream *stream)
     while (!goes_on && state.untaken < http_tls_turn_untaken && !state.waiting.empty()) {
         http_tls_stream *const next = state.waiting.front();
         state.waiting.pop_front();
-        goes_on = (bufferevent_get_enabled(next->bev) & EV_READ) != 0; // else it is asked later
+        goes_on =
+            (bufferevent_get_enabled(next->bev) & EV_READ) != 0 &&
+            event_pending(&next->bev->ev_read, EV_READ, nullptr) != 0; // else it is asked later
         http_tls_read(next->bev);
     }
 }
