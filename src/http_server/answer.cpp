@@ -11,11 +11,12 @@
 
 namespace {
 
-/// What the checks have kept; of a long body it is parsed again, into `parsed`.
-const cJSON *find_body(evhtp_request_t *request, velm_request_body *parsed)
+/// What the checks have kept. When they have kept nothing, or a body was too long for that, a work that
+/// reads it has it parsed into `parsed`.
+const cJSON *find_body(evhtp_request_t *request, const http_work &work, velm_request_body *parsed)
 {
     const cJSON *const kept = velm_request_offered_body(request);
-    if (kept != nullptr) {
+    if (kept != nullptr || !work.reads_body) {
         return kept;
     }
     *parsed = velm_request_parse_request_body(request);
@@ -25,7 +26,7 @@ const cJSON *find_body(evhtp_request_t *request, velm_request_body *parsed)
 http_outcome work_done(evhtp_request_t *request, const http_work &work)
 {
     velm_request_body parsed{nullptr, http_status_ok};
-    const cJSON *const body = work.reads_body ? find_body(request, &parsed) : nullptr;
+    const cJSON *const body = find_body(request, work, &parsed);
     const cJSON *const auth = request_auth(body);
     http_outcome end = parsed.status == http_status_ok
                            ? work.run({request, body, auth})

@@ -18,7 +18,7 @@ struct http_outcome {
 /// What the work gets. Borrowed.
 struct http_asked {
     const evhtp_request_t *request;
-    const cJSON *body; // null for a route that does not read it
+    const cJSON *body; // null for a work that does not read it, unless the checks have kept it
     const cJSON *auth; // of the body
 };
 

@@ -73,5 +73,5 @@ void http_method_info_handle(evhtp_request_t *request, int break_code)
 
 void http_method_challenge_handle(evhtp_request_t *request, int break_code)
 {
-    http_server_answer(request, break_code, {__func__, "/challenge", challenge, true});
+    http_server_answer(request, break_code, {__func__, "/challenge", challenge, false});
 }

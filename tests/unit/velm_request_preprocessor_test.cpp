@@ -434,6 +434,30 @@ TEST_F(Preprocessor, WhoseConnectionIsFreedBeforeAnyStepEndsWithoutCallingAnybod
     }
 }
 
+TEST_F(Preprocessor, OfARequestThatIsGoneOnlyTheTextsOfAuthAreKept)
+{
+    paused_request request{
+        R"({"auth":{"deviceId":"dev-1","deviceType":"iOS","bssid":"aa:bb:cc:dd:ee:ff",)"
+        R"("username":"admin","password":"secret"},"location":[{"latitude":1},{"latitude":2}]})"};
+    checks.held = "user_pass";
+    velm_request_preprocessor *const p =
+        velm_request_preprocessor_create({true, false, true, false, false});
+    velm_request_preprocessor_attach_request(p, request.get());
+    velm_request_preprocessor_set_callback(p, note_result);
+    velm_request_preprocessor_attach_body(
+        p, velm_request_keep(velm_request_parse_request_body(request.get()).body, "location"));
+    velm_request_preprocessor_start(p);
+    turn_test_loop();
+    ASSERT_EQ(checks.waiting, p);
+    EXPECT_NE(cJSON_GetObjectItemCaseSensitive(p->body.tree.get(), "location"), nullptr);
+    request.free_connection();
+    EXPECT_EQ(cJSON_GetObjectItemCaseSensitive(p->body.tree.get(), "location"), nullptr);
+    EXPECT_STREQ(p->client_device_id, "dev-1");
+    velm_request_preprocessor_continue(p, 0);
+    turn_test_loop();
+    EXPECT_TRUE(results.empty());
+}
+
 class PreprocessorGone : public Preprocessor, public testing::WithParamInterface<int> {};
 
 TEST_P(PreprocessorGone, WhileACheckWaitsEndsSilentlyWhateverTheCheckReports)
