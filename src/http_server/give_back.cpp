@@ -4,6 +4,7 @@
 
 #include "handles/libevent.h"
 #include "logger/fatal.h"
+#include "malloc/tls_rooms.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ module_state state;
 
 void on_memory_return(evutil_socket_t, short, void *) noexcept
 {
+    tls_rooms_trim();
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif

@@ -66,3 +66,12 @@ void tls_room_give_back(void *room) noexcept
     }
     state.taken &= ~(std::uint32_t{1} << number);
 }
+
+void tls_rooms_trim() noexcept
+{
+    for (std::size_t number = 0; state.begin != nullptr && number < tls_rooms_at_hand; ++number) {
+        if ((state.taken & std::uint32_t{1} << number) == 0) {
+            madvise(state.begin + number * tls_room_most, tls_room_most, MADV_DONTNEED);
+        }
+    }
+}

@@ -15,8 +15,9 @@ inline constexpr std::size_t tls_room_least = 12 * 1024;
 inline constexpr std::size_t tls_room_most = 24 * 1024;
 /// How many there are: address space, not memory.
 inline constexpr std::size_t tls_rooms = 32;
-/// How many stay resident. One handshake uses two.
-inline constexpr std::size_t tls_rooms_at_hand = 2;
+/// How many stay resident until tls_rooms_trim: to take pages anew costs a tenth of a resumed connection.
+/// One handshake uses two.
+inline constexpr std::size_t tls_rooms_at_hand = 8;
 
 /// Null when the size is another, all are taken, or pages do not divide a room: then the allocator is to
 /// be asked.
@@ -26,3 +27,6 @@ inline constexpr std::size_t tls_rooms_at_hand = 2;
 [[nodiscard]] bool tls_room_is_one(const void *memory) noexcept;
 
 void tls_room_give_back(void *room) noexcept;
+
+/// The rooms at hand that nobody has are no longer resident.
+void tls_rooms_trim() noexcept;

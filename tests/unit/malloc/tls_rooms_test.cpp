@@ -70,6 +70,12 @@ TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
     }
     EXPECT_EQ(resident_pages(last), 0U);
     EXPECT_EQ(resident_pages(rooms.front()), tls_room_most / 4096);
+    void *const taken = tls_room_take(tls_room_most);
+    std::memset(taken, 1, tls_room_most);
+    tls_rooms_trim();
+    EXPECT_EQ(resident_pages(taken), tls_room_most / 4096);
+    EXPECT_EQ(resident_pages(rooms[1]), 0U);
+    tls_room_give_back(taken);
 }
 
 TEST(TlsRooms, WhenAllAreTakenTheAllocatorIsToBeAsked)
