@@ -13,7 +13,8 @@ def library(build: Build, name: str) -> Path:
     """The library made from `name`.c, in the build's directory."""
     source = Path(__file__).with_name(f"{name}.c")
     made = build.directory / f"{name}.so"
-    if not made.exists() or made.stat().st_mtime < source.stat().st_mtime:
+    newest = max(file.stat().st_mtime for file in (source, source.with_name("control.h")))
+    if not made.exists() or made.stat().st_mtime < newest:
         # Under another name first: other test processes look for it at this moment.
         fresh = made.with_suffix(f".{os.getpid()}")
         command = ["cc", "-shared", "-fPIC", "-O1", "-Wall", "-Werror", "-o", fresh, source]

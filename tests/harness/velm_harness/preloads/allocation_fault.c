@@ -21,12 +21,13 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "control.h"
 
 enum { SURVIVED = 77, COPY_SECONDS = 20, FRAMES = 32, TRACE_SIZE = 4000 };
 
@@ -361,14 +362,7 @@ __attribute__((constructor)) static void begin(void)
     if (path == NULL || !is_the_daemon()) {
         return;
     }
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    void *const mapped =
-        fd < 0 ? MAP_FAILED
-               : mmap(NULL, sizeof *control, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapped == MAP_FAILED) {
-        _exit(126);
-    }
-    close(fd);
+    void *const mapped = control_of(path, sizeof *control);
     snprintf(results, sizeof results, "%s.results", path);
     /* Its first call loads what it needs, and allocates. */
     void *frame[1];

@@ -6,7 +6,6 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -14,12 +13,13 @@
 #include <string.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
+
+#include "control.h"
 
 struct control {
     uint64_t counted;
@@ -196,13 +196,5 @@ int open(const char *path, int flags,
     if (path == NULL || program == NULL || strcmp(program, program_invocation_short_name) != 0) {
         return;
     }
-    const int fd = open(path, O_RDWR | O_CLOEXEC);
-    void *const mapped =
-        fd < 0 ? MAP_FAILED
-               : mmap(NULL, sizeof *control, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (mapped == MAP_FAILED) {
-        _exit(126);
-    }
-    close(fd);
-    control = mapped;
+    control = control_of(path, sizeof *control);
 }
