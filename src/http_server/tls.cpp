@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <deque>
 #include <string_view>
 #include <utility>
 
@@ -50,8 +49,6 @@ struct module_state {
     bio_method_ptr whole_records;
     const SSL_CTX *tickets_of = nullptr; // the context whose key was made then
     std::chrono::steady_clock::time_point ticket_key_made;
-    std::size_t untaken = 0;               // of all streams
-    std::deque<http_tls_stream *> waiting; // until some of that is taken
     http_tls_stream *with_spare = nullptr; // which was read last, and kept the rooms made for that
     std::array<char, longest_record> scratch; // only pages that bytes reached are resident
 };
@@ -134,51 +131,6 @@ int receive(BIO *bio, http_tls_stream *stream)
     return 1;
 }
 
-/// Libevent makes no smaller room to read into. And for new keys, which bring no data, OpenSSL makes rooms
-/// as for a handshake.
-std::size_t room_of(const http_tls_stream *stream, std::size_t untaken)
-{
-    if (untaken == 0) {
-        return 0;
-    }
-    return std::max(untaken, http_tls_read_room) +
-           (stream->silent_records > 1 ? http_tls_silent_room : 0);
-}
-
-void set_untaken(http_tls_stream *stream, std::size_t size)
-{
-    const std::size_t room = room_of(stream, size);
-    state.untaken += room - std::exchange(stream->untaken_room, room);
-    stream->untaken = size;
-}
-
-/// The connection has taken what was decrypted, so there is room for another's.
-void note_taken(http_tls_stream *stream)
-{
-    set_untaken(stream, 0);
-    bool goes_on = false;
-    while (!goes_on && state.untaken < http_tls_turn_untaken && !state.waiting.empty()) {
-        http_tls_stream *const next = state.waiting.front();
-        state.waiting.pop_front();
-        goes_on =
-            (bufferevent_get_enabled(next->bev) & EV_READ) != 0 &&
-            event_pending(&next->bev->ev_read, EV_READ, nullptr) != 0; // else it is asked later
-        http_tls_read(next->bev);
-    }
-}
-
-/// Others have so much decrypted that this one has to wait until it is taken.
-bool waits_for_others(http_tls_stream *stream)
-{
-    if (stream->shakes_hands || stream->untaken != 0 || state.untaken < http_tls_turn_untaken) {
-        return false;
-    }
-    if (std::find(state.waiting.begin(), state.waiting.end(), stream) == state.waiting.end()) {
-        state.waiting.push_back(stream);
-    }
-    return true;
-}
-
 /// OpenSSL wants the next record: more than 0 when it may have it.
 int open_record(BIO *bio, http_tls_stream *stream)
 {
@@ -194,9 +146,6 @@ int open_record(BIO *bio, http_tls_stream *stream)
         stream->wants_turn(stream->argument);
         return would_block(bio);
     }
-    if (waits_for_others(stream)) {
-        return would_block(bio);
-    }
     while ((stream->open = whole_record(unread(stream))) == 0) {
         const int result = receive(bio, stream);
         if (result <= 0) {
@@ -207,7 +156,6 @@ int open_record(BIO *bio, http_tls_stream *stream)
     stream->turn_bytes += stream->open;
     if (!stream->shakes_hands) {
         ++stream->silent_records; // until it turns out to bring data
-        set_untaken(stream, stream->untaken + stream->open);
     }
     return 1;
 }
@@ -241,7 +189,6 @@ void note_spare(http_tls_stream *stream)
 void end_reading(http_tls_stream *stream)
 {
     if (evbuffer_get_length(bufferevent_get_input(stream->bev)) == 0) {
-        note_taken(stream);
         note_spare(stream);
     }
 }
@@ -402,11 +349,9 @@ void http_tls_begin(http_tls_stream *stream, bufferevent *bev)
 
 void http_tls_end(http_tls_stream *stream)
 {
-    std::erase(state.waiting, stream);
     if (state.with_spare == stream) {
         state.with_spare = nullptr;
     }
-    note_taken(stream);
     if (stream->tls != nullptr) {
         BIO_set_data(SSL_get_rbio(stream->tls), nullptr);
     }
@@ -424,7 +369,6 @@ void http_tls_brought_data(http_tls_stream *stream)
         note_spare(stream); // new keys among them: OpenSSL has made a room for an answer
     }
     stream->silent_records = 0;
-    note_taken(stream);
 }
 
 bool http_tls_turn_is_over(const http_tls_stream *stream)
@@ -467,5 +411,10 @@ void http_tls_give_back()
 
 std::size_t http_tls_size(const http_tls_stream *stream)
 {
-    return stream->held.capacity() + (stream->blocked ? http_tls_sent_record : 0);
+    if (!stream->blocked) {
+        return stream->held.capacity();
+    }
+    const bool waits_with_keys = !stream->shakes_hands && SSL_is_init_finished(stream->tls) == 0;
+    return stream->held.capacity() +
+           (waits_with_keys ? http_tls_blocked_keys : std::size_t{http_tls_sent_record});
 }

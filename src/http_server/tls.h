@@ -19,19 +19,16 @@ inline constexpr std::size_t http_tls_turn_bytes = 32 * 1024;
 /// Records in a row without data, after the handshake. A client has reason for one: new keys.
 inline constexpr std::size_t http_tls_max_silent_records = 32;
 
-/// What of all connections together may be decrypted before the connections take it: libevent tells
-/// them only when it has read everybody. The others are read when some was taken.
-inline constexpr std::size_t http_tls_turn_untaken = 16 * 1024;
-
 /// The room that libevent makes to read into: for a record that needs more it makes another.
 inline constexpr std::size_t http_tls_read_room = 1024;
-
-/// What OpenSSL takes for a record without data, until it is given back.
-inline constexpr std::size_t http_tls_silent_room = 8 * 1024;
 
 /// The longest record that is sent: OpenSSL keeps one while a client does not read, and nearly every
 /// reply is a tenth of it.
 inline constexpr long http_tls_sent_record = 4096;
+
+/// What OpenSSL keeps while its answer to a client's new keys cannot be sent: a record read, a record
+/// sent, and the room for the messages of a handshake.
+inline constexpr std::size_t http_tls_blocked_keys = 48 * 1024;
 
 /// How long one key seals the tickets of TLS sessions: who takes the key out of the device can read
 /// what was said in that time, and no more.
@@ -75,8 +72,6 @@ struct http_tls_stream {
     std::size_t turn_records = 0; // handed to OpenSSL in this turn
     std::size_t turn_bytes = 0;
     std::size_t silent_records = 0; // since the last one that brought data
-    std::size_t untaken = 0;        // decrypted, and not yet taken
-    std::size_t untaken_room = 0;   // what that takes
 };
 
 /// Puts the stream, whose members down to `argument` are set, between the socket and the connection, right

@@ -6,7 +6,6 @@
 from __future__ import annotations
 
 import contextlib
-import threading
 import time
 from collections.abc import Callable
 
@@ -14,6 +13,7 @@ import pytest
 from velm_harness import stranger
 from velm_harness.promptness import assert_prompt, latencies
 from velm_harness.sample import Sample
+from velm_harness.watched_memory import Watched
 from velm_sim.access_point import AccessPoint
 from velm_sim.lan_http import LanHost
 
@@ -25,32 +25,6 @@ PHONE = 8  # the number of a host that does nothing wrong
 @pytest.fixture
 def duration(sample: Sample) -> float:
     return 30.0 if sample.whole else 1.5
-
-
-class Watched:
-    """The largest the daemon's memory was while the block ran."""
-
-    def __init__(self, resident_kib: Callable[[], int]) -> None:
-        self._resident_kib = resident_kib
-        self.before = self.most = resident_kib()
-        self._over = threading.Event()
-        self._thread = threading.Thread(target=self._watch)
-
-    def _watch(self) -> None:
-        while not self._over.wait(0.002):
-            self.most = max(self.most, self._resident_kib())
-
-    def __enter__(self) -> Watched:
-        self._thread.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._over.set()
-        self._thread.join()
-
-    @property
-    def growth(self) -> int:
-        return self.most - self.before
 
 
 def struck(

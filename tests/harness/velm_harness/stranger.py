@@ -79,9 +79,10 @@ class TlsClient:
             self.tls.write(piece)
         return self.outgoing.read()
 
-    def key_updates(self, count: int) -> bytes:
+    def key_updates(self, count: int, asks: bool = False) -> bytes:
+        """New keys of its own; `asks` for new ones of the server too, which are an answer."""
         for _ in range(count):
-            libssl().SSL_key_update(self.native, 0)
+            libssl().SSL_key_update(self.native, int(asks))
             libssl().SSL_do_handshake(self.native)
         return self.outgoing.read()
 
@@ -311,6 +312,14 @@ def new_keys_and_a_byte(client: TlsClient) -> Iterator[bytes]:
         yield client.key_updates(20) + client.records([b"G"])
 
 
+def new_keys_unread(client: TlsClient) -> Iterator[bytes]:
+    """Asks for new keys of the server all the time and reads none of its answers."""
+    client.raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 2048)
+    yield client.records([b"GET /info HTTP/1.1\r\nA: "])
+    while True:
+        yield client.key_updates(20, asks=True) + client.records([b"a"])
+
+
 def head_byte_by_byte(client: TlsClient) -> Iterator[bytes]:
     head = b"GET /info HTTP/1.1\r\nA: " + b"b" * 7000 + b"\r\n\r\n"
     for start in range(0, len(head), 300):
@@ -344,6 +353,7 @@ DEEDS: dict[str, Callable[[Target], None]] = {
     "flat JSON of 4000": sending(valued(4000)),
     "flat JSON of 990": sending(valued(990)),
     "answers unread": sending(unread),
+    "answers to new keys unread": sending(new_keys_unread),
 }
 
 
