@@ -4,12 +4,11 @@
 #include <vector>
 
 #include "handles/evhtp.h"
+#include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/common_logger.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 struct module_state {
     http_budget_limits limits;

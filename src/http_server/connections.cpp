@@ -22,13 +22,12 @@
 #include "http_server/handshakes.h"
 #include "http_server/intake.h"
 #include "http_server/listener.h"
+#include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 struct server_connection {
     evhtp_connection_t *connection = nullptr; // the library's; it tells us when it goes

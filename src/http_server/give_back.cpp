@@ -3,12 +3,12 @@
 #include <malloc.h>
 
 #include "handles/libevent.h"
+#include "http_server/log.h"
 #include "logger/fatal.h"
 #include "malloc/tls_rooms.h"
 
 namespace {
 
-constexpr char log_category[] = "velm_http_server";
 constexpr timeval soon{1, 0};
 
 struct module_state {

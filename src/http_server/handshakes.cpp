@@ -4,13 +4,12 @@
 #include <vector>
 
 #include "handles/evhtp.h"
+#include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 using phase = http_handshake::phase;
 

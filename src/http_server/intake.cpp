@@ -15,14 +15,13 @@
 
 #include "handles/evhtp.h"
 #include "handles/secret.h"
+#include "http_server/log.h"
 #include "http_server/parser.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
 #include "request/status.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 /// What may wait behind a request that is being answered, or as an unfinished head.
 constexpr std::size_t max_held = http_head_max_size + http_server_max_body_size;

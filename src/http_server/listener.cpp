@@ -6,11 +6,10 @@
 #include <cstring>
 
 #include "handles/libevent.h"
+#include "http_server/log.h"
 #include "logger/fatal.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 struct module_state {
     evconnlistener *listener = nullptr; // the library's

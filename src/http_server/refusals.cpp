@@ -6,11 +6,10 @@
 #include <array>
 #include <chrono>
 
+#include "http_server/log.h"
 #include "logger/common_logger.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 using clock = std::chrono::steady_clock;
 

@@ -17,12 +17,11 @@
 #include <utility>
 
 #include "handles/openssl.h"
+#include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
 
 namespace {
-
-constexpr char log_category[] = "velm_http_server";
 
 /// How long a phone may resume its TLS session. The ticket holds it: nothing is kept here.
 constexpr long tls_session_seconds = 2L * 60 * 60;
