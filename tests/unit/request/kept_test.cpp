@@ -136,6 +136,9 @@ TEST(KeptBody, CountsItsTextsByTheMemoryThatTheyTake)
 
 TEST(KeptBody, CountsWhatTheHeapTakesForIt)
 {
+#ifdef __SANITIZE_ADDRESS__
+    GTEST_SKIP() << "a sanitizer's blocks have other sizes";
+#endif
     const std::string list = R"("pair":{"a":[1,2,3,"b"],"c":"%","d":{"e":null}})";
     for (const std::size_t length : {0U, 7U, 23U, 24U, 25U, 40U, 41U, 1000U}) {
         std::string body = body_with(list);
