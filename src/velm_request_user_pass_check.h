@@ -8,7 +8,7 @@
 /// failures in a row for one user name block that name; logins of other names do not end the row. At most 64
 /// names are remembered; the one whose last failure is longest ago is forgotten.
 
-/// The counts of failures outlive a reload.
+/// The counts of failures outlive a reload. Without a record the shadow database is not used.
 void velm_request_user_pass_check_init(const velm_config *config);
 
 /// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_LOGIN.
