@@ -10,7 +10,7 @@
 /// file, nvram, the command line, keys and certificates, and whether pid file, socket and log could be
 /// written. The parsers are the daemon's own.
 ///
-/// It makes no process, socket, lock or file, and asks only for what this user may read: a file that this
-/// user cannot read is an error. It may run while the daemon runs. The log must be off.
+/// It makes no process and no file, binds and locks nothing, and sees only what this user may read: a file
+/// that this user cannot read is an error. It may run while the daemon runs. The log must be off.
 [[nodiscard]] std::vector<check_finding> check_configuration(const velm_command_line &given,
                                                              const std::string &config_path);
