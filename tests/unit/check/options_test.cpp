@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "fakes/fake_nvram.h"
 #include "found.h"
 
 namespace {
@@ -53,6 +54,15 @@ TEST(Options, TheBssidsNeverCount)
         found_in(given),
         ElementsAre("command line: -b: \"x\" is no BSSID",
                     "command line: -b: warning: the BSSIDs of the platform always take its place"));
+}
+
+TEST(Options, AreJudgedWithoutThePlatform)
+{
+    fake_nvram = {};
+    velm_command_line given;
+    given.lan_ip_address = given.lan_name = given.mac_address = given.bssids = "x";
+    EXPECT_FALSE(found_in(given).empty());
+    EXPECT_EQ(fake_nvram.reads, 0);
 }
 
 } // namespace
