@@ -12,8 +12,10 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "async/common_async.h"
+#include "check/check.h"
 #include "conffile/conffile.h"
 #include "cutils/common_netlink.h"
 #include "handles/libevent.h"
@@ -288,16 +290,34 @@ void announce_version()
     LOG_INFO("%s %i.%i.%i", "velm", velm_version_major, velm_version_minor, velm_version_patch);
 }
 
+/// For whoever wants to know before a start or a reload what it would make of the configuration.
+int check_and_tell()
+{
+    const std::vector<check_finding> findings =
+        check_configuration(process.command_line, process.config_path);
+    for (const check_finding &finding : findings) {
+        std::puts(check_finding_text(finding).c_str());
+    }
+    if (!check_is_good(findings)) {
+        return EXIT_FAILURE;
+    }
+    std::puts("configuration is good");
+    return EXIT_SUCCESS;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     process_prepare();
-    if (is_disabled_by_nvram()) {
+    if (is_disabled_by_nvram() && !velm_command_line_asks_to_check(argc, argv)) {
         return EXIT_SUCCESS;
     }
     process.command_line = velm_command_line_parse(argc, argv);
     process.config_path = process.command_line.config_path.value_or(default_config_path);
+    if (process.command_line.checks) {
+        return check_and_tell();
+    }
     make_config();
     load_defaults_and_file();
     if (process.config->daemonize) {

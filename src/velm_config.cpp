@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "config/settings.h"
+#include "config/value.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -83,7 +84,9 @@ void load_rows(velm_config &config, const ConfigFile *file, setting_rows rows)
 void print_rows(const velm_config &config, setting_rows rows)
 {
     for (const config_setting &row : rows) {
-        std::visit([&](auto field) { print(row.key, config.*field); }, row.field);
+        if (row.is_traced) {
+            std::visit([&](auto field) { print(row.key, config.*field); }, row.field);
+        }
     }
 }
 
@@ -108,6 +111,12 @@ void velm_config_load_from_file(velm_config *config, const char *file)
         return;
     }
     common_logger_configure_from_file(cfile.get());
+    velm_config_load_pairs(config, cfile);
+}
+
+void velm_config_load_pairs(velm_config *config, const conffile_ptr &cfile)
+{
+    REQUIRE_NOT_NULL(config, "config");
     const setting_rows rows = config_file_settings();
     load_rows(*config, cfile.get(), rows);
     load_rows(*config, cfile.get(),
@@ -158,8 +167,7 @@ void set_config_value_bool(const ConfigFile *cfile, const char *key, bool *dst)
     REQUIRE_NOT_NULL(key, "key");
     const char *const value = conffile_get_value(cfile, key);
     if (value != nullptr) {
-        const std::string_view text{value};
-        *dst = text == "true" || text == "yes" || text == "1";
+        *dst = config_truth(value).value_or(false);
     }
 }
 

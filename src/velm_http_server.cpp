@@ -16,6 +16,7 @@
 #include "handles/evhtp.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
+#include "http_server/key_file.h"
 #include "http_server/log.h"
 #include "http_server/routes.h"
 #include "http_server/tls_settings.h"
@@ -46,10 +47,7 @@ module_state state;
 
 EVP_PKEY *read_private_key(char *path) noexcept
 {
-    const bio_ptr file{BIO_new_file(path, "r")};
-    return file == nullptr
-               ? nullptr
-               : PEM_read_bio_PrivateKey(file.get(), nullptr, openssl_no_passphrase, nullptr);
+    return http_key_file_read(path).release();
 }
 
 std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <optional>
 
+#include "accounts/shadow.h"
 #include "crypto/common_crypto.h"
 #include "cutils/moment.h"
 #include "logger/common_logger.h"
@@ -174,9 +175,10 @@ std::optional<int> user_pass_check_run(velm_request_preprocessor &p)
 
 } // namespace
 
-void velm_request_user_pass_check_init(const velm_config * /*config*/)
+void velm_request_user_pass_check_init(const velm_config *config)
 {
     LOG_TRACE("%s", __func__);
+    shadow_use(config != nullptr && config->accounts_shadow);
 }
 
 void make_user_pass_check(velm_request_preprocessor *p)

@@ -9,7 +9,7 @@
 /// reset this count. At most 64
 /// names are remembered; the one whose last failure is longest ago is forgotten.
 
-/// The counts of failures outlive a reload.
+/// The counts of failures outlive a reload. Without a record the shadow database is not used.
 void velm_request_user_pass_check_init(const velm_config *config);
 
 /// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_LOGIN.

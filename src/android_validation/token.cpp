@@ -299,6 +299,16 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
 
 } // namespace
 
+bool android_token_decryption_key_is_good(const std::string &text)
+{
+    return decryption_key_import(text) != nullptr;
+}
+
+bool android_token_verification_key_is_good(const std::string &text)
+{
+    return verification_key_import(text) != nullptr;
+}
+
 std::optional<std::string> android_token_open(std::span<const std::uint8_t> token,
                                               const std::string &decryption_key,
                                               const std::string &verification_key)

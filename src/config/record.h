@@ -30,6 +30,7 @@ struct velm_config {
     bool app_android_integrity_enabled;
     char app_ios_appid[config_path_size];               // team id, ".", bundle id
     char app_ios_attest_root_ca_path[config_path_size]; // "": built in
+    bool accounts_shadow;
     char location_policy_ipc_sock[config_path_size];
     char cloudmessaging_firebase_privatekey_path[config_path_size];
     char vendor_id[config_word_size];

@@ -41,6 +41,8 @@ constexpr config_setting file_settings[] = {
      "The app id of the iOS app: team id, a point, bundle id."},
     {"app.ios.attest.root.ca.path", &velm_config::app_ios_attest_root_ca_path, "", nullptr,
      "A PEM file that replaces the compiled-in App Attest root."},
+    {"accounts.shadow", &velm_config::accounts_shadow, config_no, nullptr,
+     "Look up a password field x in the shadow database.", false},
     {"location.policy.ipc.sock", &velm_config::location_policy_ipc_sock, "/var/afc/zelka_daemon", "zelkad_cmd_path",
      "The path of the Unix socket for local clients, at most 107 characters."},
     {"cloudmessaging.firebase.privatekey.path", &velm_config::cloudmessaging_firebase_privatekey_path, "/etc/afc/velmd/firebase_adminsdk_key.json", "zelkad_cm_firebase_privkey",
@@ -74,7 +76,7 @@ constexpr bool is_sound(const config_setting &row)
 {
     if (std::holds_alternative<bool velm_config::*>(row.field)) {
         const std::string_view standard{row.standard};
-        return (standard == config_yes || standard == "no") && row.nvram == nullptr;
+        return (standard == config_yes || standard == config_no) && row.nvram == nullptr;
     }
     return !std::holds_alternative<std::uint16_t velm_config::*>(row.field) ||
            is_number(row.standard);

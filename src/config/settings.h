@@ -8,8 +8,9 @@
 
 /// The table of settings: one row says all about a setting that its readers and its documents share.
 
-/// How a boolean that is true is written.
+/// How a boolean is written.
 inline constexpr char config_yes[] = "yes";
+inline constexpr char config_no[] = "no";
 
 /// A field of the record, by its type.
 using config_field =
@@ -23,6 +24,8 @@ struct config_setting {
     const char *standard; // the default, as it would be written in the file
     const char *nvram;    // the name of the setting in nvram that overrides the file; null: none
     const char *meaning;  // one sentence, which velmd.conf(5) has too
+    bool is_traced =
+        true; // tools in the field compare these lines of the log: later settings have none
 };
 
 /// The settings of the file, in the order of the record.

@@ -367,4 +367,22 @@ INSTANTIATE_TEST_SUITE_P(Functions, ConfigNull, testing::Values(
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
 
+TEST_F(Config, TheShadowDatabaseIsUsedOnlyIfTheFileSaysSo)
+{
+    EXPECT_FALSE(config.accounts_shadow);
+    load("accounts.shadow=yes\n");
+    EXPECT_TRUE(config.accounts_shadow);
+    EXPECT_EQ(printed(), default_lines) << "tools in the field compare these lines";
+    velm_config_set_defaults(&config);
+    EXPECT_FALSE(config.accounts_shadow);
+}
+
+TEST_F(Config, PairsCanBeLoadedWithoutTheLogger)
+{
+    const std::string path = directory.write("velmd.conf", "logger.stdout=yes\nvendor.id=V\n");
+    velm_config_load_pairs(&config, conffile_parse(path.c_str()));
+    EXPECT_STREQ(config.vendor_id, "V");
+    EXPECT_FALSE(common_logger_is_enabled());
+}
+
 } // namespace

@@ -189,4 +189,24 @@ TEST_F(NvramConfig, WithoutARecordTheProcessEnds)
         "ERROR velm_nvram_config - velm_nvram_config_load: config is null: not enough memory");
 }
 
+TEST(NvramFit, SaysWhatTheReadersMakeOfASetting)
+{
+    fake_nvram = {};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::absent);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::absent);
+    fake_nvram.values = {{"t", ""}, {"n", ""}};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::absent);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::absent);
+    fake_nvram.values = {{"t", "abc"}, {"n", "65535"}};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::fits);
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 3), nvram_fit::too_long);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::fits);
+    for (const char *number : {"0", "65536", "x"}) {
+        fake_nvram.values["n"] = number;
+        EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::no_number) << number;
+    }
+    fake_nvram.values["n"] = std::string(21, '0');
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 0), nvram_fit::too_long);
+}
+
 } // namespace

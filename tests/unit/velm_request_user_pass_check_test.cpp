@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "accounts/shadow.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/paused_request.h"
@@ -306,6 +307,14 @@ TEST_F(UserPassCheck, TheThrottleOutlivesAReload)
     fail_at({0, 0, 0, 0, 0});
     velm_request_user_pass_check_init(nullptr);
     EXPECT_TRUE(log_.has("TRACE velm_request_user_pass_check - velm_request_user_pass_check_init"));
+    EXPECT_FALSE(shadow_is_used());
+    velm_config config{};
+    config.accounts_shadow = true;
+    velm_request_user_pass_check_init(&config);
+    EXPECT_TRUE(shadow_is_used());
+    config.accounts_shadow = false;
+    velm_request_user_pass_check_init(&config);
+    EXPECT_FALSE(shadow_is_used());
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
 }
 
