@@ -26,6 +26,7 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "story/story.h"
 
 namespace {
 
@@ -182,8 +183,11 @@ void log_failed_handshake(const server_connection *peer)
 {
     const unsigned long code = bufferevent_get_openssl_error(peer->connection->bev);
     const char *const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
-    if (reason != nullptr && peer->tls.shakes_hands && !peer->tls.ended &&
-        http_refusals_tell(peer->address)) {
+    if (reason == nullptr || !peer->tls.shakes_hands || peer->tls.ended) {
+        return;
+    }
+    story_visit_came({.address = peer->address, .check = story_tls, .why = reason});
+    if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
                  http_refusals_text(peer->address));
     }
@@ -219,7 +223,12 @@ void log_time_up(const server_connection *peer)
                          !peer->tls.shakes_hands;
     if (is_idle || peer->intake.phase == message_phase::refused) {
         LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
-    } else if (http_refusals_tell(peer->address)) {
+        return;
+    }
+    story_visit_came({.address = peer->address,
+                      .check = story_connections,
+                      .why = "it let the time for its request pass"});
+    if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - closing a connection that let its time pass: %s", __func__,
                  http_refusals_text(peer->address));
     }
@@ -275,6 +284,8 @@ evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
         std::count_if(state.connections.begin(), state.connections.end(),
                       [address](const auto &peer) { return peer->address == address; }));
     if (state.connections.size() >= state.limits.total || of_address >= state.limits.per_address) {
+        story_visit_came(
+            {.address = address, .check = story_connections, .why = "too many connections"});
         if (http_refusals_tell(address)) {
             LOG_WARN("%s - too many connections: %zu, %zu of this address: %s", __func__,
                      state.connections.size(), of_address, http_refusals_text(address));

@@ -155,6 +155,18 @@ bool matters_always(const story_visit_note &note)
 
 } // namespace
 
+const char *story_route_of(const char *path)
+{
+    constexpr const char *routes[] = {"/info",     "/challenge", "/pair",
+                                      "/pairings", "/unpair",    "/location"};
+    for (const char *const route : routes) {
+        if (path != nullptr && std::strcmp(path, route) == 0) {
+            return route;
+        }
+    }
+    return nullptr;
+}
+
 void story_visit_came(const story_visit_note &note)
 {
     story_memory &kept = story_kept();
