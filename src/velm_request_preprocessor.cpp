@@ -8,6 +8,7 @@
 #include "handles/argument.h"
 #include "handles/evhtp.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "request/input.h"
 #include "request/record.h"
 #include "request/refusal.h"
@@ -49,17 +50,18 @@ evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
 struct refusing_check {
     const char *name;
     const char *reason; // where the check gives no other
+    metric refusals;
 };
 // clang-format off
 /// Indexed by break code.
 constexpr refusing_check refusing_checks[] = {
-    {"no check",             "unknown"},
-    {"request check",        "bad request"},
-    {"assertion check",      "challenge is not pending"},
-    {"assertion check",      "assertion is not valid"},
-    {"user/password check",  "login refused"},
-    {"paired-app check",     "not paired"},
-    {"device check",         "bssid is not ours"},
+    {"no check",             "unknown",                  metric::refused_by_request_check},
+    {"request check",        "bad request",              metric::refused_by_request_check},
+    {"assertion check",      "challenge is not pending", metric::refused_by_assertion_check},
+    {"assertion check",      "assertion is not valid",   metric::refused_by_assertion_check},
+    {"user/password check",  "login refused",            metric::refused_by_user_pass_check},
+    {"paired-app check",     "not paired",               metric::refused_by_paired_app_check},
+    {"device check",         "bssid is not ours",        metric::refused_by_device_check},
 };
 // clang-format on
 
@@ -67,6 +69,7 @@ void log_refusal(const velm_request_preprocessor *p)
 {
     const auto code = static_cast<std::size_t>(p->break_code);
     const refusing_check &check = refusing_checks[code < std::size(refusing_checks) ? code : 0];
+    metrics_count(check.refusals);
     velm_request_log_refusal(check.name, p->refusal != nullptr ? p->refusal : check.reason,
                              p->client_address, p->client_device_id);
 }

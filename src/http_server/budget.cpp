@@ -7,6 +7,7 @@
 #include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/common_logger.h"
+#include "metrics/metrics.h"
 
 namespace {
 
@@ -109,6 +110,7 @@ void http_budget_keep()
         if (victim == nullptr) {
             return;
         }
+        metrics_count(metric::connections_over_memory);
         if (http_refusals_tell(victim->address)) {
             LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu: %s",
                      "keep_within_memory", state.held, held_by(victim->address),

@@ -8,6 +8,7 @@
 #include "http_server/log.h"
 #include "http_server/pause.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "request/input.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"
@@ -73,6 +74,7 @@ secret_json_ptr take_body(evhtp_request_t *req)
 {
     velm_request_body parsed = velm_request_parse_request_body(req);
     if (parsed.status != http_status_ok) {
+        metrics_count(metric::refused_by_request_check);
         velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
         http_server_reply_status(req, static_cast<http_status>(parsed.status));
     }
@@ -100,6 +102,7 @@ void http_method_pair(evhtp_request_t *req)
     checks.assertion = has_header(req, "X-Assertion");
     if (!checks.assertion && !has_header(req, "X-Attestation")) {
         LOG_ERROR("%s - no attestation data", __func__);
+        metrics_count(metric::refused_by_request_check);
         velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
                                     request_auth(body.get()));
         http_server_reply_status(req, http_status_bad_request);
