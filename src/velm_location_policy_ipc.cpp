@@ -10,12 +10,14 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "async/common_async.h"
 #include "handles/argument.h"
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
 #include "velm_nvram_pairings.h"
@@ -37,6 +39,7 @@ struct module_state {
     velm_ipc_ptr server;
     unsigned waiting_asks = 0;
     bool delivery_is_due = false; // the loop will call location_policy_ipc_send
+    std::optional<velm_location_policy_last_report> last_report;
 };
 module_state state;
 
@@ -169,6 +172,16 @@ bool values_check(const char *caller, const location_source &sent_by, const loca
     return true;
 }
 
+void remember_report(const location_source &sent_by, const location_values &values)
+{
+    metrics_count(metric::reports);
+    velm_location_policy_last_report &last = state.last_report.emplace();
+    last.at = std::chrono::system_clock::now();
+    last.device_id = velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    last.address = sent_by.ip;
+    last.accuracy_m = values.accuracy;
+}
+
 void deliver(const char *caller, const location_source &sent_by, const location_values &values)
 {
     if (state.server == nullptr) {
@@ -179,6 +192,9 @@ void deliver(const char *caller, const location_source &sent_by, const location_
     report_source source{};
     if (source_check(caller, sent_by, pairing, source) && values_check(caller, sent_by, values)) {
         report_send(caller, report_build(source, values));
+        remember_report(sent_by, values);
+    } else {
+        metrics_count(metric::refused_by_location_check);
     }
 }
 
@@ -316,6 +332,16 @@ void location_policy_ipc_stop()
     LOG_INFO("%s", __func__);
     state.server.reset();
     deliveries_go_on();
+}
+
+const velm_ipc *velm_location_policy_ipc_server()
+{
+    return state.server.get();
+}
+
+const std::optional<velm_location_policy_last_report> &velm_location_policy_ipc_last_report()
+{
+    return state.last_report;
 }
 
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location)

@@ -33,7 +33,7 @@ http_outcome work_done(evhtp_request_t *request, const http_work &work)
                            ? work.run({request, body, auth})
                            : http_outcome{static_cast<http_status>(parsed.status), "no valid body"};
     if (end.refusal != nullptr) {
-        metrics_count(metric::refused_by_route);
+        metrics_count(metric::refused_by_endpoint);
         velm_request_log_refusal_of(request, work.path, end.refusal, auth);
     }
     return end;

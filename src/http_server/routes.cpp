@@ -121,6 +121,7 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
     } else if (is_path(req, route_pairings)) {
         begin_route(req, route_pairings);
     } else {
+        metrics_count(metric::refused_by_path);
         LOG_WARN("%s - unknown path", __func__);
         http_server_reply_status(req, http_status_not_found);
     }

@@ -8,8 +8,8 @@ namespace {
 
 std::size_t index_of_route(std::string_view route)
 {
-    return static_cast<std::size_t>(
-        std::find(metrics_routes.begin(), metrics_routes.end(), route) - metrics_routes.begin());
+    return static_cast<std::size_t>(std::find(metrics_routes.begin(), metrics_routes.end(), route) -
+                                    metrics_routes.begin());
 }
 
 std::size_t index_of_status(int status)
