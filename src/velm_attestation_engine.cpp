@@ -8,6 +8,7 @@
 #include "android_validation/token.h"
 #include "android_validation/verdict.h"
 #include "async/common_async.h"
+#include "config/file_notes.h"
 #include "crypto/common_crypto.h"
 #include "file/common_file.h"
 #include "google/junk.h"
@@ -108,26 +109,33 @@ bool app_id_present(const char *caller)
     return true;
 }
 
-void ios_root_ca_load(const char *caller, const char *path)
+/// What is wrong with the file; null when it is used.
+const char *ios_root_ca_load(const char *caller, const char *path)
 {
     if (*path == '\0') {
         state.ios_root_ca.clear();
-        return;
+        return nullptr;
     }
     if (!common_file_exists(path)) {
         LOG_ERROR("%s - no iOS attestation root cert file", caller);
-        return;
+        return "the file is missing";
     }
     auto pem = read_binary_file(path);
     if (!pem.has_value()) {
         LOG_ERROR("%s - cannot read iOS attestation root cert file", caller);
-        return;
+        return "the file cannot be read";
     }
     if (pem->empty()) {
         LOG_ERROR("%s - iOS attestation root cert file is empty", caller);
-        return;
+        return "the file is empty";
     }
     state.ios_root_ca = std::move(*pem);
+    return nullptr;
+}
+
+void ios_root_ca_note(const velm_config &config, const char *why)
+{
+    file_note_set("app.ios.attest.root.ca.path", config.app_ios_attest_root_ca_path, why);
 }
 
 /// Null, and a log line, when the payload is no JSON text from its first byte to its last. A NUL,
@@ -241,10 +249,13 @@ void velm_attestation_engine_init(const velm_config *config)
     // only looked at after the Android keys passed.
     auto keys = integrity_keys_load(__func__, *config);
     if (!keys.has_value()) {
+        const bool is_built_in = config->app_ios_attest_root_ca_path[0] == '\0';
+        ios_root_ca_note(*config,
+                         is_built_in ? nullptr : "it is not read before the keys for Android");
         return;
     }
     state.keys = std::move(keys);
-    ios_root_ca_load(__func__, config->app_ios_attest_root_ca_path);
+    ios_root_ca_note(*config, ios_root_ca_load(__func__, config->app_ios_attest_root_ca_path));
 }
 
 velm_attestation_result

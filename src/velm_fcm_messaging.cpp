@@ -18,6 +18,7 @@
 #include "http/http_client.h"
 #include "json/text.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "story/reason.h"
 #include "story/story.h"
 #include "velm_nvram_pairings.h"
@@ -101,6 +102,7 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
 {
     const auto context = adopt<send_context>(argument);
     LOG_DEBUG("%s [%p] - code: %d", __func__, static_cast<void *>(context.get()), code);
+    metrics_count_push(std::max(code, 0));
     if (body != nullptr && length > 0) {
         LOG_TRACE("%s [%p] - body: %.*s", __func__, static_cast<void *>(context.get()),
                   static_cast<int>(length), body);
@@ -289,6 +291,8 @@ void velm_fcm_messaging_init(const velm_config *config)
     state.config = config;
     velm_google_account_load(state.account, config->cloudmessaging_firebase_privatekey_path,
                              log_category, __func__);
+    velm_google_account_note(state.account, "cloudmessaging.firebase.privatekey.path",
+                             config->cloudmessaging_firebase_privatekey_path);
 }
 
 void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)

@@ -19,6 +19,7 @@
 #include "ipc/places.h"
 #include "ipc/socket.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "story/story.h"
 #include "velm_conn.h"
 #include "velm_ipc_cmd.h"
@@ -206,6 +207,7 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket, const ucred &peer)
     velm_conn_set_closed_handler(conn.get(), closed_handler);
     velm_conn_set_drained_handler(conn.get(), drained_handler);
     server->connections.push_back({std::move(conn), peer.pid, peer.uid, ++server->heard});
+    metrics_keep_most(metric::clients_most, server->connections.size());
     return server->connections.back().conn.get();
 }
 
@@ -452,6 +454,14 @@ bool velm_ipc_is_drained(const velm_ipc *server)
 {
     return std::none_of(server->connections.begin(), server->connections.end(),
                         [](const connection &one) { return velm_conn_is_waiting(one.conn.get()); });
+}
+
+velm_ipc_usage velm_ipc_usage_of(const velm_ipc *server)
+{
+    const auto live =
+        std::count_if(server->connections.begin(), server->connections.end(),
+                      [](const connection &one) { return !velm_conn_is_closed(one.conn.get()); });
+    return {static_cast<std::size_t>(live), server->requests.size()};
 }
 
 void velm_ipc_tick(velm_ipc *server)

@@ -10,12 +10,14 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "async/common_async.h"
 #include "handles/argument.h"
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "story/story.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
@@ -38,6 +40,7 @@ struct module_state {
     velm_ipc_ptr server;
     unsigned waiting_asks = 0;
     bool delivery_is_due = false; // the loop will call location_policy_ipc_send
+    std::optional<velm_location_policy_last_report> last_report;
 };
 module_state state;
 
@@ -189,6 +192,27 @@ bool values_check(const char *caller, const location_source &sent_by, const loca
     return true;
 }
 
+void remember_report(const location_source &sent_by, const location_values &values)
+{
+    metrics_count(metric::reports);
+    velm_location_policy_last_report &last = state.last_report.emplace();
+    last.at = std::chrono::system_clock::now();
+    last.device_id = velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    last.address = sent_by.ip;
+    last.accuracy_m = values.accuracy;
+}
+
+/// Null when the location may go to the clients; else why not.
+const char *location_refusal(const char *caller, const location_source &sent_by,
+                             const location_values &values, json_ptr &pairing,
+                             report_source &source)
+{
+    if (!source_check(caller, sent_by, pairing, source)) {
+        return "its sender is not paired any more, or its address or BSSID is none";
+    }
+    return values_check(caller, sent_by, values) ? nullptr : "it is on no map";
+}
+
 void deliver(const char *caller, const location_source &sent_by, const location_values &values)
 {
     if (state.server == nullptr) {
@@ -198,13 +222,13 @@ void deliver(const char *caller, const location_source &sent_by, const location_
     }
     json_ptr pairing;
     report_source source{};
-    if (!source_check(caller, sent_by, pairing, source)) {
-        refusal_tell(sent_by,
-                     "the sender of the location is not paired, or its address or BSSID is none");
-    } else if (!values_check(caller, sent_by, values)) {
-        refusal_tell(sent_by, "the location is on no map");
-    } else {
+    const char *const refusal = location_refusal(caller, sent_by, values, pairing, source);
+    if (refusal == nullptr) {
         report_send(caller, device_id_of(sent_by), report_build(source, values));
+        remember_report(sent_by, values);
+    } else {
+        metrics_count(metric::refused_by_location_check);
+        refusal_tell(sent_by, refusal);
     }
 }
 
@@ -347,6 +371,16 @@ void location_policy_ipc_stop()
     state.server.reset();
     story_clients_gone();
     deliveries_go_on();
+}
+
+const velm_ipc *velm_location_policy_ipc_server()
+{
+    return state.server.get();
+}
+
+const std::optional<velm_location_policy_last_report> &velm_location_policy_ipc_last_report()
+{
+    return state.last_report;
 }
 
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location)

@@ -26,6 +26,7 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "story/story.h"
 
 namespace {
@@ -186,6 +187,7 @@ void log_failed_handshake(const server_connection *peer)
     if (reason == nullptr || !peer->tls.shakes_hands || peer->tls.ended) {
         return;
     }
+    metrics_count(metric::connections_without_handshake);
     story_visit_came({.address = peer->address, .check = story_tls, .why = reason});
     if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
@@ -225,6 +227,7 @@ void log_time_up(const server_connection *peer)
         LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
         return;
     }
+    metrics_count(metric::connections_over_time);
     story_visit_came({.address = peer->address,
                       .check = story_connections,
                       .why = "it let the time for its request pass"});
@@ -283,7 +286,9 @@ evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
     const auto of_address = static_cast<std::size_t>(
         std::count_if(state.connections.begin(), state.connections.end(),
                       [address](const auto &peer) { return peer->address == address; }));
-    if (state.connections.size() >= state.limits.total || of_address >= state.limits.per_address) {
+    const bool is_full = state.connections.size() >= state.limits.total;
+    if (is_full || of_address >= state.limits.per_address) {
+        metrics_count(is_full ? metric::connections_over_total : metric::connections_over_address);
         story_visit_came(
             {.address = address, .check = story_connections, .why = "too many connections"});
         if (http_refusals_tell(address)) {
@@ -324,6 +329,7 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     peer->next_turn.reset(evtimer_new(connection->evbase, on_next_turn, peer));
     REQUIRE_MEMORY(peer->next_turn, "next_turn");
     state.connections.push_back(std::move(owned));
+    metrics_keep_most(metric::connections_most, state.connections.size());
     const int rc =
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);

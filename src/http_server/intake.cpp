@@ -18,6 +18,7 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "request/status.h"
 #include "story/story.h"
 
@@ -55,6 +56,7 @@ intake_result end(http_intake *intake, const char *reason)
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
     log_refusal(intake->address, reason, status);
+    metrics_count_reply({}, status);
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
                                http_status_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
