@@ -211,11 +211,12 @@ def test_the_story_of_a_request_after_an_answered_one_ends_in_time(
 ) -> None:
     """The answered request is still open, and the daemon has no reason to look at it for minutes."""
     ipc.request()
+    wait_for_push_of(access_point, cloud)
     assert paired_phone.location().status == 200
     ipc.receive_report()
     access_point.move_clock(70)
     ipc.request(wanted_within=30)
-    wait_until(lambda: len(newest(access_point)["pushes"]) == 1, 10, "no second push")
+    wait_for_push(access_point, 200)
     access_point.move_clock(70 + 32)
     assert wait_for(access_point, "expired")["cause"] == "phone never came"
 
