@@ -205,22 +205,6 @@ def test_the_story_of_a_phone_that_comes_late_is_one_with_the_round(
     assert [visit["route"] for visit in story["visits"]] == ["/challenge", "/location"]
 
 
-@pytest.mark.movable_clock
-def test_the_story_of_a_request_after_an_answered_one_ends_in_time(
-    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
-) -> None:
-    """The answered request is still open, and the daemon has no reason to look at it for minutes."""
-    ipc.request()
-    wait_for_push_of(access_point, cloud)
-    assert paired_phone.location().status == 200
-    ipc.receive_report()
-    access_point.move_clock(70)
-    ipc.request(wanted_within=30)
-    wait_for_push(access_point, 200)
-    access_point.move_clock(70 + 32)
-    assert wait_for(access_point, "expired")["cause"] == "phone never came"
-
-
 def test_the_story_without_a_pairing(access_point: AccessPoint, ipc: IpcClient) -> None:
     ipc.request()
     ipc.receive()
