@@ -19,7 +19,8 @@ bool is_same(const story_visit &visit, const story_visit_note &note, const char 
 {
     return visit.address == note.address && visit.status == note.status &&
            is_same(visit.route, note.route) && is_same(visit.check, note.check) &&
-           is_same(visit.why, note.why) && std::strcmp(visit.device_id, device_id) == 0;
+           is_same(visit.why, note.why) && visit.device_id[0] == device_id[0] &&
+           (*device_id == '\0' || std::strcmp(visit.device_id, device_id) == 0);
 }
 
 struct own_places {
@@ -68,7 +69,9 @@ void visit_repeat(story_visit &visit, const story_visit_note &note)
 {
     visit.until = story_now();
     ++visit.times;
-    text_cut(visit.hint, note.hint);
+    if (note.hint != nullptr) {
+        text_cut(visit.hint, note.hint);
+    }
 }
 
 template <std::size_t Size>
@@ -171,8 +174,11 @@ void story_visit_came(const story_visit_note &note)
 {
     story_memory &kept = story_kept();
     char device_id[sizeof(story_visit::device_id)];
-    text_cut(device_id, note.device_id);
-    if (note.check == nullptr && is_route(note.route, "/location")) {
+    device_id[0] = '\0';
+    if (note.device_id != nullptr) {
+        text_cut(device_id, note.device_id);
+    }
+    if (note.check == nullptr && *device_id != '\0' && is_route(note.route, "/location")) {
         ++kept.posted;
     }
     if (kept.waiting > 0) {
