@@ -42,6 +42,7 @@ const char *left_out_text(story_cause cause)
     char text[384];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     return text;

@@ -66,7 +66,7 @@ struct story_push_target {
 std::uint64_t story_push_begins(const story_push_target &target);
 
 /// `status` is of HTTP, 0 for none; a null `error` says that the push service took it.
-void story_push_ends(std::uint64_t push, std::int32_t status, const char *error);
+void story_push_ends(std::uint64_t number, std::int32_t status, const char *error);
 
 // A visit.
 

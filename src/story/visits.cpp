@@ -61,7 +61,7 @@ void visit_fill(story_visit &visit, const story_visit_note &note, const char *de
     visit.check = note.check;
     visit.why = note.why;
     visit.status = note.status;
-    std::strcpy(visit.device_id, device_id);
+    text_cut(visit.device_id, device_id);
     text_cut(visit.hint, note.hint);
 }
 

@@ -13,13 +13,15 @@ bool is_continuation(char byte)
 
 void text_cut_to(char *field, std::size_t size, const char *text)
 {
-    std::size_t length = text == nullptr ? 0 : strnlen(text, size);
+    field[0] = '\0';
+    if (text == nullptr) {
+        return;
+    }
+    std::size_t length = strnlen(text, size);
     if (length == size) {
         for (--length; length > 0 && is_continuation(text[length]); --length) {
         }
     }
-    if (length > 0) {
-        std::memcpy(field, text, length);
-    }
+    std::memcpy(field, text, length);
     field[length] = '\0';
 }

@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "logger/common_logger.h"
 #include "story/view.h"
 
 namespace {
@@ -419,9 +421,28 @@ TEST_F(Story, CutsTextsBetweenCharacters)
     EXPECT_EQ(newest().pushes[1]->name, std::string(46, 'a'));
 }
 
-TEST_F(Story, TakesAtMost56KibibytesHoweverMuchHappens)
+TEST_F(Story, TakesAtMost56KibibytesAndAllocatesNothingHoweverMuchHappens)
 {
     EXPECT_LE(story_size(), std::size_t{56} * 1024);
+    common_logger_set("enabled", "no");
+    const std::string longest(1000, 'x');
+    const std::size_t before = mallinfo2().uordblks;
+    for (std::uint32_t seq = 1; seq <= 100; ++seq) {
+        story_request_came(seq, {1, 0, seq});
+        story_run_asked(seq);
+        story_run_begins();
+        story_push_ends(push(longest.c_str()), 500, longest.c_str());
+        story_visit_came({.address = seq,
+                          .device_id = longest.c_str(),
+                          .route = "/pair",
+                          .status = 500,
+                          .check = story_endpoint,
+                          .why = "why",
+                          .hint = longest.c_str()});
+        story_report_sent(seq % 2);
+        story_report_done(longest.c_str(), seq);
+    }
+    EXPECT_EQ(mallinfo2().uordblks, before);
 }
 
 TEST_F(Story, TellsEachChangeOnce)
