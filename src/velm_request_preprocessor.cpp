@@ -47,10 +47,7 @@ evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
     p->request = nullptr;
     p->client_assertion = nullptr;
     p->request_gone = true;
-    if (p->body.tree != nullptr) {
-        // No route is going to read its member, and nobody counts it any more.
-        p->body = velm_request_keep(std::move(p->body.tree), nullptr);
-    }
+    velm_request_keep_auth(&p->body); // no route comes, and nobody counts what it would read
     return EVHTP_RES_OK;
 }
 

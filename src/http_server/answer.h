@@ -23,7 +23,7 @@ struct http_asked {
     const cJSON *auth; // of the body
 };
 
-/// A constant of the result callback.
+/// What a result callback answers with.
 struct http_work {
     const char *handler; // the name of the result callback, for the log
     const char *path;

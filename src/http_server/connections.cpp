@@ -81,9 +81,6 @@ void on_memory_check(evutil_socket_t, short, void *) noexcept
 {
     http_tls_give_back();
     for (const auto &peer : state.connections) {
-        if (peer->tls.blocked) {
-            http_intake_reply_waits(&peer->intake);
-        }
         count_held(peer.get());
     }
     http_budget_keep();

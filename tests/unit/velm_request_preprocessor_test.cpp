@@ -305,11 +305,11 @@ TEST_F(Preprocessor, IsNotToldOfTheEndOfARequestThatItHasHandedBack)
     EXPECT_FALSE(told_of_its_end);
 }
 
-TEST_F(Preprocessor, WipesThePasswordWithTheRecordAndTheCopyOfTheBodyItCameIn)
+TEST_F(Preprocessor, WipesThePasswordWithTheRecordAndTheTreeAndTheCopyOfTheBodyItCameIn)
 {
     wiped.clear();
     EXPECT_EQ(run(good_body, request_only), 0);
-    EXPECT_EQ(std::count(wiped.begin(), wiped.end(), "secret"), 1);
+    EXPECT_EQ(std::count(wiped.begin(), wiped.end(), "secret"), 2);
     EXPECT_EQ(std::count(wiped.begin(), wiped.end(), good_body), 1);
 }
 
