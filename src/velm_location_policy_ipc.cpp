@@ -18,6 +18,7 @@
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
+#include "story/story.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
 #include "velm_nvram_pairings.h"
@@ -100,7 +101,7 @@ velm_location_report report_build(const report_source &source, const location_va
     return report;
 }
 
-void report_send(const char *caller, const velm_location_report &report)
+void report_send(const char *caller, const char *dev_id, const velm_location_report &report)
 {
     LOG_TRACE("%s - resp       size: %zu", caller, sizeof report);
     LOG_TRACE("%s -  .location size: %zu", caller, sizeof report);
@@ -108,11 +109,31 @@ void report_send(const char *caller, const velm_location_report &report)
     if (velm_ipc_broadcast_report(state.server.get(), &report, sizeof report) == 0) {
         LOG_ERROR("%s - failed", caller);
     }
+    in_addr_t phone{};
+    std::memcpy(&phone, report.phone_ip, sizeof phone);
+    story_report_done(dev_id, phone);
 }
 
 bool is_empty(const char *text)
 {
     return text == nullptr || *text == '\0';
+}
+
+const char *device_id_of(const location_source &sent_by)
+{
+    return velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+}
+
+/// The phone was answered with 200 by then.
+void refusal_tell(const location_source &sent_by, const char *why)
+{
+    in_addr_t phone{};
+    (void)velm_utils_parse_ip_address(sent_by.ip.c_str(), reinterpret_cast<std::uint8_t *>(&phone));
+    story_visit_came({.address = phone,
+                      .device_id = device_id_of(sent_by),
+                      .route = "/location",
+                      .check = story_location_check,
+                      .why = why});
 }
 
 /// Checks what the phone said of itself, in this order; false, with a line in the log, when it will
@@ -154,8 +175,7 @@ bool source_check(const char *caller, const location_source &sent_by, json_ptr &
 /// log.
 bool values_check(const char *caller, const location_source &sent_by, const location_values &values)
 {
-    const char *const dev_id =
-        velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    const char *const dev_id = device_id_of(sent_by);
     for (const double number : {values.latitude, values.longitude, values.accuracy, values.altitude,
                                 values.vertical_accuracy, values.rssi}) {
         if (!std::isfinite(number)) {
@@ -186,15 +206,19 @@ void deliver(const char *caller, const location_source &sent_by, const location_
 {
     if (state.server == nullptr) {
         LOG_ERROR("%s - no IPC server", caller);
+        refusal_tell(sent_by, "no socket for local clients is open");
         return;
     }
     json_ptr pairing;
     report_source source{};
-    if (source_check(caller, sent_by, pairing, source) && values_check(caller, sent_by, values)) {
-        report_send(caller, report_build(source, values));
-        remember_report(sent_by, values);
+    if (!source_check(caller, sent_by, pairing, source)) {
+        refusal_tell(sent_by,
+                     "the sender of the location is not paired, or its address or BSSID is none");
+    } else if (!values_check(caller, sent_by, values)) {
+        refusal_tell(sent_by, "the location is on no map");
     } else {
-        metrics_count(metric::refused_by_location_check);
+        report_send(caller, device_id_of(sent_by), report_build(source, values));
+        remember_report(sent_by, values);
     }
 }
 
@@ -237,12 +261,14 @@ void drained_handler(velm_ipc *)
 struct location_ask {
     std::uint32_t timeout;
     std::uint32_t type;
+    std::uint32_t seq; // of the request
 };
 
 void ask_for_location(void *user_data, short, common_async_context *) noexcept
 {
     const std::unique_ptr<location_ask> ask = adopt<location_ask>(user_data);
     --state.waiting_asks;
+    story_run_asked(ask->seq);
     velm_cloud_messaging_push_to_all(ask->timeout, ask->type);
 }
 
@@ -268,6 +294,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     const std::uint16_t timeout = request_timeout(payload, len);
     LOG_TRACE("%s - id: %u type: %u len: %u", __func__, seq, type, static_cast<unsigned>(len));
     LOG_TRACE("%s - timeout: %u", __func__, timeout);
+    story_request_wants(seq, timeout);
     if (type != VELM_LOCATION_REQUEST) {
         LOG_ERROR("%s - unsupported command (%u)", __func__, type);
         return 0;
@@ -277,6 +304,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
         if (!no_paired_devices_respond(server, seq)) {
             LOG_ERROR("%s - failed", __func__);
         }
+        story_request_refused(seq, story_cause::no_pairings);
         return 1;
     }
     if (state.waiting_asks == waiting_asks_limit) {
@@ -285,7 +313,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     LOG_TRACE("%s - push to paired devices", __func__);
     ++state.waiting_asks;
     common_async_action_call(ask_for_location,
-                             release_new<location_ask>(location_ask{timeout, velm_push_data}));
+                             release_new<location_ask>(location_ask{timeout, velm_push_data, seq}));
     return 1;
 }
 
@@ -331,6 +359,7 @@ void location_policy_ipc_stop()
 {
     LOG_INFO("%s", __func__);
     state.server.reset();
+    story_clients_gone();
     deliveries_go_on();
 }
 

@@ -27,6 +27,7 @@
 #include "http_server/tls.h"
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
+#include "story/story.h"
 
 namespace {
 
@@ -187,6 +188,7 @@ void log_failed_handshake(const server_connection *peer)
         return;
     }
     metrics_count(metric::connections_without_handshake);
+    story_visit_came({.address = peer->address, .check = story_tls, .why = reason});
     if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
                  http_refusals_text(peer->address));
@@ -226,6 +228,9 @@ void log_time_up(const server_connection *peer)
         return;
     }
     metrics_count(metric::connections_over_time);
+    story_visit_came({.address = peer->address,
+                      .check = story_connections,
+                      .why = "it let the time for its request pass"});
     if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - closing a connection that let its time pass: %s", __func__,
                  http_refusals_text(peer->address));
@@ -284,6 +289,8 @@ evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
     const bool is_full = state.connections.size() >= state.limits.total;
     if (is_full || of_address >= state.limits.per_address) {
         metrics_count(is_full ? metric::connections_over_total : metric::connections_over_address);
+        story_visit_came(
+            {.address = address, .check = story_connections, .why = "too many connections"});
         if (http_refusals_tell(address)) {
             LOG_WARN("%s - too many connections: %zu, %zu of this address: %s", __func__,
                      state.connections.size(), of_address, http_refusals_text(address));

@@ -21,6 +21,7 @@
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
 #include "request/status.h"
+#include "story/story.h"
 
 namespace {
 
@@ -77,8 +78,10 @@ void take_off(std::string *text, std::size_t size)
     }
 }
 
-void log_refusal(in_addr_t address, const char *reason)
+/// `status` is 0 for a client that gets no answer.
+void log_refusal(in_addr_t address, const char *reason, int status)
 {
+    story_visit_came({.address = address, .status = status, .check = story_http, .why = reason});
     if (http_refusals_tell(address)) {
         LOG_WARN("%s - %s: %s", "refuse", reason, http_refusals_text(address));
     }
@@ -86,7 +89,7 @@ void log_refusal(in_addr_t address, const char *reason)
 
 intake_result end(http_intake *intake, const char *reason)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, 0);
     evhtp_close(intake->connection);
     return intake_result::ended;
 }
@@ -96,7 +99,7 @@ intake_result end(http_intake *intake, const char *reason)
 /// come from us, but the client is still heard until it ends too.
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, status);
     metrics_count_reply({}, status);
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
                                http_status_phrase(status) +
@@ -172,7 +175,7 @@ bool feed(http_intake *intake, std::string_view bytes)
     const int rc = evbuffer_add_reference(input, bytes.data(), bytes.size(), nullptr, nullptr);
     REQUIRE_CALL(rc == 0, "evbuffer_add_reference(input, bytes, size)", rc);
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
-        log_refusal(address, "the parser takes it for no request");
+        log_refusal(address, "the parser takes it for no request", 0);
         return false;
     }
     evbuffer_drain(input, evbuffer_get_length(input));

@@ -1,24 +1,17 @@
+#include <cstdarg>
+#include <cstdio>
 #include <string>
 
 #include "logger/common_logger.h"
 #include "story/memory.h"
 #include "story/view.h"
+#include "text/or_empty.h"
 
 /// Why no location came.
 
 namespace {
 
 constexpr char log_category[] = "story";
-
-std::string counted(std::uint32_t count, const char *one, const char *many)
-{
-    return std::to_string(count) + ' ' + (count == 1 ? one : many);
-}
-
-std::string with_status(const char *text, std::int32_t status)
-{
-    return status == 0 ? text : std::string{text} + " (status " + std::to_string(status) + ')';
-}
 
 const char *left_out_text(story_cause cause)
 {
@@ -44,13 +37,20 @@ const char *left_out_text(story_cause cause)
     return "";
 }
 
-std::string push_text(const story_round &round)
+[[gnu::format(printf, 1, 2)]] std::string printed(const char *format, ...)
 {
-    if (round.run == 0) {
-        return "no push has left";
-    }
-    return counted(round.pushes, "push", "pushes") + " left, the push service took " +
-           std::to_string(round.pushes_ok);
+    char text[384];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+/// " (status 403)", or nothing.
+std::string status_text(std::int32_t status)
+{
+    return status == 0 ? std::string{} : printed(" (status %d)", status);
 }
 
 /// A run that was left out or came to nothing does not keep a phone from coming.
@@ -58,16 +58,18 @@ std::string refusal_text(const story_round &round)
 {
     return round.refused_why == nullptr
                ? std::string{}
-               : std::string{"; a phone came and was refused: "} + round.refused_why;
+               : printed("; a phone came and was refused: %s", round.refused_why);
 }
 
 std::string never_came_text(const story_round &round)
 {
-    std::string text = push_text(round) + ", and no phone came";
-    if (round.stopped_why != nullptr) {
-        text = text + "; a visitor was refused before it reached a route: " + round.stopped_why;
-    }
-    return text;
+    const char *const before =
+        round.stopped_why == nullptr ? "" : "; a visitor was refused before it reached a route: ";
+    const char *const why = text_or_empty(round.stopped_why);
+    return round.run == 0 ? printed("no push has left, and no phone came%s%s", before, why)
+                          : printed("%u %s left, the push service took %u, and no phone came%s%s",
+                                    round.pushes, round.pushes == 1 ? "push" : "pushes",
+                                    round.pushes_ok, before, why);
 }
 
 } // namespace
@@ -120,7 +122,7 @@ const char *story_cause_name(story_cause cause)
 
 std::string story_run_text(const story_round &round)
 {
-    return with_status(left_out_text(round.run_left_out), round.run_status);
+    return left_out_text(round.run_left_out) + status_text(round.run_status);
 }
 
 story_cause story_cause_of(const story_round &round)
@@ -155,10 +157,10 @@ std::string story_cause_text(const story_round &round)
     case story_cause::no_access_token:
         return story_run_text(round) + refusal_text(round);
     case story_cause::every_push_failed:
-        return with_status("the push service took none of the pushes", round.push_status) +
+        return "the push service took none of the pushes" + status_text(round.push_status) +
                refusal_text(round);
     case story_cause::phones_refused:
-        return refusal_text(round).substr(2);
+        return printed("a phone came and was refused: %s", round.refused_why);
     case story_cause::client_gone:
         return "the client ended its connection before a location came";
     case story_cause::phone_never_came:

@@ -81,6 +81,9 @@ struct story_visit_note {
 };
 void story_visit_came(const story_visit_note &note);
 
+/// The constant for the path of a route; null for another path, or none.
+[[nodiscard]] const char *story_route_of(const char *path);
+
 // A report.
 
 /// To how many clients the next one was sent.

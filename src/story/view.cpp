@@ -1,64 +1,74 @@
 #include "story/view.h"
 
 #include <algorithm>
+#include <span>
+#include <utility>
 
 #include "story/memory.h"
-#include "story/story.h"
 
 namespace {
 
-template <typename Event>
-bool is_in(const Event &event, std::uint64_t begin, std::uint64_t end)
+/// Of events that are kept in a ring, the one with this number; null when it is forgotten.
+template <typename Events>
+auto find(const Events &events, std::uint64_t number)
 {
-    return event.number >= begin && event.number < end;
+    const auto &place = events[(number - 1) % events.size()];
+    return place.number == number ? &place : nullptr;
 }
 
-template <typename Event>
-void sort_by_number(std::vector<const Event *> &events)
+/// The first number that may still be there.
+std::uint64_t oldest(std::uint64_t last, std::size_t size)
 {
-    std::sort(events.begin(), events.end(),
-              [](const Event *one, const Event *other) { return one->number < other->number; });
+    return last > size ? last - size + 1 : 1;
 }
 
-/// Those whose numbers are in the interval, oldest first.
-template <typename Events, typename Event>
-std::uint64_t collect(const Events &events, std::uint64_t begin, std::uint64_t end,
-                      std::vector<const Event *> &found)
+void collect_visits(std::span<const story_visit> places, const story_interval &numbers,
+                    std::vector<const story_visit *> &found)
 {
-    for (const Event &event : events) {
-        if (event.number != 0 && is_in(event, begin, end)) {
-            found.push_back(&event);
+    for (const story_visit &visit : places) {
+        if (visit.number >= std::max(numbers.begin, std::uint64_t{1}) &&
+            visit.number < numbers.end) {
+            found.push_back(&visit);
         }
     }
-    sort_by_number(found);
-    return end - begin - found.size();
+    std::sort(found.begin(), found.end(), [](const story_visit *one, const story_visit *other) {
+        return one->number < other->number;
+    });
 }
 
-std::uint64_t end_of(const story_round &round, const story_interval &interval, std::uint64_t last)
+/// As far as it goes by now.
+story_interval so_far(const story_round &round, const story_interval &interval, std::uint64_t last)
 {
-    return round.waits ? last + 1 : interval.end;
+    return {interval.begin, round.waits ? last + 1 : interval.end};
 }
 
-void collect_pushes(const story_memory &kept, story_round_view &view)
+void add_pushes(const story_memory &kept, story_round_view &view)
 {
-    for (const story_push &push : kept.pushes) {
-        if (push.number != 0 && view.round->run != 0 && push.run == view.round->run) {
-            view.pushes.push_back(&push);
+    for (auto number = oldest(kept.last_push, kept.pushes.size()); number <= kept.last_push;
+         ++number) {
+        const story_push *const push = find(kept.pushes, number);
+        if (push != nullptr && view.round->run != 0 && push->run == view.round->run) {
+            view.pushes.push_back(push);
         }
     }
-    sort_by_number(view.pushes);
     view.forgotten_pushes = view.round->pushes - view.pushes.size();
 }
 
-story_round_view round_view(const story_memory &kept, const story_round &round)
+void add_visits(const story_memory &kept, story_round_view &view)
 {
-    story_round_view view{&round, {}, {}, {}, 0, 0, 0};
-    collect_pushes(kept, view);
-    view.forgotten_visits = collect(kept.visits.places, round.visits.begin,
-                                    end_of(round, round.visits, kept.visits.last), view.visits);
-    view.forgotten_reports = collect(kept.reports, round.reports.begin,
-                                     end_of(round, round.reports, kept.last_report), view.reports);
-    return view;
+    const story_interval numbers = so_far(*view.round, view.round->visits, kept.visits.last);
+    collect_visits(kept.visits.places, numbers, view.visits);
+    view.forgotten_visits = numbers.end - numbers.begin - view.visits.size();
+}
+
+void add_reports(const story_memory &kept, story_round_view &view)
+{
+    const story_interval numbers = so_far(*view.round, view.round->reports, kept.last_report);
+    const auto kept_since = oldest(kept.last_report, kept.reports.size());
+    for (auto number = std::max(numbers.begin, kept_since); number < numbers.end; ++number) {
+        view.reports.push_back(find(kept.reports, number));
+    }
+    view.forgotten_reports = numbers.end - numbers.begin - view.reports.size();
 }
 
 } // namespace
@@ -67,14 +77,17 @@ story_view story_look()
 {
     const story_memory &kept = story_kept();
     story_view view{kept.latest, {}, {}};
-    for (const story_round &round : kept.rounds) {
-        if (round.id != 0) {
-            view.rounds.push_back(round_view(kept, round));
+    for (auto id = kept.last_round; id >= oldest(kept.last_round, kept.rounds.size()); --id) {
+        const story_round &round = kept.rounds[(id - 1) % kept.rounds.size()];
+        if (round.id == id) {
+            story_round_view one{&round, {}, {}, {}, 0, 0, 0};
+            add_pushes(kept, one);
+            add_visits(kept, one);
+            add_reports(kept, one);
+            view.rounds.push_back(std::move(one));
         }
     }
-    std::sort(view.rounds.begin(), view.rounds.end(),
-              [](const auto &one, const auto &other) { return one.round->id > other.round->id; });
-    collect(kept.unasked.places, 1, kept.unasked.last + 1, view.visits);
+    collect_visits(kept.unasked.places, {1, kept.unasked.last + 1}, view.visits);
     std::reverse(view.visits.begin(), view.visits.end());
     return view;
 }
