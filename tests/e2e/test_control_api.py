@@ -38,6 +38,13 @@ def status_of(access_point: AccessPoint) -> Any:
     return asked(access_point, "/v1/status").json()
 
 
+def wait_for_push(access_point: AccessPoint) -> None:
+    """Until the daemon has the cloud's answer too."""
+    wait_until(
+        lambda: status_of(access_point)["pairings"][0]["lastPushStatus"], 10, "no push has ended"
+    )
+
+
 # Every documented status.
 
 
@@ -78,6 +85,7 @@ def test_a_busy_daemon_tells_what_it_has_done(
         cloud.fcm.wait(1)
         assert paired_phone.location().status == 200
         client.receive_report()
+        wait_for_push(access_point)
         status = status_of(access_point)
     assert status["localClients"]["connections"] == {"now": 1, "most": 1, "limit": 32}
     assert status["localClients"]["openRequests"] == 1
@@ -235,6 +243,7 @@ def test_metrics_count_what_happened(
     wrong = paired_phone.prepare_location(auth={"bssid": "02:00:00:00:00:01"})
     assert paired_phone.send(wrong).status == 409
     assert paired_phone.send(paired_phone.prepare("/challenge", {}, auth={"password": "x"})).status == 401
+    wait_for_push(access_point)
     after = metrics_of(access_point)
     grown = {name: value - before.get(name, 0) for name, value in after.items()}
     expected = {
