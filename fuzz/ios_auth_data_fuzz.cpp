@@ -14,19 +14,25 @@ bool holds_at(fuzz_bytes bytes, std::size_t at, fuzz_bytes expected)
            std::ranges::equal(bytes.subspan(at, expected.size()), expected);
 }
 
+struct good_phone {
+    const ios_phone &phone = the_ios_phone();
+    test_bytes id = sha256_of(bytes_of(ios_phone_app_id));
+    test_bytes credential = sha256_of(public_key_point(phone.phone.key.get()));
+    test_bytes key = public_key_der(phone.phone.key.get());
+};
+
 /// The whole rule once more, byte by byte.
-bool should_pass(const ios_phone &phone, fuzz_bytes bytes)
+bool should_pass(const good_phone &good, fuzz_bytes bytes)
 {
-    const test_bytes id = sha256_of(bytes_of(ios_phone_app_id));
-    const test_bytes credential = sha256_of(public_key_point(phone.phone.key.get()));
     constexpr std::uint8_t no_counter[4] = {};
-    return holds_at(bytes, 0, id) && holds_at(bytes, 33, no_counter) &&
+    return holds_at(bytes, 0, good.id) && holds_at(bytes, 33, no_counter) &&
            (holds_at(bytes, 37, aaguid_production) || holds_at(bytes, 37, aaguid_develop)) &&
-           holds_at(bytes, 55, credential) && (bytes[53] != 0 || bytes[54] >= 32);
+           holds_at(bytes, 55, good.credential) && (bytes[53] != 0 || bytes[54] >= 32);
 }
 
-void attestation(const ios_phone &phone, fuzz_bytes bytes)
+void attestation(const good_phone &good, fuzz_bytes bytes)
 {
+    const ios_phone &phone = good.phone;
     attestation_parts parts;
     parts.auth_data = {bytes.begin(), bytes.end()};
     parts.x5c = {phone.leaf_with_nonce(sha256_of(bytes_joined({parts.auth_data, phone.hash}))),
@@ -35,9 +41,9 @@ void attestation(const ios_phone &phone, fuzz_bytes bytes)
     const allocation_meter meter;
     const ios_outcome outcome = phone.attest(ios_phone_app_id, object, phone.hash);
     FUZZ_REQUIRE(meter.peak() <= 2 * bytes.size() + 200 * 1024);
-    FUZZ_REQUIRE((outcome.result != 0) == should_pass(phone, bytes));
+    FUZZ_REQUIRE((outcome.result != 0) == should_pass(good, bytes));
     if (outcome.result != 0) {
-        FUZZ_REQUIRE(outcome.keys.front() == public_key_der(phone.phone.key.get()));
+        FUZZ_REQUIRE(outcome.keys.front() == good.key);
     }
 }
 
@@ -67,21 +73,21 @@ void parse(fuzz_bytes bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const ios_phone &phone = the_ios_phone();
+    static const good_phone good;
     const fuzz_bytes bytes{data, size};
     // The key is another one in each process, so a good credential id cannot stand in a file: four
     // bytes of "good" in the place of an app id hash or a credential id become the right ones.
     test_bytes patched{bytes.begin(), bytes.end()};
-    const auto patch = [&patched](std::size_t at, const test_bytes &good) {
-        if (holds_at(patched, at, bytes_of("good")) && patched.size() >= at + good.size()) {
-            std::ranges::copy(good, patched.begin() + static_cast<std::ptrdiff_t>(at));
+    const auto patch = [&patched](std::size_t at, const test_bytes &right) {
+        if (holds_at(patched, at, bytes_of("good")) && patched.size() >= at + right.size()) {
+            std::ranges::copy(right, patched.begin() + static_cast<std::ptrdiff_t>(at));
         }
     };
-    patch(0, sha256_of(bytes_of(ios_phone_app_id)));
-    patch(55, sha256_of(public_key_point(phone.phone.key.get())));
+    patch(0, good.id);
+    patch(55, good.credential);
     parse(patched);
     if (!patched.empty() && patched.size() <= 4096) {
-        attestation(phone, patched);
+        attestation(good, patched);
     }
     return 0;
 }

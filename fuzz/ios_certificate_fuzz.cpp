@@ -26,18 +26,17 @@ void accepted(const X509 *certificate, fuzz_bytes der)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const ios_phone &phone = the_ios_phone();
-    static const std::string root = certificate_pem(phone.phone.root.certificate.get());
+    static const std::string root = certificate_pem(the_ios_phone().phone.root.certificate.get());
     const fuzz_bytes der{data, size};
     const allocation_meter meter;
-    if (const x509_ptr leaf = ios_app_certificate_verify(root.c_str(), der, phone.intermediate())) {
+    // It is the credential certificate and the link of the chain at once.
+    const x509_ptr leaf = ios_app_certificate_verify(root.c_str(), der, der);
+    if (leaf != nullptr) {
         accepted(leaf.get(), der);
     }
-    FUZZ_REQUIRE(meter.peak() <= 200 * size + 64 * 1024);
-    // As a link of the chain it is parsed too, and one that is good is kept for the next time.
-    static const test_bytes leaf = phone.leaf({});
-    const bool once = ios_app_certificate_verify(root.c_str(), leaf, der) != nullptr;
-    const bool twice = ios_app_certificate_verify(root.c_str(), leaf, der) != nullptr;
-    FUZZ_REQUIRE(once == twice);
+    FUZZ_REQUIRE(meter.peak() <= 400 * size + 64 * 1024);
+    if (leaf != nullptr) { // a link that was good is kept for the next time
+        FUZZ_REQUIRE(ios_app_certificate_verify(root.c_str(), der, der) != nullptr);
+    }
     return 0;
 }

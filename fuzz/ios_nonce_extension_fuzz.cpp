@@ -11,6 +11,7 @@ namespace {
 
 struct good_object {
     const ios_phone &phone = the_ios_phone();
+    std::string root = certificate_pem(phone.phone.root.certificate.get());
     test_bytes auth_data = phone.phone.auth_data().attestation();
     test_bytes nonce = sha256_of(bytes_joined({auth_data, phone.hash}));
 };
@@ -24,6 +25,14 @@ void with_nonce(test_bytes *value, const test_bytes &nonce)
     }
 }
 
+void is_found(const good_object &good, const test_bytes &leaf, const test_bytes &value)
+{
+    const x509_ptr parsed =
+        ios_app_certificate_verify(good.root.c_str(), leaf, good.phone.intermediate());
+    FUZZ_REQUIRE(parsed != nullptr);
+    FUZZ_REQUIRE(std::ranges::equal(ios_app_certificate_nonce_extension(parsed.get()), value));
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
@@ -32,11 +41,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     test_bytes value{data, data + size};
     with_nonce(&value, good.nonce);
     const test_bytes leaf = good.phone.leaf(value);
-    const x509_ptr parsed =
-        ios_app_certificate_verify(certificate_pem(good.phone.phone.root.certificate.get()).c_str(),
-                                   leaf, good.phone.intermediate());
-    FUZZ_REQUIRE(parsed != nullptr);
-    FUZZ_REQUIRE(std::ranges::equal(ios_app_certificate_nonce_extension(parsed.get()), value));
+    if (size % 4 == 0) { // parsing takes most of the time, and the attestation does it too
+        is_found(good, leaf, value);
+    }
 
     attestation_parts parts;
     parts.auth_data = good.auth_data;

@@ -6,6 +6,8 @@
 
 namespace {
 
+using asn1_octets_ptr = handle<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>;
+
 ios_outcome &outcome_of(ios_app_validator *validator)
 {
     return *static_cast<ios_outcome *>(ios_app_validator_get_user_data(validator));
@@ -31,6 +33,15 @@ ios_app_validator_ptr validator_make(const char *app_id, ios_outcome *outcome)
     return validator;
 }
 
+x509_ptr credential_make(const app_attest_phone &phone)
+{
+    // Signed by its own key, which is quicker than the authority's.
+    certificate_wish wish{"Test Credential", phone.key.get(), phone.intermediate.certificate.get(),
+                          phone.key.get()};
+    wish.nonce_extension = nonce_extension_value(test_bytes(32));
+    return certificate_make(wish);
+}
+
 /// A good object hands its result over once, a refused one never.
 void is_consistent(unsigned result, std::size_t handed_over)
 {
@@ -42,7 +53,7 @@ void is_consistent(unsigned result, std::size_t handed_over)
 ios_phone::ios_phone()
     : root_pem_{certificate_pem(phone.root.certificate.get())},
       intermediate_{certificate_der(phone.intermediate.certificate.get())},
-      leaf_{leaf(nonce_extension_value(test_bytes(32)))}
+      credential_{credential_make(phone)}, leaf_{certificate_der(credential_.get())}
 {
     X509_up_ref(phone.root.certificate.get());
     trusted_chain_install(x509_ptr{phone.root.certificate.get()});
@@ -73,11 +84,15 @@ ios_outcome ios_phone::check_assertion(const test_bytes &key, std::uint32_t stor
 
 test_bytes ios_phone::leaf(const test_bytes &extension) const
 {
-    // Signed by its own key: nobody looks, and it is quicker than the authority's.
-    certificate_wish wish{"Test Credential", phone.key.get(), phone.intermediate.certificate.get(),
-                          phone.key.get()};
-    wish.nonce_extension = extension;
-    return certificate_der(certificate_make(wish).get());
+    // With the signature of another value: nobody looks, and signing would take longer than all else.
+    X509 *const certificate = credential_.get();
+    const int index = X509_get_ext_count(certificate) - 1;
+    const asn1_octets_ptr value{ASN1_OCTET_STRING_new()};
+    FUZZ_REQUIRE(ASN1_OCTET_STRING_set(value.get(), extension.data(),
+                                       static_cast<int>(extension.size())) == 1);
+    FUZZ_REQUIRE(X509_EXTENSION_set_data(X509_get_ext(certificate, index), value.get()) == 1);
+    FUZZ_REQUIRE(i2d_re_X509_tbs(certificate, nullptr) > 0); // what was encoded before is not valid
+    return certificate_der(certificate);
 }
 
 test_bytes ios_phone::leaf_with_nonce(const test_bytes &nonce) const

@@ -42,7 +42,8 @@ class ios_phone {
   private:
     std::string root_pem_;
     test_bytes intermediate_;
-    test_bytes leaf_; // with a nonce of zeros
+    x509_ptr credential_; // its last extension is the nonce's
+    test_bytes leaf_;     // with a nonce of zeros
 };
 
 /// Made once.

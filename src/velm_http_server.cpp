@@ -19,7 +19,7 @@
 #include "http_server/connections.h"
 #include "http_server/log.h"
 #include "http_server/routes.h"
-#include "http_server/tls.h"
+#include "http_server/tls_settings.h"
 #include "lan/wait.h"
 #include "logger/fatal.h"
 

@@ -202,6 +202,17 @@ void remember_report(const location_source &sent_by, const location_values &valu
     last.accuracy_m = values.accuracy;
 }
 
+/// Null when the location may go to the clients; else why not.
+const char *location_refusal(const char *caller, const location_source &sent_by,
+                             const location_values &values, json_ptr &pairing,
+                             report_source &source)
+{
+    if (!source_check(caller, sent_by, pairing, source)) {
+        return "its sender is not paired any more, or its address or BSSID is none";
+    }
+    return values_check(caller, sent_by, values) ? nullptr : "it is on no map";
+}
+
 void deliver(const char *caller, const location_source &sent_by, const location_values &values)
 {
     if (state.server == nullptr) {
@@ -211,14 +222,12 @@ void deliver(const char *caller, const location_source &sent_by, const location_
     }
     json_ptr pairing;
     report_source source{};
-    if (!source_check(caller, sent_by, pairing, source)) {
-        refusal_tell(sent_by,
-                     "the sender of the location is not paired, or its address or BSSID is none");
-    } else if (!values_check(caller, sent_by, values)) {
-        refusal_tell(sent_by, "the location is on no map");
-    } else {
+    const char *const refusal = location_refusal(caller, sent_by, values, pairing, source);
+    if (refusal == nullptr) {
         report_send(caller, device_id_of(sent_by), report_build(source, values));
         remember_report(sent_by, values);
+    } else {
+        refusal_tell(sent_by, refusal);
     }
 }
 

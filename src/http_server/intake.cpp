@@ -2,9 +2,6 @@
 
 #include <event2/buffer.h>
 #include <openssl/crypto.h>
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -15,9 +12,11 @@
 
 #include "handles/evhtp.h"
 #include "handles/secret.h"
+#include "http_server/held.h"
 #include "http_server/log.h"
 #include "http_server/parser.h"
 #include "http_server/refusals.h"
+#include "http_server/tls.h"
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
 #include "request/status.h"
@@ -34,49 +33,6 @@ constexpr std::size_t max_thrown_away = 1024 * 1024;
 
 /// What the head of a refused request counts at most from then on.
 constexpr std::size_t refused_room_max = 32 * 1024;
-
-constexpr std::size_t growth_step = 4 * 1024; // of what is held
-constexpr std::size_t worth_giving_back = 512;
-
-/// What was received may hold a password, so that no copy of it stays where it lay.
-void wipe(std::string *text)
-{
-    OPENSSL_cleanse(text->data(), text->size());
-}
-
-void move_to(std::string *text, std::size_t room)
-{
-    std::string moved;
-    moved.reserve(room);
-    moved.append(*text);
-    wipe(text);
-    text->swap(moved);
-}
-
-/// Left to itself a text doubles, and what it then has too much would count as held.
-void make_room(std::string *text, std::size_t size)
-{
-    const std::size_t needed = text->size() + size;
-    if (needed > text->capacity()) {
-        move_to(text, needed <= growth_step
-                          ? std::max(needed, 2 * text->size())
-                          : (needed + growth_step - 1) / growth_step * growth_step);
-    }
-}
-
-/// Takes that many bytes off the front.
-void take_off(std::string *text, std::size_t size)
-{
-    const std::size_t left = text->size() - size;
-    std::memmove(text->data(), text->data() + size, left);
-    OPENSSL_cleanse(text->data() + left, size);
-    text->resize(left);
-    if (left == 0 && text->capacity() > worth_giving_back) {
-        std::string{}.swap(*text);
-    } else if (text->capacity() > growth_step && left <= growth_step) {
-        move_to(text, left);
-    }
-}
 
 /// `status` is 0 for a client that gets no answer.
 void log_refusal(in_addr_t address, const char *reason, int status)
@@ -104,19 +60,15 @@ intake_result refuse(http_intake *intake, const char *reason, int status)
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
                                http_status_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-    evhtp_connection_t *const connection = intake->connection;
-    bufferevent_disable(connection->bev, EV_WRITE);
-    SSL_write(connection->ssl, answer.data(), static_cast<int>(answer.size()));
-    SSL_shutdown(connection->ssl);
-    ERR_clear_error(); // a client that cannot be told is closed without it
-    shutdown(connection->sock, SHUT_WR);
+    bufferevent_disable(intake->connection->bev, EV_WRITE);
+    http_tls_say_last(intake->connection->ssl, intake->connection->sock, answer);
     intake->phase = message_phase::refused;
     // It goes on counting: of many that are refused some are closed at once. Not in full, else one that
     // is alone could lose its answer to the room of the TLS record that it is about to send.
     intake->refused_room = std::min(intake->held.capacity(), refused_room_max);
-    wipe(&intake->held);
+    http_held_wipe(&intake->held);
     std::string{}.swap(intake->held);
-    wipe(&intake->body);
+    http_held_wipe(&intake->body);
     intake->body.clear();
     intake->lifted = {};
     return intake_result::refused;
@@ -208,29 +160,22 @@ intake_result begin_answering(http_intake *intake)
     return intake_result::moved_on;
 }
 
-void move_behind(std::string *text, std::string *other)
-{
-    text->append(*other);
-    wipe(other);
-    std::string{}.swap(*other);
-}
-
 /// What the parser gets: after a head that says "chunked" it wants chunks, and gets one.
 std::string whole_message(http_intake *intake)
 {
     std::string bytes = std::exchange(intake->head, {});
     if (!intake->chunked) {
-        make_room(&bytes, intake->body.size());
-        move_behind(&bytes, &intake->body);
+        http_held_make_room(&bytes, intake->body.size());
+        http_held_move_behind(&bytes, &intake->body);
         return bytes;
     }
     char size[24];
     std::snprintf(size, sizeof size, "%zx\r\n", intake->body.size());
     constexpr std::string_view last_chunk = "0\r\n\r\n";
-    make_room(&bytes, sizeof size + intake->body.size() + last_chunk.size());
+    http_held_make_room(&bytes, sizeof size + intake->body.size() + last_chunk.size());
     if (!intake->body.empty()) {
         bytes.append(size);
-        move_behind(&bytes, &intake->body);
+        http_held_move_behind(&bytes, &intake->body);
         bytes.append("\r\n");
     }
     return bytes.append(last_chunk);
@@ -284,8 +229,8 @@ intake_result begin_body(http_intake *intake, const http_head &head)
 intake_result take_head(http_intake *intake)
 {
     if (intake->scanned == 0) {
-        take_off(&intake->held,
-                 std::min(intake->held.find_first_not_of("\r\n"), intake->held.size()));
+        http_held_take_off(&intake->held,
+                           std::min(intake->held.find_first_not_of("\r\n"), intake->held.size()));
     }
     const std::size_t length = http_head_length(intake->held, &intake->scanned);
     if (length == 0) {
@@ -295,7 +240,7 @@ intake_result take_head(http_intake *intake)
     if (head.refusal != nullptr) {
         return refuse(intake, head.refusal, head.refusal_status);
     }
-    take_off(&intake->held, length);
+    http_held_take_off(&intake->held, length);
     intake->scanned = 0;
     intake->head = std::move(head.text);
     intake->lifted = std::move(head.lifted);
@@ -316,15 +261,15 @@ chunks_result gather_body(http_intake *intake)
 {
     std::string_view input{intake->held};
     if (intake->chunked) {
-        make_room(&intake->body,
-                  std::min(input.size(), http_server_max_body_size - intake->body.size()));
+        http_held_make_room(
+            &intake->body, std::min(input.size(), http_server_max_body_size - intake->body.size()));
     } else {
         intake->body.reserve(intake->body_size); // at once: it never moves
     }
     const chunks_result result = intake->chunked
                                      ? http_chunks_take(&intake->chunks, &input, &intake->body)
                                      : take_announced(intake, &input);
-    take_off(&intake->held, intake->held.size() - input.size());
+    http_held_take_off(&intake->held, intake->held.size() - input.size());
     return result;
 }
 
@@ -435,7 +380,7 @@ intake_result http_intake_read(http_intake *intake)
     evbuffer_iovec piece{};
     while (evbuffer_get_length(input) != 0) {
         evbuffer_peek(input, -1, nullptr, &piece, 1);
-        make_room(&intake->held, piece.iov_len);
+        http_held_make_room(&intake->held, piece.iov_len);
         intake->held.append(static_cast<const char *>(piece.iov_base), piece.iov_len);
         OPENSSL_cleanse(piece.iov_base, piece.iov_len);
         evbuffer_drain(input, piece.iov_len);
@@ -485,8 +430,8 @@ intake_result http_intake_next(http_intake *intake)
 
 void http_intake_end(http_intake *intake)
 {
-    wipe(&intake->held);
-    wipe(&intake->body);
+    http_held_wipe(&intake->held);
+    http_held_wipe(&intake->body);
     if (const evhtp_request_t *const request = intake->connection->request; request != nullptr) {
         http_intake_wipe(request->buffer_in);
     }

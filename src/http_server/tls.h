@@ -4,13 +4,14 @@
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
-/// What the HTTPS server sets in OpenSSL, and what stands between a socket and OpenSSL. Internal to
-/// the server's connections.
+#include "http_server/tls_settings.h"
+
+/// What stands between a socket and OpenSSL. Internal to the server's connections.
 
 /// What one turn of the loop hands OpenSSL of one connection: it stays inside one call for as long as
 /// records come that hold no data, and a client may send nothing else.
@@ -22,24 +23,9 @@ inline constexpr std::size_t http_tls_max_silent_records = 32;
 /// The room that libevent makes to read into: for a record that needs more it makes another.
 inline constexpr std::size_t http_tls_read_room = 1024;
 
-/// The longest record that is sent: OpenSSL keeps one while a client does not read, and nearly every
-/// reply is a tenth of it.
-inline constexpr long http_tls_sent_record = 4096;
-
 /// What OpenSSL keeps while its answer to a client's new keys cannot be sent: a record read, a record
 /// sent, and the room for the messages of a handshake.
 inline constexpr std::size_t http_tls_blocked_keys = 48 * 1024;
-
-/// How long one key seals the tickets of TLS sessions: who takes the key out of the device can read
-/// what was said in that time, and no more.
-inline constexpr std::chrono::hours http_tls_ticket_key_time{12};
-
-/// What libevhtp's settings record cannot say.
-void http_tls_tune(SSL_CTX *context);
-
-/// Makes a new key for tickets when the one in use has had its time. Called for each connection, so
-/// that nothing wakes the loop for it; a ticket of the old key means a whole handshake.
-void http_tls_renew_ticket_key(SSL_CTX *context, std::chrono::steady_clock::time_point now);
 
 /// What a client has sent, on its way to OpenSSL, which is given whole TLS records only: for one that
 /// has begun it takes a buffer of the longest there is, 17 kB, and keeps it until the rest has come.
@@ -98,6 +84,9 @@ void http_tls_read(bufferevent *bev);
 
 /// What was made to read into and is not used any more goes. Once more when all have been read.
 void http_tls_give_back();
+
+/// Writes a last text and says goodbye, at once. The client is still heard.
+void http_tls_say_last(SSL *tls, int socket, std::string_view text);
 
 /// The client has said that it ends and nothing is owed to it, so that nobody would read the same
 /// from us: the socket has gone, and sending would only bring a reset.

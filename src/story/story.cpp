@@ -91,10 +91,13 @@ story_round &round_begin()
     return round;
 }
 
-bool has_waited_its_time(const story_round &round, steady_clock::duration slack = {})
+/// By either clock: the one on the wall is what requests are dropped by, and it may be set forward.
+bool has_waited_its_time(const story_round &round, std::chrono::milliseconds slack = {})
 {
-    return steady_clock::now() - round.asked_steady + slack >=
-           std::chrono::seconds{round.timeout_s};
+    const std::chrono::milliseconds time_out = std::chrono::seconds{round.timeout_s};
+    const std::chrono::milliseconds on_the_wall{story_now() - round.asked};
+    return steady_clock::now() - round.asked_steady + slack >= time_out ||
+           on_the_wall + slack >= time_out;
 }
 
 void client_gone(story_round &round)

@@ -378,7 +378,7 @@ def test_an_uplink_that_says_hello_for_ever_is_left_at_once(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
     cloud.handshakes, cloud.flood = False, HELLO_REQUEST * 1000
-    with prompt_meanwhile(access_point.lan_host(1)):
+    with prompt_meanwhile(access_point.daemon, access_point.lan_host(1)):
         ipc.request()
         access_point.daemon.wait_log("http request failed", timeout=13)
     assert cloud.connections == 1

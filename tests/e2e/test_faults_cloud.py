@@ -74,10 +74,10 @@ def test_info_is_prompt_while_the_cloud(
 ) -> None:
     with access_point.lan_host(1).session() as session, TROUBLES[trouble](network, cloud):
         session.connect()
-        control = latencies(session)
+        control = latencies(access_point.daemon, session)
         ipc.request()
         access_point.daemon.wait_log("oauth2.googleapis.com")
-        assert_prompt(latencies(session), control)
+        assert_prompt(latencies(access_point.daemon, session), control)
     assert paired_phone.location().status == 200
     assert ipc.receive_report().valid == 1
 
@@ -133,10 +133,10 @@ def test_info_is_prompt_while_the_name_server(
             access_point.lan_host(1).session()
         ) as session:
             session.connect()
-            control = latencies(session)
+            control = latencies(access_point.daemon, session)
             ipc.request()
             wait_until(lambda: bool(server.asked), 5, "the name server is not asked")
-            assert_prompt(latencies(session), control)
+            assert_prompt(latencies(access_point.daemon, session), control)
             if name == "is slow":
                 cloud.token.wait()
             else:
@@ -200,7 +200,7 @@ def pushes(
 def test_of_all_answers_only_404_to_a_push_unpairs_a_phone(
     pushes: Pushes, access_point: AccessPoint, sample: Sample
 ) -> None:
-    with prompt_meanwhile(access_point.lan_host(1)):
+    with prompt_meanwhile(access_point.daemon, access_point.lan_host(1)):
         for status in sample.of(STATUSES, 9):
             if status != 404:
                 pushes.push(Answer(status, b"{}"))
@@ -222,7 +222,7 @@ def test_an_answer_to_a_push_that_is_cut_at_any_byte_unpairs_nobody(
     pushes: Pushes, access_point: AccessPoint, paired_phone: Phone, sample: Sample
 ) -> None:
     whole = Answer.json({"error": {"code": 404}}, 404)
-    with prompt_meanwhile(access_point.lan_host(1)):
+    with prompt_meanwhile(access_point.daemon, access_point.lan_host(1)):
         for cut in cuts(whole, sample, 17):
             pushes.push(cut)
             assert pushes.pairing() == "Valid", cut.raw
@@ -238,7 +238,7 @@ def test_an_access_token_that_is_cut_at_any_byte_is_none(
     pushes: Pushes, access_point: AccessPoint, cloud: Cloud, sample: Sample
 ) -> None:
     whole = Answer.json({"access_token": "t", "expires_in": 1})
-    with prompt_meanwhile(access_point.lan_host(1)):
+    with prompt_meanwhile(access_point.daemon, access_point.lan_host(1)):
         for cut in cuts(whole, sample, 17):
             pushes.fail_for_want_of_a_token(cut)
     assert not cloud.fcm.requests
@@ -260,7 +260,7 @@ def test_a_verdict_that_is_cut_at_any_byte_lets_nobody_in(
         return Answer.json({"tokenPayloadExternal": open_token(phone.integrity, token)})
 
     length = sum(1 for _ in cuts(verdict(phone.prepare_location()), sample, 29))
-    with prompt_meanwhile(access_point.lan_host(1)):
+    with prompt_meanwhile(access_point.daemon, access_point.lan_host(1)):
         for number in range(length):
             request = phone.prepare_location()
             cut = next(itertools.islice(cuts(verdict(request), sample, 29), number, None))

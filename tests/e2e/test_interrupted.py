@@ -377,10 +377,10 @@ def test_info_is_prompt_while_no_name_server_answers(
         cold_access_point.lan_host().session()
     ) as session:
         session.connect()
-        control = latencies(session)
+        control = latencies(cold_access_point.daemon, session)
         ipc.request()
         wait_until(lambda: bool(dead_dns.asked), 5, "the name server is not asked")
-        assert_prompt(latencies(session), control)
+        assert_prompt(latencies(cold_access_point.daemon, session), control)
     assert not cloud.connections
     # Asking is not over: a reload in the middle of it is harmless too.
     cold_access_point.reload()

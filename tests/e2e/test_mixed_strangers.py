@@ -62,7 +62,7 @@ def test_memory_stays_within_its_bound_while_strangers_mix(
             with Watched(access_point.daemon.resident_kib) as memory:
                 end = time.monotonic() + duration
                 while time.monotonic() < end:
-                    latencies(session, 5)  # each is answered with 200
+                    latencies(access_point.daemon, session, 5)  # each is answered with 200
             if hosts == 1:  # four have all connections; an attestation takes memory of its own
                 assert access_point.phone(PHONE).pair().status == 200
     record_property("growth", memory.growth)

@@ -33,13 +33,13 @@ def struck(
     """How long `/info` took before and meanwhile, and by how much memory grew."""
     with access_point.lan_host(PHONE).session() as session:
         session.connect()
-        control = latencies(session, 30)
+        control = latencies(access_point.daemon, session, 30)
         with Watched(access_point.daemon.resident_kib) as memory:
             with stranger.at_work_together(deeds, seconds + 1):
                 end = time.monotonic() + seconds
                 taken = []
                 while time.monotonic() < end:
-                    taken += latencies(session, 10)
+                    taken += latencies(access_point.daemon, session, 10)
     return control, sorted(taken), memory.growth
 
 

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// Texts that hold what a client has sent. It may have a password in it: no copy stays where a text has
+/// lain. And what a text has more room than bytes would count as held: it grows and shrinks by little.
+/// Internal to the server's connections.
+
+void http_held_wipe(std::string *text);
+
+/// Room for that many bytes more.
+void http_held_make_room(std::string *text, std::size_t size);
+
+/// Takes that many bytes off the front, at most all.
+void http_held_take_off(std::string *text, std::size_t size);
+
+/// Puts the other one behind it. The other one is empty then, and without room.
+void http_held_move_behind(std::string *text, std::string *other);
