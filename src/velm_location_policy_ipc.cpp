@@ -227,7 +227,6 @@ void deliver(const char *caller, const location_source &sent_by, const location_
         report_send(caller, device_id_of(sent_by), report_build(source, values));
         remember_report(sent_by, values);
     } else {
-        metrics_count(metric::refused_by_location_check);
         refusal_tell(sent_by, refusal);
     }
 }

@@ -8,7 +8,6 @@
 #include "handles/argument.h"
 #include "handles/evhtp.h"
 #include "logger/fatal.h"
-#include "metrics/metrics.h"
 #include "request/input.h"
 #include "request/record.h"
 #include "request/refusal.h"
@@ -54,19 +53,18 @@ evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
 struct refusing_check {
     const char *name;
     const char *reason; // where the check gives no other
-    metric refusals;
     const char *code;
 };
 // clang-format off
 /// Indexed by break code.
 constexpr refusing_check refusing_checks[] = {
-    {"no check",             "unknown",                  metric::refused_by_request_check, story_endpoint},
-    {"request check",        "bad request",              metric::refused_by_request_check, story_request_check},
-    {"assertion check",      "challenge is not pending", metric::refused_by_assertion_check, story_assertion_check},
-    {"assertion check",      "assertion is not valid",   metric::refused_by_assertion_check, story_assertion_check},
-    {"user/password check",  "login refused",            metric::refused_by_user_pass_check, story_user_pass_check},
-    {"paired-app check",     "not paired",               metric::refused_by_paired_app_check, story_paired_app_check},
-    {"device check",         "bssid is not ours",        metric::refused_by_device_check, story_device_check},
+    {"no check",             "unknown",                  story_endpoint},
+    {"request check",        "bad request",              story_request_check},
+    {"assertion check",      "challenge is not pending", story_assertion_check},
+    {"assertion check",      "assertion is not valid",   story_assertion_check},
+    {"user/password check",  "login refused",            story_user_pass_check},
+    {"paired-app check",     "not paired",               story_paired_app_check},
+    {"device check",         "bssid is not ours",        story_device_check},
 };
 // clang-format on
 
@@ -92,7 +90,6 @@ story_told told_of(const velm_request_preprocessor *p)
 void log_refusal(const velm_request_preprocessor *p)
 {
     const refusing_check &check = check_of(p);
-    metrics_count(check.refusals);
     velm_request_log_refusal(check.name, p->refusal != nullptr ? p->refusal : check.reason,
                              p->client_address, p->client_device_id);
 }

@@ -20,6 +20,9 @@ class ControlAnswer:
     def text(self) -> str:
         return self.body.decode()
 
+    def json(self) -> Any:
+        return json.loads(self.body)
+
 
 class _UnixConnection(http.client.HTTPConnection):
     """HTTP on a Unix socket."""
@@ -68,7 +71,7 @@ class Control:
         answer = self.get(target, timeout)
         if answer.status != 200 or answer.headers.get("content-type") != "application/json":
             raise ValueError(f"{target}: {answer.status} {answer.headers} {answer.body!r}")
-        return json.loads(answer.body)
+        return answer.json()
 
     def connect(self, timeout: float | None = None) -> socket.socket:
         return connect(self.path, timeout or self.timeout)

@@ -1,6 +1,7 @@
 #include "control/metrics.h"
 
 #include <cstdint>
+#include <iterator>
 #include <string>
 
 #include "async/common_async.h"
@@ -10,6 +11,8 @@
 #include "http_server/connections.h"
 #include "ipc/report_queue.h"
 #include "metrics/metrics.h"
+#include "story/checks.h"
+#include "story/view.h"
 #include "velm_ipc.h"
 #include "velm_location_policy_ipc.h"
 
@@ -39,23 +42,10 @@ struct labelled_row {
     metric which;
 };
 
-constexpr labelled_row refusals[] = {
-    {"request_check", metric::refused_by_request_check},
-    {"assertion_check", metric::refused_by_assertion_check},
-    {"user_pass_check", metric::refused_by_user_pass_check},
-    {"paired_app_check", metric::refused_by_paired_app_check},
-    {"device_check", metric::refused_by_device_check},
-    {"endpoint", metric::refused_by_endpoint},
-    {"location_check", metric::refused_by_location_check},
-    {"path", metric::refused_by_path},
-};
-
-constexpr labelled_row rounds[] = {
-    {"answered", metric::rounds_answered},
-    {"expired", metric::rounds_expired},
-    {"client gone", metric::rounds_client_gone},
-    {"refused", metric::rounds_refused},
-};
+static_assert(metrics_row(metric::refusals_first, metric::refusals_last) ==
+              std::size(story_checks));
+static_assert(metrics_row(metric::rounds_first, metric::rounds_last) ==
+              static_cast<std::size_t>(story_state::refused));
 
 constexpr labelled_row refused_connections[] = {
     {"total", metric::connections_over_total},
@@ -119,11 +109,18 @@ void add_pushes(control_exposition &text)
 void add_counters(control_exposition &text)
 {
     add_requests(text);
-    text.begin("velm_refusals_total", kind::counter, "Requests that a check or a route refused.");
-    add_labelled(text, "check", refusals);
+    text.begin("velm_refusals_total", kind::counter,
+               "Requests and connections of phones that were refused, by what refused them.");
+    for (std::size_t i = 0; i < std::size(story_checks); ++i) {
+        text.label("check", story_checks[i]);
+        text.sample(metrics_get(metric::refusals_first, i));
+    }
     add_pushes(text);
     text.begin("velm_rounds_total", kind::counter, "Rounds that have ended, by how.");
-    add_labelled(text, "state", rounds);
+    for (int state = 1; state <= static_cast<int>(story_state::refused); ++state) {
+        text.label("state", story_state_name(static_cast<story_state>(state)));
+        text.sample(metrics_get(metric::rounds_first, static_cast<std::size_t>(state) - 1));
+    }
     text.begin("velm_connections_refused_total", kind::counter,
                "Connections of phones that were refused or closed, by the limit that was reached.");
     add_labelled(text, "why", refused_connections);

@@ -1,5 +1,6 @@
 #include "control/rounds.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -121,6 +122,24 @@ void add_forgotten(cJSON *object, const story_round_view &view)
     control_add_number(forgotten, "reports", static_cast<double>(view.forgotten_reports));
 }
 
+/// The oldest ones count as forgotten when there is no room.
+template <typename Event>
+void keep_newest(std::vector<const Event *> &events, std::uint64_t &forgotten, std::size_t &room)
+{
+    const std::size_t excess = events.size() - std::min(events.size(), room);
+    events.erase(events.begin(), events.begin() + static_cast<std::ptrdiff_t>(excess));
+    forgotten += excess;
+    room -= events.size();
+}
+
+/// What happens while several rounds wait belongs to each of them.
+void keep_within(std::size_t &room, story_round_view &view)
+{
+    keep_newest(view.pushes, view.forgotten_pushes, room);
+    keep_newest(view.visits, view.forgotten_visits, room);
+    keep_newest(view.reports, view.forgotten_reports, room);
+}
+
 json_ptr round_object(const story_round_view &view)
 {
     const story_round &round = *view.round;
@@ -142,13 +161,15 @@ json_ptr round_object(const story_round_view &view)
 
 json_ptr control_rounds_document()
 {
-    const story_view view = story_look();
+    story_view view = story_look();
+    std::size_t room = control_rounds_events_limit;
     json_ptr document = control_object();
     control_add_number(document.get(), "version", document_version);
     control_add_moment(document.get(), "now", now());
     control_add_number(document.get(), "latest", static_cast<double>(view.latest));
     cJSON *const rounds = control_add_list(document.get(), "rounds");
-    for (const story_round_view &round : view.rounds) {
+    for (story_round_view &round : view.rounds) {
+        keep_within(room, round);
         control_append(rounds, round_object(round));
     }
     add_events(document.get(), "visits", view.visits, visit_object);

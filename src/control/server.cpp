@@ -102,9 +102,10 @@ void answer_one(void *, short, common_async_context *) noexcept
     }
 }
 
+/// A document may take milliseconds: phones and local clients go first.
 void on_due(control_connection &)
 {
-    common_async_action_call(answer_one, nullptr);
+    common_async_action_call_long(answer_one, nullptr);
 }
 
 constexpr control_connection_owner owner{on_due, on_ended};

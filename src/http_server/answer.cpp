@@ -4,7 +4,6 @@
 #include "http_server/routes.h"
 #include "http_server/visits.h"
 #include "logger/fatal.h"
-#include "metrics/metrics.h"
 #include "request/body.h"
 #include "request/checks.h"
 #include "request/input.h"
@@ -77,7 +76,6 @@ http_outcome work_done(evhtp_request_t *request, const http_work &work)
                            ? work.run({request, body, auth})
                            : http_outcome{static_cast<http_status>(parsed.status), "no valid body"};
     if (end.refusal != nullptr) {
-        metrics_count(metric::refused_by_endpoint);
         velm_request_log_refusal_of(request, work.path, end.refusal, auth);
     }
     tell_outcome(request, work, auth, end);

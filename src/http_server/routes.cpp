@@ -9,7 +9,6 @@
 #include "http_server/pause.h"
 #include "http_server/visits.h"
 #include "logger/fatal.h"
-#include "metrics/metrics.h"
 #include "request/input.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"
@@ -75,7 +74,6 @@ secret_json_ptr take_body(evhtp_request_t *req, const http_route &route)
 {
     velm_request_body parsed = velm_request_parse_request_body(req);
     if (parsed.status != http_status_ok) {
-        metrics_count(metric::refused_by_request_check);
         velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
         http_visit_tell(req, {.route = route.path,
                               .status = parsed.status,
@@ -107,7 +105,6 @@ void http_method_pair(evhtp_request_t *req)
     checks.assertion = has_header(req, "X-Assertion");
     if (!checks.assertion && !has_header(req, "X-Attestation")) {
         LOG_ERROR("%s - no attestation data", __func__);
-        metrics_count(metric::refused_by_request_check);
         velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
                                     request_auth(body.get()));
         http_visit_tell(req, {.device_id = http_visit_device_id(request_auth(body.get())),
@@ -131,7 +128,6 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
     } else if (is_path(req, route_pairings)) {
         begin_route(req, route_pairings);
     } else {
-        metrics_count(metric::refused_by_path);
         LOG_WARN("%s - unknown path", __func__);
         http_visit_tell(req, {.status = http_status_not_found,
                               .check = story_path,

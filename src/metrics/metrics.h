@@ -16,18 +16,10 @@ enum class metric : std::uint8_t {
     search_answers,
     password_hashes,
     reports,
-    rounds_answered,
-    rounds_expired,
-    rounds_client_gone,
-    rounds_refused,
-    refused_by_request_check,
-    refused_by_assertion_check,
-    refused_by_user_pass_check,
-    refused_by_paired_app_check,
-    refused_by_device_check,
-    refused_by_endpoint,
-    refused_by_path,
-    refused_by_location_check,
+    rounds_first, // four, in the order in which story/events.h has the ends of a round
+    rounds_last = rounds_first + 3,
+    refusals_first, // twelve, in the order of story/checks.h
+    refusals_last = refusals_first + 11,
     connections_over_total,
     connections_over_address,
     connections_over_memory,
@@ -49,6 +41,12 @@ inline void metrics_count(metric which) noexcept
     ++metrics_detail::numbers[static_cast<std::size_t>(which)];
 }
 
+/// One of a row of them.
+inline void metrics_count(metric first, std::size_t which) noexcept
+{
+    ++metrics_detail::numbers[static_cast<std::size_t>(first) + which];
+}
+
 /// Keeps the greatest of what it is told.
 inline void metrics_keep_most(metric which, std::size_t now) noexcept
 {
@@ -56,9 +54,15 @@ inline void metrics_keep_most(metric which, std::size_t now) noexcept
     most = std::max<std::uint64_t>(most, now);
 }
 
-[[nodiscard]] inline std::uint64_t metrics_get(metric which) noexcept
+[[nodiscard]] inline std::uint64_t metrics_get(metric first, std::size_t which = 0) noexcept
 {
-    return metrics_detail::numbers[static_cast<std::size_t>(which)];
+    return metrics_detail::numbers[static_cast<std::size_t>(first) + which];
+}
+
+/// How many a row has.
+constexpr std::size_t metrics_row(metric first, metric last)
+{
+    return static_cast<std::size_t>(last) - static_cast<std::size_t>(first) + 1;
 }
 
 /// The answers of the HTTPS server by route and status.

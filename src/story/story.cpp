@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "metrics/metrics.h"
 #include "story/memory.h"
 #include "story/view.h"
 #include "text/cut.h"
@@ -47,6 +48,7 @@ void round_close(story_round &round, story_state state)
 {
     round.state = state;
     round.closed = story_now();
+    metrics_count(metric::rounds_first, static_cast<std::size_t>(state) - 1); // the first is open
     story_round_log(round, story_state_name(state));
 }
 

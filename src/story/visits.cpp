@@ -1,6 +1,9 @@
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
+#include "metrics/metrics.h"
 #include "story/memory.h"
 #include "story/story.h"
 #include "text/cut.h"
@@ -148,6 +151,14 @@ void round_count(story_round &round, const story_visit_note &note, const char *d
     }
 }
 
+void refusal_count(const char *check)
+{
+    const auto *const found = std::find(std::begin(story_checks), std::end(story_checks), check);
+    if (found != std::end(story_checks)) {
+        metrics_count(metric::refusals_first, static_cast<std::size_t>(found - story_checks));
+    }
+}
+
 /// Whatever is asked at the moment: it changes who is paired, or may be the reason why nobody gets
 /// further.
 bool matters_always(const story_visit_note &note)
@@ -178,6 +189,7 @@ void story_visit_came(const story_visit_note &note)
     if (note.device_id != nullptr) {
         text_cut(device_id, note.device_id);
     }
+    refusal_count(note.check);
     if (note.check == nullptr && *device_id != '\0' && is_route(note.route, "/location")) {
         ++kept.posted;
     }

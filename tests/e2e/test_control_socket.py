@@ -219,7 +219,9 @@ def test_the_fifth_client_is_turned_away_until_a_place_is_free(access_point: Acc
 
 def test_a_full_house_of_waiting_clients_holds_nobody_else_up(access_point: AccessPoint) -> None:
     waiting = b"GET /v1/rounds?wait=60 HTTP/1.1\r\n\r\n"
-    with full_house(access_point.control, waiting), prompt_meanwhile(access_point.lan_host(PHONE)):
+    with full_house(access_point.control, waiting), prompt_meanwhile(
+        access_point.daemon, access_point.lan_host(PHONE)
+    ):
         time.sleep(0.5)  # the time for which promptness is measured
 
 
@@ -231,7 +233,9 @@ def test_ten_thousand_requests_change_nothing_for_phones(
     for target in targets * 25:
         control.get(target)
     resident, descriptors = access_point.daemon.resident_kib(), access_point.daemon.descriptors()
-    with prompt_meanwhile(access_point.lan_host(PHONE)):
+    with prompt_meanwhile(
+        access_point.daemon, access_point.lan_host(PHONE)
+    ):
         for number in range(len(sample.of(range(REQUESTS), 20))):
             expected = 404 if number % 4 == 3 else 200
             assert control.get(targets[number % 4]).status == expected
@@ -243,7 +247,9 @@ def test_ten_thousand_requests_change_nothing_for_phones(
 
 
 def test_slow_readers_change_nothing_for_phones(access_point: AccessPoint) -> None:
-    with ExitStack() as open_ones, prompt_meanwhile(access_point.lan_host(PHONE)):
+    with ExitStack() as open_ones, prompt_meanwhile(
+        access_point.daemon, access_point.lan_host(PHONE)
+    ):
         for _ in range(3 * PLACES):
             slow = open_ones.enter_context(access_point.control.connect())
             slow.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1024)

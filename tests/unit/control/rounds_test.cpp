@@ -58,6 +58,35 @@ class ControlRounds : public testing::Test {
     captured_log log_;
 };
 
+/// Every place taken by what becomes longest: each byte of a text from outside takes six.
+TEST_F(ControlRounds, OfTheWorstTextsHaveAtMost384Kibibytes)
+{
+    const std::string long_text(200, '\x01');
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        story_request_came(i, {1 << 30, 1U << 31, i});
+        story_run_asked(i);
+        story_run_begins();
+        const auto push =
+            story_push_begins({story_run_number(), 65535, long_text.c_str(), long_text.c_str()});
+        story_push_ends(push, 500, long_text.c_str());
+        story_visit_came({.address = htonl(0xc0a86464U + i),
+                          .device_id = long_text.c_str(),
+                          .route = "/challenge",
+                          .status = 412,
+                          .check = story_user_pass_check,
+                          .why = "the name or the password is wrong, or the account may not log in",
+                          .hint = long_text.c_str()});
+        story_visit_came({.address = htonl(0xc0a86464U + i),
+                          .device_id = long_text.c_str(),
+                          .check = story_connections,
+                          .why = "it took more memory than there is for its address, or for all",
+                          .hint = long_text.c_str()});
+        story_report_done(long_text.c_str(), htonl(0xc0a86464U + i));
+    }
+    EXPECT_LT(printed(document().get()).size(), 384U * 1024);
+    EXPECT_GT(printed(document().get()).size(), 100U * 1024);
+}
+
 TEST_F(ControlRounds, OfADaemonThatDidNothingAreEmptyLists)
 {
     const json_ptr all = document();

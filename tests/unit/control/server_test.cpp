@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -462,6 +463,39 @@ TEST_F(ControlServer, AnotherPathTakesThePlaceOfTheFirst)
     client next{other};
     next.send(status_request);
     EXPECT_EQ(next.answer(), status_answer);
+}
+
+TEST_F(ControlServer, OutOfDescriptorsItRestsAndServesAgain)
+{
+    client waiting{path};
+    waiting.send(status_request);
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none_left{3, limit.rlim_max};
+    {
+        const captured_log log;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
+        for (int i = 0; i < 200; ++i) {
+            turn();
+        }
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        EXPECT_EQ(log.count("WARN control - accept_later - cannot accept: "), 1)
+            << "the loop spins";
+    }
+    EXPECT_EQ(waiting.answer(), status_answer);
+}
+
+TEST_F(ControlServer, OneConnectionIsAcceptedInATurn)
+{
+    client first{path};
+    client second{path};
+    first.send("bad\n");
+    second.send("bad\n");
+    event_base_loop(loop(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
+    event_base_loop(loop(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
+    EXPECT_TRUE(first.received().starts_with("HTTP/1.1 400 "));
+    EXPECT_EQ(second.received(), "");
+    EXPECT_TRUE(second.answer().starts_with("HTTP/1.1 400 "));
 }
 
 TEST_F(ControlServer, NoPathIsNoServer)
