@@ -18,19 +18,20 @@ constexpr std::size_t number_length_max = 20;
 constexpr std::uint16_t number_min = nvram_number_min;
 
 /// No boolean is read from nvram: config/settings.cpp has the compiler check it.
-void read(const char *, bool *)
+bool read(const char *, bool *)
 {
+    return false;
 }
 
-void read(const char *name, std::uint16_t *field)
+bool read(const char *name, std::uint16_t *field)
 {
-    velm_nvram_config_read_number(name, field, number_min);
+    return velm_nvram_config_read_number(name, field, number_min);
 }
 
 template <std::size_t Size>
-void read(const char *name, char (*field)[Size])
+bool read(const char *name, char (*field)[Size])
 {
-    velm_nvram_config_read_text(name, *field, Size);
+    return velm_nvram_config_read_text(name, *field, Size);
 }
 
 bool is_digit(char c)
@@ -61,8 +62,10 @@ void velm_nvram_config_load(velm_config *config)
 {
     REQUIRE_MEMORY(config, "config");
     for (const config_setting &setting : config_file_settings()) {
-        if (setting.nvram != nullptr) {
-            std::visit([&](auto field) { read(setting.nvram, &(config->*field)); }, setting.field);
+        if (setting.nvram != nullptr &&
+            std::visit([&](auto field) { return read(setting.nvram, &(config->*field)); },
+                       setting.field)) {
+            config_source_of(*config, setting) = config_source::nvram;
         }
     }
 }
@@ -103,19 +106,23 @@ nvram_fit velm_nvram_config_fit_number(const char *name, std::uint16_t minimum)
     return parsed && *parsed >= minimum ? nvram_fit::fits : nvram_fit::no_number;
 }
 
-void velm_nvram_config_read_text(const char *name, char *field, std::size_t size)
+bool velm_nvram_config_read_text(const char *name, char *field, std::size_t size)
 {
     const std::optional<std::string> value = nvram_get_parameter(name, size);
-    if (value && !value->empty()) {
-        velm_config_copy_text(field, size, value->c_str());
+    if (!value || value->empty()) {
+        return false;
     }
+    velm_config_copy_text(field, size, value->c_str());
+    return true;
 }
 
-void velm_nvram_config_read_number(const char *name, std::uint16_t *field, std::uint16_t minimum)
+bool velm_nvram_config_read_number(const char *name, std::uint16_t *field, std::uint16_t minimum)
 {
     const std::optional<std::string> value = nvram_get_parameter(name, number_length_max + 1);
     const std::optional<std::uint16_t> parsed = value ? parse_number(*value) : std::nullopt;
-    if (parsed && *parsed >= minimum) {
-        *field = *parsed;
+    if (!parsed || *parsed < minimum) {
+        return false;
     }
+    *field = *parsed;
+    return true;
 }

@@ -17,6 +17,7 @@
 #include "handles/exhaustion.h"
 #include "handles/secret.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 
 namespace {
 
@@ -134,6 +135,7 @@ void hash_for_nothing(const char *password)
     if (state.other_setting.empty()) {
         find_other_setting();
     }
+    metrics_count(metric::password_hashes);
     (void)crypt(password, state.other_setting.c_str());
 }
 
@@ -147,6 +149,7 @@ bool password_matches(const char *stored, const char *password)
         return false;
     }
     remember_setting(stored);
+    metrics_count(metric::password_hashes);
     errno = 0;
     const char *const hash = crypt(password, stored);
     if (hash == nullptr && errno == ERANGE) {

@@ -31,5 +31,12 @@ struct config_setting {
 /// The settings of the file, in the order of the record.
 [[nodiscard]] std::span<const config_setting> config_file_settings();
 
+/// Where the record has the value of that row from. The row is one of the tables' own.
+[[nodiscard]] config_source &config_source_of(velm_config &config, const config_setting &row);
+[[nodiscard]] config_source config_source_of(const velm_config &config, const config_setting &row);
+
+/// The same by field, for those that the platform and the command line set.
+[[nodiscard]] config_source &config_source_of(velm_config &config, const config_field &field);
+
 /// The fields behind them, which only the platform and the command line set; the key is for the log.
 [[nodiscard]] std::span<const config_setting> config_platform_settings();

@@ -18,7 +18,9 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "request/status.h"
+#include "story/story.h"
 
 namespace {
 
@@ -32,8 +34,10 @@ constexpr std::size_t max_thrown_away = 1024 * 1024;
 /// What the head of a refused request counts at most from then on.
 constexpr std::size_t refused_room_max = 32 * 1024;
 
-void log_refusal(in_addr_t address, const char *reason)
+/// `status` is 0 for a client that gets no answer.
+void log_refusal(in_addr_t address, const char *reason, int status)
 {
+    story_visit_came({.address = address, .status = status, .check = story_http, .why = reason});
     if (http_refusals_tell(address)) {
         LOG_WARN("%s - %s: %s", "refuse", reason, http_refusals_text(address));
     }
@@ -41,7 +45,7 @@ void log_refusal(in_addr_t address, const char *reason)
 
 intake_result end(http_intake *intake, const char *reason)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, 0);
     evhtp_close(intake->connection);
     return intake_result::ended;
 }
@@ -51,7 +55,8 @@ intake_result end(http_intake *intake, const char *reason)
 /// come from us, but the client is still heard until it ends too.
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, status);
+    metrics_count_reply({}, status);
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
                                http_status_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
@@ -122,7 +127,7 @@ bool feed(http_intake *intake, std::string_view bytes)
     const int rc = evbuffer_add_reference(input, bytes.data(), bytes.size(), nullptr, nullptr);
     REQUIRE_CALL(rc == 0, "evbuffer_add_reference(input, bytes, size)", rc);
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
-        log_refusal(address, "the parser takes it for no request");
+        log_refusal(address, "the parser takes it for no request", 0);
         return false;
     }
     evbuffer_drain(input, evbuffer_get_length(input));

@@ -11,6 +11,9 @@
 #include "http_server/parser.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "request/input.h"
+#include "text/or_empty.h"
 
 namespace {
 
@@ -68,6 +71,7 @@ void put_registered_phrase(evbuffer *output, std::size_t before, http_status sta
 
 void send_reply(evhtp_request_t *request, http_status status)
 {
+    metrics_count_reply(text_or_empty(request_path(request)), status);
     add_content_length(request);
     if (request->method == htp_method_HEAD) {
         // Answered like any other method; but what follows the head would be read as the next reply.

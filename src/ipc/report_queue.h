@@ -38,6 +38,9 @@ bool location_queue_add(const char *caller, const char *ip, const cJSON *auth,
 
 [[nodiscard]] std::size_t location_queue_size();
 
+/// What they hold together, of the limit.
+[[nodiscard]] std::size_t location_queue_bytes();
+
 /// Of the oldest one; there must be one. Valid until it is removed.
 [[nodiscard]] const location_source &location_queue_first_source();
 [[nodiscard]] const location_values &location_queue_first_values();

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "config/settings.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_nvram.h"
 
@@ -82,6 +83,18 @@ INSTANTIATE_TEST_SUITE_P(Settings, NvramText, testing::Values(
     setting<&velm_config::vendor_id>("ap_vendor")),
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
+
+TEST_F(NvramConfig, RemembersWhatItHasSet)
+{
+    const auto source_of = [this](config_field field) { return config_source_of(config, field); };
+    fake_nvram.values["zelkad_http_server_port"] = "8443";
+    fake_nvram.values["zelkad_pairing_maxnum"] = "many";
+    fake_nvram.values["ap_vendor"] = "";
+    velm_nvram_config_load(&config);
+    EXPECT_EQ(source_of(&velm_config::http_server_port), config_source::nvram);
+    EXPECT_EQ(source_of(&velm_config::pairings_limit), config_source::standard);
+    EXPECT_EQ(source_of(&velm_config::vendor_id), config_source::standard);
+}
 
 struct number_setting {
     const char *name;

@@ -332,4 +332,29 @@ TEST_F(UserPassCheck, DoesNotBeginWhenTheRequestHasGone)
     EXPECT_EQ(login("admin", "right"), 0);
 }
 
+TEST_F(UserPassCheck, ExplainsARefusalWithoutNamingTheUser)
+{
+    const auto refused = [](const char *username) {
+        velm_request_preprocessor p;
+        p.client_username = username;
+        p.client_password = "wrong";
+        make_user_pass_check(&p);
+        turn_test_loop();
+        return std::pair<std::string, std::string>{p.explained != nullptr ? p.explained : "",
+                                                   p.hint};
+    };
+    fake_clock_set(start_time);
+    EXPECT_EQ(refused("eve"),
+              (std::pair<std::string, std::string>{"its user name or password is wrong", ""}));
+    fail_between_right_ones("eve", 4);
+    EXPECT_EQ(refused("eve"),
+              (std::pair<std::string, std::string>{
+                  "logins of its user name are blocked after five wrong passwords", "60 s more"}));
+    for (int i = 0; i < 5; ++i) {
+        login("admin", "wrong");
+    }
+    EXPECT_EQ(refused("bob"), (std::pair<std::string, std::string>{
+                                  "logins are blocked after five wrong passwords", "60 s more"}));
+}
+
 } // namespace
