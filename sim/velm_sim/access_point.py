@@ -265,11 +265,11 @@ class AccessPoint:
     def control(self) -> Control:
         """A client of the control socket, which comes a moment after the servers."""
         beside = self.pid_file.parent / "velmd.control.sock"
-        path = Path(self.configuration.get("control.sock", str(beside)))
+        made = Control(Path(self.configuration.get("control.sock", str(beside))))
         end = time.monotonic() + LONGEST_MOMENT
-        while self.started and not path.exists() and time.monotonic() < end:
+        while self.started and not made.listens() and time.monotonic() < end:
             time.sleep(0.001)
-        return Control(path)
+        return made
 
     def lan_host(self, number: int = 0, timeout: float = 10.0) -> LanHost:
         """A host of the LAN, by the number of its address."""
