@@ -225,7 +225,7 @@ void on_story_change()
 }
 
 /// The default lies beside the pid file, so without one there is none.
-void start_control_server()
+void start_control_server(void *, short, common_async_context *) noexcept
 {
     const velm_config &config = *process.config;
     if (config.control_sock[0] == '\0' && config.pid_file_path[0] == '\0') {
@@ -247,7 +247,7 @@ void reload(velm_lan_answer lan)
     velm_main_deinit();
     velm_main_init(process.config.get());
     velm_main_start();
-    start_control_server();
+    common_async_action_call(start_control_server, nullptr); // after the servers
     metrics_count(metric::reloads);
     if (std::exchange(process.reloads_again, false)) {
         ask_to_reload();
@@ -371,7 +371,7 @@ int main(int argc, char **argv)
     common_netlink_observe(velm_lan_address_came, nullptr);
     velm_lan_settle(process.config.get(), lan.was_asked);
     velm_main_start();
-    start_control_server();
+    common_async_action_call(start_control_server, nullptr); // after the servers
     event_base_dispatch(process.base.get());
     return EXIT_SUCCESS;
 }

@@ -6,6 +6,7 @@ import os
 import shutil
 import subprocess
 import tempfile
+import time
 from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -31,6 +32,7 @@ SERIAL_NUMBER = "NV-2207-001942"
 VENDOR = "NORVALE"
 BSSIDS = ("00:1a:2b:3c:4d:50", "00:1a:2b:3c:4d:51", "00:1A:2B:3C:4D:60")
 LARGEST_CONFIGURATION = 4096
+LONGEST_MOMENT = 2.0
 
 NVRAM = {
     "wl_radio_num": "2",
@@ -261,9 +263,13 @@ class AccessPoint:
 
     @property
     def control(self) -> Control:
-        """A client of the control socket."""
+        """A client of the control socket, which comes a moment after the servers."""
         beside = self.pid_file.parent / "velmd.control.sock"
-        return Control(Path(self.configuration.get("control.sock", str(beside))))
+        made = Control(Path(self.configuration.get("control.sock", str(beside))))
+        end = time.monotonic() + LONGEST_MOMENT
+        while self.started and not made.listens() and time.monotonic() < end:
+            time.sleep(0.001)
+        return made
 
     def lan_host(self, number: int = 0, timeout: float = 10.0) -> LanHost:
         """A host of the LAN, by the number of its address."""

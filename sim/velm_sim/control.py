@@ -53,6 +53,13 @@ class Control:
     def __init__(self, path: Path, timeout: float = 10.0) -> None:
         self.path, self.timeout = path, timeout
 
+    def listens(self) -> bool:
+        try:
+            self.connect().close()
+        except (FileNotFoundError, ConnectionRefusedError):
+            return False
+        return True
+
     def request(self, method: str, target: str, timeout: float | None = None) -> ControlAnswer:
         connection = _UnixConnection(self.path, timeout or self.timeout)
         try:

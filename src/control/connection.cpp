@@ -27,7 +27,8 @@ bool is_for_later(int error)
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
 
-event_ptr make_event(event_base *base, int fd, short what, event_callback_fn callback, void *self)
+[[gnu::noinline]] event_ptr make_event(event_base *base, int fd, short what,
+                                       event_callback_fn callback, void *self)
 {
     event_ptr made{event_new(base, fd, what, callback, self)};
     REQUIRE_MEMORY(made, "event");

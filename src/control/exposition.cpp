@@ -8,14 +8,15 @@
 void control_exposition::begin(const char *name, control_metric_kind kind, const char *help)
 {
     name_ = name;
-    text_ += std::string{"# HELP "} + name + ' ' + help + "\n# TYPE " + name + ' ';
+    text_.append("# HELP ").append(name).append(" ").append(help);
+    text_.append("\n# TYPE ").append(name).append(" ");
     text_ += kind == control_metric_kind::counter ? "counter\n" : "gauge\n";
 }
 
 void control_exposition::label(const char *name, std::string_view value)
 {
     labels_ += labels_.empty() ? "{" : ",";
-    labels_ += std::string{name} + "=\"";
+    labels_.append(name).append("=\"");
     for (const char c : utf8_mended(value)) {
         if (c == '\n') {
             labels_ += "\\n";
@@ -32,7 +33,8 @@ void control_exposition::label(const char *name, std::string_view value)
 void control_exposition::end_labels()
 {
     labels_ += labels_.empty() ? "" : "}";
-    text_ += name_ + std::exchange(labels_, {}) + ' ';
+    text_.append(name_).append(labels_).append(" ");
+    labels_.clear();
 }
 
 void control_exposition::sample(std::uint64_t value)

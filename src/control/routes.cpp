@@ -1,7 +1,6 @@
 #include "control/routes.h"
 
-#include <iterator>
-#include <utility>
+#include <cstdio>
 
 #include "control/metrics.h"
 #include "control/rounds.h"
@@ -83,12 +82,14 @@ const route *route_of(std::string_view path)
 
 std::string control_answer_text(const control_answer &answer)
 {
-    std::string text = "HTTP/1.1 " + std::to_string(answer.status) + ' ' +
-                       phrase_of(answer.status) + "\r\nContent-Type: " + answer.type +
-                       "\r\nContent-Length: " + std::to_string(answer.body.size());
-    text += "\r\nCache-Control: no-store\r\nConnection: close\r\n";
-    text += answer.status == 405 ? "Allow: GET\r\n\r\n" : "\r\n";
-    return text += answer.body;
+    char head[256];
+    const int length =
+        std::snprintf(head, sizeof head,
+                      "HTTP/1.1 %d %s\r\nContent-Type: %s\r\nContent-Length: %zu\r\n"
+                      "Cache-Control: no-store\r\nConnection: close\r\n%s\r\n",
+                      answer.status, phrase_of(answer.status), answer.type, answer.body.size(),
+                      answer.status == 405 ? "Allow: GET\r\n" : "");
+    return std::string{head, static_cast<std::size_t>(length)}.append(answer.body);
 }
 
 control_answer control_refusal(int status, const char *why)

@@ -210,7 +210,7 @@ void control_server_start(const char *path)
                  control_path_limit, path);
         return;
     }
-    state.socket = velm_ipc_socket_listen(path, SOCK_STREAM | SOCK_CLOEXEC);
+    state.socket = velm_ipc_socket_listen(path, SOCK_STREAM | SOCK_CLOEXEC, control_backlog);
     if (!state.socket) {
         LOG_WARN("%s - no control socket at %s: %s", __func__, path, std::strerror(errno));
         return;

@@ -15,6 +15,8 @@
 inline constexpr std::size_t control_place_limit = 4;
 /// Beside them: connections that have their answer and are about to go.
 inline constexpr std::size_t control_ending_limit = 4;
+/// How many wait to be accepted. A client that does not wait for its turn, as curl, fails beyond it.
+inline constexpr int control_backlog = 32;
 /// The longest path of a Unix socket.
 inline constexpr std::size_t control_path_limit = 107;
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 
 #include "control/members.h"
 #include "control/status_parts.h"
@@ -60,8 +61,10 @@ void control_status_init(const velm_config *config, const std::string &configura
 
 std::string control_status_version()
 {
-    return std::to_string(velm_version_major) + '.' + std::to_string(velm_version_minor) + '.' +
-           std::to_string(velm_version_patch);
+    char text[48];
+    const int length = std::snprintf(text, sizeof text, "%d.%d.%d", velm_version_major,
+                                     velm_version_minor, velm_version_patch);
+    return {text, static_cast<std::size_t>(length)};
 }
 
 std::uint64_t control_status_start()

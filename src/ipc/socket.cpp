@@ -19,7 +19,6 @@ constexpr char log_category[] = "IPC";
 constexpr std::size_t dir_path_size = 256;
 constexpr mode_t dir_mode = 0700;
 constexpr mode_t socket_mask = 0117; // leaves 0660
-constexpr int listen_backlog = 5;
 
 /// The path fits: it was checked when the server object was made.
 sockaddr_un address_of(const char *path)
@@ -68,7 +67,7 @@ bool velm_ipc_socket_create_dir(const char *path)
            make_directories(path, dir_mode, dir_mode, directory_sync::none);
 }
 
-unique_fd velm_ipc_socket_listen(const char *path, int kind)
+unique_fd velm_ipc_socket_listen(const char *path, int kind, int backlog)
 {
     old_socket_remove(__func__, path);
     const std::string parent = parent_directory(path);
@@ -79,8 +78,7 @@ unique_fd velm_ipc_socket_listen(const char *path, int kind)
     const int on = 1;
     if (!socket || setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0 ||
         evutil_make_listen_socket_reuseable(socket.get()) != 0 ||
-        bind_masked(socket.get(), address_of(path)) != 0 ||
-        listen(socket.get(), listen_backlog) != 0) {
+        bind_masked(socket.get(), address_of(path)) != 0 || listen(socket.get(), backlog) != 0) {
         return unique_fd{};
     }
     return socket;

@@ -281,19 +281,18 @@ def test_a_wait_without_news_ends_with_its_time(access_point: AccessPoint) -> No
     assert time.monotonic() - begin > 0.9
 
 
-def test_a_move_of_the_lan_ends_no_wait(access_point: AccessPoint, network: Network) -> None:
+def test_a_move_of_the_lan_ends_no_connection(access_point: AccessPoint, network: Network) -> None:
     other = "192.168.1.77"
     control = access_point.control
-    try:
-        with control.connect() as begun:
-            begun.sendall(b"GET /v1/status HTTP/1.1\r\n")
-            network.ap.batch(f"addr add {other}/24 dev br0\n")
+    with control.connect() as begun:
+        begun.sendall(b"GET /v1/status HTTP/1.1\r\n")
+        network.ap.batch(f"addr add {other}/24 dev br0\n")
+        try:
             wait_until(
-                lambda: control.json("/v1/status")["lan"]["address"] == other, 10, "no move"
+                lambda: control.json("/v1/status")["lan"]["address"] == other, 3, "no move"
             )
-            begun.sendall(b"\r\n")
-            assert status_line(read_all(begun)) == b"HTTP/1.1 200 OK"
-        lan = control.json("/v1/status")["lan"]
-        assert lan["moves"] == 1
-    finally:
-        network.ap.batch(f"addr del {other}/24 dev br0\n")
+        finally:
+            network.ap.batch(f"addr del {other}/24 dev br0\n")
+        begun.sendall(b"\r\n")
+        assert status_line(read_all(begun)) == b"HTTP/1.1 200 OK"
+    assert control.json("/v1/status")["lan"]["moves"] in (1, 2)  # and perhaps back already

@@ -24,6 +24,7 @@ MOST_CALLS = 120
 SERVES = "serves"
 FATAL = "ends in a fatal line"
 NO_LOCAL_CLIENTS = "serves phones, and local clients after the next reload"
+NO_CONTROL = "serves everybody, without a control socket"
 NO_CLOUD = "exits with 2"
 NO_ROOT = "velm_attestation_engine_init - cannot read"
 NO_BOOT_ID = "the kernel's boot id cannot be read"
@@ -55,6 +56,8 @@ class Rig:
             # id the store takes nothing.
             expected = 412 if NO_ROOT in daemon.log() else 500 if NO_BOOT_ID in told else 200
             assert paired == expected, told
+            if "no control socket" in daemon.log():
+                return NO_CONTROL
             if daemon.ipc_listener():
                 return SERVES
             assert "Cannot create listener" in daemon.log()
@@ -72,7 +75,8 @@ class Rig:
             return True
         log = daemon.log()
         ipc = daemon.ipc_listener() or "Cannot create listener" in log
-        return bool(daemon.https_listener()) and bool(ipc)
+        control = "control_server_start - " in log
+        return bool(daemon.https_listener()) and bool(ipc) and control
 
 
 @pytest.fixture
@@ -87,11 +91,12 @@ def rig(build: Build, cold_access_point: AccessPoint) -> Rig:
 # Of each call of start-up, in order: what comes of it when that one fails. The rows whose number
 # depends on the machine name what may come instead.
 AT_START: dict[str, tuple[int, list[str]]] = {
-    # For the name servers, the kernel's news of addresses, HTTPS, discovery, local clients.
-    "socket": (errno.EMFILE, [SERVES, FATAL, FATAL, SERVES, NO_LOCAL_CLIENTS]),
+    # For the name servers, the kernel's news of addresses, HTTPS, discovery, local clients, and the
+    # control socket.
+    "socket": (errno.EMFILE, [SERVES, FATAL, FATAL, SERVES, NO_LOCAL_CLIENTS, NO_CONTROL]),
     # The same without the name servers.
-    "bind": (errno.EADDRINUSE, [FATAL, FATAL, FATAL, NO_LOCAL_CLIENTS]),
-    "listen": (errno.EADDRINUSE, [FATAL, NO_LOCAL_CLIENTS]),
+    "bind": (errno.EADDRINUSE, [FATAL, FATAL, FATAL, NO_LOCAL_CLIENTS, NO_CONTROL]),
+    "listen": (errno.EADDRINUSE, [FATAL, NO_LOCAL_CLIENTS, NO_CONTROL]),
 }
 AT_START_MAY: dict[str, tuple[int, set[str]]] = {
     # Without a boot id, a setting or a key file it serves what it can; its own certificate and key

@@ -498,6 +498,15 @@ TEST_F(ControlServer, OneConnectionIsAcceptedInATurn)
     EXPECT_TRUE(second.answer().starts_with("HTTP/1.1 400 "));
 }
 
+TEST_F(ControlServer, ManyMayComeAtOnce)
+{
+    std::vector<std::unique_ptr<client>> all;
+    for (int i = 0; i < control_backlog; ++i) {
+        all.push_back(std::make_unique<client>(path)); // which would not wait
+        EXPECT_TRUE(all.back()->is_connected) << i;
+    }
+}
+
 TEST_F(ControlServer, NoPathIsNoServer)
 {
     control_server_start("");
