@@ -20,7 +20,7 @@ constexpr char log_name_key[] = "logger.file.name";
 
 bool is_path_key(std::string_view key)
 {
-    return key.ends_with(".path") || key == "process.pidfile" || key == "location.policy.ipc.sock";
+    return key.ends_with(".path") || key == "process.pidfile" || key.ends_with(".sock");
 }
 
 enum class parent { is_there, can_be_made };
@@ -73,6 +73,13 @@ void check_pid_file(const check_subject &subject, check_findings *findings)
     }
 }
 
+/// A file that is no socket is there.
+bool is_something_else(const std::string &path)
+{
+    struct stat found {};
+    return lstat(path.c_str(), &found) == 0 && !S_ISSOCK(found.st_mode);
+}
+
 void check_socket(const check_subject &subject, check_findings *findings)
 {
     constexpr char key[] = "location.policy.ipc.sock";
@@ -82,11 +89,25 @@ void check_socket(const check_subject &subject, check_findings *findings)
         return;
     }
     const std::string path = check_path_of(subject, given);
-    struct stat found {};
-    if (lstat(path.c_str(), &found) == 0 && !S_ISSOCK(found.st_mode)) {
+    if (is_something_else(path)) {
         findings->error({path, 0}, "it is no socket, and is left alone (%s)", key);
     } else if (const char *const why = why_not_in_directory_of(path, parent::can_be_made)) {
         findings->error({path, 0}, "no socket can be made here: %s (%s)", why, key);
+    }
+}
+
+/// The daemon serves phones without it.
+void check_control_socket(const check_subject &subject, check_findings *findings)
+{
+    constexpr char key[] = "control.sock";
+    if (subject.config.control_sock[0] == '\0') {
+        return;
+    }
+    const std::string path = check_path_of(subject, subject.config.control_sock);
+    if (is_something_else(path)) {
+        findings->warning({path, 0}, "it is no socket, and is left alone (%s)", key);
+    } else if (const char *const why = why_not_in_directory_of(path, parent::can_be_made)) {
+        findings->warning({path, 0}, "no socket can be made here: %s (%s)", why, key);
     }
 }
 
@@ -134,6 +155,7 @@ void check_writes(const check_subject &subject, check_findings *findings)
 {
     check_pid_file(subject, findings);
     check_socket(subject, findings);
+    check_control_socket(subject, findings);
     check_log_file(subject, findings);
 }
 

@@ -88,6 +88,17 @@ TEST_F(Writes, OfASocket)
                 ElementsAre("D/velmd.conf:3: location.policy.ipc.sock: no path is given"));
 }
 
+TEST_F(Writes, OfTheControlSocketIsAWarning)
+{
+    directory_.write("file", "");
+    EXPECT_THAT(found_in("control.sock=" + directory_.path("file") + "\n"),
+                ElementsAre("D/file: warning: it is no socket, and is left alone (control.sock)"));
+    EXPECT_THAT(found_in("control.sock=" + directory_.path("file/sock") + "\n"),
+                ElementsAre("D/file/sock: warning: no socket can be made here: Not a directory "
+                            "(control.sock)"));
+    EXPECT_THAT(found_in("control.sock=\n"), IsEmpty());
+}
+
 TEST_F(Writes, OfALog)
 {
     EXPECT_THAT(found_in("logger.file=yes\n"),
