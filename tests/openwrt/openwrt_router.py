@@ -57,7 +57,7 @@ class Router:
         }.items():
             self.put(place, FILES / name)
         self.put("lib/functions/network.sh", STAND_INS / "network.sh")
-        self.put("usr/sbin/velmd", self.build.program("velmd"))
+        self.put("usr/sbin/velmd", STAND_INS / "programs" / "velmd")
         self.put("usr/libexec/velmd/nvram", self.build.program("nvram"))
 
     def put(self, place: str, source: Path) -> None:

@@ -9,10 +9,6 @@ from openwrt_router import STAND_INS, Router
 HUP = [["velmd", "*", "HUP"]]
 
 
-def with_checking_daemon(router: Router) -> None:
-    router.put("usr/sbin/velmd", STAND_INS / "programs" / "velmd")
-
-
 def test_a_fresh_installation_is_off(router: Router) -> None:
     ran = router.started()
     assert not ran.calls_of("procd_open_instance")
@@ -87,7 +83,6 @@ def test_a_reload_of_a_service_that_was_switched_off_stops_it(router: Router) ->
 
 
 def test_a_reload_with_what_the_check_refuses_changes_nothing(router: Router) -> None:
-    with_checking_daemon(router)
     router.options(vendor_id="good")
     router.started()
     before = router.file.read_text()
@@ -100,7 +95,6 @@ def test_a_reload_with_what_the_check_refuses_changes_nothing(router: Router) ->
 
 
 def test_a_reload_with_what_the_check_accepts_goes_on(router: Router) -> None:
-    with_checking_daemon(router)
     router.options(vendor_id="good")
     router.started()
     ran = router.run("reload", running=True)
@@ -109,7 +103,6 @@ def test_a_reload_with_what_the_check_accepts_goes_on(router: Router) -> None:
 
 
 def test_a_start_tells_what_the_check_found_and_goes_on(router: Router) -> None:
-    with_checking_daemon(router)
     router.options(vendor_id="unusable")
     ran = router.started()
     assert ran.calls_of("procd_open_instance")
