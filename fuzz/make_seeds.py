@@ -376,12 +376,21 @@ def ssdp_search() -> Iterable[bytes]:
                 yield bytes.fromhex(value)
 
 
+def control_request() -> Iterable[bytes]:
+    yield b"GET /v1/status HTTP/1.1\r\nHost: localhost\r\nUser-Agent: curl/7.88.1\r\nAccept: */*\r\n\r\n"
+    yield b"GET /v1/rounds?wait=60&after=12 HTTP/1.0\n\n"
+    yield b"POST /v1/metrics HTTP/1.1\r\nContent-Length: 3\r\n\r\nabc"
+    yield b"GET /v1/rounds?wait=&after HTTP/1.1\r\nX:\ty\r\n"
+    yield b"GET / HTTP/1.1\r\nfolded: a\r\n b\r\n\r\n"
+    yield b"GET /\0 HTTP/1.1\r\r\n\r\n"
+
+
 # clang-format off
 TARGETS = {
     "android_token": android_token, "android_verdict": android_verdict,
     "hostname_certificate": hostname_certificate, "cloud_answer": cloud_answer, "cloud_integrity": cloud_integrity, "netlink": netlink, "ssdp_search": ssdp_search,
     "base64": base64_seeds, "cloud_push": cloud_push, "cloud_token": cloud_token,
-    "config_file": config_file, "escapes": escapes, "hostname_match": hostname_match,
+    "config_file": config_file, "control_request": control_request, "escapes": escapes, "hostname_match": hostname_match,
     "http_head": http_head, "http_requests": http_requests, "ios_assertion": ios_assertion,
     "ios_attestation": ios_attestation, "ios_auth_data": ios_auth_data,
     "ios_certificate": ios_certificate, "ios_nonce_extension": ios_nonce_extension,

@@ -12,9 +12,15 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "async/common_async.h"
+#include "check/check.h"
 #include "conffile/conffile.h"
+#include "config/file_notes.h"
+#include "config/settings.h"
+#include "control/server.h"
+#include "control/status.h"
 #include "cutils/common_netlink.h"
 #include "handles/libevent.h"
 #include "handles/malloc.h"
@@ -22,11 +28,13 @@
 #include "lan/lan.h"
 #include "lan/query.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "process/command_line.h"
 #include "process/detach.h"
 #include "process/pid_file.h"
 #include "process/prepare.h"
 #include "process/version.h"
+#include "story/view.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
 #include "velm_cloud_messaging.h"
@@ -99,14 +107,17 @@ void load_defaults_and_file()
 
 /// Command line first, then the platform, when each has something to say.
 template <std::size_t Size>
-void override_text(char (&field)[Size], const std::optional<std::string> &command_line,
+void override_text(char (velm_config::*field)[Size], const std::optional<std::string> &command_line,
                    const std::optional<std::string> &platform)
 {
+    velm_config &config = *process.config;
     if (command_line) {
-        velm_config_copy_text(field, Size, command_line->c_str());
+        velm_config_copy_text(config.*field, Size, command_line->c_str());
+        config_source_of(config, field) = config_source::command_line;
     }
     if (platform && !platform->empty()) {
-        velm_config_copy_text(field, Size, platform->c_str());
+        velm_config_copy_text(config.*field, Size, platform->c_str());
+        config_source_of(config, field) = config_source::platform;
     }
 }
 
@@ -155,13 +166,12 @@ void load_settings()
 void identify_access_point(const velm_lan_answer &lan)
 {
     const velm_command_line &given = process.command_line;
-    velm_config &config = *process.config;
-    override_text(config.lan_ip_address, given.lan_ip_address, lan.addresses);
-    override_text(config.lan_name, given.lan_name, get_lanif_name_wlif());
-    override_text(config.serial_number, given.serial_number, sys_serial_number());
-    override_text(config.mac_address, given.mac_address, sys_mac_address());
-    override_bssids(config);
-    velm_config_print_to_log(&config);
+    override_text(&velm_config::lan_ip_address, given.lan_ip_address, lan.addresses);
+    override_text(&velm_config::lan_name, given.lan_name, get_lanif_name_wlif());
+    override_text(&velm_config::serial_number, given.serial_number, sys_serial_number());
+    override_text(&velm_config::mac_address, given.mac_address, sys_mac_address());
+    override_bssids(*process.config);
+    velm_config_print_to_log(process.config.get());
 }
 
 void set_up_https_client()
@@ -175,6 +185,7 @@ void set_up_https_client()
         std::fflush(nullptr);
         std::_Exit(exit_no_https_client);
     }
+    file_note_set("http.client.ca_cert.path", ca_path, nullptr);
 }
 
 /// In this order; each lets go of what an earlier run made.
@@ -207,6 +218,23 @@ void update_config(velm_lan_answer lan)
     velm_lan_settle(process.config.get(), lan.was_asked);
 }
 
+/// Whoever waits at the control socket for something new is told.
+void on_story_change()
+{
+    control_server_tell(story_latest());
+}
+
+/// The default lies beside the pid file, so without one there is none.
+void start_control_server()
+{
+    const velm_config &config = *process.config;
+    if (config.control_sock[0] == '\0' && config.pid_file_path[0] == '\0') {
+        LOG_WARN("%s - no control socket, since there is no pid file that it could lie beside",
+                 __func__);
+    }
+    control_server_start(config.control_sock);
+}
+
 void ask_to_reload();
 
 void reload(velm_lan_answer lan)
@@ -219,6 +247,8 @@ void reload(velm_lan_answer lan)
     velm_main_deinit();
     velm_main_init(process.config.get());
     velm_main_start();
+    start_control_server();
+    metrics_count(metric::reloads);
     if (std::exchange(process.reloads_again, false)) {
         ask_to_reload();
     }
@@ -257,6 +287,8 @@ void make_event_base()
     velm_main_set_event_base(base);
     common_netlink_set_event_base(base);
     velm_lan_query_set_event_base(base);
+    control_server_set_event_base(base);
+    story_subscribe(on_story_change);
 }
 
 void watch_sighup()
@@ -288,16 +320,34 @@ void announce_version()
     LOG_INFO("%s %i.%i.%i", "velm", velm_version_major, velm_version_minor, velm_version_patch);
 }
 
+/// For whoever wants to know before a start or a reload what it would make of the configuration.
+int check_and_tell()
+{
+    const std::vector<check_finding> findings =
+        check_configuration(process.command_line, process.config_path);
+    for (const check_finding &finding : findings) {
+        std::puts(check_finding_text(finding).c_str());
+    }
+    if (!check_is_good(findings)) {
+        return EXIT_FAILURE;
+    }
+    std::puts("configuration is good");
+    return EXIT_SUCCESS;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     process_prepare();
-    if (is_disabled_by_nvram()) {
+    if (is_disabled_by_nvram() && !velm_command_line_asks_to_check(argc, argv)) {
         return EXIT_SUCCESS;
     }
     process.command_line = velm_command_line_parse(argc, argv);
     process.config_path = process.command_line.config_path.value_or(default_config_path);
+    if (process.command_line.checks) {
+        return check_and_tell();
+    }
     make_config();
     load_defaults_and_file();
     if (process.config->daemonize) {
@@ -306,6 +356,7 @@ int main(int argc, char **argv)
     }
     set_log_level_from_nvram();
     announce_version();
+    control_status_init(process.config.get(), process.config_path);
     load_settings();
     const velm_lan_answer lan = velm_lan_query_wait(prepare_libraries);
     identify_access_point(lan);
@@ -320,6 +371,7 @@ int main(int argc, char **argv)
     common_netlink_observe(velm_lan_address_came, nullptr);
     velm_lan_settle(process.config.get(), lan.was_asked);
     velm_main_start();
+    start_control_server();
     event_base_dispatch(process.base.get());
     return EXIT_SUCCESS;
 }

@@ -8,6 +8,7 @@
 #include "android_validation/token.h"
 #include "android_validation/verdict.h"
 #include "async/common_async.h"
+#include "config/file_notes.h"
 #include "crypto/common_crypto.h"
 #include "file/common_file.h"
 #include "google/junk.h"
@@ -17,6 +18,7 @@
 #include "ios_validation/signature.h"
 #include "json/text.h"
 #include "logger/fatal.h"
+#include "story/reason.h"
 #include "velm_google_integrity.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
@@ -101,31 +103,39 @@ bool app_id_present(const char *caller)
 {
     if (state.config == nullptr || state.config->app_ios_appid[0] == '\0') {
         LOG_ERROR("%s - no app id", caller);
+        story_reason_set("app.ios.appid is not configured");
         return false;
     }
     return true;
 }
 
-void ios_root_ca_load(const char *caller, const char *path)
+/// What is wrong with the file; null when it is used.
+const char *ios_root_ca_load(const char *caller, const char *path)
 {
     if (*path == '\0') {
         state.ios_root_ca.clear();
-        return;
+        return nullptr;
     }
     if (!common_file_exists(path)) {
         LOG_ERROR("%s - no iOS attestation root cert file", caller);
-        return;
+        return "the file is missing";
     }
     auto pem = read_binary_file(path);
     if (!pem.has_value()) {
         LOG_ERROR("%s - cannot read iOS attestation root cert file", caller);
-        return;
+        return "the file cannot be read";
     }
     if (pem->empty()) {
         LOG_ERROR("%s - iOS attestation root cert file is empty", caller);
-        return;
+        return "the file is empty";
     }
     state.ios_root_ca = std::move(*pem);
+    return nullptr;
+}
+
+void ios_root_ca_note(const velm_config &config, const char *why)
+{
+    file_note_set("app.ios.attest.root.ca.path", config.app_ios_attest_root_ca_path, why);
 }
 
 /// Null, and a log line, when the payload is no JSON text from its first byte to its last. A NUL,
@@ -138,6 +148,7 @@ json_ptr integrity_verdict_parse(const char *caller, const std::string &payload)
     json_ptr verdict{has_nul ? nullptr : cJSON_ParseWithOpts(payload.c_str(), nullptr, 1)};
     if (verdict == nullptr) {
         LOG_ERROR("%s - cannot parse integrity verdict", caller);
+        story_reason_set("its integrity token holds no verdict");
     }
     return verdict;
 }
@@ -171,12 +182,23 @@ void android_verify_assertion_locally(void *argument, short /*events*/,
     input->result_cb(success, input->user_data);
 }
 
+/// Why none came may have been found out further down.
+bool verdict_came(const cJSON *verdict)
+{
+    if (verdict == nullptr) {
+        const story_reason reason = story_reason_take();
+        story_reason_set(reason.text != nullptr ? reason.text
+                                                : "Google gave no verdict on its integrity token");
+    }
+    return verdict != nullptr;
+}
+
 void google_integrity_result(const cJSON *verdict, void *context) noexcept
 {
     const auto input = adopt<android_verify_assertion_input>(context);
     LOG_TRACE("%s - start", __func__);
     const bool success =
-        verdict != nullptr &&
+        verdict_came(verdict) &&
         android_interpret_verdict(*input, verdict, state.config->app_android_package_name);
     LOG_TRACE("%s - finished", __func__);
     input->result_cb(success, input->user_data);
@@ -227,10 +249,13 @@ void velm_attestation_engine_init(const velm_config *config)
     // only looked at after the Android keys passed.
     auto keys = integrity_keys_load(__func__, *config);
     if (!keys.has_value()) {
+        const bool is_built_in = config->app_ios_attest_root_ca_path[0] == '\0';
+        ios_root_ca_note(*config,
+                         is_built_in ? nullptr : "it is not read before the keys for Android");
         return;
     }
     state.keys = std::move(keys);
-    ios_root_ca_load(__func__, config->app_ios_attest_root_ca_path);
+    ios_root_ca_note(*config, ios_root_ca_load(__func__, config->app_ios_attest_root_ca_path));
 }
 
 velm_attestation_result
@@ -265,11 +290,13 @@ bool velm_attestation_engine_ios_verify_assertion(const char *device_id,
     const json_ptr pairing = velm_nvram_pairings_select_pairing(device_id);
     if (pairing == nullptr) {
         LOG_ERROR("%s - no pairing", __func__);
+        story_reason_set("no phone with this device id is paired");
         return false;
     }
     const char *key = velm_utils_get_field_value_from_json_object(pairing.get(), "attestation_key");
     if (key == nullptr || *key == '\0') {
         LOG_ERROR("%s - no assertion key", __func__);
+        story_reason_set("its pairing holds no App Attest key");
         return false;
     }
     validator_user_data user_data{key};

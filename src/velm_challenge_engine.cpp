@@ -12,6 +12,7 @@
 
 #include "handles/malloc.h"
 #include "logger/fatal.h"
+#include "story/reason.h"
 #include "text/hex.h"
 
 namespace {
@@ -135,10 +136,14 @@ const char *velm_challenge_engine_generate_challenge()
 
 int velm_challenge_engine_consume_challenge(const char *challenge)
 {
+    const bool was_there = challenge_entry_find(challenge) != state.pending.end();
     challenge_entries_remove_outdated();
     const auto found = challenge_entry_find(challenge);
     if (found == state.pending.end()) {
         LOG_TRACE("%s - no challenge: %s", __func__, challenge);
+        if (was_there) {
+            story_reason_set("its challenge is older than 60 s");
+        }
         return 0;
     }
     LOG_TRACE("%s - found challenge: %s", __func__, challenge);

@@ -6,6 +6,7 @@
 
 #include "cutils/moment.h"
 #include "logger/fatal.h"
+#include "story/story.h"
 #include "velm_fcm_messaging.h"
 #include "velm_nvram_pairings.h"
 
@@ -35,13 +36,16 @@ void velm_cloud_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)
 {
     if (velm_nvram_pairings_count_pairings() == 0) {
         LOG_ERROR("%s - no pairings or tokens", __func__);
+        story_run_left_out(story_cause::no_pairings);
         return;
     }
     if (state.last_push.has_value() && velm_moment_is_within(*state.last_push, push_interval)) {
         LOG_WARN("%s - too often (limit %d)", __func__, static_cast<int>(push_interval.count()));
+        story_run_left_out(story_cause::too_soon);
         return;
     }
     state.last_push = velm_moment_now();
+    story_run_begins();
     velm_fcm_messaging_push_to_all(timeout, type);
 }
 

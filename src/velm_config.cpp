@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "config/settings.h"
+#include "config/value.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -35,20 +36,24 @@ void set_default(char (*field)[Size], const char *standard)
     velm_config_copy_text(*field, Size, standard);
 }
 
-void load(const ConfigFile *file, const char *key, bool *field)
+/// True when the field has its value from the file.
+bool load(const ConfigFile *file, const char *key, bool *field)
 {
     set_config_value_bool(file, key, field);
+    return conffile_get_value(file, key) != nullptr;
 }
 
-void load(const ConfigFile *file, const char *key, std::uint16_t *field)
+bool load(const ConfigFile *file, const char *key, std::uint16_t *field)
 {
     set_config_value_uint16(file, key, field);
+    return conffile_get_value(file, key) != nullptr && errno != ERANGE;
 }
 
 template <std::size_t Size>
-void load(const ConfigFile *file, const char *key, char (*field)[Size])
+bool load(const ConfigFile *file, const char *key, char (*field)[Size])
 {
     set_config_value_str(file, key, *field, Size);
+    return conffile_get_value(file, key) != nullptr;
 }
 
 void print(const char *key, bool value)
@@ -76,14 +81,34 @@ void set_defaults(velm_config &config, setting_rows rows)
 void load_rows(velm_config &config, const ConfigFile *file, setting_rows rows)
 {
     for (const config_setting &row : rows) {
-        std::visit([&](auto field) { load(file, row.key, &(config.*field)); }, row.field);
+        if (std::visit([&](auto field) { return load(file, row.key, &(config.*field)); },
+                       row.field)) {
+            config_source_of(config, row) = config_source::file;
+        }
     }
+}
+
+/// The control socket lies beside the pid file, unless the file says where. A pid file's path counts from
+/// "/".
+void place_control_socket(velm_config &config)
+{
+    if (config_source_of(config, &velm_config::control_sock) == config_source::file) {
+        return;
+    }
+    const std::string pid_file = config.pid_file_path;
+    const std::string folder = pid_file.substr(0, pid_file.rfind('/') + 1);
+    const std::string path =
+        (folder.starts_with('/') ? folder : "/" + folder) + "velmd.control.sock";
+    velm_config_copy_text(config.control_sock, sizeof config.control_sock,
+                          pid_file.empty() ? "" : path.c_str());
 }
 
 void print_rows(const velm_config &config, setting_rows rows)
 {
     for (const config_setting &row : rows) {
-        std::visit([&](auto field) { print(row.key, config.*field); }, row.field);
+        if (row.is_traced) {
+            std::visit([&](auto field) { print(row.key, config.*field); }, row.field);
+        }
     }
 }
 
@@ -93,6 +118,7 @@ void velm_config_set_defaults(velm_config *config)
 {
     REQUIRE_NOT_NULL(config, "config");
     common_logger_configure_from_string(default_logging);
+    config->sources.fill(config_source::standard);
     set_defaults(*config, config_file_settings());
     set_defaults(*config, config_platform_settings());
     config->bssids_list.reset(cJSON_Parse("[]"));
@@ -108,10 +134,17 @@ void velm_config_load_from_file(velm_config *config, const char *file)
         return;
     }
     common_logger_configure_from_file(cfile.get());
+    velm_config_load_pairs(config, cfile);
+}
+
+void velm_config_load_pairs(velm_config *config, const conffile_ptr &cfile)
+{
+    REQUIRE_NOT_NULL(config, "config");
     const setting_rows rows = config_file_settings();
     load_rows(*config, cfile.get(), rows);
     load_rows(*config, cfile.get(),
               rows.last(1)); // vendor.id once more, as ever: it changes nothing
+    place_control_socket(*config);
 }
 
 void velm_config_print_to_log(const velm_config *config)
@@ -158,8 +191,7 @@ void set_config_value_bool(const ConfigFile *cfile, const char *key, bool *dst)
     REQUIRE_NOT_NULL(key, "key");
     const char *const value = conffile_get_value(cfile, key);
     if (value != nullptr) {
-        const std::string_view text{value};
-        *dst = text == "true" || text == "yes" || text == "1";
+        *dst = config_truth(value).value_or(false);
     }
 }
 

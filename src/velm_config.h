@@ -14,7 +14,10 @@ void velm_config_set_defaults(velm_config *config);
 /// nothing. Null arguments are fatal.
 void velm_config_load_from_file(velm_config *config, const char *file);
 
-/// One TRACE line a field, in the order of the record.
+/// Applies the pairs of a parsed file except those of the logger, which stays as it is.
+void velm_config_load_pairs(velm_config *config, const conffile_ptr &cfile);
+
+/// One TRACE line a field that has one, in the order of the record.
 void velm_config_print_to_log(const velm_config *config);
 
 /// Set a field from a key of the parsed file; a missing key leaves it. A null file or key is fatal.

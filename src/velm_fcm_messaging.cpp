@@ -2,6 +2,7 @@
 
 #include <event2/http.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,6 +18,9 @@
 #include "http/http_client.h"
 #include "json/text.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "story/reason.h"
+#include "story/story.h"
 #include "velm_nvram_pairings.h"
 #include "velm_utils.h"
 
@@ -40,6 +44,7 @@ module_state state;
 struct push_params {
     std::uint32_t timeout;
     std::uint32_t type;
+    std::uint32_t run; // of the story
 };
 
 /// A push to one slot: waits for its turn, then for the answer.
@@ -48,6 +53,7 @@ struct send_context {
     push_params cm_params_copy;
     json_ptr pairing = {};            // as the slot held it when its turn had come
     unsigned access_token_number = 0; // of the access token that it was sent with
+    std::uint64_t told = 0;           // its number in the story
 };
 using send_context_ptr = std::unique_ptr<send_context>;
 
@@ -96,17 +102,23 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
 {
     const auto context = adopt<send_context>(argument);
     LOG_DEBUG("%s [%p] - code: %d", __func__, static_cast<void *>(context.get()), code);
+    metrics_count_push(std::max(code, 0));
     if (body != nullptr && length > 0) {
         LOG_TRACE("%s [%p] - body: %.*s", __func__, static_cast<void *>(context.get()),
                   static_cast<int>(length), body);
     }
     const cJSON *pairing = context->pairing.get();
+    const char *const content_type = content_type_of(headers);
+    story_push_ends(context->told, std::max(code, 0),
+                    code == http_ok
+                        ? nullptr
+                        : velm_fcm_answer_words(code, body, length, content_type).c_str());
     if (code == http_ok) {
         return;
     }
     if (code != http_not_found) {
         push_refused(*context, code);
-    } else if (velm_fcm_answer_is_about_the_token(body, length, content_type_of(headers))) {
+    } else if (velm_fcm_answer_is_about_the_token(body, length, content_type)) {
         unpair(pairing, code);
     } else {
         LOG_WARN("%s - [%s,%s,%s,%d] - stays paired (the answer is not about its token)", __func__,
@@ -128,9 +140,9 @@ bool can_send(const cJSON *pairing)
 
 http_client_request_data make_request(const send_context &context)
 {
-    const auto &[timeout, type] = context.cm_params_copy;
+    const push_params &params = context.cm_params_copy;
     const json_ptr content =
-        velm_push_content_make(*state.config, context.pairing.get(), timeout, type);
+        velm_push_content_make(*state.config, context.pairing.get(), params.timeout, params.type);
     const json_text body{cJSON_PrintUnformatted(content.get())};
     REQUIRE_MEMORY(body, "body");
     const std::string uri = std::string{cloud_fcm_base} + "/v1/projects/" +
@@ -159,17 +171,42 @@ json_ptr read_slot_that_is_due(int index)
     return pairing;
 }
 
+void begin_to_tell(send_context &context)
+{
+    const cJSON *pairing = context.pairing.get();
+    context.told = story_push_begins({context.cm_params_copy.run, context.index,
+                                      json_text_or_empty(pairing, "name"),
+                                      json_text_or_empty(pairing, "dev_model")});
+}
+
+void tell_not_sent(const send_context &context, const char *why)
+{
+    story_push_ends(context.told, 0, why);
+}
+
+const char *why_not_sent(const cJSON *pairing)
+{
+    if (*json_text_or_empty(pairing, "push_token") == '\0') {
+        return "the pairing has no push token";
+    }
+    return *velm_google_account_project_id(state.account) == '\0' ? "the key names no project"
+                                                                  : "there is no access token";
+}
+
 void send_push_now(send_context_ptr context)
 {
     constexpr char function[] = "send_push";
     context->pairing = read_slot_that_is_due(context->index);
     const cJSON *pairing = context->pairing.get();
+    begin_to_tell(*context);
     if (pairing == nullptr) {
+        tell_not_sent(*context, "the phone was unpaired before its turn");
         return;
     }
     LOG_TRACE("%s - [%s,%s,%s]", function, json_text_or_empty(pairing, "dev_id"),
               json_text_or_empty(pairing, "dev_type"), json_text_or_empty(pairing, "push_token"));
     if (!can_send(pairing)) {
+        tell_not_sent(*context, why_not_sent(pairing));
         return;
     }
     context->access_token_number = state.account.token_number;
@@ -179,6 +216,7 @@ void send_push_now(send_context_ptr context)
         http_request_internal(HTTP_CLIENT_POST, request, send_push_handler, context.get());
     if (rc < 0) {
         LOG_ERROR("%s - failed making http request: %d", function, rc);
+        tell_not_sent(*context, "the request could not be made");
         return;
     }
     (void)context.release(); // the response handler frees it
@@ -186,6 +224,7 @@ void send_push_now(send_context_ptr context)
 
 void access_token_renewed(bool, void *argument)
 {
+    (void)story_reason_take();
     send_push_now(adopt<send_context>(argument)); // says itself what is missing
 }
 
@@ -224,8 +263,10 @@ void queue_pushes(const push_params &params)
 void access_token_received(bool held, void *argument)
 {
     const auto params = adopt<push_params>(argument);
+    const story_reason reason = story_reason_take();
     if (!held) {
         LOG_ERROR("%s - missing access_token", __func__);
+        story_run_failed(params->run, story_cause::no_access_token, reason.status);
         return;
     }
     queue_pushes(*params);
@@ -235,6 +276,7 @@ void request_access_token(const push_params &params)
 {
     if (state.account.private_key == nullptr) {
         LOG_ERROR("%s - missing private key", __func__);
+        story_run_failed(params.run, story_cause::no_key, 0);
         return;
     }
     velm_google_account_request_token(state.account, access_token_received,
@@ -249,11 +291,13 @@ void velm_fcm_messaging_init(const velm_config *config)
     state.config = config;
     velm_google_account_load(state.account, config->cloudmessaging_firebase_privatekey_path,
                              log_category, __func__);
+    velm_google_account_note(state.account, "cloudmessaging.firebase.privatekey.path",
+                             config->cloudmessaging_firebase_privatekey_path);
 }
 
 void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type)
 {
-    const push_params params{timeout, type};
+    const push_params params{timeout, type, story_run_number()};
     if (velm_google_account_token_serves(state.account)) {
         queue_pushes(params);
     } else {

@@ -170,6 +170,8 @@ void velm_google_integrity_init(const velm_config *config)
     state.config = config;
     velm_google_account_load(state.account, config->app_android_integrity_privatekey_path,
                              log_category, __func__);
+    velm_google_account_note(state.account, "app.android.integrity.privatekey.path",
+                             config->app_android_integrity_privatekey_path);
 }
 
 void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,

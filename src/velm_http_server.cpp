@@ -12,10 +12,12 @@
 #include <utility>
 
 #include "async/common_async.h"
+#include "config/file_notes.h"
 #include "crypto/openssl_error.h"
 #include "handles/evhtp.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
+#include "http_server/key_file.h"
 #include "http_server/log.h"
 #include "http_server/routes.h"
 #include "http_server/tls_settings.h"
@@ -46,10 +48,7 @@ module_state state;
 
 EVP_PKEY *read_private_key(char *path) noexcept
 {
-    const bio_ptr file{BIO_new_file(path, "r")};
-    return file == nullptr
-               ? nullptr
-               : PEM_read_bio_PrivateKey(file.get(), nullptr, openssl_no_passphrase, nullptr);
+    return http_key_file_read(path).release();
 }
 
 std::unique_ptr<tls_settings> make_tls_settings(const velm_config *config)
@@ -180,6 +179,8 @@ void http_server_start()
     const bool can_serve = init_tls(http_server_instance, &state.settings->http_server_ssl_config);
     REQUIRE_CALL(can_serve, "evhtp_ssl_init(http_server_instance, http_server_ssl_config)",
                  library_failure);
+    file_note_set("http.server.cert.path", state.settings->pemfile.c_str(), nullptr);
+    file_note_set("http.server.key.path", state.settings->privfile.c_str(), nullptr);
     http_tls_tune(http_server_instance->ssl_ctx);
     http_connections_attach(http_server_instance, {});
     bind_or_wait();
@@ -223,6 +224,18 @@ void velm_http_server_address_came()
         state.address_wait.restart();
         bind_or_wait();
     }
+}
+
+bool velm_http_server_is_listening()
+{
+    return state.http_server_instance != nullptr && !state.address_wait.is_waiting();
+}
+
+const X509 *velm_http_server_certificate()
+{
+    return state.http_server_instance == nullptr
+               ? nullptr
+               : SSL_CTX_get0_certificate(state.http_server_instance->ssl_ctx);
 }
 
 void velm_http_server_stop()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <event2/event.h>
+#include <openssl/x509.h>
 
 #include "velm_config.h"
 
@@ -20,6 +21,11 @@ void velm_http_server_stop();
 
 /// An interface has got an address: a server that waits for its own tries again at once.
 void velm_http_server_address_came();
+
+[[nodiscard]] bool velm_http_server_is_listening();
+
+/// The certificate that phones are shown; null when nobody is served. Borrowed until the loop goes on.
+[[nodiscard]] const X509 *velm_http_server_certificate();
 
 /// Binds and serves; ends a running server first. A certificate or key that cannot be used is fatal,
 /// and so is a bind that fails, but for an address that no interface has: that is one ERROR line, and

@@ -19,6 +19,8 @@
 #include "ipc/places.h"
 #include "ipc/socket.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "story/story.h"
 #include "velm_conn.h"
 #include "velm_ipc_cmd.h"
 
@@ -33,6 +35,7 @@ struct outstanding_request {
 
 struct connection {
     velm_conn_ptr conn;
+    pid_t pid = 0;
     uid_t uid = 0;
     std::uint64_t heard = 0;  // the number that its last request, or its arrival, had among all
     std::size_t requests = 0; // of the outstanding ones
@@ -157,16 +160,22 @@ int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const v
     velm_ipc *const server = velm_conn_server(conn);
     connection *const asking = connection_of(server, conn);
     asking->heard = ++server->heard;
-    if (asking->requests >= velm_ipc_outstanding_limit) {
+    const bool has_too_many = asking->requests >= velm_ipc_outstanding_limit;
+    const std::uint32_t seq = has_too_many ? 0 : ++server->request_seq;
+    story_request_came(seq, {asking->pid, asking->uid, id});
+    if (has_too_many) {
+        story_request_refused(seq, story_cause::busy);
         return 0;
     }
-    const std::uint32_t seq = ++server->request_seq;
     request_add(server, {conn, seq, id, deadline});
-    server->has_reported = false;
+    if (std::exchange(server->has_reported, false)) {
+        server->timer_waits = timer_state::rests; // its next tick may be minutes away
+    }
     const int taken =
         server->handler == nullptr ? 0 : server->handler(server, seq, type, payload, len);
     if (taken == 0) {
         (void)request_take(server, seq);
+        story_request_refused(seq, story_cause::busy);
     }
     timer_adjust(server);
     return taken;
@@ -187,7 +196,7 @@ void closed_handler(velm_conn *conn)
     drained_handler(conn);
 }
 
-velm_conn *connection_add(velm_ipc *server, unique_fd socket, uid_t uid)
+velm_conn *connection_add(velm_ipc *server, unique_fd socket, const ucred &peer)
 {
     velm_conn_ptr conn =
         velm_conn_create(server->base, std::move(socket), server, velm_ipc_cmd_read, frame_handler);
@@ -197,7 +206,8 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket, uid_t uid)
     }
     velm_conn_set_closed_handler(conn.get(), closed_handler);
     velm_conn_set_drained_handler(conn.get(), drained_handler);
-    server->connections.push_back({std::move(conn), uid, ++server->heard});
+    server->connections.push_back({std::move(conn), peer.pid, peer.uid, ++server->heard});
+    metrics_keep_most(metric::clients_most, server->connections.size());
     return server->connections.back().conn.get();
 }
 
@@ -215,7 +225,11 @@ ucred peer_of(int socket)
 void closed_connections_remove(velm_ipc *server)
 {
     std::erase_if(server->requests, [](const outstanding_request &request) {
-        return velm_conn_is_closed(request.conn);
+        const bool is_gone = velm_conn_is_closed(request.conn);
+        if (is_gone) {
+            story_client_gone(request.seq);
+        }
+        return is_gone;
     });
     if (server->client != nullptr && velm_conn_is_closed(server->client)) {
         server->client = nullptr;
@@ -265,7 +279,7 @@ void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, voi
     LOG_DEBUG("%s - pid: %d uid: %u gid: %u", __func__, peer.pid, peer.uid, peer.gid);
     auto *const server = static_cast<velm_ipc *>(context);
     make_room(__func__, server);
-    if (connection_add(server, std::move(socket), peer.uid) != nullptr) {
+    if (connection_add(server, std::move(socket), peer) != nullptr) {
         LOG_INFO("Connection accepted");
     }
 }
@@ -316,7 +330,7 @@ void client_reconnect(velm_ipc *server)
     if (!socket) {
         return;
     }
-    server->client = connection_add(server, std::move(socket), getuid());
+    server->client = connection_add(server, std::move(socket), {getpid(), getuid(), getgid()});
     if (server->client != nullptr) {
         LOG_TRACE("Connected");
     }
@@ -332,6 +346,7 @@ void orphaned_requests_remove(velm_ipc *server)
         // Our number first, the client's second, whatever the words say: the line is read so.
         LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
         --connection_of(server, request.conn)->requests;
+        story_request_dropped(request.seq);
         return true;
     });
     if (server->requests.empty()) {
@@ -417,6 +432,7 @@ int velm_ipc_respond(velm_ipc *server, std::uint32_t seq, const void *payload, s
 int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t len)
 {
     int all_sent = 1;
+    std::uint32_t clients = 0;
     server->has_reported = true;
     for (const connection &one : server->connections) {
         velm_conn *const conn = one.conn.get();
@@ -426,8 +442,11 @@ int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t
         if (velm_ipc_cmd_send_resp(conn, VELM_LOCATION_REPORT, ++server->report_seq, VELM_STATUS_OK,
                                    payload, len) == 0) {
             all_sent = 0;
+        } else {
+            ++clients;
         }
     }
+    story_report_sent(clients);
     return all_sent;
 }
 
@@ -437,10 +456,19 @@ bool velm_ipc_is_drained(const velm_ipc *server)
                         [](const connection &one) { return velm_conn_is_waiting(one.conn.get()); });
 }
 
+velm_ipc_usage velm_ipc_usage_of(const velm_ipc *server)
+{
+    const auto live =
+        std::count_if(server->connections.begin(), server->connections.end(),
+                      [](const connection &one) { return !velm_conn_is_closed(one.conn.get()); });
+    return {static_cast<std::size_t>(live), server->requests.size()};
+}
+
 void velm_ipc_tick(velm_ipc *server)
 {
     client_reconnect(server);
     closed_connections_remove(server);
     orphaned_requests_remove(server);
+    story_close_expired();
     timer_adjust(server);
 }

@@ -58,6 +58,12 @@ int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t
 /// True when no packet waits for any client, so that a report takes nobody's last room.
 [[nodiscard]] bool velm_ipc_is_drained(const velm_ipc *server);
 
+struct velm_ipc_usage {
+    std::size_t connections = 0;
+    std::size_t open_requests = 0;
+};
+[[nodiscard]] velm_ipc_usage velm_ipc_usage_of(const velm_ipc *server);
+
 /// What the timer does when it is due: reconnects, and lets go of closed connections and of requests
 /// that waited too long. It is due a second after a connection was lost, and when the oldest request
 /// has waited its time; with neither it rests.

@@ -10,12 +10,15 @@
 #include <ctime>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "async/common_async.h"
 #include "handles/argument.h"
 #include "ipc/report_queue.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "story/story.h"
 #include "velm_cloud_messaging.h"
 #include "velm_ipc.h"
 #include "velm_nvram_pairings.h"
@@ -37,6 +40,7 @@ struct module_state {
     velm_ipc_ptr server;
     unsigned waiting_asks = 0;
     bool delivery_is_due = false; // the loop will call location_policy_ipc_send
+    std::optional<velm_location_policy_last_report> last_report;
 };
 module_state state;
 
@@ -97,7 +101,7 @@ velm_location_report report_build(const report_source &source, const location_va
     return report;
 }
 
-void report_send(const char *caller, const velm_location_report &report)
+void report_send(const char *caller, const char *dev_id, const velm_location_report &report)
 {
     LOG_TRACE("%s - resp       size: %zu", caller, sizeof report);
     LOG_TRACE("%s -  .location size: %zu", caller, sizeof report);
@@ -105,11 +109,31 @@ void report_send(const char *caller, const velm_location_report &report)
     if (velm_ipc_broadcast_report(state.server.get(), &report, sizeof report) == 0) {
         LOG_ERROR("%s - failed", caller);
     }
+    in_addr_t phone{};
+    std::memcpy(&phone, report.phone_ip, sizeof phone);
+    story_report_done(dev_id, phone);
 }
 
 bool is_empty(const char *text)
 {
     return text == nullptr || *text == '\0';
+}
+
+const char *device_id_of(const location_source &sent_by)
+{
+    return velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+}
+
+/// The phone was answered with 200 by then.
+void refusal_tell(const location_source &sent_by, const char *why)
+{
+    in_addr_t phone{};
+    (void)velm_utils_parse_ip_address(sent_by.ip.c_str(), reinterpret_cast<std::uint8_t *>(&phone));
+    story_visit_came({.address = phone,
+                      .device_id = device_id_of(sent_by),
+                      .route = "/location",
+                      .check = story_location_check,
+                      .why = why});
 }
 
 /// Checks what the phone said of itself, in this order; false, with a line in the log, when it will
@@ -151,8 +175,7 @@ bool source_check(const char *caller, const location_source &sent_by, json_ptr &
 /// log.
 bool values_check(const char *caller, const location_source &sent_by, const location_values &values)
 {
-    const char *const dev_id =
-        velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    const char *const dev_id = device_id_of(sent_by);
     for (const double number : {values.latitude, values.longitude, values.accuracy, values.altitude,
                                 values.vertical_accuracy, values.rssi}) {
         if (!std::isfinite(number)) {
@@ -169,16 +192,42 @@ bool values_check(const char *caller, const location_source &sent_by, const loca
     return true;
 }
 
+void remember_report(const location_source &sent_by, const location_values &values)
+{
+    metrics_count(metric::reports);
+    velm_location_policy_last_report &last = state.last_report.emplace();
+    last.at = std::chrono::system_clock::now();
+    last.device_id = velm_utils_get_field_value_from_json_object(sent_by.auth.get(), "deviceId");
+    last.address = sent_by.ip;
+    last.accuracy_m = values.accuracy;
+}
+
+/// Null when the location may go to the clients; else why not.
+const char *location_refusal(const char *caller, const location_source &sent_by,
+                             const location_values &values, json_ptr &pairing,
+                             report_source &source)
+{
+    if (!source_check(caller, sent_by, pairing, source)) {
+        return "its sender is not paired any more, or its address or BSSID is none";
+    }
+    return values_check(caller, sent_by, values) ? nullptr : "it is on no map";
+}
+
 void deliver(const char *caller, const location_source &sent_by, const location_values &values)
 {
     if (state.server == nullptr) {
         LOG_ERROR("%s - no IPC server", caller);
+        refusal_tell(sent_by, "no socket for local clients is open");
         return;
     }
     json_ptr pairing;
     report_source source{};
-    if (source_check(caller, sent_by, pairing, source) && values_check(caller, sent_by, values)) {
-        report_send(caller, report_build(source, values));
+    const char *const refusal = location_refusal(caller, sent_by, values, pairing, source);
+    if (refusal == nullptr) {
+        report_send(caller, device_id_of(sent_by), report_build(source, values));
+        remember_report(sent_by, values);
+    } else {
+        refusal_tell(sent_by, refusal);
     }
 }
 
@@ -221,12 +270,14 @@ void drained_handler(velm_ipc *)
 struct location_ask {
     std::uint32_t timeout;
     std::uint32_t type;
+    std::uint32_t seq; // of the request
 };
 
 void ask_for_location(void *user_data, short, common_async_context *) noexcept
 {
     const std::unique_ptr<location_ask> ask = adopt<location_ask>(user_data);
     --state.waiting_asks;
+    story_run_asked(ask->seq);
     velm_cloud_messaging_push_to_all(ask->timeout, ask->type);
 }
 
@@ -252,6 +303,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     const std::uint16_t timeout = request_timeout(payload, len);
     LOG_TRACE("%s - id: %u type: %u len: %u", __func__, seq, type, static_cast<unsigned>(len));
     LOG_TRACE("%s - timeout: %u", __func__, timeout);
+    story_request_wants(seq, timeout);
     if (type != VELM_LOCATION_REQUEST) {
         LOG_ERROR("%s - unsupported command (%u)", __func__, type);
         return 0;
@@ -261,6 +313,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
         if (!no_paired_devices_respond(server, seq)) {
             LOG_ERROR("%s - failed", __func__);
         }
+        story_request_refused(seq, story_cause::no_pairings);
         return 1;
     }
     if (state.waiting_asks == waiting_asks_limit) {
@@ -269,7 +322,7 @@ int location_server_cmd_handler(velm_ipc *server, std::uint32_t seq, std::uint16
     LOG_TRACE("%s - push to paired devices", __func__);
     ++state.waiting_asks;
     common_async_action_call(ask_for_location,
-                             release_new<location_ask>(location_ask{timeout, velm_push_data}));
+                             release_new<location_ask>(location_ask{timeout, velm_push_data, seq}));
     return 1;
 }
 
@@ -315,7 +368,18 @@ void location_policy_ipc_stop()
 {
     LOG_INFO("%s", __func__);
     state.server.reset();
+    story_clients_gone();
     deliveries_go_on();
+}
+
+const velm_ipc *velm_location_policy_ipc_server()
+{
+    return state.server.get();
+}
+
+const std::optional<velm_location_policy_last_report> &velm_location_policy_ipc_last_report()
+{
+    return state.last_report;
 }
 
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location)

@@ -2,8 +2,13 @@
 
 #include <event2/event.h>
 
+#include <chrono>
+#include <optional>
+#include <string>
+
 #include "handles/cjson.h"
 #include "velm_config.h"
+#include "velm_ipc.h"
 
 /// Serves the local location-policy clients: a request becomes a push to the paired phones, and a
 /// phone's location a report to every connected client.
@@ -19,3 +24,16 @@ void location_policy_ipc_stop();
 /// for clients that do not read yet; ask location_queue_has_room (ipc/report_queue.h)
 /// first, since a location without room is dropped with a line in the log. Null is fatal.
 void velm_location_policy_ipc_send(const char *ip, const cJSON *auth, const cJSON *location);
+
+/// The server; null while there is none.
+[[nodiscard]] const velm_ipc *velm_location_policy_ipc_server();
+
+/// The last report that clients were sent: when, from whom, how good. Not where.
+struct velm_location_policy_last_report {
+    std::chrono::system_clock::time_point at;
+    std::string device_id;
+    std::string address;
+    double accuracy_m = 0; // 0: the phone did not say
+};
+[[nodiscard]] const std::optional<velm_location_policy_last_report> &
+velm_location_policy_ipc_last_report();

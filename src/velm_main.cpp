@@ -1,9 +1,12 @@
 #include "velm_main.h"
 
+#include <string>
 #include <string_view>
+#include <utility>
 
 #include "async/common_async.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "velm_http_server.h"
 #include "velm_location_policy_ipc.h"
 #include "velm_ssdp_server.h"
@@ -15,6 +18,8 @@ constexpr char log_category[] = "velm_main";
 struct module_state {
     event_base *base = nullptr;
     velm_config *config = nullptr;
+    std::string address; // of the LAN, in use
+    std::time_t address_since = 0;
 };
 module_state state;
 
@@ -30,6 +35,19 @@ void log_new_address(const char *ifname, const char *address)
 }
 
 } // namespace entry_point
+
+void note_address(const velm_config *config)
+{
+    std::string address = config != nullptr ? velm_config_lan_ip_address(config) : "";
+    if (address == state.address) {
+        return;
+    }
+    if (!state.address.empty()) {
+        metrics_count(metric::lan_moves);
+    }
+    state.address = std::move(address);
+    state.address_since = std::time(nullptr);
+}
 
 void start_servers(void *, short, common_async_context *) noexcept
 {
@@ -52,9 +70,15 @@ void velm_main_init(velm_config *config)
 {
     LOG_TRACE("%s", __func__);
     state.config = config;
+    note_address(config);
     velm_http_server_init(config);
     velm_ssdp_server_init(config);
     velm_location_policy_ipc_init(config);
+}
+
+std::time_t velm_main_address_since()
+{
+    return state.address_since;
 }
 
 void velm_main_start()

@@ -13,6 +13,7 @@
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/record.h"
+#include "story/reason.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
 #include "velm_utils.h"
@@ -30,6 +31,15 @@ module_state state;
 void log_finished(const velm_request_preprocessor *p)
 {
     LOG_TRACE("%s [%p] - finished", check_name, static_cast<const void *>(p));
+}
+
+/// What was found out deep inside, where only yes or no comes back.
+void explain(velm_request_preprocessor *p, const story_reason &reason)
+{
+    if (reason.text != nullptr) {
+        p->explained = "the proof that it is the app, on a genuine device, is not valid";
+        p->hint = reason.text;
+    }
 }
 
 /// A failed assertion counts only while integrity checking is switched on.
@@ -50,6 +60,10 @@ void android_verify_assertion_result(bool success, void *user_data) noexcept
 {
     auto *const p = static_cast<velm_request_preprocessor *>(user_data);
     const int code = android_break_code(success);
+    const story_reason reason = story_reason_take();
+    if (code != VELM_BREAK_NONE) {
+        explain(p, reason);
+    }
     log_finished(p);
     velm_request_preprocessor_continue(p, code);
 }
@@ -80,9 +94,12 @@ std::optional<int> verify_assertion(velm_request_preprocessor &p,
     }
     switch (type) {
     case velm_device_type::ios:
-        return velm_attestation_engine_ios_verify_assertion(p.client_device_id, assertion, digest)
-                   ? VELM_BREAK_NONE
-                   : VELM_BREAK_ASSERTION;
+        (void)story_reason_take();
+        if (velm_attestation_engine_ios_verify_assertion(p.client_device_id, assertion, digest)) {
+            return VELM_BREAK_NONE;
+        }
+        explain(&p, story_reason_take());
+        return VELM_BREAK_ASSERTION;
     case velm_device_type::android: {
         const velm_google_asker asking{request_peer_address(p.request)};
         velm_attestation_engine_android_verify_assertion(p.client_device_id, assertion, digest,
@@ -104,7 +121,13 @@ std::optional<int> assert_check(velm_request_preprocessor &p)
     if (message.empty()) {
         return refuse(&p, "empty body");
     }
+    (void)story_reason_take();
     if (velm_challenge_engine_consume_challenge(p.client_challenge) == 0) {
+        const story_reason reason = story_reason_take();
+        p.explained = reason.text != nullptr
+                          ? reason.text
+                          : "its challenge is not known: it was used before, or is from before a "
+                            "restart or reload, or is older than 60 s";
         return VELM_BREAK_CHALLENGE;
     }
     const auto digest = common_crypto_sha256(request_bytes(message));

@@ -1,9 +1,11 @@
 #include "velm_request_device_check.h"
 
 #include <optional>
+#include <string>
 
 #include "logger/common_logger.h"
 #include "request/record.h"
+#include "text/or_empty.h"
 #include "velm_utils.h"
 
 namespace {
@@ -24,15 +26,38 @@ bool is_bssid(const cJSON *entry, const velm_mac_address &wanted)
            bssid == wanted;
 }
 
-int device_check(const char *client_bssid)
+/// What the phone named, and what would have done: it may know the access point by another radio.
+std::string bssids_hint(const char *client_bssid, const cJSON *bssids)
 {
+    std::string hint = std::string{"named "} + client_bssid;
+    const char *separator = ", ours: ";
+    const cJSON *entry = nullptr;
+    cJSON_ArrayForEach(entry, bssids)
+    {
+        hint += separator;
+        hint += text_or_empty(cJSON_GetStringValue(entry));
+        separator = ", ";
+    }
+    return hint;
+}
+
+int refuse(velm_request_preprocessor &p, const char *why, const cJSON *bssids)
+{
+    p.explained = why;
+    p.hint = bssids_hint(text_or_empty(p.client_bssid), bssids);
+    return VELM_BREAK_BSSID;
+}
+
+int device_check(velm_request_preprocessor &p)
+{
+    const char *const client_bssid = p.client_bssid;
     if (client_bssid == nullptr || *client_bssid == '\0') {
         return VELM_BREAK_BSSID;
     }
     velm_mac_address wanted{};
     if (!velm_utils_parse_mac_address(client_bssid, wanted.data())) {
         LOG_ERROR("%s - invalid bssid %s", check_name, client_bssid);
-        return VELM_BREAK_BSSID;
+        return refuse(p, "the BSSID that it named is no MAC address", nullptr);
     }
     const cJSON *const bssids = state.config->bssids_list.get();
     if (bssids == nullptr) {
@@ -46,13 +71,15 @@ int device_check(const char *client_bssid)
         }
     }
     LOG_DEBUG("%s - unknown bssid: %s", check_name, client_bssid);
-    return VELM_BREAK_BSSID;
+    return bssids->child == nullptr
+               ? refuse(p, "this access point knows no BSSID of its own", nullptr)
+               : refuse(p, "the BSSID that it named is none of this access point's", bssids);
 }
 
 std::optional<int> device_check_run(velm_request_preprocessor &p)
 {
     LOG_TRACE("%s [%p] - start", check_name, static_cast<const void *>(&p));
-    const int code = device_check(p.client_bssid);
+    const int code = device_check(p);
     LOG_TRACE("%s [%p] - finished", check_name, static_cast<const void *>(&p));
     return code;
 }

@@ -22,6 +22,9 @@ bool is_paired(const char *device_id)
 std::optional<int> pairing_check_run(velm_request_preprocessor &p)
 {
     const int code = is_paired(p.client_device_id) ? VELM_BREAK_NONE : VELM_BREAK_PAIRING;
+    if (code != VELM_BREAK_NONE) {
+        p.explained = "no phone with this device id is paired";
+    }
     LOG_TRACE("%s [%p] - finished", check_name, static_cast<const void *>(&p));
     return code;
 }

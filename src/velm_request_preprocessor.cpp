@@ -12,6 +12,8 @@
 #include "request/record.h"
 #include "request/refusal.h"
 #include "request/status.h"
+#include "story/story.h"
+#include "story/told.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
 #include "velm_request_pairing_check.h"
@@ -36,37 +38,58 @@ const char *shown(const char *text)
 evhtp_res request_fini(evhtp_request_t * /*request*/, void *user_data) noexcept
 {
     auto *const p = static_cast<velm_request_preprocessor *>(user_data);
+    story_visit_came({.address = p->client_address.value_or(in_addr{}).s_addr,
+                      .device_id = p->client_device_id,
+                      .route = story_route_of(request_path(p->request)),
+                      .check = story_gone,
+                      .why = "its connection ended before it was answered"});
     p->request = nullptr;
     p->client_assertion = nullptr;
     p->request_gone = true;
-    if (p->body.tree != nullptr) {
-        // No route is going to read its member, and nobody counts it any more.
-        p->body = velm_request_keep(std::move(p->body.tree), nullptr);
-    }
+    velm_request_keep_auth(&p->body); // no route comes, and nobody counts what it would read
     return EVHTP_RES_OK;
 }
 
 struct refusing_check {
     const char *name;
     const char *reason; // where the check gives no other
+    const char *code;
 };
 // clang-format off
 /// Indexed by break code.
 constexpr refusing_check refusing_checks[] = {
-    {"no check",             "unknown"},
-    {"request check",        "bad request"},
-    {"assertion check",      "challenge is not pending"},
-    {"assertion check",      "assertion is not valid"},
-    {"user/password check",  "login refused"},
-    {"paired-app check",     "not paired"},
-    {"device check",         "bssid is not ours"},
+    {"no check",             "unknown",                  story_endpoint},
+    {"request check",        "bad request",              story_request_check},
+    {"assertion check",      "challenge is not pending", story_assertion_check},
+    {"assertion check",      "assertion is not valid",   story_assertion_check},
+    {"user/password check",  "login refused",            story_user_pass_check},
+    {"paired-app check",     "not paired",               story_paired_app_check},
+    {"device check",         "bssid is not ours",        story_device_check},
 };
 // clang-format on
 
-void log_refusal(const velm_request_preprocessor *p)
+const refusing_check &check_of(const velm_request_preprocessor *p)
 {
     const auto code = static_cast<std::size_t>(p->break_code);
-    const refusing_check &check = refusing_checks[code < std::size(refusing_checks) ? code : 0];
+    return refusing_checks[code < std::size(refusing_checks) ? code : 0];
+}
+
+story_told told_of(const velm_request_preprocessor *p)
+{
+    if (p->break_code == VELM_BREAK_NONE) {
+        return {.device_id = p->client_device_id};
+    }
+    const refusing_check &check = check_of(p);
+    const char *const reason = p->refusal != nullptr ? p->refusal : check.reason;
+    return {.device_id = p->client_device_id,
+            .check = check.code,
+            .why = p->explained != nullptr ? p->explained : reason,
+            .hint = p->hint.empty() ? nullptr : p->hint.c_str()};
+}
+
+void log_refusal(const velm_request_preprocessor *p)
+{
+    const refusing_check &check = check_of(p);
     velm_request_log_refusal(check.name, p->refusal != nullptr ? p->refusal : check.reason,
                              p->client_address, p->client_device_id);
 }
@@ -94,6 +117,8 @@ void finish_async(void *user_data, short /*events*/, common_async_context * /*co
             log_refusal(p.get());
         }
         const velm_request_body_offer offer{p->request, p->body};
+        const story_told told = told_of(p.get());
+        const story_telling telling{told};
         p->callback(p->request, p->break_code);
     }
 }

@@ -7,7 +7,9 @@
 #include <cstdint>
 #include <ctime>
 #include <optional>
+#include <string>
 
+#include "accounts/shadow.h"
 #include "crypto/common_crypto.h"
 #include "cutils/moment.h"
 #include "logger/common_logger.h"
@@ -109,11 +111,19 @@ std::optional<common_sha256_digest> digest_of(const char *username)
     return is_given(username) ? common_crypto_sha256(request_bytes(username)) : std::nullopt;
 }
 
-bool login_blocked(const std::optional<common_sha256_digest> &name, const login_policy &rules)
+void explain_block(velm_request_preprocessor &p, const char *why, std::time_t seconds)
+{
+    p.explained = why;
+    p.hint = std::to_string(seconds) + " s more";
+}
+
+bool login_blocked(velm_request_preprocessor &p, const std::optional<common_sha256_digest> &name,
+                   const login_policy &rules)
 {
     std::time_t seconds = seconds_blocked(&state.of_all, rules);
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained)", check_name, static_cast<int>(seconds));
+        explain_block(p, "logins are blocked after five wrong passwords", seconds);
         return true;
     }
     name_failures *const entry = name.has_value() ? find_name(*name) : nullptr;
@@ -121,6 +131,7 @@ bool login_blocked(const std::optional<common_sha256_digest> &name, const login_
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained) for this user name", check_name,
                  static_cast<int>(seconds));
+        explain_block(p, "logins of its user name are blocked after five wrong passwords", seconds);
         return true;
     }
     return false;
@@ -151,14 +162,15 @@ void note_success(const std::optional<common_sha256_digest> &name)
     }
 }
 
-int login_policy_check(const velm_request_preprocessor &p, const login_policy &rules)
+int login_policy_check(velm_request_preprocessor &p, const login_policy &rules)
 {
     const auto name = digest_of(p.client_username);
-    if (login_blocked(name, rules)) {
+    if (login_blocked(p, name, rules)) {
         return VELM_BREAK_LOGIN;
     }
     if (!credentials_right(p)) {
         note_failure(name);
+        p.explained = "its user name or password is wrong";
         return VELM_BREAK_LOGIN;
     }
     note_success(name);
@@ -174,9 +186,10 @@ std::optional<int> user_pass_check_run(velm_request_preprocessor &p)
 
 } // namespace
 
-void velm_request_user_pass_check_init(const velm_config * /*config*/)
+void velm_request_user_pass_check_init(const velm_config *config)
 {
     LOG_TRACE("%s", __func__);
+    shadow_use(config != nullptr && config->accounts_shadow);
 }
 
 void make_user_pass_check(velm_request_preprocessor *p)

@@ -5,10 +5,11 @@
 
 /// The user/password check: the caller knows the password of a system account. After five failures
 /// in a row, whoever made them, every login is refused until 60 s after the first of them. Five
-/// failures in a row for one user name block that name; logins of other names do not end the row. At most 64
+/// failures in a row for one user name block that name; a right login with another name does not
+/// reset this count. At most 64
 /// names are remembered; the one whose last failure is longest ago is forgotten.
 
-/// The counts of failures outlive a reload.
+/// The counts of failures outlive a reload. Without a record the shadow database is not used.
 void velm_request_user_pass_check_init(const velm_config *config);
 
 /// Queues the check, which continues the record with VELM_BREAK_NONE or VELM_BREAK_LOGIN.

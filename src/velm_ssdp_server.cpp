@@ -20,6 +20,7 @@
 #include "handles/malloc.h"
 #include "lan/wait.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "ssdp/message.h"
 #include "velm_utils.h"
 
@@ -109,6 +110,8 @@ void send_reply(int fd, const sockaddr_in &receiver)
                                 general(receiver), sizeof receiver);
     if (sent < 0 || static_cast<std::size_t>(sent) != reply.length) {
         tell_of_unsent_reply();
+    } else {
+        metrics_count(metric::search_answers);
     }
 }
 
@@ -153,6 +156,7 @@ std::optional<std::size_t> handle_datagram(int fd, datagram_buffer &buffer)
     const auto length = static_cast<std::size_t>(received);
     buffer[length] = '\0';
     if (is_from_lan(message) && velm_ssdp_message_is_search(buffer.data())) {
+        metrics_count(metric::searches);
         send_reply(fd, sender);
     }
     return length;
@@ -354,6 +358,11 @@ void velm_ssdp_server_address_came(const char *address)
         state.address_wait.restart();
         join_again(-1, 0, nullptr);
     }
+}
+
+bool velm_ssdp_server_is_listening()
+{
+    return state.watcher != nullptr;
 }
 
 void ssdp_server_stop()

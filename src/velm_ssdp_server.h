@@ -25,3 +25,5 @@ void ssdp_server_start();
 void velm_ssdp_server_address_came(const char *address);
 
 void ssdp_server_stop();
+
+[[nodiscard]] bool velm_ssdp_server_is_listening();

@@ -53,33 +53,32 @@ bool has_member(const std::string &members, const char *interface)
     return false;
 }
 
-/// The name of the first bridge that the first radio's primary interface belongs to.
-std::optional<std::string> find_lan_bridge()
+/// The first bridge that the first radio's primary interface belongs to.
+std::optional<sys_lan_bridge> find_bridge(const char *caller)
 {
     for (int index = 0; index < bridges_max; ++index) {
         const std::string key = "lan" + std::to_string(index);
         const std::optional<std::string> members = nvram_text(key + "_ifnames");
         if (members && has_member(*members, primary_interface)) {
-            std::optional<std::string> name = nvram_text(key + "_ifname");
-            LOG_TRACE("%s - brindex[%d], br_name=%s", __func__, index,
-                      name ? name->c_str() : "(null)");
-            return name;
+            sys_lan_bridge bridge{key + "_ifname", nvram_text(key + "_ifname")};
+            LOG_TRACE("%s - brindex[%d], br_name=%s", caller, index,
+                      bridge.name ? bridge.name->c_str() : "(null)");
+            return bridge;
         }
     }
     return std::nullopt;
+}
+
+std::optional<std::string> find_lan_bridge()
+{
+    std::optional<sys_lan_bridge> bridge = find_bridge(__func__);
+    return bridge ? std::move(bridge->name) : std::nullopt;
 }
 
 bool is_interface_character(char c)
 {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
            c == '.' || c == ':' || c == '-';
-}
-
-/// The name goes into a shell command, so nothing but an interface name may pass.
-bool is_interface_name(std::string_view name)
-{
-    return !name.empty() && name.size() <= interface_name_max && name != "." && name != ".." &&
-           name.front() != '-' && std::all_of(name.begin(), name.end(), is_interface_character);
 }
 
 /// Asks for every IPv4 address of the interface, one a line.
@@ -111,27 +110,30 @@ void append_bssid(cJSON *bssids, const std::string &bssid)
     cJSON_AddItemToArray(bssids, item.release());
 }
 
-void get_bssids_for_radio(cJSON *bssids, int radio)
+void get_bssids_for_radio(std::vector<sys_bssid> *bssids, int radio)
 {
     const std::string key = "wl" + std::to_string(radio);
     const std::optional<std::string> max_ssid = nvram_text(key + "_maxssid");
     if (!max_ssid) {
         LOG_ERROR("%s - failed to get max ssid num for wl%d", __func__, radio);
+        bssids->push_back({key + "_maxssid", std::nullopt});
         return;
     }
     const std::optional<std::string> primary = hardware_address(key + "_hwaddr");
     if (!primary) {
         LOG_ERROR("%s - failed to get hwaddr for wl%d", __func__, radio);
+        bssids->push_back({key + "_hwaddr", std::nullopt});
         return;
     }
     LOG_TRACE("%s - wl%d bssid is %s", __func__, radio, primary->c_str());
-    append_bssid(bssids, *primary);
+    bssids->push_back({key + "_hwaddr", primary});
     const int count = parse_count(*max_ssid, ssids_max);
     for (int ssid = 1; ssid < count; ++ssid) {
-        const auto bssid = nvram_text(key + '.' + std::to_string(ssid) + "_hwaddr");
+        const std::string setting = key + '.' + std::to_string(ssid) + "_hwaddr";
+        const auto bssid = nvram_text(setting);
         if (bssid) {
             LOG_TRACE("%s - wl%d.%d bssid is %s", __func__, radio, ssid, bssid->c_str());
-            append_bssid(bssids, *bssid);
+            bssids->push_back({setting, bssid});
         }
     }
 }
@@ -141,8 +143,8 @@ void get_bssids_for_radio(cJSON *bssids, int radio)
 common_launched get_ipv4_address_wlif_begin()
 {
     const std::optional<std::string> bridge = find_lan_bridge();
-    return bridge && is_interface_name(*bridge) ? begin_to_query_addresses(*bridge)
-                                                : common_launched{nullptr, no_lan_bridge};
+    return bridge && sys_is_interface_name(*bridge) ? begin_to_query_addresses(*bridge)
+                                                    : common_launched{nullptr, no_lan_bridge};
 }
 
 std::optional<std::string> get_ipv4_address_wlif_end(common_launched command)
@@ -164,14 +166,36 @@ std::optional<std::string> get_lanif_name_wlif()
     return find_lan_bridge();
 }
 
+std::optional<sys_lan_bridge> sys_find_lan_bridge()
+{
+    return find_bridge(__func__);
+}
+
+bool sys_is_interface_name(std::string_view name)
+{
+    return !name.empty() && name.size() <= interface_name_max && name != "." && name != ".." &&
+           name.front() != '-' && std::all_of(name.begin(), name.end(), is_interface_character);
+}
+
+std::vector<sys_bssid> sys_bssid_settings()
+{
+    std::vector<sys_bssid> bssids;
+    const std::optional<std::string> radios = nvram_text("wl_radio_num");
+    const int count = radios ? parse_count(*radios, radios_max) : 0;
+    for (int radio = 0; radio < count; ++radio) {
+        get_bssids_for_radio(&bssids, radio);
+    }
+    return bssids;
+}
+
 json_ptr sys_bssids()
 {
     json_ptr bssids{cJSON_CreateArray()};
     REQUIRE_MEMORY(bssids, "bssids");
-    const std::optional<std::string> radios = nvram_text("wl_radio_num");
-    const int count = radios ? parse_count(*radios, radios_max) : 0;
-    for (int radio = 0; radio < count; ++radio) {
-        get_bssids_for_radio(bssids.get(), radio);
+    for (const sys_bssid &bssid : sys_bssid_settings()) {
+        if (bssid.value) {
+            append_bssid(bssids.get(), *bssid.value);
+        }
     }
     return bssids;
 }

@@ -13,9 +13,11 @@
 #include <string_view>
 #include <vector>
 
+#include "accounts/shadow.h"
 #include "handles/exhaustion.h"
 #include "handles/secret.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 
 namespace {
 
@@ -98,16 +100,27 @@ void remember_setting(std::string_view stored)
     }
 }
 
+bool is_in_shadow(const passwd &account)
+{
+    return shadow_is_used() && std::string_view{account.pw_passwd} == shadow_mark;
+}
+
 /// Where nobody has logged in yet, the first account that has a hash tells how this device hashes.
 void find_other_setting()
 {
+    std::vector<char> buffer;
+    const wiped_at_end wiping{&buffer};
     setpwent();
     for (int i = 0; i < accounts_looked_through && state.other_setting.empty(); ++i) {
         const passwd *const account = getpwent();
         if (account == nullptr) {
             break;
         }
-        remember_setting(account->pw_passwd != nullptr ? account->pw_passwd : "");
+        const char *field = account->pw_passwd;
+        if (field != nullptr && is_in_shadow(*account)) {
+            field = shadow_field_of(account->pw_name, &buffer);
+        }
+        remember_setting(field != nullptr ? field : "");
     }
     endpwent();
     if (state.other_setting.empty()) {
@@ -122,6 +135,7 @@ void hash_for_nothing(const char *password)
     if (state.other_setting.empty()) {
         find_other_setting();
     }
+    metrics_count(metric::password_hashes);
     (void)crypt(password, state.other_setting.c_str());
 }
 
@@ -135,6 +149,7 @@ bool password_matches(const char *stored, const char *password)
         return false;
     }
     remember_setting(stored);
+    metrics_count(metric::password_hashes);
     errno = 0;
     const char *const hash = crypt(password, stored);
     if (hash == nullptr && errno == ERANGE) {
@@ -168,6 +183,14 @@ bool find_login(const char *username, passwd *account, std::vector<char> *buffer
     return true;
 }
 
+/// What the password is compared with; null, and logged, when the shadow database does not let the
+/// account log in.
+const char *stored_field(const passwd &account, std::vector<char> *buffer)
+{
+    return is_in_shadow(account) ? shadow_field_for_login(account.pw_name, buffer)
+                                 : account.pw_passwd;
+}
+
 } // namespace
 
 int velm_user_auth_passwd_login(const char *username, const char *password)
@@ -187,7 +210,14 @@ int velm_user_auth_passwd_login(const char *username, const char *password)
         return 0;
     }
     LOG_TRACE("%s - pw_name=%s, pw_passwd=%s", __func__, account.pw_name, account.pw_passwd);
-    if (!password_matches(account.pw_passwd, password)) {
+    std::vector<char> shadow_buffer;
+    const wiped_at_end wiping_shadow{&shadow_buffer};
+    const char *const stored = stored_field(account, &shadow_buffer);
+    if (stored == nullptr) {
+        hash_for_nothing(password);
+        return 0;
+    }
+    if (!password_matches(stored, password)) {
         LOG_ERROR("%s - invalid password", __func__);
         return 0;
     }

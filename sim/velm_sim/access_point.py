@@ -15,6 +15,7 @@ from .app_attest import AttestationAuthority
 from .build import Build
 from .certificates import Identity, make_server
 from .cloud import HOSTS, CloudCertificates
+from .control import Control
 from .daemon import Daemon
 from .etc_files import ADMIN, EtcFiles
 from .lan_http import LanHost
@@ -257,6 +258,12 @@ class AccessPoint:
         self.daemon.stop_clock(moment)
 
     # Who talks to it.
+
+    @property
+    def control(self) -> Control:
+        """A client of the control socket."""
+        beside = self.pid_file.parent / "velmd.control.sock"
+        return Control(Path(self.configuration.get("control.sock", str(beside))))
 
     def lan_host(self, number: int = 0, timeout: float = 10.0) -> LanHost:
         """A host of the LAN, by the number of its address."""

@@ -31,12 +31,13 @@ def hashed(password: str, method: str = "$6$") -> str:
 class EtcFiles:
     """Files of a directory that are bound over those of /etc, and change under a running daemon."""
 
-    NAMES = ("passwd", "hosts", "resolv.conf")
+    NAMES = ("passwd", "shadow", "hosts", "resolv.conf")
 
     def __init__(self, directory: Path) -> None:
         self.directory = directory
         directory.mkdir(parents=True, exist_ok=True)
         self.set_accounts([ADMIN, ROOT], {**ODD_ACCOUNTS, OPEN_ACCOUNT: ""})
+        self.set_shadow({})
         self.set_hosts({})
         self.set_resolvers([])
 
@@ -57,6 +58,13 @@ class EtcFiles:
             for number, (name, field) in enumerate(accounts.items())
         ]
         self._write("passwd", "\n".join(lines) + "\n")
+
+    def set_shadow(self, entries: Mapping[str, str]) -> None:
+        """By account what stands behind its name: the password field alone, or more fields after it."""
+        lines = [
+            f"{name}:{entry}{':' * (7 - entry.count(':'))}\n" for name, entry in entries.items()
+        ]
+        self._write("shadow", "".join(lines))
 
     def set_hosts(self, addresses: Mapping[str, str | Sequence[str]]) -> None:
         """A name may have several addresses, in that order."""

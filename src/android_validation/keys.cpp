@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "config/file_notes.h"
 #include "file/common_file.h"
 #include "handles/cjson.h"
 #include "logger/common_logger.h"
@@ -10,17 +11,30 @@ namespace {
 
 constexpr char log_category[] = "velm_attestation_engine";
 
+void note_decryption(const velm_config &config, const char *why)
+{
+    file_note_set("app.android.integrity.d.key.path", config.app_android_integrity_d_key_path, why);
+}
+
+void note_verification(const velm_config &config, const char *why)
+{
+    file_note_set("app.android.integrity.v.key.path", config.app_android_integrity_v_key_path, why);
+}
+
 bool integrity_key_files_present(const char *caller, const velm_config &config)
 {
     if (config.app_android_integrity_d_key_path[0] == '\0') {
+        note_decryption(config, "not set");
         LOG_ERROR("%s - no decryption key setting", caller);
         return false;
     }
     if (!common_file_exists(config.app_android_integrity_d_key_path)) {
+        note_decryption(config, "the file is missing");
         LOG_ERROR("%s - no decryption key file", caller);
         return false;
     }
     if (!common_file_exists(config.app_android_integrity_v_key_path)) {
+        note_verification(config, "the file is missing");
         LOG_ERROR("%s - no verification key file", caller);
         return false;
     }
@@ -31,11 +45,13 @@ std::optional<integrity_keys> integrity_keys_read(const char *caller, const velm
 {
     auto decryption = read_binary_file(config.app_android_integrity_d_key_path);
     if (!decryption.has_value()) {
+        note_decryption(config, "the file cannot be read");
         LOG_ERROR("%s - cannot read decryption key file", caller);
         return std::nullopt;
     }
     auto verification = read_binary_file(config.app_android_integrity_v_key_path);
     if (!verification.has_value()) {
+        note_verification(config, "the file cannot be read");
         LOG_ERROR("%s - cannot read verification key file", caller);
         return std::nullopt;
     }
@@ -47,13 +63,16 @@ bool is_json(const std::string &text)
     return json_ptr{cJSON_Parse(text.c_str())} != nullptr;
 }
 
-bool integrity_keys_are_json(const char *caller, const integrity_keys &keys)
+bool integrity_keys_are_json(const char *caller, const velm_config &config,
+                             const integrity_keys &keys)
 {
     if (!is_json(keys.decryption)) {
+        note_decryption(config, "the file is no JSON");
         LOG_ERROR("%s - invalid format of decryption key file", caller);
         return false;
     }
     if (!is_json(keys.verification)) {
+        note_verification(config, "the file is no JSON");
         LOG_ERROR("%s - invalid format of verification key file", caller);
         return false;
     }
@@ -64,11 +83,13 @@ bool integrity_keys_are_json(const char *caller, const integrity_keys &keys)
 
 std::optional<integrity_keys> integrity_keys_load(const char *caller, const velm_config &config)
 {
+    note_decryption(config, nullptr);
+    note_verification(config, nullptr);
     if (!integrity_key_files_present(caller, config)) {
         return std::nullopt;
     }
     auto keys = integrity_keys_read(caller, config);
-    if (!keys.has_value() || !integrity_keys_are_json(caller, *keys)) {
+    if (!keys.has_value() || !integrity_keys_are_json(caller, config, *keys)) {
         return std::nullopt;
     }
     return keys;

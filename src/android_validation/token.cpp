@@ -12,6 +12,7 @@
 #include "handles/cjose.h"
 #include "handles/cjson.h"
 #include "logger/common_logger.h"
+#include "story/reason.h"
 #include "text/or_empty.h"
 
 namespace {
@@ -186,6 +187,7 @@ bool encryption_is_ours(cjose_jwe_t *jwe)
         !header_says(header, CJOSE_HDR_ENC, "A256GCM") || header_has(header, "zip") ||
         header_has(header, "crit")) {
         LOG_ERROR("%s - unsupported token encryption", worker);
+        story_reason_set("its integrity token is encrypted in another way than Play does");
         return false;
     }
     return true;
@@ -198,6 +200,7 @@ bool lengths_are_right(std::string_view token)
     if (!parts.has_value() || (*parts)[1].size() != encrypted_key_characters ||
         (*parts)[2].size() != iv_characters || (*parts)[4].size() != tag_characters) {
         LOG_ERROR("%s - invalid token parts", worker);
+        story_reason_set("it is no integrity token");
         return false;
     }
     return true;
@@ -207,6 +210,7 @@ cjose_jwe_ptr token_import(std::string_view token)
 {
     if (has_padding(token)) {
         LOG_ERROR("%s - invalid token parts", worker);
+        story_reason_set("it is no integrity token");
         return nullptr;
     }
     cjose_err error{};
@@ -237,6 +241,7 @@ std::optional<std::string> decrypt(std::string_view token, const std::string &ke
         LOG_ERROR("%s - cjose_jwe_decrypt failed: %s, file: %s, function: %s, line: %ld", worker,
                   text_or_empty(error.message), text_or_empty(error.file),
                   text_or_empty(error.function), static_cast<long>(error.line));
+        story_reason_set("the decryption key does not open its integrity token");
         return std::nullopt;
     }
     return std::string{text.get(), text.get() + length};
@@ -246,6 +251,7 @@ cjose_jws_ptr signed_text_import(const std::string &text)
 {
     if (has_padding(text)) {
         LOG_ERROR("%s - invalid signed parts", worker);
+        story_reason_set("it is no integrity token");
         return nullptr;
     }
     cjose_err error{};
@@ -260,10 +266,12 @@ cjose_jws_ptr signed_text_import(const std::string &text)
     cjose_header_t *header = cjose_jws_get_protected(jws.get());
     if (!header_says(header, CJOSE_HDR_ALG, "ES256") || header_has(header, "crit")) {
         LOG_ERROR("%s - unsupported token signature", worker);
+        story_reason_set("its integrity token is signed in another way than Play does");
         return nullptr;
     }
     if (!parts_of<3>(text).has_value()) {
         LOG_ERROR("%s - invalid signed parts", worker);
+        story_reason_set("it is no integrity token");
         return nullptr;
     }
     return jws;
@@ -283,6 +291,7 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
         LOG_ERROR("%s - cjose_jws_verify failed: %s, file: %s, function: %s, line: %ld", worker,
                   text_or_empty(error.message), text_or_empty(error.file),
                   text_or_empty(error.function), static_cast<long>(error.line));
+        story_reason_set("the verification key does not fit its integrity token");
         return std::nullopt;
     }
     error = {};
@@ -299,20 +308,33 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
 
 } // namespace
 
+bool android_token_decryption_key_is_good(const std::string &text)
+{
+    return decryption_key_import(text) != nullptr;
+}
+
+bool android_token_verification_key_is_good(const std::string &text)
+{
+    return verification_key_import(text) != nullptr;
+}
+
 std::optional<std::string> android_token_open(std::span<const std::uint8_t> token,
                                               const std::string &decryption_key,
                                               const std::string &verification_key)
 {
     if (decryption_key.empty()) {
         LOG_ERROR("%s - no decryption key", worker);
+        story_reason_set("there is no key that opens integrity tokens");
         return std::nullopt;
     }
     if (verification_key.empty()) {
         LOG_ERROR("%s - no verification key", worker);
+        story_reason_set("there is no key that verifies integrity tokens");
         return std::nullopt;
     }
     if (token.size() > android_token_max_length) {
         LOG_ERROR("%s - token too long", worker);
+        story_reason_set("its integrity token is too long");
         return std::nullopt;
     }
     ERR_clear_error(); // cjose would tell what others left as the cause

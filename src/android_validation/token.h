@@ -20,3 +20,7 @@ inline constexpr std::size_t android_token_max_length = 12288;
 [[nodiscard]] std::optional<std::string> android_token_open(std::span<const std::uint8_t> token,
                                                             const std::string &decryption_key,
                                                             const std::string &verification_key);
+
+/// Whether a JWK serves for it; if not, a line in the log says why.
+[[nodiscard]] bool android_token_decryption_key_is_good(const std::string &text);
+[[nodiscard]] bool android_token_verification_key_is_good(const std::string &text);

@@ -11,6 +11,7 @@
 
 #include "handles/cjose.h"
 #include "logger/fatal.h"
+#include "story/reason.h"
 #include "text/or_empty.h"
 #include "velm_utils.h"
 
@@ -48,6 +49,7 @@ bool package_is_ours(const cJSON *request_details, const char *package_name)
     }
     if (std::string_view{name} != package_name) {
         LOG_ERROR("%s - invalid requestPackageName ('%s' vs '%s')", judge, name, package_name);
+        story_reason_set("it is of another app than app.android.package_name");
         return false;
     }
     return true;
@@ -68,6 +70,7 @@ std::optional<std::vector<std::uint8_t>> nonce_decode(std::string_view nonce)
                   judge, text_or_empty(error.message), text_or_empty(error.file),
                   text_or_empty(error.function), static_cast<long>(error.line));
         LOG_ERROR("%s - cannot decode nonce", judge);
+        story_reason_set("its integrity token was made for another request");
         return std::nullopt;
     }
     return std::vector<std::uint8_t>{decoded, decoded + length};
@@ -83,10 +86,12 @@ bool nonce_is_digest(const std::string &nonce, const std::vector<std::uint8_t> &
     }
     if (decoded->size() != digest.size()) {
         LOG_ERROR("%s - invalid nonce (len)", judge);
+        story_reason_set("its integrity token was made for another request");
         return false;
     }
     if (*decoded != digest) {
         LOG_ERROR("%s - invalid nonce (cmp)", judge);
+        story_reason_set("its integrity token was made for another request");
         return false;
     }
     return true;
@@ -100,6 +105,7 @@ bool is_made_for_this_request(const cJSON *request_details, const std::vector<st
     }
     if (*text == '\0') {
         LOG_ERROR("%s - no nonce", judge);
+        story_reason_set("its integrity token names no request");
         return false;
     }
     const std::string nonce = velm_utils_unescape_html_encoded_base64_chars(text);
@@ -133,11 +139,13 @@ bool is_fresh(const cJSON *request_details)
         cJSON_GetObjectItemCaseSensitive(request_details, "timestampMillis");
     if (member == nullptr) {
         LOG_ERROR("%s - no timestampMillis", judge);
+        story_reason_set("its integrity token has no time");
         return false;
     }
     const auto milliseconds = milliseconds_parse(member);
     if (!milliseconds.has_value()) {
         LOG_ERROR("%s - invalid timestamp", judge);
+        story_reason_set("its integrity token has no time");
         return false;
     }
     const std::time_t now = std::time(nullptr);
@@ -150,6 +158,7 @@ bool is_fresh(const cJSON *request_details)
     const std::int64_t age_s = now - static_cast<std::int64_t>(*milliseconds / 1000);
     if (age_s > window_s) {
         LOG_ERROR("%s - token expired", judge);
+        story_reason_set("its integrity token is too old");
         return false;
     }
     return true;
@@ -161,10 +170,12 @@ bool app_is_recognized(const cJSON *app_integrity)
         velm_utils_get_field_value_from_json_object(app_integrity, "appRecognitionVerdict");
     if (verdict == nullptr) {
         LOG_ERROR("%s - no appRecognitionVerdict", judge);
+        story_reason_set("Play does not say that it knows the app");
         return false;
     }
     if (std::string_view{verdict} != "PLAY_RECOGNIZED") {
         LOG_ERROR("%s - appRecognitionVerdict is: %s", judge, verdict);
+        story_reason_set("Play does not recognize the app");
         return false;
     }
     return true;
@@ -200,6 +211,7 @@ bool device_meets_all(const cJSON *device_integrity)
         cJSON_GetObjectItemCaseSensitive(device_integrity, "deviceRecognitionVerdict");
     if (is_empty(labels)) {
         LOG_ERROR("%s - no deviceRecognitionVerdict", judge);
+        story_reason_set("Play does not say that the device is genuine");
         return false;
     }
     if (!cJSON_IsArray(labels)) {
@@ -212,6 +224,7 @@ bool device_meets_all(const cJSON *device_integrity)
     if (!basic || !device || !strong) {
         LOG_ERROR("%s - deviceRecognitionVerdict is: basic=%s device=%s strong=%s", judge,
                   word(basic), word(device), word(strong));
+        story_reason_set("the device has not basic, device and strong integrity");
         return false;
     }
     return true;
@@ -228,6 +241,7 @@ bool environment_is_clean(const cJSON *environment_details)
     const char *text = cJSON_IsString(verdict) ? verdict->valuestring : "no text";
     if (std::string_view{text} != "NO_ISSUES") {
         LOG_ERROR("%s - playProtectVerdict is: %s", judge, text);
+        story_reason_set("Play Protect reports issues");
         return false;
     }
     return true;

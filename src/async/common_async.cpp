@@ -184,3 +184,8 @@ int common_async_action_schedule(common_async_callback callback, void *user_data
     (void)ctx.release(); // the dispatcher takes it back
     return 0;
 }
+
+std::size_t common_async_waiting()
+{
+    return state.waiting.size() + state.waiting_long.size();
+}

@@ -2,6 +2,8 @@
 
 #include <event2/event.h>
 
+#include <cstddef>
+
 /// Calls that run later on the event loop: as soon as the loop turns next (an action call), or
 /// after a delay (an action schedule). Loop thread only.
 ///
@@ -34,3 +36,6 @@ int common_async_action_call_long(common_async_callback callback, void *user_dat
 /// the delay is zero; 0.
 int common_async_action_schedule(common_async_callback callback, void *user_data, long seconds,
                                  long microseconds);
+
+/// How many action calls wait.
+[[nodiscard]] std::size_t common_async_waiting();

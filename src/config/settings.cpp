@@ -8,7 +8,7 @@ namespace {
 // If you change a key, a default or a meaning, change velmd.conf(5) and the sample too: a test compares
 // them. "decrytion" is what the platform writes.
 // clang-format off
-constexpr config_setting file_settings[] = {
+constexpr config_setting settings[] = {
     {"process.daemonize", &velm_config::daemonize, config_yes, nullptr,
      "Detach into the background."},
     {"process.pidfile", &velm_config::pid_file_path, "/var/run/velmd.pid", nullptr,
@@ -41,21 +41,32 @@ constexpr config_setting file_settings[] = {
      "The app id of the iOS app: team id, a point, bundle id."},
     {"app.ios.attest.root.ca.path", &velm_config::app_ios_attest_root_ca_path, "", nullptr,
      "A PEM file that replaces the compiled-in App Attest root."},
+    {"accounts.shadow", &velm_config::accounts_shadow, config_no, nullptr,
+     "Look up a password field x in the shadow database.", false},
     {"location.policy.ipc.sock", &velm_config::location_policy_ipc_sock, "/var/afc/zelka_daemon", "zelkad_cmd_path",
      "The path of the Unix socket for local clients, at most 107 characters."},
     {"cloudmessaging.firebase.privatekey.path", &velm_config::cloudmessaging_firebase_privatekey_path, "/etc/afc/velmd/firebase_adminsdk_key.json", "zelkad_cm_firebase_privkey",
      "The service-account key for pushes."},
+    {"control.sock", &velm_config::control_sock, "/var/run/velmd.control.sock", nullptr,
+     "The path of the Unix socket that tells how the daemon is; empty: none.", false},
     {"vendor.id", &velm_config::vendor_id, "NORVALE", "ap_vendor",
      "The vendor that the daemon tells phones."},
-};
-
-constexpr config_setting platform_settings[] = {
+    // From here on the platform's.
     {"lan.ip.address", &velm_config::lan_ip_address, "192.168.1.1", nullptr, "The LAN address."},
     {"lan.name", &velm_config::lan_name, "br0", nullptr, "The LAN bridge."},
     {"serial.number", &velm_config::serial_number, "1234", nullptr, "The serial number."},
     {"mac.address", &velm_config::mac_address, "01:02:03:04:05:06", nullptr, "The MAC address."},
 };
 // clang-format on
+
+constexpr std::span<const config_setting> all_settings{settings};
+constexpr std::size_t platform_rows = 4;
+static_assert(all_settings.size() <= config_rows_max);
+
+std::size_t index_of(const config_setting &row)
+{
+    return static_cast<std::size_t>(&row - settings);
+}
 
 constexpr bool is_number(std::string_view text)
 {
@@ -74,22 +85,37 @@ constexpr bool is_sound(const config_setting &row)
 {
     if (std::holds_alternative<bool velm_config::*>(row.field)) {
         const std::string_view standard{row.standard};
-        return (standard == config_yes || standard == "no") && row.nvram == nullptr;
+        return (standard == config_yes || standard == config_no) && row.nvram == nullptr;
     }
     return !std::holds_alternative<std::uint16_t velm_config::*>(row.field) ||
            is_number(row.standard);
 }
-static_assert(std::ranges::all_of(file_settings, is_sound));
-static_assert(std::ranges::all_of(platform_settings, is_sound));
+static_assert(std::ranges::all_of(settings, is_sound));
 
 } // namespace
 
 std::span<const config_setting> config_file_settings()
 {
-    return file_settings;
+    return all_settings.first(all_settings.size() - platform_rows);
 }
 
 std::span<const config_setting> config_platform_settings()
 {
-    return platform_settings;
+    return all_settings.last(platform_rows);
+}
+
+config_source &config_source_of(velm_config &config, const config_setting &row)
+{
+    return config.sources[index_of(row)];
+}
+
+config_source config_source_of(const velm_config &config, const config_setting &row)
+{
+    return config.sources[index_of(row)];
+}
+
+config_source &config_source_of(velm_config &config, const config_field &field)
+{
+    const auto *const row = std::ranges::find(settings, field, &config_setting::field);
+    return config_source_of(config, *row);
 }

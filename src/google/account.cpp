@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "config/file_notes.h"
 #include "file/common_file.h"
 #include "google/addresses.h"
 #include "handles/argument.h"
@@ -71,6 +72,22 @@ void velm_google_account_load(velm_google_account &account, const char *path,
     if (account.private_key == nullptr) {
         LOG_ERROR("%s - cannot parse private key", function);
     }
+}
+
+void velm_google_account_note(const velm_google_account &account, const char *key, const char *path)
+{
+    const char *why = nullptr;
+    if (!common_file_exists(path)) {
+        why = account.private_key != nullptr ? "the file is missing, the key read before is used"
+                                             : "the file is missing";
+    } else if (account.private_key == nullptr) {
+        why = "the file cannot be read or is no JSON";
+    } else if (*velm_google_account_project_id(account) == '\0' ||
+               *json_text_or_empty(account.private_key.get(), "client_email") == '\0' ||
+               *json_text_or_empty(account.private_key.get(), "private_key") == '\0') {
+        why = "it has no project_id, client_email or private_key";
+    }
+    file_note_set(key, path, why);
 }
 
 bool velm_google_account_token_serves(const velm_google_account &account)

@@ -29,6 +29,10 @@ struct velm_google_account {
 void velm_google_account_load(velm_google_account &account, const char *path,
                               const char *log_category, const char *function);
 
+/// Notes for the control socket (config/file_notes.h) whether the key file of this setting can be used.
+void velm_google_account_note(const velm_google_account &account, const char *key,
+                              const char *path);
+
 /// A token is held and its time is not over. A token that came later than the present moment, as the
 /// clock shows it, does not serve: the clock was set back, and nobody knows how far.
 [[nodiscard]] bool velm_google_account_token_serves(const velm_google_account &account);

@@ -49,6 +49,48 @@ bool is_page(std::string_view text, std::string_view content_type)
                              begins_with(content_type, "application/xhtml+xml"));
 }
 
+/// With its terminator: the parser may look at one byte past a number.
+json_ptr parse(const char *body, std::size_t length)
+{
+    return json_ptr{body == nullptr ? nullptr : cJSON_ParseWithLength(body, length + 1)};
+}
+
+const char *failure_words(int code)
+{
+    switch (code) {
+    case 0:
+        return "cannot connect to the push service";
+    case -1:
+        return "no answer in time";
+    case -2:
+        return "the connection ended without an answer";
+    case -3:
+        return "the answer is no HTTP";
+    case -6:
+        return "the answer is too long";
+    default:
+        return "the connection or its certificate failed";
+    }
+}
+
+/// Upper-case letters and underscores, at most so many that it is a word of Google's.
+bool is_status_word(std::string_view text)
+{
+    constexpr std::size_t longest = 32;
+    return !text.empty() && text.size() <= longest &&
+           std::all_of(text.begin(), text.end(),
+                       [](char c) { return c == '_' || (c >= 'A' && c <= 'Z'); });
+}
+
+std::string refusal_words(const char *body, std::size_t length)
+{
+    const json_ptr answer = parse(body, length);
+    const cJSON *error = cJSON_GetObjectItemCaseSensitive(answer.get(), "error");
+    const char *status = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(error, "status"));
+    return status != nullptr && is_status_word(status) ? std::string{"refused: "} + status
+                                                       : "refused";
+}
+
 } // namespace
 
 bool velm_fcm_answer_is_about_the_token(const char *body, std::size_t length,
@@ -57,10 +99,24 @@ bool velm_fcm_answer_is_about_the_token(const char *body, std::size_t length,
     if (body == nullptr || length == 0) {
         return true;
     }
-    // With its terminator: the parser may look at one byte past a number.
-    const json_ptr answer{cJSON_ParseWithLength(body, length + 1)};
+    const json_ptr answer = parse(body, length);
     if (cJSON_IsObject(answer.get())) {
         return !names_another_error(answer.get());
     }
     return !is_page({body, length}, content_type == nullptr ? "" : content_type);
+}
+
+std::string velm_fcm_answer_words(int code, const char *body, std::size_t length,
+                                  const char *content_type)
+{
+    constexpr int not_found = 404;
+    if (code < 1) {
+        return failure_words(code);
+    }
+    if (code == not_found) {
+        return velm_fcm_answer_is_about_the_token(body, length, content_type)
+                   ? "the push token is not registered any more"
+                   : "the answer is not about the push token";
+    }
+    return refusal_words(body, length);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 /// What a 404 of the push service is about. True: about the push token, which nobody has any more.
 /// False: about something else, as when a whole API or project has gone; the answer then is a page
@@ -9,3 +10,8 @@
 /// leaves out; both texts may be null.
 [[nodiscard]] bool velm_fcm_answer_is_about_the_token(const char *body, std::size_t length,
                                                       const char *content_type);
+
+/// What an answer other than 200 means, in a few words; a code below 1 is the http_client's. Of the body it
+/// names at most the "status" of the error, and that only when it is one of Google's words.
+[[nodiscard]] std::string velm_fcm_answer_words(int code, const char *body, std::size_t length,
+                                                const char *content_type);

@@ -208,6 +208,12 @@ bool http_client_tls_set_up(const char *ca_file)
     return true;
 }
 
+unsigned long http_client_tls_try(const char *ca_file)
+{
+    const loaded_context loaded = load_context(ca_file);
+    return loaded.context != nullptr ? 0 : loaded.error;
+}
+
 void http_client_tls_prepare(const char *ca_file)
 {
     state.prepared = load_context(ca_file);

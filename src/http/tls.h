@@ -18,6 +18,9 @@ struct http_client_peer {
 /// log, when the file cannot be used. The context that was stays in force then.
 [[nodiscard]] bool http_client_tls_set_up(const char *ca_file);
 
+/// OpenSSL's error for which the file cannot be used; 0 when it can. Changes nothing.
+[[nodiscard]] unsigned long http_client_tls_try(const char *ca_file);
+
 /// Does the slow part of it for this file beforehand, and says nothing.
 void http_client_tls_prepare(const char *ca_file);
 

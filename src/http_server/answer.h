@@ -13,6 +13,7 @@ struct http_outcome {
     const char *refusal = nullptr; // the reason for the log, a literal; null: nothing was refused
     json_ptr json = nullptr;       // 200 is answered with this object; null: with an empty body
     const char *text = nullptr;    // the same for an object that has been printed before
+    const char *hint = nullptr;    // what the work saw, a literal; null: nothing to say
 };
 
 /// What the work gets. Borrowed.
@@ -22,7 +23,7 @@ struct http_asked {
     const cJSON *auth; // of the body
 };
 
-/// A constant of the result callback.
+/// What a result callback answers with.
 struct http_work {
     const char *handler; // the name of the result callback, for the log
     const char *path;

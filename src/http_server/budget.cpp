@@ -7,6 +7,8 @@
 #include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/common_logger.h"
+#include "metrics/metrics.h"
+#include "story/story.h"
 
 namespace {
 
@@ -109,6 +111,10 @@ void http_budget_keep()
         if (victim == nullptr) {
             return;
         }
+        metrics_count(metric::connections_over_memory);
+        story_visit_came({.address = victim->address,
+                          .check = story_connections,
+                          .why = "it took more memory than there is for its address, or for all"});
         if (http_refusals_tell(victim->address)) {
             LOG_WARN("%s - closing a connection, together they hold %zu bytes, its address %zu: %s",
                      "keep_within_memory", state.held, held_by(victim->address),

@@ -26,6 +26,8 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "story/story.h"
 
 namespace {
 
@@ -79,9 +81,6 @@ void on_memory_check(evutil_socket_t, short, void *) noexcept
 {
     http_tls_give_back();
     for (const auto &peer : state.connections) {
-        if (peer->tls.blocked) {
-            http_intake_reply_waits(&peer->intake);
-        }
         count_held(peer.get());
     }
     http_budget_keep();
@@ -182,8 +181,12 @@ void log_failed_handshake(const server_connection *peer)
 {
     const unsigned long code = bufferevent_get_openssl_error(peer->connection->bev);
     const char *const reason = code == 0 ? nullptr : ERR_reason_error_string(code);
-    if (reason != nullptr && peer->tls.shakes_hands && !peer->tls.ended &&
-        http_refusals_tell(peer->address)) {
+    if (reason == nullptr || !peer->tls.shakes_hands || peer->tls.ended) {
+        return;
+    }
+    metrics_count(metric::connections_without_handshake);
+    story_visit_came({.address = peer->address, .check = story_tls, .why = reason});
+    if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - TLS handshake failed, %s: %s", __func__, reason,
                  http_refusals_text(peer->address));
     }
@@ -219,7 +222,13 @@ void log_time_up(const server_connection *peer)
                          !peer->tls.shakes_hands;
     if (is_idle || peer->intake.phase == message_phase::refused) {
         LOG_DEBUG("%s - closing a connection that let its time pass", __func__);
-    } else if (http_refusals_tell(peer->address)) {
+        return;
+    }
+    metrics_count(metric::connections_over_time);
+    story_visit_came({.address = peer->address,
+                      .check = story_connections,
+                      .why = "it let the time for its request pass"});
+    if (http_refusals_tell(peer->address)) {
         LOG_WARN("%s - closing a connection that let its time pass: %s", __func__,
                  http_refusals_text(peer->address));
     }
@@ -274,7 +283,11 @@ evhtp_res on_pre_accept(evhtp_connection_t *connection, void *) noexcept
     const auto of_address = static_cast<std::size_t>(
         std::count_if(state.connections.begin(), state.connections.end(),
                       [address](const auto &peer) { return peer->address == address; }));
-    if (state.connections.size() >= state.limits.total || of_address >= state.limits.per_address) {
+    const bool is_full = state.connections.size() >= state.limits.total;
+    if (is_full || of_address >= state.limits.per_address) {
+        metrics_count(is_full ? metric::connections_over_total : metric::connections_over_address);
+        story_visit_came(
+            {.address = address, .check = story_connections, .why = "too many connections"});
         if (http_refusals_tell(address)) {
             LOG_WARN("%s - too many connections: %zu, %zu of this address: %s", __func__,
                      state.connections.size(), of_address, http_refusals_text(address));
@@ -313,6 +326,7 @@ evhtp_res on_post_accept(evhtp_connection_t *connection, void *) noexcept
     peer->next_turn.reset(evtimer_new(connection->evbase, on_next_turn, peer));
     REQUIRE_MEMORY(peer->next_turn, "next_turn");
     state.connections.push_back(std::move(owned));
+    metrics_keep_most(metric::connections_most, state.connections.size());
     const int rc =
         evhtp_connection_hook(connection, evhtp_hook_on_connection_fini, on_connection_fini, peer);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_connection_fini)", rc);

@@ -8,6 +8,7 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "story/story.h"
 
 namespace {
 
@@ -88,6 +89,9 @@ void on_check(evutil_socket_t, short, void *) noexcept
     auto found = state.handshakes.begin();
     while ((found = std::find_if(state.handshakes.begin(), state.handshakes.end(),
                                  is_in_the_way)) != state.handshakes.end()) {
+        story_visit_came({.address = (*found)->address,
+                          .check = story_connections,
+                          .why = "its TLS handshake was slow, and another waited for its turn"});
         if (http_refusals_tell((*found)->address)) {
             LOG_WARN("%s - closing a connection, another waits for its handshake: %s", __func__,
                      http_refusals_text((*found)->address));

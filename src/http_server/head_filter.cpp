@@ -15,19 +15,27 @@ constexpr std::string_view line_end = "\r\n";
 constexpr std::string_view head_end = "\r\n\r\n";
 constexpr std::string_view blanks = " \t";
 constexpr const char *lifted_names[] = {"X-Assertion", "X-Attestation"};
+/// The library reads these, and the log shows the last. It would make objects of all others too, for
+/// nobody: of 98 headers of 3 bytes 14 kB, which stay until the answer has left.
+constexpr const char *read_names[] = {"Connection", "Proxy-Connection", "Content-Length",
+                                      "Transfer-Encoding", "User-Agent"};
+/// Of these; no client sends one of them twice.
+constexpr std::size_t max_read = 8;
+constexpr std::size_t usual_head = 512;
 
 bool same_name(std::string_view name, std::string_view other)
 {
     return name.size() == other.size() && strncasecmp(name.data(), other.data(), name.size()) == 0;
 }
 
-/// The literal of a header that is lifted, else null.
-const char *lifted_name(std::string_view name)
+/// The literal that is the name in any case; null when none is.
+template <std::size_t Count>
+const char *name_among(const char *const (&names)[Count], std::string_view name)
 {
     const auto *const found =
-        std::find_if(std::begin(lifted_names), std::end(lifted_names),
-                     [name](const char *lifted) { return same_name(name, lifted); });
-    return found == std::end(lifted_names) ? nullptr : *found;
+        std::find_if(std::begin(names), std::end(names),
+                     [name](const char *one) { return same_name(name, one); });
+    return found == std::end(names) ? nullptr : *found;
 }
 
 void refuse(http_head *head, const char *reason, int status = http_status_bad_request)
@@ -39,6 +47,12 @@ void refuse(http_head *head, const char *reason, int status = http_status_bad_re
 bool is_expectation(std::string_view name, std::string_view value)
 {
     return same_name(name, "Expect") && same_name(value, "100-continue");
+}
+
+/// Without a line feed: the parser refuses such a header, so it must see it.
+bool has_carriage_return(std::string_view line)
+{
+    return line.find('\r') != std::string_view::npos;
 }
 
 /// 0 for what is no number, and for one of so many digits that its size might not be what it says.
@@ -71,7 +85,24 @@ class header_lines {
         add_header(line);
     }
 
+    /// There are no more. Of several attestations or assertions the first counts.
+    void end()
+    {
+        drop_repeated();
+    }
+
   private:
+    void drop_repeated()
+    {
+        std::vector<http_head_lifted> *const lifted = &head_->lifted;
+        if (lifted->size() > 1 &&
+            std::any_of(lifted->begin(), lifted->end() - 1, [lifted](const auto &earlier) {
+                return earlier.name == lifted->back().name;
+            })) {
+            lifted->pop_back();
+        }
+    }
+
     void add_header(std::string_view line)
     {
         const std::size_t colon = line.find(':');
@@ -82,9 +113,10 @@ class header_lines {
             return;
         }
         const std::string_view value = trim(line.substr(colon + 1), blanks);
-        const char *const lifted = lifted_name(name);
+        const char *const lifted = name_among(lifted_names, name);
         in_lifted_ = lifted != nullptr;
         if (in_lifted_) {
+            drop_repeated();
             head_->lifted.push_back({lifted, {}});
             lift(value);
             return;
@@ -95,7 +127,9 @@ class header_lines {
         const bool has_encoding = same_name(name, "Transfer-Encoding");
         may_be_left_out_ = !has_length && !has_encoding;
         head_->expects_continue = head_->expects_continue || is_expectation(name, value);
-        is_left_out_ = same_name(name, "Content-Type") || is_expectation(name, value);
+        const bool is_read = name_among(read_names, name) != nullptr &&
+                             (!may_be_left_out_ || ++read_count_ <= max_read);
+        is_left_out_ = !is_read && !has_carriage_return(line);
         if (has_encoding) {
             add_transfer_encoding(value);
             return;
@@ -132,6 +166,10 @@ class header_lines {
     {
         if (count_ == 1) {
             refuse(head_, "no header");
+            return;
+        }
+        if (!in_lifted_ && is_left_out_ && has_carriage_return(line)) {
+            refuse(head_, "carriage return in a header");
             return;
         }
         if (!in_lifted_) {
@@ -171,11 +209,12 @@ class header_lines {
     std::size_t count_ = 0;
     std::size_t value_size_ = 0;    // of the header being read, its folded lines included
     std::size_t framing_count_ = 0; // headers that tell where the body ends
+    std::size_t read_count_ = 0;    // headers that somebody reads
     std::size_t header_begin_ = 0;  // of the header being read, in the head's text
     bool in_lifted_ = false;
     bool may_be_left_out_ = true;
-    /// We give leave to send a body ourselves. And a body is JSON, whatever its header says; the
-    /// library would take that of a form apart, into an object for each "&".
+    /// Among them: we give leave to send a body ourselves. And a body is JSON, whatever its header
+    /// says; the library would take that of a form apart, into an object for each "&".
     bool is_left_out_ = false;
 };
 
@@ -230,7 +269,7 @@ int http_head_line_refusal(std::string_view bytes)
     if (line.size() <= http_head_max_line) {
         return 0;
     }
-    return lifted_name(line.substr(0, line.find(':'))) != nullptr
+    return name_among(lifted_names, line.substr(0, line.find(':'))) != nullptr
                ? http_status_bad_request
                : http_status_header_fields_too_large;
 }
@@ -257,12 +296,13 @@ http_head http_head_filter(std::string_view head)
         refuse(&result, "uri too long", http_status_uri_too_long);
         return result;
     }
-    result.text.reserve(head.size());
+    result.text.reserve(std::min(head.size(), usual_head));
     append_request_line(request_line, &result.text);
     header_lines lines{&result};
     while (rest.size() > line_end.size() && result.refusal == nullptr) {
         lines.add(take_line(&rest));
     }
+    lines.end();
     result.text.append(line_end);
     return result;
 }

@@ -9,7 +9,7 @@
 /// What a request head goes through before libevhtp's parser sees it. The parser takes any number
 /// of headers but no value above 8191 bytes, and the attestation of a phone comes close to that; so
 /// the head is gathered whole, held against our own limits, and the two long headers are lifted out
-/// of it, to be put back when the parser is done.
+/// of it, to be put back when the parser is done. Headers that nobody reads are left out.
 
 inline constexpr std::size_t http_head_max_size = 64 * 1024; // the whole head, blank line included
 inline constexpr std::size_t http_head_max_headers = 100;    // lines after the request line
@@ -32,7 +32,7 @@ struct http_head_lifted {
 struct http_head {
     const char *refusal = nullptr; // why the head is refused, a literal; null: it is not
     int refusal_status = 400;      // what the client is told then
-    std::string text;              // for the parser: all lines but the lifted ones
+    std::string text;              // for the parser: the request line and the headers that are read
     std::vector<http_head_lifted> lifted;
     bool chunked = false;
     std::uint64_t body_size = 0;   // as announced; 0 for a number that only the parser can judge

@@ -18,7 +18,9 @@
 #include "http_server/refusals.h"
 #include "http_server/tls.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
 #include "request/status.h"
+#include "story/story.h"
 
 namespace {
 
@@ -32,8 +34,10 @@ constexpr std::size_t max_thrown_away = 1024 * 1024;
 /// What the head of a refused request counts at most from then on.
 constexpr std::size_t refused_room_max = 32 * 1024;
 
-void log_refusal(in_addr_t address, const char *reason)
+/// `status` is 0 for a client that gets no answer.
+void log_refusal(in_addr_t address, const char *reason, int status)
 {
+    story_visit_came({.address = address, .status = status, .check = story_http, .why = reason});
     if (http_refusals_tell(address)) {
         LOG_WARN("%s - %s: %s", "refuse", reason, http_refusals_text(address));
     }
@@ -41,7 +45,7 @@ void log_refusal(in_addr_t address, const char *reason)
 
 intake_result end(http_intake *intake, const char *reason)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, 0);
     evhtp_close(intake->connection);
     return intake_result::ended;
 }
@@ -51,7 +55,8 @@ intake_result end(http_intake *intake, const char *reason)
 /// come from us, but the client is still heard until it ends too.
 intake_result refuse(http_intake *intake, const char *reason, int status)
 {
-    log_refusal(intake->address, reason);
+    log_refusal(intake->address, reason, status);
+    metrics_count_reply({}, status);
     const std::string answer = "HTTP/1.1 " + std::to_string(status) + ' ' +
                                http_status_phrase(status) +
                                "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
@@ -122,7 +127,7 @@ bool feed(http_intake *intake, std::string_view bytes)
     const int rc = evbuffer_add_reference(input, bytes.data(), bytes.size(), nullptr, nullptr);
     REQUIRE_CALL(rc == 0, "evbuffer_add_reference(input, bytes, size)", rc);
     if (!survives(intake, [intake, bev] { intake->library.read(bev, intake->library.argument); })) {
-        log_refusal(address, "the parser takes it for no request");
+        log_refusal(address, "the parser takes it for no request", 0);
         return false;
     }
     evbuffer_drain(input, evbuffer_get_length(input));
@@ -176,6 +181,15 @@ std::string whole_message(http_intake *intake)
     return bytes.append(last_chunk);
 }
 
+std::size_t lifted_size(const http_intake *intake)
+{
+    std::size_t size = 0;
+    for (const http_head_lifted &lifted : intake->lifted) {
+        size += lifted.value.capacity();
+    }
+    return size;
+}
+
 intake_result give_message(http_intake *intake)
 {
     // The library keeps all of it. The checks are going to keep a part of the body beside that: until
@@ -183,14 +197,11 @@ intake_result give_message(http_intake *intake)
     intake->kept = intake->body.size();
     std::string bytes = whole_message(intake);
     const wiped_at_end wiping{&bytes}; // a password is in it
-    intake->handed = bytes.size();
-    for (const http_head_lifted &lifted : intake->lifted) {
-        intake->handed += lifted.value.size();
-    }
+    intake->handed = bytes.size() + lifted_size(intake);
     if (!is_admitted(intake)) {
         return intake_result::ended;
     }
-    REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
+    http_parser_begin(intake->connection);
     if (!feed(intake, bytes)) {
         return intake_result::ended;
     }
@@ -345,13 +356,6 @@ void http_intake_wipe(evbuffer *buffer)
     }
 }
 
-void http_intake_reply_waits(http_intake *intake)
-{
-    if (intake->phase == message_phase::answering && is_answered(intake)) {
-        evhtp_connection_drop_parser(intake->connection);
-    }
-}
-
 void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                        const library_callbacks &callbacks)
 {
@@ -363,7 +367,7 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                       callbacks.argument);
     const int rc = evhtp_connection_hook(connection, evhtp_hook_on_headers, on_headers, intake);
     REQUIRE_CALL(rc == 0, "evhtp_connection_set_hook(on_headers)", rc);
-    evhtp_connection_drop_parser(connection); // until there is a head for it
+    http_parser_share(connection);
 }
 
 intake_result http_intake_read(http_intake *intake)
@@ -392,9 +396,6 @@ intake_result http_intake_written(http_intake *intake)
     if (is_answered(intake)) { // and will be freed
         http_intake_wipe(intake->connection->request->buffer_in);
     }
-    if (intake->connection->parser == nullptr) {
-        REQUIRE_MEMORY(evhtp_connection_make_parser(intake->connection), "parser");
-    }
     if (!survives(intake,
                   [intake, bev] { intake->library.write(bev, intake->library.argument); })) {
         return intake_result::ended;
@@ -405,7 +406,6 @@ intake_result http_intake_written(http_intake *intake)
     // The library has freed the answered request: the next one may come.
     intake->phase = message_phase::head;
     intake->lifted = {};
-    evhtp_connection_drop_parser(intake->connection);
     intake->handed = 0;
     intake->kept = 0;
     intake->chunked = false;
@@ -430,6 +430,7 @@ void http_intake_end(http_intake *intake)
     if (const evhtp_request_t *const request = intake->connection->request; request != nullptr) {
         http_intake_wipe(request->buffer_in);
     }
+    http_parser_leave(intake->connection);
     if (intake->gone != nullptr) {
         *intake->gone = true;
     }
@@ -437,8 +438,9 @@ void http_intake_end(http_intake *intake)
 
 std::size_t http_intake_size(const http_intake *intake)
 {
-    return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() +
-           intake->handed + intake->kept + intake->refused_room;
+    const std::size_t request = intake->handed != 0 ? intake->handed : lifted_size(intake);
+    return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() + request +
+           intake->kept + intake->refused_room;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

@@ -15,9 +15,8 @@
 
 /// What a connection sends, on its way to libevhtp's parser: held back until the parser may have it.
 /// First a whole head (see http_server/head_filter.h) and its body in one piece, then nothing
-/// until the reply has left. The library needs 10 kB for a request that has begun, and keeps each piece that it gets of a body as a block of
-/// its own, of a kilobyte and more: bytes that come one by one would take a thousand times their
-/// number. Internal to the server's connections.
+/// until the reply has left. The library keeps each piece that it gets of a body as a block of its own,
+/// of a kilobyte and more: bytes that come one by one would take a thousand times their number. Internal to the server's connections.
 
 inline constexpr std::size_t http_server_max_body_size = http_chunks_max_body;
 
@@ -77,10 +76,6 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
 /// The connection has bytes to read, or has sent all that was to be sent.
 [[nodiscard]] intake_result http_intake_read(http_intake *intake);
 [[nodiscard]] intake_result http_intake_written(http_intake *intake);
-
-/// Its client does not read the reply: what the library no longer needs for it is given back, and made
-/// anew when the reply has left.
-void http_intake_reply_waits(http_intake *intake);
 
 /// Overwrites what lies in a buffer of the library: a password may be in a body.
 void http_intake_wipe(evbuffer *buffer);

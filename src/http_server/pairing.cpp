@@ -12,6 +12,7 @@
 #include "http_server/routes.h"
 #include "logger/fatal.h"
 #include "request/input.h"
+#include "story/reason.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
 #include "velm_nvram_pairings.h"
@@ -69,11 +70,14 @@ http_outcome verify_attestation(const http_asked &asked, std::string *attestatio
     if (!attestation.has_value()) {
         return {http_status_bad_request, "attestation is no base64"};
     }
+    (void)story_reason_take();
     velm_attestation_result verdict =
         velm_attestation_engine_ios_verify_attestation(input.device_id, *attestation, *digest);
     if (!verdict.success) {
         LOG_ERROR("%s - failure (attestation)", __func__);
-        return {http_status_precondition_failed, "attestation is not valid"};
+        return {.status = http_status_precondition_failed,
+                .refusal = "attestation is not valid",
+                .hint = story_reason_take().text};
     }
     if (velm_challenge_engine_consume_challenge(input.challenge) == 0) {
         LOG_ERROR("%s - failure (challenge)", __func__);

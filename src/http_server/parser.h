@@ -2,27 +2,18 @@
 
 #include <evhtp/evhtp.h>
 
-#include "handles/malloc.h"
+/// The library makes a parser for each connection, for its whole life, and a parser has a buffer of
+/// 8 KiB. But a request is given to it whole, within one call: so all connections have the same one.
+/// What it says belongs to the request that was parsed last.
 
-/// The parser of a connection holds a buffer of 8 KiB, and the library makes one for each connection,
-/// for its whole life. Only while a request is being read or answered does it look at it.
+/// Gives the connection the common parser instead of its own.
+void http_parser_share(evhtp_connection_t *connection);
 
-/// Null without memory.
-inline htparser *evhtp_connection_make_parser(evhtp_connection_t *connection) noexcept
-{
-    if (connection->parser == nullptr) {
-        connection->parser = htparser_new();
-    }
-    if (connection->parser != nullptr) {
-        htparser_init(connection->parser, htp_type_request);
-        htparser_set_userdata(connection->parser, connection);
-    }
-    return connection->parser;
-}
+/// The connection has a request to be parsed now.
+void http_parser_begin(evhtp_connection_t *connection);
 
-/// Nothing of a request may be under way.
-inline void evhtp_connection_drop_parser(evhtp_connection_t *connection) noexcept
-{
-    const plain_ptr<htparser> dropped{connection->parser};
-    connection->parser = nullptr;
-}
+/// Makes it say of which version the request was: the reply says that too.
+void http_parser_tell_version(const evhtp_request_t *request);
+
+/// The library is about to free the connection and what belongs to it.
+void http_parser_leave(evhtp_connection_t *connection);

@@ -8,8 +8,12 @@
 
 #include "handles/libevent.h"
 #include "http_server/log.h"
+#include "http_server/parser.h"
 #include "http_server/routes.h"
 #include "logger/fatal.h"
+#include "metrics/metrics.h"
+#include "request/input.h"
+#include "text/or_empty.h"
 
 namespace {
 
@@ -67,14 +71,16 @@ void put_registered_phrase(evbuffer *output, std::size_t before, http_status sta
 
 void send_reply(evhtp_request_t *request, http_status status)
 {
+    metrics_count_reply(text_or_empty(request_path(request)), status);
     add_content_length(request);
-    if (evhtp_request_get_method(request) == htp_method_HEAD) {
+    if (request->method == htp_method_HEAD) {
         // Answered like any other method; but what follows the head would be read as the next reply.
         evbuffer_drain(request->buffer_out, evbuffer_get_length(request->buffer_out));
     }
     bufferevent *const bev = request->conn->bev;
     evbuffer *const output = bufferevent_get_output(bev);
     const std::size_t before = evbuffer_get_length(output);
+    http_parser_tell_version(request);
     evhtp_send_reply(request, static_cast<evhtp_res>(status));
     put_registered_phrase(output, before, status);
     // The library leaves head and body in two pieces: in one they are one TLS record, one packet.

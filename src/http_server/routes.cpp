@@ -7,6 +7,7 @@
 #include "http_server/connections.h"
 #include "http_server/log.h"
 #include "http_server/pause.h"
+#include "http_server/visits.h"
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "request/refusal.h"
@@ -69,11 +70,15 @@ void begin_checks(evhtp_request_t *req, const http_route &route, const velm_requ
 }
 
 /// The body, which is parsed here and nowhere else; null when it was bad and is answered already.
-secret_json_ptr take_body(evhtp_request_t *req)
+secret_json_ptr take_body(evhtp_request_t *req, const http_route &route)
 {
     velm_request_body parsed = velm_request_parse_request_body(req);
     if (parsed.status != http_status_ok) {
         velm_request_log_refusal_of(req, "request check", "no valid body", nullptr);
+        http_visit_tell(req, {.route = route.path,
+                              .status = parsed.status,
+                              .check = story_request_check,
+                              .why = "no valid body"});
         http_server_reply_status(req, static_cast<http_status>(parsed.status));
     }
     return std::move(parsed.body);
@@ -83,7 +88,7 @@ void begin_route(evhtp_request_t *req, const http_route &route)
 {
     LOG_TRACE("%s - start", route.handler);
     require_request(req, route.handler);
-    secret_json_ptr body = take_body(req);
+    secret_json_ptr body = take_body(req, route);
     if (body != nullptr) {
         begin_checks(req, route, route.checks, std::move(body));
     }
@@ -92,7 +97,7 @@ void begin_route(evhtp_request_t *req, const http_route &route)
 void http_method_pair(evhtp_request_t *req)
 {
     LOG_TRACE("%s - start", __func__);
-    secret_json_ptr body = take_body(req);
+    secret_json_ptr body = take_body(req, route_pair);
     if (body == nullptr) {
         return;
     }
@@ -102,6 +107,11 @@ void http_method_pair(evhtp_request_t *req)
         LOG_ERROR("%s - no attestation data", __func__);
         velm_request_log_refusal_of(req, "/pair", "neither X-Assertion nor X-Attestation",
                                     request_auth(body.get()));
+        http_visit_tell(req, {.device_id = http_visit_device_id(request_auth(body.get())),
+                              .route = route_pair.path,
+                              .status = http_status_bad_request,
+                              .check = story_request_check,
+                              .why = "neither X-Assertion nor X-Attestation"});
         http_server_reply_status(req, http_status_bad_request);
         return;
     }
@@ -119,6 +129,10 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
         begin_route(req, route_pairings);
     } else {
         LOG_WARN("%s - unknown path", __func__);
+        http_visit_tell(req, {.status = http_status_not_found,
+                              .check = story_path,
+                              .why = "no route has this path",
+                              .hint = request_path(req)});
         http_server_reply_status(req, http_status_not_found);
     }
 }

@@ -23,8 +23,8 @@ void http_server_register_routes(evhtp_t *http_server_instance);
 /// Drops the reply text of "/info", which is kept while the configuration stands.
 void http_server_forget_info();
 
-/// The HTTP status of a break code, in the order of velm_break_code: 200, 400, 424, 412, 401, 404,
-/// 409, else 500.
+/// The HTTP status of a break code: none 200, bad request 400, challenge 424, assertion 412, login 401,
+/// pairing 404, BSSID 409, else 500.
 [[nodiscard]] http_status http_server_status_from_break_code(int break_code);
 
 /// Answers with an empty body and resumes the request when it is paused. The request must not be

@@ -19,6 +19,7 @@
 #include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
+#include "story/story.h"
 
 namespace {
 
@@ -83,6 +84,9 @@ int give_up()
 int receive(BIO *bio, http_tls_stream *stream)
 {
     if (stream->shakes_hands && stream->received >= stream->handshake_bytes) {
+        story_visit_came({.address = stream->address,
+                          .check = story_tls,
+                          .why = "too much before the end of the handshake"});
         if (http_refusals_tell(stream->address)) {
             LOG_WARN("%s - too much before the end of the handshake: %s", __func__,
                      http_refusals_text(stream->address));
@@ -114,6 +118,9 @@ int open_record(BIO *bio, http_tls_stream *stream)
 {
     stream->shakes_hands = stream->shakes_hands && SSL_is_init_finished(stream->tls) == 0;
     if (stream->silent_records > http_tls_max_silent_records) {
+        story_visit_came({.address = stream->address,
+                          .check = story_tls,
+                          .why = "too many TLS records without data"});
         if (http_refusals_tell(stream->address)) {
             LOG_WARN("%s - too many TLS records without data: %s", __func__,
                      http_refusals_text(stream->address));

@@ -113,6 +113,11 @@ bool chain_verify(const trust_anchor &anchor, X509 *leaf, X509 *intermediate)
 
 } // namespace
 
+bool ios_app_certificate_is_root(const char *pem)
+{
+    return trust_anchor_load(pem) != nullptr;
+}
+
 x509_ptr ios_app_certificate_verify(const char *root_pem, std::span<const std::uint8_t> leaf_der,
                                     std::span<const std::uint8_t> intermediate_der)
 {

@@ -15,6 +15,9 @@
                                                   std::span<const std::uint8_t> leaf_der,
                                                   std::span<const std::uint8_t> intermediate_der);
 
+/// True when the text begins with a certificate that can be the root.
+[[nodiscard]] bool ios_app_certificate_is_root(const char *pem);
+
 /// The value of the extension 1.2.840.113635.100.8.2, borrowed from the certificate; empty when
 /// there is none.
 [[nodiscard]] std::span<const std::uint8_t>

@@ -16,6 +16,7 @@
 #include "ios_validation/objects.h"
 #include "ios_validation/signature.h"
 #include "logger/common_logger.h"
+#include "story/reason.h"
 
 struct ios_app_validator {
     const ios_app_validator_callbacks *callbacks = nullptr;
@@ -59,11 +60,13 @@ std::optional<ios_attestation_obj> attestation_read(bytes_view attestation)
     const auto cbor = ios_app_cbor_decode(attestation);
     if (!cbor.has_value()) {
         LOG_DEBUG("Cannot decode CBOR");
+        story_reason_set("it is no CBOR");
         return std::nullopt;
     }
     auto object = ios_attestation_obj_create(cbor->get());
     if (!object.has_value()) {
         LOG_DEBUG("Cannot create attestation obj");
+        story_reason_set("it is no attestation object");
     }
     return object;
 }
@@ -73,11 +76,13 @@ std::optional<ios_assertion_obj> assertion_read(bytes_view assertion)
     const auto cbor = ios_app_cbor_decode(assertion);
     if (!cbor.has_value()) {
         LOG_DEBUG("Cannot decode CBOR");
+        story_reason_set("it is no CBOR");
         return std::nullopt;
     }
     auto object = ios_assertion_obj_create(cbor->get());
     if (!object.has_value()) {
         LOG_DEBUG("Cannot create assertion obj");
+        story_reason_set("it is no assertion object");
     }
     return object;
 }
@@ -87,6 +92,7 @@ std::optional<ios_auth_data> auth_data_read(bytes_view bytes, ios_auth_data_mode
     const auto auth_data = ios_auth_data_parse(bytes, mode);
     if (!auth_data.has_value()) {
         LOG_DEBUG("Cannot extract auth data");
+        story_reason_set("its authenticator data is cut short");
     }
     return auth_data;
 }
@@ -98,6 +104,7 @@ x509_ptr certificate_read(const ios_app_validator &iav, const ios_attestation_ob
                                                       object.intermediate_certificate);
     if (certificate == nullptr) {
         LOG_DEBUG("Invalid ca chain");
+        story_reason_set("its certificates do not lead to the root");
     }
     return certificate;
 }
@@ -112,11 +119,13 @@ bool nonce_check(const X509 *certificate, bytes_view auth_data, bytes_view clien
     const bytes_view extension = ios_app_certificate_nonce_extension(certificate);
     if (extension.empty()) {
         LOG_DEBUG("Cannot extract OID");
+        story_reason_set("its certificate has no nonce");
         return false;
     }
     if (extension.size() < nonce->size() ||
         !std::ranges::equal(extension.last(nonce->size()), *nonce)) {
         LOG_DEBUG("OID mismatch");
+        story_reason_set("it was made for another request");
         return false;
     }
     return true;
@@ -127,6 +136,7 @@ std::optional<ios_app_public_key> public_key_read(const X509 *certificate)
     auto key = ios_app_certificate_public_key(certificate);
     if (!key.has_value()) {
         LOG_DEBUG("Cannot extract pub key");
+        story_reason_set("its certificate has no usable key");
     }
     return key;
 }
@@ -136,18 +146,22 @@ bool attestation_auth_data_check(const ios_app_validator &iav, const ios_auth_da
 {
     if (!app_id_matches(iav, auth_data)) {
         LOG_DEBUG("AppId mismatch");
+        story_reason_set("it is of another app than app.ios.appid");
         return false;
     }
     if (auth_data.counter != 0) {
         LOG_DEBUG("Invalid counter");
+        story_reason_set("its counter is wrong");
         return false;
     }
     if (!aaguid_allowed(iav, auth_data.aaguid)) {
         LOG_DEBUG("Aaguid mismatch");
+        story_reason_set("it is of another environment of App Attest");
         return false;
     }
     if (!is_digest_of(auth_data.credential_id, point)) {
         LOG_DEBUG("Invalid credential id");
+        story_reason_set("its key id does not fit its key");
         return false;
     }
     return true;
@@ -216,6 +230,7 @@ bool counter_check(ios_app_validator &iav, std::uint32_t counter)
     }
     if (counter <= stored) {
         LOG_DEBUG("Invalid counter");
+        story_reason_set("its counter is wrong");
         return false;
     }
     return true;
@@ -234,6 +249,7 @@ unsigned assertion_check(ios_app_validator &iav, bytes_view assertion, bytes_vie
     }
     if (!app_id_matches(iav, *auth_data)) {
         LOG_DEBUG("AppId mismatch");
+        story_reason_set("it is of another app than app.ios.appid");
         return 0;
     }
     if (!counter_check(iav, auth_data->counter)) {

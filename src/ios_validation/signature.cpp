@@ -9,6 +9,7 @@
 #include "crypto/sha256.h"
 #include "handles/openssl.h"
 #include "logger/common_logger.h"
+#include "story/reason.h"
 
 namespace {
 
@@ -175,9 +176,11 @@ bool ios_app_signature_verify(std::span<const std::uint8_t> public_key_der,
     }
     if (with.key == nullptr) {
         LOG_DEBUG("Cannot load pub key");
+        story_reason_set("the paired key cannot be used");
     }
     if (with.key == nullptr || !message_verify(&with, message, signature)) {
         LOG_DEBUG("Invalid signature");
+        story_reason_set("its signature is not by the key that was paired");
         return false;
     }
     return true;

@@ -148,6 +148,11 @@ std::size_t location_queue_size()
     return state.values.size();
 }
 
+std::size_t location_queue_bytes()
+{
+    return state.size;
+}
+
 const location_source &location_queue_first_source()
 {
     return state.sources.front().source;

@@ -10,9 +10,9 @@
 /// The locations of phones that were answered with 200, in the order in which they came, until every
 /// client has room for their reports. Loop thread only.
 ///
-/// The queue keeps the values of each location. It keeps the phone's address and "auth" once for
-/// neighbouring locations of one request. Together they hold at most 512 KiB: seven of the longest lists that a body
-/// can hold, or some 800 locations that come one by one. Who asks for room first loses none.
+/// The queue keeps the values of each location. Neighbouring locations with the same address, device id and
+/// BSSID share one source. Together they hold at most 512 KiB: some 9,000 locations of long lists, or some
+/// 800 that come one by one. Who asks for room first loses none.
 
 inline constexpr std::size_t location_queue_limit = std::size_t{512} * 1024;
 
@@ -37,6 +37,9 @@ bool location_queue_add(const char *caller, const char *ip, const cJSON *auth,
                         const cJSON *location);
 
 [[nodiscard]] std::size_t location_queue_size();
+
+/// What they hold together, of the limit.
+[[nodiscard]] std::size_t location_queue_bytes();
 
 /// Of the oldest one; there must be one. Valid until it is removed.
 [[nodiscard]] const location_source &location_queue_first_source();

@@ -68,14 +68,14 @@ bool velm_ipc_socket_create_dir(const char *path)
            make_directories(path, dir_mode, dir_mode, directory_sync::none);
 }
 
-unique_fd velm_ipc_socket_listen(const char *path)
+unique_fd velm_ipc_socket_listen(const char *path, int kind)
 {
     old_socket_remove(__func__, path);
     const std::string parent = parent_directory(path);
     if (!velm_ipc_socket_create_dir(parent.c_str())) {
         LOG_ERROR("Cannot create parent dir %s", parent.c_str());
     }
-    unique_fd socket{::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0)};
+    unique_fd socket{::socket(AF_UNIX, kind | SOCK_NONBLOCK, 0)};
     const int on = 1;
     if (!socket || setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0 ||
         evutil_make_listen_socket_reuseable(socket.get()) != 0 ||

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/socket.h>
+
 #include "handles/fd.h"
 
 /// The sockets of the location-policy IPC: AF_UNIX, SOCK_SEQPACKET, non-blocking. On failure they
@@ -16,8 +18,8 @@ inline constexpr unsigned velm_ipc_path_limit = 107;
 /// A socket that listens at the path, which others than the owner and the group cannot use. A socket
 /// that was there before is removed and the parent directory made. What is no socket, a link included,
 /// stays, with a line in the log, and the call fails: it is somebody's file.
-/// Deliberately not close-on-exec, unlike the other descriptors of the process.
-[[nodiscard]] unique_fd velm_ipc_socket_listen(const char *path);
+/// Of the IPC's own kind it is deliberately not close-on-exec, unlike the other descriptors of the process.
+[[nodiscard]] unique_fd velm_ipc_socket_listen(const char *path, int kind = SOCK_SEQPACKET);
 
 /// A close-on-exec socket connected to a server's path.
 [[nodiscard]] unique_fd velm_ipc_socket_connect(const char *path);

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -20,13 +19,12 @@
 
 #include "handles/config_pairs.h"
 #include "handles/exhaustion.h"
+#include "logger/keys.h"
 #include "logger/log_file.h"
 
 namespace {
 
 constexpr std::size_t line_capacity = 8000;
-constexpr std::array<const char *, 6> level_names{"TRACE", "DEBUG", "INFO",
-                                                  "WARN",  "ERROR", "SYSLOG"};
 
 struct category_entry {
     std::string name;
@@ -118,23 +116,12 @@ class line_buffer {
 
 bool is_true(std::string_view value)
 {
-    return value == "true" || value == "yes";
+    return logger_truth(value).value_or(false);
 }
 
-int level_from_name(const char *name)
+int level_of(const char *name)
 {
-    for (std::size_t i = 0; i < level_names.size(); ++i) {
-        if (strcasecmp(name, level_names[i]) == 0) {
-            return static_cast<int>(i);
-        }
-    }
-    return LOG_LEVEL_MUTE;
-}
-
-const char *level_name(int level)
-{
-    const auto last = static_cast<int>(level_names.size()) - 1;
-    return level_names[static_cast<std::size_t>(std::clamp(level, 0, last))];
+    return logger_level(name).value_or(LOG_LEVEL_MUTE);
 }
 
 /// The category's own threshold, or the global one. A category found moves to the head of the
@@ -215,16 +202,6 @@ void set_output(bool &output, const char *value)
     state.enabled = state.enabled || output;
 }
 
-/// Digits only; another value changes nothing.
-void set_file_max_size(std::string_view value)
-{
-    std::uint64_t size = 0;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), size);
-    if (error == std::errc{} && end == value.data() + value.size()) {
-        state.file_max_size = size;
-    }
-}
-
 /// Where a line comes from.
 struct line_origin {
     const char *category;
@@ -248,7 +225,7 @@ line_parts begin_line(line_buffer &text, const line_origin &origin)
     text.append_time(local);
     text.append(".%03ld ", static_cast<long>(now.tv_usec / 1000));
     const std::size_t after_time = text.length();
-    text.append("%5.10s ", level_name(origin.level));
+    text.append("%5.10s ", logger_level_name(origin.level));
     if (state.line_and_file) {
         text.append("file: %s, line: %i - ", origin.file, origin.line);
     }
@@ -352,29 +329,39 @@ void common_logger_set(const char *key, const char *value)
     if (key == nullptr || value == nullptr) {
         return;
     }
-    constexpr std::string_view category_prefix = "category.";
-    const std::string_view name{key};
-    if (name == "enabled") {
+    switch (logger_key_of(key)) {
+    case logger_key::enabled:
         set_enabled(value);
-    } else if (name == "level") {
-        state.level = level_from_name(value);
-    } else if (name == "stdout") {
+        break;
+    case logger_key::level:
+        state.level = level_of(value);
+        break;
+    case logger_key::to_stdout:
         set_output(state.to_stdout, value);
-    } else if (name == "syslog") {
+        break;
+    case logger_key::to_syslog:
         set_output(state.to_syslog, value);
-    } else if (name == "file") {
+        break;
+    case logger_key::to_file:
         set_output(state.to_file, value);
-    } else if (name == "file.name") {
+        break;
+    case logger_key::file_name:
         state.file_name = std::string{value}.substr(0, log_file_name_max);
-    } else if (name == "file.maxsize") {
-        set_file_max_size(value);
-    } else if (name == "lineandfile") {
+        break;
+    case logger_key::file_max_size:
+        state.file_max_size = logger_size(value).value_or(state.file_max_size);
+        break;
+    case logger_key::line_and_file:
         state.line_and_file = is_true(value);
-    } else if (name == "syslog.ident") {
+        break;
+    case logger_key::syslog_ident:
         set_syslog_ident(value);
-    } else if (name.starts_with(category_prefix)) {
-        state.categories.push_front(
-            {std::string{name.substr(category_prefix.size())}, level_from_name(value)});
+        break;
+    case logger_key::category:
+        state.categories.push_front({key + logger_category_prefix.size(), level_of(value)});
+        break;
+    case logger_key::unknown:
+        break;
     }
     if (state.observer != nullptr && state.observer->key_set != nullptr) {
         state.observer->key_set(key, value);

@@ -14,6 +14,7 @@
 #include <new>
 
 #include "handles/exhaustion.h"
+#include "malloc/json_arena.h"
 #include "malloc/tls_rooms.h"
 
 namespace {
@@ -141,6 +142,12 @@ void *openssl_realloc(void *old, std::size_t size, const char *file, int line) n
 [[gnu::constructor(101)]] void wipe_records_only_in_openssl() noexcept
 {
     CRYPTO_set_mem_functions(openssl_malloc, openssl_realloc, openssl_free);
+}
+
+/// Not under a sanitizer: there each object of a body is watched by itself.
+[[gnu::constructor(101)]] void install_json_arena() noexcept
+{
+    json_arena_install();
 }
 
 void end_before_main()

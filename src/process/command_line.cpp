@@ -6,10 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "process/version.h"
 
 namespace {
+
+constexpr char options[] = "hvtc:i:n:s:m:b:";
 
 void print_usage(const char *program)
 {
@@ -72,6 +75,9 @@ void take_option(int c, const char *argument, velm_command_line &given, option_c
         seen.config_argument = argument;
         seen.config_offset = static_cast<std::size_t>(optarg - argument);
         break;
+    case 't':
+        given.checks = true;
+        break;
     case 'i':
         given.lan_ip_address = optarg;
         break;
@@ -123,7 +129,7 @@ velm_command_line velm_command_line_parse(int argc, char **argv)
 {
     velm_command_line given;
     option_count seen;
-    for (int c = 0; (c = getopt(argc, argv, "hvc:i:n:s:m:b:")) != -1;) {
+    for (int c = 0; (c = getopt(argc, argv, options)) != -1;) {
         take_option(c, argv[optind - 1], given, seen);
     }
     if (seen.all == 1 && seen.help) {
@@ -141,4 +147,16 @@ velm_command_line velm_command_line_parse(int argc, char **argv)
     }
     given.restart_arguments = restart_arguments(argc, argv, given, seen);
     return given;
+}
+
+bool velm_command_line_asks_to_check(int argc, char **argv)
+{
+    const int diagnostics = std::exchange(opterr, 0);
+    bool asks = false;
+    for (int c = 0; (c = getopt(argc, argv, options)) != -1;) {
+        asks = asks || c == 't';
+    }
+    opterr = diagnostics;
+    optind = 0; // the C library's own reset
+    return asks;
 }

@@ -10,6 +10,7 @@
 #include "handles/secret.h"
 #include "json/text.h"
 #include "logger/fatal.h"
+#include "malloc/json_arena.h"
 #include "request/input.h"
 #include "request/status.h"
 #include "text/utf8.h"
@@ -86,6 +87,7 @@ class value_counter {
 /// Null for text that is no JSON, or whose strings are no text. What follows the value is ignored.
 json_ptr parse_json(const std::string &text)
 {
+    const json_arena_use arena;
     const char *end = nullptr;
     json_ptr tree{cJSON_ParseWithLengthOpts(text.c_str(), text.size(), &end, 0)};
     if (tree == nullptr) {

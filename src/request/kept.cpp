@@ -1,12 +1,20 @@
 #include "request/kept.h"
 
-#include <malloc.h>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstring>
 #include <iterator>
+#include <utility>
+
+#include "logger/fatal.h"
+#include "request/input.h"
 
 namespace {
+
+constexpr char log_category[] = "velm_request_preprocessor";
 
 /// Every other member of "auth" is of no use to anybody.
 constexpr const char *auth_texts[] = {"deviceId", "deviceType", "bssid",
@@ -18,20 +26,27 @@ struct module_state {
 };
 module_state state;
 
-/// With the allocator's own word. Text with escapes has a longer block than it needs.
-std::size_t block_size(const void *block)
+/// What the C library's heap takes for it.
+std::size_t block_size(std::size_t size)
 {
-    return block == nullptr ? 0
-                            : malloc_usable_size(const_cast<void *>(block)) + sizeof(std::size_t);
+    constexpr std::size_t step = 2 * sizeof(std::size_t);
+    constexpr std::size_t least = 2 * step;
+    return std::max(least, (size + sizeof(std::size_t) + step - 1) / step * step);
 }
 
-/// Of the item and all below it, without those beside it.
-// NOLINTNEXTLINE(misc-no-recursion): no deeper than velm_request_max_depth
-std::size_t tree_size(const cJSON *item)
+std::size_t text_size(const char *text)
 {
-    std::size_t size = block_size(item) + block_size(item->string) + block_size(item->valuestring);
+    return text == nullptr ? 0 : block_size(std::strlen(text) + 1);
+}
+
+/// Of a copy of the item and all below it, without those beside it.
+// NOLINTNEXTLINE(misc-no-recursion): no deeper than velm_request_max_depth
+std::size_t copy_size(const cJSON *item)
+{
+    std::size_t size =
+        block_size(sizeof(cJSON)) + text_size(item->string) + text_size(item->valuestring);
     for (const cJSON *child = item->child; child != nullptr; child = child->next) {
-        size += tree_size(child);
+        size += copy_size(child);
     }
     return size;
 }
@@ -48,6 +63,14 @@ void prune(cJSON *object, Wanted wanted)
     }
 }
 
+/// A text that is too long stays too long, without all that it has too much.
+void shorten(char *text)
+{
+    if (text != nullptr && strnlen(text, request_id_limit + 1) > request_id_limit) {
+        OPENSSL_cleanse(text + request_id_limit + 1, std::strlen(text + request_id_limit + 1));
+    }
+}
+
 /// Of members with one name the first counts.
 void prune_auth(cJSON *auth)
 {
@@ -58,6 +81,15 @@ void prune_auth(cJSON *auth)
     prune(auth, [&first](const cJSON *item) {
         return item->child == nullptr && std::find(first.begin(), first.end(), item) != first.end();
     });
+    for (const cJSON *item = auth->child; item != nullptr; item = item->next) {
+        shorten(item->valuestring);
+    }
+}
+
+void prune_to_auth(cJSON *tree)
+{
+    const cJSON *const auth = cJSON_GetObjectItemCaseSensitive(tree, "auth");
+    prune(tree, [auth](const cJSON *item) { return item == auth; });
 }
 
 } // namespace
@@ -72,13 +104,22 @@ velm_request_kept_body velm_request_keep(secret_json_ptr body, const char *membe
     if (auth != nullptr) {
         prune_auth(auth);
     }
-    std::size_t size = tree_size(tree);
-    const bool fits = other == nullptr || size <= velm_request_max_kept;
+    const bool fits = other == nullptr || copy_size(tree) <= velm_request_max_kept;
     if (!fits) {
-        prune(tree, [auth](const cJSON *item) { return item == auth; });
-        size = tree_size(tree);
+        prune_to_auth(tree);
     }
-    return {std::move(body), fits, size};
+    secret_json_ptr copy{cJSON_Duplicate(tree, true)};
+    REQUIRE_MEMORY(copy, "body");
+    return {std::move(copy), fits, copy_size(tree)};
+}
+
+void velm_request_keep_auth(velm_request_kept_body *kept)
+{
+    if (kept->tree != nullptr) {
+        prune_to_auth(kept->tree.get());
+        kept->is_whole = false;
+        kept->size = copy_size(kept->tree.get());
+    }
 }
 
 velm_request_body_offer::velm_request_body_offer(const evhtp_request_t *request,

@@ -20,10 +20,14 @@ struct velm_request_kept_body {
     std::size_t size = 0;  // memory that the tree takes
 };
 
-/// Of the body, "auth" with the texts that the checks read and the member that the route reads; null
+/// A copy: of the body, "auth" with the texts that the checks read and the member that the route reads; null
 /// for a route that reads nothing else. A member is left out when all would take more than
 /// velm_request_max_kept.
 [[nodiscard]] velm_request_kept_body velm_request_keep(secret_json_ptr body, const char *member);
+
+/// Lets go of the route's member, which nobody is going to read. What was borrowed from "auth" stays
+/// where it is.
+void velm_request_keep_auth(velm_request_kept_body *kept);
 
 /// While it lives, the route finds the tree of its request, which is borrowed. The preprocessor makes
 /// one around the result callback, whose arguments are fixed.

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <optional>
+#include <string>
 
 #include "async/common_async.h"
 #include "request/checks.h"
@@ -31,7 +32,9 @@ struct velm_request_preprocessor {
     velm_request_callback callback = nullptr;
     preproc_state state = preproc_state::init;
     int break_code = VELM_BREAK_NONE;
-    const char *refusal = nullptr; // why, a literal; null: the log takes the reason of the check
+    const char *refusal = nullptr;   // why, a literal; null: the log takes the reason of the check
+    const char *explained = nullptr; // the same for people, a literal; null: as the log has it
+    std::string hint;                // what the check saw, nothing secret; empty: nothing to say
     std::optional<velm_request_proof> proof; // what the assertion check went by
     std::optional<in_addr> client_address;   // nothing for a peer without IPv4
     // Views into `body.tree`; null when missing.

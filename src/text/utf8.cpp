@@ -49,3 +49,18 @@ bool is_utf8(std::string_view text)
     }
     return true;
 }
+
+std::string utf8_mended(std::string_view text)
+{
+    std::string mended;
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        if (length == 0) {
+            mended.append("\xef\xbf\xbd");
+        } else {
+            mended.append(text.substr(0, length));
+        }
+        text.remove_prefix(length == 0 ? 1 : length);
+    }
+    return mended;
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 /// The length of the UTF-8 sequence that `text` begins with; 0 when it is none, and for no text. What is
@@ -8,3 +9,6 @@
 [[nodiscard]] std::size_t utf8_length(std::string_view text);
 
 [[nodiscard]] bool is_utf8(std::string_view text);
+
+/// The text with U+FFFD in the place of each byte that belongs to no UTF-8 sequence.
+[[nodiscard]] std::string utf8_mended(std::string_view text);

@@ -5,7 +5,7 @@ from __future__ import annotations
 import base64
 import json
 from collections.abc import Callable
-from contextlib import nullcontext
+from contextlib import ExitStack, nullcontext
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
@@ -498,6 +498,21 @@ def test_a_body_is_read_whatever_type_it_is_said_to_have(path: str, paired: Call
             assert session.request("/info").status == 200
         if path == "/unpair":
             assert paired.phone.pair().status == 200
+
+
+def test_requests_that_are_checked_at_once_are_answered_each_in_its_own_version(
+    caller: Caller,
+) -> None:
+    """One parser reads the requests of all connections, and a reply names the request's version."""
+    body = caller.prepare("/challenge").body
+    versions = [b"HTTP/1.0", b"HTTP/1.1"] * 4
+    head = b"POST /challenge %s\r\nConnection: close\r\nContent-Length: %d\r\n\r\n"
+    with ExitStack() as connections:
+        opened = [connections.enter_context(caller.phone.host.connect_tls()) for _ in versions]
+        for tls, version in zip(opened, versions):
+            tls.sendall(head % (version, len(body)) + body)
+        for tls, version in zip(opened, versions):
+            assert read_until_closed(tls).startswith(version + b" 200 ")
 
 
 @pytest.mark.parametrize("word", ["close", "Close"])

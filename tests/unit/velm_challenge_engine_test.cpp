@@ -11,6 +11,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "story/reason.h"
 
 namespace {
 struct random_stand_in {
@@ -318,5 +319,16 @@ TEST_P(FailingRandomGenerator, EndsTheProcess)
     fake_clock_reset();
 }
 INSTANTIATE_TEST_SUITE_P(Results, FailingRandomGenerator, testing::Values(0, -1, 2));
+
+TEST_F(ChallengeEngine, SaysOfAChallengeOnlyWhenItIsThereThatItIsTooOld)
+{
+    (void)story_reason_take();
+    const std::string challenge = velm_challenge_engine_generate_challenge();
+    EXPECT_EQ(velm_challenge_engine_consume_challenge("never issued"), 0);
+    EXPECT_EQ(story_reason_take().text, nullptr);
+    fake_clock_advance(61);
+    EXPECT_EQ(velm_challenge_engine_consume_challenge(challenge.c_str()), 0);
+    EXPECT_STREQ(story_reason_take().text, "its challenge is older than 60 s");
+}
 
 } // namespace

@@ -7,6 +7,8 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "story/story.h"
+#include "story/view.h"
 #include "velm_fcm_messaging.h"
 #include "velm_nvram_pairings.h"
 
@@ -197,6 +199,23 @@ TEST_F(CloudMessaging, ANullPairingIsFatal)
     const captured_log log;
     EXPECT_DEATH((void)velm_cloud_messaging_generate_push_content(nullptr, 0, 0),
                  "velm_cloud_messaging_generate_push_content: pairing is null: null reference");
+}
+
+TEST_F(CloudMessaging, TellsWhetherARunBeganAndWhyNot)
+{
+    story_forget();
+    live_pairings = 1;
+    for (std::uint32_t seq = 1; seq <= 2; ++seq) {
+        story_request_came(seq, {1, 2, seq});
+        story_run_asked(seq);
+        velm_cloud_messaging_push_to_all(30, 0);
+    }
+    const story_view view = story_look();
+    EXPECT_EQ(view.rounds[1].round->run, story_run_number());
+    EXPECT_EQ(view.rounds[1].round->run_left_out, story_cause::none);
+    EXPECT_EQ(view.rounds[0].round->run, 0U);
+    EXPECT_EQ(view.rounds[0].round->run_left_out, story_cause::too_soon);
+    story_forget();
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "config/settings.h"
 #include "fakes/captured_log.h"
 #include "fakes/temporary_directory.h"
 #include "logger/common_logger.h"
@@ -83,6 +84,56 @@ TEST_F(Config, SettingDefaultsReplacesEveryField)
     velm_config_set_defaults(&config);
     EXPECT_EQ(printed(), default_lines);
 }
+
+/// Where each value that did not come from the defaults came from.
+std::vector<std::pair<std::string, config_source>> sources_of(const velm_config &config)
+{
+    std::vector<std::pair<std::string, config_source>> found;
+    for (const config_setting &row : config_file_settings()) {
+        if (config_source_of(config, row) != config_source::standard) {
+            found.emplace_back(row.key, config_source_of(config, row));
+        }
+    }
+    return found;
+}
+
+TEST_F(Config, RemembersWhatTheFileHasSet)
+{
+    EXPECT_TRUE(sources_of(config).empty());
+    load("vendor.id=V\nprocess.daemonize=no\nhttp.server.port=1\n\n");
+    EXPECT_EQ(sources_of(config), (std::vector<std::pair<std::string, config_source>>{
+                                      {"process.daemonize", config_source::file},
+                                      {"http.server.port", config_source::file},
+                                      {"vendor.id", config_source::file},
+                                  }));
+    velm_config_set_defaults(&config);
+    EXPECT_TRUE(sources_of(config).empty());
+}
+
+struct control_case {
+    const char *name, *file, *path;
+};
+class ControlSocket : public Config, public testing::WithParamInterface<control_case> {};
+
+TEST_P(ControlSocket, LiesAt)
+{
+    load(GetParam().file);
+    EXPECT_STREQ(config.control_sock, GetParam().path);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ControlSocket,
+    testing::Values(
+        control_case{"BesideTheDefaultPidFile", "vendor.id=V\n\n", "/var/run/velmd.control.sock"},
+        control_case{"BesideThePidFile", "process.pidfile=/run/afc/pid\n\n",
+                     "/run/afc/velmd.control.sock"},
+        control_case{"WhereARelativePidFileLies", "process.pidfile=pid\n\n", "/velmd.control.sock"},
+        control_case{"NowhereWithoutAPidFile", "process.pidfile=\"\"\n\n", ""},
+        control_case{"WhereTheFileSays", "process.pidfile=/run/pid\ncontrol.sock=/tmp/c\n\n",
+                     "/tmp/c"},
+        control_case{"NowhereWhenTheFileSaysSo", "control.sock=\nprocess.pidfile=/run/pid\n\n",
+                     ""}),
+    [](const auto &row) { return std::string{row.param.name}; });
 
 TEST_F(Config, SettingDefaultsTurnsTheLoggerOff)
 {
@@ -366,5 +417,23 @@ INSTANTIATE_TEST_SUITE_P(Functions, ConfigNull, testing::Values(
               "ERROR velm_config - set_config_value_bool: key is null: null reference"}),
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
+
+TEST_F(Config, TheShadowDatabaseIsUsedOnlyIfTheFileSaysSo)
+{
+    EXPECT_FALSE(config.accounts_shadow);
+    load("accounts.shadow=yes\n");
+    EXPECT_TRUE(config.accounts_shadow);
+    EXPECT_EQ(printed(), default_lines) << "tools in the field compare these lines";
+    velm_config_set_defaults(&config);
+    EXPECT_FALSE(config.accounts_shadow);
+}
+
+TEST_F(Config, PairsCanBeLoadedWithoutTheLogger)
+{
+    const std::string path = directory.write("velmd.conf", "logger.stdout=yes\nvendor.id=V\n");
+    velm_config_load_pairs(&config, conffile_parse(path.c_str()));
+    EXPECT_STREQ(config.vendor_id, "V");
+    EXPECT_FALSE(common_logger_is_enabled());
+}
 
 } // namespace

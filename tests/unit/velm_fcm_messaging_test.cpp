@@ -14,6 +14,9 @@
 #include "fakes/fake_clock.h"
 #include "fakes/fake_google.h"
 #include "fakes/fake_nvram.h"
+#include "story/reason.h"
+#include "story/story.h"
+#include "story/view.h"
 #include "velm_cloud_messaging.h"
 #include "velm_nvram_pairings.h"
 
@@ -586,6 +589,81 @@ TEST_F(Fcm, ThePrivateKeyIsNeverLogged)
     pair_slot(0, "a", "ta");
     push();
     EXPECT_FALSE(log.contains("SECRET"));
+}
+
+class FcmStory : public Fcm {
+  protected:
+    FcmStory()
+    {
+        story_forget();
+        story_request_came(1, {1, 2, 3});
+        story_run_asked(1);
+        story_run_begins();
+    }
+    ~FcmStory() override
+    {
+        story_forget();
+    }
+
+    static story_round_view round()
+    {
+        return story_look().rounds.at(0);
+    }
+};
+
+TEST_F(FcmStory, APushIsToldWithItsPhoneAndTheAnswer)
+{
+    pair_slot(4, "a", "ta");
+    fake_nvram.values["zelkad_pairing_4_name"] = "Anna's iPhone";
+    fake_nvram.values["zelkad_pairing_4_dev_model"] = "iPhone15,2";
+    push();
+    ASSERT_EQ(round().pushes.size(), 1U);
+    EXPECT_FALSE(round().pushes[0]->ended);
+    answer(404);
+    const story_push &told = *round().pushes[0];
+    EXPECT_EQ(told.slot, 4);
+    EXPECT_STREQ(told.name, "Anna's iPhone");
+    EXPECT_STREQ(told.model, "iPhone15,2");
+    EXPECT_TRUE(told.ended);
+    EXPECT_EQ(told.status, 404);
+    EXPECT_STREQ(told.error, "the push token is not registered any more");
+}
+
+TEST_F(FcmStory, APushThatTheServiceTookHasNoError)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    answer(200);
+    EXPECT_EQ(round().pushes[0]->status, 200);
+    EXPECT_STREQ(round().pushes[0]->error, "");
+    EXPECT_EQ(round().round->pushes_ok, 1U);
+}
+
+TEST_F(FcmStory, APushThatCouldNotBeMadeHasNoStatusButAReason)
+{
+    pair_slot(0, "a", "");
+    push();
+    EXPECT_EQ(round().pushes[0]->status, 0);
+    EXPECT_STREQ(round().pushes[0]->error, "the pairing has no push token");
+    EXPECT_EQ(round().round->pushes_bad, 1U);
+}
+
+TEST_F(FcmStory, ARunWithoutAnAccessTokenSaysSo)
+{
+    pair_slot(0, "a", "ta");
+    velm_fcm_messaging_push_to_all(30, 0);
+    story_reason_set("the access token was refused", 403);
+    answer_token(nullptr);
+    EXPECT_EQ(round().round->run_left_out, story_cause::no_access_token);
+    EXPECT_EQ(round().round->run_status, 403);
+}
+
+TEST_F(FcmStory, ARunWithoutAKeySaysSo)
+{
+    write_key("no json");
+    velm_fcm_messaging_init(&config);
+    velm_fcm_messaging_push_to_all(30, 0);
+    EXPECT_EQ(round().round->run_left_out, story_cause::no_key);
 }
 
 } // namespace

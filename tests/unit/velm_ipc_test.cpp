@@ -15,6 +15,8 @@
 #include "fakes/ipc_peer.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
+#include "story/story.h"
+#include "story/view.h"
 
 namespace {
 
@@ -323,6 +325,89 @@ TEST_F(Ipc, ARequestWhoseReportHasComeWakesNobodyUntilItsTimeIsOver)
     turn_timer_on();
     EXPECT_NEAR(timer_due(base).value_or(0), 601, 1);
     EXPECT_EQ(respond(1), 1);
+}
+
+TEST_F(Ipc, ARequestAfterAReportIsLookedAfterEveryThreeSecondsAgain)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
+    turn_timer_on();
+    ipc_send(client, ipc_request(2));
+    ASSERT_TRUE(turn_until_taken(2));
+    EXPECT_NEAR(timer_due(base).value_or(0), 3, 0.5);
+}
+
+class IpcStory : public Ipc {
+  protected:
+    IpcStory()
+    {
+        story_forget();
+    }
+    ~IpcStory() override
+    {
+        story_forget();
+    }
+
+    static const story_round &newest()
+    {
+        return *story_look().rounds.at(0).round;
+    }
+};
+
+TEST_F(IpcStory, ARoundBeginsWithARequestAndNamesWhoAsked)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(500));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_EQ(newest().pid, getpid());
+    EXPECT_EQ(newest().uid, getuid());
+    EXPECT_EQ(newest().request_id, 500U);
+    EXPECT_EQ(newest().state, story_state::open);
+}
+
+TEST_F(IpcStory, ARefusedRequestIsARoundThatWasBusy)
+{
+    handler_result = 0;
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_EQ(newest().state, story_state::refused);
+    EXPECT_EQ(story_cause_of(newest()), story_cause::busy);
+}
+
+TEST_F(IpcStory, ARequestThatWaitedTooLongIsARoundThatExpired)
+{
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    fake_clock_advance(601);
+    velm_ipc_tick(server.get());
+    EXPECT_EQ(newest().state, story_state::expired);
+}
+
+TEST_F(IpcStory, ARequestWhoseClientWentIsARoundWithoutAClient)
+{
+    unique_fd client = connect();
+    ipc_send(client, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    client.reset();
+    ipc_turn(base.get());
+    velm_ipc_tick(server.get());
+    EXPECT_EQ(newest().state, story_state::client_gone);
+}
+
+TEST_F(IpcStory, AReportIsToldWithTheNumberOfItsClients)
+{
+    const unique_fd one = connect();
+    const unique_fd other = connect();
+    ipc_send(one, ipc_request(1));
+    ASSERT_TRUE(turn_until_taken(1));
+    EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
+    story_report_done("phone", 0);
+    EXPECT_EQ(newest().state, story_state::answered);
+    EXPECT_EQ(story_look().rounds.at(0).reports.at(0)->clients, 2U);
 }
 
 TEST_F(Ipc, TheTimerIsSetForTheMomentAtWhichTheOldestRequestHasWaitedTooLong)

@@ -1,5 +1,6 @@
 #include "velm_location_policy_ipc.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -15,6 +16,8 @@
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "ipc/report_queue.h"
+#include "story/story.h"
+#include "story/view.h"
 #include "velm_cloud_messaging.h"
 #include "velm_nvram_pairings.h"
 
@@ -681,6 +684,42 @@ TEST_F(LocationPolicy, ACopyThatFindsNoMemoryIsFatalUnderItsName)
     const json_ptr auth{cJSON_Parse(good_auth)};
     EXPECT_DEATH(deliver_with_memory_for(1, auth.get()),
                  "velm_location_policy_ipc_send: d->auth is null: not enough memory");
+}
+
+TEST_F(LocationPolicy, TellsTheTimeOutOfARequestAndWhoseReportAnsweredIt)
+{
+    story_forget();
+    fake.pairings = 1;
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1, 45));
+    ASSERT_TRUE(ipc_turn_until(base, [] { return !fake.pushes.empty(); }));
+    EXPECT_EQ(story_look().rounds.at(0).round->timeout_s, 45U);
+    deliver();
+    ASSERT_TRUE(next_packet(client).has_value());
+    const story_view view = story_look();
+    EXPECT_EQ(view.rounds.at(0).round->state, story_state::answered);
+    EXPECT_STREQ(view.rounds.at(0).reports.at(0)->device_id, "phone-1");
+    EXPECT_EQ(view.rounds.at(0).reports.at(0)->address, inet_addr("192.168.1.23"));
+    story_forget();
+}
+
+TEST_F(LocationPolicy, TellsThatNobodyIsPairedAndThatALocationWasNotHandedOn)
+{
+    story_forget();
+    fake.pairings = 0;
+    const unique_fd client = connect();
+    ipc_send(client, ipc_request(1, 45));
+    ASSERT_TRUE(next_packet(client).has_value());
+    EXPECT_EQ(story_cause_of(*story_look().rounds.at(0).round), story_cause::no_pairings);
+    deliver(R"({"latitude": 91})");
+    ipc_turn(base);
+    const story_view view = story_look();
+    ASSERT_EQ(view.visits.size(), 1U);
+    EXPECT_STREQ(view.visits[0]->check, story_location_check);
+    EXPECT_STREQ(view.visits[0]->why, "it is on no map");
+    EXPECT_STREQ(view.visits[0]->device_id, "phone-1");
+    EXPECT_TRUE(view.rounds.at(0).reports.empty());
+    story_forget();
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "config/settings.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_nvram.h"
 
@@ -82,6 +83,18 @@ INSTANTIATE_TEST_SUITE_P(Settings, NvramText, testing::Values(
     setting<&velm_config::vendor_id>("ap_vendor")),
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
+
+TEST_F(NvramConfig, RemembersWhatItHasSet)
+{
+    const auto source_of = [this](config_field field) { return config_source_of(config, field); };
+    fake_nvram.values["zelkad_http_server_port"] = "8443";
+    fake_nvram.values["zelkad_pairing_maxnum"] = "many";
+    fake_nvram.values["ap_vendor"] = "";
+    velm_nvram_config_load(&config);
+    EXPECT_EQ(source_of(&velm_config::http_server_port), config_source::nvram);
+    EXPECT_EQ(source_of(&velm_config::pairings_limit), config_source::standard);
+    EXPECT_EQ(source_of(&velm_config::vendor_id), config_source::standard);
+}
 
 struct number_setting {
     const char *name;
@@ -187,6 +200,26 @@ TEST_F(NvramConfig, WithoutARecordTheProcessEnds)
     EXPECT_DEATH(
         velm_nvram_config_load(nullptr),
         "ERROR velm_nvram_config - velm_nvram_config_load: config is null: not enough memory");
+}
+
+TEST(NvramFit, SaysWhatTheReadersMakeOfASetting)
+{
+    fake_nvram = {};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::absent);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::absent);
+    fake_nvram.values = {{"t", ""}, {"n", ""}};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::absent);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::absent);
+    fake_nvram.values = {{"t", "abc"}, {"n", "65535"}};
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 4), nvram_fit::fits);
+    EXPECT_EQ(velm_nvram_config_fit_text("t", 3), nvram_fit::too_long);
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::fits);
+    for (const char *number : {"0", "65536", "x"}) {
+        fake_nvram.values["n"] = number;
+        EXPECT_EQ(velm_nvram_config_fit_number("n", 1), nvram_fit::no_number) << number;
+    }
+    fake_nvram.values["n"] = std::string(21, '0');
+    EXPECT_EQ(velm_nvram_config_fit_number("n", 0), nvram_fit::too_long);
 }
 
 } // namespace

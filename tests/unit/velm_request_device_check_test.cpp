@@ -126,4 +126,29 @@ TEST_F(DeviceCheck, InitLogsItsName)
     EXPECT_TRUE(log_.has("TRACE velm_request_device_check - velm_request_device_check_init"));
 }
 
+TEST_F(DeviceCheck, SaysWhatThePhoneNamedAndWhatWouldHaveDone)
+{
+    velm_request_preprocessor p;
+    p.client_bssid = "02:00:00:00:00:01";
+    make_device_check(&p);
+    turn_test_loop();
+    EXPECT_STREQ(p.explained, "the BSSID that it named is none of this access point's");
+    EXPECT_EQ(p.hint, "named 02:00:00:00:00:01, ours: 00:1a:2b:3c:4d:5e, aa:bb:cc:dd:ee:ff");
+}
+
+TEST_F(DeviceCheck, SaysThatTheListIsEmptyOrTheBssidIsNone)
+{
+    velm_request_preprocessor p;
+    p.client_bssid = "02";
+    make_device_check(&p);
+    turn_test_loop();
+    EXPECT_STREQ(p.explained, "the BSSID that it named is no MAC address");
+    EXPECT_EQ(p.hint, "named 02");
+    set_list("[]");
+    p.client_bssid = "02:00:00:00:00:01";
+    make_device_check(&p);
+    turn_test_loop();
+    EXPECT_STREQ(p.explained, "this access point knows no BSSID of its own");
+}
+
 } // namespace

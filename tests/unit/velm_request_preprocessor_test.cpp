@@ -18,6 +18,8 @@
 #include "fakes/paused_request.h"
 #include "logger/common_logger.h"
 #include "request/record.h"
+#include "story/story.h"
+#include "story/told.h"
 #include "velm_request_assert_check.h"
 #include "velm_request_device_check.h"
 #include "velm_request_pairing_check.h"
@@ -303,11 +305,11 @@ TEST_F(Preprocessor, IsNotToldOfTheEndOfARequestThatItHasHandedBack)
     EXPECT_FALSE(told_of_its_end);
 }
 
-TEST_F(Preprocessor, WipesThePasswordWithTheRecordAndTheCopyOfTheBodyItCameIn)
+TEST_F(Preprocessor, WipesThePasswordWithTheRecordAndTheTreeAndTheCopyOfTheBodyItCameIn)
 {
     wiped.clear();
     EXPECT_EQ(run(good_body, request_only), 0);
-    EXPECT_EQ(std::count(wiped.begin(), wiped.end(), "secret"), 1);
+    EXPECT_EQ(std::count(wiped.begin(), wiped.end(), "secret"), 2);
     EXPECT_EQ(std::count(wiped.begin(), wiped.end(), good_body), 1);
 }
 
@@ -735,6 +737,55 @@ TEST_F(Preprocessor, StopsReadingAtTheFirstMemberThatWillNotDo)
           "] - user_agent:  (null)"}) {
         EXPECT_TRUE(log_.contains(text)) << text;
     }
+}
+
+// What is told of a request
+
+story_told told_last;
+std::string hint_last;
+
+void note_told(evhtp_request_t *request, int break_code)
+{
+    note_result(request, break_code);
+    told_last = story_told_now();
+    hint_last = told_last.hint != nullptr ? told_last.hint : "";
+}
+
+TEST_F(Preprocessor, LendsWhatTheChecksFoundOutToTheResultCallback)
+{
+    const paused_request request{good_body, {{"X-Assertion", "YXNz"}}};
+    checks.held = "device";
+    start(request, all_checks, note_told);
+    turn_test_loop();
+    checks.waiting->explained = "in words";
+    checks.waiting->hint = "seen";
+    velm_request_preprocessor_continue(checks.waiting, VELM_BREAK_BSSID);
+    turn_test_loop();
+    EXPECT_STREQ(told_last.check, story_device_check);
+    EXPECT_STREQ(told_last.why, "in words");
+    EXPECT_EQ(hint_last, "seen");
+    EXPECT_EQ(story_told_now().check, nullptr) << "only while the callback runs";
+}
+
+TEST_F(Preprocessor, TellsTheReasonOfTheLogWhereTheCheckGivesNoOther)
+{
+    const paused_request request{good_body, {{"X-Assertion", "YXNz"}}};
+    checks.codes["user_pass"] = VELM_BREAK_LOGIN;
+    start(request, all_checks, note_told);
+    turn_test_loop();
+    EXPECT_STREQ(told_last.check, story_user_pass_check);
+    EXPECT_STREQ(told_last.why, "login refused");
+    EXPECT_EQ(told_last.hint, nullptr);
+}
+
+TEST_F(Preprocessor, TellsOfARequestThatPassedOnlyWhoseItIs)
+{
+    const paused_request request{good_body, {{"X-Assertion", "YXNz"}}};
+    start(request, all_checks, note_told);
+    turn_test_loop();
+    EXPECT_NE(told_last.device_id, nullptr);
+    EXPECT_EQ(told_last.check, nullptr);
+    EXPECT_EQ(told_last.why, nullptr);
 }
 
 } // namespace

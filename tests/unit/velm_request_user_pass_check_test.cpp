@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "accounts/shadow.h"
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/paused_request.h"
@@ -306,6 +307,14 @@ TEST_F(UserPassCheck, TheThrottleOutlivesAReload)
     fail_at({0, 0, 0, 0, 0});
     velm_request_user_pass_check_init(nullptr);
     EXPECT_TRUE(log_.has("TRACE velm_request_user_pass_check - velm_request_user_pass_check_init"));
+    EXPECT_FALSE(shadow_is_used());
+    velm_config config{};
+    config.accounts_shadow = true;
+    velm_request_user_pass_check_init(&config);
+    EXPECT_TRUE(shadow_is_used());
+    config.accounts_shadow = false;
+    velm_request_user_pass_check_init(&config);
+    EXPECT_FALSE(shadow_is_used());
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
 }
 
@@ -321,6 +330,31 @@ TEST_F(UserPassCheck, DoesNotBeginWhenTheRequestHasGone)
     turn_test_loop();
     EXPECT_EQ(logins, 0);
     EXPECT_EQ(login("admin", "right"), 0);
+}
+
+TEST_F(UserPassCheck, ExplainsARefusalWithoutNamingTheUser)
+{
+    const auto refused = [](const char *username) {
+        velm_request_preprocessor p;
+        p.client_username = username;
+        p.client_password = "wrong";
+        make_user_pass_check(&p);
+        turn_test_loop();
+        return std::pair<std::string, std::string>{p.explained != nullptr ? p.explained : "",
+                                                   p.hint};
+    };
+    fake_clock_set(start_time);
+    EXPECT_EQ(refused("eve"),
+              (std::pair<std::string, std::string>{"its user name or password is wrong", ""}));
+    fail_between_right_ones("eve", 4);
+    EXPECT_EQ(refused("eve"),
+              (std::pair<std::string, std::string>{
+                  "logins of its user name are blocked after five wrong passwords", "60 s more"}));
+    for (int i = 0; i < 5; ++i) {
+        login("admin", "wrong");
+    }
+    EXPECT_EQ(refused("bob"), (std::pair<std::string, std::string>{
+                                  "logins are blocked after five wrong passwords", "60 s more"}));
 }
 
 } // namespace

@@ -312,4 +312,25 @@ TEST_F(SysParams, SerialNumberAndMacAddressAreThePlatforms)
     EXPECT_EQ(sys_mac_address(), "00:11:22:33:44:55");
 }
 
+TEST_F(SysParams, EachBssidHasTheNameOfItsSettingAndSoHasOneThatIsMissing)
+{
+    fake_nvram.values = {{"wl_radio_num", "3"},  {"wl0_maxssid", "3"}, {"wl0_hwaddr", "a0"},
+                         {"wl0.2_hwaddr", "a2"}, {"wl1_maxssid", "1"}, {"wl1_hwaddr", ""}};
+    std::string all;
+    for (const sys_bssid &bssid : sys_bssid_settings()) {
+        all += bssid.setting + '=' + bssid.value.value_or("none") + ' ';
+    }
+    EXPECT_EQ(all, "wl0_hwaddr=a0 wl0.2_hwaddr=a2 wl1_hwaddr=none wl2_maxssid=none ");
+}
+
+TEST_F(SysParams, TheLanBridgeHasTheNameOfItsSetting)
+{
+    EXPECT_FALSE(sys_find_lan_bridge().has_value());
+    fake_nvram.values = {{"lan3_ifnames", "eth0 wl0"}};
+    EXPECT_EQ(sys_find_lan_bridge()->setting, "lan3_ifname");
+    EXPECT_EQ(sys_find_lan_bridge()->name, std::nullopt);
+    fake_nvram.values["lan3_ifname"] = "br3";
+    EXPECT_EQ(sys_find_lan_bridge()->name, "br3");
+}
+
 } // namespace

@@ -3,6 +3,7 @@
 #include <crypt.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <shadow.h>
 
 #include <cerrno>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "accounts/shadow.h"
 #include "fakes/captured_log.h"
 #include "logger/fatal.h"
 
@@ -18,7 +20,9 @@ namespace {
 /// What the stand-ins for the password database and for crypt do, and what they saw.
 struct system_seen {
     std::map<std::string, std::string> accounts; // name, password field
-    const char *canonical_name = nullptr;        // what the database says to any name
+    std::map<std::string, std::string> shadow;   // the same of the shadow database
+    int shadow_look_ups = 0;
+    const char *canonical_name = nullptr; // what the database says to any name
     int error = 0;
     int errno_only = 0;     // with the answer that there is no such account
     std::size_t needed = 0; // a smaller buffer gives ERANGE
@@ -67,6 +71,28 @@ extern "C" int getpwnam_r(const char *name, passwd *account, char *buffer, size_
     return 0;
 }
 
+extern "C" int faccessat(int, const char *, int, int) noexcept
+{
+    return 0; // whatever this user may read
+}
+
+extern "C" int getspnam_r(const char *name, spwd *entry, char *buffer, size_t size, spwd **result)
+{
+    ++system_state.shadow_look_ups;
+    *result = nullptr;
+    const auto found = system_state.shadow.find(name);
+    if (found == system_state.shadow.end()) {
+        return 0;
+    }
+    if (size < found->second.size() + 1) {
+        return ERANGE;
+    }
+    entry->sp_pwdp = std::strcpy(buffer, found->second.c_str());
+    entry->sp_lstchg = entry->sp_max = entry->sp_inact = entry->sp_expire = -1;
+    *result = entry;
+    return 0;
+}
+
 extern "C" void setpwent()
 {
     system_state.next_listed = 0;
@@ -82,6 +108,9 @@ extern "C" passwd *getpwent()
     if (system_state.next_listed == system_state.listed.size()) {
         return nullptr;
     }
+    static std::string name;
+    name = "account" + std::to_string(system_state.next_listed);
+    account.pw_name = name.data();
     account.pw_passwd = system_state.listed[system_state.next_listed++].data();
     return &account;
 }
@@ -384,6 +413,95 @@ TEST_F(Passwd, ALookUpWithoutMemoryEndsTheProcess)
     system_state.error = 0;
     system_state.errno_only = ENOMEM;
     EXPECT_DEATH((void)velm_user_auth_passwd_login("admin", "secret"), "not enough memory");
+}
+
+class ShadowedPasswd : public Passwd {
+  protected:
+    ShadowedPasswd()
+    {
+        shadow_use(true);
+        system_state.accounts["admin"] = "x";
+        system_state.shadow["admin"] = "stored";
+    }
+    ~ShadowedPasswd() override
+    {
+        shadow_use(false);
+    }
+};
+
+TEST_F(ShadowedPasswd, IsTheOneOfTheShadowDatabase)
+{
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 1);
+    system_state.shadow["admin"] = "other!";
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0);
+    EXPECT_TRUE(log_.contains("invalid password"));
+    EXPECT_EQ(log_.count("stored"), 0) << "the hash is a secret";
+}
+
+TEST_F(ShadowedPasswd, IsLookedUpOnlyForTheFieldX)
+{
+    for (const char *field : {"stored", "xx", "X", "*", "!", ""}) {
+        system_state.accounts["admin"] = field;
+        (void)velm_user_auth_passwd_login("admin", "secret");
+    }
+    EXPECT_EQ(system_state.shadow_look_ups, 0);
+    shadow_use(false);
+    system_state.accounts["admin"] = "x";
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0);
+    EXPECT_EQ(system_state.shadow_look_ups, 0);
+}
+
+TEST_F(ShadowedPasswd, ThatIsNoSettingIsAWrongOneAfterAHash)
+{
+    for (const char *field : {"*", "!", "x", "!$6$salt$hash"}) {
+        system_state.settings.clear();
+        system_state.shadow["admin"] = system_state.hash = field;
+        EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0) << field;
+        expect_hashed_for_nothing();
+    }
+}
+
+TEST_F(ShadowedPasswd, ThatIsEmptyAcceptsAnyAsOneOfTheAccountDoes)
+{
+    system_state.shadow["admin"] = "";
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 1);
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", ""), 0);
+}
+
+TEST_F(ShadowedPasswd, OfAnAccountWithoutAnEntryIsAWrongOneAfterAHash)
+{
+    system_state.shadow.clear();
+    EXPECT_EQ(velm_user_auth_passwd_login("admin", "secret"), 0);
+    expect_hashed_for_nothing();
+    EXPECT_TRUE(log_.contains("velm_user_auth_passwd_login - no shadow entry"));
+}
+
+TEST_F(ShadowedPasswd, OfRootIsRefusedUnseen)
+{
+    system_state.accounts["root"] = "x";
+    system_state.shadow["root"] = "stored";
+    EXPECT_EQ(velm_user_auth_passwd_login("root", "secret"), 0);
+    EXPECT_EQ(system_state.shadow_look_ups, 0);
+}
+
+/// In a process of its own, where nobody has logged in yet.
+void log_in_with_shadow()
+{
+    system_state = {};
+    system_state.listed = {"*", "x", "x"};
+    system_state.shadow["account1"] = "!";
+    system_state.shadow["account2"] = "$y$j9T$salt$hash";
+    system_state.hash = "hash";
+    shadow_use(true);
+    (void)velm_user_auth_passwd_login("nobody-here", "secret");
+    const std::vector<std::string> wanted{"$y$j9T$salt$...."};
+    std::exit(system_state.settings == wanted ? 0 : 1);
+}
+
+TEST(FirstSetting, IsThatOfTheFirstShadowedAccountThatHasAHash)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(log_in_with_shadow(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -5,16 +5,16 @@ from __future__ import annotations
 from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
-from typing import Any
+from typing import Any, Protocol
 
 import jsonschema
 import yaml
-from velm_sim.lan_http import Reply
 
 METHODS = ("get", "put", "post", "delete", "options", "head", "patch", "trace")
 SCHEMA_KEYS = {
     "type", "required", "properties", "additionalProperties", "items", "minItems", "enum",
     "pattern", "minLength", "maxLength", "minimum", "maximum", "description", "oneOf", "allOf",
+    "nullable",
 }  # fmt: skip
 
 _TEXT = {"type": "string", "minLength": 1}
@@ -87,6 +87,31 @@ DOCUMENT = _object(
         schemas=_named({"type": "object"}),
     ),
 )
+
+
+class Answer(Protocol):
+    """What both APIs answer."""
+
+    @property
+    def status(self) -> int: ...
+
+    @property
+    def headers(self) -> dict[str, str]: ...
+
+    @property
+    def body(self) -> bytes: ...
+
+    def json(self) -> Any: ...
+
+
+def _with_null(part: Any) -> Any:
+    """JSON Schema has no "nullable"."""
+    if isinstance(part, list):
+        return [_with_null(one) for one in part]
+    if not isinstance(part, dict):
+        return part
+    made = {name: _with_null(value) for name, value in part.items() if name != "nullable"}
+    return {"anyOf": [made, {"enum": [None]}]} if part.get("nullable") is True else made
 
 
 class ContractError(AssertionError):
@@ -176,7 +201,7 @@ class Contract:
 
     # Answers.
 
-    def check(self, path: str, reply: Reply) -> None:
+    def check(self, path: str, reply: Answer) -> None:
         """`ContractError` for an answer that is not documented."""
         allowed = self.responses(path)
         if reply.status not in allowed:
@@ -189,11 +214,12 @@ class Contract:
         kind = reply.headers.get("content-type")
         if kind not in content:
             raise ContractError(f"{path} answered {reply.status} as {kind}")
-        self.validate(reply.json(), content[kind]["schema"])
+        said = reply.json() if kind == "application/json" else reply.body.decode()
+        self.validate(said, content[kind]["schema"])
 
     def validate(self, instance: Any, schema: dict[str, Any]) -> None:
         """`jsonschema.ValidationError` for what breaks a schema of the document."""
-        whole = {"allOf": [schema], "components": self.document["components"]}
+        whole = _with_null({"allOf": [schema], "components": self.document["components"]})
         jsonschema.Draft4Validator(whole).validate(instance)
 
     # Requests.

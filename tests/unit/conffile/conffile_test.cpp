@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <string>
 #include <utility>
 #include <vector>
@@ -208,6 +209,77 @@ TEST_F(ConffileLookup, WithoutKeyFileOrPairsWarns)
 TEST_F(ConffileLookup, WithoutAFileThereIsNoFirstPair)
 {
     EXPECT_EQ(conffile_next_pair(nullptr, nullptr), nullptr);
+}
+
+/// Lines as "number key=value[behind the key][behind the value]".
+std::string told_of(const temporary_directory &directory, std::string_view content,
+                    conffile_account *account)
+{
+    const std::string path = directory.write("told.conf", content);
+    EXPECT_NE(conffile_account_for(path.c_str(), account), nullptr);
+    std::string all;
+    for (const conffile_line &line : account->lines) {
+        all += std::to_string(line.number) + ' ';
+        all += line.is_pair ? line.key + '=' + line.value + '[' + line.behind_key + "][" +
+                                  line.behind_value + (line.is_open ? "]open " : "] ")
+                            : "bad ";
+    }
+    return all;
+}
+
+TEST(ConffileAccount, HasEveryLineThatIsNoComment)
+{
+    const temporary_directory directory;
+    conffile_account account;
+    EXPECT_EQ(told_of(directory, "a=1\n# b\n\n x y = \"2 3\" 4\t5 \nbad\nc=\"6\n", &account),
+              "1 a=1[][] 4 x=2 3[y][4\t5] 5 bad 6 c=6[][]open ");
+    EXPECT_EQ(account.last_line, 6U);
+    EXPECT_EQ(account.lost, '\0');
+    EXPECT_FALSE(account.is_cut || account.has_nul);
+    EXPECT_EQ(conffile_bad_line(), 5U);
+}
+
+TEST(ConffileAccount, HasThePairsOfTheGoodLines)
+{
+    const temporary_directory directory;
+    const std::string path = directory.write("velmd.conf", "bad\na=1\n");
+    conffile_account account;
+    const conffile_ptr file = conffile_account_for(path.c_str(), &account);
+    EXPECT_STREQ(conffile_get_value(file.get(), "a"), "1");
+    EXPECT_EQ(conffile_parse(path.c_str()), nullptr);
+}
+
+TEST(ConffileAccount, SaysHowTheFileEnds)
+{
+    using namespace std::string_view_literals;
+    const temporary_directory directory;
+    conffile_account account;
+    told_of(directory, "a=12", &account);
+    EXPECT_EQ(account.lost, '2');
+    EXPECT_FALSE(account.ends_in_comment);
+    told_of(directory, "a=1\n# b", &account);
+    EXPECT_TRUE(account.ends_in_comment);
+    told_of(directory, "# b\na=1\n", &account);
+    EXPECT_FALSE(account.ends_in_comment);
+    told_of(directory, "a=1\nb\0=2\n"sv, &account);
+    EXPECT_TRUE(account.has_nul);
+    EXPECT_EQ(account.last_line, 2U);
+    told_of(directory, "", &account);
+    EXPECT_FALSE(account.has_nul);
+    told_of(directory, std::string(4096, '\n'), &account);
+    EXPECT_FALSE(account.is_cut);
+    told_of(directory, std::string(4097, '\n'), &account);
+    EXPECT_TRUE(account.is_cut);
+}
+
+TEST(ConffileAccount, SaysWhyAFileCannotBeOpened)
+{
+    const temporary_directory directory;
+    conffile_account account;
+    EXPECT_EQ(conffile_account_for(directory.path("none").c_str(), &account), nullptr);
+    EXPECT_EQ(account.error, ENOENT);
+    EXPECT_EQ(conffile_account_for(directory.path().c_str(), &account), nullptr);
+    EXPECT_EQ(account.error, EISDIR);
 }
 
 } // namespace

@@ -76,4 +76,39 @@ TEST(FcmAnswerNestedTooDeep, IsAboutTheToken)
     EXPECT_TRUE(velm_fcm_answer_is_about_the_token(body.c_str(), body.size(), nullptr));
 }
 
+struct words_case {
+    const char *name;
+    int code;
+    const char *body;
+    const char *words;
+};
+
+class FcmAnswerWords : public testing::TestWithParam<words_case> {};
+
+TEST_P(FcmAnswerWords, AreShortAndNotOfTheSendersMaking)
+{
+    const std::string body = GetParam().body;
+    const std::string words =
+        velm_fcm_answer_words(GetParam().code, body.c_str(), body.size(), nullptr);
+    EXPECT_EQ(words, GetParam().words);
+    EXPECT_LT(words.size(), 48U) << "they are cut";
+}
+
+// clang-format off
+INSTANTIATE_TEST_SUITE_P(Codes, FcmAnswerWords, testing::Values(
+    words_case{"NoConnection", 0, "", "cannot connect to the push service"},
+    words_case{"NoAnswer", -1, "", "no answer in time"},
+    words_case{"EndWithoutAnswer", -2, "", "the connection ended without an answer"},
+    words_case{"NoHttp", -3, "", "the answer is no HTTP"},
+    words_case{"BrokenConnection", -4, "", "the connection or its certificate failed"},
+    words_case{"TooLong", -6, "", "the answer is too long"},
+    words_case{"UnknownToken", 404, "", "the push token is not registered any more"},
+    words_case{"Page", 404, "<html>", "the answer is not about the push token"},
+    words_case{"Status", 403, R"({"error":{"status":"PERMISSION_DENIED"}})", "refused: PERMISSION_DENIED"},
+    words_case{"StatusOfOtherLetters", 400, R"({"error":{"status":"a b"}})", "refused"},
+    words_case{"StatusThatIsTooLong", 400, R"({"error":{"status":"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA"}})", "refused"},
+    words_case{"NoStatus", 500, "oops", "refused"}),
+    [](const auto &row) { return std::string{row.param.name}; });
+// clang-format on
+
 } // namespace

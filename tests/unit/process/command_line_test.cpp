@@ -138,4 +138,30 @@ TEST(CommandLineExit, HelpBesideABadOptionEndsAsABadOptionDoes)
                 "unknown parameter: -\\?\n\nUsage:");
 }
 
+TEST(CommandLine, MinusTAsksForACheckBesideTheOthers)
+{
+    EXPECT_FALSE(parse({"velmd", "-s", "-t"}).checks);
+    const velm_command_line given = parse({"velmd", "-t", "-c", "/a"});
+    EXPECT_TRUE(given.checks);
+    EXPECT_EQ(given.config_path, "/a");
+}
+
+TEST(CommandLine, IsLookedThroughForACheckWithoutAWordAndCanBeParsedThen)
+{
+    std::vector<std::string> words{"velmd", "-z", "-c", "-t", "-ht"};
+    std::vector<char *> argv;
+    for (std::string &argument : words) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    testing::internal::CaptureStderr();
+    optind = 0;
+    EXPECT_FALSE(velm_command_line_asks_to_check(4, argv.data()));
+    EXPECT_TRUE(velm_command_line_asks_to_check(5, argv.data()));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    const velm_command_line given = velm_command_line_parse(4, argv.data() + 1);
+    EXPECT_EQ(given.config_path, here() + "/-t");
+    EXPECT_TRUE(given.checks);
+}
+
 } // namespace

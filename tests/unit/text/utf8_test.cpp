@@ -83,4 +83,15 @@ TEST(Utf8Text, HasASequenceForEveryCodePoint)
     }
 }
 
+TEST(Utf8Mended, ReplacesEachByteThatBelongsToNoCharacter)
+{
+    EXPECT_EQ(utf8_mended(""), "");
+    EXPECT_EQ(utf8_mended("a\xc3\xa9\xf0\x9f\x93\xb1"), "a\xc3\xa9\xf0\x9f\x93\xb1");
+    EXPECT_EQ(utf8_mended("\xff"
+                          "b\xc3"),
+              "\xef\xbf\xbd"
+              "b\xef\xbf\xbd");
+    EXPECT_TRUE(is_utf8(utf8_mended("\xed\xa0\x80\xc0\x80")));
+}
+
 } // namespace

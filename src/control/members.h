@@ -1,0 +1,34 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <string_view>
+
+#include "handles/cjson.h"
+
+/// Members of the control socket's documents. Every member is always there: null where there is nothing
+/// to say. Exhausted memory is fatal.
+
+[[nodiscard]] json_ptr control_object();
+
+/// Bytes that are no UTF-8 become U+FFFD; JSON itself escapes control characters.
+void control_add_text(cJSON *object, const char *name, std::string_view text);
+
+/// Null for no text.
+void control_add_text_or_null(cJSON *object, const char *name, const char *text);
+
+void control_add_number(cJSON *object, const char *name, double number);
+void control_add_bool(cJSON *object, const char *name, bool value);
+void control_add_null(cJSON *object, const char *name);
+
+/// Milliseconds since the epoch as RFC 3339; 0 is null.
+void control_add_moment(cJSON *object, const char *name, std::int64_t moment);
+
+/// Dotted; 0 is null.
+void control_add_address(cJSON *object, const char *name, in_addr_t address);
+
+/// Borrowed from the object that it is added to.
+[[nodiscard]] cJSON *control_add_object(cJSON *object, const char *name);
+[[nodiscard]] cJSON *control_add_list(cJSON *object, const char *name);
+void control_append(cJSON *list, json_ptr element);

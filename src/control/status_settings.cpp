@@ -1,0 +1,113 @@
+#include <iterator>
+#include <string>
+#include <utility>
+
+#include "config/file_notes.h"
+#include "config/settings.h"
+#include "control/members.h"
+#include "control/status_parts.h"
+#include "text/or_empty.h"
+
+namespace {
+
+// In the order of config_source.
+constexpr const char *source_names[] = {"default", "file", "command line", "nvram", "platform"};
+static_assert(std::size(source_names) == static_cast<std::size_t>(config_source::platform) + 1);
+
+std::string text_of(bool value)
+{
+    return value ? config_yes : "no";
+}
+
+std::string text_of(std::uint16_t value)
+{
+    return std::to_string(value);
+}
+
+std::string text_of(const char *value)
+{
+    return value;
+}
+
+void add_setting(cJSON *settings, const char *key, const std::string &value, config_source source)
+{
+    json_ptr setting = control_object();
+    control_add_text(setting.get(), "key", key);
+    control_add_text(setting.get(), "value", value);
+    control_add_text(setting.get(), "source", source_names[static_cast<std::size_t>(source)]);
+    control_append(settings, std::move(setting));
+}
+
+void add_rows(cJSON *settings, const velm_config &config, std::span<const config_setting> rows)
+{
+    for (const config_setting &row : rows) {
+        const std::string value =
+            std::visit([&config](auto field) { return text_of(config.*field); }, row.field);
+        add_setting(settings, row.key, value, config_source_of(config, row));
+    }
+}
+
+/// One text, like the command line's.
+std::string bssids_text(const velm_config &config)
+{
+    std::string text;
+    const cJSON *bssid = nullptr;
+    cJSON_ArrayForEach(bssid, config.bssids_list.get())
+    {
+        text += text.empty() ? "" : ",";
+        text += text_or_empty(cJSON_GetStringValue(bssid));
+    }
+    return text;
+}
+
+struct named_file {
+    const char *key;
+    char (velm_config::*path)[config_path_size];
+    const char *unset; // what is so without a path; null: that is wrong
+};
+
+constexpr named_file files[] = {
+    {"http.client.ca_cert.path", &velm_config::http_client_ca_cert_path, nullptr},
+    {"http.server.cert.path", &velm_config::http_server_cert_path, nullptr},
+    {"http.server.key.path", &velm_config::http_server_key_path, nullptr},
+    {"app.android.integrity.d.key.path", &velm_config::app_android_integrity_d_key_path, nullptr},
+    {"app.android.integrity.v.key.path", &velm_config::app_android_integrity_v_key_path, nullptr},
+    {"app.android.integrity.privatekey.path", &velm_config::app_android_integrity_privatekey_path,
+     nullptr},
+    {"app.ios.attest.root.ca.path", &velm_config::app_ios_attest_root_ca_path,
+     "not set, the built-in root is used"},
+    {"cloudmessaging.firebase.privatekey.path",
+     &velm_config::cloudmessaging_firebase_privatekey_path, nullptr},
+};
+
+/// What is configured, and what was seen when it was read.
+void add_file(cJSON *list, const named_file &file, const velm_config &config)
+{
+    const char *const path = config.*file.path;
+    const file_note *const note = file_note_get(file.key);
+    const bool is_unset = *path == '\0' && file.unset != nullptr;
+    const char *why = note == nullptr ? "it has not been read" : note->why.c_str();
+    why = is_unset ? file.unset : why;
+    json_ptr object = control_object();
+    control_add_text(object.get(), "key", file.key);
+    control_add_text(object.get(), "path", path);
+    control_add_moment(object.get(), "read",
+                       note == nullptr || is_unset ? 0 : std::int64_t{note->read} * 1000);
+    control_add_bool(object.get(), "usable", is_unset || *why == '\0');
+    control_add_text_or_null(object.get(), "why", *why == '\0' ? nullptr : why);
+    control_append(list, std::move(object));
+}
+
+} // namespace
+
+void control_status_add_settings(cJSON *document, const velm_config &config)
+{
+    cJSON *const settings = control_add_list(document, "settings");
+    add_rows(settings, config, config_file_settings());
+    add_rows(settings, config, config_platform_settings());
+    add_setting(settings, "bssids.list", bssids_text(config), config_source::platform);
+    cJSON *const list = control_add_list(document, "files");
+    for (const named_file &file : files) {
+        add_file(list, file, config);
+    }
+}

@@ -1,0 +1,7 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+/// "2026-11-22T12:03:10.123Z" for milliseconds since the epoch: UTC, whatever the time zone is.
+[[nodiscard]] std::string text_rfc3339(std::int64_t milliseconds);
