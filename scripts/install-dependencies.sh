@@ -11,6 +11,7 @@ install_dependencies() (
         python3 python3-pytest python3-pytest-xdist python3-cbor2 python3-cryptography
         python3-jwcrypto python3-yaml python3-jsonschema faketime iproute2 socat curl openssl
         python3-gi gir1.2-gssdp-1.6 ca-certificates procps mandoc util-linux
+        busybox dash
         $*
     "
     missing=

@@ -55,7 +55,8 @@ format() {
 }
 
 shell() {
-    git ls-files -z '*.sh' .ci/run | xargs -0 shellcheck
+    local openwrt=packaging/openwrt/files
+    git ls-files -z '*.sh' .ci/run "$openwrt/*.init" "$openwrt/*.rpcd" | xargs -0 shellcheck
 }
 
 python() {

@@ -87,6 +87,7 @@ for tls in 1.2 1.3; do
         python_tests "${presets[0]}" "e2e-tls-$tls" tests/e2e -m each_tls "--tls=$tls"
 done
 step "tests of the documents" python_tests "${presets[0]}" documents tests/documents
+step "tests of the OpenWrt package" python_tests "${presets[0]}" openwrt tests/openwrt
 step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
 step "tests of the harness" python_tests "${presets[0]}" harness tests/harness

@@ -1,0 +1,1 @@
+# Stands in for OpenWrt's cmake.mk: the test builds and installs by itself.
