@@ -153,6 +153,9 @@ void round_count(story_round &round, const story_visit_note &note, const char *d
 
 void refusal_count(const char *check)
 {
+    if (check == nullptr) {
+        return;
+    }
     const auto *const found = std::find(std::begin(story_checks), std::end(story_checks), check);
     if (found != std::end(story_checks)) {
         metrics_count(metric::refusals_first, static_cast<std::size_t>(found - story_checks));
