@@ -1,0 +1,43 @@
+#include "tools/explain/names.h"
+
+#include "tools/terminal/text.h"
+
+explain_names::explain_names(const std::vector<control_pairing> &pairings)
+{
+    for (const control_pairing &pairing : pairings) {
+        if (!pairing.name.empty()) {
+            phones_.push_back({pairing.device_id, velmctl_text_for_terminal(pairing.name)});
+        }
+    }
+}
+
+std::string explain_names::of_device(const std::string &device_id) const
+{
+    for (const known_phone &phone : phones_) {
+        if (phone.device_id == device_id) {
+            return phone.name;
+        }
+    }
+    return "The phone with the device id " + velmctl_text_for_terminal(device_id);
+}
+
+std::string explain_names::of_push(const control_push &push) const
+{
+    if (!push.name.empty()) {
+        return velmctl_text_for_terminal(push.name);
+    }
+    const std::string model = velmctl_text_for_terminal(push.model);
+    return "The phone in slot " + std::to_string(push.slot) +
+           (model.empty() ? "" : " (" + model + ')');
+}
+
+std::string explain_names::of_visit(const control_visit &visit) const
+{
+    const std::string id = visit.device_id.value_or("");
+    return id.empty() ? "Somebody" : of_device(id);
+}
+
+std::string explain_names::of_report(const control_report &report) const
+{
+    return report.device_id.empty() ? "A phone" : of_device(report.device_id);
+}
