@@ -94,7 +94,8 @@ def test_status_for_people(
         ({"certificate": {"subject": "CN=a", "sha256": "AB", "notBefore": moment("13:00:00"),
                           "notAfter": "2028-01-01T00:00:00.000Z"}},
          "The certificate is not valid before 2026-11-22 13:00:00"),
-        ({"files": [{"key": "k", "path": "/p", "read": None, "usable": False, "why": "no file"}]},
+        ({"files": [{"key": "k", "path": "/p", "read": moment("10:00:00"), "usable": False,
+                     "why": "no file"}]},
          "The file /p (k) cannot be used: no file."),
         ({"clock": {"plausible": False, "why": "it is 1970"}}, "The clock is wrong: it is 1970."),
     ],
@@ -112,6 +113,28 @@ def test_what_is_wrong_is_said_and_ends_with_1(
     head, _, problems = done.stdout.partition("\nWrong:\n")
     assert problems.startswith(f"  {sentence}") and problems.count("\n") == 1
     assert ask(build, environment, control, "status", "--json").returncode == 1
+
+
+@pytest.mark.parametrize(
+    "file, state",
+    [
+        ({"key": "k", "path": "/p", "read": None, "usable": False, "why": "not read"}, "not read"),
+        ({"key": "k", "path": "", "read": None, "usable": True, "why": "built in"}, "built in"),
+        ({"key": "app.android.integrity.privatekey.path", "path": "/p", "usable": False,
+          "read": moment("10:00:00"), "why": "no file"}, "not needed: no file"),
+    ],
+)  # fmt: skip
+def test_a_file_that_is_not_needed_is_not_wrong(
+    build: Build,
+    environment: dict[str, str],
+    control: FakeControl,
+    file: dict[str, Any],
+    state: str,
+) -> None:
+    control.answer("/v1/status", status(files=[file]))
+    done = ask(build, environment, control, "status")
+    assert done.returncode == 0
+    assert f"  {state}\n" in done.stdout.partition("Files")[2].partition("Phones")[0]
 
 
 @pytest.mark.parametrize("count", [0, 1, 3])

@@ -1,12 +1,28 @@
 #include "tools/explain/names.h"
 
+#include <array>
+
+#include "text/cut.h"
 #include "tools/terminal/text.h"
+
+namespace {
+
+/// The daemon's stories keep as much of a name and of an id as fits: whole characters, 47 bytes.
+std::string as_kept(const std::string &text)
+{
+    std::array<char, 48> kept{};
+    text_cut_to(kept.data(), kept.size(), text.c_str());
+    return kept.data();
+}
+
+} // namespace
 
 explain_names::explain_names(const std::vector<control_pairing> &pairings)
 {
     for (const control_pairing &pairing : pairings) {
         if (!pairing.name.empty()) {
-            phones_.push_back({pairing.device_id, velmctl_text_for_terminal(pairing.name)});
+            phones_.push_back(
+                {as_kept(pairing.device_id), velmctl_text_for_terminal(as_kept(pairing.name))});
         }
     }
 }

@@ -167,13 +167,14 @@ class status_printer {
 
     [[nodiscard]] std::string state_of(const control_file &file) const
     {
-        if (file.usable) {
-            return file.read.has_value() ? "read at " + time(*file.read) : "usable";
+        const std::string why = shown(file.why.value_or(""));
+        if (velmctl_status_is_file_wrong(status_, file)) {
+            return paint_(velmctl_colour::red, "cannot be used: " + why);
         }
-        if (file.why.has_value()) {
-            return paint_(velmctl_colour::red, "cannot be used: " + shown(*file.why));
+        if (file.usable && file.read.has_value()) {
+            return "read at " + time(*file.read);
         }
-        return "not needed yet";
+        return paint_(velmctl_colour::faint, file.read.has_value() ? "not needed: " + why : why);
     }
 
     [[nodiscard]] std::string files() const
@@ -221,13 +222,18 @@ class status_printer {
         return head + velmctl_columns(out, indent);
     }
 
+    [[nodiscard]] static std::string source_of(const control_setting &setting)
+    {
+        return (setting.source == "nvram" ? "from " : "from the ") + shown(setting.source);
+    }
+
     [[nodiscard]] std::string settings() const
     {
         rows out;
         for (const control_setting &setting : status_.settings) {
             if (setting.source != "default") {
                 out.push_back({shown(setting.key), shown(setting.value),
-                               paint_(velmctl_colour::faint, "from the " + shown(setting.source))});
+                               paint_(velmctl_colour::faint, source_of(setting))});
             }
         }
         return out.empty() ? ""

@@ -1,5 +1,8 @@
 #include "tools/status/problems.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "tools/terminal/text.h"
 #include "tools/terminal/times.h"
 
@@ -53,11 +56,36 @@ void look_at_certificate(const control_status &status, problems &out)
     }
 }
 
+std::string setting_of(const control_status &status, std::string_view key)
+{
+    const auto found = std::find_if(status.settings.begin(), status.settings.end(),
+                                    [key](const control_setting &one) { return one.key == key; });
+    return found == status.settings.end() ? "" : found->value;
+}
+
+/// Who opens the tokens of Android phones decides which of the keys for them are used.
+bool is_of_other_method(const control_status &status, std::string_view key)
+{
+    const bool is_remote = setting_of(status, "app.android.integrity.method") == "remote";
+    return is_remote ? key == "app.android.integrity.d.key.path" ||
+                           key == "app.android.integrity.v.key.path"
+                     : key == "app.android.integrity.privatekey.path";
+}
+
+} // namespace
+
+bool velmctl_status_is_file_wrong(const control_status &status, const control_file &file)
+{
+    // Nobody knows of a file that was not read yet.
+    return !file.usable && file.read.has_value() && !is_of_other_method(status, file.key);
+}
+
+namespace {
+
 void look_at_files(const control_status &status, problems &out)
 {
     for (const control_file &file : status.files) {
-        // A file that was not needed has no reason.
-        if (!file.usable && file.why.has_value()) {
+        if (velmctl_status_is_file_wrong(status, file)) {
             out.push_back("The file " + velmctl_text_for_terminal(file.path) + " (" +
                           velmctl_text_for_terminal(file.key) + ") cannot be used" +
                           because(file.why));

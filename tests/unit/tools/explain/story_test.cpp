@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "story/checks.h"
+#include "story/view.h"
 #include "tools/explain/remedies.h"
 #include "tools/explain/text.h"
 
@@ -170,6 +172,18 @@ TEST_F(ExplainStory, WhatCameSeveralTimesIsOneSentence)
                             "times until 12:03:09."));
 }
 
+TEST_F(ExplainStory, ALongNameIsThatOfThePhoneThatWasPushedTo)
+{
+    const std::string kept(47, 'x');
+    const std::string id(47, 'i');
+    names = explain_names{{pairing((id + "...").c_str(), (kept + "...").c_str())}};
+    round.pushes = {some_push()};
+    round.pushes[0].name = kept;
+    round.visits = {some_visit()};
+    round.visits[0].device_id = id;
+    EXPECT_EQ(story().sentences.back(), "It posted its location from 192.168.1.50 at 12:03:05.");
+}
+
 struct push_case {
     const char *name;
     std::optional<std::int64_t> status;
@@ -266,10 +280,16 @@ TEST_P(ExplainCauses, HasACauseAndARemedy)
     EXPECT_EQ(told.remedy.back(), '.');
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, ExplainCauses,
-                         testing::Values("busy", "no pairings", "too soon", "no key",
-                                         "no access token", "every push failed", "phones refused",
-                                         "client gone", "phone never came", "unknown"));
+std::vector<const char *> causes_of_the_daemon()
+{
+    std::vector<const char *> names;
+    for (int cause = 1; cause <= static_cast<int>(story_cause::unknown); ++cause) {
+        names.push_back(story_cause_name(static_cast<story_cause>(cause)));
+    }
+    return names;
+}
+
+INSTANTIATE_TEST_SUITE_P(Codes, ExplainCauses, testing::ValuesIn(causes_of_the_daemon()));
 
 TEST_F(ExplainStory, TheDaemonsOwnWordsAreTheCause)
 {
@@ -307,6 +327,15 @@ TEST_F(ExplainStory, TheRemedyOfFailedPushesIsThatOfTheLastFailure)
     EXPECT_THAT(story().remedy, HasSubstr("could not be reached"));
     round.pushes = {some_push()};
     EXPECT_EQ(story().remedy, "");
+}
+
+TEST(ExplainRemedies, EachCheckOfTheDaemonHasOne)
+{
+    for (const char *const check : story_checks) {
+        EXPECT_NE(explain_check(check), nullptr) << check;
+    }
+    EXPECT_EQ(explain_checks().size(), std::size(story_checks));
+    EXPECT_EQ(explain_causes().size(), causes_of_the_daemon().size());
 }
 
 TEST(ExplainRemedies, EachCheckHasOne)
