@@ -1,11 +1,13 @@
 #include <cstdio>
 #include <ctime>
 
+#include "tools/doctor/command.h"
 #include "tools/explain/command.h"
 #include "tools/locations/velmctl_locations.h"
+#include "tools/options/velmctl_options.h"
+#include "tools/reload/command.h"
 #include "tools/status/command.h"
 #include "tools/terminal/output.h"
-#include "tools/options/velmctl_options.h"
 
 /// velmctl asks the daemon for the access point's location, listens to what it reports, and tells people
 /// how the daemon is.
@@ -26,7 +28,9 @@ int run(const velmctl_options &options)
     case velmctl_command::metrics:
         return velmctl_metrics(options);
     case velmctl_command::doctor:
+        return velmctl_doctor(options);
     case velmctl_command::reload:
+        return velmctl_reload(options);
     case velmctl_command::help:
         break;
     }

@@ -247,6 +247,43 @@ def test_follow_goes_on_after_a_restart(
     assert "Round 1: process 5 (user 0) asked at 12:06:00" in (tmp_path / "out").read_text()
 
 
+def test_follow_waits_for_a_busy_daemon(
+    control: FakeControl, velmctl: Velmctl, tmp_path: Path
+) -> None:
+    control.answer("/v1/rounds", rounds(round_of(), latest=9))
+    follower = velmctl.follow(tmp_path)
+    errors = tmp_path / "errors"
+    try:
+        control.wait_for("after=9")
+        control.answer("/v1/rounds", {}, code=503)
+        wait_until(lambda: "is busy" in errors.read_text(), 10, "it noticed")
+        control.replace("/v1/rounds", rounds(round_of(), latest=12))
+        control.wait_for("after=12")
+    finally:
+        follower.kill()
+        follower.wait(10)
+    assert errors.read_text().splitlines() == [
+        "velmctl: the daemon is busy; waiting for it",
+        "velmctl: the daemon is back",
+    ]
+
+
+@pytest.mark.parametrize("code", [404, 500])
+def test_follow_ends_when_the_daemon_does_not_know_rounds(
+    control: FakeControl, velmctl: Velmctl, tmp_path: Path, code: int
+) -> None:
+    control.answer("/v1/rounds", rounds(round_of(), latest=9))
+    follower = velmctl.follow(tmp_path)
+    try:
+        control.wait_for("after=9")
+        control.answer("/v1/rounds", {}, code=code)
+        assert follower.wait(10) == 1
+    finally:
+        follower.kill()
+        follower.wait(10)
+    assert f"status {code}" in (tmp_path / "errors").read_text()
+
+
 def test_follow_in_json_gives_what_is_new(
     control: FakeControl, velmctl: Velmctl, tmp_path: Path
 ) -> None:

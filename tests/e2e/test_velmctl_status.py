@@ -253,7 +253,7 @@ def test_the_daemons_configuration_says_where_the_socket_is(
 @pytest.mark.parametrize(
     "text, sentence",
     [
-        ("control.sock=\n", "control.sock is empty: the daemon has no control socket"),
+        ("control.sock=\n", "the daemon has no control socket: control.sock is empty"),
         (None, "cannot be read"),
     ],
 )

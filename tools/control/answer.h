@@ -7,8 +7,8 @@
 /// The head of an answer, and how long an answer may be.
 
 inline constexpr std::size_t control_head_limit = 16384;
-/// Several times of what the longest document can be.
-inline constexpr std::size_t control_body_limit = 4U << 20;
+/// More than twice of what the longest document can be.
+inline constexpr std::size_t control_body_limit = 1U << 20;
 
 struct control_head {
     std::size_t size = 0; // with the empty line; 0: not whole yet

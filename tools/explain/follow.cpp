@@ -75,17 +75,26 @@ class follower {
         return control_ask(path_, "/v1/rounds" + query, wait + control_time);
     }
 
+    /// What may be otherwise in a moment.
+    static bool may_pass(const control_answer &answer)
+    {
+        constexpr int busy = 503;
+        return answer.result == control_result::done ? answer.status == busy
+                                                     : answer.result != control_result::broken;
+    }
+
     /// A daemon that was there is waited for.
     std::optional<int> lose(const control_answer &answer)
     {
-        if (!has_told_ || answer.result == control_result::broken) {
+        if (!has_told_ || !may_pass(answer)) {
             return control_complain(path_, answer);
         }
         const auto now = steady_clock::now();
         if (!lost_since_.has_value()) {
             lost_since_ = now;
             latest_.reset();
-            std::fputs("velmctl: the daemon has ended; waiting for it\n", stderr);
+            std::fprintf(stderr, "velmctl: the daemon %s; waiting for it\n",
+                         answer.result == control_result::done ? "is busy" : "has ended");
         }
         if (now - *lost_since_ >= outage_limit) {
             std::fputs("velmctl: the daemon did not come back\n", stderr);

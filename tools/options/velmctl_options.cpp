@@ -17,6 +17,8 @@ const char velmctl_usage[] =
     "       velmctl status [-c FILE] [--control PATH] [--json]\n"
     "       velmctl explain [N] [-c FILE] [--control PATH] [--follow] [--json]\n"
     "       velmctl metrics [-c FILE] [--control PATH]\n"
+    "       velmctl doctor [-c FILE] [--control PATH] [--offline]\n"
+    "       velmctl reload [-c FILE] [--control PATH]\n"
     "       velmctl --help\n";
 
 namespace {
@@ -45,6 +47,8 @@ constexpr command_row commands[] = {
     {"status",  velmctl_command::status,  "cCj"},
     {"explain", velmctl_command::explain, "cCjf"},
     {"metrics", velmctl_command::metrics, "cC"},
+    {"doctor",  velmctl_command::doctor,  "cCo"},
+    {"reload",  velmctl_command::reload,  "cC"},
 };
 // clang-format on
 

@@ -224,6 +224,12 @@ class FakeControl:
             self._answers.setdefault(target, []).extend(made)
             self._changed.notify_all()
 
+    def replace(self, target: str, document: Document) -> None:
+        """Forgets what was there before."""
+        with self._changed:
+            self._answers[target] = []
+        self.answer(target, document)
+
     def wait_for(self, part: str, timeout: float = 10.0) -> None:
         """Returns once a request has that part in its target."""
         with self._changed:
