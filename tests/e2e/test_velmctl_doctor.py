@@ -116,7 +116,7 @@ def test_six_things_that_are_wrong_have_six_lines_and_remedies(healthy: AccessPo
         "the key is not that of the certificate",
         "BSSIDs: the platform gives none",
         "HTTPS: port 8443 is taken by another program",
-        "accounts: nobody can log in: the passwords of 1 accounts are in the shadow file",
+        "accounts: nobody can log in: the passwords of 1 account are in the shadow file",
         "cannot be resolved",
     ):
         assert any(part in line for line in failures), part

@@ -9,6 +9,7 @@
 #include "handles/secret.h"
 
 #include "tools/doctor/checks.h"
+#include "tools/terminal/times.h"
 
 namespace {
 
@@ -102,8 +103,8 @@ void doctor_check_accounts(const doctor_subject &subject, doctor_report &report)
                   counts.first);
     } else if (counts.in_shadow > 0) {
         report.fail("accounts: nobody can log in: the passwords of " +
-                        std::to_string(counts.in_shadow) +
-                        " accounts are in the shadow file, where the daemon does not look",
+                        velmctl_count_of(counts.in_shadow, "account", "accounts") +
+                        " are in the shadow file, where the daemon does not look",
                     "Set accounts.shadow=yes, or put a hash into the passwd file itself.");
     } else {
         report.fail("accounts: nobody can log in: no account but root has a password",

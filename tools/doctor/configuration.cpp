@@ -66,7 +66,9 @@ void doctor_check_configuration(const doctor_subject &subject, doctor_report &re
     }
     const std::vector<check_finding> findings = check_configuration(given, subject.config_path);
     for (const check_finding &finding : findings) {
-        const std::string text = "configuration: " + check_finding_text(finding);
+        const check_finding plain{finding.place, check_severity::error, finding.what};
+        const std::string text =
+            "configuration: " + check_finding_text(plain); // the line is marked
         if (finding.severity == check_severity::error) {
             report.fail(text, remedy_of(finding));
         } else {

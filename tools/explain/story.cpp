@@ -86,16 +86,17 @@ std::vector<std::string> sentences_of(const control_round &round, explain_speake
     return out;
 }
 
+bool has_failed(const control_push &push)
+{
+    constexpr std::int64_t ok = 200;
+    return push.status != ok && (push.status.has_value() || push.error.has_value());
+}
+
 /// Of the last push that was not taken.
 std::string push_remedy(const control_round &round)
 {
-    constexpr std::int64_t ok = 200;
-    for (auto push = round.pushes.rbegin(); push != round.pushes.rend(); ++push) {
-        if (push->status != ok && (push->status.has_value() || push->error.has_value())) {
-            return explain_push_remedy(push->status);
-        }
-    }
-    return "";
+    const auto failed = std::find_if(round.pushes.rbegin(), round.pushes.rend(), has_failed);
+    return failed == round.pushes.rend() ? "" : explain_push_remedy(failed->status);
 }
 
 /// Of the last visit that was refused.
