@@ -73,7 +73,7 @@ const char *control_head_parse(std::string_view text, control_head &head)
 {
     if (head.size == 0) {
         const std::size_t end = text.find(end_of_head);
-        if (end == std::string_view::npos || end > control_head_limit) {
+        if (end > control_head_limit) { // or none
             return text.size() > control_head_limit ? no_http : nullptr;
         }
         std::string_view rest = text.substr(0, end + 2);

@@ -46,6 +46,29 @@ std::string visits_text(const control_rounds &rounds, const explain_names &names
     return out + '\n';
 }
 
+template <typename T>
+std::vector<T> oldest_first(const std::vector<T> &newest_first)
+{
+    return {newest_first.rbegin(), newest_first.rend()};
+}
+
+void add_line(std::vector<std::string> &out, const std::string &begin, const std::string &text)
+{
+    if (!text.empty()) {
+        out.push_back(begin + text);
+    }
+}
+
+void add_lines(std::vector<std::string> &out, const std::string &place, const explain_story &story)
+{
+    for (const std::string &sentence : story.sentences) {
+        add_line(out, place, sentence);
+    }
+    add_line(out, place, story.ending);
+    add_line(out, place + "Likely cause: ", story.cause);
+    add_line(out, place + "Remedy: ", story.remedy);
+}
+
 } // namespace
 
 std::string explain_to_text(const control_rounds &rounds, std::size_t count,
@@ -67,23 +90,13 @@ std::vector<std::string> explain_to_lines(const control_rounds &rounds, const ex
                                           control_moment today)
 {
     std::vector<std::string> out;
-    for (auto visit = rounds.visits.rbegin(); visit != rounds.visits.rend(); ++visit) {
-        out.push_back(explain_visit(*visit, today, names));
+    for (const control_visit &visit : oldest_first(rounds.visits)) {
+        out.push_back(explain_visit(visit, today, names));
     }
-    for (auto round = rounds.rounds.rbegin(); round != rounds.rounds.rend(); ++round) {
-        const std::string place = "Round " + std::to_string(round->id) + ": ";
-        const explain_story story = explain_round(*round, today, names, explain_style::alone);
+    for (const control_round &round : oldest_first(rounds.rounds)) {
+        const explain_story story = explain_round(round, today, names, explain_style::alone);
         out.push_back(story.title);
-        for (const std::string &sentence : story.sentences) {
-            out.push_back(place + sentence);
-        }
-        const std::pair<const char *, const std::string &> rest[] = {
-            {"", story.ending}, {"Likely cause: ", story.cause}, {"Remedy: ", story.remedy}};
-        for (const auto &[label, text] : rest) {
-            if (!text.empty()) {
-                out.push_back(place + label + text);
-            }
-        }
+        add_lines(out, "Round " + std::to_string(round.id) + ": ", story);
     }
     return out;
 }
