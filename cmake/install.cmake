@@ -10,3 +10,5 @@ foreach(page ${VELM_MAN_PAGES})
     string(REGEX MATCH "[1-8]$" section ${page})
     install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
 endforeach()
+install(FILES packaging/bash-completion/velmctl packaging/bash-completion/velmd
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

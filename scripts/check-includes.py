@@ -20,7 +20,7 @@ from typing import NamedTuple
 
 folders = ("src", "platform", "tools")
 # Where an include may be found, besides the folder of the file that has it.
-search_path = ("src", "include", "platform/include")
+search_path = ("", "src", "include", "platform/include")
 
 include = re.compile(r'^[ \t]*#[ \t]*include[ \t]*["<]([^">\n]+)[">]')
 

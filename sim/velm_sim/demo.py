@@ -9,6 +9,7 @@ from __future__ import annotations
 import argparse
 import json
 import signal
+import subprocess
 import sys
 from pathlib import Path
 from types import FrameType
@@ -25,7 +26,7 @@ from .namespaces import NetworkError
 from .phone import Phone, Prepared, sample_location
 from .ssdp import DEVICE_TYPE, discover
 
-STEPS = 11
+STEPS = 12
 WANTED_WITHIN = 60
 PUSH_GAP = (0.6, 1.6)  # one second as the cloud sees it, on a machine that may be busy
 
@@ -162,6 +163,17 @@ def compare(console: Console, watcher: IpcClient, phone: Phone, location: dict[s
     )
 
 
+def explain(console: Console, now: Scene) -> None:
+    console.step("What a support line reads afterwards")
+    access_point = now.access_point
+    command = [str(access_point.build.program("velmctl")), "explain"]
+    command += ["--control", str(access_point.control.path)]
+    console.command(" ".join(command))
+    done = subprocess.run(command, capture_output=True, text=True, timeout=20)
+    console.say(done.stdout.rstrip() or done.stderr.rstrip())
+    require(done.returncode == 0, f"velmctl explain ended with {done.returncode}")
+
+
 def run(console: Console, now: Scene) -> None:
     find(console, now)
     pair(console, now)
@@ -182,6 +194,7 @@ def run(console: Console, now: Scene) -> None:
         console.step("A client that only listens has received a report of each phone")
         compare(console, watcher, now.iphone, iphone_is_at)
         compare(console, watcher, now.android, android_is_at)
+    explain(console, now)
     console.good("Each report equals what its phone sent.")
 
 

@@ -50,6 +50,8 @@ def print_commands(now: Scene) -> None:
     }
     nvram = f"VELM_NVRAM={access_point.environment['VELM_NVRAM']}"
     programs = access_point.build.directory / "bin"
+    inside_daemon = f"nsenter --net --mount --target={now.daemon.pid}"
+    doctor = f"{nvram} {inside_daemon} {programs}/velmctl doctor -c {access_point.configuration_file}"
     next_push = time.strftime("%H:%M:%S", time.localtime(time.time() + PUSH_INTERVAL))
     print(
         f"""
@@ -69,7 +71,11 @@ request before {next_push} pushes nothing, so no report comes for it. Try:
   {nvram} {programs}/nvram show
   {nvram} {programs}/nvram get zelkad_pairing_1_name
 
-  # as the operator
+  # as the operator; the last command sees the network and the /etc of the access point
+  {programs}/velmctl status -c {access_point.configuration_file}
+  {programs}/velmctl explain 3 -c {access_point.configuration_file}
+  {programs}/velmctl explain --follow -c {access_point.configuration_file}
+  {doctor}
   tail -f {now.daemon.log_file}
   kill -HUP {now.daemon.pid}
 """,

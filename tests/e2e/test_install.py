@@ -20,6 +20,8 @@ INSTALLED = {
     "include/velm/location_policy.h": 0o644,
     "include/velm/platform/dm.h": 0o644,
     "include/velm/platform/nvram.h": 0o644,
+    "share/bash-completion/completions/velmctl": 0o644,
+    "share/bash-completion/completions/velmd": 0o644,
     "share/doc/velmd/examples/velmd.conf": 0o644,
     "share/man/man1/nvram.1": 0o644,
     "share/man/man1/velmctl.1": 0o644,

@@ -1,4 +1,4 @@
-#include "velmctl_print.h"
+#include "tools/locations/velmctl_print.h"
 
 #include <cjson/cJSON.h>
 #include <gtest/gtest.h>
@@ -9,7 +9,8 @@
 #include <limits>
 
 #include "handles/cjson.h"
-#include "velmctl_client.h"
+#include "tools/terminal/text.h"
+#include "tools/locations/velmctl_client.h"
 
 namespace {
 

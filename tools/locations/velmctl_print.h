@@ -26,6 +26,3 @@
 
 /// The field up to its terminator, or all of it.
 [[nodiscard]] std::string_view velmctl_field(std::span<const char> field);
-
-[[nodiscard]] std::string velmctl_text_for_terminal(std::string_view text);
-[[nodiscard]] std::string velmctl_text_for_json(std::string_view text);

@@ -1,4 +1,4 @@
-#include "velmctl_print.h"
+#include "tools/locations/velmctl_print.h"
 
 #include <algorithm>
 #include <array>
@@ -9,11 +9,9 @@
 #include <ctime>
 #include <system_error>
 
-#include "text/utf8.h"
+#include "tools/terminal/text.h"
 
 namespace {
-
-constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
 
 [[gnu::format(printf, 1, 2)]] std::string format(const char *pattern, ...)
 {
@@ -24,46 +22,6 @@ constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
     std::vsnprintf(line.data(), line.size(), pattern, arguments);
     va_end(arguments);
     return line.data();
-}
-
-struct character {
-    char32_t code = 0;
-    std::size_t length = 0; // 0: no character begins here
-};
-
-character next_character(std::string_view text)
-{
-    const std::size_t length = utf8_length(text);
-    // The first byte begins with as many ones as there are bytes, if there are several.
-    const unsigned first_mask = length == 1 ? 0x7fU : 0x7fU >> length;
-    char32_t code = static_cast<unsigned char>(text.front()) & first_mask;
-    for (std::size_t i = 1; i < length; ++i) {
-        code = (code << 6) | (static_cast<unsigned char>(text[i]) & 0x3fU);
-    }
-    return {code, length};
-}
-
-bool is_control(char32_t code)
-{
-    return code < 0x20 || (code >= 0x7f && code < 0xa0);
-}
-
-/// `special` gives what stands for a character, or nothing when it stands for itself.
-std::string rewrite(std::string_view text, std::string (*special)(char32_t code))
-{
-    std::string out;
-    while (!text.empty()) {
-        const character next = next_character(text);
-        if (next.length == 0) {
-            out += replacement;
-            text.remove_prefix(1);
-            continue;
-        }
-        const std::string instead = special(next.code);
-        out += instead.empty() ? text.substr(0, next.length) : std::string_view{instead};
-        text.remove_prefix(next.length);
-    }
-    return out;
 }
 
 /// As short as it can be without losing a bit.
@@ -132,21 +90,6 @@ std::string_view velmctl_field(std::span<const char> field)
 {
     const auto end = std::find(field.begin(), field.end(), '\0');
     return {field.data(), static_cast<std::size_t>(end - field.begin())};
-}
-
-std::string velmctl_text_for_terminal(std::string_view text)
-{
-    return rewrite(text, [](char32_t code) { return std::string{is_control(code) ? "?" : ""}; });
-}
-
-std::string velmctl_text_for_json(std::string_view text)
-{
-    return rewrite(text, [](char32_t code) -> std::string {
-        if (code == '"' || code == '\\') {
-            return {'\\', static_cast<char>(code)};
-        }
-        return is_control(code) ? format("\\u%04x", static_cast<unsigned>(code)) : "";
-    });
 }
 
 std::string velmctl_report_to_text(const velm_frame_header &header,

@@ -1,4 +1,4 @@
-#include "velmctl_client.h"
+#include "tools/locations/velmctl_client.h"
 
 #include <poll.h>
 #include <sys/socket.h>

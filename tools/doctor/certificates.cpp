@@ -1,0 +1,66 @@
+#include "tools/doctor/certificates.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <ctime>
+#include <string>
+
+#include "tools/doctor/checks.h"
+
+namespace {
+
+constexpr int days_of_warning = 30;
+
+/// Phones reach the daemon by its address, so the certificate should name it.
+bool names_address(X509 *certificate, const std::string &address)
+{
+    return X509_check_ip_asc(certificate, address.c_str(), 0) == 1;
+}
+
+bool ends_soon(const X509 *certificate)
+{
+    int days = 0;
+    int seconds = 0;
+    return ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate)) == 1 &&
+           (days < days_of_warning || seconds < 0);
+}
+
+} // namespace
+
+x509_ptr doctor_read_certificate(const char *path)
+{
+    const bio_ptr file{BIO_new_file(path, "r")};
+    x509_ptr read{file == nullptr
+                      ? nullptr
+                      : PEM_read_bio_X509(file.get(), nullptr, openssl_no_passphrase, nullptr)};
+    ERR_clear_error();
+    return read;
+}
+
+void doctor_check_certificate(const doctor_subject &subject, doctor_report &report)
+{
+    const char *const path = subject.config.http_server_cert_path;
+    const x509_ptr certificate = doctor_read_certificate(path);
+    if (subject.config.http_server_port == 0 || certificate == nullptr) {
+        return; // the check of the configuration says what is wrong with it
+    }
+    if (ends_soon(certificate.get())) {
+        report.warn(std::string{"certificate: "} + path + " ends within " +
+                        std::to_string(days_of_warning) + " days",
+                    "Put a new one there and give it to the daemon with velmctl reload.");
+    } else {
+        report.ok(std::string{"certificate: "} + path + " lasts for more than " +
+                  std::to_string(days_of_warning) + " days");
+    }
+    if (subject.lan_address.empty()) {
+        return;
+    }
+    if (names_address(certificate.get(), subject.lan_address)) {
+        report.ok("certificate: it names the LAN address " + subject.lan_address);
+    } else {
+        report.warn("certificate: it does not name the LAN address " + subject.lan_address,
+                    "Where the app compares names, make one with subjectAltName=IP:" +
+                        subject.lan_address + '.');
+    }
+}

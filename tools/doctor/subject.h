@@ -1,0 +1,23 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "config/record.h"
+#include "tools/control/status.h"
+#include "tools/options/velmctl_options.h"
+
+/// What the doctor looks at: the settings that the daemon would have, and what it says if it runs.
+struct doctor_subject {
+    velm_config config{};
+    std::string config_path;              // empty: no file is read
+    bool is_config_asked_for = false;     // by -c: then it must be there
+    std::optional<control_status> daemon; // none: it does not run, or does not answer us
+    std::string no_daemon;                // then: why
+    std::string lan_address;              // empty: none is known
+    bool offline = false;
+    bool is_root = false;
+};
+
+/// Reads the configuration file, nvram and the platform as the daemon does, and asks the daemon.
+[[nodiscard]] doctor_subject doctor_look_at(const velmctl_options &options);

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+#include "tools/control/status.h"
+#include "tools/terminal/output.h"
+
+/// The status for people: aligned lines, the phones, the settings that are not defaults, and at the end
+/// what is wrong.
+[[nodiscard]] std::string velmctl_status_to_text(const control_status &status,
+                                                 const velmctl_paint &paint);

@@ -1,0 +1,13 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/control/status.h"
+
+/// What is wrong with the daemon by its own account: one sentence each, fit for a terminal. Empty: nothing.
+[[nodiscard]] std::vector<std::string> velmctl_status_problems(const control_status &status);
+
+/// True for a file that was read, is needed and cannot be used.
+[[nodiscard]] bool velmctl_status_is_file_wrong(const control_status &status,
+                                                const control_file &file);
