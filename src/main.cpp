@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "async/common_async.h"
-#include "check/check.h"
 #include "conffile/conffile.h"
 #include "config/file_notes.h"
 #include "config/settings.h"
@@ -29,6 +28,7 @@
 #include "lan/query.h"
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
+#include "process/check_program.h"
 #include "process/command_line.h"
 #include "process/detach.h"
 #include "process/pid_file.h"
@@ -320,21 +320,6 @@ void announce_version()
     LOG_INFO("%s %i.%i.%i", "velm", velm_version_major, velm_version_minor, velm_version_patch);
 }
 
-/// For whoever wants to know before a start or a reload what it would make of the configuration.
-int check_and_tell()
-{
-    const std::vector<check_finding> findings =
-        check_configuration(process.command_line, process.config_path);
-    for (const check_finding &finding : findings) {
-        std::puts(check_finding_text(finding).c_str());
-    }
-    if (!check_is_good(findings)) {
-        return EXIT_FAILURE;
-    }
-    std::puts("configuration is good");
-    return EXIT_SUCCESS;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -346,7 +331,7 @@ int main(int argc, char **argv)
     process.command_line = velm_command_line_parse(argc, argv);
     process.config_path = process.command_line.config_path.value_or(default_config_path);
     if (process.command_line.checks) {
-        return check_and_tell();
+        return process_become_check(argc, argv);
     }
     make_config();
     load_defaults_and_file();

@@ -1,6 +1,8 @@
 #include <cstdio>
 #include <ctime>
+#include <string_view>
 
+#include "tools/check/command.h"
 #include "tools/doctor/command.h"
 #include "tools/explain/command.h"
 #include "tools/locations/velmctl_locations.h"
@@ -42,6 +44,9 @@ int run(const velmctl_options &options)
 int main(int argc, char *argv[])
 {
     tzset(); // before localtime_r, which need not look for the time zone itself
+    if (argc > 1 && std::string_view{argv[1]} == "check") {
+        return velmctl_check(argc - 1, argv + 1);
+    }
     const auto options = velmctl_options_parse(argc, argv);
     if (!options.has_value()) {
         std::fputs(velmctl_usage, stderr);

@@ -28,12 +28,12 @@ struct counter_row {
 
 // clang-format off
 constexpr counter_row counters[] = {
-    {"velm_reports_total",         "Reports that were sent to the local clients.",           metric::reports},
-    {"velm_reloads_total",         "Reloads of the configuration.",                          metric::reloads},
-    {"velm_lan_moves_total",       "Changes of the LAN address that is served.",             metric::lan_moves},
-    {"velm_searches_total",        "Searches of phones for this daemon.",                    metric::searches},
-    {"velm_search_answers_total",  "Answers to searches.",                                   metric::search_answers},
-    {"velm_password_hashes_total", "Passwords that were hashed, for logins good and bad.",   metric::password_hashes},
+    {"velmd_reports_total",         "Reports that were sent to the local clients.",           metric::reports},
+    {"velmd_reloads_total",         "Reloads of the configuration.",                          metric::reloads},
+    {"velmd_lan_moves_total",       "Changes of the LAN address that is served.",             metric::lan_moves},
+    {"velmd_searches_total",        "Searches of phones for this daemon.",                    metric::searches},
+    {"velmd_search_answers_total",  "Answers to searches.",                                   metric::search_answers},
+    {"velmd_password_hashes_total", "Passwords that were hashed, for logins good and bad.",   metric::password_hashes},
 };
 // clang-format on
 
@@ -73,7 +73,7 @@ void add_labelled(control_exposition &text, const char *label, const labelled_ro
 /// Of the pairs that have come.
 void add_requests(control_exposition &text)
 {
-    text.begin("velm_requests_total", kind::counter,
+    text.begin("velmd_requests_total", kind::counter,
                "Answers of the HTTPS server; the route is none for what was refused before it.");
     for (std::size_t route = 0; route < metrics_routes.size(); ++route) {
         for (std::size_t status = 0; status < metrics_statuses.size(); ++status) {
@@ -96,7 +96,7 @@ std::string push_status_text(int status)
 
 void add_pushes(control_exposition &text)
 {
-    text.begin("velm_pushes_total", kind::counter,
+    text.begin("velmd_pushes_total", kind::counter,
                "Pushes by the status that the cloud answered; none for no answer.");
     for (const metrics_push_count &one : metrics_pushes()) {
         if (one.pushes != 0) {
@@ -109,19 +109,19 @@ void add_pushes(control_exposition &text)
 void add_counters(control_exposition &text)
 {
     add_requests(text);
-    text.begin("velm_refusals_total", kind::counter,
+    text.begin("velmd_refusals_total", kind::counter,
                "Requests and connections of phones that were refused, by what refused them.");
     for (std::size_t i = 0; i < std::size(story_checks); ++i) {
         text.label("check", story_checks[i]);
         text.sample(metrics_get(metric::refusals_first, i));
     }
     add_pushes(text);
-    text.begin("velm_rounds_total", kind::counter, "Rounds that have ended, by how.");
+    text.begin("velmd_rounds_total", kind::counter, "Rounds that have ended, by how.");
     for (int state = 1; state <= static_cast<int>(story_state::refused); ++state) {
         text.label("state", story_state_name(static_cast<story_state>(state)));
         text.sample(metrics_get(metric::rounds_first, static_cast<std::size_t>(state) - 1));
     }
-    text.begin("velm_connections_refused_total", kind::counter,
+    text.begin("velmd_connections_refused_total", kind::counter,
                "Connections of phones that were refused or closed, by the limit that was reached.");
     add_labelled(text, "why", refused_connections);
     for (const counter_row &row : counters) {
@@ -134,15 +134,15 @@ void add_gauges(control_exposition &text)
 {
     const velm_ipc *const server = velm_location_policy_ipc_server();
     const velm_ipc_usage usage = server != nullptr ? velm_ipc_usage_of(server) : velm_ipc_usage{};
-    add_gauge(text, "velm_connections", http_connections_count(), "Open connections of phones.");
-    add_gauge(text, "velm_connections_max", http_connection_limits{}.total,
+    add_gauge(text, "velmd_connections", http_connections_count(), "Open connections of phones.");
+    add_gauge(text, "velmd_connections_max", http_connection_limits{}.total,
               "How many connections of phones can be open.");
-    add_gauge(text, "velm_local_clients", usage.connections, "Connected local clients.");
-    add_gauge(text, "velm_open_requests", usage.open_requests,
+    add_gauge(text, "velmd_local_clients", usage.connections, "Connected local clients.");
+    add_gauge(text, "velmd_open_requests", usage.open_requests,
               "Requests of local clients that wait for their time to end.");
-    add_gauge(text, "velm_action_queue_length", common_async_waiting(),
+    add_gauge(text, "velmd_action_queue_length", common_async_waiting(),
               "Calls that wait for their turn of the loop.");
-    add_gauge(text, "velm_reports_waiting_bytes", location_queue_bytes(),
+    add_gauge(text, "velmd_reports_waiting_bytes", location_queue_bytes(),
               "Memory of locations that wait for local clients to read.");
 }
 
@@ -160,10 +160,11 @@ void add_process(control_exposition &text)
 std::string control_metrics_text()
 {
     control_exposition text;
-    text.begin("velm_info", kind::gauge, "The version, as a label.");
+    text.begin("velmd_info", kind::gauge, "The version, as a label.");
     text.label("version", control_status_version());
     text.sample(1);
-    text.begin("velm_start_time_seconds", kind::gauge, "When the daemon started, since the epoch.");
+    text.begin("velmd_start_time_seconds", kind::gauge,
+               "When the daemon started, since the epoch.");
     text.sample(control_status_start());
     add_counters(text);
     add_gauges(text);

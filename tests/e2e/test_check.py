@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import datetime
 import os
+import shutil
 import subprocess
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
@@ -12,6 +13,7 @@ from pathlib import Path
 import pytest
 from cryptography.hazmat.primitives import serialization
 from velm_sim.access_point import AccessPoint
+from velm_sim.build import Build
 from velm_sim.certificates import Identity, issue, make_server, now, p256, subject
 
 GOOD = "configuration is good"
@@ -576,3 +578,19 @@ def test_other_options_say_what_they_always_said(cold_access_point: AccessPoint)
     told = run(cold_access_point, ["-z"], stderr="invalid option -- 'z'\n")
     assert told.status == 1
     assert told.lines[:2] == ["unknown parameter: -?", ""]
+
+
+def test_without_velmctl_it_says_what_it_needs(build: Build, tmp_path: Path) -> None:
+    program = tmp_path / "velmd"
+    shutil.copy(build.program("velmd"), program)
+    done = subprocess.run(
+        [str(program), "-t"],
+        env={**os.environ, **build.environment(tmp_path)},
+        capture_output=True,
+        text=True,
+        timeout=10,
+    )
+    assert done.returncode == 1
+    assert done.stderr.endswith(
+        f"velmd: -t needs velmctl, which is neither in {tmp_path}/ nor in {tmp_path}/../bin/\n"
+    )

@@ -52,13 +52,13 @@ def usage(build: Build, tmp_path: Path) -> dict[str, set[str]]:
 
 def test_every_command_is_offered(build: Build, tmp_path: Path) -> None:
     commands = usage(build, tmp_path)
-    assert len(commands) == 7
+    assert len(commands) == 8
     assert offered("velmctl", "") == set(commands) | {"--help"}
 
 
 def test_every_option_of_a_command_is_offered_and_no_other(build: Build, tmp_path: Path) -> None:
     for command, options in usage(build, tmp_path).items():
-        longer = {"--config"} if "-c" in options else set()
+        longer = {"--config"} if {"-c", "--control"} <= options else set()
         assert offered("velmctl", command, "") == options | longer, command
 
 

@@ -247,31 +247,31 @@ def test_metrics_count_what_happened(
     after = metrics_of(access_point)
     grown = {name: value - before.get(name, 0) for name, value in after.items()}
     expected = {
-        'velm_requests_total{route="/info",status="200"}': 1,
-        'velm_requests_total{route="other",status="404"}': 1,
-        'velm_requests_total{route="/location",status="200"}': 1,
-        'velm_requests_total{route="/location",status="409"}': 1,
-        'velm_requests_total{route="/challenge",status="401"}': 1,
-        'velm_refusals_total{check="device_check"}': 1,
-        'velm_refusals_total{check="user_pass_check"}': 1,
-        'velm_refusals_total{check="path"}': 1,
-        'velm_pushes_total{status="200"}': 1,
-        'velm_rounds_total{state="answered"}': 1,
-        "velm_reports_total": 1,
+        'velmd_requests_total{route="/info",status="200"}': 1,
+        'velmd_requests_total{route="other",status="404"}': 1,
+        'velmd_requests_total{route="/location",status="200"}': 1,
+        'velmd_requests_total{route="/location",status="409"}': 1,
+        'velmd_requests_total{route="/challenge",status="401"}': 1,
+        'velmd_refusals_total{check="device_check"}': 1,
+        'velmd_refusals_total{check="user_pass_check"}': 1,
+        'velmd_refusals_total{check="path"}': 1,
+        'velmd_pushes_total{status="200"}': 1,
+        'velmd_rounds_total{state="answered"}': 1,
+        "velmd_reports_total": 1,
     }
     assert {name: grown[name] for name in expected} == expected
-    assert grown["velm_password_hashes_total"] >= 3
-    assert after["velm_connections_max"] == 64
+    assert grown["velmd_password_hashes_total"] >= 3
+    assert after["velmd_connections_max"] == 64
     assert after["process_resident_memory_bytes"] > 1 << 20
     assert after["process_open_fds"] == pytest.approx(access_point.daemon.descriptors(), abs=2)
     assert after["process_cpu_seconds_total"] >= before["process_cpu_seconds_total"]
-    assert abs(after["velm_start_time_seconds"] - time.time()) < 60
+    assert abs(after["velmd_start_time_seconds"] - time.time()) < 60
 
 
 def test_reloads_are_counted(access_point: AccessPoint) -> None:
     for _ in range(2):
         access_point.reload()
-    assert metrics_of(access_point)["velm_reloads_total"] == 2
+    assert metrics_of(access_point)["velmd_reloads_total"] == 2
 
 
 def test_connections_above_the_cap_are_counted(access_point: AccessPoint) -> None:
@@ -281,11 +281,11 @@ def test_connections_above_the_cap_are_counted(access_point: AccessPoint) -> Non
                 access_point.lan_host().connect_tcp()
             )
         wait_until(
-            lambda: metrics_of(access_point)['velm_connections_refused_total{why="address"}'] == 2,
+            lambda: metrics_of(access_point)['velmd_connections_refused_total{why="address"}'] == 2,
             10,
             "two refused connections",
         )
-        assert metrics_of(access_point)["velm_connections"] == 16
+        assert metrics_of(access_point)["velmd_connections"] == 16
 
 
 # What came from outside, and what is secret.

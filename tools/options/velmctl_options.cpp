@@ -19,6 +19,7 @@ const char velmctl_usage[] =
     "       velmctl metrics [-c FILE] [--control PATH]\n"
     "       velmctl doctor [-c FILE] [--control PATH] [--offline]\n"
     "       velmctl reload [-c FILE] [--control PATH]\n"
+    "       velmctl check [-c FILE] [-i ADDRESS] [-n BRIDGE] [-s NUMBER] [-m MAC] [-b BSSIDS]\n"
     "       velmctl --help\n";
 
 namespace {
