@@ -56,7 +56,8 @@ format() {
 
 shell() {
     local openwrt=packaging/openwrt/files
-    git ls-files -z '*.sh' .ci/run "$openwrt/*.init" "$openwrt/*.rpcd" | xargs -0 shellcheck
+    git ls-files -z '*.sh' .ci/run "$openwrt/*.init" "$openwrt/*.rpcd" \
+        'packaging/debian/*rm' | xargs -0 shellcheck
     git ls-files -z packaging/bash-completion | xargs -0 shellcheck -s bash
 }
 

@@ -76,7 +76,7 @@ lint_end() {
     return $status
 }
 
-step "install what is missing" ./scripts/install-dependencies.sh
+step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container
 for preset in "${presets[@]}"; do
     step "build $preset" ./scripts/build.sh "$preset"
     step "unit tests, $preset" unit "$preset"

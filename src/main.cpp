@@ -31,6 +31,7 @@
 #include "process/check_program.h"
 #include "process/command_line.h"
 #include "process/detach.h"
+#include "process/notify.h"
 #include "process/pid_file.h"
 #include "process/prepare.h"
 #include "process/version.h"
@@ -76,6 +77,13 @@ bool is_disabled_by_nvram()
     std::uint16_t mode = 1;
     velm_nvram_config_read_number("zelkad_mode", &mode, 0);
     return mode == 0;
+}
+
+/// To a supervisor the end of a service that was never ready is a failure.
+void tell_switched_off()
+{
+    process_notify_status("Switched off: zelkad_mode is 0 in nvram");
+    process_notify_ready();
 }
 
 void set_log_level_from_nvram()
@@ -180,6 +188,7 @@ void set_up_https_client()
     if (http_client_setup_ssl(ca_path) != 0) {
         LOG_REASON(LOG_LEVEL_ERROR, "%s - ends with status %d: no authorities can be read from %s",
                    __func__, exit_no_https_client, ca_path);
+        process_notify_status("Ended: no authorities can be read from %s", ca_path);
         // On a reload the loop runs below this call: taking the modules' objects apart around it,
         // in no certain order, must not decide how the process ends.
         std::fflush(nullptr);
@@ -235,6 +244,21 @@ void start_control_server(void *, short, common_async_context *) noexcept
     control_server_start(config.control_sock);
 }
 
+/// Runs behind the action that starts the servers.
+void tell_started(void *, short, common_async_context *) noexcept
+{
+    if (!velm_lan_query_is_under_way()) { // else the next reload has begun
+        process_notify_ready();
+    }
+}
+
+void start_servers()
+{
+    velm_main_start();
+    common_async_action_call(start_control_server, nullptr); // after the servers
+    common_async_action_call(tell_started, nullptr);
+}
+
 void ask_to_reload();
 
 void reload(velm_lan_answer lan)
@@ -246,8 +270,7 @@ void reload(velm_lan_answer lan)
     init_modules();
     velm_main_deinit();
     velm_main_init(process.config.get());
-    velm_main_start();
-    common_async_action_call(start_control_server, nullptr); // after the servers
+    start_servers();
     metrics_count(metric::reloads);
     if (std::exchange(process.reloads_again, false)) {
         ask_to_reload();
@@ -263,6 +286,7 @@ void ask_to_reload()
         process.reloads_again = true;
         return;
     }
+    process_notify_reloading();
     velm_lan_query_begin(reload);
     if (velm_lan_query_is_under_way()) {
         prepare_https_client();
@@ -289,6 +313,7 @@ void make_event_base()
     velm_lan_query_set_event_base(base);
     control_server_set_event_base(base);
     story_subscribe(on_story_change);
+    process_notify_set_event_base(base);
 }
 
 void watch_sighup()
@@ -325,7 +350,9 @@ void announce_version()
 int main(int argc, char **argv)
 {
     process_prepare();
+    process_notify_begin();
     if (is_disabled_by_nvram() && !velm_command_line_asks_to_check(argc, argv)) {
+        tell_switched_off();
         return EXIT_SUCCESS;
     }
     process.command_line = velm_command_line_parse(argc, argv);
@@ -355,8 +382,7 @@ int main(int argc, char **argv)
     common_netlink_observe_losses(velm_lan_address_went);
     common_netlink_observe(velm_lan_address_came, nullptr);
     velm_lan_settle(process.config.get(), lan.was_asked);
-    velm_main_start();
-    common_async_action_call(start_control_server, nullptr); // after the servers
+    start_servers();
     event_base_dispatch(process.base.get());
     return EXIT_SUCCESS;
 }

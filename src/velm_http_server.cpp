@@ -23,6 +23,7 @@
 #include "http_server/tls_settings.h"
 #include "lan/wait.h"
 #include "logger/fatal.h"
+#include "process/notify.h"
 
 namespace {
 
@@ -119,8 +120,10 @@ void wait_for_address()
 {
     if (!state.address_wait.is_waiting()) {
         say_bind_failed();
-        LOG_INFO("%s - until an interface has %s", __func__,
-                 velm_config_lan_ip_address(state.config).c_str());
+        const std::string address = velm_config_lan_ip_address(state.config);
+        LOG_INFO("%s - until an interface has %s", __func__, address.c_str());
+        process_notify_status("Waits for the LAN address %s; serves local clients",
+                              address.c_str());
     }
     state.address_wait.again(state.base, bind_again);
 }
@@ -139,6 +142,9 @@ void bind_or_wait()
     if (bind_socket(state.http_server_instance.get())) {
         stop_waiting();
         http_connections_watch_listener();
+        process_notify_status("Serves phones at %s:%u",
+                              velm_config_lan_ip_address(state.config).c_str(),
+                              unsigned{state.config->http_server_port});
     } else if (errno == EADDRNOTAVAIL) {
         wait_for_address();
     } else {
@@ -170,6 +176,7 @@ void http_server_start()
     velm_http_server_stop();
     if (state.config->http_server_port == 0) {
         LOG_ERROR("%s - not configured", __func__);
+        process_notify_status("Serves local clients only: http.server.port is 0");
         return;
     }
     state.http_server_instance.reset(evhtp_new(state.base, nullptr));

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,19 @@ struct module_state {
     bool holder_is_stuck = false; // a lock has not been given in time
 };
 module_state state;
+
+/// What root sets is for a daemon that may be another user.
+int give_to_owner_of(int directory, int file)
+{
+    struct stat found {};
+    if (geteuid() != 0) {
+        return 0;
+    }
+    if (fstat(directory, &found) != 0) {
+        return errno;
+    }
+    return found.st_uid == 0 || fchown(file, found.st_uid, found.st_gid) == 0 ? 0 : errno;
+}
 
 } // namespace
 
@@ -82,7 +96,10 @@ int host_file_replace(int directory, const std::string &name, std::span<const st
     if (!file) {
         return errno;
     }
-    int rc = host_file_write(file.get(), bytes);
+    int rc = give_to_owner_of(directory, file.get());
+    if (rc == 0) {
+        rc = host_file_write(file.get(), bytes);
+    }
     if (rc == 0 && fsync(file.get()) != 0) {
         rc = errno;
     }

@@ -30,7 +30,8 @@ using host_bytes = std::vector<std::uint8_t>;
 [[nodiscard]] bool host_is_want_of_room(int rc);
 
 /// Puts a new file in the place of `name`: whoever opens the name finds the old bytes or the new
-/// ones, whole, even after a power cut. Only the directory is not synced yet. `file` is the new one.
+/// ones, whole, even after a power cut. Only the directory is not synced yet. `file` is the new
+/// one, of mode 0600. When root makes it, it belongs to the owner of the directory.
 [[nodiscard]] int host_file_replace(int directory, const std::string &name,
                                     std::span<const std::uint8_t> bytes, unique_fd &file);
 

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -40,6 +41,25 @@ TEST_F(Store, IsReadableForItsOwnerOnly)
         struct stat found = {};
         ASSERT_EQ(stat((directory.path() + name).c_str(), &found), 0) << name;
         EXPECT_EQ(found.st_mode & 077, 0U) << name;
+    }
+}
+
+TEST_F(Store, WhatRootWritesBelongsToTheOwnerOfTheDirectory)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root may give files away";
+    }
+    constexpr uid_t daemon_user = 54321;
+    ASSERT_TRUE(std::filesystem::create_directory(directory.path()));
+    ASSERT_EQ(chown(directory.path().c_str(), daemon_user, daemon_user), 0);
+    ASSERT_EQ(set(store, {{"a", "1"}}), 0);
+    ASSERT_EQ(store.commit(), 0);
+    for (const char *const name : {"live", "committed.0"}) {
+        struct stat found = {};
+        ASSERT_EQ(stat(directory.file(name).c_str(), &found), 0) << name;
+        EXPECT_EQ(found.st_uid, daemon_user) << name;
+        EXPECT_EQ(found.st_gid, daemon_user) << name;
+        EXPECT_EQ(found.st_mode & 0777, 0600U) << name;
     }
 }
 
