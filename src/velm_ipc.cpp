@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "cutils/resting_listener.h"
 #include "handles/argument.h"
 #include "handles/libevent.h"
 #include "ipc/places.h"
@@ -51,7 +52,7 @@ struct velm_ipc {
     std::string client_path;
     std::string server_path;
     evconnlistener_ptr listener;
-    event_ptr listener_pause;
+    resting_listener listener_rest;
     event_ptr timer; // for the next tick that has something to do: nobody else wakes the process
     timer_state timer_waits = timer_state::rests;
     std::vector<connection> connections;
@@ -284,24 +285,14 @@ void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, voi
     }
 }
 
-/// Accepting fails for as long as the process is out of descriptors, and the listener stays
-/// readable: without a pause the loop would spin.
-void listener_error_cb(evconnlistener *listener, void *context) noexcept
+void listener_error_cb(evconnlistener *, void *context) noexcept
 {
     LOG_ERROR("Listener error");
-    evconnlistener_disable(listener);
-    evtimer_add(static_cast<velm_ipc *>(context)->listener_pause.get(), &listener_pause_time);
-}
-
-void listener_resume_cb(evutil_socket_t, short, void *context) noexcept
-{
-    evconnlistener_enable(static_cast<velm_ipc *>(context)->listener.get());
+    static_cast<velm_ipc *>(context)->listener_rest.rest(listener_pause_time);
 }
 
 bool server_listen(velm_ipc *server)
 {
-    server->listener_pause.reset(evtimer_new(server->base, listener_resume_cb, server));
-    REQUIRE_MEMORY(server->listener_pause, "listener_pause");
     unique_fd socket = velm_ipc_socket_listen(server->server_path.c_str());
     if (!socket) {
         const int error = errno;
@@ -317,6 +308,7 @@ bool server_listen(velm_ipc *server)
         return false;
     }
     (void)socket.release(); // the listener closes it
+    server->listener_rest.watch(server->listener.get());
     evconnlistener_set_error_cb(server->listener.get(), listener_error_cb);
     return true;
 }

@@ -5,17 +5,16 @@
 #include <cerrno>
 #include <cstring>
 
-#include "handles/libevent.h"
+#include "cutils/resting_listener.h"
 #include "http_server/log.h"
-#include "logger/fatal.h"
+#include "logger/common_logger.h"
 
 namespace {
 
 struct module_state {
-    evconnlistener *listener = nullptr; // the library's
+    resting_listener listener; // of the library's
     timeval rest{};
-    unsigned accepted = 0; // since the last pause
-    event_ptr listener_wake;
+    unsigned accepted = 0; // since it rested last
 };
 module_state state;
 
@@ -24,23 +23,16 @@ module_state state;
 void limit_buffer(int which, const char *name, int size)
 {
     const int told = size / 2;
-    if (setsockopt(evconnlistener_get_fd(state.listener), SOL_SOCKET, which, &told, sizeof told) !=
-        0) {
+    if (setsockopt(evconnlistener_get_fd(state.listener.get()), SOL_SOCKET, which, &told,
+                   sizeof told) != 0) {
         LOG_WARN("%s - setsockopt(%s): %s", __func__, name, std::strerror(errno));
     }
 }
 
 void pause(const timeval &length)
 {
-    evconnlistener_disable(state.listener);
-    const int rc = evtimer_add(state.listener_wake.get(), &length);
-    REQUIRE_CALL(rc == 0, "evtimer_add(listener_wake, &length)", rc);
-}
-
-void on_listener_wake(evutil_socket_t, short, void *) noexcept
-{
     state.accepted = 0;
-    evconnlistener_enable(state.listener);
+    state.listener.rest(length);
 }
 
 /// Without descriptors it would spin.
@@ -54,25 +46,22 @@ void on_accept_error(evconnlistener *, void *) noexcept
 
 void http_listener_open(evhtp_t *htp, const timeval &rest)
 {
-    state.listener = htp->server;
+    state.listener.watch(htp->server);
     state.rest = rest;
     state.accepted = 0;
-    state.listener_wake.reset(evtimer_new(htp->evbase, on_listener_wake, nullptr));
-    REQUIRE_MEMORY(state.listener_wake, "listener_wake");
-    evconnlistener_set_error_cb(state.listener, on_accept_error);
+    evconnlistener_set_error_cb(htp->server, on_accept_error);
     limit_buffer(SO_SNDBUF, "SO_SNDBUF", http_listener_send_buffer);
     limit_buffer(SO_RCVBUF, "SO_RCVBUF", http_listener_receive_buffer);
 }
 
 void http_listener_close()
 {
-    state.listener_wake.reset();
-    state.listener = nullptr;
+    state.listener.forget();
 }
 
 void http_listener_count()
 {
-    if (state.listener != nullptr && ++state.accepted >= http_listener_turn) {
+    if (state.listener.get() != nullptr && ++state.accepted >= http_listener_turn) {
         constexpr timeval next_turn{};
         pause(next_turn);
     }
