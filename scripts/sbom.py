@@ -3,7 +3,7 @@
 
 The dynamic loader says which shared libraries it maps, the linker's map which archives and start-up
 objects of the machine went into the program, and dpkg which package each file is of, its version and its
-licences. The same program on the same machine gives the same bytes.
+licences. The map is that of GNU ld. The same program on the same machine gives the same bytes.
 
 usage: sbom.py PROGRAM LINKER_MAP NAME VERSION OUTPUT
 """
