@@ -24,7 +24,8 @@ struct config_setting {
     const char *standard; // the default, as it would be written in the file
     const char *nvram;    // the name of the setting in nvram that overrides the file; null: none
     const char *meaning;  // one sentence, which velmd.conf(5) has too
-    bool is_traced = true; // tools in the field compare these lines of the log: a later one has none
+    bool is_traced =
+        true; // tools in the field compare these lines of the log: a later one has none
 };
 
 /// The settings of the file, in the order of the record.

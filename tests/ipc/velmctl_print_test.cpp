@@ -9,8 +9,8 @@
 #include <limits>
 
 #include "handles/cjson.h"
-#include "tools/terminal/text.h"
 #include "tools/locations/velmctl_client.h"
+#include "tools/terminal/text.h"
 
 namespace {
 
