@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "file/regular_file.h"
 #include "handles/handle.h"
@@ -26,12 +27,13 @@ double cpu_seconds()
 std::uint64_t resident_bytes()
 {
     const stdio_file file = open_regular_file("/proc/self/statm");
-    unsigned long size = 0;
-    unsigned long resident = 0;
-    if (file == nullptr || std::fscanf(file.get(), "%lu %lu", &size, &resident) != 2) {
+    char line[128]; // pages: of the program, resident, and more
+    if (file == nullptr || std::fgets(line, sizeof line, file.get()) == nullptr) {
         return 0;
     }
-    return std::uint64_t{resident} * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+    char *end = line;
+    (void)std::strtoull(line, &end, 10);
+    return std::strtoull(end, nullptr, 10) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
 std::uint64_t open_descriptors()

@@ -17,6 +17,8 @@ namespace {
 } // namespace
 
 // clang-format off
+// The names are not ours to choose.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,cert-dcl58-cpp,clang-diagnostic-reserved-identifier)
 extern "C" {
 [[gnu::weak]] void __cxa_throw(void *, void *, void (*)(void *)) { end(); }
 [[gnu::weak]] void *__cxa_allocate_exception(std::size_t) noexcept { end(); }
@@ -48,4 +50,5 @@ namespace std {
 [[noreturn, gnu::weak]] void __throw_underflow_error(const char *) { end(); }
 [[noreturn, gnu::weak]] void __throw_bad_function_call() { end(); }
 } // namespace std
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,cert-dcl58-cpp,clang-diagnostic-reserved-identifier)
 // clang-format on
