@@ -83,7 +83,9 @@ void access_token_answered(int code, evkeyvalq *, const char *body, std::size_t 
     token_request_ptr d = adopt<token_request>(argument);
     json_ptr token = token_from_answer(d.get(), code, body, length);
     if (token == nullptr) {
-        story_reason_set("the access token was refused", std::max(code, 0));
+        story_reason_set(code > 0 ? "the access token was refused"
+                                  : "no answer about an access token",
+                         std::max(code, 0));
     }
     return_access_token(std::move(d), std::move(token));
 }

@@ -19,6 +19,7 @@
 #include "handles/argument.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
+#include "story/reason.h"
 
 namespace {
 
@@ -30,6 +31,9 @@ constexpr int http_too_many_requests = 429;
 
 /// After a 429, the time from the last request in which none is sent.
 constexpr std::chrono::hours silence{1};
+
+constexpr char quota_is_used_up[] =
+    "Google's daily limit is reached: Google is not asked for an hour";
 
 struct module_state {
     const velm_config *config = nullptr;
@@ -47,6 +51,7 @@ struct verdict_request {
     std::uint32_t question = 0; // its number in the record of junk
     bool junk = false;
     unsigned access_token_number = 0; // of the access token that it was sent with
+    const char *refusal = nullptr;    // a constant: why nobody is asked, for the story
 };
 using verdict_request_ptr = std::unique_ptr<verdict_request>;
 
@@ -54,6 +59,9 @@ using verdict_request_ptr = std::unique_ptr<verdict_request>;
 void return_verdict(verdict_request_ptr request, const cJSON *verdict)
 {
     velm_google_junk_settle(request->question, request->junk);
+    if (request->refusal != nullptr) {
+        story_reason_set(request->refusal);
+    }
     request->completion(verdict, request->context);
 }
 
@@ -70,6 +78,7 @@ void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t
     request->junk = code == http_bad_request;
     if (code == http_too_many_requests) {
         state.limit_reached = true;
+        request->refusal = quota_is_used_up;
     }
     const json_ptr answer =
         velm_google_answer_parse(code, body, length, log_category, __func__, request.get());
@@ -112,7 +121,12 @@ http_client_request_data make_request(const std::string &token)
 
 void send_integrity(verdict_request_ptr request)
 {
-    if (!velm_google_account_is_ready(state.account, log_category, __func__) || !limit_allows()) {
+    if (!velm_google_account_is_ready(state.account, log_category, __func__)) {
+        return_verdict(std::move(request), nullptr);
+        return;
+    }
+    if (!limit_allows()) {
+        request->refusal = quota_is_used_up;
         return_verdict(std::move(request), nullptr);
         return;
     }
@@ -182,11 +196,13 @@ void velm_google_integrity_get_verdict(std::span<const std::uint8_t> token,
         verdict_request{{token.begin(), token.end()}, completion, context});
     if (!is_printable_text(request->token)) {
         LOG_ERROR("%s - invalid token", __func__);
+        request->refusal = "it is no integrity token";
         common_async_action_call(refuse_later, request.release());
         return;
     }
     const std::optional<std::uint32_t> question = question_admit(__func__);
     if (!question.has_value()) {
+        request->refusal = "too many tokens that are none came from its address";
         common_async_action_call(refuse_later, request.release());
         return;
     }

@@ -23,17 +23,15 @@ struct module_state {
 };
 module_state state;
 
-/// What root sets is for a daemon that may be another user.
-int give_to_owner_of(int directory, int file)
+/// What root sets is for a daemon that may be another user. A root that may not give files away, in a
+/// container for example, keeps them.
+void give_to_owner_of(int directory, int file)
 {
     struct stat found {};
-    if (geteuid() != 0) {
-        return 0;
+    if (geteuid() == 0 && fstat(directory, &found) == 0 && found.st_uid != 0) {
+        const int rc = fchown(file, found.st_uid, found.st_gid);
+        (void)rc;
     }
-    if (fstat(directory, &found) != 0) {
-        return errno;
-    }
-    return found.st_uid == 0 || fchown(file, found.st_uid, found.st_gid) == 0 ? 0 : errno;
 }
 
 } // namespace
@@ -96,10 +94,8 @@ int host_file_replace(int directory, const std::string &name, std::span<const st
     if (!file) {
         return errno;
     }
-    int rc = give_to_owner_of(directory, file.get());
-    if (rc == 0) {
-        rc = host_file_write(file.get(), bytes);
-    }
+    give_to_owner_of(directory, file.get());
+    int rc = host_file_write(file.get(), bytes);
     if (rc == 0 && fsync(file.get()) != 0) {
         rc = errno;
     }

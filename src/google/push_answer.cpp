@@ -82,9 +82,12 @@ bool is_status_word(std::string_view text)
                        [](char c) { return c == '_' || (c >= 'A' && c <= 'Z'); });
 }
 
+/// A longer answer is not taken apart for a word: it may become a tree of megabytes.
+constexpr std::size_t longest_with_words = 4096;
+
 std::string refusal_words(const char *body, std::size_t length)
 {
-    const json_ptr answer = parse(body, length);
+    const json_ptr answer = length <= longest_with_words ? parse(body, length) : nullptr;
     const cJSON *error = cJSON_GetObjectItemCaseSensitive(answer.get(), "error");
     const char *status = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(error, "status"));
     return status != nullptr && is_status_word(status) ? std::string{"refused: "} + status

@@ -81,7 +81,9 @@ http_outcome verify_attestation(const http_asked &asked, std::string *attestatio
     }
     if (velm_challenge_engine_consume_challenge(input.challenge) == 0) {
         LOG_ERROR("%s - failure (challenge)", __func__);
-        return {http_status_failed_dependency, "challenge is not pending"};
+        return {.status = http_status_failed_dependency,
+                .refusal = "challenge is not pending",
+                .hint = story_reason_take().text};
     }
     LOG_TRACE("%s - success", __func__);
     *attestation_key = std::move(verdict.attestation_key);

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import http.client
+import os
 import random
 import shutil
 import signal
@@ -409,3 +410,22 @@ def test_a_daemon_whose_store_is_damaged_throughout_serves_without_pairings(
         ipc.request()
         assert ipc.receive().status == STATUS_NO_PAIRED_DEVICES
     assert "no good copy is left" in (access_point.directory / "stdout").read_text()
+
+
+def test_a_root_that_may_give_no_file_away_sets_and_commits_all_the_same(
+    cold_access_point: AccessPoint,
+) -> None:
+    store = cold_access_point.directory / "nvram"
+    shutil.chown(store, 65534, 65534)
+    store.chmod(0o777)
+    without = ["setpriv", "--bounding-set=-chown", "--inh-caps=-chown"]
+    environment = {
+        **os.environ,
+        **cold_access_point.environment,
+        **cold_access_point.build.environment(cold_access_point.directory),
+    }
+    program = str(cold_access_point.build.program("nvram"))
+    for arguments in (["set", "a=b"], ["commit"]):
+        done = subprocess.run([*without, program, *arguments], env=environment, timeout=30)
+        assert done.returncode == 0
+    assert "a=b" in cold_access_point.nvram_show().splitlines()

@@ -13,6 +13,7 @@
 #include "fakes/fake_google.h"
 #include "fakes/temporary_directory.h"
 #include "google/junk.h"
+#include "story/reason.h"
 
 namespace {
 
@@ -530,6 +531,8 @@ TEST_F(GoogleIntegrity, AfterStatus429NothingIsSentForAnHourAndNotASecondLonger)
     EXPECT_EQ(verdicts, lines{none});
     EXPECT_EQ(log.lines(),
               lines{"WARN velm_google_integrity - send_integrity - daily limit reached"});
+    EXPECT_STREQ(story_reason_take().text,
+                 "Google's daily limit is reached: Google is not asked for an hour");
     fake_clock_set(today + 3600);
     ask();
     run_actions();

@@ -17,7 +17,7 @@ class FcmAnswer : public testing::TestWithParam<answer_case> {};
 
 TEST_P(FcmAnswer, IsAboutTheTokenOrAboutAnotherThing)
 {
-    const std::string body = GetParam().body;
+    const std::string &body = GetParam().body;
     EXPECT_EQ(
         velm_fcm_answer_is_about_the_token(body.c_str(), body.size(), GetParam().content_type),
         GetParam().about_the_token);
@@ -79,7 +79,7 @@ TEST(FcmAnswerNestedTooDeep, IsAboutTheToken)
 struct words_case {
     const char *name;
     int code;
-    const char *body;
+    std::string body;
     const char *words;
 };
 
@@ -87,7 +87,7 @@ class FcmAnswerWords : public testing::TestWithParam<words_case> {};
 
 TEST_P(FcmAnswerWords, AreShortAndNotOfTheSendersMaking)
 {
-    const std::string body = GetParam().body;
+    const std::string &body = GetParam().body;
     const std::string words =
         velm_fcm_answer_words(GetParam().code, body.c_str(), body.size(), nullptr);
     EXPECT_EQ(words, GetParam().words);
@@ -107,6 +107,7 @@ INSTANTIATE_TEST_SUITE_P(Codes, FcmAnswerWords, testing::Values(
     words_case{"Status", 403, R"({"error":{"status":"PERMISSION_DENIED"}})", "refused: PERMISSION_DENIED"},
     words_case{"StatusOfOtherLetters", 400, R"({"error":{"status":"a b"}})", "refused"},
     words_case{"StatusThatIsTooLong", 400, R"({"error":{"status":"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA"}})", "refused"},
+    words_case{"StatusInALongAnswer", 500, R"({"error":{"status":"INTERNAL"}})" + std::string(5000, ' '), "refused"},
     words_case{"NoStatus", 500, "oops", "refused"}),
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
