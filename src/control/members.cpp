@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <utility>
 
 #include "logger/fatal.h"
@@ -11,6 +13,34 @@
 namespace {
 
 constexpr char log_category[] = "control";
+
+/// Of a whole character of at most three bytes, which what is escaped has.
+unsigned code_of(std::string_view character)
+{
+    const auto byte = [character](std::size_t i) {
+        return static_cast<unsigned char>(character[i]);
+    };
+    switch (character.size()) {
+    case 1:
+        return byte(0);
+    case 2:
+        return (byte(0) & 0x1fU) << 6 | (byte(1) & 0x3fU);
+    case 3:
+        return (byte(0) & 0x0fU) << 12 | (byte(1) & 0x3fU) << 6 | (byte(2) & 0x3fU);
+    default:
+        return 0;
+    }
+}
+
+/// JSON itself has escaped what is below the space.
+bool is_escaped(unsigned code)
+{
+    const auto is_in = [code](unsigned first, unsigned last) {
+        return code >= first && code <= last;
+    };
+    return is_in(0x7f, 0x9f) || code == 0x061c || is_in(0x200e, 0x200f) || is_in(0x2028, 0x202e) ||
+           is_in(0x2066, 0x2069);
+}
 
 } // namespace
 
@@ -80,4 +110,25 @@ cJSON *control_add_list(cJSON *object, const char *name)
 void control_append(cJSON *list, json_ptr element)
 {
     cJSON_AddItemToArray(list, element.release());
+}
+
+std::string control_print(const cJSON *document)
+{
+    const json_text printed{cJSON_PrintUnformatted(document)};
+    REQUIRE_MEMORY(printed, "text");
+    std::string text;
+    for (std::string_view rest = printed.get(); !rest.empty();) {
+        const std::string_view character =
+            rest.substr(0, std::max<std::size_t>(utf8_length(rest), 1));
+        const unsigned code = code_of(character);
+        if (is_escaped(code)) {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", code & 0xffffU);
+            text += escape;
+        } else {
+            text += character;
+        }
+        rest.remove_prefix(character.size());
+    }
+    return text;
 }

@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "handles/cjson.h"
@@ -12,7 +13,7 @@
 
 [[nodiscard]] json_ptr control_object();
 
-/// Bytes that are no UTF-8 become U+FFFD; JSON itself escapes control characters.
+/// Bytes that are no UTF-8 become U+FFFD.
 void control_add_text(cJSON *object, const char *name, std::string_view text);
 
 /// Null for no text.
@@ -32,3 +33,7 @@ void control_add_address(cJSON *object, const char *name, in_addr_t address);
 [[nodiscard]] cJSON *control_add_object(cJSON *object, const char *name);
 [[nodiscard]] cJSON *control_add_list(cJSON *object, const char *name);
 void control_append(cJSON *list, json_ptr element);
+
+/// As a text. What commands a terminal or turns the direction of writing is escaped: control characters of
+/// both ranges, line and paragraph separators, the marks of bidirectional text.
+[[nodiscard]] std::string control_print(const cJSON *document);

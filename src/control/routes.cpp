@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "control/members.h"
 #include "control/metrics.h"
 #include "control/rounds.h"
 #include "control/status.h"
@@ -36,9 +37,7 @@ const char *phrase_of(int status)
 control_answer document(const json_ptr &document)
 {
     REQUIRE_MEMORY(document, "document");
-    const json_text text{cJSON_PrintUnformatted(document.get())};
-    REQUIRE_MEMORY(text, "text");
-    return {200, text.get(), json_type};
+    return {200, control_print(document.get()), json_type};
 }
 
 control_answer status()

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -5,7 +6,6 @@
 #include "logger/common_logger.h"
 #include "story/memory.h"
 #include "story/view.h"
-#include "text/or_empty.h"
 
 /// Why no location came.
 
@@ -29,7 +29,9 @@ const char *left_out_text(story_cause cause)
     case story_cause::none:
     case story_cause::every_push_failed:
     case story_cause::phones_refused:
+    case story_cause::daemon_reloaded:
     case story_cause::client_gone:
+    case story_cause::push_pending:
     case story_cause::phone_never_came:
     case story_cause::unknown:
         break;
@@ -54,23 +56,60 @@ std::string status_text(std::int32_t status)
     return status == 0 ? std::string{} : printed(" (status %d)", status);
 }
 
+bool has_failed_pushes_only(const story_round &round)
+{
+    return round.pushes > 0 && round.pushes_bad == round.pushes;
+}
+
+std::string every_push_failed_text(const story_round &round)
+{
+    return "the push service took none of the pushes" + status_text(round.push_status);
+}
+
 /// A run that was left out or came to nothing does not keep a phone from coming.
 std::string refusal_text(const story_round &round)
 {
-    return round.refused_why == nullptr
-               ? std::string{}
-               : printed("; a phone came and was refused: %s", round.refused_why);
+    const std::string refused = printed("a phone came and was refused: %s", round.refused_why);
+    if (round.run_left_out != story_cause::none) {
+        return refused + "; no push was sent: " + story_run_text(round);
+    }
+    return has_failed_pushes_only(round) ? refused + "; " + every_push_failed_text(round) : refused;
 }
 
-std::string never_came_text(const story_round &round)
+/// The phone that the only push went to; " to " and its name, or nothing.
+std::string target_text(const story_round &round)
 {
-    const char *const before =
-        round.stopped_why == nullptr ? "" : "; a visitor was refused before it reached a route: ";
-    const char *const why = text_or_empty(round.stopped_why);
-    return round.run == 0 ? printed("no push has left, and no phone came%s%s", before, why)
-                          : printed("%u %s left, the push service took %u, and no phone came%s%s",
-                                    round.pushes, round.pushes == 1 ? "push" : "pushes",
-                                    round.pushes_ok, before, why);
+    const story_memory &kept = story_kept();
+    const auto push =
+        std::find_if(kept.pushes.begin(), kept.pushes.end(), [&round](const story_push &one) {
+            return one.number != 0 && one.run == round.run;
+        });
+    return push == kept.pushes.end() || push->name[0] == '\0' ? std::string{}
+                                                              : printed(" to %s", push->name);
+}
+
+std::string pushed_text(const story_round &round)
+{
+    if (round.run == 0) {
+        return "no push has left, and no phone came";
+    }
+    if (round.pushes == 1) {
+        return "the push service took the push" + target_text(round) +
+               ", but the phone did not come";
+    }
+    return round.pushes_ok == round.pushes
+               ? printed("the push service took %u pushes, but no phone came", round.pushes)
+               : printed("the push service took %u of %u pushes, but no phone came",
+                         round.pushes_ok, round.pushes);
+}
+
+/// What kept a visitor from a route may be why no phone came.
+std::string stopped_text(const story_round &round)
+{
+    return round.stopped_why == nullptr
+               ? std::string{}
+               : printed("; a visitor was refused before it reached a route: %s",
+                         round.stopped_why);
 }
 
 } // namespace
@@ -111,8 +150,12 @@ const char *story_cause_name(story_cause cause)
         return "every push failed";
     case story_cause::phones_refused:
         return "phones refused";
+    case story_cause::daemon_reloaded:
+        return "daemon reloaded";
     case story_cause::client_gone:
         return "client gone";
+    case story_cause::push_pending:
+        return "push pending";
     case story_cause::phone_never_came:
         return "phone never came";
     case story_cause::unknown:
@@ -131,17 +174,20 @@ story_cause story_cause_of(const story_round &round)
     if (round.state == story_state::open || round.state == story_state::answered) {
         return story_cause::none;
     }
-    if (round.run_left_out != story_cause::none) {
-        return round.run_left_out;
-    }
-    if (round.pushes > 0 && round.pushes_bad == round.pushes) {
-        return story_cause::every_push_failed;
-    }
     if (round.refused_route != nullptr) {
         return story_cause::phones_refused;
     }
+    if (round.run_left_out != story_cause::none) {
+        return round.run_left_out;
+    }
+    if (has_failed_pushes_only(round)) {
+        return story_cause::every_push_failed;
+    }
     if (round.state == story_state::client_gone) {
-        return story_cause::client_gone;
+        return round.was_cut_off ? story_cause::daemon_reloaded : story_cause::client_gone;
+    }
+    if (round.push_lacked != nullptr && round.posted == 0) {
+        return story_cause::push_pending;
     }
     return round.came == 0 ? story_cause::phone_never_came : story_cause::unknown;
 }
@@ -156,16 +202,22 @@ std::string story_cause_text(const story_round &round)
     case story_cause::too_soon:
     case story_cause::no_key:
     case story_cause::no_access_token:
-        return story_run_text(round) + refusal_text(round);
+        return story_run_text(round);
     case story_cause::every_push_failed:
-        return "the push service took none of the pushes" + status_text(round.push_status) +
-               refusal_text(round);
+        return every_push_failed_text(round);
     case story_cause::phones_refused:
-        return printed("a phone came and was refused: %s", round.refused_why);
+        return refusal_text(round);
+    case story_cause::daemon_reloaded:
+        return "the daemon ended the client's connection: it was reloaded, or the LAN changed";
     case story_cause::client_gone:
         return "the client ended its connection before a location came";
+    case story_cause::push_pending:
+        return printed("no push had %s when the time was up: the daemon was still waiting for the "
+                       "push service",
+                       round.push_lacked) +
+               stopped_text(round);
     case story_cause::phone_never_came:
-        return never_came_text(round);
+        return pushed_text(round) + stopped_text(round);
     case story_cause::unknown:
         break;
     }

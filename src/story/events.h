@@ -24,7 +24,9 @@ enum class story_cause : std::uint8_t {
     no_access_token,
     every_push_failed,
     phones_refused,
+    daemon_reloaded,
     client_gone,
+    push_pending,
     phone_never_came,
     unknown,
 };
@@ -80,7 +82,8 @@ struct story_round {
     story_state state = story_state::open;
     /// Its request is not answered yet, and its client is there. An expired round waits on for as long as
     /// a location would still be reported to the client.
-    bool waits = false;
+    bool waits = false;       // visits belong to it only while it is open
+    bool was_cut_off = false; // the daemon ended its connection
     story_cause run_left_out =
         story_cause::none; // why no push run was begun, or why it came to nothing
     std::uint32_t seq = 0; // names the request in velm_ipc
@@ -97,6 +100,8 @@ struct story_round {
     std::uint32_t pushes_ok = 0;  // that the push service took
     std::uint32_t pushes_bad = 0; // that it did not take
     std::int32_t push_status = 0; // of the last bad one
+    const char *push_lacked =
+        nullptr; // what no push of the run had when the round closed; else null
     story_interval visits;
     story_interval reports;
     std::uint32_t visited = 0;           // times that anything came

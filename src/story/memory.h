@@ -31,11 +31,12 @@ struct story_memory {
     std::array<story_round, story_rounds_kept> rounds;
     std::uint64_t last_round = 0;
     std::size_t waiting = 0; // of the rounds
+    std::size_t open = 0;    // of those
     std::array<story_push, story_pushes_kept> pushes;
     std::uint64_t last_push = 0;
     std::uint32_t last_run = 0;
     std::uint32_t asking = 0;                 // the request that the next push run is for
-    story_visits<story_visits_kept> visits;   // while a round waits
+    story_visits<story_visits_kept> visits;   // while a round is open
     story_visits<story_unasked_kept> unasked; // others
     std::uint64_t posted = 0;                 // visits that were accepted at "/location"
     std::array<story_report, story_reports_kept> reports;

@@ -44,10 +44,24 @@ story_round &round_place(std::uint64_t id)
     return kept.rounds[(id - 1) % kept.rounds.size()];
 }
 
+/// What no push of its run has by now; null when one was taken, or each was refused.
+const char *push_lack_of(const story_round &round)
+{
+    if (round.run == 0 || round.pushes_ok > 0) {
+        return nullptr;
+    }
+    return round.pushes == 0 ? "left" : round.pushes_bad == 0 ? "been answered" : "been taken";
+}
+
+/// No visit from now on belongs to it, so that its cause stays as the log has it.
 void round_close(story_round &round, story_state state)
 {
     round.state = state;
     round.closed = story_now();
+    round.push_lacked = push_lack_of(round);
+    round.visits.end = kept.visits.last + 1;
+    kept.visits.repeats_end_with = kept.visits.last;
+    --kept.open;
     metrics_count(metric::rounds_first, static_cast<std::size_t>(state) - 1); // the first is open
     story_round_log(round, story_state_name(state));
 }
@@ -56,9 +70,7 @@ void round_close(story_round &round, story_state state)
 void round_end(story_round &round)
 {
     round.waits = false;
-    round.visits.end = kept.visits.last + 1;
     round.reports.end = kept.last_report + 1;
-    kept.visits.repeats_end_with = kept.visits.last;
     --kept.waiting;
 }
 
@@ -78,6 +90,7 @@ story_round &round_begin()
     if (round.waits) {
         if (round.state == story_state::open) {
             story_round_log(round, "forgotten");
+            --kept.open;
         }
         round_end(round);
     }
@@ -85,6 +98,7 @@ story_round &round_begin()
     round.id = kept.last_round;
     round.waits = true;
     ++kept.waiting;
+    ++kept.open;
     round.visits.begin = kept.visits.last + 1;
     round.reports.begin = kept.last_report + 1;
     kept.visits.repeats_end_with = kept.visits.last;
@@ -125,10 +139,22 @@ bool joins_the_one_before(story_round &round)
     }
     before.closed = story_now();
     round_end(round);
+    --kept.open;
     round = {};
     --kept.last_round;
     story_changed();
     return true;
+}
+
+/// A late answer ends a round that is logged and counted already.
+void round_answer(story_round &round)
+{
+    if (round.state == story_state::open) {
+        round_close(round, story_state::answered);
+        return;
+    }
+    round.state = story_state::answered;
+    round.closed = story_now();
 }
 
 void report_answers(std::uint64_t number)
@@ -137,7 +163,7 @@ void report_answers(std::uint64_t number)
         if (round.waits && kept.sent_to > 0) {
             round.posted_by_then = kept.posted;
             round_end(round);
-            round_close(round, story_state::answered);
+            round_answer(round);
         } else if (!round.waits && round.state == story_state::answered &&
                    round.reports.end == number && round.posted_by_then == kept.posted) {
             round.reports.end = number + 1; // one more location of the same list
@@ -221,6 +247,7 @@ void story_clients_gone()
 {
     for (story_round &round : kept.rounds) {
         if (round.waits) {
+            round.was_cut_off = true;
             client_gone(round);
         }
     }
@@ -228,7 +255,7 @@ void story_clients_gone()
 
 void story_close_expired()
 {
-    if (kept.waiting == 0) {
+    if (kept.open == 0) {
         return;
     }
     for (story_round &round : kept.rounds) {

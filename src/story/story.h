@@ -10,7 +10,7 @@
 /// Modules tell here what happens; story/view.h shows it. Loop thread only.
 ///
 /// Everything is kept in arrays of a fixed size, 56 KiB in all when every one is full: the last 32
-/// rounds, 64 pushes, 96 visits while a round waits, 64 other visits, 64 reports. Nothing is allocated.
+/// rounds, 64 pushes, 96 visits while a round is open, 64 other visits, 64 reports. Nothing is allocated.
 /// One address can have at most a quarter of the visits: after that its own oldest one is replaced. The
 /// same visit again changes the one that is there.
 ///
@@ -37,7 +37,7 @@ void story_request_refused(std::uint32_t seq, story_cause why);
 /// It waited for as long as a request is kept.
 void story_request_dropped(std::uint32_t seq);
 void story_client_gone(std::uint32_t seq);
-void story_clients_gone(); // all of them: the server ends
+void story_clients_gone(); // all of them: the daemon ends their connections
 
 /// Closes the rounds whose clients have waited for as long as they wanted to.
 void story_close_expired();

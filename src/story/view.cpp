@@ -37,9 +37,9 @@ void collect_visits(std::span<const story_visit> places, const story_interval &n
 }
 
 /// As far as it goes by now.
-story_interval so_far(const story_round &round, const story_interval &interval, std::uint64_t last)
+story_interval so_far(bool goes_on, const story_interval &interval, std::uint64_t last)
 {
-    return {interval.begin, round.waits ? last + 1 : interval.end};
+    return {interval.begin, goes_on ? last + 1 : interval.end};
 }
 
 void add_pushes(const story_memory &kept, story_round_view &view)
@@ -56,14 +56,15 @@ void add_pushes(const story_memory &kept, story_round_view &view)
 
 void add_visits(const story_memory &kept, story_round_view &view)
 {
-    const story_interval numbers = so_far(*view.round, view.round->visits, kept.visits.last);
+    const story_interval numbers =
+        so_far(view.round->state == story_state::open, view.round->visits, kept.visits.last);
     collect_visits(kept.visits.places, numbers, view.visits);
     view.forgotten_visits = numbers.end - numbers.begin - view.visits.size();
 }
 
 void add_reports(const story_memory &kept, story_round_view &view)
 {
-    const story_interval numbers = so_far(*view.round, view.round->reports, kept.last_report);
+    const story_interval numbers = so_far(view.round->waits, view.round->reports, kept.last_report);
     const auto kept_since = oldest(kept.last_report, kept.reports.size());
     for (auto number = std::max(numbers.begin, kept_since); number < numbers.end; ++number) {
         view.reports.push_back(find(kept.reports, number));

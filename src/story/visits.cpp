@@ -196,15 +196,15 @@ void story_visit_came(const story_visit_note &note)
     if (note.check == nullptr && *device_id != '\0' && is_route(note.route, "/location")) {
         ++kept.posted;
     }
-    if (kept.waiting > 0) {
+    if (kept.open > 0) {
         visits_add(kept.visits, note, device_id);
         for (story_round &round : kept.rounds) {
-            if (round.waits) {
+            if (round.waits && round.state == story_state::open) {
                 round_count(round, note, device_id);
             }
         }
     }
-    if (kept.waiting == 0 || matters_always(note)) {
+    if (kept.open == 0 || matters_always(note)) {
         visits_add(kept.unasked, note, device_id);
     }
     story_changed();

@@ -171,7 +171,7 @@ def test_the_story_of_a_wrong_password(
     assert outcome(wrong) == ("/challenge", 401, False, "user_pass_check")
     assert (wrong["why"], wrong["times"]) == ("its user name or password is wrong", 5)
     assert wrong["until"] >= wrong["at"]
-    assert blocked["why"] == "logins are blocked after five wrong passwords"
+    assert blocked["why"] == "five wrong passwords came, so logins are blocked"
     assert blocked["hint"].endswith(" s more")
 
 
@@ -183,7 +183,9 @@ def test_the_story_of_a_phone_that_never_came(
     wait_for_push_of(access_point, cloud)
     story = end_the_wait(access_point)
     assert story["cause"] == "phone never came"
-    assert story["causeText"] == "1 push left, the push service took 1, and no phone came"
+    assert story["causeText"] == (
+        f"the push service took the push to {paired_phone.profile.name}, but the phone did not come"
+    )
     assert (story["visits"], story["reports"]) == ([], [])
 
 
@@ -193,7 +195,7 @@ def wait_for_push_of(access_point: AccessPoint, cloud: Cloud) -> None:
 
 
 @pytest.mark.movable_clock
-def test_the_story_of_a_phone_that_comes_late_is_one_with_the_round(
+def test_the_story_of_a_phone_that_comes_late_answers_the_round_late(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
     ipc.request(wanted_within=30)
@@ -202,7 +204,12 @@ def test_the_story_of_a_phone_that_comes_late_is_one_with_the_round(
     assert paired_phone.location().status == 200
     ipc.receive_report()
     story = wait_for(access_point, "answered")
-    assert [visit["route"] for visit in story["visits"]] == ["/challenge", "/location"]
+    assert (story["cause"], story["visits"], len(story["reports"])) == (None, [], 1)
+    unasked = access_point.control.json("/v1/rounds")["visits"]
+    assert [visit["route"] for visit in unasked[:2]] == ["/location", "/challenge"]
+    metrics = access_point.control.get("/v1/metrics").text
+    assert 'velmd_rounds_total{state="expired"} 1\n' in metrics
+    assert 'velmd_rounds_total{state="answered"} 0\n' in metrics
 
 
 def test_the_story_without_a_pairing(access_point: AccessPoint, ipc: IpcClient) -> None:

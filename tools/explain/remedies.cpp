@@ -18,6 +18,10 @@ constexpr explain_remedy causes[] = {
      "Look at the uplink, the DNS, the clock and http.client.ca_cert.path. With a status 400 or 401 the service-account key is not valid any more: get a new one."},
     {"every push failed", "The push service took no push", ""},
     {"phones refused", "Each phone that came was refused", ""},
+    {"daemon reloaded", "The daemon ended the client's connection",
+     "Ask again: the daemon was reloaded, or the LAN changed, while the request waited."},
+    {"push pending", "No push had been taken when the time was up",
+     "Look at the uplink, the DNS and the clock: velmctl doctor tries the way to the push service."},
     {"phone never came", "The phone was pushed to and did not come",
      "Look at the phone: it must be switched on and in the Wi-Fi of this access point, and the app must be allowed to run in the background, to notify and to use the location."},
     {"client gone", "The client that asked did not wait",
@@ -52,6 +56,10 @@ constexpr explain_remedy checks[] = {
      "Too many connections were open, or this one was too slow: look for a program on the LAN that holds connections, and at the Wi-Fi."},
 };
 // clang-format on
+
+constexpr char old_challenge_remedy[] = "The app took longer than 60 s between the challenge and "
+                                        "the location: it was probably stopped in "
+                                        "the background. Open the app and ask again.";
 
 struct push_row {
     std::int64_t first, last; // statuses
@@ -97,6 +105,20 @@ std::span<const explain_remedy> explain_checks()
 const explain_remedy *explain_cause(const std::string &code)
 {
     return find(causes, code);
+}
+
+bool explain_is_old_challenge(const std::string &why)
+{
+    return why.starts_with("its challenge is older than");
+}
+
+const char *explain_check_remedy(const std::string &check, const std::string &why)
+{
+    if (explain_is_old_challenge(why)) {
+        return old_challenge_remedy;
+    }
+    const explain_remedy *const row = explain_check(check);
+    return row != nullptr ? row->remedy : "";
 }
 
 const explain_remedy *explain_check(const std::string &code)

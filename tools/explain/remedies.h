@@ -24,5 +24,11 @@ struct explain_remedy {
 [[nodiscard]] const explain_remedy *explain_cause(const std::string &code);
 [[nodiscard]] const explain_remedy *explain_check(const std::string &code);
 
+/// A phone whose proof came too late: nothing is wrong with the proof.
+[[nodiscard]] bool explain_is_old_challenge(const std::string &why);
+
+/// What to do about a visit that `check` refused, with the daemon's reason; empty when it is not known.
+[[nodiscard]] const char *explain_check_remedy(const std::string &check, const std::string &why);
+
 /// What to do about a push that the push service did not take; `status` is of HTTP.
 [[nodiscard]] const char *explain_push_remedy(std::optional<std::int64_t> status);

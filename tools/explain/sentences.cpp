@@ -85,6 +85,9 @@ std::string outcome_of(const control_visit &visit)
     if (!bssid.empty()) {
         return " and was refused" + bssid + '.';
     }
+    if (explain_is_old_challenge(visit.why.value_or(""))) {
+        return " and was refused" + reason_of(visit) + '.';
+    }
     const std::string status =
         visit.status.has_value() ? " (" + std::to_string(*visit.status) + ')' : "";
     return " and was refused" + by_what(visit) + status + reason_of(visit) + '.';

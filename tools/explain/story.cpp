@@ -1,6 +1,7 @@
 #include "tools/explain/story.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "tools/explain/remedies.h"
 #include "tools/terminal/text.h"
@@ -12,18 +13,40 @@ std::string shown(const std::optional<std::string> &text)
     return velmctl_text_for_terminal(text.value_or(""));
 }
 
-std::string ending_of(const control_round &round, const explain_speaker &speaker)
+/// Open rounds end, so that is told only where the story is told as a whole.
+std::string open_text(const control_round &round, const explain_speaker &speaker,
+                      explain_style style)
+{
+    const std::chrono::seconds wanted{round.asked.timeout_s};
+    return style == explain_style::told && wanted.count() > 0
+               ? "It is still open, until " + speaker.time(round.asked.at + wanted) + '.'
+               : "";
+}
+
+bool is_late(const control_round &round)
+{
+    return round.closed.has_value() &&
+           *round.closed > round.asked.at + std::chrono::seconds{round.asked.timeout_s};
+}
+
+std::string ending_of(const control_round &round, const explain_speaker &speaker,
+                      explain_style style)
 {
     const std::string at =
         (round.closed.has_value() ? " at " + speaker.time(*round.closed) : "") + '.';
     if (round.state == "open") {
-        return "";
+        return open_text(round, speaker, style);
     }
     if (round.state == "answered") {
-        return "The request was answered" + at;
+        return (is_late(round) ? "The request was answered late, after its time was up,"
+                               : "The request was answered") +
+               at;
     }
     if (round.state == "expired") {
         return "The time for the request was up" + at;
+    }
+    if (round.cause == "daemon reloaded") {
+        return "The daemon ended the client's connection" + at;
     }
     if (round.state == "client gone") {
         return "The process that asked went away" + at;
@@ -99,12 +122,24 @@ std::string push_remedy(const control_round &round)
     return failed == round.pushes.rend() ? "" : explain_push_remedy(failed->status);
 }
 
-/// Of the last visit that was refused.
+/// The daemon counts these: anybody may ask for "/info".
+bool is_of_refused_phone(const control_visit &visit)
+{
+    const bool has_id = visit.device_id.has_value() && !visit.device_id->empty();
+    return !visit.accepted && visit.route.has_value() && (has_id || visit.route != "/info");
+}
+
+/// Of the visit that the cause is about: the phone that was refused last. The same visit again is in the
+/// place of its first time.
 std::string visits_remedy(const control_round &round)
 {
-    const auto refused = std::find_if(round.visits.rbegin(), round.visits.rend(),
-                                      [](const control_visit &visit) { return !visit.accepted; });
-    return refused == round.visits.rend() ? "" : explain_visit_remedy(*refused);
+    const control_visit *last = nullptr;
+    for (const control_visit &visit : round.visits) {
+        if (is_of_refused_phone(visit) && (last == nullptr || visit.until >= last->until)) {
+            last = &visit;
+        }
+    }
+    return last == nullptr ? "" : explain_visit_remedy(*last);
 }
 
 std::string cause_text(const control_round &round)
@@ -147,7 +182,7 @@ explain_story explain_round(const control_round &round, control_moment now,
 {
     explain_speaker speaker{now, names, style};
     explain_story story{title_of(round, speaker), sentences_of(round, speaker),
-                        ending_of(round, speaker), "", ""};
+                        ending_of(round, speaker, style), "", ""};
     if (round.cause.has_value()) {
         story.cause = as_sentence(cause_text(round));
         story.remedy = remedy_of(round);
@@ -163,7 +198,6 @@ std::string explain_visit(const control_visit &visit, control_moment now,
 
 std::string explain_visit_remedy(const control_visit &visit)
 {
-    const explain_remedy *const row =
-        visit.accepted ? nullptr : explain_check(visit.check.value_or(""));
-    return row != nullptr ? row->remedy : "";
+    return visit.accepted ? ""
+                          : explain_check_remedy(visit.check.value_or(""), visit.why.value_or(""));
 }

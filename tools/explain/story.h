@@ -12,7 +12,7 @@
 struct explain_story {
     std::string title;                  // who asked, and when
     std::vector<std::string> sentences; // in the order of time
-    std::string ending;                 // empty: the round is open
+    std::string ending;                 // or how long it may go on; may be empty
     std::string cause;                  // why no location came; empty: one came, or may yet
     std::string remedy;                 // empty: there is none
 };

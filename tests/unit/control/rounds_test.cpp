@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "control/members.h"
 #include "fakes/captured_log.h"
 #include "story/story.h"
 #include "text/utf8.h"
@@ -171,6 +172,29 @@ TEST_F(ControlRounds, EscapeWhatComesFromOutside)
     const std::string text = printed(all.get());
     EXPECT_TRUE(is_utf8(text));
     EXPECT_THAT(text, HasSubstr("\"a\\\"b\\\\\\n\\u001b[31m\xef\xbf\xbd\xef\xbf\xbd\""));
+}
+
+TEST_F(ControlRounds, EscapeWhatCommandsATerminalOrTurnsTheText)
+{
+    const char *const id = "a\x7f"
+                           "b\xc2\x9b"
+                           "c\xd8\x9c"
+                           "d\xe2\x80\xae"
+                           "e\xe2\x81\xa9"
+                           "f";
+    story_visit_came({.address = 1, .device_id = id, .route = "/pair"});
+    const json_ptr all = document();
+    const std::string text = control_print(all.get());
+    EXPECT_THAT(text, HasSubstr(R"("a\u007fb\u009bc\u061cd\u202ee\u2069f")"));
+    const json_ptr read{cJSON_Parse(text.c_str())};
+    EXPECT_STREQ(at(first(read.get(), "visits"), "deviceId")->valuestring, id);
+}
+
+TEST_F(ControlRounds, LeaveOtherCharactersAsTheyAre)
+{
+    const char *const id = "J\xc3\xbcrgen \xe2\x82\xac \xf0\x9f\x93\xb1";
+    story_visit_came({.address = 1, .device_id = id, .route = "/pair"});
+    EXPECT_THAT(control_print(document().get()), HasSubstr(id));
 }
 
 TEST_F(ControlRounds, OfAPushRunThatWasLeftOutSayWhy)

@@ -7,6 +7,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "logger/common_logger.h"
+#include "metrics/metrics.h"
 #include "story/view.h"
 
 namespace {
@@ -215,10 +216,11 @@ TEST_F(Story, ClosesARoundWhenItsClientHasWaited)
     story_close_expired();
     EXPECT_EQ(newest().round->state, story_state::expired);
     EXPECT_EQ(cause(), "phone never came");
-    EXPECT_EQ(text(), "1 push left, the push service took 1, and no phone came");
+    EXPECT_EQ(text(),
+              "the push service took the push to Anna's iPhone, but the phone did not come");
     EXPECT_TRUE(log_.has("INFO story - story_round_log - round 1 (pid 42, request 101) expired: "
-                         "1 pushes, 0 visits, 0 reports; phone never came: 1 push left, the push "
-                         "service took 1, and no phone came"));
+                         "1 pushes, 0 visits, 0 reports; phone never came: the push service took "
+                         "the push to Anna's iPhone, but the phone did not come"));
 }
 
 TEST_F(Story, OfALateLocationAnswersTheExpiredRound)
@@ -227,11 +229,31 @@ TEST_F(Story, OfALateLocationAnswersTheExpiredRound)
     fake_clock_advance_steady(6);
     story_close_expired();
     story_visit_came(accepted_at(location));
-    EXPECT_EQ(cause(), "unknown");
+    EXPECT_EQ(cause(), "phone never came");
+    const auto answered = metrics_get(metric::rounds_first, 0);
+    const auto expired = metrics_get(metric::rounds_first, 1);
     report();
     EXPECT_EQ(newest().round->state, story_state::answered);
-    EXPECT_THAT(newest().visits, SizeIs(1));
+    EXPECT_EQ(cause(), "");
     EXPECT_THAT(newest().reports, SizeIs(1));
+    EXPECT_EQ(metrics_get(metric::rounds_first, 0), answered);
+    EXPECT_EQ(metrics_get(metric::rounds_first, 1), expired);
+    EXPECT_FALSE(log_.contains("answered"));
+}
+
+TEST_F(Story, OfAVisitAfterTheTimeWasUpIsNotOfTheRound)
+{
+    ask(1, 5);
+    fake_clock_advance_steady(6);
+    story_close_expired();
+    story_visit_came(refused_at(location));
+    EXPECT_EQ(cause(), "phone never came");
+    EXPECT_THAT(newest().visits, IsEmpty());
+    EXPECT_THAT(story_look().visits, SizeIs(1));
+    ask(2);
+    story_visit_came(refused_at(location));
+    EXPECT_THAT(story_look().rounds[0].visits, SizeIs(1));
+    EXPECT_THAT(story_look().rounds[1].visits, IsEmpty());
 }
 
 TEST_F(Story, OfARequestThatWasDroppedWaitsNoMore)
@@ -297,17 +319,26 @@ TEST_F(Story, CauseNoPairings)
     EXPECT_EQ(text(), "no phone is paired");
 }
 
-TEST_F(Story, CauseTooSoonSaysAlsoThatAPhoneWasRefused)
+TEST_F(Story, CauseTooSoon)
+{
+    story_request_came(1, {1, 0, 1});
+    story_run_asked(1);
+    story_run_left_out(story_cause::too_soon);
+    story_client_gone(1);
+    EXPECT_EQ(cause(), "too soon");
+    EXPECT_EQ(text(), "the last push run began less than 60 s before");
+}
+
+TEST_F(Story, CausePhonesRefusedSaysAlsoThatNoPushWasSent)
 {
     story_request_came(1, {1, 0, 1});
     story_run_asked(1);
     story_run_left_out(story_cause::too_soon);
     story_visit_came(refused_at(location));
     story_client_gone(1);
-    EXPECT_EQ(cause(), "too soon");
-    EXPECT_EQ(text(), std::string{"the last push run began less than 60 s before; a phone came and "
-                                  "was refused: "} +
-                          not_ours);
+    EXPECT_EQ(cause(), "phones refused");
+    EXPECT_EQ(text(), std::string{"a phone came and was refused: "} + not_ours +
+                          "; no push was sent: the last push run began less than 60 s before");
 }
 
 TEST_F(Story, CauseNoAccessTokenNamesTheStatus)
@@ -333,13 +364,88 @@ TEST_F(Story, CauseEveryPushFailedNamesTheStatus)
     EXPECT_EQ(text(), "the push service took none of the pushes (status 500)");
 }
 
+TEST_F(Story, CausePhonesRefusedSaysAlsoThatEveryPushFailed)
+{
+    story_request_came(1, {1, 0, 1});
+    story_run_asked(1);
+    story_run_begins();
+    story_push_ends(push(), 403, "no");
+    story_visit_came(refused_at(location));
+    story_request_dropped(1);
+    EXPECT_EQ(cause(), "phones refused");
+    EXPECT_EQ(text(), std::string{"a phone came and was refused: "} + not_ours +
+                          "; the push service took none of the pushes (status 403)");
+}
+
+/// A run that has begun, and a push for each of `pushes`.
+class StoryPending : public Story, public testing::WithParamInterface<int> {
+  protected:
+    static void ask_slowly(int pushes)
+    {
+        story_request_came(1, {1, 0, 1});
+        story_request_wants(1, 60);
+        story_run_asked(1);
+        story_run_begins();
+        for (int i = 0; i < pushes; ++i) {
+            push();
+        }
+    }
+
+    static void expire()
+    {
+        fake_clock_advance_steady(61);
+        story_close_expired();
+    }
+};
+
+TEST_P(StoryPending, IsTheCauseWhenThePushServiceHasNotAnswered)
+{
+    ask_slowly(GetParam());
+    expire();
+    EXPECT_EQ(cause(), "push pending");
+    EXPECT_EQ(text(), std::string{"no push had "} + (GetParam() == 0 ? "left" : "been answered") +
+                          " when the time was up: the daemon was still waiting for the push "
+                          "service");
+    EXPECT_TRUE(log_.contains("expired: " + std::to_string(GetParam()) + " pushes, 0 visits"));
+    EXPECT_TRUE(log_.contains("; push pending: no push had "));
+}
+
+INSTANTIATE_TEST_SUITE_P(Pushes, StoryPending, testing::Values(0, 1, 3));
+
+TEST_F(StoryPending, OneRefusedPushLeavesTheOthers)
+{
+    ask_slowly(2);
+    story_push_ends(push(), 404, "no");
+    expire();
+    EXPECT_EQ(cause(), "push pending");
+    EXPECT_THAT(text(), HasSubstr("no push had been taken when the time was up"));
+}
+
+TEST_F(StoryPending, APushThatIsTakenLateLeavesTheCause)
+{
+    ask_slowly(0);
+    expire();
+    story_push_ends(push(), 200, nullptr);
+    EXPECT_EQ(cause(), "push pending");
+    EXPECT_THAT(text(), HasSubstr("no push had left"));
+}
+
+TEST_F(StoryPending, ALateRefusalOfTheAccessTokenIsTheCause)
+{
+    ask_slowly(0);
+    expire();
+    story_run_failed(story_run_number(), story_cause::no_access_token, 0);
+    EXPECT_EQ(cause(), "no access token");
+    EXPECT_FALSE(log_.contains("; no access token"));
+}
+
 TEST_F(Story, OnePushThatWasTakenIsEnoughToAskWhyNoPhoneCame)
 {
     ask(1);
     story_push_ends(push(), 404, "no");
     story_request_dropped(1);
     EXPECT_EQ(cause(), "phone never came");
-    EXPECT_THAT(text(), HasSubstr("2 pushes left, the push service took 1"));
+    EXPECT_THAT(text(), HasSubstr("the push service took 1 of 2 pushes, but no phone came"));
 }
 
 TEST_F(Story, CausePhonesRefusedNamesTheLastReason)
@@ -382,6 +488,29 @@ TEST_F(Story, CauseClientGone)
     story_client_gone(1);
     EXPECT_EQ(cause(), "client gone");
     EXPECT_EQ(newest().round->state, story_state::client_gone);
+}
+
+TEST_F(Story, CauseDaemonReloaded)
+{
+    ask(1);
+    story_clients_gone();
+    EXPECT_EQ(cause(), "daemon reloaded");
+    EXPECT_THAT(text(), HasSubstr("the daemon ended the client's connection"));
+    EXPECT_EQ(newest().round->state, story_state::client_gone);
+}
+
+TEST_F(Story, OfAPhoneWithoutANameOrOfSeveralNeverCameNamesNone)
+{
+    story_request_came(1, {1, 0, 1});
+    story_run_asked(1);
+    story_run_begins();
+    story_push_ends(push(""), 200, nullptr);
+    story_request_dropped(1);
+    EXPECT_EQ(text(), "the push service took the push, but the phone did not come");
+    ask(2);
+    story_push_ends(push("Bob's Pixel"), 200, nullptr);
+    story_request_dropped(2);
+    EXPECT_EQ(text(), "the push service took 2 pushes, but no phone came");
 }
 
 TEST_F(Story, AClientThatLeavesWhenItsTimeIsUpHasWaited)

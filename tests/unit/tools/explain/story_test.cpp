@@ -93,7 +93,53 @@ TEST_F(ExplainStory, ARoundInWhichNothingHappenedHasATitle)
     EXPECT_EQ(story().title,
               "Round 12: process 123 (user 0) asked at 12:03:00 for a location within 60 s.");
     EXPECT_THAT(story().sentences, IsEmpty());
-    EXPECT_EQ(story().ending + story().cause + story().remedy, "");
+    EXPECT_EQ(story().ending, "It is still open, until 12:04:00.");
+    EXPECT_EQ(story().cause + story().remedy, "");
+    round.asked.timeout_s = 0; // an older daemon may not know
+    EXPECT_EQ(story().ending, "");
+}
+
+TEST_F(ExplainStory, ALateAnswerIsCalledLate)
+{
+    round.state = "answered";
+    round.closed = at("12:04:30");
+    EXPECT_EQ(story().ending, "The request was answered late, after its time was up, at 12:04:30.");
+}
+
+TEST_F(ExplainStory, OfAReloadTheDaemonEndedTheConnection)
+{
+    round.state = "client gone";
+    round.cause = "daemon reloaded";
+    round.closed = at("12:03:30");
+    EXPECT_EQ(story().ending, "The daemon ended the client's connection at 12:03:30.");
+    EXPECT_THAT(story().remedy, HasSubstr("Ask again"));
+}
+
+TEST_F(ExplainStory, AnOldChallengeIsNoMatterOfTheProof)
+{
+    round.visits = {refused_by("assertion_check")};
+    round.visits[0].why = "its challenge is older than 60 s";
+    round.cause = "phones refused";
+    EXPECT_THAT(story().sentences,
+                ElementsAre("Anna's iPhone came from 192.168.1.50 at 12:03:05 and was refused: its "
+                            "challenge is older than 60 s."));
+    EXPECT_EQ(story().remedy,
+              "The app took longer than 60 s between the challenge and the location: it was "
+              "probably stopped in the background. Open the app and ask again.");
+}
+
+TEST_F(ExplainStory, TheRemedyIsOfTheRefusalThatTheCauseCounts)
+{
+    round.cause = "phones refused";
+    round.visits = {refused_by("user_pass_check"), refused_by("device_check"), refused_by("tls"),
+                    refused_by("request_check")};
+    round.visits[0].until = at("12:03:20"); // again, after the BSSID of the other
+    round.visits[2].route.reset();
+    round.visits[2].until = at("12:03:30");
+    round.visits[3].route = "/info";
+    round.visits[3].device_id.reset();
+    round.visits[3].until = at("12:03:30");
+    EXPECT_EQ(story().remedy, explain_check("user_pass_check")->remedy);
 }
 
 TEST_F(ExplainStory, APhoneThatIsSpokenOfAgainIsIt)
