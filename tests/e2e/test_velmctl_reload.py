@@ -40,7 +40,9 @@ def test_a_reload_is_waited_for_and_its_changes_are_told(access_point: AccessPoi
 
 
 def test_a_reload_that_changes_nothing_says_so(access_point: AccessPoint) -> None:
-    assert reload(access_point).stdout == "reloaded: no setting has changed\n"
+    assert reload(access_point).stdout == (
+        "reloaded: no setting that velmctl status shows has changed\n"
+    )
     assert reloads(access_point) == 1
 
 
@@ -108,3 +110,45 @@ def test_a_pid_file_without_a_number_of_a_process_is_no_daemon(
     cold_access_point.pid_file.write_text(text)
     cold_access_point.configure({})
     assert reload(cold_access_point).returncode == 3
+
+
+def test_another_file_than_the_daemon_reads_is_refused(access_point: AccessPoint) -> None:
+    other = access_point.directory / "other.conf"
+    other.write_text(access_point.configuration_file.read_text())
+    done = reload(access_point, "-c", str(other))
+    assert done.returncode == 1
+    assert f"the daemon reads {access_point.configuration_file}, not {other}" in done.stderr
+    assert reloads(access_point) == 0
+
+
+def test_the_same_file_by_another_name_is_the_same(access_point: AccessPoint) -> None:
+    link = access_point.directory / "link.conf"
+    link.symlink_to(access_point.configuration_file)
+    assert reload(access_point, "-c", str(link)).returncode == 0
+    assert reloads(access_point) == 1
+
+
+def test_a_port_that_another_program_has_is_refused(access_point: AccessPoint) -> None:
+    """The daemon would have ended."""
+    port = 18445
+    access_point.configure({"http.server.port": str(port)})
+    with access_point.network.ap.socket() as taken:
+        taken.bind((Network.AP_ADDRESS, port))
+        taken.listen()
+        done = reload(access_point)
+    assert done.returncode == 1
+    assert done.stderr == (
+        f"velmctl: port {port} (http.server.port) is taken by another program: "
+        "the daemon was not told to reload, since it would end\n"
+    )
+    assert reloads(access_point) == 0 and access_point.daemon_alive()
+
+
+def test_a_control_socket_that_moves_is_followed(access_point: AccessPoint) -> None:
+    moved = access_point.directory / "moved.sock"
+    old = access_point.control.path
+    access_point.configure({"control.sock": str(moved)})
+    done = reload(access_point, "--control", str(old))
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.startswith("reloaded:\n") and f"-> {moved}" in done.stdout
+    assert moved.is_socket()
