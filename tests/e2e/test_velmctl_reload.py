@@ -152,3 +152,36 @@ def test_a_control_socket_that_moves_is_followed(access_point: AccessPoint) -> N
     assert (done.returncode, done.stderr) == (0, "")
     assert done.stdout.startswith("reloaded:\n") and f"-> {moved}" in done.stdout
     assert moved.is_socket()
+
+
+def test_root_checks_with_the_rights_of_the_daemon(cold_access_point: AccessPoint) -> None:
+    """A key that root alone can read would end a daemon of another user."""
+    user = 65534
+    at = cold_access_point.directory
+    cold_access_point.configure({})
+    through = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", "--"]
+    daemon = cold_access_point.prepare(through=through)
+    for path in (at, *at.rglob("*")):
+        os.chown(path, user, user)
+    daemon.start()
+    daemon.wait_until_serving()
+    key = at / "server_key.pem"
+    os.chown(key, 0, 0)
+    key.chmod(0o600)
+    done = reload(cold_access_point)
+    assert done.returncode == 1
+    assert f"{key}: cannot be read: Permission denied" in done.stderr
+    assert reloads(cold_access_point) == 0 and cold_access_point.daemon_alive()
+
+
+def test_a_daemon_that_ends_meanwhile_is_told_at_once(cold_access_point: AccessPoint) -> None:
+    """Root without the capabilities of root: the check cannot know that it may not read the key."""
+    through = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--"]
+    daemon = cold_access_point.prepare(through=through)
+    daemon.start()
+    daemon.wait_until_serving()
+    key = cold_access_point.directory / "server_key.pem"
+    key.chmod(0)
+    done = reload(cold_access_point)
+    assert done.returncode == 1
+    assert "has ended during the reload: its log says why\n" in done.stderr
