@@ -141,6 +141,11 @@ void control_connection::become_due()
     owner_.due(*this);
 }
 
+bool control_connection::is_left() const
+{
+    return has_said_all_ && is_gone(socket_.get());
+}
+
 void control_connection::answer(std::string text)
 {
     phase_ = control_phase::answering;

@@ -65,6 +65,10 @@ class control_connection {
     void wait(std::uint64_t above, const timeval &time);
     void become_due();
 
+    /// True when nobody is there any more to take the answer. A client that had said all before it went
+    /// is seen by nothing else.
+    [[nodiscard]] bool is_left() const;
+
     /// Sends the answer and ends. It may have ended, and be freed, when this returns.
     void answer(std::string text);
 

@@ -120,9 +120,18 @@ void endings_limit()
     }
 }
 
+/// Looks for those who have gone only when their place is wanted.
+bool has_free_place()
+{
+    if (count(takes_place) >= control_place_limit) {
+        std::erase_if(state.connections, [](const auto &one) { return one->is_left(); });
+    }
+    return count(takes_place) < control_place_limit;
+}
+
 void connection_add(unique_fd socket)
 {
-    const bool has_place = count(takes_place) < control_place_limit;
+    const bool has_place = has_free_place();
     state.connections.push_back(
         std::make_unique<control_connection>(state.base, std::move(socket), owner));
     if (!has_place) {

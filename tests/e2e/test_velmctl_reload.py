@@ -40,7 +40,9 @@ def test_a_reload_is_waited_for_and_its_changes_are_told(access_point: AccessPoi
 
 
 def test_a_reload_that_changes_nothing_says_so(access_point: AccessPoint) -> None:
-    assert reload(access_point).stdout == "reloaded: no setting has changed\n"
+    assert reload(access_point).stdout == (
+        "reloaded: no setting that velmctl status shows has changed\n"
+    )
     assert reloads(access_point) == 1
 
 
@@ -108,3 +110,78 @@ def test_a_pid_file_without_a_number_of_a_process_is_no_daemon(
     cold_access_point.pid_file.write_text(text)
     cold_access_point.configure({})
     assert reload(cold_access_point).returncode == 3
+
+
+def test_another_file_than_the_daemon_reads_is_refused(access_point: AccessPoint) -> None:
+    other = access_point.directory / "other.conf"
+    other.write_text(access_point.configuration_file.read_text())
+    done = reload(access_point, "-c", str(other))
+    assert done.returncode == 1
+    assert f"the daemon reads {access_point.configuration_file}, not {other}" in done.stderr
+    assert reloads(access_point) == 0
+
+
+def test_the_same_file_by_another_name_is_the_same(access_point: AccessPoint) -> None:
+    link = access_point.directory / "link.conf"
+    link.symlink_to(access_point.configuration_file)
+    assert reload(access_point, "-c", str(link)).returncode == 0
+    assert reloads(access_point) == 1
+
+
+def test_a_port_that_another_program_has_is_refused(access_point: AccessPoint) -> None:
+    """The daemon would have ended."""
+    port = 18445
+    access_point.configure({"http.server.port": str(port)})
+    with access_point.network.ap.socket() as taken:
+        taken.bind((Network.AP_ADDRESS, port))
+        taken.listen()
+        done = reload(access_point)
+    assert done.returncode == 1
+    assert done.stderr == (
+        f"velmctl: port {port} (http.server.port) is taken by another program: "
+        "the daemon was not told to reload, since it would end\n"
+    )
+    assert reloads(access_point) == 0 and access_point.daemon_alive()
+
+
+def test_a_control_socket_that_moves_is_followed(access_point: AccessPoint) -> None:
+    moved = access_point.directory / "moved.sock"
+    old = access_point.control.path
+    access_point.configure({"control.sock": str(moved)})
+    done = reload(access_point, "--control", str(old))
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.startswith("reloaded:\n") and f"-> {moved}" in done.stdout
+    assert moved.is_socket()
+
+
+def test_root_checks_with_the_rights_of_the_daemon(cold_access_point: AccessPoint) -> None:
+    """A key that root alone can read would end a daemon of another user."""
+    user = 65534
+    at = cold_access_point.directory
+    cold_access_point.configure({})
+    through = ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", "--"]
+    daemon = cold_access_point.prepare(through=through)
+    for path in (at, *at.rglob("*")):
+        os.chown(path, user, user)
+    daemon.start()
+    daemon.wait_until_serving()
+    key = at / "server_key.pem"
+    os.chown(key, 0, 0)
+    key.chmod(0o600)
+    done = reload(cold_access_point)
+    assert done.returncode == 1
+    assert f"{key}: cannot be read: Permission denied" in done.stderr
+    assert reloads(cold_access_point) == 0 and cold_access_point.daemon_alive()
+
+
+def test_a_daemon_that_ends_meanwhile_is_told_at_once(cold_access_point: AccessPoint) -> None:
+    """Root without the capabilities of root: the check cannot know that it may not read the key."""
+    through = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--"]
+    daemon = cold_access_point.prepare(through=through)
+    daemon.start()
+    daemon.wait_until_serving()
+    key = cold_access_point.directory / "server_key.pem"
+    key.chmod(0)
+    done = reload(cold_access_point)
+    assert done.returncode == 1
+    assert "has ended during the reload: its log says why\n" in done.stderr

@@ -20,7 +20,7 @@ enum class field_kind { locked, empty, hash };
 
 struct account_counts {
     int can_log_in = 0;
-    int without_password = 0;
+    std::vector<std::string> without_password;
     int in_shadow = 0; // and the daemon does not look there
     std::string first; // that can log in
 };
@@ -61,7 +61,9 @@ void count_account(const passwd &account, bool uses_shadow, account_counts &coun
     if (kind == field_kind::locked) {
         return;
     }
-    counts.without_password += kind == field_kind::empty ? 1 : 0;
+    if (kind == field_kind::empty) {
+        counts.without_password.emplace_back(name);
+    }
     counts.first = counts.can_log_in == 0 ? name : counts.first;
     ++counts.can_log_in;
 }
@@ -81,6 +83,18 @@ account_counts count_accounts(bool uses_shadow)
     return counts;
 }
 
+/// A few of them.
+std::string names_of(const std::vector<std::string> &names)
+{
+    constexpr std::size_t most = 3;
+    std::string text;
+    for (std::size_t i = 0; i < names.size() && i < most; ++i) {
+        text += (i == 0 ? "" : ", ") + names[i];
+    }
+    return names.size() > most ? text + " and " + std::to_string(names.size() - most) + " more"
+                               : text;
+}
+
 } // namespace
 
 void doctor_check_accounts(const doctor_subject &subject, doctor_report &report)
@@ -94,9 +108,10 @@ void doctor_check_accounts(const doctor_subject &subject, doctor_report &report)
         return;
     }
     const account_counts counts = count_accounts(uses_shadow);
-    if (counts.without_password > 0) {
-        report.warn("accounts: " + std::to_string(counts.without_password) +
-                        " can log in with any password, since theirs is empty",
+    if (!counts.without_password.empty()) {
+        report.warn("accounts: " + std::to_string(counts.without_password.size()) +
+                        " can log in with any password, since theirs is empty: " +
+                        names_of(counts.without_password),
                     "Give each a password with passwd(1), or lock it.");
     } else if (counts.can_log_in > 0) {
         report.ok("accounts: " + std::to_string(counts.can_log_in) + " can log in, the first is " +

@@ -3,10 +3,12 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <chrono>
 #include <ctime>
 #include <string>
 
 #include "tools/doctor/checks.h"
+#include "tools/terminal/times.h"
 
 namespace {
 
@@ -26,6 +28,24 @@ bool ends_soon(const X509 *certificate)
            (days < days_of_warning || seconds < 0);
 }
 
+/// " ends on 2026-11-27, in 4 days"
+std::string end_of(const X509 *certificate)
+{
+    const ASN1_TIME *const end = X509_get0_notAfter(certificate);
+    int days = 0;
+    int seconds = 0;
+    std::tm parts{};
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1 || ASN1_TIME_to_tm(end, &parts) != 1) {
+        return " ends soon";
+    }
+    const auto moment = std::chrono::system_clock::from_time_t(timegm(&parts));
+    const std::string date =
+        velmctl_date_of(std::chrono::floor<std::chrono::milliseconds>(moment)).substr(0, 10);
+    const bool is_over = days < 0 || seconds < 0;
+    return is_over ? " has ended on " + date
+                   : " ends on " + date + ", in " + velmctl_count_of(days, "day", "days");
+}
+
 } // namespace
 
 x509_ptr doctor_read_certificate(const char *path)
@@ -42,12 +62,11 @@ void doctor_check_certificate(const doctor_subject &subject, doctor_report &repo
 {
     const char *const path = subject.config.http_server_cert_path;
     const x509_ptr certificate = doctor_read_certificate(path);
-    if (subject.config.http_server_port == 0 || certificate == nullptr) {
+    if (subject.is_config_shut || subject.config.http_server_port == 0 || certificate == nullptr) {
         return; // the check of the configuration says what is wrong with it
     }
     if (ends_soon(certificate.get())) {
-        report.warn(std::string{"certificate: "} + path + " ends within " +
-                        std::to_string(days_of_warning) + " days",
+        report.warn(std::string{"certificate: "} + path + end_of(certificate.get()),
                     "Put a new one there and give it to the daemon with velmctl reload.");
     } else {
         report.ok(std::string{"certificate: "} + path + " lasts for more than " +

@@ -1,5 +1,6 @@
 #include "tools/doctor/command.h"
 
+#include <algorithm>
 #include <csignal>
 
 #include "tools/doctor/checks.h"
@@ -47,6 +48,23 @@ std::string doctor_to_text(const std::vector<doctor_line> &lines, const velmctl_
     return out;
 }
 
+std::string doctor_summary(const std::vector<doctor_line> &lines)
+{
+    const auto count = [&lines](doctor_grade grade) {
+        return std::ranges::count(lines, grade, &doctor_line::grade);
+    };
+    const auto failures = count(doctor_grade::fail);
+    const auto warnings = count(doctor_grade::warn);
+    if (failures == 0 && warnings == 0) {
+        return "nothing is wrong";
+    }
+    const std::string failed =
+        failures == 0 ? "" : velmctl_count_of(failures, "failure", "failures");
+    const std::string warned =
+        warnings == 0 ? "" : velmctl_count_of(warnings, "warning", "warnings");
+    return failed + (failed.empty() || warned.empty() ? "" : ", ") + warned;
+}
+
 int velmctl_doctor(const velmctl_options &options)
 {
     std::signal(SIGPIPE, SIG_IGN); // a server that ends its connection must not end us
@@ -54,6 +72,11 @@ int velmctl_doctor(const velmctl_options &options)
     const velmctl_paint paint = velmctl_paint_for_output();
     doctor_report report;
     std::size_t told = 0;
+    if (!subject.is_privy) {
+        report.warn(
+            "doctor: run it as root or as the daemon's user; what it cannot see is left out",
+            "Run velmctl doctor as root.");
+    }
     for (const auto check : checks) {
         check(subject, report);
         const std::vector<doctor_line> news{
@@ -62,6 +85,9 @@ int velmctl_doctor(const velmctl_options &options)
         if (!velmctl_print(doctor_to_text(news, paint))) {
             return exit_of(doctor_grade::fail);
         }
+    }
+    if (!velmctl_print(doctor_summary(report.lines()) + '\n')) {
+        return exit_of(doctor_grade::fail);
     }
     return exit_of(doctor_worst(report.lines()));
 }

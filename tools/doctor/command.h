@@ -13,3 +13,6 @@
 /// One line for each thing, and one for its remedy.
 [[nodiscard]] std::string doctor_to_text(const std::vector<doctor_line> &lines,
                                          const velmctl_paint &paint);
+
+/// "9 failures, 6 warnings", or that nothing is wrong.
+[[nodiscard]] std::string doctor_summary(const std::vector<doctor_line> &lines);

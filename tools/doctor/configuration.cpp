@@ -1,5 +1,7 @@
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "check/check.h"
@@ -19,6 +21,12 @@ std::string remedy_of(const check_finding &finding)
         return "Correct this line; velmd.conf(5) describes each key.";
     }
     return "Put the right file there, readable for the daemon, or correct the key that names it.";
+}
+
+/// What is refused to this user may be open to the daemon's.
+bool is_not_for_us(const doctor_subject &subject, const check_finding &finding)
+{
+    return !subject.is_privy && finding.what.find(std::strerror(EACCES)) != std::string::npos;
 }
 
 struct secret_file {
@@ -60,6 +68,11 @@ bool everybody_may_open(const std::string &path)
 
 void doctor_check_configuration(const doctor_subject &subject, doctor_report &report)
 {
+    if (subject.is_config_shut) {
+        report.warn("configuration: " + subject.config_path + ": not for this user",
+                    "Run velmctl doctor as root.");
+        return;
+    }
     velm_command_line given;
     if (subject.is_config_asked_for) {
         given.config_path = subject.config_path;
@@ -69,7 +82,9 @@ void doctor_check_configuration(const doctor_subject &subject, doctor_report &re
         const check_finding plain{finding.place, check_severity::error, finding.what};
         const std::string text =
             "configuration: " + check_finding_text(plain); // the line is marked
-        if (finding.severity == check_severity::error) {
+        if (is_not_for_us(subject, finding)) {
+            report.warn(text + ": not for this user", "Run velmctl doctor as root.");
+        } else if (finding.severity == check_severity::error) {
             report.fail(text, remedy_of(finding));
         } else {
             report.warn(text, remedy_of(finding));

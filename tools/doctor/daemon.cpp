@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <sys/stat.h>
 
 #include <string>
 
@@ -33,6 +34,15 @@ void check_served(const doctor_subject &subject, const doctor_tls &tls, doctor_r
     }
 }
 
+/// One file may be called by two paths.
+bool is_same_file(const std::string &one, const std::string &other)
+{
+    struct stat first {};
+    struct stat second {};
+    return one == other || (stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+                            first.st_dev == second.st_dev && first.st_ino == second.st_ino);
+}
+
 } // namespace
 
 void doctor_check_daemon(const doctor_subject &subject, doctor_report &report)
@@ -50,7 +60,7 @@ void doctor_check_daemon(const doctor_subject &subject, doctor_report &report)
         report.fail("daemon: " + problem,
                     "Look at velmctl status, and at the lines about it here.");
     }
-    if (status.daemon.configuration_file.value_or("") != subject.config_path) {
+    if (!is_same_file(status.daemon.configuration_file.value_or(""), subject.config_path)) {
         report.warn("daemon: it reads the configuration " +
                         status.daemon.configuration_file.value_or("of no file"),
                     "Give that file to velmctl doctor with -c.");

@@ -55,6 +55,11 @@ void doctor_check_nvram(const doctor_subject &subject, doctor_report &report)
 void doctor_check_lan(const doctor_subject &subject, doctor_report &report)
 {
     const std::string name = subject.config.lan_name;
+    if (!subject.is_privy && !subject.daemon.has_value() && !is_set("wl_radio_num")) {
+        report.warn("LAN: which interface it is stands in nvram, which is not for this user",
+                    "Run velmctl doctor as root.");
+        return;
+    }
     if (subject.lan_address.empty()) {
         report.fail(
             "LAN: the interface " + name + " has no IPv4 address",
@@ -73,7 +78,9 @@ void doctor_check_lan(const doctor_subject &subject, doctor_report &report)
 void doctor_check_bssids(const doctor_subject &subject, doctor_report &report)
 {
     const int count = cJSON_GetArraySize(subject.config.bssids_list.get());
-    if (count == 0) {
+    if (count == 0 && !subject.is_privy && !is_set("wl_radio_num")) {
+        report.warn("BSSIDs: nvram is not for this user", "Run velmctl doctor as root.");
+    } else if (count == 0) {
         report.fail("BSSIDs: the platform gives none, so every location is refused",
                     "Set wl_radio_num, wlN_maxssid and wlN_hwaddr in nvram.");
     } else {

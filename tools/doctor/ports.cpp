@@ -1,30 +1,12 @@
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "handles/fd.h"
+#include "tools/doctor/bind.h"
 #include "tools/doctor/checks.h"
 
 namespace {
-
-/// 0 when the address could be had; it is let go at once.
-int try_bind(const char *address, std::uint16_t port, int kind)
-{
-    const unique_fd socket{::socket(AF_INET, kind | SOCK_CLOEXEC, 0)};
-    sockaddr_in wanted{};
-    wanted.sin_family = AF_INET;
-    wanted.sin_port = htons(port);
-    const int on = 1; // as the daemon's own sockets have it
-    if (!socket || inet_pton(AF_INET, address, &wanted.sin_addr) != 1 ||
-        setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0) {
-        return EINVAL;
-    }
-    const auto *const name = reinterpret_cast<const sockaddr *>(&wanted);
-    return bind(socket.get(), name, sizeof wanted) == 0 ? 0 : errno;
-}
 
 struct port {
     const char *what, *key;
@@ -45,9 +27,15 @@ void check(const port &port, const doctor_subject &subject, doctor_report &repor
         report.ok(name + " is the daemon's");
         return;
     }
-    const int error = try_bind(port.address, port.number, port.kind);
-    if (error == 0 || error == EADDRNOTAVAIL) { // another line is about the address
+    const int error = velmctl_try_bind(port.address, port.number, port.kind);
+    if (error == 0) {
         report.ok(name + " is free");
+    } else if (error == EADDRNOTAVAIL) {
+        report.warn(name + " cannot be told: this machine does not have " + port.address,
+                    "Give the LAN interface its address.");
+    } else if (error == EADDRINUSE && !subject.is_privy && !subject.daemon.has_value()) {
+        report.warn(name + " is taken, by the daemon or by another program",
+                    "Run velmctl doctor as root, to see which.");
     } else if (error == EACCES && !subject.is_root) {
         report.warn(name + " is not for this user", "Run velmctl doctor as the daemon's user.");
     } else if (error == EADDRINUSE) {
@@ -64,6 +52,9 @@ void check(const port &port, const doctor_subject &subject, doctor_report &repor
 
 void doctor_check_ports(const doctor_subject &subject, doctor_report &report)
 {
+    if (subject.is_config_shut) {
+        return;
+    }
     const velm_config &config = subject.config;
     const bool runs = subject.daemon.has_value();
     const control_status status = runs ? *subject.daemon : control_status{};

@@ -1,5 +1,7 @@
 #include "tools/doctor/subject.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -74,6 +76,20 @@ std::optional<control_status> ask_daemon(const velmctl_options &options, std::st
     return problem.empty() ? std::optional{std::move(status)} : std::nullopt;
 }
 
+/// Without a daemon that answers nobody knows whose it is.
+bool is_user_of(const control_status &status)
+{
+    struct stat process {};
+    return stat(("/proc/" + std::to_string(status.daemon.pid)).c_str(), &process) == 0 &&
+           process.st_uid == geteuid();
+}
+
+bool is_shut(const std::string &path)
+{
+    return !path.empty() && faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 &&
+           errno == EACCES;
+}
+
 } // namespace
 
 doctor_subject doctor_look_at(const velmctl_options &options)
@@ -86,6 +102,9 @@ doctor_subject doctor_look_at(const velmctl_options &options)
     load_configuration(subject);
     ask_platform(subject);
     subject.daemon = ask_daemon(options, subject.no_daemon);
+    subject.is_privy =
+        subject.is_root || (subject.daemon.has_value() && is_user_of(*subject.daemon));
+    subject.is_config_shut = !subject.is_privy && is_shut(subject.config_path);
     if (subject.daemon.has_value()) {
         take_lan_of_daemon(subject);
     }

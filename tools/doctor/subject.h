@@ -17,6 +17,8 @@ struct doctor_subject {
     std::string lan_address;              // empty: none is known
     bool offline = false;
     bool is_root = false;
+    bool is_privy = false; // root or the daemon's user: what is refused to us is refused to it too
+    bool is_config_shut = false; // we may not read it: what it says is not known
 };
 
 /// Reads the configuration file, nvram and the platform as the daemon does, and asks the daemon.

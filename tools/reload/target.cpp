@@ -1,6 +1,7 @@
 #include "tools/reload/target.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -64,14 +65,25 @@ bool reload_target::tell_to_reload(std::string &problem) const
     return rc == 0;
 }
 
+bool reload_target::has_ended() const
+{
+    if (!process_) {
+        return kill(pid_, 0) != 0 && errno == ESRCH;
+    }
+    pollfd ended{process_.get(), POLLIN, 0};
+    return poll(&ended, 1, 0) > 0;
+}
+
+std::optional<pid_t> reload_pid_of_text(std::string_view text)
+{
+    pid_t pid = 0;
+    const bool is_number =
+        std::from_chars(text.data(), text.data() + text.size(), pid).ec == std::errc{};
+    return is_number && pid > 1 ? std::optional{pid} : std::nullopt;
+}
+
 std::optional<pid_t> reload_pid_of_file(const std::string &path)
 {
     const std::optional<std::string> text = read_short(path);
-    pid_t pid = 0;
-    if (!text.has_value() ||
-        std::from_chars(text->data(), text->data() + text->size(), pid).ec != std::errc{} ||
-        pid <= 1) {
-        return std::nullopt;
-    }
-    return pid;
+    return text.has_value() ? reload_pid_of_text(*text) : std::nullopt;
 }

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "handles/fd.h"
 
@@ -17,6 +18,9 @@ class reload_target {
     /// False, with the reason in `problem`, when it may not be signalled or has ended.
     [[nodiscard]] bool tell_to_reload(std::string &problem) const;
 
+    /// True as soon as the process has ended.
+    [[nodiscard]] bool has_ended() const;
+
     [[nodiscard]] pid_t pid() const
     {
         return pid_;
@@ -29,3 +33,6 @@ class reload_target {
 
 /// The number in the pid file; nothing when there is none.
 [[nodiscard]] std::optional<pid_t> reload_pid_of_file(const std::string &path);
+
+/// The same of a text.
+[[nodiscard]] std::optional<pid_t> reload_pid_of_text(std::string_view text);

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -35,6 +37,10 @@ bool is_set(const char *name)
 bool velmctl_print(const std::string &text)
 {
     if (std::fputs(text.c_str(), stdout) == EOF || std::fflush(stdout) == EOF) {
+        if (errno == EPIPE) { // a supervisor, or the doctor, may have it ignored
+            std::signal(SIGPIPE, SIG_DFL);
+            std::raise(SIGPIPE);
+        }
         std::perror("velmctl: standard output");
         return false;
     }

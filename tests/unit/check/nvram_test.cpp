@@ -93,6 +93,16 @@ TEST_F(Nvram, WhatIsNoBssidIsTold)
                 ElementsAre("nvram wl0.1_hwaddr: \"\" is no BSSID"));
 }
 
+TEST_F(Nvram, ABssidHasSixPairsOfHexadecimalDigits)
+{
+    for (const char *text : {"02:00:00:00:00:0G", "02:00:00:00:00:0", "2:0:0:0:0:1",
+                             "02-00-00-00-00-01", "02:00:00:00:00:01 ", "02:00:00:00:00:0x"}) {
+        EXPECT_THAT(found_with("wl0.1_hwaddr", text),
+                    ElementsAre("nvram wl0.1_hwaddr: \"" + std::string{text} + "\" is no BSSID"));
+    }
+    EXPECT_THAT(found_with("wl0.1_hwaddr", "0A:bC:00:fF:00:09"), IsEmpty());
+}
+
 TEST_F(Nvram, ARadioWithoutBssidsIsWarnedOf)
 {
     EXPECT_THAT(found_with("wl_radio_num", "2"),

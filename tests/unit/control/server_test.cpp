@@ -427,6 +427,27 @@ TEST_F(ControlServer, WhoGoesWhileItWaitsGivesItsPlaceBack)
     EXPECT_EQ(next.answer(), status_answer);
 }
 
+TEST_F(ControlServer, WhoHasSaidAllAndGoesGivesItsPlaceBack)
+{
+    auto held = hold(control_place_limit);
+    for (const auto &one : held) {
+        one->send(wait_request);
+        one->say_all();
+        turn();
+        turn();
+        turn();
+    }
+    client early{path}; // who only has said all still waits for the answer
+    early.send(status_request);
+    EXPECT_TRUE(early.answer().starts_with("HTTP/1.1 503 "));
+    held.clear();
+    turn();
+    turn();
+    client next{path};
+    next.send(status_request);
+    EXPECT_EQ(next.answer(), status_answer);
+}
+
 TEST_F(ControlServer, TheSocketIsForOwnerAndGroup)
 {
     struct stat found {};

@@ -31,4 +31,16 @@ TEST(DoctorReport, HasALineForEachThingAndOneForItsRemedy)
     EXPECT_EQ(doctor_to_text({}, velmctl_paint{false}), "");
 }
 
+TEST(DoctorReport, IsCountedAtItsEnd)
+{
+    doctor_report report;
+    report.ok("a");
+    EXPECT_EQ(doctor_summary(report.lines()), "nothing is wrong");
+    report.warn("b", "mend it");
+    EXPECT_EQ(doctor_summary(report.lines()), "1 warning");
+    report.fail("c", "mend it");
+    report.fail("d", "mend it");
+    EXPECT_EQ(doctor_summary(report.lines()), "2 failures, 1 warning");
+}
+
 } // namespace

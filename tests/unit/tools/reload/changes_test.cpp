@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tools/reload/rights.h"
 #include "tools/reload/target.h"
 
 namespace {
@@ -83,6 +84,32 @@ TEST(ReloadTarget, IsTheDaemonOrNobody)
     std::string problem;
     EXPECT_FALSE(target.hold(getpid(), problem));
     EXPECT_EQ(problem, "process " + std::to_string(getpid()) + " is not velmd: it gets no signal");
+}
+
+TEST(ReloadRights, AreTheEffectiveOnes)
+{
+    const auto rights = reload_rights_of_text("Name:\tvelmd\nUid:\t1\t2\t3\t4\nGid:\t5\t6\t7\t8\n"
+                                              "FDSize:\t64\nGroups:\t9 10 \nVmPeak:\t1 kB\n");
+    ASSERT_TRUE(rights.has_value());
+    EXPECT_EQ(rights->user, 2U);
+    EXPECT_EQ(rights->group, 6U);
+    EXPECT_THAT(rights->groups, ElementsAre(9U, 10U));
+    EXPECT_FALSE(reload_rights_of_text("Uid:\t1\t2\n").has_value());
+}
+
+TEST(ReloadRights, OfThisProcessStayAsTheyAre)
+{
+    const uid_t user = geteuid();
+    const auto rights = reload_rights_of(getpid());
+    ASSERT_TRUE(rights.has_value());
+    EXPECT_EQ(rights->user, user);
+    EXPECT_TRUE(reload_run_with(std::nullopt, [] { return true; }));
+    EXPECT_FALSE(reload_run_with(std::nullopt, [] { return false; }));
+    if (user == 0) {
+        const reload_rights other{65534, 65534, {}};
+        EXPECT_TRUE(reload_run_with(other, [] { return geteuid() == 65534 && getuid() == 65534; }));
+    }
+    EXPECT_EQ(geteuid(), user);
 }
 
 } // namespace

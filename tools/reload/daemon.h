@@ -1,0 +1,40 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "tools/control/status.h"
+#include "tools/options/velmctl_options.h"
+
+/// Whom a reload is for, and what it says of itself.
+
+/// The platform may take 5 s to tell the LAN address.
+inline constexpr std::chrono::seconds reload_limit{15};
+
+enum class reload_answer { given, busy, none };
+
+struct reload_asked {
+    reload_answer answer = reload_answer::none;
+    std::optional<control_status> status; // when given
+};
+
+/// Asks once.
+[[nodiscard]] reload_asked reload_ask(const std::string &path);
+
+struct reload_daemon {
+    std::optional<pid_t> pid;             // none: no daemon is known
+    std::optional<control_status> status; // none: it does not tell
+    std::string control_path;             // where it told
+    bool is_busy = false;                 // it runs, and told nothing until the limit
+};
+
+/// At the control socket that is given or that the file names, else the process $MAINPID or that of the
+/// pid file. When control.sock has changed, a daemon that reads the same file may still be at the
+/// default place.
+[[nodiscard]] reload_daemon reload_find(const velmctl_options &options);
+
+/// True when both are one file, whatever each is called.
+[[nodiscard]] bool reload_is_same_file(const std::string &one, const std::string &other);
