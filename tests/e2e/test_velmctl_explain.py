@@ -209,17 +209,18 @@ def test_follow_tells_what_is_new(
         follower.wait(10)
     assert (tmp_path / "errors").read_text() == ""
     lines = (tmp_path / "out").read_text().splitlines()
-    assert lines[:3] == [
+    assert lines[:4] == [
         "Round 12: process 123 (user 0) asked at 12:03:00 for a location within 60 s.",
         "  Anna's iPhone was pushed to at 12:03:01 (200).",
+        "  It is still open, until 12:04:00.",
         "",
     ]
-    assert [line.split(" at ")[0] for line in lines[3:6]] == [
+    assert [line.split(" at ")[0] for line in lines[4:7]] == [
         "Round 12: Anna's iPhone came from 192.168.1.50",
         "Round 12: The time for the request was up",
         "Round 12: Likely cause: Every phone that came was refused.",
     ]
-    assert len(lines) == 7 and lines[6].startswith("Round 12: Remedy: ")
+    assert len(lines) == 8 and lines[7].startswith("Round 12: Remedy: ")
 
 
 def test_follow_goes_on_after_a_restart(
