@@ -24,7 +24,6 @@ from velm_sim.ssdp import discover
 
 CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "control-api.yaml")
 PATHS = list(CONTRACT.operations())
-PLACES = 4
 
 
 def asked(access_point: AccessPoint, target: str, method: str = "GET") -> ControlAnswer:
@@ -49,9 +48,7 @@ def wait_for_push(access_point: AccessPoint) -> None:
 
 
 def ask_in_a_full_house(access_point: AccessPoint, path: str) -> ControlAnswer:
-    with ExitStack() as open_ones:
-        for _ in range(PLACES):
-            open_ones.enter_context(access_point.control.connect()).sendall(b"GET ")
+    with access_point.control.full_house(b"GET "):
         return asked(access_point, path)
 
 

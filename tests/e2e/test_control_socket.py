@@ -8,15 +8,14 @@ import stat
 import subprocess
 import sys
 import time
-from collections.abc import Iterator
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack
 from pathlib import Path
 
 import pytest
 from velm_harness.promptness import prompt_meanwhile
 from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
-from velm_sim.control import Control, read_all
+from velm_sim.control import read_all
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import IpcClient
 from velm_sim.namespaces import Network
@@ -31,16 +30,6 @@ NOBODY = 65534
 
 def status_line(answer: bytes) -> bytes:
     return answer.partition(b"\r\n")[0]
-
-
-@contextmanager
-def full_house(control: Control, sent: bytes = b"GET /v1/st") -> Iterator[list[socket.socket]]:
-    """Every place is taken by a client that has begun and does not go on."""
-    with ExitStack() as open_ones:
-        held = [open_ones.enter_context(control.connect()) for _ in range(PLACES)]
-        for one in held:
-            one.sendall(sent)
-        yield held
 
 
 # Who may.
@@ -209,7 +198,7 @@ def test_half_a_request_ends_after_five_seconds(access_point: AccessPoint) -> No
 
 def test_the_fifth_client_is_turned_away_until_a_place_is_free(access_point: AccessPoint) -> None:
     control = access_point.control
-    with full_house(control) as held:
+    with control.full_house(b"GET /v1/st") as held:
         answer = control.get("/v1/status")
         assert (answer.status, answer.body) == (503, b"all places are taken\n")
         held[0].sendall(b"atus HTTP/1.1\r\n\r\n")
@@ -219,7 +208,7 @@ def test_the_fifth_client_is_turned_away_until_a_place_is_free(access_point: Acc
 
 def test_a_full_house_of_waiting_clients_holds_nobody_else_up(access_point: AccessPoint) -> None:
     waiting = b"GET /v1/rounds?wait=60 HTTP/1.1\r\n\r\n"
-    with full_house(access_point.control, waiting), prompt_meanwhile(
+    with access_point.control.full_house(waiting), prompt_meanwhile(
         access_point.daemon, access_point.lan_host(PHONE)
     ):
         time.sleep(0.5)  # the time for which promptness is measured
