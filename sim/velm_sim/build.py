@@ -42,6 +42,10 @@ class Build:
         """How much memory may grow where an uninstrumented daemon may grow by `limit`."""
         return limit
 
+    def time_limit(self, seconds: float) -> float:
+        """How long what takes an uninstrumented daemon `seconds` of computing may take."""
+        return seconds
+
     def before_end(self, daemon: Any) -> None:
         """The running daemon is about to be ended."""
 

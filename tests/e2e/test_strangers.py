@@ -11,7 +11,7 @@ from collections.abc import Callable
 
 import pytest
 from velm_harness import stranger
-from velm_harness.promptness import assert_prompt, latencies
+from velm_harness.promptness import PROMPT, assert_prompt, latencies
 from velm_harness.sample import Sample
 from velm_harness.watched_memory import Watched
 from velm_sim.access_point import AccessPoint
@@ -53,7 +53,7 @@ def check(
     record_property("control", control[-1])
     record_property("worst", taken[-1])
     record_property("growth", growth)
-    assert_prompt(taken, control)
+    assert_prompt(taken, control, access_point.build.time_limit(PROMPT))
     assert growth < access_point.build.memory_limit_kib(ONE_HOST_KIB)
 
 
