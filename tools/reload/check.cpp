@@ -38,6 +38,7 @@ velm_command_line command_line_of(const std::optional<pid_t> &pid)
         return {};
     }
     std::vector<char *> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string &one : arguments) {
         pointers.push_back(one.data());
     }
