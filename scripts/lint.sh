@@ -29,7 +29,8 @@ check() { # NAME COMMAND...
         cases+="<testcase classname=\"lint\" name=\"$name\"/>"
     else
         printf 'FAILED  %s\n' "$name"
-        tail -n 200 "$log"
+        # clang-tidy says of each file how many findings in the library's headers it left out.
+        grep -v ' warnings\? generated\.$' "$log" | tail -n 200
         cases+="<testcase classname=\"lint\" name=\"$name\"><failure message=\"see $log\"/></testcase>"
         failed=$((failed + 1))
     fi

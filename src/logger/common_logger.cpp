@@ -266,6 +266,44 @@ bool emit(line_buffer &line, const line_parts &parts, const line_origin &origin)
     return state.to_stdout || state.to_syslog || in_file;
 }
 
+void take(logger_key known, const char *key, const char *value)
+{
+    switch (known) {
+    case logger_key::enabled:
+        set_enabled(value);
+        break;
+    case logger_key::level:
+        state.level = level_of(value);
+        break;
+    case logger_key::to_stdout:
+        set_output(state.to_stdout, value);
+        break;
+    case logger_key::to_syslog:
+        set_output(state.to_syslog, value);
+        break;
+    case logger_key::to_file:
+        set_output(state.to_file, value);
+        break;
+    case logger_key::file_name:
+        state.file_name = std::string{value}.substr(0, log_file_name_max);
+        break;
+    case logger_key::file_max_size:
+        state.file_max_size = logger_size(value).value_or(state.file_max_size);
+        break;
+    case logger_key::line_and_file:
+        state.line_and_file = is_true(value);
+        break;
+    case logger_key::syslog_ident:
+        set_syslog_ident(value);
+        break;
+    case logger_key::category:
+        state.categories.push_front({key + logger_category_prefix.size(), level_of(value)});
+        break;
+    case logger_key::unknown:
+        break;
+    }
+}
+
 } // namespace
 
 bool common_logger_is_enabled()
@@ -329,40 +367,7 @@ void common_logger_set(const char *key, const char *value)
     if (key == nullptr || value == nullptr) {
         return;
     }
-    switch (logger_key_of(key)) {
-    case logger_key::enabled:
-        set_enabled(value);
-        break;
-    case logger_key::level:
-        state.level = level_of(value);
-        break;
-    case logger_key::to_stdout:
-        set_output(state.to_stdout, value);
-        break;
-    case logger_key::to_syslog:
-        set_output(state.to_syslog, value);
-        break;
-    case logger_key::to_file:
-        set_output(state.to_file, value);
-        break;
-    case logger_key::file_name:
-        state.file_name = std::string{value}.substr(0, log_file_name_max);
-        break;
-    case logger_key::file_max_size:
-        state.file_max_size = logger_size(value).value_or(state.file_max_size);
-        break;
-    case logger_key::line_and_file:
-        state.line_and_file = is_true(value);
-        break;
-    case logger_key::syslog_ident:
-        set_syslog_ident(value);
-        break;
-    case logger_key::category:
-        state.categories.push_front({key + logger_category_prefix.size(), level_of(value)});
-        break;
-    case logger_key::unknown:
-        break;
-    }
+    take(logger_key_of(key), key, value);
     if (state.observer != nullptr && state.observer->key_set != nullptr) {
         state.observer->key_set(key, value);
     }
