@@ -220,6 +220,7 @@ class AccessPoint:
         daemon = self.prepare(daemonize=daemonize, clock=clock)
         daemon.start()
         daemon.wait_until_serving()
+        self._wait_for_control_socket(daemon)
         return daemon
 
     @property
@@ -262,10 +263,24 @@ class AccessPoint:
     # Who talks to it.
 
     @property
+    def control_path(self) -> str:
+        """Empty when it is switched off."""
+        beside = self.pid_file.parent / "velmd.control.sock"
+        return self.configuration.get("control.sock", str(beside))
+
+    def _wait_for_control_socket(self, daemon: Daemon) -> None:
+        """It comes a moment after the servers: who counts descriptors must count it too. A daemon that
+        cannot have one says so and serves all the same."""
+        end = time.monotonic() + LONGEST_MOMENT
+        while self.control_path and time.monotonic() < end:
+            if daemon.listener_at(self.control_path) or "no control socket" in daemon.log():
+                return
+            time.sleep(0.001)
+
+    @property
     def control(self) -> Control:
         """A client of the control socket, which comes a moment after the servers."""
-        beside = self.pid_file.parent / "velmd.control.sock"
-        made = Control(Path(self.configuration.get("control.sock", str(beside))))
+        made = Control(Path(self.control_path))
         end = time.monotonic() + LONGEST_MOMENT
         while self.started and not made.listens() and time.monotonic() < end:
             time.sleep(0.001)

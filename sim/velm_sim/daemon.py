@@ -32,6 +32,13 @@ def wait_until(condition: Callable[[], object], timeout: float, what: str) -> No
         time.sleep(0.005)
 
 
+def remove_shared_clock(pid: int) -> None:
+    """libfaketime leaves these when its process ends by a signal. Another with the same number would
+    meet them."""
+    for name in (f"faketime_shm_{pid}", f"sem.faketime_sem_{pid}"):
+        Path("/dev/shm", name).unlink(missing_ok=True)
+
+
 @dataclass
 class Daemon:
     """velmd started by `command` (which becomes the daemon, under the same pid).
@@ -51,6 +58,7 @@ class Daemon:
     working_directory: Path | None = None
     process: subprocess.Popen[bytes] | None = None
     pid: int = 0
+    started_pid: int = 0
 
     # Start and end.
 
@@ -82,7 +90,7 @@ class Daemon:
                 stdout=output,
                 stderr=subprocess.STDOUT,
             )
-        self.pid = self.process.pid
+        self.pid = self.started_pid = self.process.pid
         if self.pid_file:
             self._follow_detached()
 
@@ -119,8 +127,12 @@ class Daemon:
         self.build.judge(self.directory)
 
     def kill(self, number: signal.Signals = signal.SIGTERM) -> None:
-        if not self.alive():
-            return
+        if self.alive():
+            self._end(number)
+        if self.clock:
+            remove_shared_clock(self.started_pid)
+
+    def _end(self, number: signal.Signals) -> None:
         os.kill(self.pid, number)
         try:
             wait_until(lambda: not self.alive(), 10, f"pid {self.pid} does not end")
@@ -177,9 +189,13 @@ class Daemon:
         return [(int(sent, 16), int(received, 16)) for sent, received in queues]
 
     def ipc_listener(self) -> str:
+        return self.listener_at(str(self.socket_path))
+
+    def listener_at(self, path: str) -> str:
+        """The kernel's number of the listening Unix socket, empty when nothing listens."""
         for line in self._proc("net/unix").splitlines()[1:]:
             columns = line.split()
-            if columns[-1] == str(self.socket_path) and int(columns[3], 16) & UNIX_ACCEPTS:
+            if columns[-1] == path and int(columns[3], 16) & UNIX_ACCEPTS:
                 return columns[6]
         return ""
 
