@@ -452,7 +452,7 @@ TEST_F(AndroidAssertion, AMethodOtherThanZeroOrOneEndsTheProcess)
 
 TEST_F(AndroidAssertion, ExhaustedMemoryNamesTheCopyThatCouldNotBeMade)
 {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VELM_SANITIZED
     GTEST_SKIP() << "the sanitizer itself ends the process at such a size";
 #endif
     const std::uint8_t byte = 0;

@@ -303,7 +303,7 @@ TEST_F(Conn, EndsWhenItIsToldTo)
     EXPECT_EQ(times, 1);
 }
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VELM_SANITIZED
 constexpr bool memory_is_measurable = false;
 #else
 constexpr bool memory_is_measurable = true;

@@ -277,7 +277,7 @@ void dump_without_memory()
 
 TEST(HexDump, WithoutMemorySaysSo)
 {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VELM_SANITIZED
     GTEST_SKIP() << "the sanitizer's allocator ends the process instead of returning null";
 #endif
     EXPECT_EXIT(dump_without_memory(), testing::ExitedWithCode(0), "");

@@ -136,7 +136,7 @@ TEST(KeptBody, CountsItsTextsByTheMemoryThatTheyTake)
 
 TEST(KeptBody, CountsWhatTheHeapTakesForIt)
 {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VELM_SANITIZED
     GTEST_SKIP() << "a sanitizer's blocks have other sizes";
 #endif
     const std::string list = R"("pair":{"a":[1,2,3,"b"],"c":"%","d":{"e":null}})";
