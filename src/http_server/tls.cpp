@@ -19,6 +19,7 @@
 #include "http_server/log.h"
 #include "http_server/refusals.h"
 #include "logger/fatal.h"
+#include "malloc/tls_rooms.h"
 #include "story/story.h"
 
 namespace {
@@ -113,6 +114,31 @@ int receive(BIO *bio, http_tls_stream *stream)
     return 1;
 }
 
+/// Of the stream that was read last and made rooms that its data do not need.
+void give_back_spare()
+{
+    const http_tls_stream *const stream = std::exchange(state.with_spare, nullptr);
+    if (stream == nullptr) {
+        return;
+    }
+    if (SSL_has_pending(stream->tls) == 0) {
+        SSL_free_buffers(stream->tls); // unless something waits to be written
+    }
+    evbuffer *const input = bufferevent_get_input(stream->bev);
+    if (evbuffer_get_length(input) == 0) {
+        evbuffer_add(input, "", 1); // the room goes with the last byte in it
+        evbuffer_drain(input, 1);
+    }
+}
+
+void note_spare(http_tls_stream *stream)
+{
+    if (state.with_spare == nullptr) {
+        state.with_spare = stream;
+        stream->keeps_some();
+    }
+}
+
 /// OpenSSL wants the next record: more than 0 when it may have it.
 int open_record(BIO *bio, http_tls_stream *stream)
 {
@@ -142,32 +168,10 @@ int open_record(BIO *bio, http_tls_stream *stream)
     if (!stream->shakes_hands) {
         ++stream->silent_records; // until it turns out to bring data
     }
+    if (stream->silent_records > 1) {
+        note_spare(stream); // new keys among them: OpenSSL makes a room for an answer
+    }
     return 1;
-}
-
-/// Of the stream that was read last and brought no data.
-void give_back_spare()
-{
-    const http_tls_stream *const stream = std::exchange(state.with_spare, nullptr);
-    if (stream == nullptr) {
-        return;
-    }
-    if (SSL_has_pending(stream->tls) == 0) {
-        SSL_free_buffers(stream->tls); // unless something waits to be written
-    }
-    evbuffer *const input = bufferevent_get_input(stream->bev);
-    if (evbuffer_get_length(input) == 0) {
-        evbuffer_add(input, "", 1); // the room goes with the last byte in it
-        evbuffer_drain(input, 1);
-    }
-}
-
-void note_spare(http_tls_stream *stream)
-{
-    if (state.with_spare == nullptr) {
-        state.with_spare = stream;
-        stream->keeps_some();
-    }
 }
 
 /// Reading is over for now. If there are data, the connection is going to take them.
@@ -189,6 +193,7 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     if (state.with_spare != stream) {
         give_back_spare();
     }
+    tls_room_reached(to, 0); // records are all that is written there
     if (stream->open == 0) {
         const int result = open_record(bio, stream);
         if (result <= 0) {
@@ -198,6 +203,7 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     }
     const std::size_t given = std::min(stream->open, static_cast<std::size_t>(size));
     std::memcpy(to, unread(stream).data(), given);
+    tls_room_reached(to, given);
     stream->open -= given;
     stream->taken += given;
     if (stream->taken == stream->held.size()) {
@@ -310,10 +316,6 @@ void http_tls_connected(bufferevent *bev)
 
 void http_tls_brought_data(http_tls_stream *stream)
 {
-    if (stream->silent_records > 1 && state.with_spare != stream) {
-        give_back_spare();
-        note_spare(stream); // new keys among them: OpenSSL has made a room for an answer
-    }
     stream->silent_records = 0;
 }
 

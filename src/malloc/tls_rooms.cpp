@@ -3,21 +3,33 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 namespace {
 
+/// Of one kind. They follow one another.
+struct rooms {
+    std::uint16_t taken = 0; // a bit for each
+    /// How far bytes may have reached each; what lies behind it is zero.
+    std::array<std::uint16_t, tls_rooms> reached{};
+    std::array<bool, tls_rooms> is_told{};
+};
+
 struct module_state {
     unsigned char *begin;
-    std::uint32_t taken; // a bit for each
+    rooms of_records; // the first ones
+    rooms of_messages;
     bool is_reserved;
 };
 constinit module_state state{};
-static_assert(tls_rooms == 32);
+static_assert(tls_rooms == 16 && tls_room_most < UINT16_MAX);
 
-constexpr std::size_t all_rooms = tls_rooms * tls_room_most;
+constexpr std::size_t all_rooms = 2 * tls_rooms * tls_room_most;
 
 /// Null without address space, and where a page is larger than a room's share of them: pages that two
 /// rooms have in common cannot be given back. Then the heap serves.
@@ -31,6 +43,31 @@ unsigned char *reserve() noexcept
     return memory == MAP_FAILED ? nullptr : static_cast<unsigned char *>(memory);
 }
 
+/// A room, among those of its kind.
+struct place {
+    rooms *kind;
+    std::size_t number;
+    unsigned char *begin;
+};
+
+place place_of(const void *memory) noexcept
+{
+    const auto at =
+        static_cast<std::size_t>(static_cast<const unsigned char *>(memory) - state.begin);
+    const std::size_t number = at / tls_room_most;
+    return {number < tls_rooms ? &state.of_records : &state.of_messages, number % tls_rooms,
+            state.begin + number * tls_room_most};
+}
+
+void trim(const rooms &kind, unsigned char *begin) noexcept
+{
+    for (std::size_t number = 0; number < tls_rooms_at_hand; ++number) {
+        if ((kind.taken & 1U << number) == 0) {
+            madvise(begin + number * tls_room_most, tls_room_most, MADV_DONTNEED);
+        }
+    }
+}
+
 } // namespace
 
 void *tls_room_take(std::size_t size) noexcept
@@ -42,12 +79,16 @@ void *tls_room_take(std::size_t size) noexcept
         state.is_reserved = true;
         state.begin = reserve();
     }
-    const auto first_free = static_cast<std::size_t>(std::countr_one(state.taken));
+    const bool is_record = size <= tls_room_record_most;
+    rooms &kind = is_record ? state.of_records : state.of_messages;
+    const auto first_free = static_cast<std::size_t>(std::countr_one(kind.taken));
     if (state.begin == nullptr || first_free == tls_rooms) {
         return nullptr;
     }
-    state.taken |= std::uint32_t{1} << first_free;
-    return state.begin + first_free * tls_room_most;
+    kind.taken = static_cast<std::uint16_t>(kind.taken | 1U << first_free);
+    kind.reached[first_free] = tls_room_most;
+    kind.is_told[first_free] = false;
+    return state.begin + ((is_record ? 0 : tls_rooms) + first_free) * tls_room_most;
 }
 
 bool tls_room_is_one(const void *memory) noexcept
@@ -57,21 +98,34 @@ bool tls_room_is_one(const void *memory) noexcept
     return begin != 0 && at - begin < all_rooms; // below it, the difference is larger than any
 }
 
+void tls_room_reached(const void *begin, std::size_t size) noexcept
+{
+    if (!tls_room_is_one(begin)) {
+        return;
+    }
+    const place room = place_of(begin);
+    const std::size_t end =
+        static_cast<std::size_t>(static_cast<const unsigned char *>(begin) - room.begin) + size;
+    std::uint16_t &reached = room.kind->reached[room.number];
+    if (!std::exchange(room.kind->is_told[room.number], true)) {
+        reached = 0;
+    }
+    reached = static_cast<std::uint16_t>(std::clamp<std::size_t>(end, reached, tls_room_most));
+}
+
 void tls_room_give_back(void *room) noexcept
 {
-    const auto number =
-        static_cast<std::size_t>(static_cast<unsigned char *>(room) - state.begin) / tls_room_most;
-    if (number < tls_rooms_at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0) {
-        std::memset(room, 0, tls_room_most);
+    const place given = place_of(room);
+    if (given.number < tls_rooms_at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0) {
+        std::memset(room, 0, given.kind->reached[given.number]);
     }
-    state.taken &= ~(std::uint32_t{1} << number);
+    given.kind->taken = static_cast<std::uint16_t>(given.kind->taken & ~(1U << given.number));
 }
 
 void tls_rooms_trim() noexcept
 {
-    for (std::size_t number = 0; state.begin != nullptr && number < tls_rooms_at_hand; ++number) {
-        if ((state.taken & std::uint32_t{1} << number) == 0) {
-            madvise(state.begin + number * tls_room_most, tls_room_most, MADV_DONTNEED);
-        }
+    if (state.begin != nullptr) {
+        trim(state.of_records, state.begin);
+        trim(state.of_messages, state.begin + tls_rooms * tls_room_most);
     }
 }

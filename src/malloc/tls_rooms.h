@@ -8,16 +8,19 @@
 /// though a greeting has a tenth of that.
 ///
 /// Here each has pages of its own, and only pages that bytes reached are resident. What is given back
-/// is zero, and gone, except for the first rooms, which one connection after another uses.
+/// is zero, and gone, except for the first rooms of either kind, which one connection after another uses.
 
 /// Of which sizes there are rooms.
 inline constexpr std::size_t tls_room_least = 12 * 1024;
 inline constexpr std::size_t tls_room_most = 24 * 1024;
-/// How many there are: address space, not memory.
-inline constexpr std::size_t tls_rooms = 32;
-/// How many stay resident until tls_rooms_trim: to take pages anew costs a tenth of a resumed connection.
-/// One handshake uses two.
-inline constexpr std::size_t tls_rooms_at_hand = 8;
+/// Up to here it is a record. A record has rooms of its own, since hardly any fills more than a page,
+/// while OpenSSL overwrites the whole room of messages.
+inline constexpr std::size_t tls_room_record_most = 20 * 1024;
+/// How many there are of either kind: address space, not memory.
+inline constexpr std::size_t tls_rooms = 16;
+/// How many of either kind stay resident until tls_rooms_trim, as far as bytes reached them: to take pages
+/// anew costs a tenth of a resumed connection. One handshake uses one of either kind.
+inline constexpr std::size_t tls_rooms_at_hand = 4;
 
 /// Null when the size is another, all are taken, or pages do not divide a room: then the allocator is to
 /// be asked.
@@ -25,6 +28,11 @@ inline constexpr std::size_t tls_rooms_at_hand = 8;
 
 /// It is a room that was taken.
 [[nodiscard]] bool tls_room_is_one(const void *memory) noexcept;
+
+/// Bytes have been put there. Whoever says so of a room says it of all that is written into it: only that
+/// far it is overwritten when it is given back. A room of which nobody says so is overwritten whole.
+/// Nothing is done for memory that is no room.
+void tls_room_reached(const void *begin, std::size_t size) noexcept;
 
 void tls_room_give_back(void *room) noexcept;
 

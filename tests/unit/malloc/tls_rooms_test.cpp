@@ -55,6 +55,43 @@ TEST(TlsRooms, AreZeroAgainForTheNext)
     }
 }
 
+TEST(TlsRooms, OfRecordsAreOverwrittenAndStayResidentOnlyAsFarAsBytesReachedThem)
+{
+    tls_rooms_trim(); // what the other tests reached
+    auto *const room = static_cast<byte *>(tls_room_take(tls_room_record_most));
+    ASSERT_NE(room, nullptr);
+    tls_room_reached(room + 3, 0);
+    std::memset(room + 3, 'p', 5000);
+    tls_room_reached(room + 3, 5000);
+    tls_room_reached(room + 8, 5); // a later word about less takes nothing back
+    tls_room_give_back(room);
+    EXPECT_EQ(resident_pages(room), 2U);
+    EXPECT_TRUE(is_zero(room));
+    ASSERT_EQ(tls_room_take(tls_room_record_most), room);
+    std::memset(room, 'p', tls_room_most); // of which nobody says anything
+    tls_room_give_back(room);
+    EXPECT_TRUE(is_zero(room));
+}
+
+TEST(TlsRooms, OfRecordsAndOfMessagesAreApart)
+{
+    void *const record = tls_room_take(tls_room_record_most);
+    void *const messages = tls_room_take(tls_room_record_most + 1);
+    tls_room_give_back(record);
+    tls_room_give_back(messages);
+    EXPECT_EQ(tls_room_take(tls_room_record_most + 1), messages);
+    EXPECT_EQ(tls_room_take(tls_room_record_most), record);
+    tls_room_give_back(record);
+    tls_room_give_back(messages);
+}
+
+TEST(TlsRooms, HearOfMemoryThatIsNoRoom)
+{
+    const std::vector<byte> heap(tls_room_least);
+    tls_room_reached(heap.data(), heap.size());
+    EXPECT_FALSE(tls_room_is_one(heap.data()));
+}
+
 TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
 {
     std::vector<void *> rooms;
@@ -89,7 +126,7 @@ TEST(TlsRooms, WhenAllAreTakenTheAllocatorIsToBeAsked)
     EXPECT_EQ(std::unique(rooms.begin(), rooms.end()), rooms.end());
     EXPECT_EQ(tls_room_take(tls_room_most), nullptr);
     tls_room_give_back(rooms[7]);
-    EXPECT_EQ(tls_room_take(tls_room_least), rooms[7]);
+    EXPECT_EQ(tls_room_take(tls_room_most), rooms[7]);
     for (void *const room : rooms) {
         tls_room_give_back(room);
     }
