@@ -258,7 +258,7 @@ evhtp_res on_connection_fini(evhtp_connection_t *, void *argument) noexcept
     http_budget_leave(&peer->share);
     http_tls_end(&peer->tls);
     http_handshake_end(&peer->handshake);
-    http_give_back_soon();
+    http_give_back_after_end();
     std::erase_if(state.connections, [peer](const auto &other) { return other.get() == peer; });
     return EVHTP_RES_OK;
 }

@@ -8,6 +8,10 @@
 /// Borrows the base. Nothing is given back before.
 void http_give_back_open(event_base *base);
 
-/// In a second, and once a second at most. To be called when a connection has come or gone: nothing is
-/// done, and no timer set, while none does.
+/// In a second, and once a second at most. To be called when a connection has come: nothing is done, and
+/// no timer set, while none comes or goes.
 void http_give_back_soon();
+
+/// The same, to be called when a connection is being freed. When several have gone, what they had on the
+/// heap is given back within milliseconds; rooms that the next handshake is going to use are not.
+void http_give_back_after_end();

@@ -193,10 +193,10 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     if (state.with_spare != stream) {
         give_back_spare();
     }
-    tls_room_reached(to, 0); // records are all that is written there
     if (stream->open == 0) {
         const int result = open_record(bio, stream);
         if (result <= 0) {
+            tls_room_reached(to, 0); // where only records are put, and none has come
             end_reading(stream);
             return result;
         }
