@@ -3,9 +3,58 @@
 
 #include "http_server/tls.h"
 
+#include <malloc.h>
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cstdlib>
+
 namespace {
 
 using namespace served_connections;
+
+/// Rooms in which OpenSSL puts a record that the server is to send. The clients' are longer, and for the
+/// messages of a handshake it makes some of 4096 bytes.
+struct sending_rooms {
+    int now, most;
+};
+sending_rooms rooms_to_send;
+
+int counts_as_one(void *memory)
+{
+    const std::size_t size = memory == nullptr ? 0 : malloc_usable_size(memory);
+    return size > http_tls_sent_record + 64 && size < http_tls_sent_record + 1024 ? 1 : 0;
+}
+
+void *counted(void *memory)
+{
+    rooms_to_send.now += counts_as_one(memory);
+    rooms_to_send.most = std::max(rooms_to_send.most, rooms_to_send.now);
+    return memory;
+}
+
+void *counting_malloc(std::size_t size, const char * /*file*/, int /*line*/)
+{
+    return counted(std::malloc(size));
+}
+
+void counting_free(void *memory, const char * /*file*/, int /*line*/)
+{
+    rooms_to_send.now -= counts_as_one(memory);
+    std::free(memory);
+}
+
+void *counting_realloc(void *old, std::size_t size, const char * /*file*/, int /*line*/)
+{
+    rooms_to_send.now -= counts_as_one(old);
+    return counted(std::realloc(old, size));
+}
+
+/// Before OpenSSL takes any memory.
+[[gnu::constructor(101)]] void count_rooms_to_send()
+{
+    CRYPTO_set_mem_functions(counting_malloc, counting_realloc, counting_free);
+}
 
 class TlsStream : public Connections {
   protected:
@@ -107,6 +156,31 @@ TEST_F(TlsStream, RecordsWithoutDataEndTheConnectionAfterThirtyTwoInARow)
     EXPECT_EQ(log.count("WARN velm_http_server - open_record - too many TLS records without data: "
                         "127.0.0.1"),
               1);
+}
+
+TEST_F(TlsStream, NewKeysBeforeDataLeaveNoRoomBehindWhileOthersAreRead)
+{
+    serve_tuned();
+    std::vector<std::unique_ptr<https_client>> peers;
+    for (int i = 0; i < 8; ++i) {
+        peers.push_back(connected());
+        ASSERT_EQ(peers.back()->ask(get).status, 200);
+    }
+    const int others = rooms_to_send.now;
+    rooms_to_send.most = others;
+    for (const auto &peer : peers) {
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_EQ(SSL_key_update(peer->tls(), SSL_KEY_UPDATE_NOT_REQUESTED), 1);
+            ASSERT_EQ(SSL_do_handshake(peer->tls()), 1);
+        }
+        peer->send("G");
+    }
+    turn_for(loop, 50ms);
+    EXPECT_GT(rooms_to_send.most, others); // new keys take one, so the count means something
+    EXPECT_LE(rooms_to_send.most, others + 1);
+    for (const auto &peer : peers) {
+        EXPECT_EQ(peer->ask(get + 1).status, 200);
+    }
 }
 
 TEST_F(TlsStream, AFloodOfRecordsLeavesTurnsToTheOthers)

@@ -1,0 +1,79 @@
+#include "http_server/give_back.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <chrono>
+#include <cstring>
+
+#include "fakes/https_client.h"
+#include "handles/libevent.h"
+#include "malloc/tls_rooms.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+int trimmed = 0; // how often the heap was given back
+
+class GiveBack : public testing::Test {
+  protected:
+    GiveBack()
+    {
+        trimmed = 0;
+        http_give_back_open(loop.get());
+    }
+
+    const event_base_ptr loop{event_base_new()};
+};
+
+} // namespace
+
+/// In place of the C library's.
+extern "C" int malloc_trim(std::size_t /*pad*/) noexcept
+{
+    ++trimmed;
+    return 1;
+}
+
+namespace {
+
+TEST_F(GiveBack, AFewEndsWaitForASecond)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i) {
+        http_give_back_after_end();
+    }
+    EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 990ms);
+}
+
+TEST_F(GiveBack, AfterFourEndsTheHeapIsGivenBackWithinMillisecondsAndTheRoomsOfTlsAreNot)
+{
+    void *const room = tls_room_take(tls_room_least);
+    ASSERT_NE(room, nullptr);
+    std::memset(room, 1, tls_room_least);
+    tls_room_give_back(room);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4; ++i) {
+        http_give_back_after_end();
+    }
+    EXPECT_EQ(trimmed, 0); // what has ended is not freed yet
+    EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 1; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 900ms);
+    unsigned char first_page = 0;
+    ASSERT_EQ(mincore(room, 1, &first_page), 0);
+    EXPECT_EQ(first_page & 1, 1);
+}
+
+TEST_F(GiveBack, ConnectionsThatComeWaitForASecond)
+{
+    const auto begin = std::chrono::steady_clock::now();
+    for (int i = 0; i < 8; ++i) {
+        http_give_back_soon();
+    }
+    EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 1; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 990ms);
+}
+
+} // namespace
