@@ -14,6 +14,7 @@ namespace {
 
 /// Of one kind. They follow one another.
 struct rooms {
+    std::size_t at_hand;     // how many stay resident
     std::uint16_t taken = 0; // a bit for each
     /// How far bytes may have reached each; what lies behind it is zero.
     std::array<std::uint16_t, tls_rooms> reached{};
@@ -21,10 +22,10 @@ struct rooms {
 };
 
 struct module_state {
-    unsigned char *begin;
-    rooms of_records; // the first ones
-    rooms of_messages;
-    bool is_reserved;
+    unsigned char *begin = nullptr;
+    rooms of_records{tls_rooms_at_hand_for_records}; // the first ones
+    rooms of_messages{tls_rooms_at_hand_for_messages};
+    bool is_reserved = false;
 };
 constinit module_state state{};
 static_assert(tls_rooms == 16 && tls_room_most < UINT16_MAX);
@@ -61,7 +62,7 @@ place place_of(const void *memory) noexcept
 
 void trim(const rooms &kind, unsigned char *begin) noexcept
 {
-    for (std::size_t number = 0; number < tls_rooms_at_hand; ++number) {
+    for (std::size_t number = 0; number < kind.at_hand; ++number) {
         if ((kind.taken & 1U << number) == 0) {
             madvise(begin + number * tls_room_most, tls_room_most, MADV_DONTNEED);
         }
@@ -116,7 +117,7 @@ void tls_room_reached(const void *begin, std::size_t size) noexcept
 void tls_room_give_back(void *room) noexcept
 {
     const place given = place_of(room);
-    if (given.number < tls_rooms_at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0) {
+    if (given.number < given.kind->at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0) {
         std::memset(room, 0, given.kind->reached[given.number]);
     }
     given.kind->taken = static_cast<std::uint16_t>(given.kind->taken & ~(1U << given.number));

@@ -18,9 +18,11 @@ inline constexpr std::size_t tls_room_most = 24 * 1024;
 inline constexpr std::size_t tls_room_record_most = 20 * 1024;
 /// How many there are of either kind: address space, not memory.
 inline constexpr std::size_t tls_rooms = 16;
-/// How many of either kind stay resident until tls_rooms_trim, as far as bytes reached them: to take pages
-/// anew costs a tenth of a resumed connection. One handshake uses one of either kind.
-inline constexpr std::size_t tls_rooms_at_hand = 4;
+/// How many of them stay resident until tls_rooms_trim: to take pages anew costs a tenth of a resumed
+/// connection. One handshake uses one of either kind, and one address has two handshakes at a time. A record
+/// stays resident only as far as bytes reached it, so that there are some for other connections.
+inline constexpr std::size_t tls_rooms_at_hand_for_records = 4;
+inline constexpr std::size_t tls_rooms_at_hand_for_messages = 2;
 
 /// Null when the size is another, all are taken, or pages do not divide a room: then the allocator is to
 /// be asked.

@@ -45,7 +45,7 @@ TEST(TlsRooms, AreForTheLargeBuffersOnly)
 TEST(TlsRooms, AreZeroAgainForTheNext)
 {
     std::vector<void *> rooms;
-    for (std::size_t i = 0; i < tls_rooms_at_hand + 1; ++i) {
+    for (std::size_t i = 0; i < tls_rooms_at_hand_for_messages + 1; ++i) {
         rooms.push_back(tls_room_take(tls_room_most));
         std::memset(rooms.back(), 'p', tls_room_most);
     }
@@ -95,7 +95,7 @@ TEST(TlsRooms, HearOfMemoryThatIsNoRoom)
 TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
 {
     std::vector<void *> rooms;
-    for (std::size_t i = 0; i < 2 * tls_rooms_at_hand; ++i) {
+    for (std::size_t i = 0; i < 2 * tls_rooms_at_hand_for_messages; ++i) {
         rooms.push_back(tls_room_take(tls_room_most));
     }
     auto *const last = static_cast<byte *>(rooms.back());
