@@ -82,8 +82,8 @@ def test_the_kernel_holds_at_most_32_kib_each_way_of_a_connection(
     for tls in connections:
         tls.setblocking(False)
     most = [0, 0]
-    until = time.monotonic() + 2.5
-    while time.monotonic() < until:
+    begun = time.monotonic()
+    while time.monotonic() < begun + (2.5 if min(most) > 4096 else 20):  # a busy machine begins late
         for tls in connections:
             with contextlib.suppress(OSError):  # it takes no more, or is closed
                 tls.send(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n" * 200)
