@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+#include <utility>
 
 #include "request/status.h"
 #include "text/trim.h"
@@ -19,7 +20,7 @@ constexpr const char *lifted_names[] = {"X-Assertion", "X-Attestation"};
 /// nobody: of 98 headers of 3 bytes 14 kB, which stay until the answer has left.
 constexpr const char *read_names[] = {"Connection", "Proxy-Connection", "Content-Length",
                                       "Transfer-Encoding", "User-Agent"};
-/// Of these; no client sends one of them twice.
+/// Of these; no client sends one of them twice. One that ends the connection is seen behind them too.
 constexpr std::size_t max_read = 8;
 constexpr std::size_t usual_head = 512;
 
@@ -127,8 +128,11 @@ class header_lines {
         const bool has_encoding = same_name(name, "Transfer-Encoding");
         may_be_left_out_ = !has_length && !has_encoding;
         head_->expects_continue = head_->expects_continue || is_expectation(name, value);
-        const bool is_read = name_among(read_names, name) != nullptr &&
-                             (!may_be_left_out_ || ++read_count_ <= max_read);
+        const char *const read = name_among(read_names, name);
+        const bool ends = (read == read_names[0] || read == read_names[1]) &&
+                          same_name(value, "close"); // the client will not use the connection again
+        const bool is_read = read != nullptr && (!may_be_left_out_ || ++read_count_ <= max_read ||
+                                                 (ends && !std::exchange(has_end_, true)));
         is_left_out_ = !is_read && !has_carriage_return(line);
         if (has_encoding) {
             add_transfer_encoding(value);
@@ -210,6 +214,7 @@ class header_lines {
     std::size_t value_size_ = 0;    // of the header being read, its folded lines included
     std::size_t framing_count_ = 0; // headers that tell where the body ends
     std::size_t read_count_ = 0;    // headers that somebody reads
+    bool has_end_ = false;          // one more that ends the connection, behind as many as are read
     std::size_t header_begin_ = 0;  // of the header being read, in the head's text
     bool in_lifted_ = false;
     bool may_be_left_out_ = true;

@@ -443,6 +443,17 @@ def test_the_connection_is_closed_after(
     assert paired_phone.info().status == 200
 
 
+def test_a_connection_that_a_client_ends_is_closed_wherever_it_says_so(
+    access_point: AccessPoint,
+) -> None:
+    headers = b"User-Agent: a\r\n" * 12
+    with access_point.lan_host().connect_tls() as tls:
+        tls.sendall(b"GET /info HTTP/1.1\r\n" + headers + b"Connection: close\r\n\r\n")
+        tls.settimeout(5)
+        answer = read_until_closed(tls)
+    assert answer.startswith(b"HTTP/1.1 200")
+
+
 BAD_FRAMES: dict[str, bytes] = {
     "a report": HEADER.pack(REPORT, 140, 1, 0, 0) + bytes(140),
     "an unknown type": HEADER.pack(9, 140, 1, 0, 0) + bytes(140),

@@ -325,4 +325,18 @@ TEST(HeadersThatAreRead, AreEightBesideTheOneThatTellsTheEndOfTheBody)
     EXPECT_EQ(head.body_size, 3U);
 }
 
+TEST(HeadersThatAreRead, HaveTheEndOfTheConnectionAmongThemWhereverItIs)
+{
+    string eight;
+    for (int i = 0; i < 8; ++i) {
+        eight += "User-Agent: a\r\n";
+    }
+    const string filler = "User-Agent: b\r\nConnection: keep-alive\r\n";
+    for (const string end :
+         {"Connection: close\r\n", "connection:  CLOSE \r\n", "Proxy-Connection: close\r\n"}) {
+        EXPECT_EQ(http_head_filter(head_with(eight + filler + end)).text, head_with(eight + end));
+        EXPECT_EQ(http_head_filter(head_with(eight + end + end)).text, head_with(eight + end));
+    }
+}
+
 } // namespace
