@@ -47,6 +47,10 @@ static_assert(metrics_row(metric::refusals_first, metric::refusals_last) ==
 static_assert(metrics_row(metric::rounds_first, metric::rounds_last) ==
               static_cast<std::size_t>(story_state::refused));
 
+/// How a round ends, in the order of story_state. A label has no blanks.
+constexpr const char *round_states[] = {"answered", "expired", "client_gone", "refused"};
+static_assert(std::size(round_states) == metrics_row(metric::rounds_first, metric::rounds_last));
+
 constexpr labelled_row refused_connections[] = {
     {"total", metric::connections_over_total},
     {"address", metric::connections_over_address},
@@ -117,9 +121,9 @@ void add_counters(control_exposition &text)
     }
     add_pushes(text);
     text.begin("velmd_rounds_total", kind::counter, "Rounds that have ended, by how.");
-    for (int state = 1; state <= static_cast<int>(story_state::refused); ++state) {
-        text.label("state", story_state_name(static_cast<story_state>(state)));
-        text.sample(metrics_get(metric::rounds_first, static_cast<std::size_t>(state) - 1));
+    for (std::size_t i = 0; i < std::size(round_states); ++i) {
+        text.label("state", round_states[i]);
+        text.sample(metrics_get(metric::rounds_first, i));
     }
     text.begin("velmd_connections_refused_total", kind::counter,
                "Connections of phones that were refused or closed, by the limit that was reached.");
