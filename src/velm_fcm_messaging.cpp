@@ -59,24 +59,46 @@ using send_context_ptr = std::unique_ptr<send_context>;
 
 /// The token that FCM does not know may be an earlier one: a phone that has paired again meanwhile
 /// stays paired.
-void unpair(const cJSON *pairing, int code)
+bool has_paired_again(const cJSON *pairing)
+{
+    const std::string_view push_token = json_text_or_empty(pairing, "push_token");
+    const json_ptr stored =
+        velm_nvram_pairings_select_pairing(json_text_or_empty(pairing, "dev_id"));
+    return stored != nullptr && push_token != json_text_or_empty(stored.get(), "push_token");
+}
+
+/// What a 404 means; one of the words for it.
+const char *meaning_of_404(const cJSON *pairing, const char *body, std::size_t length,
+                           const char *content_type)
+{
+    if (!velm_fcm_answer_is_about_the_token(body, length, content_type)) {
+        return velm_fcm_words_stays;
+    }
+    return has_paired_again(pairing) ? velm_fcm_words_renewed : velm_fcm_words_unpaired;
+}
+
+void end_pairing(const cJSON *pairing, const char *meaning, int code)
 {
     constexpr char function[] = "send_push_handler";
     const char *dev_id = json_text_or_empty(pairing, "dev_id");
     const char *dev_type = json_text_or_empty(pairing, "dev_type");
-    const std::string_view push_token = json_text_or_empty(pairing, "push_token");
-    const json_ptr stored = velm_nvram_pairings_select_pairing(dev_id);
-    if (stored != nullptr && push_token != json_text_or_empty(stored.get(), "push_token")) {
-        LOG_INFO("%s - [%s,%s,%s,%d] - stays paired (by another token)", function, dev_id, dev_type,
-                 push_token.data(), code);
+    const char *push_token = json_text_or_empty(pairing, "push_token");
+    if (meaning == velm_fcm_words_stays) {
+        LOG_WARN("%s - [%s,%s,%s,%d] - stays paired (the answer is not about its token)", function,
+                 dev_id, dev_type, push_token, code);
         return;
     }
-    if (stored != nullptr) {
+    if (meaning == velm_fcm_words_renewed) {
+        LOG_INFO("%s - [%s,%s,%s,%d] - stays paired (by another token)", function, dev_id, dev_type,
+                 push_token, code);
+        return;
+    }
+    if (velm_nvram_pairings_select_pairing(dev_id) != nullptr) {
         velm_nvram_pairings_delete_pairing(dev_id);
         velm_nvram_pairings_save_pairings();
     }
     LOG_INFO("%s - [%s,%s,%s,%d] - unpaired (unregistered token)", function, dev_id, dev_type,
-             push_token.data(), code);
+             push_token, code);
 }
 
 void push_refused(const send_context &context, int code)
@@ -108,22 +130,17 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
                   static_cast<int>(length), body);
     }
     const cJSON *pairing = context->pairing.get();
-    const char *const content_type = content_type_of(headers);
-    story_push_ends(context->told, std::max(code, 0),
-                    code == http_ok
-                        ? nullptr
-                        : velm_fcm_answer_words(code, body, length, content_type).c_str());
-    if (code == http_ok) {
+    if (code == http_not_found) {
+        const char *const meaning = meaning_of_404(pairing, body, length, content_type_of(headers));
+        story_push_ends(context->told, code, meaning);
+        end_pairing(pairing, meaning, code);
         return;
     }
-    if (code != http_not_found) {
+    story_push_ends(context->told, std::max(code, 0),
+                    code == http_ok ? nullptr
+                                    : velm_fcm_answer_words(code, body, length, nullptr).c_str());
+    if (code != http_ok) {
         push_refused(*context, code);
-    } else if (velm_fcm_answer_is_about_the_token(body, length, content_type)) {
-        unpair(pairing, code);
-    } else {
-        LOG_WARN("%s - [%s,%s,%s,%d] - stays paired (the answer is not about its token)", __func__,
-                 json_text_or_empty(pairing, "dev_id"), json_text_or_empty(pairing, "dev_type"),
-                 json_text_or_empty(pairing, "push_token"), code);
     }
 }
 
@@ -174,9 +191,9 @@ json_ptr read_slot_that_is_due(int index)
 void begin_to_tell(send_context &context)
 {
     const cJSON *pairing = context.pairing.get();
-    context.told = story_push_begins({context.cm_params_copy.run, context.index,
-                                      json_text_or_empty(pairing, "name"),
-                                      json_text_or_empty(pairing, "dev_model")});
+    context.told = story_push_begins(
+        {context.cm_params_copy.run, context.index, json_text_or_empty(pairing, "name"),
+         json_text_or_empty(pairing, "dev_model"), json_text_or_empty(pairing, "dev_id")});
 }
 
 void tell_not_sent(const send_context &context, const char *why)

@@ -118,8 +118,8 @@ std::string velm_fcm_answer_words(int code, const char *body, std::size_t length
     }
     if (code == not_found) {
         return velm_fcm_answer_is_about_the_token(body, length, content_type)
-                   ? "the push token is not registered any more"
-                   : "the answer is not about the push token";
+                   ? velm_fcm_words_unpaired
+                   : velm_fcm_words_stays;
     }
     return refusal_words(body, length);
 }

@@ -42,6 +42,7 @@ struct story_push {
     std::chrono::steady_clock::time_point begun;
     std::int32_t milliseconds = 0; // from then to the answer
     std::int32_t status = 0;       // of HTTP; 0: none
+    std::uint32_t device = 0;      // a number made of its device id; 0: not known
     bool ended = false;            // answered, or given up
     char name[48] = {};
     char model[32] = {};
@@ -59,6 +60,7 @@ struct story_visit {
     const char *check = nullptr; // that refused; null: accepted
     const char *why = nullptr;
     std::int32_t status = 0; // 0: no answer
+    std::uint32_t late = 0;  // the round that was answered before it came; 0: none
     char device_id[48] = {}; // empty: not known
     char hint[96] = {};      // what the check saw; empty: nothing to say
 };
@@ -68,6 +70,7 @@ struct story_report {
     story_moment at = 0;
     in_addr_t address = 0;
     std::uint32_t clients = 0; // that it was sent to
+    std::uint32_t late = 0;    // as that of a visit
     char device_id[48] = {};
 };
 
@@ -90,6 +93,7 @@ struct story_round {
     story_moment asked = 0;
     story_moment closed = 0;
     std::chrono::steady_clock::time_point asked_steady;
+    std::chrono::steady_clock::time_point answered_steady;
     std::int32_t pid = 0;
     std::uint32_t uid = 0;
     std::uint32_t request_id = 0;
@@ -104,6 +108,9 @@ struct story_round {
         nullptr; // what no push of the run had when the round closed; else null
     story_interval visits;
     story_interval reports;
+    std::uint32_t late_visits =
+        0; // of phones that were pushed to, after its answer; not in the intervals
+    std::uint32_t late_reports = 0;
     std::uint32_t visited = 0;           // times that anything came
     std::uint32_t came = 0;              // of them, requests of phones
     std::uint32_t posted = 0;            // of them, accepted at "/location"

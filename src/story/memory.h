@@ -50,6 +50,13 @@ static_assert(sizeof(story_memory) <= std::size_t{56} * 1024);
 /// After each change.
 void story_changed();
 
+/// Made of a device id as far as it is kept; 0 for none.
+[[nodiscard]] std::uint32_t story_device_of(const char *device_id);
+
+/// The round in which that phone was pushed to and which was answered less than story_late_limit ago,
+/// the newest of them; null when there is none.
+[[nodiscard]] story_round *story_round_for_late(const char *device_id);
+
 /// The clock on the wall.
 [[nodiscard]] story_moment story_now();
 

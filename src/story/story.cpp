@@ -149,6 +149,7 @@ bool joins_the_one_before(story_round &round)
 /// A late answer ends a round that is logged and counted already.
 void round_answer(story_round &round)
 {
+    round.answered_steady = steady_clock::now();
     if (round.state == story_state::open) {
         round_close(round, story_state::answered);
         return;
@@ -311,6 +312,7 @@ std::uint64_t story_push_begins(const story_push_target &target)
     push.slot = target.slot;
     push.at = story_now();
     push.begun = steady_clock::now();
+    push.device = story_device_of(target.device_id);
     text_cut(push.name, target.name);
     text_cut(push.model, target.model);
     if (story_round *const round = round_of_run(target.run); round != nullptr) {
@@ -360,6 +362,11 @@ void story_report_done(const char *device_id, in_addr_t address)
     report.address = address;
     report.clients = kept.sent_to;
     text_cut(report.device_id, device_id);
+    story_round *const late = story_round_for_late(device_id);
     report_answers(report.number);
+    if (late != nullptr && report.number >= late->reports.end) {
+        report.late = static_cast<std::uint32_t>(late->id);
+        ++late->late_reports;
+    }
     story_changed();
 }

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <cstdint>
 
 #include "story/checks.h"
@@ -58,8 +59,9 @@ void story_run_failed(std::uint32_t run, story_cause why, std::int32_t status);
 struct story_push_target {
     std::uint32_t run;
     std::int32_t slot;
-    const char *name; // may be null
+    const char *name; // may be null, like the others
     const char *model;
+    const char *device_id = nullptr;
 };
 
 /// Gives the number that story_push_ends wants.
@@ -80,6 +82,10 @@ struct story_visit_note {
     const char *hint = nullptr;      // may be null
 };
 void story_visit_came(const story_visit_note &note);
+
+/// A phone that was pushed to and comes within this time after the answer, which another phone gave, is
+/// told in that round too.
+inline constexpr std::chrono::seconds story_late_limit{60};
 
 /// The constant for the path of a route; null for another path, or none.
 [[nodiscard]] const char *story_route_of(const char *path);

@@ -22,18 +22,28 @@ std::uint64_t oldest(std::uint64_t last, std::size_t size)
     return last > size ? last - size + 1 : 1;
 }
 
+/// The last one goes where its number belongs. They come nearly in order.
+void sink(std::vector<const story_visit *> &visits)
+{
+    for (std::size_t i = visits.size() - 1; i > 0 && visits[i - 1]->number > visits[i]->number;
+         --i) {
+        std::swap(visits[i - 1], visits[i]);
+    }
+}
+
+/// Of the visits those with such a number, and those that were late for that round.
 void collect_visits(std::span<const story_visit> places, const story_interval &numbers,
-                    std::vector<const story_visit *> &found)
+                    std::uint64_t round, std::vector<const story_visit *> &found)
 {
     for (const story_visit &visit : places) {
-        if (visit.number >= std::max(numbers.begin, std::uint64_t{1}) &&
-            visit.number < numbers.end) {
+        const bool is_late = visit.late != 0 && visit.late == round;
+        const bool is_within =
+            visit.number >= std::max(numbers.begin, std::uint64_t{1}) && visit.number < numbers.end;
+        if (is_within || is_late) {
             found.push_back(&visit);
+            sink(found);
         }
     }
-    std::sort(found.begin(), found.end(), [](const story_visit *one, const story_visit *other) {
-        return one->number < other->number;
-    });
 }
 
 /// As far as it goes by now.
@@ -58,18 +68,24 @@ void add_visits(const story_memory &kept, story_round_view &view)
 {
     const story_interval numbers =
         so_far(view.round->state == story_state::open, view.round->visits, kept.visits.last);
-    collect_visits(kept.visits.places, numbers, view.visits);
-    view.forgotten_visits = numbers.end - numbers.begin - view.visits.size();
+    collect_visits(kept.visits.places, numbers, view.round->id, view.visits);
+    view.forgotten_visits =
+        numbers.end - numbers.begin + view.round->late_visits - view.visits.size();
 }
 
 void add_reports(const story_memory &kept, story_round_view &view)
 {
     const story_interval numbers = so_far(view.round->waits, view.round->reports, kept.last_report);
     const auto kept_since = oldest(kept.last_report, kept.reports.size());
-    for (auto number = std::max(numbers.begin, kept_since); number < numbers.end; ++number) {
-        view.reports.push_back(find(kept.reports, number));
+    for (auto number = kept_since; number <= kept.last_report; ++number) {
+        const story_report *const report = find(kept.reports, number);
+        const bool is_late = report->late == view.round->id;
+        if (is_late || (number >= numbers.begin && number < numbers.end)) {
+            view.reports.push_back(report);
+        }
     }
-    view.forgotten_reports = numbers.end - numbers.begin - view.reports.size();
+    view.forgotten_reports =
+        numbers.end - numbers.begin + view.round->late_reports - view.reports.size();
 }
 
 } // namespace
@@ -88,7 +104,8 @@ story_view story_look()
             view.rounds.push_back(std::move(one));
         }
     }
-    collect_visits(kept.unasked.places, {1, kept.unasked.last + 1}, view.visits);
+    constexpr std::uint64_t no_round = 0;
+    collect_visits(kept.unasked.places, {1, kept.unasked.last + 1}, no_round, view.visits);
     std::reverse(view.visits.begin(), view.visits.end());
     return view;
 }

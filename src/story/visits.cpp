@@ -64,6 +64,7 @@ void visit_fill(story_visit &visit, const story_visit_note &note, const char *de
     visit.check = note.check;
     visit.why = note.why;
     visit.status = note.status;
+    visit.late = 0;
     text_cut(visit.device_id, device_id);
     text_cut(visit.hint, note.hint);
 }
@@ -85,12 +86,13 @@ bool may_repeat(const story_visits<Size> &visits, const story_visit &visit)
 
 /// One address can take a quarter of the places, so that a stranger cannot make us forget the phones.
 template <std::size_t Size>
-void visits_add(story_visits<Size> &visits, const story_visit_note &note, const char *device_id)
+story_visit &visits_add(story_visits<Size> &visits, const story_visit_note &note,
+                        const char *device_id)
 {
     story_visit &touched = visits.places[visits.touched];
     if (touched.number != 0 && may_repeat(visits, touched) && is_same(touched, note, device_id)) {
         visit_repeat(touched, note); // what a flood does, without a look at the others
-        return;
+        return touched;
     }
     const own_places own = places_look(visits.places, note.address);
     const bool repeats = own.newest != nullptr && may_repeat(visits, *own.newest) &&
@@ -101,10 +103,19 @@ void visits_add(story_visits<Size> &visits, const story_visit_note &note, const 
     visits.touched = static_cast<std::size_t>(place - visits.places.data());
     if (repeats) {
         visit_repeat(*place, note);
-        return;
+        return *place;
     }
     place->number = ++visits.last;
     visit_fill(*place, note, device_id);
+    return *place;
+}
+
+/// Of a round that another phone has answered.
+void visit_belongs_to_late(story_visit &visit, story_round &round)
+{
+    const auto id = static_cast<std::uint32_t>(round.id);
+    round.late_visits += visit.late == id ? 0 : 1;
+    visit.late = id;
 }
 
 bool is_route(const char *route, std::string_view name)
@@ -196,15 +207,19 @@ void story_visit_came(const story_visit_note &note)
     if (note.check == nullptr && *device_id != '\0' && is_route(note.route, "/location")) {
         ++kept.posted;
     }
-    if (kept.open > 0) {
-        visits_add(kept.visits, note, device_id);
+    story_round *const late = story_round_for_late(device_id);
+    if (kept.open > 0 || late != nullptr) {
+        story_visit &visit = visits_add(kept.visits, note, device_id);
+        if (late != nullptr) {
+            visit_belongs_to_late(visit, *late);
+        }
         for (story_round &round : kept.rounds) {
             if (round.waits && round.state == story_state::open) {
                 round_count(round, note, device_id);
             }
         }
     }
-    if (kept.open == 0 || matters_always(note)) {
+    if ((kept.open == 0 && late == nullptr) || matters_always(note)) {
         visits_add(kept.unasked, note, device_id);
     }
     story_changed();

@@ -98,6 +98,31 @@ def test_the_story_of_a_good_round(
     access_point.daemon.wait_log("answered: 1 pushes, 2 visits, 1 reports")
 
 
+def test_a_phone_that_comes_after_another_has_answered_is_told_in_the_round_too(
+    access_point: AccessPoint,
+    cloud: Cloud,
+    pair_phones: Callable[[int], list[Phone]],
+    ipc: IpcClient,
+) -> None:
+    first, second = pair_phones(2)
+    ipc.request()
+    cloud.fcm.wait(2)
+    assert first.location(sample_location()).status == 200
+    ipc.receive_report()
+    closed = wait_for(access_point, "answered")["closed"]
+    assert second.location(sample_location()).status == 200
+    ipc.receive_report()
+    story = newest(access_point)
+    assert (story["state"], story["closed"], story["cause"]) == ("answered", closed, None)
+    named = [visit for visit in story["visits"] if visit["route"] == "/location"]
+    ids = [phone.profile.device_id for phone in (first, second)]
+    assert [visit["deviceId"] for visit in named] == ids
+    assert [report["deviceId"] for report in story["reports"]] == ids
+    assert story["forgotten"] == {"pushes": 0, "visits": 0, "reports": 0}
+    outside = access_point.control.json("/v1/rounds")["visits"]
+    assert not [visit for visit in outside if visit["route"] == "/location"]
+
+
 def test_the_story_of_the_caller_has_its_process_and_user(
     access_point: AccessPoint, paired_phone: Phone, ipc: IpcClient
 ) -> None:

@@ -629,6 +629,20 @@ TEST_F(FcmStory, APushIsToldWithItsPhoneAndTheAnswer)
     EXPECT_STREQ(told.error, "the push token is not registered any more");
 }
 
+TEST_F(FcmStory, A404IsToldByWhatBecameOfThePairing)
+{
+    pair_slot(0, "a", "ta");
+    push();
+    answer(404, "<!DOCTYPE html>");
+    EXPECT_STREQ(round().pushes[0]->error, "the answer is not about the push token");
+    push();
+    velm_nvram_pairings_delete_pairing("a");
+    pair_slot(0, "a", "tb");
+    answer(404);
+    EXPECT_STREQ(round().pushes[1]->error, "the phone has another push token by now");
+    EXPECT_EQ(velm_nvram_pairings_count_pairings(), 1);
+}
+
 TEST_F(FcmStory, APushThatTheServiceTookHasNoError)
 {
     pair_slot(0, "a", "ta");

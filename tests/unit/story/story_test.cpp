@@ -121,6 +121,99 @@ TEST_F(Story, OfAVisitAfterTheAnswerIsNotOfTheRound)
     EXPECT_THAT(story_look().visits, SizeIs(1));
 }
 
+/// Two phones are pushed to, the first one answers.
+class StoryLate : public Story {
+  protected:
+    StoryLate()
+    {
+        ask(1);
+        push_to("phone");
+        push_to("second");
+        story_visit_came(accepted_at(location));
+        report();
+    }
+
+    static void push_to(const char *device_id)
+    {
+        const auto number =
+            story_push_begins({story_run_number(), 0, device_id, "iPhone15,2", device_id});
+        story_push_ends(number, 200, nullptr);
+    }
+
+    static void second_comes(const char *route = location)
+    {
+        story_visit_came({address_of("192.168.1.51"), "second", route, 200});
+    }
+};
+
+TEST_F(StoryLate, APhoneThatWasPushedToIsToldInTheRoundThatAnotherOneAnswered)
+{
+    const std::int64_t closed = newest().round->closed;
+    second_comes();
+    second_comes();
+    story_report_sent(2);
+    story_report_done("second", address_of("192.168.1.51"));
+    const story_round_view view = newest();
+    EXPECT_EQ(view.round->closed, closed);
+    ASSERT_THAT(view.visits, SizeIs(2));
+    EXPECT_STREQ(view.visits[1]->device_id, "second");
+    EXPECT_EQ(view.visits[1]->times, 2U);
+    ASSERT_THAT(view.reports, SizeIs(2));
+    EXPECT_STREQ(view.reports[1]->device_id, "second");
+    EXPECT_EQ(view.forgotten_visits, 0U);
+    EXPECT_EQ(view.forgotten_reports, 0U);
+    EXPECT_THAT(story_look().visits, IsEmpty());
+    EXPECT_EQ(log_.count("story_round_log"), 1);
+}
+
+TEST_F(StoryLate, ARefusalOfItIsToldThereAndIsNoCause)
+{
+    story_visit_came({address_of("192.168.1.51"), "second", location, 409, story_device_check,
+                      not_ours, nullptr});
+    EXPECT_THAT(newest().visits, SizeIs(2));
+    EXPECT_EQ(cause(), "");
+}
+
+TEST_F(StoryLate, APhoneThatWasNotPushedToIsToldOutsideOfTheRound)
+{
+    story_visit_came({address_of("192.168.1.52"), "third", location, 200});
+    story_report_sent(2);
+    story_report_done("third", address_of("192.168.1.52"));
+    EXPECT_THAT(newest().visits, SizeIs(1));
+    EXPECT_THAT(newest().reports, SizeIs(1));
+    EXPECT_THAT(story_look().visits, SizeIs(1));
+}
+
+TEST_F(StoryLate, AMinuteAfterTheAnswerItIsToldOutsideOfTheRound)
+{
+    fake_clock_advance_steady(59);
+    second_comes();
+    EXPECT_THAT(newest().visits, SizeIs(2));
+    fake_clock_advance_steady(1);
+    second_comes(challenge);
+    EXPECT_THAT(newest().visits, SizeIs(2));
+    EXPECT_THAT(story_look().visits, SizeIs(1));
+}
+
+TEST_F(StoryLate, WhileTheNextRoundWaitsItIsToldInBoth)
+{
+    story_request_came(2, {.pid = 42, .uid = 7, .request_id = 102});
+    second_comes();
+    const story_view seen = story_look();
+    EXPECT_THAT(seen.rounds[0].visits, SizeIs(1));
+    EXPECT_THAT(seen.rounds[1].visits, SizeIs(2));
+}
+
+TEST_F(StoryLate, OfThemTooItIsSaidHowManyAreForgotten)
+{
+    for (in_addr_t stranger = 1; stranger <= 200; ++stranger) {
+        second_comes(stranger % 2 == 0 ? location : challenge);
+    }
+    const story_round_view view = newest();
+    EXPECT_EQ(view.visits.size() + view.forgotten_visits, 201U);
+    EXPECT_GT(view.forgotten_visits, 0U);
+}
+
 TEST_F(Story, OfAVisitBelongsToEveryRoundThatWaits)
 {
     ask(1);
