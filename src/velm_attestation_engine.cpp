@@ -153,8 +153,16 @@ json_ptr integrity_verdict_parse(const char *caller, const std::string &payload)
     return verdict;
 }
 
+/// Not every rule says why it failed: what an earlier request left behind is not the reason.
+bool verdict_is_good(const android_verify_assertion_input &input, const cJSON *verdict)
+{
+    (void)story_reason_take();
+    return android_interpret_verdict(input, verdict, state.config->app_android_package_name);
+}
+
 bool integrity_token_judge(const char *caller, const android_verify_assertion_input &input)
 {
+    (void)story_reason_take();
     const integrity_keys none;
     const integrity_keys &keys = state.keys.has_value() ? *state.keys : none;
     const auto payload =
@@ -164,7 +172,7 @@ bool integrity_token_judge(const char *caller, const android_verify_assertion_in
     if (verdict == nullptr) {
         return false;
     }
-    if (!android_interpret_verdict(input, verdict.get(), state.config->app_android_package_name)) {
+    if (!verdict_is_good(input, verdict.get())) {
         LOG_ERROR("%s - failure", caller);
         return false;
     }
@@ -197,9 +205,7 @@ void google_integrity_result(const cJSON *verdict, void *context) noexcept
 {
     const auto input = adopt<android_verify_assertion_input>(context);
     LOG_TRACE("%s - start", __func__);
-    const bool success =
-        verdict_came(verdict) &&
-        android_interpret_verdict(*input, verdict, state.config->app_android_package_name);
+    const bool success = verdict_came(verdict) && verdict_is_good(*input, verdict);
     LOG_TRACE("%s - finished", __func__);
     input->result_cb(success, input->user_data);
 }

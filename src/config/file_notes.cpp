@@ -25,9 +25,11 @@ auto find(std::string_view key)
 
 } // namespace
 
-void file_note_set(const char *key, const char *path, const char *why)
+void file_note_set(const char *key, const char *path, const char *why, file_reading reading)
 {
-    file_note note{text_or_empty(path), std::time(nullptr), text_or_empty(why)};
+    file_note note{text_or_empty(path),
+                   reading == file_reading::tried ? std::time(nullptr) : std::time_t{0},
+                   text_or_empty(why)};
     if (const auto found = find(key); found != notes.end()) {
         found->note = std::move(note);
     } else {

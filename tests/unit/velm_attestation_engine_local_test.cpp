@@ -14,6 +14,7 @@
 #include "fakes/no_google_integrity.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
+#include "story/reason.h"
 #include "velm_attestation_engine.h"
 #include "velm_nvram_pairings.h"
 
@@ -35,6 +36,7 @@ constexpr char worker[] = "velm_attestation_engine - android_verify_assertion_lo
 struct android_report {
     int calls = 0;
     bool success = false;
+    const char *reason = nullptr; // for the story
     void *user_data = nullptr;
     const captured_log *log = nullptr;
     std::string last_line; // of that log when the report came
@@ -62,6 +64,7 @@ void note(bool success, void *user_data)
 {
     ++reported.calls;
     reported.success = success;
+    reported.reason = story_reason_take().text;
     reported.user_data = user_data;
     if (reported.log != nullptr) {
         reported.last_line = reported.log->lines().back();
@@ -271,6 +274,16 @@ TEST(AndroidLocallyWithoutKeyFiles, EveryTokenIsRefusedAndReported)
         std::_Exit(reported.calls == 1 && !reported.success ? 0 : 1);
     };
     EXPECT_EXIT(ask_at_once(), testing::ExitedWithCode(0), "locally - no decryption key");
+}
+
+TEST_F(AndroidLocally, WhatAnEarlierRequestLeftBehindIsNotTheReason)
+{
+    story_reason_set("the access token was refused", 401);
+    EXPECT_FALSE(passes(token_of("{}")));
+    EXPECT_EQ(reported.reason, nullptr);
+    story_reason_set("the access token was refused", 401);
+    EXPECT_FALSE(passes(token_of(verdict_for(digest, "com.other"))));
+    EXPECT_STREQ(reported.reason, "it is of another app than app.android.package_name");
 }
 
 TEST_F(AndroidLocally, AThousandHostileTokensAreEachAnsweredOnce)

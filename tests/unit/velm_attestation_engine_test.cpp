@@ -7,6 +7,7 @@
 #include <string>
 
 #include "async/common_async.h"
+#include "config/file_notes.h"
 #include "crypto/common_crypto.h"
 #include "fakes/app_attest_maker.h"
 #include "fakes/captured_log.h"
@@ -284,6 +285,25 @@ TEST_F(AttestationEngine, AMissingDecryptionKeySettingKeepsTheRootWhoseSettingWa
     config.app_android_integrity_d_key_path[0] = '\0';
     velm_attestation_engine_init(&config);
     expect_root_in_force(phone);
+}
+
+TEST_F(AttestationEngine, AKeyFileThatWasNotReadIsNotSaidToHaveBeenRead)
+{
+    const file_note &decryption = *file_note_get("app.android.integrity.d.key.path");
+    const file_note &verification = *file_note_get("app.android.integrity.v.key.path");
+    EXPECT_NE(decryption.read, 0);
+    EXPECT_NE(verification.read, 0);
+    set_text(config.app_android_integrity_d_key_path, files.path("none"));
+    velm_attestation_engine_init(&config);
+    EXPECT_NE(decryption.read, 0);
+    EXPECT_EQ(decryption.why, "the file is missing");
+    EXPECT_EQ(verification.read, 0);
+    EXPECT_EQ(verification.why, "it is not used without a decryption key");
+    set_text(config.app_android_integrity_d_key_path, files.write("d.jwk", R"({"k":"d"})"));
+    set_text(config.app_android_integrity_v_key_path, files.path("none"));
+    velm_attestation_engine_init(&config);
+    EXPECT_EQ(decryption.read, 0);
+    EXPECT_EQ(verification.why, "the file is missing");
 }
 
 /// A configuration with one thing wrong, and all that is looked at later wrong too.

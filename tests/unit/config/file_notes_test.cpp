@@ -24,4 +24,12 @@ TEST(FileNotes, HaveTheLastReadingOfEachSetting)
     EXPECT_EQ(file_note_get("b.path")->why, "");
 }
 
+TEST(FileNotes, HaveNoTimeOfAFileThatIsLeftOut)
+{
+    file_note_set("d.path", "/d", nullptr);
+    file_note_set("d.path", "/d", "another one is missing", file_reading::left_out);
+    EXPECT_EQ(file_note_get("d.path")->read, 0);
+    EXPECT_EQ(file_note_get("d.path")->why, "another one is missing");
+}
+
 } // namespace
