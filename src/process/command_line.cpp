@@ -26,6 +26,9 @@ void print_usage(const char *program)
     std::printf("\n");
     std::printf(" %s -v\n", program);
     std::printf(" %s -h\n", program);
+    if (isatty(STDOUT_FILENO) != 0) { // tools compare the text as it has always been
+        std::printf(" %s -t -c path_to_config\n", program);
+    }
 }
 
 void print_version(std::string_view program)

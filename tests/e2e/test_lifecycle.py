@@ -2,6 +2,8 @@
 
 from __future__ import annotations
 
+import os
+import pty
 import signal
 import subprocess
 
@@ -37,6 +39,19 @@ def usage(access_point: AccessPoint) -> str:
 
 def test_help_alone_prints_the_usage(cold_access_point: AccessPoint) -> None:
     assert run(cold_access_point, "-h") == (0, usage(cold_access_point))
+
+
+def test_help_on_a_terminal_has_the_check_too(cold_access_point: AccessPoint) -> None:
+    """Tools compare the text that they have always got."""
+    program = cold_access_point.build.program("velmd")
+    ours, theirs = pty.openpty()
+    try:
+        subprocess.run([str(program), "-h"], stdout=theirs, check=True, timeout=20)
+        shown = os.read(ours, 65536).decode().replace("\r\n", "\n")
+    finally:
+        os.close(ours)
+        os.close(theirs)
+    assert shown == f"{usage(cold_access_point)} {program} -t -c path_to_config\n"
 
 
 def test_version_alone_prints_the_version(cold_access_point: AccessPoint) -> None:
