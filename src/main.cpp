@@ -91,6 +91,8 @@ void set_log_level_from_nvram()
     const malloc_text level{nvram_unf_get("zelkad_debug_level")};
     if (level != nullptr && *level != '\0') {
         common_logger_set("level", level.get());
+        velm_config &config = *process.config;
+        velm_config_copy_text(config.log_level, sizeof config.log_level, level.get());
     }
 }
 

@@ -88,6 +88,31 @@ void load_rows(velm_config &config, const ConfigFile *file, setting_rows rows)
     }
 }
 
+bool is_setting(std::string_view key)
+{
+    for (const config_setting &row : config_file_settings()) {
+        if (key == row.key) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// They are shown, and nothing else. Of a repeated key the first line counts, which comes last.
+void keep_other_pairs(velm_config &config, const ConfigFile *file)
+{
+    config.other_pairs.reset(cJSON_CreateObject());
+    cJSON *const pairs = config.other_pairs.get();
+    for (const ConfigPair *pair = conffile_next_pair(file, nullptr); pair != nullptr;
+         pair = conffile_next_pair(file, pair)) {
+        const char *const key = conffile_pair_key(pair);
+        if (!is_setting(key)) {
+            cJSON_DeleteItemFromObjectCaseSensitive(pairs, key);
+            cJSON_AddStringToObject(pairs, key, conffile_pair_value(pair));
+        }
+    }
+}
+
 /// The control socket lies beside the pid file, unless the file says where. A pid file's path counts from
 /// "/".
 void place_control_socket(velm_config &config)
@@ -121,6 +146,8 @@ void velm_config_set_defaults(velm_config *config)
     config->sources.fill(config_source::standard);
     set_defaults(*config, config_file_settings());
     set_defaults(*config, config_platform_settings());
+    config->other_pairs.reset();
+    config->log_level[0] = '\0';
     config->bssids_list.reset(cJSON_Parse("[]"));
     REQUIRE_NOT_NULL(config->bssids_list, "config->bssids_list");
 }
@@ -145,6 +172,7 @@ void velm_config_load_pairs(velm_config *config, const conffile_ptr &cfile)
     load_rows(*config, cfile.get(),
               rows.last(1)); // vendor.id once more, as ever: it changes nothing
     place_control_socket(*config);
+    keep_other_pairs(*config, cfile.get());
 }
 
 void velm_config_print_to_log(const velm_config *config)

@@ -12,7 +12,6 @@
 
 namespace {
 
-constexpr std::string_view logger_prefix = "logger.";
 constexpr std::string_view bssids_key = "bssids.list";
 
 const config_setting *find_setting(std::span<const config_setting> rows, std::string_view key)

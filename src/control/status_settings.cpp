@@ -1,12 +1,15 @@
 #include <iterator>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "config/file_notes.h"
 #include "config/settings.h"
 #include "control/members.h"
 #include "control/status_parts.h"
+#include "logger/keys.h"
 #include "text/or_empty.h"
+#include "text/utf8.h"
 
 namespace {
 
@@ -44,6 +47,50 @@ void add_rows(cJSON *settings, const velm_config &config, std::span<const config
         const std::string value =
             std::visit([&config](auto field) { return text_of(config.*field); }, row.field);
         add_setting(settings, row.key, value, config_source_of(config, row));
+    }
+}
+
+/// Null when the file has no such pair.
+const char *other_value(const velm_config &config, const char *key)
+{
+    return cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(config.other_pairs.get(), key));
+}
+
+void add_logger_key(cJSON *settings, const velm_config &config, const char *key,
+                    const char *standard)
+{
+    const std::string name = std::string{logger_prefix} + key;
+    const char *const from_file = other_value(config, name.c_str());
+    const bool is_from_nvram = config.log_level[0] != '\0' && key == std::string_view{"level"};
+    const config_source source = is_from_nvram          ? config_source::nvram
+                                 : from_file != nullptr ? config_source::file
+                                                        : config_source::standard;
+    add_setting(settings, name.c_str(),
+                is_from_nvram          ? config.log_level
+                : from_file != nullptr ? from_file
+                                       : standard,
+                source);
+}
+
+/// The keys of the logger, and beside them those that the daemon does not know: they change nothing.
+void add_other_pairs(cJSON *document, cJSON *settings, const velm_config &config)
+{
+    for (std::size_t i = 0; i < logger_keys().size(); ++i) {
+        add_logger_key(settings, config, logger_keys()[i], logger_standards()[i]);
+    }
+    cJSON *const unknown = control_add_list(document, "unknownKeys");
+    const cJSON *pair = nullptr;
+    cJSON_ArrayForEach(pair, config.other_pairs.get())
+    {
+        const std::string_view name = pair->string;
+        const logger_key key = name.starts_with(logger_prefix)
+                                   ? logger_key_of(name.substr(logger_prefix.size()))
+                                   : logger_key::unknown;
+        if (key == logger_key::category) {
+            add_setting(settings, pair->string, pair->valuestring, config_source::file);
+        } else if (key == logger_key::unknown) {
+            control_append(unknown, json_ptr{cJSON_CreateString(utf8_mended(name).c_str())});
+        }
     }
 }
 
@@ -106,6 +153,7 @@ void control_status_add_settings(cJSON *document, const velm_config &config)
     add_rows(settings, config, config_file_settings());
     add_rows(settings, config, config_platform_settings());
     add_setting(settings, "bssids.list", bssids_text(config), config_source::platform);
+    add_other_pairs(document, settings, config);
     cJSON *const list = control_add_list(document, "files");
     for (const named_file &file : files) {
         add_file(list, file, config);

@@ -390,12 +390,11 @@ void common_logger_configure_from_string(const char *text)
 
 void common_logger_configure_from_file(const ConfigFile *file)
 {
-    constexpr std::string_view prefix = "logger.";
     begin_configuration();
     for (const ConfigPair *pair = conffile_next_pair(file, nullptr); pair != nullptr;
          pair = conffile_next_pair(file, pair)) {
-        if (std::string_view{conffile_pair_key(pair)}.starts_with(prefix)) {
-            common_logger_set(conffile_pair_key(pair) + prefix.size(), conffile_pair_value(pair));
+        if (std::string_view{conffile_pair_key(pair)}.starts_with(logger_prefix)) {
+            common_logger_set(conffile_pair_key(pair) + logger_prefix.size(), conffile_pair_value(pair));
         }
     }
     after_reconfiguration();

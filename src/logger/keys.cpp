@@ -18,6 +18,10 @@ constexpr const char *key_names[] = {"enabled",      "level",       "stdout",
                                      "file.maxsize", "lineandfile", "syslog.ident"};
 static_assert(std::size(key_names) == static_cast<std::size_t>(logger_key::category));
 
+// In the same order. velm_config resets the logger to them.
+constexpr const char *standards[] = {"no", "error", "no", "no", "no", "", "16777216", "no", "velmd"};
+static_assert(std::size(standards) == std::size(key_names));
+
 } // namespace
 
 logger_key logger_key_of(std::string_view key)
@@ -33,6 +37,11 @@ logger_key logger_key_of(std::string_view key)
 std::span<const char *const> logger_keys()
 {
     return key_names;
+}
+
+std::span<const char *const> logger_standards()
+{
+    return standards;
 }
 
 std::optional<bool> logger_truth(std::string_view value)

@@ -27,6 +27,12 @@ enum class logger_key {
 /// Every key but those of the categories.
 [[nodiscard]] std::span<const char *const> logger_keys();
 
+/// Their values without a line in the file, as such a line would have them.
+[[nodiscard]] std::span<const char *const> logger_standards();
+
+/// What each of them begins with in the file.
+inline constexpr std::string_view logger_prefix = "logger.";
+
 inline constexpr std::string_view logger_category_prefix = "category.";
 
 /// True for "true" and "yes", false for "false", "no" and "0"; nothing for another text, which counts as

@@ -164,8 +164,8 @@ def test_a_wrong_password(
     end_the_wait(access_point)
     told = explained(access_point)
     assert (
-        f"  It came from {paired_phone.host.source} at HH:MM:SS, 2 times until HH:MM:SS, with "
-        "/challenge and was refused by the login (401): its user name or password is wrong.\n"
+        f"  It came from {paired_phone.host.source} at HH:MM:SS, 2 times until HH:MM:SS, and was "
+        "refused: its user name or password is wrong.\n"
     ) in told
     assert "\nRemedy: Enter the name and the password" in told
 

@@ -205,6 +205,28 @@ control_fields control_fields::object(const char *name) const
     return {find(name), place_of(name), problem_};
 }
 
+std::vector<std::string> control_fields::later_texts(const char *name) const
+{
+    std::vector<std::string> out;
+    const cJSON *const found = cJSON_GetObjectItemCaseSensitive(object_, name);
+    if (!problem_.empty() || found == nullptr) {
+        return out;
+    }
+    if (cJSON_IsArray(found) == 0) {
+        complain(name, " is no list");
+    }
+    const cJSON *element = nullptr;
+    cJSON_ArrayForEach(element, found)
+    {
+        if (cJSON_IsString(element) == 0) {
+            complain(name, " has an element that is no text");
+            return {};
+        }
+        out.emplace_back(element->valuestring);
+    }
+    return out;
+}
+
 void control_fields::each(const char *name,
                           const std::function<void(const control_fields &)> &take) const
 {

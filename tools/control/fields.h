@@ -34,6 +34,8 @@ class control_fields {
     [[nodiscard]] std::optional<bool> maybe_flag(const char *name) const;
     [[nodiscard]] control_moment moment(const char *name) const;
     [[nodiscard]] std::optional<control_moment> maybe_moment(const char *name) const;
+    /// Of texts; empty when the member is not there: earlier daemons have none.
+    [[nodiscard]] std::vector<std::string> later_texts(const char *name) const;
     [[nodiscard]] control_fields object(const char *name) const;
     [[nodiscard]] std::optional<control_fields> maybe_object(const char *name) const;
 

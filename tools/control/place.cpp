@@ -4,6 +4,7 @@
 
 #include "conffile/conffile.h"
 #include "velm_config.h"
+#include "velm_nvram_config.h"
 
 namespace {
 
@@ -30,6 +31,13 @@ file_settings read_settings(const std::optional<std::string> &config)
     return settings;
 }
 
+/// A daemon that detaches changes to "/".
+std::string as_opened(const velm_config &config, const char *path)
+{
+    const bool is_moved = config.daemonize && *path != '\0' && *path != '/';
+    return is_moved ? std::string{"/"} + path : path;
+}
+
 } // namespace
 
 control_place control_place_find(const std::optional<std::string> &given,
@@ -42,8 +50,19 @@ control_place control_place_find(const std::optional<std::string> &given,
     if (settings.is_missing && config.has_value()) {
         return {"", *config + " cannot be read"};
     }
-    const std::string path = settings.config.control_sock;
+    const std::string path = as_opened(settings.config, settings.config.control_sock);
     return {path, path.empty() ? "the daemon has no control socket: control.sock is empty" : ""};
+}
+
+control_place control_location_place_find(const std::optional<std::string> &config)
+{
+    file_settings settings = read_settings(config);
+    if (settings.is_missing && config.has_value()) {
+        return {"", *config + " cannot be read"};
+    }
+    velm_nvram_config_load(&settings.config);
+    const std::string path = as_opened(settings.config, settings.config.location_policy_ipc_sock);
+    return {path, path.empty() ? "location.policy.ipc.sock is empty: no client can ask" : ""};
 }
 
 std::string control_pid_file_of(const std::optional<std::string> &config)

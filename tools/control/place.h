@@ -17,5 +17,8 @@ struct control_place {
 [[nodiscard]] control_place control_place_find(const std::optional<std::string> &given,
                                                const std::optional<std::string> &config);
 
+/// The same for the location socket, when none is given: nvram may name it in place of the file.
+[[nodiscard]] control_place control_location_place_find(const std::optional<std::string> &config);
+
 /// Where the daemon's pid file is, by the same file; empty when it has none.
 [[nodiscard]] std::string control_pid_file_of(const std::optional<std::string> &config);

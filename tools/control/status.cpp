@@ -100,6 +100,7 @@ control_status control_status_read(const cJSON *document, std::string &problem)
     out.now = in.moment("now");
     out.daemon = read_daemon(in.object("daemon"));
     out.settings = in.list("settings", read_setting);
+    out.unknown_keys = in.later_texts("unknownKeys");
     out.lan = read_lan(in.object("lan"));
     out.https = read_https(in.object("https"));
     out.discovery = read_discovery(in.object("discovery"));

@@ -87,6 +87,7 @@ struct control_status {
     control_moment now;
     control_daemon daemon;
     std::vector<control_setting> settings;
+    std::vector<std::string> unknown_keys; // of the configuration file
     control_lan lan;
     control_https https;
     control_discovery discovery;

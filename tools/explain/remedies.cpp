@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "google/push_answer.h"
+
 namespace {
 
 // clang-format off
@@ -80,6 +82,10 @@ constexpr push_row pushes[] = {
 constexpr char no_answer_remedy[] =
     "The push service could not be reached: look at the uplink, the DNS, the clock and "
     "http.client.ca_cert.path.";
+constexpr char renewed_remedy[] = "The phone is paired still, by a newer push token: ask again.";
+constexpr char stays_remedy[] =
+    "The phone is paired still. Look whether the project of the service-account key exists and may "
+    "use the push service, and whether something on the way answers in its place.";
 constexpr char other_answer_remedy[] =
     "Look whether something between the access point and the push service answers in its place.";
 
@@ -126,10 +132,16 @@ const explain_remedy *explain_check(const std::string &code)
     return find(checks, code);
 }
 
-const char *explain_push_remedy(std::optional<std::int64_t> status)
+const char *explain_push_remedy(std::optional<std::int64_t> status, const std::string &error)
 {
     if (!status.has_value()) {
         return no_answer_remedy;
+    }
+    if (error == velm_fcm_words_renewed) {
+        return renewed_remedy;
+    }
+    if (error == velm_fcm_words_stays) {
+        return stays_remedy;
     }
     for (const push_row &row : pushes) {
         if (*status >= row.first && *status <= row.last) {

@@ -30,5 +30,7 @@ struct explain_remedy {
 /// What to do about a visit that `check` refused, with the daemon's reason; empty when it is not known.
 [[nodiscard]] const char *explain_check_remedy(const std::string &check, const std::string &why);
 
-/// What to do about a push that the push service did not take; `status` is of HTTP.
-[[nodiscard]] const char *explain_push_remedy(std::optional<std::int64_t> status);
+/// What to do about a push that the push service did not take; `status` is of HTTP, `error` the daemon's
+/// words, which tell after a 404 whether the phone is paired still.
+[[nodiscard]] const char *explain_push_remedy(std::optional<std::int64_t> status,
+                                              const std::string &error = "");

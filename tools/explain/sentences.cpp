@@ -79,13 +79,20 @@ std::string by_what(const control_visit &visit)
     return what.empty() ? "" : " by " + what;
 }
 
+/// A reason beside which neither the check nor the route nor a number tells anything.
+bool says_all(const control_visit &visit)
+{
+    return explain_is_old_challenge(visit.why.value_or("")) ||
+           visit.why == "its user name or password is wrong";
+}
+
 std::string outcome_of(const control_visit &visit)
 {
     const std::string bssid = bssid_reason_of(visit);
     if (!bssid.empty()) {
         return " and was refused" + bssid + '.';
     }
-    if (explain_is_old_challenge(visit.why.value_or(""))) {
+    if (says_all(visit)) {
         return " and was refused" + reason_of(visit) + '.';
     }
     const std::string status =
@@ -151,7 +158,8 @@ std::string explain_speaker::visit(const control_visit &visit)
         }
         return out + '.';
     }
-    const bool has_route = visit.route.has_value() && *visit.route != "/location";
+    const bool has_route =
+        visit.route.has_value() && *visit.route != "/location" && !says_all(visit);
     const std::string route = has_route ? " with " + shown(visit.route) : "";
     return who + " came" + place_and_time(visit) + route + outcome_of(visit);
 }

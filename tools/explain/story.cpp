@@ -119,7 +119,9 @@ bool has_failed(const control_push &push)
 std::string push_remedy(const control_round &round)
 {
     const auto failed = std::find_if(round.pushes.rbegin(), round.pushes.rend(), has_failed);
-    return failed == round.pushes.rend() ? "" : explain_push_remedy(failed->status);
+    return failed == round.pushes.rend()
+               ? ""
+               : explain_push_remedy(failed->status, failed->error.value_or(""));
 }
 
 /// The daemon counts these: anybody may ask for "/info".
@@ -163,6 +165,36 @@ std::string remedy_of(const control_round &round)
     return row != nullptr ? row->remedy : "";
 }
 
+/// A refusal that the phone has not overcome at the same route.
+bool is_refused_so_far(const control_round &round)
+{
+    const control_visit *last = nullptr;
+    for (const control_visit &visit : round.visits) {
+        if (is_of_refused_phone(visit) && (last == nullptr || visit.until >= last->until)) {
+            last = &visit;
+        }
+    }
+    return last != nullptr &&
+           std::none_of(round.visits.begin(), round.visits.end(), [last](const auto &visit) {
+               return visit.accepted && visit.route == last->route && visit.until >= last->until;
+           });
+}
+
+/// The daemon tells the cause when a round has ended. What stands in the way is known before.
+control_round with_cause_so_far(control_round round)
+{
+    const bool all_failed = !round.pushes.empty() && std::ranges::all_of(round.pushes, has_failed);
+    if (is_refused_so_far(round)) {
+        round.cause = "phones refused";
+    } else if (!round.run.begun && round.run.why.has_value()) {
+        round.cause = round.run.why;
+        round.cause_text = round.run.why_text;
+    } else if (all_failed) {
+        round.cause = "every push failed";
+    }
+    return round;
+}
+
 /// A sentence of its own.
 std::string as_sentence(std::string text)
 {
@@ -183,9 +215,11 @@ explain_story explain_round(const control_round &round, control_moment now,
     explain_speaker speaker{now, names, style};
     explain_story story{title_of(round, speaker), sentences_of(round, speaker),
                         ending_of(round, speaker, style), "", ""};
-    if (round.cause.has_value()) {
-        story.cause = as_sentence(cause_text(round));
-        story.remedy = remedy_of(round);
+    const bool is_open = round.state == "open" && !round.cause.has_value();
+    const control_round told = is_open ? with_cause_so_far(round) : round;
+    if (told.cause.has_value()) {
+        story.cause = (is_open ? "So far: " : "") + as_sentence(cause_text(told));
+        story.remedy = remedy_of(told);
     }
     return story;
 }

@@ -1,7 +1,6 @@
 #include "tools/options/velmctl_options.h"
 
 #include <getopt.h>
-#include <velm/location_policy.h>
 
 #include <algorithm>
 #include <charconv>
@@ -12,15 +11,15 @@
 #include <span>
 
 const char velmctl_usage[] =
-    "usage: velmctl locate [--socket PATH] [--timeout S] [--wait S] [--json]\n"
-    "       velmctl watch [--socket PATH] [--wait S] [--json]\n"
+    "usage: velmctl locate [-c FILE] [--socket PATH] [--timeout S] [--wait S] [--json]\n"
+    "       velmctl watch [-c FILE] [--socket PATH] [--wait S] [--json]\n"
     "       velmctl status [-c FILE] [--control PATH] [--json]\n"
     "       velmctl explain [N] [-c FILE] [--control PATH] [--follow] [--json]\n"
     "       velmctl metrics [-c FILE] [--control PATH]\n"
-    "       velmctl doctor [-c FILE] [--control PATH] [--offline]\n"
-    "       velmctl reload [-c FILE] [--control PATH]\n"
+    "       velmctl doctor [-c FILE] [--control PATH] [--offline] [--json]\n"
+    "       velmctl reload [-c FILE] [--control PATH] [--force]\n"
     "       velmctl check [-c FILE] [-i ADDRESS] [-n BRIDGE] [-s NUMBER] [-m MAC] [-b BSSIDS]\n"
-    "       velmctl --help\n";
+    "       velmctl --help | --version\n";
 
 namespace {
 
@@ -29,7 +28,8 @@ constexpr option long_options[] = {
     {"wait", required_argument, nullptr, 'w'},   {"control", required_argument, nullptr, 'C'},
     {"config", required_argument, nullptr, 'c'}, {"json", no_argument, nullptr, 'j'},
     {"follow", no_argument, nullptr, 'f'},       {"offline", no_argument, nullptr, 'o'},
-    {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0},
+    {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'v'},
+    {"force", no_argument, nullptr, 'F'},        {nullptr, 0, nullptr, 0},
 };
 
 /// As many rounds as the daemon remembers.
@@ -43,13 +43,13 @@ struct command_row {
 
 // clang-format off
 constexpr command_row commands[] = {
-    {"locate",  velmctl_command::locate,  "stwj"},
-    {"watch",   velmctl_command::watch,   "swj"},
+    {"locate",  velmctl_command::locate,  "cstwj"},
+    {"watch",   velmctl_command::watch,   "cswj"},
     {"status",  velmctl_command::status,  "cCj"},
     {"explain", velmctl_command::explain, "cCjf"},
     {"metrics", velmctl_command::metrics, "cC"},
-    {"doctor",  velmctl_command::doctor,  "cCo"},
-    {"reload",  velmctl_command::reload,  "cC"},
+    {"doctor",  velmctl_command::doctor,  "cCoj"},
+    {"reload",  velmctl_command::reload,  "cCF"},
 };
 // clang-format on
 
@@ -118,6 +118,9 @@ bool apply_option(int letter, parsed &line)
         return true;
     case 'f':
         line.options.follow = true;
+        return true;
+    case 'F':
+        line.options.force = true;
         return true;
     case 'o':
         line.options.offline = true;
@@ -193,10 +196,10 @@ bool finish_command(std::span<char *const> words, parsed &line)
 std::optional<velmctl_options> velmctl_options_parse(int argc, char *argv[])
 {
     parsed line;
-    line.options.socket_path = VELM_LOCATION_POLICY_DEFAULT_SOCKET;
-    for (int letter = 0; (letter = getopt_long(argc, argv, "hc:", long_options, nullptr)) != -1;) {
-        if (letter == 'h') {
-            return velmctl_options{};
+    for (int letter = 0; (letter = getopt_long(argc, argv, "hvc:", long_options, nullptr)) != -1;) {
+        if (letter == 'h' || letter == 'v') {
+            return velmctl_options{.command = letter == 'h' ? velmctl_command::help
+                                                            : velmctl_command::version};
         }
         if (!apply_option(letter, line)) {
             return std::nullopt;

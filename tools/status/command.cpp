@@ -2,11 +2,29 @@
 
 #include "tools/control/document.h"
 #include "tools/control/fetch.h"
+#include "tools/control/rounds.h"
 #include "tools/control/status.h"
 #include "tools/status/print.h"
 #include "tools/status/problems.h"
 #include "tools/terminal/output.h"
 #include "tools/terminal/text.h"
+
+namespace {
+
+/// Without the rounds there is still the status.
+std::string text_of(const control_status &status, const std::string &path)
+{
+    std::string problem;
+    const control_answer answer = control_ask(path, "/v1/rounds", control_time);
+    const json_ptr document =
+        control_is_good(answer) ? control_document_parse(answer.body, problem) : nullptr;
+    const control_rounds rounds =
+        document == nullptr ? control_rounds{} : control_rounds_read(document.get(), problem);
+    const bool is_known = document != nullptr && problem.empty();
+    return velmctl_status_to_text(status, is_known ? &rounds : nullptr, velmctl_paint_for_output());
+}
+
+} // namespace
 
 int velmctl_status(const velmctl_options &options)
 {
@@ -23,9 +41,8 @@ int velmctl_status(const velmctl_options &options)
     if (!problem.empty()) {
         return control_refuse(problem);
     }
-    const std::string text = options.json
-                                 ? control_document_print(fetched.document.get())
-                                 : velmctl_status_to_text(status, velmctl_paint_for_output());
+    const std::string text =
+        options.json ? control_document_print(fetched.document.get()) : text_of(status, path);
     const bool is_good = velmctl_status_problems(status).empty();
     return velmctl_print(text) && is_good ? velmctl_exit_good : velmctl_exit_wrong;
 }

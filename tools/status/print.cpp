@@ -3,7 +3,10 @@
 #include <array>
 #include <cstdio>
 
+#include "tools/explain/names.h"
+#include "tools/explain/story.h"
 #include "tools/status/problems.h"
+#include "tools/status/standards.h"
 #include "tools/terminal/columns.h"
 #include "tools/terminal/text.h"
 #include "tools/terminal/times.h"
@@ -27,8 +30,11 @@ std::string number(std::int64_t value)
 
 class status_printer {
   public:
-    status_printer(const control_status &status, const velmctl_paint &paint)
-        : status_{status}, paint_{paint}
+    status_printer(const control_status &status, const control_rounds *rounds,
+                   const velmctl_paint &paint)
+        : status_{status}, paint_{paint}, last_{rounds == nullptr || rounds->rounds.empty()
+                                                    ? nullptr
+                                                    : &rounds->rounds.front()}
     {
     }
 
@@ -144,6 +150,13 @@ class status_printer {
         return out;
     }
 
+    [[nodiscard]] std::string last_round() const
+    {
+        const std::string state = last_->cause.has_value() ? "no location" : shown(last_->state);
+        return time(last_->asked.at) + ", " +
+               (last_->cause.has_value() ? paint_(velmctl_colour::yellow, state) : state);
+    }
+
     [[nodiscard]] rows overview() const
     {
         const std::string clock =
@@ -162,6 +175,9 @@ class status_printer {
         }
         out.push_back({"clock", clock});
         out.push_back({"last report", last_report()});
+        if (last_ != nullptr) {
+            out.push_back({"last round", last_round()});
+        }
         return out;
     }
 
@@ -231,7 +247,7 @@ class status_printer {
     {
         rows out;
         for (const control_setting &setting : status_.settings) {
-            if (setting.source != "default") {
+            if (setting.source != "default" && !velmctl_setting_is_standard(setting)) {
                 out.push_back({shown(setting.key), shown(setting.value),
                                paint_(velmctl_colour::faint, source_of(setting))});
             }
@@ -240,26 +256,47 @@ class status_printer {
                            : title("Settings that are not defaults") + velmctl_columns(out, indent);
     }
 
-    [[nodiscard]] std::string problems() const
+    [[nodiscard]] static std::string listed(const std::string &head,
+                                            const std::vector<std::string> &sentences)
     {
-        const std::vector<std::string> found = velmctl_status_problems(status_);
-        if (found.empty()) {
-            return '\n' + paint_(velmctl_colour::green, "Nothing is wrong.") + '\n';
-        }
-        std::string out = '\n' + paint_(velmctl_colour::red, "Wrong:") + '\n';
-        for (const std::string &problem : found) {
-            out += "  " + problem + '\n';
+        std::string out = sentences.empty() ? "" : '\n' + head + '\n';
+        for (const std::string &sentence : sentences) {
+            out += "  " + sentence + '\n';
         }
         return out;
     }
 
+    /// Why the last round brought no location; empty when it did, or is open.
+    [[nodiscard]] std::string failed_round() const
+    {
+        if (last_ == nullptr || !last_->cause.has_value()) {
+            return "";
+        }
+        const explain_names names{status_.pairings};
+        return listed(paint_(velmctl_colour::yellow, "The last round brought no location:"),
+                      {explain_round(*last_, status_.now, names).cause,
+                       "velmctl explain tells what happened."});
+    }
+
+    [[nodiscard]] std::string problems() const
+    {
+        const std::string found =
+            listed(paint_(velmctl_colour::red, "Wrong:"), velmctl_status_problems(status_)) +
+            listed(paint_(velmctl_colour::yellow, "Warning:"), velmctl_status_warnings(status_)) +
+            failed_round();
+        return found.empty() ? '\n' + paint_(velmctl_colour::green, "Nothing is wrong.") + '\n'
+                             : found;
+    }
+
     const control_status &status_;
     const velmctl_paint &paint_;
+    const control_round *last_; // null: none, or not known
 };
 
 } // namespace
 
-std::string velmctl_status_to_text(const control_status &status, const velmctl_paint &paint)
+std::string velmctl_status_to_text(const control_status &status, const control_rounds *rounds,
+                                   const velmctl_paint &paint)
 {
-    return status_printer{status, paint}.print();
+    return status_printer{status, rounds, paint}.print();
 }

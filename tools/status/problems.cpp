@@ -1,8 +1,11 @@
 #include "tools/status/problems.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 
+#include "logger/common_logger.h"
+#include "logger/keys.h"
 #include "tools/terminal/text.h"
 #include "tools/terminal/times.h"
 
@@ -107,6 +110,43 @@ std::vector<std::string> velmctl_status_problems(const control_status &status)
     look_at_files(status, out);
     if (!status.clock.plausible) {
         out.push_back("The clock is wrong" + because(status.clock.why));
+    }
+    return out;
+}
+
+namespace {
+
+constexpr std::string_view level_key = "logger.level";
+constexpr std::string_view category_prefix = "logger.category.";
+
+bool is_trace(const control_setting &setting)
+{
+    return (setting.key == level_key || setting.key.starts_with(category_prefix)) &&
+           logger_level(setting.value.c_str()) == LOG_LEVEL_TRACE;
+}
+
+bool logs(const control_status &status)
+{
+    constexpr std::string_view outputs[] = {"logger.enabled", "logger.stdout", "logger.syslog",
+                                            "logger.file"};
+    return std::any_of(std::begin(outputs), std::end(outputs), [&status](std::string_view key) {
+        return logger_truth(setting_of(status, key)).value_or(false);
+    });
+}
+
+} // namespace
+
+std::vector<std::string> velmctl_status_warnings(const control_status &status)
+{
+    problems out;
+    const auto trace = std::find_if(status.settings.begin(), status.settings.end(), is_trace);
+    if (trace != status.settings.end() && logs(status)) {
+        out.push_back(velmctl_text_for_terminal(trace->key) +
+                      " is trace: passwords, tokens and locations are written to the log.");
+    }
+    for (const std::string &key : status.unknown_keys) {
+        out.push_back("The configuration file has a key that the daemon does not know: " +
+                      velmctl_text_for_terminal(key) + '.');
     }
     return out;
 }

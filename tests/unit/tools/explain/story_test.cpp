@@ -344,6 +344,52 @@ TEST_F(ExplainStory, TheDaemonsOwnWordsAreTheCause)
     EXPECT_EQ(story().cause, "2 pushes left, and no phone came.");
 }
 
+TEST_F(ExplainStory, AnOpenRoundSaysWhatStandsInTheWaySoFar)
+{
+    round.run = {false, "too soon", "the last push run began less than 60 s before"};
+    EXPECT_EQ(story().cause, "So far: The last push run began less than 60 s before.");
+    EXPECT_EQ(story().remedy, explain_cause("too soon")->remedy);
+    round.run = {true, {}, {}};
+    round.pushes = {some_push()};
+    EXPECT_EQ(story().cause, "");
+    round.pushes[0].status = 500;
+    EXPECT_EQ(story().cause, "So far: The push service took no push.");
+    EXPECT_EQ(story().remedy, explain_push_remedy(500));
+    round.visits = {refused_by("device_check")};
+    EXPECT_EQ(story().cause, "So far: Each phone that came was refused.");
+    EXPECT_EQ(story().remedy, explain_check("device_check")->remedy);
+    round.pushes[0].status = 200;
+    round.visits.push_back(some_visit()); // it overcame that
+    EXPECT_EQ(story().cause + story().remedy, "");
+    round.state = "answered";
+    round.run.begun = false;
+    round.run.why = "too soon";
+    EXPECT_EQ(story().cause, "");
+}
+
+TEST_F(ExplainStory, AWrongPasswordIsToldInFewWords)
+{
+    round.visits = {refused_by("user_pass_check")};
+    round.visits[0].route = "/challenge";
+    round.visits[0].why = "its user name or password is wrong";
+    EXPECT_THAT(story().sentences,
+                ElementsAre("Anna's iPhone came from 192.168.1.50 at 12:03:05 and was refused: its "
+                            "user name or password is wrong."));
+}
+
+TEST_F(ExplainStory, TheRemedyOfA404GoesByWhetherThePhoneIsPairedStill)
+{
+    round.cause = "every push failed";
+    round.pushes = {some_push()};
+    round.pushes[0].status = 404;
+    round.pushes[0].error = "the push token is not registered any more";
+    EXPECT_THAT(story().remedy, HasSubstr("the daemon has unpaired the phone"));
+    round.pushes[0].error = "the answer is not about the push token";
+    EXPECT_THAT(story().remedy, HasSubstr("The phone is paired still. Look whether"));
+    round.pushes[0].error = "the phone has another push token by now";
+    EXPECT_THAT(story().remedy, HasSubstr("ask again"));
+}
+
 TEST_F(ExplainStory, ACauseThatIsNotKnownIsStillTold)
 {
     round.cause = "a new one";
