@@ -8,10 +8,11 @@
 #include <optional>
 #include <string>
 
+#include "check/authorities.h"
 #include "check/files.h"
+#include "check/pem.h"
 #include "file/common_file.h"
 #include "handles/openssl.h"
-#include "http/tls.h"
 #include "http_server/key_file.h"
 #include "logger/fatal.h"
 
@@ -20,37 +21,13 @@ namespace {
 constexpr char log_category[] = "main";
 constexpr char certificate_key[] = "http.server.cert.path";
 constexpr char private_key_key[] = "http.server.key.path";
-constexpr char authorities_key[] = "http.client.ca_cert.path";
-
-/// OpenSSL's reason; what it says of a file without the wanted block of PEM is no word for a reader.
-std::string reason_of(unsigned long error)
-{
-    if (ERR_GET_LIB(error) == ERR_LIB_PEM && ERR_GET_REASON(error) == PEM_R_NO_START_LINE) {
-        return "it has none in PEM";
-    }
-    const char *const reason = error != 0 ? ERR_reason_error_string(error) : nullptr;
-    return reason != nullptr ? reason : "no reason given";
-}
 
 /// Of a key that cannot be read. How it cannot be decrypted is of no use to a reader.
 std::string reason_of_key(const std::string &path, unsigned long error)
 {
     const std::optional<std::string> text = read_binary_file(path.c_str());
     const bool is_encrypted = text && text->find("ENCRYPTED") != std::string::npos;
-    return is_encrypted ? "it is encrypted" : reason_of(error);
-}
-
-std::string text_of(const std::tm &time)
-{
-    std::array<char, 64> text{};
-    (void)std::strftime(text.data(), text.size(), "%F %T UTC", &time);
-    return text.data();
-}
-
-std::string text_of(const ASN1_TIME *time)
-{
-    std::tm fields{};
-    return ASN1_TIME_to_tm(time, &fields) == 1 ? text_of(fields) : "an unknown time";
+    return is_encrypted ? "it is encrypted" : check_pem_reason(error);
 }
 
 std::string now_text()
@@ -58,7 +35,7 @@ std::string now_text()
     const std::time_t now = std::time(nullptr);
     std::tm fields{};
     gmtime_r(&now, &fields);
-    return text_of(fields);
+    return check_time_text(fields);
 }
 
 void check_validity(const check_file &file, const X509 *certificate, check_findings *findings)
@@ -68,10 +45,10 @@ void check_validity(const check_file &file, const X509 *certificate, check_findi
     if (X509_cmp_current_time(begin) > 0) {
         findings->error(file.place(),
                         "the certificate is not valid before %s, and the clock says %s (%s)",
-                        text_of(begin).c_str(), now_text().c_str(), file.key);
+                        check_time_text(begin).c_str(), now_text().c_str(), file.key);
     } else if (X509_cmp_current_time(end) < 0) {
         findings->error(file.place(), "the certificate has expired on %s (%s)",
-                        text_of(end).c_str(), file.key);
+                        check_time_text(end).c_str(), file.key);
     }
 }
 
@@ -81,7 +58,7 @@ bool load_certificate(SSL_CTX *context, const check_file &file, check_findings *
     ERR_clear_error();
     if (SSL_CTX_use_certificate_chain_file(context, file.path.c_str()) != 1) {
         findings->error(file.place(), "no certificate can be read: %s (%s)",
-                        reason_of(ERR_peek_error()).c_str(), file.key);
+                        check_pem_reason(ERR_peek_error()).c_str(), file.key);
         return false;
     }
     check_validity(file, SSL_CTX_get0_certificate(context), findings);
@@ -119,17 +96,6 @@ void check_server(const check_subject &subject, check_findings *findings)
     if (!fits) {
         findings->error(key->place(), "the key is not that of the certificate %s (%s)",
                         certificate->path.c_str(), key->key);
-    }
-}
-
-void check_authorities(const check_subject &subject, check_findings *findings)
-{
-    const auto file =
-        check_readable(subject, authorities_key, subject.config.http_client_ca_cert_path, findings);
-    const unsigned long error = file ? http_client_tls_try(file->path.c_str()) : 0;
-    if (error != 0) {
-        findings->error(file->place(), "no certificate can be read: %s (%s)",
-                        reason_of(error).c_str(), file->key);
     }
 }
 

@@ -63,7 +63,7 @@ void check_findings::error(const check_place &place, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    all_.push_back({place, check_severity::error, formatted(format, arguments)});
+    all_.push_back({place, check_severity::error, formatted(format, arguments), false});
     va_end(arguments);
 }
 
@@ -71,8 +71,21 @@ void check_findings::warning(const check_place &place, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);
-    all_.push_back({place, check_severity::warning, formatted(format, arguments)});
+    all_.push_back({place, check_severity::warning, formatted(format, arguments), false});
     va_end(arguments);
+}
+
+void check_findings::mark_as_of_network()
+{
+    all_.back().is_of_network = true;
+}
+
+void check_findings::add_as_warnings(std::vector<check_finding> others)
+{
+    for (check_finding &other : others) {
+        other.severity = check_severity::warning;
+        all_.push_back(std::move(other));
+    }
 }
 
 std::vector<check_finding> check_findings::take()

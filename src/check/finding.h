@@ -21,6 +21,7 @@ struct check_finding {
     check_place place;
     check_severity severity = check_severity::error;
     std::string what;
+    bool is_of_network = false; // it is so where this program runs; elsewhere it may be otherwise
 };
 
 /// "file:line: what", "file: what", with "warning: " before what is only that. It has no control
@@ -35,6 +36,12 @@ class check_findings {
   public:
     [[gnu::format(printf, 3, 4)]] void error(const check_place &place, const char *format, ...);
     [[gnu::format(printf, 3, 4)]] void warning(const check_place &place, const char *format, ...);
+
+    /// The last one is.
+    void mark_as_of_network();
+
+    /// Those of another list, none of them as more than a warning.
+    void add_as_warnings(std::vector<check_finding> others);
 
     [[nodiscard]] std::vector<check_finding> take();
 

@@ -1,6 +1,7 @@
 #include "check/keys.h"
 
 #include <strings.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <optional>
@@ -8,6 +9,7 @@
 
 #include "android_validation/token.h"
 #include "check/files.h"
+#include "config/settings.h"
 #include "file/common_file.h"
 #include "google/addresses.h"
 #include "google/jwt.h"
@@ -91,6 +93,25 @@ void check_jwks(const check_subject &subject, check_findings *findings)
               findings);
 }
 
+/// Somebody named the file, or put one where it is looked for.
+bool is_meant(const check_subject &subject, char (velm_config::*field)[config_path_size])
+{
+    const std::string path = check_path_of(subject, subject.config.*field);
+    return config_source_of(subject.config, config_field{field}) != config_source::standard ||
+           access(path.c_str(), F_OK) == 0;
+}
+
+/// Google opens the tokens: these keys are of use when that is changed.
+void check_jwks_beforehand(const check_subject &subject, check_findings *findings)
+{
+    if (is_meant(subject, &velm_config::app_android_integrity_d_key_path) &&
+        is_meant(subject, &velm_config::app_android_integrity_v_key_path)) {
+        check_findings found;
+        check_jwks(subject, &found);
+        findings->add_as_warnings(found.take());
+    }
+}
+
 void check_root(const check_subject &subject, check_findings *findings)
 {
     constexpr char key[] = "app.ios.attest.root.ca.path";
@@ -118,6 +139,8 @@ void check_keys(const check_subject &subject, check_findings *findings)
     const bool has_root = config.app_ios_attest_root_ca_path[0] != '\0';
     if (!is_remote || has_root) { // a root is looked at only when these keys are good
         check_jwks(subject, findings);
+    } else {
+        check_jwks_beforehand(subject, findings);
     }
     if (has_root) {
         check_root(subject, findings);

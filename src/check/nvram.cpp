@@ -125,6 +125,7 @@ void check_bridge_address(const std::string &setting, const std::string &name,
     if (!addresses || addresses->empty()) {
         findings->warning(place_of(setting), "%s has no IPv4 address now",
                           check_quoted(name).c_str());
+        findings->mark_as_of_network();
     }
 }
 

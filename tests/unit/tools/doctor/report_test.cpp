@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tools/doctor/command.h"
+#include "tools/doctor/json.h"
 
 namespace {
 
@@ -41,6 +42,22 @@ TEST(DoctorReport, IsCountedAtItsEnd)
     report.fail("c", "mend it");
     report.fail("d", "mend it");
     EXPECT_EQ(doctor_summary(report.lines()), "2 failures, 1 warning");
+}
+
+TEST(DoctorReport, InJsonHasOneShapeForAnyNumberOfFindings)
+{
+    constexpr std::int64_t moment = 1763813590123;
+    doctor_report report;
+    EXPECT_EQ(doctor_to_json(report.lines(), moment),
+              "{\"version\":1,\"now\":\"2025-11-22T12:13:10.123Z\",\"findings\":[]}\n");
+    report.ok("HTTPS: port 1 is free");
+    report.warn("name: a: b\x1b", "mend\n it");
+    EXPECT_EQ(
+        doctor_to_json(report.lines(), moment),
+        "{\"version\":1,\"now\":\"2025-11-22T12:13:10.123Z\",\"findings\":["
+        "{\"level\":\"OK\",\"subject\":\"HTTPS\",\"text\":\"port 1 is free\",\"remedy\":null},"
+        "{\"level\":\"WARN\",\"subject\":\"name\",\"text\":\"a: b\\u001b\",\"remedy\":\"mend\\n "
+        "it\"}]}\n");
 }
 
 } // namespace

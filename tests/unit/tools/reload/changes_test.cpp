@@ -94,7 +94,12 @@ TEST(ReloadRights, AreTheEffectiveOnes)
     EXPECT_EQ(rights->user, 2U);
     EXPECT_EQ(rights->group, 6U);
     EXPECT_THAT(rights->groups, ElementsAre(9U, 10U));
+    EXPECT_FALSE(rights->capabilities.has_value());
     EXPECT_FALSE(reload_rights_of_text("Uid:\t1\t2\n").has_value());
+    EXPECT_EQ(reload_rights_of_text("Uid:\t0\t0\nGid:\t0\t0\nGroups:\t\n"
+                                    "CapPrm:\t0000000000000001\nCapEff:\t0000010000000006\n")
+                  ->capabilities,
+              std::uint64_t{0x10000000006});
 }
 
 TEST(ReloadRights, OfThisProcessStayAsTheyAre)
@@ -110,6 +115,23 @@ TEST(ReloadRights, OfThisProcessStayAsTheyAre)
         EXPECT_TRUE(reload_run_with(other, [] { return geteuid() == 65534 && getuid() == 65534; }));
     }
     EXPECT_EQ(geteuid(), user);
+}
+
+TEST(ReloadRights, OfRootWithoutCapabilitiesOpenNoFileOfOthers)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can take the rights of others";
+    }
+    const std::string path = testing::TempDir() + "/velmctl-shut-" + std::to_string(getpid());
+    std::ofstream{path} << "text";
+    std::filesystem::permissions(path, std::filesystem::perms::none);
+    const auto opens = [&path] { return std::ifstream{path}.good(); };
+    EXPECT_TRUE(reload_run_with(reload_rights{0, 0, {}}, opens));
+    EXPECT_FALSE(reload_run_with(reload_rights{0, 0, {}, 0}, opens));
+    constexpr std::uint64_t dac_override = 1U << 1;
+    EXPECT_TRUE(reload_run_with(reload_rights{65534, 65534, {}, dac_override}, opens));
+    EXPECT_FALSE(reload_run_with(reload_rights{65534, 65534, {}}, opens));
+    std::filesystem::remove(path);
 }
 
 } // namespace
