@@ -3,10 +3,12 @@
 from __future__ import annotations
 
 import datetime
+import json
 import os
 import socket
 import subprocess
 from collections.abc import Callable
+from pathlib import Path
 
 import pytest
 from velm_sim.access_point import AccessPoint
@@ -19,15 +21,15 @@ NOBODY = 65534
 
 
 def doctor(
-    access_point: AccessPoint, *arguments: str, user: int | None = None
+    access_point: AccessPoint, *arguments: str, user: int | None = None, outside: bool = False
 ) -> subprocess.CompletedProcess[str]:
-    """Run where the daemon runs: in its network, with its /etc."""
+    """Run where the daemon runs: in its network, with its /etc; or outside of both."""
     drop = [] if user is None else ["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups"]
     program = str(access_point.build.program("velmctl"))
     access_point.configure({})
     command = [*drop, program, "doctor", "-c", str(access_point.configuration_file), *arguments]
     return subprocess.run(
-        access_point.inside(*command),
+        command if outside else access_point.inside(*command),
         env={
             **os.environ,
             **access_point.environment,
@@ -52,6 +54,8 @@ def subjects(lines: list[str]) -> list[str]:
 def healthy(cold_access_point: AccessPoint, cloud: Cloud) -> AccessPoint:
     """Nothing is wrong, and the daemon is down."""
     cold_access_point.etc.set_accounts([ADMIN])
+    cold_access_point.nvram_set({"zelkad_debug_level": ""})
+    cold_access_point.configure({"logger.level": "debug"})
     return cold_access_point
 
 
@@ -207,3 +211,117 @@ def test_accounts_of_the_shadow_file_count_when_the_daemon_looks_there(
     assert lines_of(doctor(healthy, "--offline"), "FAIL") == [
         "accounts: nobody can log in: no account but root has a password"
     ]
+
+
+def test_outside_of_the_daemons_network_that_is_all_that_is_said(healthy: AccessPoint) -> None:
+    healthy.start()
+    done = doctor(healthy, outside=True)
+    warnings = [line for line in lines_of(done, "WARN") if not line.startswith("accounts")]
+    assert len(warnings) == 1 and warnings[0].startswith(
+        "network: the daemon is in another network than this program"
+    ), done.stdout
+    assert f"nsenter --net=/proc/{healthy.daemon.pid}/ns/net velmctl doctor." in done.stdout
+    told = subjects(lines_of(done, "OK") + lines_of(done, "FAIL"))
+    assert not {"LAN", "HTTPS", "discovery", "cloud"} & set(told)
+
+
+@pytest.mark.parametrize("daemonize", [True, False])
+def test_a_daemon_without_its_control_socket_is_seen(healthy: AccessPoint, daemonize: bool) -> None:
+    healthy.configure({"control.sock": ""})
+    healthy.start(daemonize=daemonize)
+    healthy.configure({"process.daemonize": "yes" if daemonize else "no"})
+    done = doctor(healthy, "--offline")
+    assert (lines_of(done, "FAIL"), lines_of(done, "WARN")) == ([], []), done.stdout
+    told = lines_of(done, "OK")
+    assert (
+        f"daemon: velmd runs as process {healthy.daemon.pid}; control.sock is empty, so it does "
+        "not say how it is"
+    ) in told
+    assert "HTTPS: port 8443 is the daemon's" in told
+    assert "discovery: port 1900 is the daemon's" in told
+    assert "daemon: it answers a search on the LAN" in told
+
+
+def test_a_port_of_another_program_is_not_the_daemons(healthy: AccessPoint) -> None:
+    healthy.configure({"control.sock": ""})
+    healthy.start()
+    port = 18446
+    healthy.configure({"http.server.port": str(port)})
+    with healthy.network.ap.socket() as taken:
+        taken.bind((Network.AP_ADDRESS, port))
+        taken.listen()
+        done = doctor(healthy, "--offline")
+    assert f"HTTPS: port {port} is taken by another program" in lines_of(done, "FAIL")
+
+
+@pytest.mark.parametrize("count", [0, 1, 2])
+def test_json_has_one_shape(healthy: AccessPoint, count: int) -> None:
+    healthy.start()
+    if count > 0:
+        name_other_address(healthy)
+    if count > 1:
+        healthy.etc.set_accounts([])
+    done = doctor(healthy, "--offline", "--json")
+    document = json.loads(done.stdout)
+    assert done.stdout.count("\n") == 1
+    assert set(document) == {"version", "now", "findings"} and document["version"] == 1
+    assert all(
+        set(finding) == {"level", "subject", "text", "remedy"} for finding in document["findings"]
+    )
+    by_level = {
+        level: [finding for finding in document["findings"] if finding["level"] == level]
+        for level in ("OK", "WARN", "FAIL")
+    }
+    assert all(finding["remedy"] is None for finding in by_level["OK"])
+    assert all(finding["remedy"] for finding in by_level["WARN"] + by_level["FAIL"])
+    assert done.returncode == count and len(by_level["FAIL"]) == (1 if count == 2 else 0)
+    assert {
+        "level": "OK", "subject": "HTTPS", "text": "port 8443 is the daemon's", "remedy": None
+    } in document["findings"]  # fmt: skip
+
+
+def test_a_log_with_secrets_is_warned_of(healthy: AccessPoint) -> None:
+    expected = "is trace: passwords, tokens and locations are written to the log"
+    healthy.configure({"logger.level": "trace"})
+    assert lines_of(doctor(healthy, "--offline"), "WARN")[0] == f"log: logger.level {expected}"
+    healthy.start()
+    assert lines_of(doctor(healthy, "--offline"), "WARN") == [f"log: logger.level {expected}"]
+
+
+def authority_of_cloud(access_point: AccessPoint) -> Path:
+    return access_point.directory / "cloud_ca.pem"
+
+
+def test_what_is_wrong_with_the_authorities_is_told_offline(healthy: AccessPoint) -> None:
+    good = authority_of_cloud(healthy).read_text()
+    ago = datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(days=2)
+    old = make_server(["192.168.7.7"], not_before=ago - datetime.timedelta(days=9), not_after=ago)
+    other = make_server(["192.168.7.8"])
+    authority_of_cloud(healthy).write_text(good + old.pem + other.pem)
+    told = lines_of(doctor(healthy, "--offline"), "WARN")
+    assert any("has expired on" in line and "http.client.ca_cert.path" in line for line in told)
+    assert any("is no certificate of an authority" in line for line in told)
+    assert lines_of(doctor(healthy, "--offline"), "FAIL") == []
+    authority_of_cloud(healthy).write_text(old.pem)
+    failures = lines_of(doctor(healthy, "--offline"), "FAIL")
+    assert any("none of its certificates is valid now" in line for line in failures)
+
+
+def test_the_authority_that_is_missing_is_named(healthy: AccessPoint, cloud: Cloud) -> None:
+    use_other_authority(healthy)
+    failures = lines_of(doctor(healthy), "FAIL")
+    missing = [line for line in failures if line.startswith("cloud: ")]
+    assert missing and all(
+        "its certificates lead to CN=" in line
+        and f"which is not in {authority_of_cloud(healthy)}" in line
+        for line in missing
+    ), failures
+
+
+def test_keys_of_the_method_that_is_not_used_are_judged_too(healthy: AccessPoint) -> None:
+    (healthy.directory / "integrity_verification.jwk").write_text('{"kty": "oct", "k": "AA"}')
+    healthy.configure({"app.ios.attest.root.ca.path": None})
+    for method, grade in (("remote", "WARN"), ("local", "FAIL")):
+        healthy.configure({"app.android.integrity.method": method})
+        told = lines_of(doctor(healthy, "--offline"), grade)
+        assert any("it is no JWK of kind EC on the curve P-256" in line for line in told), told

@@ -4,10 +4,13 @@ from __future__ import annotations
 
 import os
 import subprocess
+import time
+from collections.abc import Callable
 
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.certificates import make_server
+from velm_sim.daemon import wait_until
 from velm_sim.namespaces import Network
 
 
@@ -174,8 +177,8 @@ def test_root_checks_with_the_rights_of_the_daemon(cold_access_point: AccessPoin
     assert reloads(cold_access_point) == 0 and cold_access_point.daemon_alive()
 
 
-def test_a_daemon_that_ends_meanwhile_is_told_at_once(cold_access_point: AccessPoint) -> None:
-    """Root without the capabilities of root: the check cannot know that it may not read the key."""
+def test_root_without_the_capabilities_of_root_is_checked_so(cold_access_point: AccessPoint) -> None:
+    """The daemon may not read every file, as under a supervisor that takes that from it."""
     through = ["setpriv", "--bounding-set=-dac_override,-dac_read_search", "--"]
     daemon = cold_access_point.prepare(through=through)
     daemon.start()
@@ -184,4 +187,110 @@ def test_a_daemon_that_ends_meanwhile_is_told_at_once(cold_access_point: AccessP
     key.chmod(0)
     done = reload(cold_access_point)
     assert done.returncode == 1
+    assert f"{key}: cannot be read: Permission denied" in done.stderr
+    assert reloads(cold_access_point) == 0 and cold_access_point.daemon_alive()
+
+
+def test_a_daemon_that_ends_meanwhile_is_told_at_once(access_point: AccessPoint) -> None:
+    key = access_point.directory / "server_key.pem"
+    key.write_text("no key\n")
+    done = reload(access_point, "--force")
+    assert done.returncode == 1
+    assert f"{key}: no private key can be read" in done.stderr
     assert "has ended during the reload: its log says why\n" in done.stderr
+
+
+def break_service_account(access_point: AccessPoint) -> None:
+    (access_point.directory / "service_account.json").unlink()
+
+
+def break_key_of_other_method(access_point: AccessPoint) -> None:
+    access_point.configure({"app.android.integrity.d.key.path": "/nowhere"})
+
+
+def add_unknown_key(access_point: AccessPoint) -> None:
+    access_point.configure({"http.server.prot": "1"})
+
+
+def add_value_that_does_not_fit(access_point: AccessPoint) -> None:
+    access_point.configure({"ssdp.server.port": "none"})
+
+
+def add_wrong_level(access_point: AccessPoint) -> None:
+    access_point.configure({"logger.category.velm_ipc": "chatty"})
+
+
+def add_wrong_nvram(access_point: AccessPoint) -> None:
+    access_point.nvram_set({"zelkad_pairing_maxnum": "many"})
+
+
+def add_wrong_bssid(access_point: AccessPoint) -> None:
+    access_point.nvram_set({"wl1_hwaddr": "none"})
+
+
+OLD_FAULTS = [
+    break_service_account, break_key_of_other_method, add_unknown_key, add_value_that_does_not_fit,
+    add_wrong_level, add_wrong_nvram, add_wrong_bssid,
+]  # fmt: skip
+
+
+@pytest.mark.parametrize("spoil", OLD_FAULTS)
+def test_what_is_wrong_already_is_told_and_refuses_nothing(
+    cold_access_point: AccessPoint, spoil: Callable[[AccessPoint], None]
+) -> None:
+    spoil(cold_access_point)
+    cold_access_point.start()
+    cold_access_point.configure({"pairings.limit": "7"})
+    done = reload(cold_access_point)
+    assert "  pairings.limit: 10 -> 7\n" in done.stdout, done.stderr
+    assert "already so: " in done.stderr
+    assert reloads(cold_access_point) == 1
+
+
+@pytest.mark.parametrize("spoil", OLD_FAULTS)
+def test_the_same_is_refused_when_it_is_new(
+    cold_access_point: AccessPoint, spoil: Callable[[AccessPoint], None]
+) -> None:
+    cold_access_point.nvram_set({"zelkad_pairing_maxnum": "9"})
+    cold_access_point.start()
+    spoil(cold_access_point)
+    done = reload(cold_access_point)
+    assert (done.returncode, done.stdout) == (1, ""), done.stderr
+    assert "already so: " not in done.stderr
+    assert done.stderr.endswith("the daemon was not told to read it\n")
+    assert reloads(cold_access_point) == 0
+    assert reload(cold_access_point, "--force").stdout.startswith("reloaded")
+    assert reloads(cold_access_point) == 1
+
+
+def test_a_bad_line_would_take_all_settings_away(access_point: AccessPoint) -> None:
+    with access_point.configuration_file.open("a") as file:
+        file.write("no pair\n")
+    done = reload(access_point)
+    assert done.returncode == 1 and reloads(access_point) == 0
+    assert "no key=value pair: the whole file is left out" in done.stderr
+
+
+def test_a_file_that_is_as_the_daemon_read_it_is_no_news(access_point: AccessPoint) -> None:
+    """It has not looked into it: that is done when a phone comes."""
+    root = access_point.directory / "attestation_root.pem"
+    root.write_text("no certificate\n")
+    wait_until(lambda: time.time() // 1 > root.stat().st_ctime // 1, 5, "the second does not end")
+    access_point.reload()
+    access_point.configure({"pairings.limit": "7"})
+    done = reload(access_point)
+    assert f"already so: {root}: no certificate can be read" in done.stderr
+    assert done.stdout == "reloaded:\n  pairings.limit: 10 -> 7\n"
+
+
+def test_the_keys_of_the_logger_are_told(access_point: AccessPoint) -> None:
+    access_point.nvram_set({"zelkad_debug_level": "info"})
+    access_point.configure({"logger.lineandfile": "yes", "logger.category.velm_ipc": "warn"})
+    done = reload(access_point)
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout == (
+        "reloaded:\n"
+        "  logger.level: trace -> info\n"
+        "  logger.lineandfile: no -> yes\n"
+        "  logger.category.velm_ipc: nothing -> warn\n"
+    )

@@ -10,6 +10,8 @@ void doctor_check_modes(const doctor_subject &subject, doctor_report &report);
 void doctor_check_certificate(const doctor_subject &subject, doctor_report &report);
 void doctor_check_clock(const doctor_subject &subject, doctor_report &report);
 void doctor_check_nvram(const doctor_subject &subject, doctor_report &report);
+void doctor_check_network(const doctor_subject &subject, doctor_report &report);
+void doctor_check_log(const doctor_subject &subject, doctor_report &report);
 void doctor_check_lan(const doctor_subject &subject, doctor_report &report);
 void doctor_check_bssids(const doctor_subject &subject, doctor_report &report);
 void doctor_check_accounts(const doctor_subject &subject, doctor_report &report);

@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "check/authorities.h"
+#include "check/pem.h"
 #include "google/addresses.h"
 #include "handles/handle.h"
 #include "http/tls.h"
@@ -45,8 +47,40 @@ address_list resolve(const std::string &host, std::string &why)
     return address_list{rc == 0 ? found : nullptr};
 }
 
+/// A TLS object that takes any certificate, to look at what the host shows.
+ssl_ptr new_trusting_tls(const std::string &host)
+{
+    const ssl_ctx_ptr context{SSL_CTX_new(TLS_client_method())};
+    ssl_ptr tls{context == nullptr ? nullptr : SSL_new(context.get())};
+    std::string name = host;
+    // What SSL_set_tlsext_host_name does, without its cast.
+    const bool is_good = tls != nullptr && SSL_ctrl(tls.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME,
+                                                    TLSEXT_NAMETYPE_host_name, name.data()) == 1;
+    return is_good ? std::move(tls) : nullptr;
+}
+
+/// The authority that its chain ends in, when the file does not hold it; else empty.
+std::string missing_authority(const std::string &host, const addrinfo &address,
+                              const char *authorities)
+{
+    ssl_ptr tls = new_trusting_tls(host);
+    if (tls == nullptr) {
+        return "";
+    }
+    doctor_tls connection{std::move(tls), limit};
+    if (!connection.connect(address.ai_addr, address.ai_addrlen)) {
+        return "";
+    }
+    const x509_ptr last = connection.last_certificate();
+    const X509_NAME *const issuer = last == nullptr ? nullptr : X509_get_issuer_name(last.get());
+    return issuer == nullptr || check_authorities_hold(authorities, issuer)
+               ? ""
+               : check_name_text(issuer);
+}
+
 /// Empty when one of the addresses proves to be the host.
-std::string try_addresses(const std::string &host, const addrinfo *addresses)
+std::string try_addresses(const std::string &host, const addrinfo *addresses,
+                          const char *authorities)
 {
     std::string problem = "it has no address";
     const http_client_peer peer{host};
@@ -59,12 +93,17 @@ std::string try_addresses(const std::string &host, const addrinfo *addresses)
         if (connection.connect(one->ai_addr, one->ai_addrlen)) {
             return "";
         }
-        problem = connection.problem();
+        const std::string missing =
+            connection.is_unproved() ? missing_authority(host, *one, authorities) : "";
+        problem =
+            connection.problem() + (missing.empty() ? ""
+                                                    : "; its certificates lead to " + missing +
+                                                          ", which is not in " + authorities);
     }
     return problem;
 }
 
-void check(const std::string &host, doctor_report &report)
+void check(const std::string &host, const char *authorities, doctor_report &report)
 {
     std::string why;
     const address_list addresses = resolve(host, why);
@@ -73,7 +112,7 @@ void check(const std::string &host, doctor_report &report)
                     "Look at the uplink, at /etc/resolv.conf and its name servers.");
         return;
     }
-    const std::string problem = try_addresses(host, addresses.get());
+    const std::string problem = try_addresses(host, addresses.get(), authorities);
     if (problem.empty()) {
         report.ok("cloud: " + host + " proves to be itself");
     } else {
@@ -99,6 +138,6 @@ void doctor_check_cloud(const doctor_subject &subject, doctor_report &report)
     // A name server that does not answer is not waited for half a minute.
     setenv("RES_OPTIONS", "timeout:2 attempts:2", 0);
     for (const std::string &host : hosts_of(subject.config)) {
-        check(host, report);
+        check(host, authorities, report);
     }
 }

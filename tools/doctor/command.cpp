@@ -1,19 +1,42 @@
 #include "tools/doctor/command.h"
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 
 #include "tools/doctor/checks.h"
+#include "tools/doctor/json.h"
+#include "tools/terminal/text.h"
 #include "tools/terminal/times.h"
 
 namespace {
 
-constexpr void (*checks[])(const doctor_subject &subject, doctor_report &report) = {
-    doctor_check_configuration, doctor_check_modes, doctor_check_certificate, doctor_check_clock,
-    doctor_check_nvram,         doctor_check_lan,   doctor_check_bssids,      doctor_check_accounts,
-    doctor_check_daemon,        doctor_check_ports, doctor_check_info,        doctor_check_search,
-    doctor_check_cloud,
+enum class look_from { anywhere, network_of_daemon };
+
+struct check_row {
+    void (*check)(const doctor_subject &subject, doctor_report &report);
+    look_from from;
 };
+
+// clang-format off
+constexpr check_row checks[] = {
+    {doctor_check_configuration, look_from::anywhere},
+    {doctor_check_modes,         look_from::anywhere},
+    {doctor_check_log,           look_from::anywhere},
+    {doctor_check_certificate,   look_from::anywhere},
+    {doctor_check_clock,         look_from::anywhere},
+    {doctor_check_nvram,         look_from::anywhere},
+    {doctor_check_network,       look_from::anywhere},
+    {doctor_check_lan,           look_from::network_of_daemon},
+    {doctor_check_bssids,        look_from::anywhere},
+    {doctor_check_accounts,      look_from::anywhere},
+    {doctor_check_daemon,        look_from::anywhere},
+    {doctor_check_ports,         look_from::network_of_daemon},
+    {doctor_check_info,          look_from::network_of_daemon},
+    {doctor_check_search,        look_from::network_of_daemon},
+    {doctor_check_cloud,         look_from::network_of_daemon},
+};
+// clang-format on
 
 std::string mark_of(doctor_grade grade, const velmctl_paint &paint)
 {
@@ -40,9 +63,9 @@ std::string doctor_to_text(const std::vector<doctor_line> &lines, const velmctl_
 {
     std::string out;
     for (const doctor_line &line : lines) {
-        out += mark_of(line.grade, paint) + line.what + '\n';
+        out += mark_of(line.grade, paint) + velmctl_text_for_terminal(line.what) + '\n';
         if (!line.remedy.empty()) {
-            out += "      " + line.remedy + '\n';
+            out += "      " + velmctl_text_for_terminal(line.remedy) + '\n';
         }
     }
     return out;
@@ -65,29 +88,61 @@ std::string doctor_summary(const std::vector<doctor_line> &lines)
     return failed + (failed.empty() || warned.empty() ? "" : ", ") + warned;
 }
 
+namespace {
+
+/// Tells each line as soon as it is known: some take seconds. JSON is told at the end.
+class teller {
+  public:
+    explicit teller(bool json) : json_{json}
+    {
+    }
+
+    /// False when standard output is gone.
+    bool tell_news(const doctor_report &report)
+    {
+        const std::vector<doctor_line> news{
+            report.lines().begin() + static_cast<std::ptrdiff_t>(told_), report.lines().end()};
+        told_ = report.lines().size();
+        return json_ || velmctl_print(doctor_to_text(news, paint_));
+    }
+
+    [[nodiscard]] bool tell_end(const doctor_report &report) const
+    {
+        using std::chrono::milliseconds;
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return velmctl_print(
+            json_ ? doctor_to_json(report.lines(),
+                                   std::chrono::duration_cast<milliseconds>(now).count())
+                  : doctor_summary(report.lines()) + '\n');
+    }
+
+  private:
+    bool json_;
+    velmctl_paint paint_ = velmctl_paint_for_output();
+    std::size_t told_ = 0;
+};
+
+} // namespace
+
 int velmctl_doctor(const velmctl_options &options)
 {
     std::signal(SIGPIPE, SIG_IGN); // a server that ends its connection must not end us
     const doctor_subject subject = doctor_look_at(options);
-    const velmctl_paint paint = velmctl_paint_for_output();
+    teller teller{options.json};
     doctor_report report;
-    std::size_t told = 0;
     if (!subject.is_privy) {
         report.warn(
             "doctor: run it as root or as the daemon's user; what it cannot see is left out",
             "Run velmctl doctor as root.");
     }
-    for (const auto check : checks) {
-        check(subject, report);
-        const std::vector<doctor_line> news{
-            report.lines().begin() + static_cast<std::ptrdiff_t>(told), report.lines().end()};
-        told = report.lines().size();
-        if (!velmctl_print(doctor_to_text(news, paint))) {
+    for (const check_row &row : checks) {
+        if (row.from == look_from::anywhere || !subject.is_elsewhere) {
+            row.check(subject, report);
+        }
+        if (!teller.tell_news(report)) {
             return exit_of(doctor_grade::fail);
         }
     }
-    if (!velmctl_print(doctor_summary(report.lines()) + '\n')) {
-        return exit_of(doctor_grade::fail);
-    }
-    return exit_of(doctor_worst(report.lines()));
+    return teller.tell_end(report) ? exit_of(doctor_worst(report.lines()))
+                                   : exit_of(doctor_grade::fail);
 }

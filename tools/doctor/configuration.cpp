@@ -29,6 +29,14 @@ bool is_not_for_us(const doctor_subject &subject, const check_finding &finding)
     return !subject.is_privy && finding.what.find(std::strerror(EACCES)) != std::string::npos;
 }
 
+/// What is so for this program and may be otherwise for the daemon: another line says that it is left out.
+bool is_not_known_here(const doctor_subject &subject, const check_finding &finding)
+{
+    const bool is_of_nvram = finding.place.name.starts_with("nvram ");
+    return (subject.is_elsewhere && finding.is_of_network) ||
+           (is_of_nvram && !doctor_sees_nvram(subject));
+}
+
 struct secret_file {
     const char *key;
     char (velm_config::*path)[config_path_size];
@@ -77,7 +85,10 @@ void doctor_check_configuration(const doctor_subject &subject, doctor_report &re
     if (subject.is_config_asked_for) {
         given.config_path = subject.config_path;
     }
-    const std::vector<check_finding> findings = check_configuration(given, subject.config_path);
+    std::vector<check_finding> findings = check_configuration(given, subject.config_path);
+    std::erase_if(findings, [&subject](const check_finding &finding) {
+        return is_not_known_here(subject, finding);
+    });
     for (const check_finding &finding : findings) {
         const check_finding plain{finding.place, check_severity::error, finding.what};
         const std::string text =

@@ -1,38 +1,12 @@
-#include <arpa/inet.h>
 #include <sys/stat.h>
 
 #include <string>
 
-#include "handles/openssl.h"
-#include "tools/doctor/certificates.h"
 #include "tools/doctor/checks.h"
-#include "tools/doctor/tls.h"
+#include "tools/doctor/info.h"
 #include "tools/status/problems.h"
 
 namespace {
-
-constexpr std::chrono::seconds limit{5};
-
-/// The certificate is compared with the file: who must be proved is this daemon, whatever its name.
-ssl_ptr new_tls()
-{
-    const ssl_ctx_ptr context{SSL_CTX_new(TLS_client_method())};
-    return ssl_ptr{context == nullptr ? nullptr : SSL_new(context.get())};
-}
-
-void check_served(const doctor_subject &subject, const doctor_tls &tls, doctor_report &report)
-{
-    const x509_ptr served = tls.certificate();
-    const x509_ptr in_file = doctor_read_certificate(subject.config.http_server_cert_path);
-    const bool is_same =
-        served != nullptr && in_file != nullptr && X509_cmp(served.get(), in_file.get()) == 0;
-    if (is_same) {
-        report.ok("daemon: it answers /info over TLS, with the certificate of the file");
-    } else {
-        report.warn("daemon: it answers /info over TLS, with another certificate than the file's",
-                    "Let it read the file anew: velmctl reload.");
-    }
-}
 
 /// One file may be called by two paths.
 bool is_same_file(const std::string &one, const std::string &other)
@@ -43,14 +17,34 @@ bool is_same_file(const std::string &one, const std::string &other)
                             first.st_dev == second.st_dev && first.st_ino == second.st_ino);
 }
 
+/// A daemon may be there and not say how it is.
+void tell_without_status(const doctor_subject &subject, doctor_report &report)
+{
+    if (!doctor_is_running(subject)) {
+        report.warn("daemon: " + subject.no_daemon,
+                    subject.is_root ? "Start it, or look why it has ended, in its log."
+                                    : "Run velmctl doctor as root, or start the daemon.");
+        return;
+    }
+    const std::string runs = subject.process.has_value()
+                                 ? "velmd runs as process " + std::to_string(*subject.process)
+                                 : "it runs: it answers /info with the certificate of the file";
+    if (subject.config.control_sock[0] == '\0' && !subject.is_config_shut) {
+        report.ok("daemon: " + runs + "; control.sock is empty, so it does not say how it is");
+    } else {
+        report.warn("daemon: " + runs + ", and does not say how it is here: " + subject.no_daemon,
+                    subject.is_privy ? "Look at control.sock in " + subject.config_path +
+                                           ", and reload the daemon."
+                                     : "Run velmctl doctor as root.");
+    }
+}
+
 } // namespace
 
 void doctor_check_daemon(const doctor_subject &subject, doctor_report &report)
 {
     if (!subject.daemon.has_value()) {
-        report.warn("daemon: " + subject.no_daemon,
-                    subject.is_root ? "Start it, or look why it has ended, in its log."
-                                    : "Run velmctl doctor as root, or start the daemon.");
+        tell_without_status(subject, report);
         return;
     }
     const control_status &status = *subject.daemon;
@@ -69,28 +63,37 @@ void doctor_check_daemon(const doctor_subject &subject, doctor_report &report)
 
 void doctor_check_info(const doctor_subject &subject, doctor_report &report)
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(subject.config.http_server_port);
-    if (!subject.daemon.has_value() || subject.config.http_server_port == 0 ||
-        inet_pton(AF_INET, subject.lan_address.c_str(), &address.sin_addr) != 1) {
+    if (!doctor_is_running(subject) || subject.config.http_server_port == 0 ||
+        subject.lan_address.empty() || subject.is_config_shut) {
         return;
     }
-    ssl_ptr made = new_tls();
-    if (made == nullptr) {
-        return;
-    }
-    doctor_tls tls{std::move(made), limit};
-    const std::string request =
-        "GET /info HTTP/1.1\r\nHost: " + subject.lan_address + "\r\nConnection: close\r\n\r\n";
-    const bool is_connected =
-        tls.connect(reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    const std::string answer = is_connected ? tls.exchange(request) : "";
-    if (answer.starts_with("HTTP/1.1 200")) {
-        check_served(subject, tls, report);
-    } else {
-        report.fail("daemon: it does not answer /info over TLS: " +
-                        (answer.empty() ? tls.problem() : answer.substr(0, answer.find('\r'))),
+    const doctor_info info = doctor_ask_info(subject.config, subject.lan_address);
+    switch (info.certificate) {
+    case doctor_certificate::of_file:
+        report.ok("daemon: it answers /info over TLS, with the certificate of the file");
+        break;
+    case doctor_certificate::unknown:
+        report.ok("daemon: it answers /info over TLS");
+        break;
+    case doctor_certificate::other:
+        report.warn("daemon: it answers /info over TLS, with another certificate than the file's",
+                    "Let it read the file anew: velmctl reload.");
+        break;
+    case doctor_certificate::none:
+        report.fail("daemon: it does not answer /info over TLS: " + info.problem,
                     "Look at a firewall on " + subject.lan_address + ", and at the daemon's log.");
+        break;
+    }
+}
+
+void doctor_check_network(const doctor_subject &subject, doctor_report &report)
+{
+    if (subject.is_elsewhere) {
+        const std::string process =
+            subject.process.has_value() ? std::to_string(*subject.process) : "PID";
+        report.warn("network: the daemon is in another network than this program: the LAN, the "
+                    "ports, /info, the search and the cloud are left out",
+                    "Run it there, as root: nsenter --net=/proc/" + process +
+                        "/ns/net velmctl doctor.");
     }
 }

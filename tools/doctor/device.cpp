@@ -6,6 +6,7 @@
 #include "cutils/interface_addresses.h"
 #include "handles/malloc.h"
 #include "tools/doctor/checks.h"
+#include "tools/status/problems.h"
 
 namespace {
 
@@ -19,6 +20,22 @@ bool is_set(const char *name)
 {
     const malloc_text value{nvram_unf_get(name)};
     return value != nullptr && *value != '\0';
+}
+
+/// What a daemon would log with.
+control_status log_settings_of(const doctor_subject &subject)
+{
+    control_status status{};
+    const cJSON *pair = nullptr;
+    cJSON_ArrayForEach(pair, subject.config.other_pairs.get())
+    {
+        status.settings.push_back({pair->string, pair->valuestring, "file"});
+    }
+    const malloc_text level{nvram_unf_get("zelkad_debug_level")};
+    if (level != nullptr && *level != '\0') {
+        status.settings.insert(status.settings.begin(), {"logger.level", level.get(), "nvram"});
+    }
+    return status;
 }
 
 } // namespace
@@ -35,6 +52,11 @@ void doctor_check_clock(const doctor_subject &, doctor_report &report)
 
 void doctor_check_nvram(const doctor_subject &subject, doctor_report &report)
 {
+    if (!doctor_sees_nvram(subject)) {
+        report.warn("nvram: it is not for this user, or holds nothing of the radios",
+                    "Run velmctl doctor as the daemon's user, or as root.");
+        return;
+    }
     if (!is_set("wl_radio_num")) {
         report.warn("nvram: it cannot be read, or holds nothing of the radios",
                     "Set wl_radio_num, wlN_maxssid and wlN_hwaddr, as velmd.conf(5) says.");
@@ -52,10 +74,22 @@ void doctor_check_nvram(const doctor_subject &subject, doctor_report &report)
     }
 }
 
+void doctor_check_log(const doctor_subject &subject, doctor_report &report)
+{
+    const std::string problem = subject.daemon.has_value()
+                                    ? velmctl_status_log_warning(*subject.daemon)
+                                    : velmctl_status_log_warning(log_settings_of(subject));
+    if (!problem.empty()) {
+        report.warn("log: " + problem,
+                    "Set the level to info, in logger.level or in nvram as zelkad_debug_level, "
+                    "reload the daemon, and remove the log.");
+    }
+}
+
 void doctor_check_lan(const doctor_subject &subject, doctor_report &report)
 {
     const std::string name = subject.config.lan_name;
-    if (!subject.is_privy && !subject.daemon.has_value() && !is_set("wl_radio_num")) {
+    if (!subject.daemon.has_value() && !doctor_sees_nvram(subject)) {
         report.warn("LAN: which interface it is stands in nvram, which is not for this user",
                     "Run velmctl doctor as root.");
         return;
@@ -78,7 +112,7 @@ void doctor_check_lan(const doctor_subject &subject, doctor_report &report)
 void doctor_check_bssids(const doctor_subject &subject, doctor_report &report)
 {
     const int count = cJSON_GetArraySize(subject.config.bssids_list.get());
-    if (count == 0 && !subject.is_privy && !is_set("wl_radio_num")) {
+    if (count == 0 && !doctor_sees_nvram(subject)) {
         report.warn("BSSIDs: nvram is not for this user", "Run velmctl doctor as root.");
     } else if (count == 0) {
         report.fail("BSSIDs: the platform gives none, so every location is refused",

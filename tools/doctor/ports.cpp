@@ -5,6 +5,8 @@
 
 #include "tools/doctor/bind.h"
 #include "tools/doctor/checks.h"
+#include "tools/doctor/process.h"
+#include "tools/doctor/search.h"
 
 namespace {
 
@@ -13,8 +15,23 @@ struct port {
     const char *address;
     std::uint16_t number;
     int kind;
-    bool is_ours; // the daemon has it
+    bool is_ours; // the daemon says that it has it
 };
+
+/// A daemon that does not say how it is can be looked at, or asked as a phone would. Two programs may have
+/// a port for datagrams, so that it can be bound tells nothing.
+bool is_seen_to_be_ours(const port &port, const doctor_subject &subject)
+{
+    if (subject.daemon.has_value()) {
+        return false;
+    }
+    if (subject.process.has_value() &&
+        doctor_process_has_port(*subject.process, port.number, port.kind).value_or(false)) {
+        return true;
+    }
+    return subject.answers_as_ours &&
+           (port.kind == SOCK_STREAM || doctor_search_finds(subject.config, subject.lan_address));
+}
 
 void check(const port &port, const doctor_subject &subject, doctor_report &report)
 {
@@ -23,11 +40,11 @@ void check(const port &port, const doctor_subject &subject, doctor_report &repor
         report.warn(std::string{port.what} + ": it is off", std::string{"Set "} + port.key + '.');
         return;
     }
-    if (port.is_ours) {
+    const int error = port.is_ours ? 0 : velmctl_try_bind(port.address, port.number, port.kind);
+    if (port.is_ours || is_seen_to_be_ours(port, subject)) {
         report.ok(name + " is the daemon's");
         return;
     }
-    const int error = velmctl_try_bind(port.address, port.number, port.kind);
     if (error == 0) {
         report.ok(name + " is free");
     } else if (error == EADDRNOTAVAIL) {

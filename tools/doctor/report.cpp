@@ -2,11 +2,9 @@
 
 #include <algorithm>
 
-#include "tools/terminal/text.h"
-
 void doctor_report::add(doctor_grade grade, const std::string &what, const std::string &remedy)
 {
-    lines_.push_back({grade, velmctl_text_for_terminal(what), velmctl_text_for_terminal(remedy)});
+    lines_.push_back({grade, what, remedy});
 }
 
 void doctor_report::ok(const std::string &what)

@@ -3,13 +3,13 @@
 #include <string>
 #include <vector>
 
-/// What the doctor has found: one line for each thing that was looked at. Texts are fit for a terminal.
+/// What the doctor has found: one line for each thing that was looked at. Texts are raw.
 
 enum class doctor_grade { ok, warn, fail };
 
 struct doctor_line {
     doctor_grade grade;
-    std::string what;
+    std::string what;   // "subject: text"
     std::string remedy; // one; empty when all is well
 };
 

@@ -13,6 +13,7 @@
 #include "handles/fd.h"
 #include "ssdp/message.h"
 #include "tools/doctor/checks.h"
+#include "tools/doctor/search.h"
 
 namespace {
 
@@ -88,15 +89,20 @@ bool is_found(int socket, const velm_config &config, const std::string &lan_addr
 
 } // namespace
 
+bool doctor_search_finds(const velm_config &config, const std::string &lan_address)
+{
+    const unique_fd socket = open_socket(lan_address);
+    return socket && is_found(socket.get(), config, lan_address);
+}
+
 void doctor_check_search(const doctor_subject &subject, doctor_report &report)
 {
     const velm_config &config = subject.config;
-    if (!subject.daemon.has_value() || config.ssdp_server_port == 0 ||
-        subject.lan_address.empty()) {
+    if (!doctor_is_running(subject) || config.ssdp_server_port == 0 ||
+        subject.lan_address.empty() || subject.is_config_shut) {
         return;
     }
-    const unique_fd socket = open_socket(subject.lan_address);
-    if (socket && is_found(socket.get(), config, subject.lan_address)) {
+    if (doctor_search_finds(config, subject.lan_address)) {
         report.ok("daemon: it answers a search on the LAN");
     } else {
         report.fail("daemon: it does not answer a search on the LAN",

@@ -1,16 +1,21 @@
 #include "tools/doctor/subject.h"
 
 #include <fcntl.h>
+#include <nvram.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "conffile/conffile.h"
+#include "cutils/interface_addresses.h"
+#include "handles/malloc.h"
 #include "tools/control/document.h"
 #include "tools/control/exchange.h"
 #include "tools/control/fetch.h"
 #include "tools/control/place.h"
+#include "tools/doctor/info.h"
+#include "tools/doctor/process.h"
 #include "velm_config.h"
 #include "velm_nvram_config.h"
 #include "velm_sys_params.h"
@@ -84,6 +89,21 @@ bool is_user_of(const control_status &status)
            process.st_uid == geteuid();
 }
 
+/// An address of the daemon's that nobody has here is on another network too: the daemon of another user
+/// does not let us look at its own.
+bool is_in_other_network(const doctor_subject &subject)
+{
+    if (subject.process.has_value()) {
+        const doctor_network network = doctor_network_of(*subject.process);
+        if (network != doctor_network::unknown) {
+            return network == doctor_network::other;
+        }
+    }
+    const auto address =
+        subject.daemon.has_value() ? subject.daemon->lan.address : std::optional<std::string>{};
+    return address.has_value() && interface_with_address(address->c_str(), "") == 0;
+}
+
 bool is_shut(const std::string &path)
 {
     return !path.empty() && faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0 &&
@@ -104,9 +124,28 @@ doctor_subject doctor_look_at(const velmctl_options &options)
     subject.daemon = ask_daemon(options, subject.no_daemon);
     subject.is_privy =
         subject.is_root || (subject.daemon.has_value() && is_user_of(*subject.daemon));
+    subject.process = subject.daemon.has_value()
+                          ? doctor_process_if_daemon(static_cast<pid_t>(subject.daemon->daemon.pid))
+                          : doctor_find_process(subject.config_path);
     subject.is_config_shut = !subject.is_privy && is_shut(subject.config_path);
     if (subject.daemon.has_value()) {
         take_lan_of_daemon(subject);
     }
+    subject.is_elsewhere = is_in_other_network(subject);
+    if (!subject.daemon.has_value() && !subject.is_elsewhere) {
+        const doctor_info info = doctor_ask_info(subject.config, subject.lan_address);
+        subject.answers_as_ours = info.certificate == doctor_certificate::of_file;
+    }
     return subject;
+}
+
+bool doctor_is_running(const doctor_subject &subject)
+{
+    return subject.daemon.has_value() || subject.process.has_value() || subject.answers_as_ours;
+}
+
+bool doctor_sees_nvram(const doctor_subject &subject)
+{
+    const malloc_text value{nvram_unf_get("wl_radio_num")};
+    return subject.is_privy || (value != nullptr && *value != '\0');
 }

@@ -134,3 +134,16 @@ x509_ptr doctor_tls::certificate() const
 {
     return x509_ptr{SSL_get_peer_certificate(tls_.get())};
 }
+
+x509_ptr doctor_tls::last_certificate() const
+{
+    const STACK_OF(X509) *const chain = SSL_get_peer_cert_chain(tls_.get());
+    const int count = chain == nullptr ? 0 : sk_X509_num(chain);
+    X509 *const last = count == 0 ? nullptr : sk_X509_value(chain, count - 1);
+    return last != nullptr && X509_up_ref(last) == 1 ? x509_ptr{last} : nullptr;
+}
+
+bool doctor_tls::is_unproved() const
+{
+    return SSL_get_verify_result(tls_.get()) != X509_V_OK;
+}

@@ -23,6 +23,12 @@ class doctor_tls {
     /// The other side's, or null.
     [[nodiscard]] x509_ptr certificate() const;
 
+    /// The last of the certificates that it showed, or null.
+    [[nodiscard]] x509_ptr last_certificate() const;
+
+    /// It is not what it must be: its certificate did not verify.
+    [[nodiscard]] bool is_unproved() const;
+
     [[nodiscard]] const std::string &problem() const
     {
         return problem_;

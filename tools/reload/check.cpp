@@ -12,6 +12,7 @@
 #include "conffile/conffile.h"
 #include "tools/control/place.h"
 #include "tools/doctor/bind.h"
+#include "tools/reload/known.h"
 #include "tools/reload/rights.h"
 #include "velm_config.h"
 #include "velm_nvram_config.h"
@@ -54,6 +55,25 @@ std::string configuration_of(const velmctl_options &options, const reload_daemon
                                      : options.config_path.value_or(control_default_config);
 }
 
+/// How many would be new to the daemon. What it has already is no reason to refuse it what is better.
+std::size_t tell(const std::vector<check_finding> &findings, const reload_daemon &daemon,
+                 const std::string &path)
+{
+    std::optional<reload_view> view;
+    if (daemon.status.has_value() && !check_is_good(findings)) {
+        view.emplace(reload_look(*daemon.status, path));
+    }
+    std::size_t news = 0;
+    for (const check_finding &finding : findings) {
+        const bool is_error = finding.severity == check_severity::error;
+        const bool is_known = is_error && view.has_value() && reload_is_known(finding, *view);
+        news += is_error && !is_known ? 1 : 0;
+        std::fprintf(stderr, "%s%s\n", is_known ? "already so: " : "",
+                     check_finding_text(finding).c_str());
+    }
+    return news;
+}
+
 bool check_and_tell(const velmctl_options &options, const reload_daemon &daemon)
 {
     velm_command_line given = command_line_of(daemon.pid);
@@ -62,10 +82,7 @@ bool check_and_tell(const velmctl_options &options, const reload_daemon &daemon)
         given.config_path = path;
     }
     const std::vector<check_finding> findings = check_configuration(given, path);
-    for (const check_finding &finding : findings) {
-        std::fprintf(stderr, "%s\n", check_finding_text(finding).c_str());
-    }
-    return check_is_good(findings);
+    return tell(findings, daemon, path) == 0 || options.force;
 }
 
 std::string problem_of(const char *key, const char *address, std::uint16_t port, int kind)

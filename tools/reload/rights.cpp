@@ -1,10 +1,14 @@
 #include "tools/reload/rights.h"
 
 #include <grp.h>
+#include <linux/capability.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,12 +35,48 @@ std::optional<std::vector<gid_t>> numbers_of(const std::string &text, std::strin
     return std::nullopt;
 }
 
+/// The hexadecimal number behind "CapEff:".
+std::optional<std::uint64_t> capabilities_of(const std::string &text)
+{
+    constexpr std::string_view name = "CapEff:\t";
+    constexpr int hexadecimal = 16;
+    const std::size_t at = text.find(name);
+    std::uint64_t capabilities = 0;
+    const char *const end = text.data() + text.size();
+    const bool is_there =
+        at != std::string::npos &&
+        std::from_chars(text.data() + at + name.size(), end, capabilities, hexadecimal).ec ==
+            std::errc{};
+    return is_there ? std::optional{capabilities} : std::nullopt;
+}
+
+/// Root alone is not what lets root read every file: a supervisor may have taken that from the daemon.
+/// Nobody takes more than this process has.
+bool take_capabilities(std::uint64_t wanted)
+{
+    constexpr int words = _LINUX_CAPABILITY_U32S_3;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct own[words]{};
+    if (syscall(SYS_capget, &header, own) != 0) {
+        return false;
+    }
+    for (int i = 0; i < words; ++i) {
+        own[i].permitted &= static_cast<std::uint32_t>(wanted >> (32 * i));
+        own[i].effective = own[i].permitted;
+        own[i].inheritable = 0;
+    }
+    return syscall(SYS_capset, &header, own) == 0;
+}
+
 /// The groups first: they cannot be changed any more as another user.
 bool take_rights(const reload_rights &rights)
 {
-    return setgroups(rights.groups.size(), rights.groups.data()) == 0 &&
+    return prctl(PR_SET_KEEPCAPS, 1L, 0L, 0L, 0L) == 0 &&
+           setgroups(rights.groups.size(), rights.groups.data()) == 0 &&
            setresgid(rights.group, rights.group, rights.group) == 0 &&
-           setresuid(rights.user, rights.user, rights.user) == 0;
+           setresuid(rights.user, rights.user, rights.user) == 0 &&
+           take_capabilities(
+               rights.capabilities.value_or(rights.user == 0 ? ~std::uint64_t{0} : 0));
 }
 
 bool run_here(const std::optional<reload_rights> &rights, const std::function<bool()> &work)
@@ -59,7 +99,7 @@ std::optional<reload_rights> reload_rights_of_text(const std::string &text)
     if (!users || !group || !groups || users->size() <= effective || group->size() <= effective) {
         return std::nullopt;
     }
-    return reload_rights{(*users)[effective], (*group)[effective], *groups};
+    return reload_rights{(*users)[effective], (*group)[effective], *groups, capabilities_of(text)};
 }
 
 std::optional<reload_rights> reload_rights_of(pid_t pid)

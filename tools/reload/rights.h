@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -12,9 +13,10 @@ struct reload_rights {
     uid_t user = 0;
     gid_t group = 0;
     std::vector<gid_t> groups;
+    std::optional<std::uint64_t> capabilities = {}; // the effective ones; none: not known
 };
 
-/// From the text of /proc/PID/status: the effective ids. Nothing when one is missing.
+/// From the text of /proc/PID/status: the effective ids and capabilities. Nothing when one is missing.
 [[nodiscard]] std::optional<reload_rights> reload_rights_of_text(const std::string &text);
 
 [[nodiscard]] std::optional<reload_rights> reload_rights_of(pid_t pid);

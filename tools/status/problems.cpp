@@ -136,13 +136,26 @@ bool logs(const control_status &status)
 
 } // namespace
 
+std::string velmctl_status_log_warning(const control_status &status)
+{
+    // Of a key that is there twice the first one counts.
+    const bool is_quiet = setting_of(status, level_key) != "" &&
+                          logger_level(setting_of(status, level_key).c_str()) != LOG_LEVEL_TRACE;
+    for (const control_setting &setting : status.settings) {
+        if (logs(status) && is_trace(setting) && !(is_quiet && setting.key == level_key)) {
+            return velmctl_text_for_terminal(setting.key) +
+                   " is trace: passwords, tokens and locations are written to the log";
+        }
+    }
+    return "";
+}
+
 std::vector<std::string> velmctl_status_warnings(const control_status &status)
 {
     problems out;
-    const auto trace = std::find_if(status.settings.begin(), status.settings.end(), is_trace);
-    if (trace != status.settings.end() && logs(status)) {
-        out.push_back(velmctl_text_for_terminal(trace->key) +
-                      " is trace: passwords, tokens and locations are written to the log.");
+    const std::string of_log = velmctl_status_log_warning(status);
+    if (!of_log.empty()) {
+        out.push_back(of_log + '.');
     }
     for (const std::string &key : status.unknown_keys) {
         out.push_back("The configuration file has a key that the daemon does not know: " +
