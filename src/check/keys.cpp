@@ -9,7 +9,6 @@
 
 #include "android_validation/token.h"
 #include "check/files.h"
-#include "config/settings.h"
 #include "file/common_file.h"
 #include "google/addresses.h"
 #include "google/jwt.h"
@@ -82,34 +81,37 @@ void check_jwk(const check_subject &subject, const char *key, const char *path, 
     }
 }
 
-void check_jwks(const check_subject &subject, check_findings *findings)
+void check_decryption_key(const check_subject &subject, check_findings *findings)
 {
     check_jwk(subject, "app.android.integrity.d.key.path",
               subject.config.app_android_integrity_d_key_path, android_token_decryption_key_is_good,
               "JWK of kind oct with 32 bytes", findings);
+}
+
+void check_verification_key(const check_subject &subject, check_findings *findings)
+{
     check_jwk(subject, "app.android.integrity.v.key.path",
               subject.config.app_android_integrity_v_key_path,
               android_token_verification_key_is_good, "JWK of kind EC on the curve P-256",
               findings);
 }
 
-/// Somebody named the file, or put one where it is looked for.
-bool is_meant(const check_subject &subject, char (velm_config::*field)[config_path_size])
+bool is_there(const check_subject &subject, const char *path)
 {
-    const std::string path = check_path_of(subject, subject.config.*field);
-    return config_source_of(subject.config, config_field{field}) != config_source::standard ||
-           access(path.c_str(), F_OK) == 0;
+    return *path != '\0' && access(check_path_of(subject, path).c_str(), F_OK) == 0;
 }
 
-/// Google opens the tokens: these keys are of use when that is changed.
-void check_jwks_beforehand(const check_subject &subject, check_findings *findings)
+/// Google opens the tokens: these keys may be missing. Those that are there are of use when that is changed.
+void check_keys_beforehand(const check_subject &subject, check_findings *findings)
 {
-    if (is_meant(subject, &velm_config::app_android_integrity_d_key_path) &&
-        is_meant(subject, &velm_config::app_android_integrity_v_key_path)) {
-        check_findings found;
-        check_jwks(subject, &found);
-        findings->add_as_warnings(found.take());
+    check_findings found;
+    if (is_there(subject, subject.config.app_android_integrity_d_key_path)) {
+        check_decryption_key(subject, &found);
     }
+    if (is_there(subject, subject.config.app_android_integrity_v_key_path)) {
+        check_verification_key(subject, &found);
+    }
+    findings->add_as_warnings(found.take());
 }
 
 void check_root(const check_subject &subject, check_findings *findings)
@@ -138,9 +140,10 @@ void check_keys(const check_subject &subject, check_findings *findings)
     }
     const bool has_root = config.app_ios_attest_root_ca_path[0] != '\0';
     if (!is_remote || has_root) { // a root is looked at only when these keys are good
-        check_jwks(subject, findings);
+        check_decryption_key(subject, findings);
+        check_verification_key(subject, findings);
     } else {
-        check_jwks_beforehand(subject, findings);
+        check_keys_beforehand(subject, findings);
     }
     if (has_root) {
         check_root(subject, findings);

@@ -114,12 +114,6 @@ config_source config_source_of(const velm_config &config, const config_setting &
     return config.sources[index_of(row)];
 }
 
-config_source config_source_of(const velm_config &config, const config_field &field)
-{
-    const auto *const row = std::ranges::find(settings, field, &config_setting::field);
-    return config_source_of(config, *row);
-}
-
 config_source &config_source_of(velm_config &config, const config_field &field)
 {
     const auto *const row = std::ranges::find(settings, field, &config_setting::field);

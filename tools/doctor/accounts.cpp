@@ -9,6 +9,7 @@
 #include "handles/secret.h"
 
 #include "tools/doctor/checks.h"
+#include "tools/doctor/process.h"
 #include "tools/terminal/times.h"
 
 namespace {
@@ -99,6 +100,14 @@ std::string names_of(const std::vector<std::string> &names)
 
 void doctor_check_accounts(const doctor_subject &subject, doctor_report &report)
 {
+    if (subject.process.has_value() && doctor_process_has_other_accounts(*subject.process)) {
+        if (!subject.is_elsewhere) { // else a line has said so
+            report.warn("accounts: the daemon has another /etc/passwd than this program",
+                        "Run it there, as root: nsenter --mount=/proc/" +
+                            std::to_string(*subject.process) + "/ns/mnt velmctl doctor.");
+        }
+        return;
+    }
     const bool uses_shadow = subject.config.accounts_shadow;
     const int error = uses_shadow ? shadow_error() : 0;
     if (error != 0) {

@@ -93,7 +93,7 @@ void doctor_check_network(const doctor_subject &subject, doctor_report &report)
             subject.process.has_value() ? std::to_string(*subject.process) : "PID";
         report.warn("network: the daemon is in another network than this program: the LAN, the "
                     "ports, /info, the search and the cloud are left out",
-                    "Run it there, as root: nsenter --net=/proc/" + process +
-                        "/ns/net velmctl doctor.");
+                    "Run it there, as root: nsenter --net --mount --target=" + process +
+                        " velmctl doctor.");
     }
 }

@@ -135,6 +135,14 @@ doctor_network doctor_network_of(pid_t process)
     return theirs == ours ? doctor_network::same : doctor_network::other;
 }
 
+bool doctor_process_has_other_accounts(pid_t process)
+{
+    constexpr char accounts[] = "/etc/passwd";
+    struct stat theirs {};
+    const std::string path = place_of(process, "root") + accounts;
+    return stat(path.c_str(), &theirs) == 0 && !is_same_file(path, accounts);
+}
+
 std::optional<bool> doctor_process_has_port(pid_t process, std::uint16_t port, int kind)
 {
     const auto sockets = sockets_of(process);

@@ -120,7 +120,6 @@ doctor_subject doctor_look_at(const velmctl_options &options)
     subject.offline = options.offline;
     subject.is_root = geteuid() == 0;
     load_configuration(subject);
-    ask_platform(subject);
     subject.daemon = ask_daemon(options, subject.no_daemon);
     subject.is_privy =
         subject.is_root || (subject.daemon.has_value() && is_user_of(*subject.daemon));
@@ -128,10 +127,13 @@ doctor_subject doctor_look_at(const velmctl_options &options)
                           ? doctor_process_if_daemon(static_cast<pid_t>(subject.daemon->daemon.pid))
                           : doctor_find_process(subject.config_path);
     subject.is_config_shut = !subject.is_privy && is_shut(subject.config_path);
+    subject.is_elsewhere = is_in_other_network(subject);
+    if (!subject.is_elsewhere) {
+        ask_platform(subject);
+    }
     if (subject.daemon.has_value()) {
         take_lan_of_daemon(subject);
     }
-    subject.is_elsewhere = is_in_other_network(subject);
     if (!subject.daemon.has_value() && !subject.is_elsewhere) {
         const doctor_info info = doctor_ask_info(subject.config, subject.lan_address);
         subject.answers_as_ours = info.certificate == doctor_certificate::of_file;

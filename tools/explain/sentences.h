@@ -22,6 +22,12 @@ class explain_speaker {
     [[nodiscard]] std::string report(const control_report &report);
     [[nodiscard]] std::string time(control_moment moment) const;
 
+    /// Something else was said: the next sentence has the name.
+    void begin_anew()
+    {
+        last_.clear();
+    }
+
   private:
     [[nodiscard]] bool is_again(const std::string &name);
     [[nodiscard]] std::string subject(const std::string &name);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "tools/explain/remedies.h"
 #include "tools/terminal/text.h"
@@ -90,7 +91,9 @@ std::vector<event> events_of(const control_round &round)
     return events;
 }
 
-std::vector<std::string> sentences_of(const control_round &round, explain_speaker &speaker)
+/// The ending goes among them when something came after it.
+std::vector<std::string> sentences_of(const control_round &round, explain_speaker &speaker,
+                                      std::string &ending)
 {
     std::vector<std::string> out;
     if (!round.run.begun && (round.run.why.has_value() || round.run.why_text.has_value())) {
@@ -102,6 +105,10 @@ std::vector<std::string> sentences_of(const control_round &round, explain_speake
                       " more of what happened.");
     }
     for (const event &one : events_of(round)) {
+        if (!ending.empty() && round.state == "answered" && one.at > *round.closed) {
+            out.push_back(std::exchange(ending, ""));
+            speaker.begin_anew();
+        }
         out.push_back(one.push != nullptr    ? speaker.push(*one.push)
                       : one.visit != nullptr ? speaker.visit(*one.visit)
                                              : speaker.report(*one.report));
@@ -213,9 +220,11 @@ explain_story explain_round(const control_round &round, control_moment now,
                             const explain_names &names, explain_style style)
 {
     explain_speaker speaker{now, names, style};
-    explain_story story{title_of(round, speaker), sentences_of(round, speaker),
-                        ending_of(round, speaker, style), "", ""};
-    const bool is_open = round.state == "open" && !round.cause.has_value();
+    explain_story story{title_of(round, speaker), {}, ending_of(round, speaker, style), "", ""};
+    story.sentences = sentences_of(round, speaker, story.ending);
+    // Told alone, each thing that happens is a sentence of its own already.
+    const bool is_open =
+        round.state == "open" && !round.cause.has_value() && style == explain_style::told;
     const control_round told = is_open ? with_cause_so_far(round) : round;
     if (told.cause.has_value()) {
         story.cause = (is_open ? "So far: " : "") + as_sentence(cause_text(told));

@@ -280,12 +280,12 @@ class status_printer {
 
     [[nodiscard]] std::string problems() const
     {
-        const std::string found =
+        const std::string wrong =
             listed(paint_(velmctl_colour::red, "Wrong:"), velmctl_status_problems(status_)) +
-            listed(paint_(velmctl_colour::yellow, "Warning:"), velmctl_status_warnings(status_)) +
             failed_round();
-        return found.empty() ? '\n' + paint_(velmctl_colour::green, "Nothing is wrong.") + '\n'
-                             : found;
+        const std::string good = '\n' + paint_(velmctl_colour::green, "Nothing is wrong.") + '\n';
+        return (wrong.empty() ? good : wrong) +
+               listed(paint_(velmctl_colour::yellow, "Warning:"), velmctl_status_warnings(status_));
     }
 
     const control_status &status_;

@@ -20,7 +20,9 @@ def seconds_without_a_core(task: str) -> float:
         return int(file.read().split()[1]) / 1e9
 
 
-def latencies(daemon: Daemon, session: Session, count: int = SAMPLES) -> list[float]:
+def latencies(
+    daemon: Daemon, session: Session, count: int = SAMPLES, pause: float = 0.02
+) -> list[float]:
     """Seconds that `/info` took, that many times, the shortest first. When the daemon or the one who
     asks has to wait for a core of a busy machine, that time does not count."""
 
@@ -34,7 +36,7 @@ def latencies(daemon: Daemon, session: Session, count: int = SAMPLES) -> list[fl
             raise AssertionError("/info was not answered with 200")
         took = time.monotonic() - start
         taken.append(max(0.0, took - (waited() - waited_before)))
-        time.sleep(0.02)
+        time.sleep(pause)
     return sorted(taken)
 
 

@@ -367,6 +367,20 @@ TEST_F(ExplainStory, AnOpenRoundSaysWhatStandsInTheWaySoFar)
     EXPECT_EQ(story().cause, "");
 }
 
+TEST_F(ExplainStory, WhatCameAfterTheAnswerIsToldAfterIt)
+{
+    round.state = "answered";
+    round.closed = at("12:03:06");
+    round.visits = {some_visit(), some_visit()};
+    round.visits[1].at = round.visits[1].until = at("12:03:09");
+    EXPECT_THAT(story().sentences,
+                ElementsAre("Anna's iPhone posted its location from 192.168.1.50 at 12:03:05.",
+                            "The request was answered at 12:03:06.",
+                            "Anna's iPhone posted its location from 192.168.1.50 at 12:03:09."));
+    EXPECT_EQ(story().ending, "");
+    EXPECT_EQ(explain_round(round, now, names, explain_style::alone).cause, "");
+}
+
 TEST_F(ExplainStory, AWrongPasswordIsToldInFewWords)
 {
     round.visits = {refused_by("user_pass_check")};
