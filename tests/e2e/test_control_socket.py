@@ -283,6 +283,8 @@ def test_the_p99_of_info_stays_within_five_milliseconds(
                 over.set()
                 abuser.join()
             tries.append((p99(meanwhile) - p99(before), p99(before), p99(meanwhile)))
+            if tries[-1][0] < 5 and not sample.whole:
+                break
     record_property("p99_ms", tries)
     print("p99 of /info, ms: later, before, meanwhile:", tries)
     assert min(tries)[0] < 5, tries
