@@ -1,6 +1,9 @@
 #include <evhtp/evhtp.h>
+#include <strings.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -23,10 +26,13 @@ int count(htparser *parser)
     return 0;
 }
 
-template <int parser_view::*Count>
-int count_text(htparser *parser, const char *, std::size_t)
+/// The parser compares the values of some headers by loads that not every machine takes.
+int count_header(htparser *parser, const char *name, std::size_t size)
 {
-    return count<Count>(parser);
+    for (const char *const compared : {"Connection", "Transfer-Encoding", "Content-Type"}) {
+        FUZZ_REQUIRE(size != std::strlen(compared) || strncasecmp(name, compared, size) != 0);
+    }
+    return count<&parser_view::headers>(parser);
 }
 
 /// Nothing of an accepted head may look like a second request to the parser behind the filter.
@@ -45,7 +51,7 @@ void parse_on(const http_head &head)
     htparse_hooks hooks{};
     hooks.on_msg_begin = count<&parser_view::begins>;
     hooks.on_msg_complete = count<&parser_view::ends>;
-    hooks.hdr_key = count_text<&parser_view::headers>;
+    hooks.hdr_key = count_header;
     htparser_run(parser.get(), &hooks, head.text.data(), head.text.size());
     FUZZ_REQUIRE(seen.begins <= 1 && seen.ends <= 1);
     FUZZ_REQUIRE(seen.headers <= static_cast<int>(http_head_max_headers));
@@ -55,17 +61,17 @@ void parse_on(const http_head &head)
 void filter_again(const http_head &head)
 {
     if (head.text.size() > http_head_max_size) {
-        return; // a blank was added to a head of the full length
+        return; // a slash was added to a head of the full length
     }
     const http_head again = http_head_filter(head.text);
     FUZZ_REQUIRE(again.refusal == nullptr && again.text == head.text && again.lifted.empty());
-    FUZZ_REQUIRE(again.chunked == head.chunked);
+    FUZZ_REQUIRE(!again.chunked && !again.wants_close && !again.wants_keep_alive);
 }
 
 void accepted(std::string_view bytes, const http_head &head)
 {
     FUZZ_REQUIRE(head.text.ends_with("\r\n\r\n") || head.text == "\r\n\r\n");
-    FUZZ_REQUIRE(head.text.size() <= bytes.size() + 1); // "chunked" may have got a blank
+    FUZZ_REQUIRE(head.text.size() <= bytes.size() + 1); // "*" may have got a slash
     FUZZ_REQUIRE(head.text.find('\0') == std::string::npos);
     FUZZ_REQUIRE(std::ranges::all_of(head.lifted, [](const http_head_lifted &lifted) {
         return lifted.value.size() <= http_head_max_lifted;

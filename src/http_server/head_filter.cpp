@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <system_error>
-#include <utility>
 
 #include "request/status.h"
 #include "text/trim.h"
@@ -18,10 +17,13 @@ constexpr std::string_view blanks = " \t";
 constexpr const char *lifted_names[] = {"X-Assertion", "X-Attestation"};
 /// The library reads these, and the log shows the last. It would make objects of all others too, for
 /// nobody: of 98 headers of 3 bytes 14 kB, which stay until the answer has left.
-constexpr const char *read_names[] = {"Connection", "Proxy-Connection", "Content-Length",
-                                      "Transfer-Encoding", "User-Agent"};
-/// Of these; no client sends one of them twice. One that ends the connection is seen behind them too.
+constexpr const char *read_names[] = {"Proxy-Connection", "Content-Length", "User-Agent"};
+/// Of these; no client sends one of them twice.
 constexpr std::size_t max_read = 8;
+/// The parser compares values of these as 32-bit words, wherever they begin in its buffer. A machine
+/// that takes a word from an address divisible by 4 only would end the process by SIGBUS. So the parser
+/// gets none of them; what they say is told beside the text.
+constexpr const char *compared_names[] = {"Connection", "Transfer-Encoding", "Content-Type"};
 constexpr std::size_t usual_head = 512;
 
 bool same_name(std::string_view name, std::string_view other)
@@ -125,18 +127,14 @@ class header_lines {
         value_size_ = 0;
         header_begin_ = head_->text.size();
         const bool has_length = same_name(name, "Content-Length");
-        const bool has_encoding = same_name(name, "Transfer-Encoding");
-        may_be_left_out_ = !has_length && !has_encoding;
+        has_encoding_ = same_name(name, "Transfer-Encoding");
+        may_be_left_out_ = !has_length;
         head_->expects_continue = head_->expects_continue || is_expectation(name, value);
-        const char *const read = name_among(read_names, name);
-        const bool ends = (read == read_names[0] || read == read_names[1]) &&
-                          same_name(value, "close"); // the client will not use the connection again
-        const bool is_read = read != nullptr && (!may_be_left_out_ || ++read_count_ <= max_read ||
-                                                 (ends && !std::exchange(has_end_, true)));
+        const bool is_read = name_among(read_names, name) != nullptr &&
+                             (!may_be_left_out_ || ++read_count_ <= max_read);
         is_left_out_ = !is_read && !has_carriage_return(line);
-        if (has_encoding) {
-            add_transfer_encoding(value);
-            return;
+        if (name_among(compared_names, name) != nullptr) {
+            add_compared(name, line, value);
         }
         if (has_length) {
             head_->body_size = length_of(value);
@@ -145,7 +143,18 @@ class header_lines {
         keep(line, std::max(name.size(), value.size()));
     }
 
-    /// The parser knows one spelling only, and takes a body in any other for the next request.
+    void add_compared(std::string_view name, std::string_view line, std::string_view value)
+    {
+        if (has_carriage_return(line)) {
+            refuse(head_, "carriage return in a header");
+        } else if (has_encoding_) {
+            add_transfer_encoding(value);
+        } else if (same_name(name, "Connection")) {
+            head_->wants_close = head_->wants_close || same_name(value, "close");
+            head_->wants_keep_alive = head_->wants_keep_alive || same_name(value, "keep-alive");
+        }
+    }
+
     void add_transfer_encoding(std::string_view value)
     {
         if (!same_name(value, "chunked")) {
@@ -153,7 +162,6 @@ class header_lines {
             return;
         }
         head_->chunked = true;
-        keep("Transfer-Encoding: chunked", value.size());
         count_framing();
     }
 
@@ -177,7 +185,11 @@ class header_lines {
             return;
         }
         if (!in_lifted_) {
-            keep(line, trim(line, blanks).size());
+            const std::string_view value = trim(line, blanks);
+            if (has_encoding_ && !value.empty()) {
+                refuse(head_, "unknown transfer encoding", http_status_not_implemented);
+            }
+            keep(line, value.size());
             return;
         }
         if (!head_->lifted.back().value.empty()) {
@@ -214,9 +226,9 @@ class header_lines {
     std::size_t value_size_ = 0;    // of the header being read, its folded lines included
     std::size_t framing_count_ = 0; // headers that tell where the body ends
     std::size_t read_count_ = 0;    // headers that somebody reads
-    bool has_end_ = false;          // one more that ends the connection, behind as many as are read
     std::size_t header_begin_ = 0;  // of the header being read, in the head's text
     bool in_lifted_ = false;
+    bool has_encoding_ = false; // the header being read is "Transfer-Encoding"
     bool may_be_left_out_ = true;
     /// Among them: we give leave to send a body ourselves. And a body is JSON, whatever its header
     /// says; the library would take that of a form apart, into an object for each "&".

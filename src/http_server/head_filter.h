@@ -9,7 +9,8 @@
 /// What a request head goes through before libevhtp's parser sees it. The parser takes any number
 /// of headers but no value above 8191 bytes, and the attestation of a phone comes close to that; so
 /// the head is gathered whole, held against our own limits, and the two long headers are lifted out
-/// of it, to be put back when the parser is done. Headers that nobody reads are left out.
+/// of it, to be put back when the parser is done. Headers that nobody reads are left out, and those that
+/// the parser reads in a way that not every machine takes.
 
 inline constexpr std::size_t http_head_max_size = 64 * 1024; // the whole head, blank line included
 inline constexpr std::size_t http_head_max_headers = 100;    // lines after the request line
@@ -34,7 +35,9 @@ struct http_head {
     int refusal_status = 400;      // what the client is told then
     std::string text;              // for the parser: the request line and the headers that are read
     std::vector<http_head_lifted> lifted;
-    bool chunked = false;
+    bool chunked = false;          // the text does not say so, nor any length
+    bool wants_close = false;      // by "Connection", which is not in the text
+    bool wants_keep_alive = false; // likewise
     std::uint64_t body_size = 0;   // as announced; 0 for a number that only the parser can judge
     bool expects_continue = false; // the client awaits leave to send the body; the line is left out
 };

@@ -4,7 +4,6 @@
 #include <openssl/crypto.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -160,25 +159,19 @@ intake_result begin_answering(http_intake *intake)
     return intake_result::moved_on;
 }
 
-/// What the parser gets: after a head that says "chunked" it wants chunks, and gets one.
+/// What the parser gets. Of a body that came in chunks it sees the length: where `char` is unsigned it
+/// would take sizes of chunks that are no numbers.
 std::string whole_message(http_intake *intake)
 {
     std::string bytes = std::exchange(intake->head, {});
-    if (!intake->chunked) {
-        http_held_make_room(&bytes, intake->body.size());
-        http_held_move_behind(&bytes, &intake->body);
-        return bytes;
+    if (intake->chunked) {
+        constexpr std::string_view blank_line = "\r\n";
+        bytes.erase(bytes.size() - blank_line.size());
+        bytes.append("Content-Length: " + std::to_string(intake->body.size()) + "\r\n\r\n");
     }
-    char size[24];
-    std::snprintf(size, sizeof size, "%zx\r\n", intake->body.size());
-    constexpr std::string_view last_chunk = "0\r\n\r\n";
-    http_held_make_room(&bytes, sizeof size + intake->body.size() + last_chunk.size());
-    if (!intake->body.empty()) {
-        bytes.append(size);
-        http_held_move_behind(&bytes, &intake->body);
-        bytes.append("\r\n");
-    }
-    return bytes.append(last_chunk);
+    http_held_make_room(&bytes, intake->body.size());
+    http_held_move_behind(&bytes, &intake->body);
+    return bytes;
 }
 
 std::size_t lifted_size(const http_intake *intake)
@@ -250,6 +243,8 @@ intake_result take_head(http_intake *intake)
     intake->scanned = 0;
     intake->head = std::move(head.text);
     intake->lifted = std::move(head.lifted);
+    intake->wants_close = head.wants_close;
+    intake->wants_keep_alive = head.wants_keep_alive;
     return head.chunked || head.body_size != 0 ? begin_body(intake, head) : give_message(intake);
 }
 
@@ -333,10 +328,21 @@ intake_result take_all_held(http_intake *intake)
     return result;
 }
 
+/// Whether the connection stays when the request is answered, as if the library had read the header.
+void tell_keep_alive(const http_intake *intake, evhtp_request_t *request)
+{
+    if (request->proto == EVHTP_PROTO_11 && intake->wants_close) {
+        request->flags &= static_cast<std::uint16_t>(~EVHTP_REQ_FLAG_KEEPALIVE);
+    } else if (request->proto != EVHTP_PROTO_11 && intake->wants_keep_alive) {
+        request->flags |= EVHTP_REQ_FLAG_KEEPALIVE;
+    }
+}
+
 /// The parser has all headers: the lifted ones join them before any route looks.
-evhtp_res on_headers(evhtp_request_t *, evhtp_headers_t *headers, void *argument) noexcept
+evhtp_res on_headers(evhtp_request_t *request, evhtp_headers_t *headers, void *argument) noexcept
 {
     auto *const intake = static_cast<http_intake *>(argument);
+    tell_keep_alive(intake, request);
     for (const http_head_lifted &lifted : std::exchange(intake->lifted, {})) {
         evhtp_header_t *const header = evhtp_header_new(lifted.name, lifted.value.c_str(), 0, 1);
         REQUIRE_MEMORY(header, "header");

@@ -47,6 +47,8 @@ struct http_intake {
     std::string head;          // for the parser, while the body is gathered
     std::size_t body_size = 0; // as announced, without chunks
     bool chunked = false;
+    bool wants_close = false; // says the head that the parser works on
+    bool wants_keep_alive = false;
     http_chunks chunks;
     std::string body;             // what has come of it; of chunks, only what is in them
     std::size_t handed = 0;       // bytes of this request that the library keeps

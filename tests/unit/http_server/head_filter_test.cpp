@@ -51,7 +51,7 @@ TEST(HeadLength, EndsAtALineFeedWithoutCarriageReturnSoThatTheHeadIsRefused)
 
 TEST(HeadFilter, LeavesAHeadOfHeadersThatAreReadAsItIs)
 {
-    const string head = head_with("User-Agent: a\r\nconnection:  b \r\n folded\r\n"
+    const string head = head_with("User-Agent: a\r\nuser-agent:  b \r\n folded\r\n"
                                   "Proxy-Connection:\r\nContent-Length: 3\r\n");
     const http_head result = http_head_filter(head);
     EXPECT_EQ(result.refusal, nullptr);
@@ -71,9 +71,9 @@ class Lifts : public testing::TestWithParam<lift_case> {};
 TEST_P(Lifts, TheValueOutOfTheHead)
 {
     const http_head result = http_head_filter(
-        head_with(string{"User-Agent: a\r\n"} + GetParam().lines + "Connection: c\r\n"));
+        head_with(string{"User-Agent: a\r\n"} + GetParam().lines + "User-Agent: c\r\n"));
     ASSERT_EQ(result.refusal, nullptr);
-    EXPECT_EQ(result.text, head_with("User-Agent: a\r\nConnection: c\r\n"));
+    EXPECT_EQ(result.text, head_with("User-Agent: a\r\nUser-Agent: c\r\n"));
     ASSERT_EQ(result.lifted.size(), 1U);
     EXPECT_STREQ(result.lifted[0].name, GetParam().header);
     EXPECT_EQ(result.lifted[0].value, GetParam().value);
@@ -225,24 +225,66 @@ TEST(HeadFilter, LeavesOutAHeaderThatTheParserCannotTake)
     for (const string &header : {name + longest + "a\r\n", longest + "a: b\r\n",
                                  name + longest + "\r\n a\r\n", name + longest + "a\r\n  \r\n"}) {
         EXPECT_EQ(
-            http_head_filter(head_with("Connection: c\r\n" + header + "Connection: e\r\n")).text,
-            head_with("Connection: c\r\nConnection: e\r\n"));
+            http_head_filter(head_with("User-Agent: c\r\n" + header + "User-Agent: e\r\n")).text,
+            head_with("User-Agent: c\r\nUser-Agent: e\r\n"));
     }
     const string kept = head_with(name + longest + "\r\n");
     EXPECT_EQ(http_head_filter(kept).text, kept);
 }
 
-TEST(HeadFilter, TellsWhetherOnlyTheParserKnowsTheEndOfTheBody)
+TEST(HeadFilter, TellsThatTheBodyComesInChunks)
 {
     EXPECT_TRUE(http_head_filter(head_with("transfer-encoding: chunked\r\n")).chunked);
+    EXPECT_TRUE(http_head_filter(head_with("Transfer-Encoding:\t CHUNKED \r\n \r\n")).chunked);
     EXPECT_FALSE(http_head_filter(head_with("Content-Length: 3\r\n")).chunked);
 }
 
-TEST(HeadFilter, GivesTheParserTheOneSpellingOfChunkedThatItKnows)
+struct connection_case {
+    const char *name, *lines;
+    bool wants_close, wants_keep_alive;
+};
+class Connection : public testing::TestWithParam<connection_case> {};
+TEST_P(Connection, IsUnderstoodBesideTheText)
 {
-    EXPECT_EQ(http_head_filter(head_with("transfer-encoding:\t CHUNKED \r\n")).text,
-              head_with("Transfer-Encoding: chunked\r\n"));
+    const http_head head = http_head_filter(head_with(GetParam().lines));
+    ASSERT_EQ(head.refusal, nullptr);
+    EXPECT_EQ(head.wants_close, GetParam().wants_close);
+    EXPECT_EQ(head.wants_keep_alive, GetParam().wants_keep_alive);
+    EXPECT_EQ(head.text, head_with(""));
 }
+INSTANTIATE_TEST_SUITE_P(
+    Heads, Connection,
+    testing::Values(connection_case{"None", "", false, false},
+                    connection_case{"Close", "Connection: close\r\n", true, false},
+                    connection_case{"KeepAlive", "Connection: keep-alive\r\n", false, true},
+                    connection_case{"AnyCase", "CONNECTION:Keep-Alive \r\nconnection: CLOSE\r\n",
+                                    true, true},
+                    connection_case{"Another", "Connection: keep-alivf\r\n", false, false},
+                    connection_case{"AList", "Connection: close, te\r\n", false, false},
+                    connection_case{"Empty", "Connection:\r\n", false, false},
+                    connection_case{"Folded", "Connection: close\r\n\tkeep-alive\r\n", true, false},
+                    connection_case{"OfAnotherName", "Connectio: close\r\nConnectioN-: close\r\n",
+                                    false, false}),
+    [](const auto &row) { return string{row.param.name}; });
+
+/// The parser compares the values of these headers as 32-bit words at odd addresses.
+class ComparedInWords : public testing::TestWithParam<const char *> {};
+TEST_P(ComparedInWords, ReachesTheParserInNoForm)
+{
+    const string name = GetParam();
+    for (const char *const value : {"chunked", "keep-alive", "Keep-Alive", "close", "multipart"}) {
+        const string line = name + ": " + value;
+        for (const string &lines :
+             {line + "\r\n", line + " \r\n", line + "\r\n\tmore\r\n", line + "\rmore\r\n",
+              name + ":\r\n\t" + value + "\r\n", name + ":" + value + "\r\r\n"}) {
+            const http_head head = http_head_filter(head_with(lines));
+            EXPECT_TRUE(head.refusal != nullptr || head.text == head_with("")) << head.text;
+        }
+    }
+}
+INSTANTIATE_TEST_SUITE_P(Names, ComparedInWords,
+                         testing::Values("Connection", "CONNECTION", "Transfer-Encoding",
+                                         "transfer-encoding", "Content-Type", "content-TYPE"));
 
 struct doubtful_case {
     const char *name, *lines, *refusal;
@@ -272,6 +314,14 @@ INSTANTIATE_TEST_SUITE_P(
                       two_lengths},
         doubtful_case{"OtherEncoding", "Transfer-Encoding: gzip, chunked\r\n",
                       "unknown transfer encoding"},
+        doubtful_case{"FoldedEncoding", "Transfer-Encoding: chunked\r\n\tgzip\r\n",
+                      "unknown transfer encoding"},
+        doubtful_case{"EncodingWithACarriageReturn", "Transfer-Encoding: chunked\r\r\n",
+                      "carriage return in a header"},
+        doubtful_case{"ConnectionWithACarriageReturn", "Connection: keep-alive\ra\r\n",
+                      "carriage return in a header"},
+        doubtful_case{"TypeWithACarriageReturn", "Content-Type: multipart\ra\r\n",
+                      "carriage return in a header"},
         doubtful_case{"NoEncoding", "Transfer-Encoding:\r\n", "unknown transfer encoding"}),
     [](const auto &row) { return string{row.param.name}; });
 
@@ -315,7 +365,7 @@ TEST(HeadersThatAreRead, AreEightBesideTheOneThatTellsTheEndOfTheBody)
     string lines;
     string first_eight;
     for (int i = 0; i < 98; ++i) {
-        const string line = "Connection: " + std::to_string(i) + "\r\n";
+        const string line = "User-Agent: " + std::to_string(i) + "\r\n";
         lines += line;
         first_eight += i < 8 ? line : "";
     }

@@ -34,6 +34,36 @@ TEST_F(Intake, ConnectionCloseEndsAfterTheWholeReply)
     EXPECT_TRUE(peer->is_closed());
 }
 
+struct stay_case {
+    const char *name, *version, *header;
+    bool stays;
+};
+class AnsweredConnection : public Intake, public testing::WithParamInterface<stay_case> {};
+TEST_P(AnsweredConnection, StaysOrEndsAsTheHeadSays)
+{
+    serve();
+    const auto peer = connected();
+    const http_reply reply = peer->ask(string{"GET /now HTTP/"} + GetParam().version + "\r\n" +
+                                       GetParam().header + "\r\n");
+    EXPECT_EQ(reply.status, 200);
+    EXPECT_EQ(reply.head.find("Connection: ") == string::npos, GetParam().header[0] == '\0');
+    if (GetParam().stays) {
+        EXPECT_EQ(peer->ask(get).status, 200);
+        EXPECT_EQ(peer->ask(get).status, 200); // the header spoke of its own request only
+    } else {
+        EXPECT_TRUE(peer->is_closed());
+    }
+}
+constexpr char close_header[] = "Connection: Close\r\n";
+constexpr char keep_header[] = "Connection: keep-alive\r\n";
+INSTANTIATE_TEST_SUITE_P(Heads, AnsweredConnection,
+                         testing::Values(stay_case{"OfVersion11", "1.1", "", true},
+                                         stay_case{"OfVersion11Closing", "1.1", close_header,
+                                                   false},
+                                         stay_case{"OfVersion10", "1.0", "", false},
+                                         stay_case{"OfVersion10Kept", "1.0", keep_header, true}),
+                         [](const auto &row) { return string{row.param.name}; });
+
 struct value_case {
     const char *name, *header;
     std::size_t sent, arrives;
@@ -545,6 +575,12 @@ INSTANTIATE_TEST_SUITE_P(
         refused_case{"BlankBeforeAName", post(" Content-Length: 3\r\n", "abc"), 400},
         refused_case{"ChunkExtension",
                      post("Transfer-Encoding: chunked\r\n", "3;a=b\r\nabc\r\n0\r\n\r\n")},
+        refused_case{"ChunkSizeThatIsNoNumber",
+                     post("Transfer-Encoding: chunked\r\n", "g\r\nabc\r\n0\r\n\r\n")},
+        refused_case{"ChunkSizeThatIsADash",
+                     post("Transfer-Encoding: chunked\r\n", "-\r\nabc\r\n0\r\n\r\n")},
+        refused_case{"ChunkSizeThatEndsInASemicolon",
+                     post("Transfer-Encoding: chunked\r\n", "3;\r\nabc\r\n0\r\n\r\n")},
         refused_case{"ChunkThatIsLonger",
                      post("Transfer-Encoding: chunked\r\n", "2\r\nabc\r\n0\r\n\r\n")},
         refused_case{"Assertion16385",
