@@ -39,7 +39,13 @@ constexpr std::ptrdiff_t datagram_flat_rate = 1024;
 // What a host of the LAN can cause as often as it likes is told once in this time, with a count.
 constexpr std::time_t unsent_silence = 60;
 
-using datagram_buffer = std::array<char, datagram_max + 1>;
+/// Nothing is written into it before a datagram is: pages that no datagram fills stay untouched.
+struct datagram_buffer : std::array<char, datagram_max + 1> {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init,modernize-use-equals-default): see above
+    datagram_buffer() noexcept
+    {
+    }
+};
 
 /// The answer names the time in whole seconds, so it is made once a second at most.
 struct prepared_reply {
@@ -170,7 +176,7 @@ void watcher_callback(evutil_socket_t fd, short events, void * /*context*/) noex
     }
     if (state.buffer == nullptr) {
         const allocation_name naming{__func__, "buffer"};
-        state.buffer = std::make_unique_for_overwrite<datagram_buffer>();
+        state.buffer = std::make_unique<datagram_buffer>();
     }
     std::ptrdiff_t budget = turn_budget;
     while (budget > 0) {

@@ -4,9 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <limits>
+#include <random>
+#include <string>
+#include <utility>
 
 #include "handles/cjson.h"
 #include "tools/locations/velmctl_client.h"
@@ -64,6 +70,57 @@ TEST(VelmctlText, TheLargestNumbersKeepTheirLine)
     const std::string text = velmctl_report_to_text(report_header, report);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12);
 }
+
+std::string latitude_in_json(double latitude)
+{
+    velm_location_report report = sample_report();
+    report.latitude = latitude;
+    const std::string line = velmctl_report_to_json(report_header, report);
+    const std::size_t begin = line.find("\"latitude\":") + 11;
+    return line.substr(begin, line.find(',', begin) - begin);
+}
+
+TEST(VelmctlJson, ANumberIsAsShortAsItCanBeWithoutLosingABit)
+{
+    const std::pair<double, const char *> numbers[] = {
+        {0.0, "0"},
+        {-0.0, "-0"},
+        {0.1, "0.1"},
+        {1.0 / 3, "0.3333333333333333"},
+        {-21.0122287, "-21.0122287"},
+        {90.0, "90"},
+        {100000.0, "1e+05"},
+        {120000.0, "120000"},
+        {0.0001, "1e-04"},
+        {0.00012, "0.00012"},
+        {9007199254740993.0, "9007199254740992"},
+        {123456789012345680000.0, "123456789012345683968"},
+        {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
+        {std::numeric_limits<double>::denorm_min(), "5e-324"},
+        {std::nan(""), "null"}};
+    for (const auto &[number, text] : numbers) {
+        EXPECT_EQ(latitude_in_json(number), text);
+    }
+}
+
+#ifdef __cpp_lib_to_chars
+TEST(VelmctlJson, ANumberIsWrittenAsTheStandardLibraryWritesIt)
+{
+    std::mt19937_64 random{1};
+    for (int i = 0; i < 5000; ++i) {
+        const std::uint64_t bits = random();
+        double number = static_cast<double>(bits >> 30U) / 1e8; // as in a position
+        if (i % 2 == 0) {
+            std::memcpy(&number, &bits, sizeof number);
+        }
+        if (std::isfinite(number)) {
+            std::array<char, 32> text{};
+            const auto end = std::to_chars(text.begin(), text.end(), number).ptr;
+            EXPECT_EQ(latitude_in_json(number), std::string(text.begin(), end));
+        }
+    }
+}
+#endif
 
 TEST(VelmctlJson, AReportIsOneLineWithEveryField)
 {

@@ -1,5 +1,5 @@
 # Fails when OBJECTS import a function of LIBRARIES that the file ALLOWED does not list.
-cmake_minimum_required(VERSION 3.25)
+cmake_minimum_required(VERSION 3.18)
 
 function(symbols result)
     execute_process(COMMAND ${NM} --format=posix ${ARGN}

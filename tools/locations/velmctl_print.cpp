@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
-#include <system_error>
+#include <limits>
 
 #include "tools/terminal/text.h"
 
@@ -24,15 +24,30 @@ namespace {
     return line.data();
 }
 
-/// As short as it can be without losing a bit.
+/// The fewest significant digits that tell the number from every other.
+int digits_of(double number)
+{
+    int digits = 1;
+    while (digits < std::numeric_limits<double>::max_digits10 &&
+           std::strtod(format("%.*e", digits - 1, number).c_str(), nullptr) != number) {
+        ++digits;
+    }
+    return digits;
+}
+
+/// As short as it can be without losing a bit. Not every C++ library that we build with has
+/// std::to_chars for it.
 std::string json_number(double number)
 {
     if (!std::isfinite(number)) {
         return "null";
     }
-    std::array<char, 32> text{};
-    const auto [end, error] = std::to_chars(text.data(), text.data() + text.size(), number);
-    return error == std::errc{} ? std::string{text.data(), end} : "null";
+    const int digits = digits_of(number);
+    std::string scientific = format("%.*e", digits - 1, number);
+    const long exponent = std::strtol(scientific.c_str() + scientific.find('e') + 1, nullptr, 10);
+    std::string plain =
+        format("%.*f", std::max(0, digits - 1 - static_cast<int>(exponent)), number);
+    return plain.size() <= scientific.size() ? plain : scientific;
 }
 
 std::string json_string(std::string_view text)
