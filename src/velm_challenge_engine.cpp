@@ -21,7 +21,7 @@ constexpr char log_category[] = "velm_challenge_engine";
 
 constexpr std::size_t random_size = 16;
 constexpr std::size_t challenge_size = 2 * random_size + 1; // hexadecimal digits and NUL
-constexpr std::int32_t lifetime_s = 60;
+constexpr std::time_t lifetime_s = 60;
 constexpr std::size_t pending_limit = 1000;
 
 using steady_clock = std::chrono::steady_clock;
@@ -51,7 +51,7 @@ std::time_t time_now(const char *caller)
 bool challenge_entry_outdated(const challenge_entry &entry, std::time_t now,
                               steady_clock::time_point now_steady)
 {
-    return static_cast<std::int32_t>(now - entry.created) > lifetime_s ||
+    return now - entry.created > lifetime_s ||
            now_steady - entry.created_steady >= std::chrono::seconds{lifetime_s + 1};
 }
 

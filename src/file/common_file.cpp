@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -80,24 +81,24 @@ std::optional<std::string> read_binary_file(const char *path)
                  std::strerror(errno));
         return std::nullopt;
     }
-    if (std::fseek(file.get(), 0, SEEK_END) != 0) {
+    if (fseeko(file.get(), 0, SEEK_END) != 0) {
         LOG_WARN("%s - cannot determine size of the file (1): %s", __func__, std::strerror(errno));
         return std::nullopt;
     }
-    const long end = std::ftell(file.get());
+    const off_t end = ftello(file.get());
     if (end < 0) {
         LOG_WARN("%s - cannot determine size of the file (2): %s", __func__, std::strerror(errno));
         return std::nullopt;
     }
-    if (std::fseek(file.get(), 0, SEEK_SET) != 0) {
+    if (fseeko(file.get(), 0, SEEK_SET) != 0) {
         LOG_WARN("%s - cannot determine size of the file (3): %s", __func__, std::strerror(errno));
         return std::nullopt;
     }
-    const auto size = static_cast<std::size_t>(end);
-    if (size > common_file_size_max) {
+    if (static_cast<std::uintmax_t>(end) > common_file_size_max) {
         LOG_WARN("%s - cannot alloc memory for the buffer: %s", __func__, std::strerror(EFBIG));
         return std::nullopt;
     }
+    const auto size = static_cast<std::size_t>(end);
     std::string content(size, '\0');
     errno = 0; // a file that has become shorter sets none
     if (std::fread(content.data(), 1, size, file.get()) != size) {

@@ -3,11 +3,18 @@
 #include <event2/buffer.h>
 #include <event2/bufferevent.h>
 #include <event2/dns.h>
+#include <event2/event-config.h>
 #include <event2/event.h>
 #include <event2/http.h>
 #include <event2/listener.h>
 
+#include <ctime>
+
 #include "handles/handle.h"
+
+// Else each struct timeval would be read in another way than it was written, without any error.
+static_assert(sizeof(std::time_t) == EVENT__SIZEOF_TIME_T,
+              "libevent was built with another time_t: build both with -D_TIME_BITS=64 or none");
 
 using event_base_ptr = handle<event_base, event_base_free>;
 using event_config_ptr = handle<event_config, event_config_free>;

@@ -261,7 +261,7 @@ TEST_F(AndroidLocally, KeyFilesThatAreJsonButNoKeysRefuseEveryToken)
 TEST(AndroidLocallyWithoutKeyFiles, EveryTokenIsRefusedAndReported)
 {
     // A process of its own, since keys once loaded stay.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     const auto ask_at_once = [] {
         const captured_log log;
         common_async_set_event_base(base);

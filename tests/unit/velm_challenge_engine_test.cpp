@@ -90,6 +90,17 @@ TEST_F(ChallengeEngine, AcceptsAChallengeThatIsExactlySixtySecondsOld)
     EXPECT_EQ(consume(challenge), 1);
 }
 
+TEST_F(ChallengeEngine, RemovesAChallengeWhenTheClockIsSetFrom1970ToAfter2038)
+{
+    if (sizeof(std::time_t) == 4) {
+        GTEST_SKIP() << "no moment after 2038 with the time_t of this libevent";
+    }
+    fake_clock_set(0);
+    const std::string challenge = issue();
+    fake_clock_set(static_cast<std::time_t>(2147483708)); // 2^31 and a minute
+    EXPECT_EQ(consume(challenge), 0);
+}
+
 TEST_F(ChallengeEngine, RemovesAChallengeOfSixtyOneSecondsOnTheNextConsume)
 {
     const std::string challenge = issue();

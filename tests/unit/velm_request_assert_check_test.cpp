@@ -430,7 +430,7 @@ TEST_F(AssertCheck, ReportsTheEnginesAnswerAlsoAfterTheRequestHasGone)
 TEST_F(AssertCheck, OfARecordThatWasNotFilledEndsTheProcess)
 {
     // A forked child would share this process's loop.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     const auto check = [this] {
         make_assert_check(&p_);
         turn_test_loop();

@@ -518,7 +518,7 @@ TEST_F(Preprocessor, StartedFromAnotherStateThanInitEndsTheProcess)
 TEST_F(Preprocessor, InAStateOutOfRangeEndsTheProcess)
 {
     // A forked child would share this process's loop.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     velm_request_preprocessor p;
     p.state = static_cast<preproc_state>(7);
     EXPECT_DEATH(

@@ -274,7 +274,7 @@ TEST_F(Passwd, TheOtherSettingTakesAsLongAsTheRealOne)
 /// In a process of its own, where nobody has logged in yet.
 void expect_first_setting(const std::vector<std::string> &fields, const std::string &setting)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
             system_state = {};
@@ -500,7 +500,7 @@ void log_in_with_shadow()
 
 TEST(FirstSetting, IsThatOfTheFirstShadowedAccountThatHasAHash)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(log_in_with_shadow(), testing::ExitedWithCode(0), "");
 }
 

@@ -42,7 +42,10 @@ TEST_P(Chunks, AreTakenApartByteByByteAlike)
     EXPECT_EQ(GetParam().input.substr(taken), GetParam().rest);
 }
 
-using enum chunks_result;
+constexpr auto wants_more = chunks_result::wants_more;
+constexpr auto whole = chunks_result::whole;
+constexpr auto bad = chunks_result::bad;
+constexpr auto too_long = chunks_result::too_long;
 const chunks_case cases[] = {
     {"One", "3\r\nabc\r\n0\r\n\r\n", whole, "abc", ""},
     {"TwoAndTheNextRequest", "1\r\na\r\n2\r\nbc\r\n0\r\n\r\nGET", whole, "abc", "GET"},

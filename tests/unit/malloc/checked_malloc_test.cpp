@@ -75,7 +75,7 @@ class Caller : public CheckedMalloc, public testing::WithParamInterface<caller_c
 TEST_P(Caller, WithoutMemoryEndsInTheFatalLine)
 {
     // Each in a process of its own.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
             exhaust_the_daemons_memory();

@@ -1,0 +1,1 @@
+#include "handles/libevent.h"
