@@ -71,11 +71,35 @@ bool find_account(const char *username, passwd *account, std::vector<char> *buff
     return true;
 }
 
+bool is_salt(char character)
+{
+    return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+           (character >= '.' && character <= '9'); // the slash is between them
+}
+
+bool is_never_in_a_setting(char character)
+{
+    return character <= ' ' || character > '~' ||
+           std::string_view{":;*!\\"}.find(character) != std::string_view::npos;
+}
+
 /// A locked account's field, or one that only says "the hash is elsewhere": no password matches it,
-/// and crypt might fail on it in a way that looks like a match.
+/// and crypt might fail on it in a way that looks like a match. Some libraries give no result for it,
+/// which would end the process: so it never gets what has the form of no method.
 bool is_no_setting(std::string_view stored)
 {
-    return stored.empty() || stored.starts_with('*') || stored.starts_with('!') || stored == "x";
+    constexpr std::size_t extended_des_setting = 9;
+    if (stored.size() < 2 || std::any_of(stored.begin(), stored.end(), is_never_in_a_setting)) {
+        return true;
+    }
+    if (stored.front() == '$') { // a method's name stands between two
+        const std::size_t end = stored.find('$', 1);
+        return end == std::string_view::npos || end == 1;
+    }
+    if (stored.front() == '_') {
+        return stored.size() < extended_des_setting;
+    }
+    return !is_salt(stored[0]) || !is_salt(stored[1]);
 }
 
 /// The same method and cost, with the same salt where that is a part of its own, and no hash.
