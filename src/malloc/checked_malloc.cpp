@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <malloc.h>
 #include <openssl/crypto.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "handles/exhaustion.h"
 #include "malloc/json_arena.h"
@@ -39,12 +41,22 @@ constinit allocator next{};
 constinit bool is_looked_up = false;
 constinit bool is_being_looked_up = false;
 
+/// Without stdio, which allocates.
+[[noreturn]] void end_without_allocator() noexcept
+{
+    constexpr std::string_view reason =
+        "velmd: cannot check memory: no malloc of a shared C library is behind its own, as in a "
+        "static program: build with -DVELM_CHECK_MALLOC=OFF\n";
+    (void)!write(STDERR_FILENO, reason.data(), reason.size());
+    std::abort();
+}
+
 template <typename Function>
 void look_up(Function **function, const char *name) noexcept
 {
     *function = reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
     if (*function == nullptr) {
-        std::abort();
+        end_without_allocator();
     }
 }
 

@@ -8,14 +8,17 @@ from __future__ import annotations
 
 import contextlib
 import http.client
+import os
 import shutil
 import signal
+import subprocess
 from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
 import pytest
 from velm_harness.allocation_fault import AllocationFault
+from velm_harness.preloads import library
 from velm_harness.sample import Sample
 from velm_sim.access_point import AccessPoint
 from velm_sim.build import Build
@@ -203,3 +206,15 @@ def test_memory_that_is_gone_for_good_ends_the_daemon_in_its_fatal_line(
     assert_ended_in_the_fatal_line(rig.daemon)
     assert FATAL in rig.daemon.log()
     assert_whole(rig.access_point, copied_store(rig))
+
+
+def test_a_program_without_a_malloc_behind_its_own_says_what_to_build(build: Build) -> None:
+    if build.is_asan:
+        pytest.skip("an instrumented daemon has an allocator of its own")
+    environment = os.environ | {"LD_PRELOAD": str(library(build, "no_next_malloc"))}
+    done = subprocess.run(
+        [build.program("velmd"), "-v"],
+        env=environment, capture_output=True, text=True, timeout=10, check=False,
+    )  # fmt: skip
+    assert done.returncode == -signal.SIGABRT
+    assert "static program: build with -DVELM_CHECK_MALLOC=OFF" in done.stderr
