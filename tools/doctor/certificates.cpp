@@ -1,13 +1,9 @@
-#include "tools/doctor/certificates.h"
-
-#include <openssl/err.h>
-#include <openssl/pem.h>
-
 #include <chrono>
 #include <ctime>
 #include <string>
 
 #include "tools/doctor/checks.h"
+#include "tools/doctor/read_certificate.h"
 #include "tools/terminal/times.h"
 
 namespace {
@@ -47,16 +43,6 @@ std::string end_of(const X509 *certificate)
 }
 
 } // namespace
-
-x509_ptr doctor_read_certificate(const char *path)
-{
-    const bio_ptr file{BIO_new_file(path, "r")};
-    x509_ptr read{file == nullptr
-                      ? nullptr
-                      : PEM_read_bio_X509(file.get(), nullptr, openssl_no_passphrase, nullptr)};
-    ERR_clear_error();
-    return read;
-}
 
 void doctor_check_certificate(const doctor_subject &subject, doctor_report &report)
 {

@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 
 #include "handles/openssl.h"
-#include "tools/doctor/certificates.h"
+#include "tools/doctor/read_certificate.h"
 #include "tools/doctor/tls.h"
 
 namespace {

@@ -93,7 +93,10 @@ std::optional<std::set<std::string>> sockets_of(pid_t process)
 bool has_port(const std::string &line, std::uint16_t port, const std::set<std::string> &sockets)
 {
     std::istringstream words{line};
-    std::string number, local, word, inode;
+    std::string number;
+    std::string local;
+    std::string word;
+    std::string inode;
     words >> number >> local;
     for (int i = 0; i < 7; ++i) {
         words >> word;
