@@ -239,3 +239,21 @@ def test_follow_goes_on_when_the_daemon_is_started_again(access_point: AccessPoi
         "velmctl: the daemon has ended; waiting for it",
         "velmctl: the daemon is back",
     ]
+
+
+@pytest.mark.parametrize("place", ["file", "nvram"])
+def test_locate_finds_the_socket_that_the_daemon_has(access_point: AccessPoint, place: str) -> None:
+    """In the file, or in nvram, which counts more."""
+    if place == "nvram":
+        access_point.configure({"location.policy.ipc.sock": "/nowhere"})
+        access_point.nvram_set({"zelkad_cmd_path": str(access_point.socket_path)})
+    command = [str(access_point.build.program("velmctl")), "locate", "--wait", "5"]
+    done = subprocess.run(
+        [*command, "-c", str(access_point.configuration_file)],
+        env={**os.environ, **access_point.environment,
+             **access_point.build.environment(access_point.directory)},
+        capture_output=True,
+        text=True,
+        timeout=30,
+    )  # fmt: skip
+    assert done.returncode == 3, done.stderr  # no phone is paired

@@ -14,7 +14,8 @@ from typing import Any
 
 import pytest
 
-from velm_harness.fake_control import FakeControl, moment, response, status
+from velm_harness.fake_control import FakeControl, moment, response, round_of, rounds, status
+from velm_harness.version import VERSION
 from velm_sim.build import Build
 
 
@@ -135,6 +136,53 @@ def test_a_file_that_is_not_needed_is_not_wrong(
     done = ask(build, environment, control, "status")
     assert done.returncode == 0
     assert f"  {state}\n" in done.stdout.partition("Files")[2].partition("Phones")[0]
+
+
+def test_a_last_round_without_a_location_is_told(
+    build: Build, environment: dict[str, str], control: FakeControl
+) -> None:
+    control.answer("/v1/status", status())
+    failed = round_of(
+        state="expired", cause="phone never came", causeText="no phone came", visits=[], reports=[]
+    )
+    control.answer("/v1/rounds", rounds(failed))
+    done = ask(build, environment, control, "status")
+    assert done.returncode == 0 and "Nothing is wrong" not in done.stdout
+    assert "  last round     12:03:00, no location\n" in done.stdout
+    assert done.stdout.endswith(
+        "\nThe last round brought no location:\n"
+        "  No phone came.\n"
+        "  velmctl explain tells what happened.\n"
+    )
+    control.replace("/v1/rounds", rounds(round_of()))
+    done = ask(build, environment, control, "status")
+    assert "  last round     12:03:00, answered\n" in done.stdout
+    assert done.stdout.endswith("\nNothing is wrong.\n")
+
+
+def test_a_log_with_secrets_and_unknown_keys_are_warned_of(
+    build: Build, environment: dict[str, str], control: FakeControl
+) -> None:
+    settings = [
+        {"key": "logger.level", "value": "trace", "source": "nvram"},
+        {"key": "logger.file", "value": "yes", "source": "file"},
+        {"key": "ssdp.server.port", "value": "1900", "source": "file"},
+    ]
+    control.answer("/v1/status", status(settings=settings, unknownKeys=["http.server.prot\x1b"]))
+    done = ask(build, environment, control, "status")
+    assert done.returncode == 0
+    assert "  ssdp.server.port" not in done.stdout  # as it would be without the line
+    assert done.stdout.endswith(
+        "\nWarning:\n"
+        "  logger.level is trace: passwords, tokens and locations are written to the log.\n"
+        "  The configuration file has a key that the daemon does not know: http.server.prot?.\n"
+    )
+
+
+def test_the_version(build: Build, environment: dict[str, str]) -> None:
+    for option in ("--version", "-v"):
+        done = velmctl(build, environment, option)
+        assert (done.returncode, done.stdout) == (0, f"velmctl {VERSION}\n")
 
 
 @pytest.mark.parametrize("count", [0, 1, 3])
