@@ -1,10 +1,11 @@
 # Linked by every target of ours: warnings are errors, and a path in a log line or an assertion
-# is the file's own path from the root.
+# is the file's own path from the root. Debug information names neither the source's folder nor the
+# build's: the same source gives the same bytes everywhere.
 add_library(velm_warnings INTERFACE)
 target_compile_options(velm_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Werror -Wshadow -Wformat=2 -Wcast-align -Wundef
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
-    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
+    "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")
 
 # For the shipped code only: gtest's macros do not compile under these.
 add_library(velm_strict_warnings INTERFACE)

@@ -187,7 +187,10 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
     if (!is_slot(index)) {
         FATAL("%s: invalid pairing index", __func__);
     }
-    nvram_set(key_of(index, field).data(), value);
+    const key_text key = key_of(index, field);
+    if (const int rc = nvram_set(key.data(), value); rc != 0) {
+        LOG_ERROR("%s - nvram_set failed: %d, %s", __func__, rc, key.data());
+    }
 }
 
 int velm_nvram_pairings_select_index_by_field(const char *dev_id)

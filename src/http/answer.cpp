@@ -157,8 +157,8 @@ void http_client_answer::read_chunk_end(std::string_view *bytes)
 void http_client_answer::read_body(std::string_view *bytes)
 {
     const bool is_counted = part_ != part::body_until_end;
-    const std::string_view piece =
-        is_counted ? bytes->substr(0, std::min<std::uint64_t>(left_, bytes->size())) : *bytes;
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(left_, bytes->size()));
+    const std::string_view piece = is_counted ? bytes->substr(0, size) : *bytes;
     if (!make_room(piece.size())) {
         return;
     }

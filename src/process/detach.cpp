@@ -62,6 +62,11 @@ void process_register_for_restart(velm_command_line &command_line)
         arguments.push_back(argument.data());
     }
     arguments.push_back(nullptr);
-    dm_register_app_restart_info(static_cast<int>(getpid()), static_cast<int>(arguments.size() - 1),
-                                 arguments.data(), 0);
+    const int rc = dm_register_app_restart_info(
+        static_cast<int>(getpid()), static_cast<int>(arguments.size() - 1), arguments.data(), 0);
+    if (rc != 0) {
+        LOG_ERROR(
+            "%s - nobody will start the daemon again: dm_register_app_restart_info failed: %d",
+            __func__, rc);
+    }
 }

@@ -369,6 +369,16 @@ TEST_F(Pairings, ACommitThatFailsIsAnErrorLine)
                         "nvram_commit failed: -1"));
 }
 
+TEST_F(Pairings, ASettingThatCannotBeSetIsAnErrorLine)
+{
+    fake_nvram.room = 0;
+    const captured_log log;
+    velm_nvram_pairings_write_pairing_field_by_index(0, "name", "Anna");
+    EXPECT_TRUE(
+        log.has("ERROR velm_nvram_pairings - velm_nvram_pairings_write_pairing_field_by_index - "
+                "nvram_set failed: -1, zelkad_pairing_0_name"));
+}
+
 using PairingsDeath = Pairings;
 
 TEST_F(PairingsDeath, IndexOutsideTheLimitIsFatalWhereOneIsRequired)
