@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "handles/malloc.h"
 #include "report.h"
 
 namespace {
@@ -44,14 +45,14 @@ std::string name_of(int number)
 }
 
 /// In a child: a library that keeps what it gives ends there, not here.
-bool survives_free()
+bool child_keeps_values()
 {
     const pid_t child = fork();
     if (child == 0) {
-        std::free(nvram_unf_get(check_setting));
-        char *const again = nvram_unf_get(check_setting);
+        malloc_text{nvram_unf_get(check_setting)}.reset();
+        malloc_text again{nvram_unf_get(check_setting)};
         const bool is_there = again != nullptr && *again != '\0';
-        std::free(again);
+        again.reset();
         _exit(is_there ? EXIT_SUCCESS : EXIT_FAILURE);
     }
     int status = 0;
@@ -63,13 +64,8 @@ bool survives_free()
 
 std::optional<std::string> setting(const std::string &name)
 {
-    char *const value = nvram_unf_get(name.c_str());
-    if (value == nullptr) {
-        return std::nullopt;
-    }
-    std::string text{value};
-    std::free(value);
-    return text;
+    const malloc_text value{nvram_unf_get(name.c_str())};
+    return value == nullptr ? std::nullopt : std::optional<std::string>{value.get()};
 }
 
 void check_ownership()
@@ -81,12 +77,12 @@ void check_ownership()
         report(verdict::fail, "a setting that was set can be read",
                "nvram_set must return 0 when it has set, and nvram_unf_get must give the value at "
                "once");
-    } else if (first == second || !survives_free()) {
+    } else if (first == second || !child_keeps_values()) {
         report(verdict::fail, "each value is the caller's own",
                "the daemon frees it with free(): return a copy made with malloc or strdup");
     } else {
-        std::free(first);
-        std::free(second);
+        malloc_text{first}.reset();
+        malloc_text{second}.reset();
         report(verdict::ok, "each value is the caller's own, to be freed with free()");
     }
 }

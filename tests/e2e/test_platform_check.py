@@ -30,8 +30,8 @@ BROKEN = {
 }
 WORSE = {
     "empty for absent": "WARN an absent setting is an empty text",
-    "slow commit": "WARN nvram_commit takes 2",
-    "slow get": "WARN nvram_unf_get takes 1.",
+    "slow commit": "WARN nvram_commit takes ",
+    "slow get": "WARN nvram_unf_get takes ",
     "descriptor": "WARN programs that the daemon starts inherit nothing",
 }
 
@@ -87,9 +87,8 @@ def test_a_library_that_is_worse_than_it_could_be_is_warned_about(
 ) -> None:
     done = check(build, "broken", tmp_path, fault=fault)
     assert done.returncode == 0
-    assert [line[: len(WORSE[fault])] for line in done.stdout.splitlines() if line[:2] != "OK"] == [
-        WORSE[fault], "The platform library can be used."[: len(WORSE[fault])]
-    ]  # fmt: skip
+    assert WORSE[fault] in done.stdout
+    assert done.stdout.splitlines()[-1] == "The platform library can be used."
 
 
 def test_an_unknown_option_is_told(build: Build, tmp_path: Path) -> None:
