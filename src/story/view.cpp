@@ -12,7 +12,7 @@ namespace {
 template <typename Events>
 auto find(const Events &events, std::uint64_t number)
 {
-    const auto &place = events[(number - 1) % events.size()];
+    const auto &place = events[static_cast<std::size_t>((number - 1) % events.size())];
     return place.number == number ? &place : nullptr;
 }
 
@@ -95,7 +95,8 @@ story_view story_look()
     const story_memory &kept = story_kept();
     story_view view{kept.latest, {}, {}};
     for (auto id = kept.last_round; id >= oldest(kept.last_round, kept.rounds.size()); --id) {
-        const story_round &round = kept.rounds[(id - 1) % kept.rounds.size()];
+        const story_round &round =
+            kept.rounds[static_cast<std::size_t>((id - 1) % kept.rounds.size())];
         if (round.id == id) {
             story_round_view one{&round, {}, {}, {}, 0, 0, 0};
             add_pushes(kept, one);
