@@ -46,8 +46,9 @@ struct velm_config {
     char lan_name[config_name_size];
     char serial_number[config_word_size];
     char mac_address[config_name_size];
-    json_ptr bssids_list;                               // array of strings; null: no list at all
-    json_ptr other_pairs; // of the file, key: value: the logger's, and those that nobody knows; or null
+    json_ptr bssids_list; // array of strings; null: no list at all
+    json_ptr
+        other_pairs; // of the file, key: value: the logger's, and those that nobody knows; or null
     char log_level[config_word_size]; // that nvram sets in place of the file's; "": none
     std::array<config_source, config_rows_max> sources; // of the values, in the order of the table
 };

@@ -38,6 +38,5 @@ struct config_setting {
 /// The same by field, for those that the platform and the command line set.
 [[nodiscard]] config_source &config_source_of(velm_config &config, const config_field &field);
 
-
 /// The fields behind them, which only the platform and the command line set; the key is for the log.
 [[nodiscard]] std::span<const config_setting> config_platform_settings();

@@ -394,7 +394,8 @@ void common_logger_configure_from_file(const ConfigFile *file)
     for (const ConfigPair *pair = conffile_next_pair(file, nullptr); pair != nullptr;
          pair = conffile_next_pair(file, pair)) {
         if (std::string_view{conffile_pair_key(pair)}.starts_with(logger_prefix)) {
-            common_logger_set(conffile_pair_key(pair) + logger_prefix.size(), conffile_pair_value(pair));
+            common_logger_set(conffile_pair_key(pair) + logger_prefix.size(),
+                              conffile_pair_value(pair));
         }
     }
     after_reconfiguration();

@@ -19,7 +19,8 @@ constexpr const char *key_names[] = {"enabled",      "level",       "stdout",
 static_assert(std::size(key_names) == static_cast<std::size_t>(logger_key::category));
 
 // In the same order. velm_config resets the logger to them.
-constexpr const char *standards[] = {"no", "error", "no", "no", "no", "", "16777216", "no", "velmd"};
+constexpr const char *standards[] = {"no", "error",    "no", "no",   "no",
+                                     "",   "16777216", "no", "velmd"};
 static_assert(std::size(standards) == std::size(key_names));
 
 } // namespace

@@ -40,6 +40,8 @@ def compile_in(build: Build, source: str, folder: Path, build_folder: Path) -> b
 
 @pytest.mark.parametrize("source", ["src/text/rfc3339.cpp", "src/bytes/reader.cpp"])
 def test_two_folders_give_the_same_object(build: Build, tmp_path: Path, source: str) -> None:
+    if build.is_asan:
+        pytest.skip("only the release build ships; the other reads headers that were compiled before")
     inside = tmp_path / "one"
     first = compile_in(build, source, inside, inside / "build" / "x")
     second = compile_in(build, source, tmp_path / "another" / "folder", tmp_path / "elsewhere")
