@@ -139,7 +139,7 @@ bool logs(const control_status &status)
 std::string velmctl_status_log_warning(const control_status &status)
 {
     // Of a key that is there twice the first one counts.
-    const bool is_quiet = setting_of(status, level_key) != "" &&
+    const bool is_quiet = !setting_of(status, level_key).empty() &&
                           logger_level(setting_of(status, level_key).c_str()) != LOG_LEVEL_TRACE;
     for (const control_setting &setting : status.settings) {
         if (logs(status) && is_trace(setting) && !(is_quiet && setting.key == level_key)) {

@@ -5,6 +5,7 @@
 #include <regex>
 #include <string>
 
+#include "fakes/fake_nvram.h"
 #include "metrics/metrics.h"
 
 namespace {
@@ -14,6 +15,7 @@ using testing::HasSubstr;
 /// Every value of a label is one word, so that nobody has to remember which of them has a blank.
 TEST(ControlMetrics, HaveLabelsWithoutBlanks)
 {
+    fake_nvram = {}; // no phone is paired
     metrics_count_reply("/location", 200);
     metrics_count_push(404);
     const std::string text = control_metrics_text();
