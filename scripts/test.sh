@@ -63,7 +63,7 @@ soak() { # PRESET
         --build "build/$1" --junit "$results/soak.xml"
 }
 
-# Storms and the soak mostly wait: the sources are read meanwhile.
+# What follows the end-to-end tests mostly waits: the sources are read meanwhile.
 lint_begin() {
     nice ./scripts/lint.sh --junitxml "$results/lint.xml" >"$results/lint.log" 2>&1 &
     lint=$!
@@ -82,6 +82,7 @@ for preset in "${presets[@]}"; do
     step "unit tests, $preset" unit "$preset"
     step "end-to-end tests, $preset" python_tests "$preset" e2e tests/e2e
 done
+lint_begin
 for tls in 1.2 1.3; do
     step "end-to-end tests with TLS $tls only, ${presets[0]}" \
         python_tests "${presets[0]}" "e2e-tls-$tls" tests/e2e -m each_tls "--tls=$tls"
@@ -92,10 +93,9 @@ step "tests of lint" python_tests "${presets[0]}" lint tests/lint
 step "tests of the simulator" python_tests "${presets[0]}" sim tests/sim
 step "tests of the harness" python_tests "${presets[0]}" harness tests/harness
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
-lint_begin
 step "storm, $instrumented" storms "$instrumented"
 step "soak, ${presets[0]}" soak "${presets[0]}"
-step "lint, begun before the storm" lint_end
+step "lint, begun before the tests above" lint_end
 step "tests of the benchmarks' report" python_tests "${presets[0]}" bench tests/bench
 
 printf '\n'
