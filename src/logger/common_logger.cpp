@@ -266,7 +266,7 @@ bool emit(line_buffer &line, const line_parts &parts, const line_origin &origin)
     return state.to_stdout || state.to_syslog || in_file;
 }
 
-void take(logger_key known, const char *key, const char *value)
+void set_known(logger_key known, const char *key, const char *value)
 {
     switch (known) {
     case logger_key::enabled:
@@ -367,7 +367,7 @@ void common_logger_set(const char *key, const char *value)
     if (key == nullptr || value == nullptr) {
         return;
     }
-    take(logger_key_of(key), key, value);
+    set_known(logger_key_of(key), key, value);
     if (state.observer != nullptr && state.observer->key_set != nullptr) {
         state.observer->key_set(key, value);
     }
