@@ -8,7 +8,7 @@
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
-build=build/release
+build=build/lint/configured # without headers that are parsed once for all, so each file must include what it needs
 out=build/lint
 plugin=$out/own_code_only.so
 report=
@@ -42,7 +42,7 @@ make_plugin() { # the checks visit our own files only: half the time
 }
 
 tidy() { # FILE...: as many at a time as there are cores, the largest first
-    [ -e "$build/compile_commands.json" ] || cmake --preset release >"$out/configure.log" || return 1
+    cmake --preset release -B "$build" -DVELM_PRECOMPILE=OFF >"$out/configure.log" || return 1
     printf '%s\0' "$@" | xargs -0 ls -S --zero |
         xargs -0 -n 1 -P "$(nproc)" clang-tidy-14 "${load[@]}" -p "$build" --quiet
 }
