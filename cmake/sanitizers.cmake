@@ -1,14 +1,9 @@
 if(VELM_SANITIZE)
     # A report needs functions, files and lines, which -g1 gives; for a debugger there is the preset
-    # "debug". Of a hundred programs, gold links each in a third of the time.
+    # "debug".
     add_compile_options(-O1 -g1 -fno-omit-frame-pointer -fsanitize=address,undefined
                         -fno-sanitize-recover=all)
     add_link_options(-fsanitize=address,undefined)
-    include(CheckLinkerFlag)
-    check_linker_flag(CXX -fuse-ld=gold VELM_HAS_GOLD)
-    if(VELM_HAS_GOLD)
-        add_link_options(-fuse-ld=gold)
-    endif()
 endif()
 if(VELM_COVERAGE)
     # What is counted is src/, which asks for it itself.

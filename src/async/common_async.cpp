@@ -26,6 +26,9 @@ constexpr char log_category[] = "common_async";
 /// Under a flood of others a long action gets its turn after this many of them.
 constexpr unsigned long_action_patience = 32;
 
+/// A request without checks has three.
+constexpr int steps_at_once = 4;
+
 using context_ptr = std::unique_ptr<common_async_context>;
 
 struct module_state {
@@ -87,13 +90,30 @@ std::deque<context_ptr> &next_queue()
     return state.waiting;
 }
 
-/// One action a turn, so that input and timers get theirs however many wait.
-void run_next()
+void run_front(std::deque<context_ptr> &queue)
 {
-    std::deque<context_ptr> &queue = next_queue();
     context_ptr context = std::move(queue.front());
     queue.pop_front();
     action_run(std::move(context), EV_READ);
+}
+
+/// The loop has met nothing else in this turn, and only what the last action queued waits.
+bool is_next_step_alone()
+{
+    return state.waiting.size() == 1 && state.waiting_long.empty() &&
+           event_base_get_num_events(state.base, EVENT_BASE_COUNT_ACTIVE) == 0;
+}
+
+/// One action a turn, so that input and timers get theirs however many wait. Only the next steps of
+/// a request that is alone follow at once: to ask the kernel in between costs as much as a step.
+void run_next()
+{
+    std::deque<context_ptr> &queue = next_queue();
+    const bool was_alone = common_async_waiting() == 1;
+    run_front(queue);
+    for (int step = 1; step < steps_at_once && was_alone && is_next_step_alone(); ++step) {
+        run_front(state.waiting);
+    }
     state.awake = !state.waiting.empty() || !state.waiting_long.empty();
     if (state.awake) {
         ask_for_next_turn();

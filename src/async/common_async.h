@@ -7,8 +7,9 @@
 /// Calls that run later on the event loop: as soon as the loop turns next (an action call), or
 /// after a delay (an action schedule). Loop thread only.
 ///
-/// Action calls run in the order they were made, one a loop turn, never inside the call that makes
-/// them. They wait in memory; the pipe only wakes the loop, so any number can be queued from one
+/// Action calls run in the order they were made, never inside the call that makes them, one a loop
+/// turn; but what an action queued follows it in the same turn while nothing else waits, up to four
+/// in a row. They wait in memory; the pipe only wakes the loop, so any number can be queued from one
 /// callback without blocking.
 
 struct common_async_context;

@@ -62,7 +62,13 @@ void turn_test_loop()
 
 void step_test_loop()
 {
-    event_base_loop(test_loop(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    bool passed = false;
+    common_async_action_call(
+        [](void *flag, short, common_async_context *) { *static_cast<bool *>(flag) = true; },
+        &passed);
+    while (!passed) {
+        event_base_loop(test_loop(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    }
 }
 
 void paused_request::pause(evhtp_request_t *request, void *self)

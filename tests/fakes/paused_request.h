@@ -14,7 +14,7 @@ event_base *test_loop();
 /// Turns the test loop until it has nothing to do at once.
 void turn_test_loop();
 
-/// One turn, so at most one action.
+/// Runs what waits, but none of its next steps: as on a busy daemon, another action waits behind it.
 void step_test_loop();
 
 /// A real request that a real server received from a real client on the loopback (plain HTTP) and

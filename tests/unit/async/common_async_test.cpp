@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "fakes/captured_log.h"
+#include "handles/libevent.h"
 
 namespace {
 
@@ -19,6 +20,28 @@ void note(void *number, short, common_async_context *)
 void *number(int value)
 {
     return reinterpret_cast<void *>(static_cast<intptr_t>(value));
+}
+
+void note_three_steps(void *value, short events, common_async_context *context)
+{
+    note(value, events, context);
+    const int step = ran.back();
+    if (step % 10 < 3) {
+        common_async_action_call(note_three_steps, number(step + 1));
+    }
+}
+
+void queue_long_and_step(void *value, short events, common_async_context *context)
+{
+    note(value, events, context);
+    common_async_action_call_long(note, number(3));
+    common_async_action_call(note, number(2));
+}
+
+void queue_itself(void *value, short events, common_async_context *context)
+{
+    note(value, events, context);
+    common_async_action_call(queue_itself, value);
 }
 
 class Async : public testing::Test {
@@ -59,6 +82,69 @@ TEST_F(Async, OneActionRunsALoopTurn)
     EXPECT_EQ(ran, std::vector{1});
 }
 
+TEST_F(Async, TheNextStepOfAnActionThatIsAloneRunsInTheSameTurn)
+{
+    common_async_action_call(note_three_steps, number(11));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, (std::vector{11, 12, 13}));
+}
+
+TEST_F(Async, NextStepsRunOneATurnWhileAnotherActionWaits)
+{
+    common_async_action_call(note_three_steps, number(11));
+    common_async_action_call(note_three_steps, number(21));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, std::vector{11});
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, (std::vector{11, 21}));
+}
+
+TEST_F(Async, ANextStepWaitsATurnWhenALongActionWaitsToo)
+{
+    common_async_action_call(queue_long_and_step, number(1));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, std::vector{1});
+    run_until(3);
+    EXPECT_EQ(ran, (std::vector{1, 2, 3}));
+}
+
+void note_event(evutil_socket_t, short, void *value) noexcept
+{
+    note(value, 0, nullptr);
+}
+
+TEST_F(Async, ANextStepWaitsATurnWhenTheLoopHasOtherEvents)
+{
+    const event_ptr other{event_new(base, -1, EV_READ, note_event, number(100))};
+    common_async_action_call(note, number(1));
+    run_until(1); // from now on the loop turns without the pipe
+
+    common_async_action_call(note_three_steps, number(11));
+    event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    EXPECT_EQ(ran, (std::vector{1, 11, 12, 13})) << "alone";
+
+    common_async_action_call(
+        [](void *data, short, common_async_context *) {
+            ran.push_back(2);
+            event_active(static_cast<event *>(data), EV_READ, 0);
+            common_async_action_call(note, number(3));
+        },
+        other.get());
+    event_base_loop(base, EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    EXPECT_EQ(ran, (std::vector{1, 11, 12, 13, 2, 100})) << "the other comes first";
+    run_until(7);
+    EXPECT_EQ(ran.back(), 3);
+}
+
+TEST_F(Async, AnActionThatQueuesItselfForEverLeavesTurnsToTheOthers)
+{
+    common_async_action_call(queue_itself, number(0));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran.size(), 4U);
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran.size(), 8U);
+}
+
 TEST_F(Async, LongActionsRunInTheirOwnOrderWhenNoOtherWaits)
 {
     common_async_action_call_long(note, number(10));
@@ -68,15 +154,6 @@ TEST_F(Async, LongActionsRunInTheirOwnOrderWhenNoOtherWaits)
     EXPECT_TRUE(ran.empty());
     run_until(4);
     EXPECT_EQ(ran, (std::vector{1, 2, 10, 11}));
-}
-
-void note_three_steps(void *value, short events, common_async_context *context)
-{
-    note(value, events, context);
-    const int step = ran.back();
-    if (step % 10 < 3) {
-        common_async_action_call(note_three_steps, number(step + 1));
-    }
 }
 
 TEST_F(Async, NoLongActionComesBetweenTheStepsOfOthers)
