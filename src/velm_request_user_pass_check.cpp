@@ -123,7 +123,7 @@ bool login_blocked(velm_request_preprocessor &p, const std::optional<common_sha2
     std::time_t seconds = seconds_blocked(&state.of_all, rules);
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained)", check_name, static_cast<int>(seconds));
-        explain_block(p, "five wrong passwords came, so logins are blocked", seconds);
+        explain_block(p, "too many wrong passwords came, so logins are blocked", seconds);
         return true;
     }
     name_failures *const entry = name.has_value() ? find_name(*name) : nullptr;
@@ -131,7 +131,8 @@ bool login_blocked(velm_request_preprocessor &p, const std::optional<common_sha2
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained) for this user name", check_name,
                  static_cast<int>(seconds));
-        explain_block(p, "five wrong passwords came for its user name, so its logins are blocked",
+        explain_block(p,
+                      "too many wrong passwords came for its user name, so its logins are blocked",
                       seconds);
         return true;
     }

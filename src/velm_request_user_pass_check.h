@@ -3,11 +3,12 @@
 #include "request/checks.h"
 #include "velm_config.h"
 
-/// The user/password check: the caller knows the password of a system account. After five failures
-/// in a row, whoever made them, every login is refused until 60 s after the first of them. Five
-/// failures in a row for one user name block that name; a right login with another name does not
-/// reset this count. At most 64
-/// names are remembered; the one whose last failure is longest ago is forgotten.
+/// The user/password check: the caller knows the password of a system account.
+///
+/// After too many failures in a row, whoever made them, every login is refused until 60 s after the
+/// first of them. As many failures in a row for one user name block that name. A right login with
+/// another name does not reset this count. At most 64 names are remembered: the name whose last
+/// failure is longest ago is forgotten.
 
 /// The counts of failures outlive a reload. Without a record the shadow database is not used.
 void velm_request_user_pass_check_init(const velm_config *config);

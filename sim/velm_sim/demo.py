@@ -1,7 +1,7 @@
 """The main job, shown step by step with the daemon that was built.
 
 Exit status 0 only when the reports that a local client received equal what the phones sent, and the
-pushes left about one second apart.
+pushes left in their time, one after another.
 """
 
 from __future__ import annotations
@@ -22,13 +22,14 @@ from .daemon import DaemonError
 from .demo_scene import Scene, scene
 from .demo_stay import stay
 from .ipc_client import IpcClient, Report
+from .limits import PUSH_GAP
 from .namespaces import NetworkError
 from .phone import Phone, Prepared, sample_location
 from .ssdp import DEVICE_TYPE, discover
 
 STEPS = 12
 WANTED_WITHIN = 60
-PUSH_GAP = (0.6, 1.6)  # one second as the cloud sees it, on a machine that may be busy
+GAP_EARLY, GAP_LATE = 0.4, 0.6  # seconds by which a busy machine moves a push for the cloud
 
 IPHONE_IS_AT = {"latitude": 52.520008, "longitude": 13.404954, "altitude": 34.5, "rssi": -47}
 ANDROID_IS_AT = {
@@ -117,7 +118,7 @@ def ask(console: Console, now: Scene) -> Any:
 
 
 def show_pushes(console: Console, now: Scene) -> None:
-    console.step("The pushes, one second apart, as the messaging service received them")
+    console.step(f"The pushes, {PUSH_GAP} s apart, as the messaging service received them")
     try:
         pushes = now.cloud.fcm.wait(len(now.phones), 10)
     except TimeoutError as problem:
@@ -130,7 +131,8 @@ def show_pushes(console: Console, now: Scene) -> None:
         console.say(json.dumps({"message": message}, indent=2))
         require(message["token"] == phone.profile.push_token, "the push is for another phone")
     gap = pushes[1].monotonic - pushes[0].monotonic
-    require(PUSH_GAP[0] < gap < PUSH_GAP[1], f"the pushes are {gap:.2f} s apart")
+    in_time = PUSH_GAP - GAP_EARLY < gap < PUSH_GAP + GAP_LATE
+    require(in_time, f"the pushes are {gap:.2f} s apart")
 
 
 def deliver(console: Console, phone: Phone, location: dict[str, Any], proof: str) -> None:

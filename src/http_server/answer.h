@@ -3,6 +3,7 @@
 #include <evhtp/evhtp.h>
 
 #include "handles/cjson.h"
+#include "request/paths.h"
 #include "request/status.h"
 
 /// The one way in which a result callback answers.
@@ -26,7 +27,7 @@ struct http_asked {
 /// What a result callback answers with.
 struct http_work {
     const char *handler; // the name of the result callback, for the log
-    const char *path;
+    request_listed_path path;
     http_outcome (*run)(const http_asked &asked);
     bool reads_body;
 };

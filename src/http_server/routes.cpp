@@ -10,13 +10,14 @@
 #include "http_server/visits.h"
 #include "logger/fatal.h"
 #include "request/input.h"
+#include "request/paths.h"
 #include "request/refusal.h"
 #include "velm_request_preprocessor.h"
 
 namespace {
 
 struct http_route {
-    const char *path;
+    request_listed_path path;
     const char *handler; // its name in log lines
     const char *member;  // what the result callback reads of the body beside "auth"; null: nothing
     velm_request_checks checks;

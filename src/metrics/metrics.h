@@ -4,7 +4,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <string_view>
+
+#include "request/paths.h"
+#include "request/status.h"
 
 /// What the daemon has done since it started, as numbers that only grow. Whoever does it counts it:
 /// one addition, no allocation, no clock. control/metrics.cpp has the names that others see.
@@ -69,12 +73,21 @@ constexpr std::size_t metrics_row(metric first, metric last)
 
 /// The routes in the order in which they are counted: "other" is any other path, "none" what was refused
 /// before its path was known.
-inline constexpr std::array<std::string_view, 8> metrics_routes{
-    "/info", "/location", "/challenge", "/pair", "/pairings", "/unpair", "other", "none"};
+inline constexpr auto metrics_routes = [] {
+    std::array<std::string_view, std::size(request_paths) + 2> routes{};
+    std::transform(std::begin(request_paths), std::end(request_paths), routes.begin(),
+                   [](const request_path_row &row) { return row.path; });
+    routes[std::size(request_paths)] = "other";
+    routes.back() = "none";
+    return routes;
+}();
 
 /// The statuses that the server answers with, and 0 for any other.
-inline constexpr std::array<int, 16> metrics_statuses{200, 400, 401, 403, 404, 409, 412, 413,
-                                                      414, 424, 431, 500, 501, 503, 408, 0};
+inline constexpr auto metrics_statuses = [] {
+    std::array<int, http_statuses.size() + 1> statuses{};
+    std::copy(http_statuses.begin(), http_statuses.end(), statuses.begin());
+    return statuses;
+}();
 
 /// `path` as the client sent it; empty when it is not known.
 void metrics_count_reply(std::string_view path, int status) noexcept;

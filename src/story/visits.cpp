@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "metrics/metrics.h"
+#include "request/paths.h"
 #include "story/memory.h"
 #include "story/story.h"
 #include "text/cut.h"
@@ -185,11 +186,9 @@ bool matters_always(const story_visit_note &note)
 
 const char *story_route_of(const char *path)
 {
-    constexpr const char *routes[] = {"/info",     "/challenge", "/pair",
-                                      "/pairings", "/unpair",    "/location"};
-    for (const char *const route : routes) {
-        if (path != nullptr && std::strcmp(path, route) == 0) {
-            return route;
+    for (std::size_t i = 0; path != nullptr && i < std::size(request_paths); ++i) {
+        if (metrics_routes[i] == path) {
+            return metrics_routes[i].data(); // of a literal
         }
     }
     return nullptr;

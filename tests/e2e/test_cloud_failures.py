@@ -15,6 +15,7 @@ from velm_sim.cloud import HELLO_REQUEST, HOSTS, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.dns import DnsServer
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import PUSH_GAP
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone
 
@@ -73,7 +74,7 @@ def test_the_largest_token_answer_has_16_kib(
         assert push.headers["authorization"] == "Bearer t"
     else:
         access_point.daemon.wait_log("http request failed")
-        time.sleep(1.2)  # a push would leave after a second
+        time.sleep(PUSH_GAP + 0.2)  # a push would leave in this time
         assert not cloud.fcm.requests
     assert_still_serving(access_point, paired_phone, ipc)
 

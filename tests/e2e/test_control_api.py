@@ -18,6 +18,7 @@ from velm_sim.cloud import Cloud
 from velm_sim.control import ControlAnswer
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import LOCAL_CLIENTS
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, Profile
 from velm_sim.ssdp import discover
@@ -84,7 +85,8 @@ def test_a_busy_daemon_tells_what_it_has_done(
         client.receive_report()
         wait_for_push(access_point)
         status = status_of(access_point)
-    assert status["localClients"]["connections"] == {"now": 1, "most": 1, "limit": 32}
+    connections = {"now": 1, "most": 1, "limit": LOCAL_CLIENTS}
+    assert status["localClients"]["connections"] == connections
     assert status["localClients"]["openRequests"] == 1
     assert status["https"]["listening"] and status["https"]["connections"]["most"] >= 1
     assert status["discovery"]["searches"] >= 1

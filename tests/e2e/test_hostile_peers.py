@@ -17,11 +17,11 @@ from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
+from velm_sim.limits import LOCAL_CLIENTS
 from velm_sim.phone import Phone, sample_location
 
 # No connection that does nothing useful is kept for longer.
 LONGEST_STALL = 45.0
-LOCAL_CLIENTS = 32
 
 
 def reset(connection: socket.socket) -> None:
@@ -402,7 +402,7 @@ def test_above_the_cap_the_quietest_local_client_leaves_and_the_others_are_serve
     assert served[0].receive().status == STATUS_NO_PAIRED_DEVICES
     newcomer = connect_ipc()
     assert served[1].receive_packet(timeout=2) == b""
-    access_point.daemon.wait_log("accept_cb - too many connections: 32")
+    access_point.daemon.wait_log(f"accept_cb - too many connections: {LOCAL_CLIENTS}")
     for client in (newcomer, served[0], *served[2:]):
         client.request()
         assert client.receive().status == STATUS_NO_PAIRED_DEVICES

@@ -16,6 +16,7 @@ from velm_harness.openapi import Contract, TextLimit
 from velm_sim.access_point import BSSIDS, AccessPoint
 from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
+from velm_sim.limits import LOGIN_ATTEMPTS
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
 
 CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
@@ -467,7 +468,7 @@ def test_the_checks_of_a_location_run_in_their_order(paired: Caller) -> None:
 
 
 def test_a_blocked_login_is_answered_like_a_wrong_one(caller: Caller) -> None:
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         assert caller.send(caller.prepare("/challenge", **WRONG)).status == 401
     for path in ("/challenge", "/pairings", "/unpair"):
         assert caller.send(caller.prepare(path)).status == 401

@@ -26,6 +26,7 @@ from velm_sim.dns import DnsServer
 from velm_sim.etc_files import ADMIN, hashed
 from velm_sim.ipc_client import STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
+from velm_sim.limits import PUSH_GAP
 from velm_sim.namespaces import Network
 from velm_sim.phone import Login, Phone, Prepared, Profile
 
@@ -284,7 +285,7 @@ def test_without_descriptors_a_push_fails_and_a_later_one_arrives(
         connections = cloud.connections
         take_descriptors(daemon)
         ipc.request()
-        time.sleep(1.5)  # the push is due after a second; no descriptor is left for the log
+        time.sleep(PUSH_GAP + 0.5)  # the push is due; no descriptor is left for the log
         assert cloud.connections == connections
         give_descriptors(daemon)
         cold_access_point.move_clock(122)

@@ -24,9 +24,9 @@ from velm_sim.ipc_client import (
     IpcClient,
     Report,
 )
+from velm_sim.limits import LOCAL_CLIENTS
 from velm_sim.phone import Phone, sample_location
 
-PLACES = 32
 LONGEST_LIST = 950  # a body holds at most 1,000 values; some are the phone's words about itself
 KERNEL_ROOM = 400  # more reports than the kernel keeps for a client that does not read
 
@@ -146,7 +146,7 @@ def test_clients_that_do_not_read_are_dropped_together_after_15_seconds(
 ) -> None:
     if not sample.whole:
         pytest.skip("takes 15 s: the time itself is measured in the tests of the connection")
-    stalled = connect_many(connect_ipc, PLACES - 1)
+    stalled = connect_many(connect_ipc, LOCAL_CLIENTS - 1)
     reader = Reader(connect_ipc(), KERNEL_ROOM)
     reader.client.timeout = 20
     begin = time.monotonic()
@@ -175,13 +175,13 @@ def connect_many(connect: Callable[[], IpcClient], count: int) -> list[IpcClient
 def test_idle_connections_of_one_program_do_not_lock_the_others_out(
     access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
 ) -> None:
-    idle = connect_many(connect_ipc, PLACES + 8)
+    idle = connect_many(connect_ipc, LOCAL_CLIENTS + 8)
     afc = connect_ipc()
     afc.request()
     assert afc.receive().status == STATUS_NO_PAIRED_DEVICES
     assert [one.receive_packet(timeout=2) for one in idle[:9]] == [b""] * 9
     assert all(one.is_silent(0) for one in idle[9:])
-    access_point.daemon.wait_log("accept_cb - too many connections: 32")
+    access_point.daemon.wait_log(f"accept_cb - too many connections: {LOCAL_CLIENTS}")
 
 
 def test_a_client_that_waits_for_its_report_keeps_its_place(
@@ -190,7 +190,7 @@ def test_a_client_that_waits_for_its_report_keeps_its_place(
     afc = connect_ipc()
     afc.request()
     cloud.fcm.wait()
-    connect_many(connect_ipc, 2 * PLACES)
+    connect_many(connect_ipc, 2 * LOCAL_CLIENTS)
     assert paired_phone.location().status == 200
     assert afc.receive_report().valid == 1
 

@@ -10,6 +10,7 @@ import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.etc_files import ADMIN, ODD_ACCOUNTS, OPEN_ACCOUNT, ROOT, crypt, hashed
 from velm_sim.lan_http import Session
+from velm_sim.limits import LOGIN_ATTEMPTS, LOGIN_BLOCK
 from velm_sim.phone import Login, Phone
 
 
@@ -75,13 +76,13 @@ def test_the_lock_is_for_everybody_and_measured_from_the_first_failure(
     access_point: AccessPoint, phone: Phone
 ) -> None:
     assert status_of(phone, "admin", "wrong") == 401
-    access_point.move_clock(50)
-    for _ in range(4):
+    access_point.move_clock(LOGIN_BLOCK - 10)
+    for _ in range(LOGIN_ATTEMPTS - 1):
         assert status_of(phone, "admin", "wrong") == 401
     assert status_of(access_point.phone(3), ADMIN.username, ADMIN.password) == 401
     access_point.reload()
     assert status_of(phone, ADMIN.username, ADMIN.password) == 401
-    access_point.move_clock(61)
+    access_point.move_clock(LOGIN_BLOCK + 1)
     assert status_of(phone, ADMIN.username, ADMIN.password) == 200
 
 
@@ -97,19 +98,20 @@ def wrong_between_right_ones(phone: Phone, names: Iterable[str]) -> list[int]:
 
 @pytest.mark.parametrize("name", ["other", "nobody-here"])
 @pytest.mark.movable_clock
-def test_a_name_is_shut_after_five_wrong_passwords_whoever_logs_in_meanwhile(
+def test_a_name_is_shut_after_too_many_wrong_passwords_whoever_logs_in_meanwhile(
     name: str, access_point: AccessPoint, phone: Phone
 ) -> None:
     access_point.etc.set_accounts([ADMIN, Login("other", "right")])
     assert set(wrong_between_right_ones(phone, [name] * 100)) == {401}
     log = access_point.log()
     looked_at = "unknown user" if name == "nobody-here" else "invalid password"
-    assert log.count(f"ERROR velm_user_auth_passwd - velm_user_auth_passwd_login - {looked_at}") == 5
-    assert log.count("seconds remained) for this user name") == 95
+    line = f"ERROR velm_user_auth_passwd - velm_user_auth_passwd_login - {looked_at}"
+    assert log.count(line) == LOGIN_ATTEMPTS
+    assert log.count("seconds remained) for this user name") == 100 - LOGIN_ATTEMPTS
     assert status_of(phone, "other", "right") == (401 if name == "other" else 200)
     access_point.reload()
     assert status_of(phone, "other", "right") == (401 if name == "other" else 200)
-    access_point.move_clock(61)
+    access_point.move_clock(LOGIN_BLOCK + 1)
     assert status_of(phone, "other", "right") == 200
 
 
@@ -118,7 +120,7 @@ def test_a_name_is_remembered_while_up_to_63_others_fail(
     access_point: AccessPoint, phone: Phone
 ) -> None:
     access_point.etc.set_accounts([ADMIN, Login("other", "right")])
-    wrong_between_right_ones(phone, ["other"] * 5)
+    wrong_between_right_ones(phone, ["other"] * LOGIN_ATTEMPTS)
     wrong_between_right_ones(phone, [f"{number}".zfill(1024) for number in range(63)])
     assert status_of(phone, "other", "right") == 401
     wrong_between_right_ones(phone, ["the 64th"])
@@ -129,7 +131,7 @@ def test_a_name_is_remembered_while_up_to_63_others_fail(
 def test_a_clock_that_is_set_back_shuts_nobody_out(
     access_point: AccessPoint, phone: Phone
 ) -> None:
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         assert status_of(phone, "admin", "wrong") == 401
     assert status_of(phone, ADMIN.username, ADMIN.password) == 401
     access_point.move_clock(-3600)

@@ -16,6 +16,7 @@ from velm_harness.version import VERSION
 from velm_sim.access_point import BSSIDS, SERIAL_NUMBER, AccessPoint
 from velm_sim.certificates import Identity, make_server
 from velm_sim.daemon import Daemon, DaemonError, wait_until
+from velm_sim.limits import LOGIN_ATTEMPTS, LOGIN_BLOCK
 
 CANNOT_LISTEN = "call failed: evhtp_bind_socket( http_server_instance, "
 UNREADABLE_CERTIFICATE = "evhtp_ssl_init(http_server_instance, http_server_ssl_config)"
@@ -418,11 +419,11 @@ def test_a_reload_keeps_the_block_of_logins_and_drops_the_challenges(
 ) -> None:
     phone = access_point.phone()
     challenge = phone.fetch_challenge()
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         assert phone.challenge({"password": "wrong"}).status == 401
     access_point.reload()
     assert phone.challenge().status == 401
-    access_point.move_clock(61)
+    access_point.move_clock(LOGIN_BLOCK + 1)
     assert phone.challenge().status == 200
     access_point.move_clock(0)  # so that the challenge has not just become too old
     assert phone.pair(challenge=challenge).status == 424

@@ -14,6 +14,7 @@ from velm_sim.cloud import Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.etc_files import hashed
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import LOGIN_ATTEMPTS
 from velm_sim.phone import Login, Phone, sample_location
 
 Document = dict[str, Any]
@@ -187,16 +188,16 @@ def test_the_story_of_a_wrong_password(
     ipc.request()
     cloud.fcm.wait()
     paired_phone.login = Login(paired_phone.login.username, "an old password")
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         assert paired_phone.challenge().status == 401
     assert paired_phone.challenge().status == 401
     story = end_the_wait(access_point)
     assert story["cause"] == "phones refused"
     wrong, blocked = story["visits"]
     assert outcome(wrong) == ("/challenge", 401, False, "user_pass_check")
-    assert (wrong["why"], wrong["times"]) == ("its user name or password is wrong", 5)
+    assert (wrong["why"], wrong["times"]) == ("its user name or password is wrong", LOGIN_ATTEMPTS)
     assert wrong["until"] >= wrong["at"]
-    assert blocked["why"] == "five wrong passwords came, so logins are blocked"
+    assert blocked["why"] == "too many wrong passwords came, so logins are blocked"
     assert blocked["hint"].endswith(" s more")
 
 

@@ -6,6 +6,7 @@ import time
 
 import pytest
 from velm_harness.storm.limits import AccessToken, Junk, Logins, Moment
+from velm_sim.limits import LOGIN_ATTEMPTS, LOGIN_BLOCK
 
 NOON = 1_000_000
 
@@ -22,31 +23,33 @@ def test_a_period_is_over_when_either_clock_says_so(
     assert moment.was_lately(NOON + wall, 60) == lately
 
 
-@pytest.mark.parametrize(("later", "allowed"), [(59, False), (60, True), (-1, True)])
-def test_five_wrong_logins_block_until_a_minute_after_the_first(later: int, allowed: bool) -> None:
+@pytest.mark.parametrize(
+    ("later", "allowed"), [(LOGIN_BLOCK - 1, False), (LOGIN_BLOCK, True), (-1, True)]
+)
+def test_wrong_logins_block_until_some_time_after_the_first(later: int, allowed: bool) -> None:
     logins = Logins()
-    for second in range(5):
+    for second in range(LOGIN_ATTEMPTS):
         assert not logins.attempt("admin", False, NOON + second)
-    assert not logins.attempt("admin", True, NOON + 5)
+    assert not logins.attempt("admin", True, NOON + LOGIN_ATTEMPTS)
     assert logins.attempt("admin", True, NOON + later) == allowed
 
 
 def test_another_name_that_logs_in_does_not_end_the_block_of_one() -> None:
     logins = Logins()
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         assert not logins.attempt("victim", False, NOON)
         assert logins.attempt("other", True, NOON)
-    assert not logins.attempt("victim", True, NOON + 59)
-    assert logins.attempt("victim", True, NOON + 60)
+    assert not logins.attempt("victim", True, NOON + LOGIN_BLOCK - 1)
+    assert logins.attempt("victim", True, NOON + LOGIN_BLOCK)
 
 
 def test_a_block_of_all_counts_nothing() -> None:
     logins = Logins()
-    for _ in range(5):
+    for _ in range(LOGIN_ATTEMPTS):
         logins.attempt("nobody", False, NOON)
     for _ in range(9):
-        logins.attempt("admin", False, NOON + 59)
-    assert logins.attempt("admin", True, NOON + 60)
+        logins.attempt("admin", False, NOON + LOGIN_BLOCK - 1)
+    assert logins.attempt("admin", True, NOON + LOGIN_BLOCK)
 
 
 def test_a_success_leaves_nothing_of_that_name() -> None:

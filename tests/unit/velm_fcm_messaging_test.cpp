@@ -123,7 +123,7 @@ class Fcm : public testing::Test {
     velm_config config{};
 };
 
-TEST_F(Fcm, ThreePairingsInSlotsZeroFourAndSevenAreSentAfterOneTwoAndThreeSeconds)
+TEST_F(Fcm, ThreePairingsInSlotsZeroFourAndSevenAreSentOneAfterAnother)
 {
     pair_slot(0, "a", "ta");
     pair_slot(4, "b", "tb");

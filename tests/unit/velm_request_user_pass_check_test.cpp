@@ -349,14 +349,14 @@ TEST_F(UserPassCheck, ExplainsARefusalWithoutNamingTheUser)
     fail_between_right_ones("eve", 4);
     EXPECT_EQ(refused("eve"),
               (std::pair<std::string, std::string>{
-                  "five wrong passwords came for its user name, so its logins are blocked",
+                  "too many wrong passwords came for its user name, so its logins are blocked",
                   "60 s more"}));
     for (int i = 0; i < 5; ++i) {
         login("admin", "wrong");
     }
     EXPECT_EQ(refused("bob"),
               (std::pair<std::string, std::string>{
-                  "five wrong passwords came, so logins are blocked", "60 s more"}));
+                  "too many wrong passwords came, so logins are blocked", "60 s more"}));
 }
 
 } // namespace

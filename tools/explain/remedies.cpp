@@ -37,7 +37,7 @@ constexpr explain_remedy checks[] = {
     {"assertion_check", "the proof that it is the genuine app",
      "Let the app ask for a new challenge and try again within a minute. If that fails again, unpair the phone and pair it anew. The clocks of the phone and the access point must be right."},
     {"user_pass_check", "the login",
-     "Enter the name and the password of the access point's account in the app. After five wrong passwords wait a minute."},
+     "Enter the name and the password of the access point's account in the app. After too many wrong passwords wait a minute."},
     {"paired_app_check", "the check of its pairing",
      "Pair this phone with the access point: it is not paired, or was paired under another device id."},
     {"device_check", "the check of its BSSID",

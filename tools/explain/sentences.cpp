@@ -5,34 +5,20 @@
 #include <string_view>
 #include <utility>
 
+#include "request/paths.h"
 #include "tools/explain/remedies.h"
 #include "tools/terminal/text.h"
 #include "tools/terminal/times.h"
 
 namespace {
 
-struct deed {
-    const char *route;
-    const char *verb;
-};
-
-// clang-format off
-constexpr deed deeds[] = {
-    {"/info",      "asked for /info"},
-    {"/challenge", "fetched a challenge"},
-    {"/pair",      "paired"},
-    {"/pairings",  "fetched the list of pairings"},
-    {"/unpair",    "ended a pairing"},
-    {"/location",  "posted its location"},
-};
-// clang-format on
-
 std::string deed_of(const control_visit &visit)
 {
     const std::string route = visit.route.value_or("");
-    const auto *const row = std::find_if(std::begin(deeds), std::end(deeds),
-                                         [&route](const deed &one) { return route == one.route; });
-    return row == std::end(deeds) ? "came" : row->verb;
+    const auto *const row =
+        std::find_if(std::begin(request_paths), std::end(request_paths),
+                     [&route](const request_path_row &one) { return route == one.path; });
+    return row == std::end(request_paths) ? "came" : row->deed;
 }
 
 std::string shown(const std::optional<std::string> &text)

@@ -6,13 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "launch/process.h"
 #include "tools/control/status.h"
 #include "tools/options/velmctl_options.h"
 
 /// Whom a reload is for, and what it says of itself.
 
-/// The platform may take 5 s to tell the LAN address.
-inline constexpr std::chrono::seconds reload_limit{15};
+/// The platform may take its whole time to tell the LAN address before the reload begins.
+inline constexpr std::chrono::seconds reload_limit = common_launch_time + std::chrono::seconds{10};
 
 enum class reload_answer { given, busy, none };
 

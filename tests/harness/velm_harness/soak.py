@@ -3,7 +3,7 @@ hundred.
 
 A round trip: a local client asks, the daemon pushes to the paired phone by the cloud, the phone
 connects, fetches a challenge, posts its location signed, the client receives that very location.
-Pushes leave a second after they were asked for, so trips do not wait for their own: the daemon's
+Pushes leave a while after they were asked for, so trips do not wait for their own: the daemon's
 clock goes on by 61 s each time, so that each request is pushed for. The pushes that the cloud saw
 are counted every hundred trips and at each measurement, where none may be missing.
 

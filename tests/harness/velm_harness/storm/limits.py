@@ -9,8 +9,8 @@ from __future__ import annotations
 import time
 from dataclasses import dataclass, field
 
-LOGIN_ATTEMPTS = 5
-LOGIN_BLOCK = 60
+from velm_sim.limits import LOGIN_ATTEMPTS, LOGIN_BLOCK
+
 TOKEN_LIFE = 3600
 JUNK_PERIOD, JUNK_LIMIT = 60, 10  # of one address
 ALL_JUNK_PERIOD, ALL_JUNK_LIMIT = 3600, 60
@@ -52,7 +52,7 @@ class Failures:
 
 @dataclass
 class Logins:
-    """Five wrong ones in a row refuse everybody, and five of one name that name."""
+    """Too many wrong ones in a row refuse everybody, and those of one name that name."""
 
     of_all: Failures = field(default_factory=Failures)
     of_names: dict[str, Failures] = field(default_factory=dict)

@@ -6,6 +6,8 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
+from velm_sim.limits import PUSH_GAP
+
 from .limits import AccessToken, Junk, Logins, Moment
 from .schedule import PAIRINGS_LIMIT
 
@@ -13,7 +15,7 @@ OWNER = "admin"  # whose account the phones use
 CHALLENGE_LIFE = 60
 PUSH_INTERVAL = 60
 GOOGLE_SILENCE = 3599
-DUE_MARGIN = 0.2  # seconds by which a push may leave before its second is over
+DUE_MARGIN = 0.2  # seconds by which a push may leave before its time
 DELETED_KEYS = (
     "dev_id", "dev_type", "name", "push_token", "dev_model", "os_version", "date_added",
     "attestation_key",
@@ -160,10 +162,10 @@ class Model:
     # The cloud.
 
     def expect_pushes(self) -> None:
-        """To all who are paired, a second apart from now on."""
+        """To all who are paired, one after another from now on."""
         begin = time.monotonic()
         live = [number for number, slot in enumerate(self.slots) if slot in self.live()]
-        self.due = {number: begin + place + 1 for place, number in enumerate(live)}
+        self.due = {number: begin + place * PUSH_GAP for place, number in enumerate(live, start=1)}
         self.pushes += [slot["push_token"] for slot in self.live()]
 
     def may_push(self) -> bool:

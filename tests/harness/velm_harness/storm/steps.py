@@ -10,6 +10,7 @@ from typing import Any
 
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import REQUEST, IpcClient
+from velm_sim.limits import LOCAL_CLIENTS
 from velm_sim.namespaces import Network
 from velm_sim.ssdp import Searcher, search_message
 
@@ -31,7 +32,6 @@ from .phones import (
 from .world import World
 
 DESCRIPTORS_IN_WORK = 16
-CLIENT_PLACES = 32
 
 
 # Local clients.
@@ -59,7 +59,7 @@ def step_crowd(world: World, client: int) -> None:
     before = world.descriptors()
     with contextlib.ExitStack() as crowd:
         idle: list[IpcClient] = []
-        for _ in range(CLIENT_PLACES):
+        for _ in range(LOCAL_CLIENTS):
             world.log.mark()
             idle.append(crowd.enter_context(IpcClient(world.access_point.socket_path)))
             world.log.wait("Connection accepted")  # no more can wait to be than a few

@@ -1,0 +1,11 @@
+"""The limits of the daemon that its peers meet: phones, local clients and their tests.
+
+src/ has each one as a constant, docs/limits.md says where. A change there is a change here.
+"""
+
+from __future__ import annotations
+
+PUSH_GAP = 1  # seconds before each push, also before the first one
+LOCAL_CLIENTS = 32  # connected at a time
+LOGIN_ATTEMPTS = 5  # wrong ones in a row; then logins are blocked
+LOGIN_BLOCK = 60  # seconds from the first of them
