@@ -11,8 +11,9 @@
 /// token, and with it the pushes that wait for one or for their turn.
 void velm_fcm_messaging_init(const velm_config *config);
 
-/// Sends one push to each live pairing. The first leaves after one second, each other one a second
-/// later. Before them an access token is asked for, unless one is held or on its way; without one
-/// nothing is sent. A pairing is read when its push is due. A 404 that is about the token unpairs the phone, unless it
-/// has paired by another one meanwhile; a 401 has a new access token asked for before the next push.
+/// Sends one push to each live pairing. Each push, also the first, leaves one gap after the one before it.
+///
+/// If no access token is held, one is asked for first. Without it nothing is sent. A pairing is read when
+/// its push is due. A 404 about the push token unpairs the phone, unless the phone has paired with another
+/// token meanwhile. After a 401 a new access token is asked for before the next push.
 void velm_fcm_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type);

@@ -5,7 +5,7 @@
 
 #include "velm_config.h"
 
-/// The HTTPS API for the phones: /info, /challenge, /pair, /pairings, /unpair, /location.
+/// The HTTPS API for the phones; request/paths.h lists its paths.
 
 /// Before anything else here; the base is borrowed for the life of the process.
 void velm_http_server_set_event_base(event_base *base);

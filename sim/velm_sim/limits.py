@@ -9,3 +9,4 @@ PUSH_GAP = 1  # seconds before each push, also before the first one
 LOCAL_CLIENTS = 32  # connected at a time
 LOGIN_ATTEMPTS = 5  # wrong ones in a row; then logins are blocked
 LOGIN_BLOCK = 60  # seconds from the first of them
+LAN_COMMAND_TIME = 5  # seconds for the command that prints the LAN address

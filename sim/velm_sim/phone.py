@@ -117,8 +117,15 @@ class Phone:
         return self.send(self.prepare("/pairings", auth=auth))
 
     def unpair(self, device_id: str | None = None, auth: Members | None = None) -> Reply:
-        members = {"unpair": {"deviceId": device_id or self.profile.device_id}}
-        return self.send(self.prepare("/unpair", members, auth=auth))
+        members = {"unpair": {"deviceId": device_id}} if device_id else None
+        return self.send(self.prepare_login("/unpair", members, auth=auth))
+
+    def prepare_login(
+        self, path: str, members: Members | None = None, *, auth: Members | None = None
+    ) -> Prepared:
+        """The right request for a path that needs a login only, with what the path itself reads."""
+        own: dict[str, Members] = {"/unpair": {"unpair": {"deviceId": self.profile.device_id}}}
+        return self.prepare(path, members or own.get(path), auth=auth)
 
     # The signed ones.
 

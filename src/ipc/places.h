@@ -14,8 +14,8 @@
 /// these the one that has been quiet longest. Each request and each arrival gets the next number: the
 /// client with the lowest number has been quiet longest.
 
-/// How many there are. Each client may have 1024 requests open and 64 packets unread: together 3 MB at
-/// worst. Local clients are a few programs of the same device.
+/// How many clients can be connected. Each may have 1024 requests open and 64 packets unread: at most
+/// 96 KiB. Local clients are a few programs of the same device.
 inline constexpr std::size_t velm_ipc_connection_limit = 32;
 
 struct velm_ipc_place {

@@ -11,8 +11,8 @@
 /// client has room for their reports. Loop thread only.
 ///
 /// The queue keeps the values of each location. Neighbouring locations with the same address, device id and
-/// BSSID share one source. Together they hold at most 512 KiB: some 9,000 locations of long lists, or some
-/// 800 that come one by one. Who asks for room first loses none.
+/// BSSID share one source. docs/limits.md says how many locations fit. A caller that asks for room first
+/// loses none.
 
 inline constexpr std::size_t location_queue_limit = std::size_t{512} * 1024;
 
@@ -22,7 +22,7 @@ struct location_source {
     json_ptr auth;
 };
 
-/// What is missing or no number is 0, and no time.
+/// A missing number is 0, and so is a member of another kind. A missing time stays empty.
 struct location_values {
     double latitude, longitude, accuracy, altitude, vertical_accuracy, rssi;
     std::optional<std::uint32_t> time; // only a whole number from 0 to 2^32-1

@@ -6,7 +6,7 @@
 #include <string>
 
 /// Asks the platform for the addresses of the LAN bridge while the loop goes on serving: the command
-/// that knows them may take its time, or hang. Loop thread only.
+/// that prints them may be slow, or hang. Loop thread only.
 
 struct velm_lan_answer {
     bool was_asked = false;               // the platform has a LAN bridge, so there was a command
@@ -25,5 +25,5 @@ void velm_lan_query_begin(velm_lan_answer_callback callback);
 /// True from velm_lan_query_begin to the call of its callback.
 [[nodiscard]] bool velm_lan_query_is_under_way();
 
-/// The same at once, blocking, for start-up; while the command runs `meanwhile` is done.
+/// For start-up: runs the command and waits for its end. Calls `meanwhile` before it waits.
 [[nodiscard]] velm_lan_answer velm_lan_query_wait(void (*meanwhile)());

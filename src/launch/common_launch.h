@@ -5,8 +5,8 @@
 
 #include "launch/process.h"
 
-/// A command under way. One that takes longer than common_launch_time is ended and has failed. It writes
-/// into a pipe: while nobody reads, it may have to wait.
+/// A command under way. After common_launch_time it is ended and has failed. The command writes into a
+/// pipe. If nobody reads, it may block.
 struct common_launched {
     std::unique_ptr<common_launch_process> pipe; // null when it could not be started
     int error = 0;                               // why not

@@ -7,11 +7,11 @@
 
 #include "handles/cjson.h"
 
-/// The one line at WARN that every refused request leaves: which check refused it and why, for which
-/// device id and address. Whoever looks after the access point finds a phone by either.
+/// The one line at WARN that every refused request leaves: which check refused it, why, and the address
+/// and the device id. An operator finds a phone by its address or its device id.
 
 /// Nothing secret belongs into `check` and `reason`. The peer and the device id may be unknown: a null
-/// id is shown as "-". What is too long of an id is cut, and control characters never reach the log.
+/// id is shown as "-". A long id is cut. Control characters never reach the log.
 void velm_request_log_refusal(const char *check, const char *reason,
                               const std::optional<in_addr> &client, const char *device_id);
 

@@ -95,6 +95,20 @@ def test_every_file_and_test_that_is_named_is_there(document: str) -> None:
     assert not missing
 
 
+def reasons() -> list[tuple[str, str, str, str]]:
+    """What docs/developing.md says of the reasons of refusals: reason, status, and two files."""
+    section = (REPOSITORY / "docs" / "developing.md").read_text().partition("| reason |")[2]
+    rows = section.partition("\n\n")[0].splitlines()[2:]
+    return [re.findall(r'"([^"]+)" \| (\d+) \| `([^`]+)` \| `([^`]+)`', row)[0] for row in rows]
+
+
+@pytest.mark.parametrize("row", reasons(), ids=lambda row: row[0])
+def test_a_reason_is_in_the_file_that_is_named_for_it(row: tuple[str, str, str, str]) -> None:
+    reason, _status, literal, read = row
+    assert f'"{reason}"' in (REPOSITORY / literal).read_text()
+    assert (REPOSITORY / read).is_file()
+
+
 def protections() -> list[tuple[str, str]]:
     """The checks of SECURITY.md, each with what it is shown by."""
     section = (REPOSITORY / "SECURITY.md").read_text().partition("## What each check protects")[2]

@@ -7,6 +7,7 @@ import json
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.phone_api import LOGIN_PATHS
 from velm_sim.access_point import AccessPoint
 from velm_sim.certificates import DAY, make_authority, now, p256, p384
 from velm_sim.daemon import wait_until
@@ -15,8 +16,7 @@ from velm_sim.ipc_client import HEADER, REPORT, REQUEST, IpcClient
 from velm_sim.lan_http import read_until_closed
 from velm_sim.phone import OMIT, Phone, Prepared
 
-LOGIN_PATHS = ("/challenge", "/pairings", "/unpair")
-SIGNED_PATHS = ("/pair by attestation", "/pair by assertion", "/location")
+SIGNED_REQUESTS = ("/pair by attestation", "/pair by assertion", "/location")
 # What the machine of the checks says of a request that is refused with this status.
 BROKEN = {400: "break: 1", 424: "break: 2", 412: "break: 3", 401: "break: 4", 404: "break: 5"}
 
@@ -40,8 +40,7 @@ def prepare(phone: Phone, path: str, **changes: object) -> Prepared:
         return phone.prepare_pair(by="assertion", **changes)
     if path == "/location":
         return phone.prepare_location(**changes)
-    members = {"unpair": {"deviceId": phone.profile.device_id}} if path == "/unpair" else None
-    return phone.prepare(path, members, **changes)  # type: ignore[arg-type]
+    return phone.prepare_login(path, **changes)  # type: ignore[arg-type]
 
 
 # Refused before any route looks at it.
@@ -123,7 +122,7 @@ BODIES: dict[str, tuple[bytes | None, str]] = {
 }
 
 
-@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_REQUESTS])
 def test_a_bad_body_of(
     path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
 ) -> None:
@@ -154,7 +153,7 @@ def bad_auths() -> dict[str, dict[str, object]]:
     return made
 
 
-@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_REQUESTS])
 def test_a_bad_member_of_auth_of(
     path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
 ) -> None:
@@ -165,7 +164,7 @@ def test_a_bad_member_of_auth_of(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
-@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_PATHS])
+@pytest.mark.parametrize("path", [*LOGIN_PATHS, *SIGNED_REQUESTS])
 def test_a_wrong_login_of(
     path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
 ) -> None:

@@ -7,22 +7,18 @@ import json
 from collections.abc import Callable
 from contextlib import ExitStack, nullcontext
 from dataclasses import dataclass
-from pathlib import Path
 from typing import Any
 
 import jsonschema
 import pytest
-from velm_harness.openapi import Contract, TextLimit
+from velm_harness.openapi import TextLimit
+from velm_harness.phone_api import BODY_PATHS, CONTRACT, LOGIN_PATHS, PATHS
 from velm_sim.access_point import BSSIDS, AccessPoint
 from velm_sim.ipc_client import IpcClient
 from velm_sim.lan_http import Reply, read_until_closed
 from velm_sim.limits import LOGIN_ATTEMPTS
 from velm_sim.phone import OMIT, Phone, Prepared, changed, encode, sample_location
 
-CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
-PATHS = list(CONTRACT.operations())
-BODY_PATHS = [path for path in PATHS if CONTRACT.body_schema(path)]
-SIGNED_PATHS = ["/pair", "/location"]
 # Nobody but a library that fails inside brings this about; the document says so.
 UNPROVOKED = 500
 PENDING_CHALLENGES = 1000
@@ -438,7 +434,7 @@ def test_a_proof_that_is_no_base64(path: str, header: str, status: int, paired: 
         assert paired.send(with_text(paired, limit, value)).status == status, value
 
 
-@pytest.mark.parametrize("path", ["/challenge", "/pairings", "/unpair"])
+@pytest.mark.parametrize("path", LOGIN_PATHS)
 def test_a_login_alone_takes_no_notice_of_a_challenge(path: str, paired: Caller) -> None:
     assert paired.send(paired.prepare(path, auth={"challenge": "x" * 2000})).status == 200
 
@@ -470,7 +466,7 @@ def test_the_checks_of_a_location_run_in_their_order(paired: Caller) -> None:
 def test_a_blocked_login_is_answered_like_a_wrong_one(caller: Caller) -> None:
     for _ in range(LOGIN_ATTEMPTS):
         assert caller.send(caller.prepare("/challenge", **WRONG)).status == 401
-    for path in ("/challenge", "/pairings", "/unpair"):
+    for path in LOGIN_PATHS:
         assert caller.send(caller.prepare(path)).status == 401
 
 

@@ -17,6 +17,7 @@ import time
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.phone_api import LOGIN_PATHS
 from velm_harness.promptness import assert_prompt, latencies
 from velm_sim.access_point import SERIAL_NUMBER, AccessPoint
 from velm_sim.answers import SILENCE, Answer
@@ -65,16 +66,12 @@ LEAVINGS = {"reset": leave_by_reset, "close": leave_properly}
 SLOWLY = {"username": SLOW.username}
 
 REQUESTS: dict[str, Callable[[Phone], Prepared]] = {
-    "/challenge": lambda phone: phone.prepare("/challenge", auth=SLOWLY),
+    **{path: lambda phone, path=path: phone.prepare_login(path, auth=SLOWLY) for path in LOGIN_PATHS},
     "/pair by attestation": lambda phone: phone.prepare_pair(
         auth=SLOWLY, pair={"friendlyName": "Changed"}
     ),
     "/pair by assertion": lambda phone: phone.prepare_pair(
         by="assertion", auth=SLOWLY, pair={"friendlyName": "Changed"}
-    ),
-    "/pairings": lambda phone: phone.prepare("/pairings", auth=SLOWLY),
-    "/unpair": lambda phone: phone.prepare(
-        "/unpair", {"unpair": {"deviceId": phone.profile.device_id}}, auth=SLOWLY
     ),
     "/location": lambda phone: phone.prepare_location(auth=SLOWLY),
 }

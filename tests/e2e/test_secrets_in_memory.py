@@ -8,6 +8,7 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 
 import pytest
+from velm_harness.phone_api import LOGIN_PATHS
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.phone import OMIT, Login, Phone, Prepared, sample_location
@@ -107,10 +108,7 @@ REQUESTS: dict[str, tuple[Callable[[Phone], Prepared], int]] = {
     "a pairing by assertion": (lambda phone: phone.prepare_pair(by="assertion"), 200),
     "a location": (lambda phone: phone.prepare_location(), 200),
     "locations": (lambda phone: phone.prepare_location([sample_location()] * 20), 200),
-    "a removal": (
-        lambda phone: phone.prepare("/unpair", {"unpair": {"deviceId": phone.profile.device_id}}),
-        200,
-    ),
+    **{path: (lambda phone, path=path: phone.prepare_login(path), 200) for path in LOGIN_PATHS},
 }
 
 

@@ -2,14 +2,11 @@
 
 from __future__ import annotations
 
-from pathlib import Path
-
 import jsonschema
 import pytest
-from velm_harness.openapi import Contract, ContractError
+from velm_harness.openapi import ContractError
+from velm_harness.phone_api import CONTRACT
 from velm_sim.lan_http import Reply
-
-CONTRACT = Contract(Path(__file__).resolve().parents[2] / "docs" / "http-api.yaml")
 
 
 @pytest.mark.parametrize(

@@ -231,6 +231,11 @@ class Contract:
         content = self.resolve(operation["requestBody"])["content"]
         return dict(content["application/json"]["schema"])
 
+    def headers(self, path: str) -> list[str]:
+        """Those that the document names for a request, needed or not."""
+        parameters = self.operations()[path].get("parameters", [])
+        return [self.resolve(parameter)["name"] for parameter in parameters]
+
     def text_limits(self, path: str) -> list[TextLimit]:
         """Every limited text of a request: headers first, then the body's members."""
         limits = []
