@@ -9,8 +9,8 @@
 
 /// Decides whether a phone is a genuine copy of the app on a genuine device.
 
-/// Remembers the configuration (borrowed) and loads the keys and the root certificate; problems are
-/// logged and leave what an earlier run loaded in force. Runs again on reload.
+/// Remembers the configuration (borrowed) and loads the keys and the root certificate. Problems are
+/// logged, and what an earlier run loaded stays in use. Runs again on reload.
 void velm_attestation_engine_init(const velm_config *config);
 
 struct velm_attestation_result {

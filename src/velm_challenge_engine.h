@@ -1,8 +1,8 @@
 #pragma once
 
-/// One-time challenges: issued to a phone, accepted back exactly once. 32 lower-case hexadecimal
-/// digits (16 random bytes); each lives 60 s, also when the clock is set back meanwhile; at most 1000
-/// wait at a time.
+/// One-time challenges: issued to a phone, accepted back exactly once. Each has 32 lower-case
+/// hexadecimal digits (16 random bytes). It lives 60 s, also when the clock is set back meanwhile.
+/// At most 1000 wait at a time.
 
 /// Forgets every challenge. Called at start and on each reload.
 void velm_challenge_engine_init();

@@ -11,7 +11,7 @@
 /// Remembers the configuration (borrowed), forgets the last push, initialises the FCM sender.
 void velm_cloud_messaging_init(const velm_config *config);
 
-/// Pushes to every paired phone, at most once in 60 s; a push inside those is dropped.
+/// Pushes to every paired phone, at most once in 60 s. A request within these 60 s makes no push.
 /// `timeout` is in seconds.
 void velm_cloud_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type);
 

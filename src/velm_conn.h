@@ -13,17 +13,17 @@
 
 /// One connection of the location-policy IPC: a connected SOCK_SEQPACKET socket on the loop.
 ///
-/// What is written leaves as a packet of its own, or not at all. While the peer does not read, up
-/// to 64 packets wait; one more ends the connection. So do 15 s of waiting, added up until the peer
-/// has read all that was sent to it: one that reads a packet now and then gets no new 15 s for each.
-/// What is read goes into the frame parser in pieces of at most 1024 bytes, one packet a turn of the
-/// loop; after a packet of more than 4096 bytes the connection is not
-/// read for 63 times as long as the packet took, 2 s at most, so that others are served. There is no
-/// read time-out: a client may stay silent for ever.
+/// Each write leaves as one packet, or not at all. While the peer does not read, up to 64 packets
+/// wait. One more ends the connection. 15 s of waiting end it too. They add up until the peer has
+/// read all that was sent: a packet that it reads earns it little time.
 ///
-/// An error or the end of the stream marks the connection closed, once: its socket is given back
-/// at that moment, what still waited is dropped, and nothing is read or written any more. The
-/// object itself lives until its owner destroys it, so it may end inside any call made on it.
+/// The frame parser gets what is read in pieces of at most 1024 bytes. One packet is read per turn
+/// of the loop. After a packet of more than 4096 bytes the connection rests, so that others are
+/// served (docs/limits.md). There is no time-out for reading: a client may stay silent for ever.
+///
+/// An error or the end of the stream marks the connection closed, once. Its socket is given back at
+/// that moment, and what waited is dropped. After that nothing is read or written. The object lives
+/// until its owner destroys it, so the connection may end inside any call.
 
 struct velm_conn;
 struct velm_ipc;

@@ -6,9 +6,9 @@
 
 /// Sends the push to each paired phone through the FCM HTTP v1 API.
 
-/// Remembers the configuration (borrowed) and loads the service-account key; a missing file is
-/// logged and leaves an earlier key in use, without which pushes fail. A new key drops the access
-/// token, and with it the pushes that wait for one or for their turn.
+/// Remembers the configuration (borrowed) and loads the service-account key. If the file is
+/// missing, the log says so and an earlier key stays in use. Without a key pushes fail. A new key
+/// drops the access token, and with it the pushes that wait for a token or for their turn.
 void velm_fcm_messaging_init(const velm_config *config);
 
 /// Sends one push to each live pairing. Each push, also the first, leaves one gap after the one before it.

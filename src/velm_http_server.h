@@ -27,9 +27,9 @@ void velm_http_server_address_came();
 /// The certificate that phones are shown; null when nobody is served. Borrowed until the loop goes on.
 [[nodiscard]] const X509 *velm_http_server_certificate();
 
-/// Binds and serves; ends a running server first. A certificate or key that cannot be used is fatal,
-/// and so is a bind that fails, but for an address that no interface has: that is one ERROR line, and
-/// the bind is tried again until it succeeds or the server is stopped (lan/wait.h). A port of 0
-/// means no server. Runs inside the loop.
+/// Binds and serves; ends a running server first. A certificate or key that cannot be used is
+/// fatal. So is a bind that fails, with one exception: an address that no interface has. That is
+/// one ERROR line, and the bind is tried again until it succeeds or the server is stopped
+/// (lan/wait.h). Port 0 means no server. Runs inside the loop.
 void http_server_start();
 void http_server_stop();

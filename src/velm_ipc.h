@@ -8,13 +8,13 @@
 #include "handles/handle.h"
 #include "ipc/places.h"
 
-/// The location-policy IPC: listens on a Unix socket (SOCK_SEQPACKET), keeps the connections and
-/// the requests that wait for an answer, and sends answers and reports. The same object can also
+/// The location-policy IPC. It listens on a Unix socket (SOCK_SEQPACKET), and keeps the connections
+/// and the requests that wait for an answer. It sends answers and reports. The same object can also
 /// be a client that connects to such a server and keeps reconnecting. Loop thread only.
 ///
-/// A request waits at most 600 s; of one connection at most 1024 wait, and one more is answered with
-/// busy. Whatever a connection left behind goes with it. At most 32 are connected; one more gets the
-/// place of another (ipc/places.h).
+/// A request waits at most 600 s. Of one connection at most 1024 requests wait; one more is
+/// answered with busy. A connection that ends takes its requests with it. The number of connections
+/// has a limit too: one more client gets the place of another (ipc/places.h).
 
 struct velm_ipc;
 

@@ -7,18 +7,19 @@
 #include "request/kept.h"
 #include "velm_config.h"
 
-/// Runs the checks that a route asks for, one after another on the loop, while the request is
-/// paused, and hands the result to the route. The break codes, the choice of checks and the report of
-/// a check are in request/checks.h, the body parser in request/body.h.
+/// Runs the checks that a route asks for, one after another on the loop. The request is paused
+/// meanwhile. Then the route gets the result. request/checks.h has the break codes, the choice of
+/// checks and the report of a check. request/body.h has the parser of the body.
 
 void velm_request_preprocessor_init(const velm_config *config);
 
-/// A record in its first state; it owns itself from start on and goes when the callback returned.
+/// A record in its first state. From its start on it owns itself. It ends when the callback has
+/// returned.
 [[nodiscard]] velm_request_preprocessor *
 velm_request_preprocessor_create(const velm_request_checks &checks);
 
-/// Borrows the (paused) request and watches it: when its connection is freed, the record forgets it
-/// and ends at its next step without calling anybody.
+/// Borrows the paused request and watches it. When the connection of the request is freed, the
+/// record forgets the request, and ends at its next step without calling anybody.
 void velm_request_preprocessor_attach_request(velm_request_preprocessor *preprocessor,
                                               evhtp_request_t *request);
 void velm_request_preprocessor_set_callback(velm_request_preprocessor *preprocessor,

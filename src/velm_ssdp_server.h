@@ -14,14 +14,16 @@ void velm_ssdp_server_set_event_base(event_base *base);
 /// Remembers the configuration (borrowed). Runs again before every start.
 void velm_ssdp_server_init(const velm_config *config);
 
-/// Answers from now on, for the LAN address, HTTP port and MAC address of the configuration; ends a
-/// running server first. With port 0, or when the MAC address cannot be read or no socket be made,
-/// there is none, with a line in the log. A group that cannot be joined is logged; while no interface
-/// has the LAN address, joining is tried again (lan/wait.h). A port that cannot be bound is fatal.
+/// Answers from now on, for the LAN address, HTTP port and MAC address of the configuration. Ends a
+/// running server first. With port 0 there is no discovery. With a MAC address that cannot be read,
+/// or without a socket, there is none either, and the log says so. If the group cannot be joined,
+/// the log says so. While no interface has the LAN address, joining is tried again (lan/wait.h). A
+/// port that cannot be bound is fatal.
 void ssdp_server_start();
 
-/// An interface has got this address; null: any may have come. When it is the LAN address, the group
-/// is joined again: a membership dies with its interface, and the one that has come may be another.
+/// An interface has got this address; null: any may have come. If it is the LAN address, the group
+/// is joined again. A membership dies with its interface, and the interface that has come may be
+/// another one.
 void velm_ssdp_server_address_came(const char *address);
 
 void ssdp_server_stop();

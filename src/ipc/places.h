@@ -7,12 +7,12 @@
 #include <optional>
 #include <span>
 
-/// Who gives way when every place of the location-policy IPC is taken and one more client comes.
+/// Which client gives way when every place of the location-policy IPC is taken and one more comes.
 ///
-/// A program that forgets to close its connections must not shut the others out: the place comes from
-/// the user id that holds most places. Of its clients those without an open request go first, and of
-/// these the one that has been quiet longest. Each request and each arrival gets the next number: the
-/// client with the lowest number has been quiet longest.
+/// A program that forgets to close its connections must not shut the others out. So the user id that
+/// holds most places loses one. Of its clients, those without an open request go first. Of these, the
+/// one that has been quiet longest goes. Each request and each arrival gets the next number: the client
+/// with the lowest number has been quiet longest.
 
 /// How many clients can be connected. Each may have 1024 requests open and 64 packets unread: at most
 /// 96 KiB. Local clients are a few programs of the same device.

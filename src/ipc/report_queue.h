@@ -16,7 +16,7 @@
 
 inline constexpr std::size_t location_queue_limit = std::size_t{512} * 1024;
 
-/// Who sent it: the address, and "deviceId" and "bssid" of the request, each as far as it is a text.
+/// The sender: the address, and "deviceId" and "bssid" of the request, each if it is a text.
 struct location_source {
     std::string ip;
     json_ptr auth;

@@ -6,9 +6,9 @@
 /// Keeps the servers on an address that the LAN bridge has, whatever comes and goes there. Loop
 /// thread only.
 
-/// Remembers the record (borrowed). When the platform names a LAN bridge, and the bridge has
-/// addresses but no longer the one in use, its first address is put into the record. To be called
-/// before the servers start: an address that was read may have gone, or not have come, meanwhile.
+/// Remembers the record (borrowed). Call it before the servers start: an address that was read may
+/// have gone meanwhile, or another may have come. If the platform's LAN bridge has addresses but no
+/// longer the one in use, its first address is put into the record.
 void velm_lan_settle(velm_config *config, bool platform_has_bridge);
 
 /// The observer of new addresses (common_netlink_callback): moves the servers to one that the bridge

@@ -18,8 +18,9 @@ using velm_lan_answer_callback = void (*)(velm_lan_answer answer);
 /// Before velm_lan_query_begin. The base is borrowed for the life of the process.
 void velm_lan_query_set_event_base(event_base *base);
 
-/// Starts the command. `callback` is called once: from the loop when the command has ended or its time
-/// is over, or inside this call when there is nothing to wait for. One at a time.
+/// Starts the command and calls `callback` once. The call comes from the loop when the command has
+/// ended or its time is over. If there is nothing to wait for, it comes inside this call. One query
+/// at a time.
 void velm_lan_query_begin(velm_lan_answer_callback callback);
 
 /// True from velm_lan_query_begin to the call of its callback.

@@ -35,9 +35,9 @@ struct common_logger_observer {
                                                      const char *file, int line, const char *format,
                                                      ...);
 
-/// The same for a line that must not be lost: when no output but the observer has it, because the log
-/// is off, the level is not written or the file cannot be, it goes to standard error. Allocates
-/// nothing.
+/// The same for a line that must not be lost. The log may be off, the level not written, or the
+/// file not writable. If then no output but the observer has the line, it goes to standard error.
+/// Allocates nothing.
 [[gnu::format(printf, 5, 6)]] void common_logger_tell(const char *category, int level,
                                                       const char *file, int line,
                                                       const char *format, ...);

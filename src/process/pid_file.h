@@ -4,10 +4,10 @@
 
 #include "handles/fd.h"
 
-/// The pid file of a daemon in the background: "%ld\n", mode 0644. Whoever runs holds a lock on it for
-/// as long as it lives, its children by fork included, so a second daemon for the same file is noticed,
-/// and a file that a dead one left is taken over. The kernel lets go of the lock; nobody removes the
-/// file.
+/// The pid file of a daemon in the background: "%ld\n", mode 0644. The running daemon holds a
+/// lock on it for as long as it lives, its children by fork included. So a second daemon for the same
+/// file is noticed, and a file that a dead daemon left is taken over. The kernel lets go of the lock;
+/// nobody removes the file.
 
 struct velm_pid_file {
     unique_fd file; // none: it cannot be opened, or another process holds it
@@ -17,8 +17,8 @@ struct velm_pid_file {
 };
 
 /// Opens and locks the file, and empties it: its pid is nobody's now. A file that another process holds
-/// stays as it is; of one that is taken over no more is left of its mode than 0644. A relative path counts from "/". What is no regular file is not locked, nor is
-/// one of a file system without locks.
+/// stays as it is. The mode of a file that is taken over is narrowed to at most 0644. A relative path counts
+/// from "/". A file that is not regular is not locked, nor is a file of a file system without locks.
 [[nodiscard]] velm_pid_file velm_pid_file_claim(const char *path);
 
 /// Writes the pid of this process. False when that fails.
