@@ -71,7 +71,8 @@ def test_the_newest_changes_are_those_of_the_version_that_is_built() -> None:
     assert newest and newest.group(1) == VERSION
 
 
-NAMES_TESTS = ("SECURITY.md", "docs/faults.md", "docs/limits.md", "docs/testing.md")
+NAMES_TESTS = ("SECURITY.md", "docs/developing.md", "docs/faults.md", "docs/limits.md",
+               "docs/testing.md")  # fmt: skip
 
 
 @pytest.mark.parametrize("document", NAMES_TESTS)
@@ -81,7 +82,7 @@ def test_every_file_and_test_that_is_named_is_there(document: str) -> None:
     code = "\n".join(path.read_text() for path in (REPOSITORY / "tests").rglob("test_*.py"))
     missing = []
     for name in re.findall(r"`([^`\s]+)`", text):
-        if re.fullmatch(r"(u|e|src|tests|sim|fuzz|docs|platform|tools|scripts)/[\w./*-]+", name):
+        if re.fullmatch(r"(u|e|src|tests|sim|fuzz|docs|platform|packaging|include|etc|tools|scripts)/[\w./*-]+", name):
             path = full_path(re.sub(r"NAME|TARGET", "*", name))
             there = any(path.parent.glob(path.name))
         elif re.fullmatch(r"\w+\.(py|c)", name):
