@@ -22,6 +22,7 @@ install_peers() (
 )
 install_peers
 
-./scripts/build.sh release velmd velmctl nvram velm-https-load velm-micro velm-bench velm-load
+./scripts/build.sh release velmd velmctl nvram velm-https-load velm-micro velm-bench velm-load \
+    velm-round-floor velm-round-clock velm-round-heap
 
 PYTHONPATH=sim:bench exec /usr/bin/python3 -B -m velm_bench --output build/bench "$@"

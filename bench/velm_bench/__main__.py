@@ -19,7 +19,7 @@ from velm_sim.access_point import AccessPoint, Credentials
 from velm_sim.build import Build
 from velm_sim.namespaces import Network, remove_stale
 
-from . import https, idle, micro
+from . import https, idle, micro, rounds
 from .figures import Figure, Verdict, table, write
 from .https import FULL, QUICK, Bench, Extent
 from .load import LoadClient
@@ -118,6 +118,12 @@ def measure_steps(run: Run, build: Build, extent: Extent) -> None:
     run.take("steps in process", lambda: micro.micro(programs, extent.micro_seconds))
 
 
+def measure_rounds(run: Run, build: Build, extent: rounds.Extent) -> None:
+    with rounds.prepared(build) as setting:
+        for name, part in rounds.parts(setting, extent):
+            run.take(name, part)
+
+
 def machine() -> dict[str, object]:
     model = "unknown"
     with contextlib.suppress(OSError):
@@ -144,6 +150,7 @@ def main() -> int:
     os.sync()
     build, run, about = Build(given.build), Run(), machine()
     measure_servers(run, build, extent)
+    measure_rounds(run, build, rounds.QUICK if given.quick else rounds.FULL)
     measure_steps(run, build, extent)
     write(run.figures, about, given.output, svg(run.figures))
     print(table(run.figures))

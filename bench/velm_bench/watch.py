@@ -2,14 +2,19 @@
 
 from __future__ import annotations
 
+import contextlib
+import ctypes
 import os
 import re
 import signal
 import subprocess
 import time
-from collections.abc import Mapping
+from collections import Counter
+from collections.abc import Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
+
+from velm_sim.daemon import wait_until
 
 _CALL = re.compile(r"(?:\[pid +(\d+)\] )?\w+\(")
 
@@ -42,6 +47,18 @@ def wakeups(pid: int) -> int:
     found = re.search(r"^voluntary_ctxt_switches:\s+(\d+)", text, re.M)
     assert found
     return int(found.group(1))
+
+
+# Of the machines that Linux knows: x86-64 has both of them, arm64 the second.
+_WAITS = {"epoll_wait": ("232",), "epoll_pwait": ("281", "22")}
+
+
+def next_timer_ms(pid: int) -> int | None:
+    """How long an event loop that sleeps may sleep at most; -1 for ever, None when it does not sleep."""
+    words = Path(f"/proc/{pid}/syscall").read_text().split()
+    if words[0] not in {number for numbers in _WAITS.values() for number in numbers}:
+        return None
+    return ctypes.c_int32(int(words[4], 16) & 0xFFFFFFFF).value
 
 
 @dataclass(frozen=True)
@@ -78,6 +95,29 @@ def system_calls(pids: Mapping[str, int], seconds: float) -> dict[str, int]:
     return {
         name: _entered(tracer.communicate(timeout=10)[1]) for name, tracer in tracers.items()
     }
+
+
+@contextlib.contextmanager
+def traced(pid: int, into: Path) -> Iterator[None]:
+    """Every system call of the process goes to the file, one a line, while this lasts."""
+    tracer = subprocess.Popen(["strace", "-qq", "-f", "-o", str(into), "-p", str(pid)])
+    try:
+        wait_until(lambda: _is_traced(pid), 10, "strace does not attach")
+        yield
+    finally:
+        tracer.send_signal(signal.SIGINT)
+        tracer.wait(timeout=10)
+
+
+def _is_traced(pid: int) -> bool:
+    return "TracerPid:\t0\n" not in Path(f"/proc/{pid}/status").read_text()
+
+
+def calls_by_name(trace: str) -> Counter[str]:
+    """Of a trace that names the process in each line; without the wait in which it slept at the begin,
+    if the tracer came early enough to see that."""
+    names: list[str] = re.findall(r"^\d+ +(\w+)\(", trace, re.M)
+    return Counter(names[1:] if names and names[0] in (*_WAITS, "restart_syscall") else names)
 
 
 def _entered(trace: str) -> int:

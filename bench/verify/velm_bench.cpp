@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,6 +26,7 @@ namespace {
 
 constexpr char usage[] =
     "usage: velm-bench attest|assert|integrity DIR N\n"
+    "       velm-bench round [--quick] [--rounds N]\n"
     "Runs the daemon's verification N times on files of DIR and prints one line,\n"
     "\"us_per_op WALL CPU\": microseconds an operation, by the clock and of the processor.\n"
     "\n"
@@ -40,6 +42,9 @@ constexpr char usage[] =
     "An attestation counts only while its certificates are valid: for an old one give the clock\n"
     "with faketime(1). A token is judged by every rule of the verdict, but the files hold no\n"
     "request: message digest, package name and clock are taken from the verdict itself.\n"
+    "\n"
+    "\"round\" measures whole rounds of a daemon in a network namespace, as root:\n"
+    "bench/README.md says how.\n"
     "\n"
     "Exit status: 0, or 1 when an object is refused or a file is missing, with the reasons.\n";
 
@@ -196,10 +201,42 @@ std::optional<long> count_parse(std::string_view text)
     return whole && count > 0 && count <= most_operations ? std::optional{count} : std::nullopt;
 }
 
+/// Those with a whole daemon, its phones and its cloud are programs in python.
+struct scenario_row {
+    std::string_view name;
+    const char *module;
+};
+constexpr scenario_row scenarios[] = {
+    {"round", "velm_bench.rounds"},
+};
+
+/// Becomes that program.
+int scenario_run(const scenario_row &row, std::span<char *const> arguments)
+{
+    constexpr char python[] = "/usr/bin/python3";
+    std::vector<std::string> words = {python, "-B", "-m", row.module, "--build", VELM_BENCH_BUILD};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char *> given;
+    for (std::string &word : words) {
+        given.push_back(word.data());
+    }
+    given.push_back(nullptr);
+    setenv("PYTHONPATH", VELM_BENCH_SOURCE "/sim:" VELM_BENCH_SOURCE "/bench", 1);
+    execv(python, given.data());
+    give_up(std::string{"cannot run "} + python);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    const std::string_view first = argc > 1 ? argv[1] : "";
+    const auto scenario =
+        std::find_if(std::begin(scenarios), std::end(scenarios),
+                     [first](const scenario_row &row) { return row.name == first; });
+    if (scenario != std::end(scenarios)) {
+        return scenario_run(*scenario, std::span{argv, static_cast<std::size_t>(argc)}.subspan(2));
+    }
     if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
         std::fputs(usage, stdout);
         return 0;

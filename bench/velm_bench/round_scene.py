@@ -1,0 +1,292 @@
+"""A round as it happens on a device, on the loopback of one namespace: a local client asks, velmd pushes,
+a phone comes with its location, the client has the report."""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import struct
+import subprocess
+import tempfile
+import time
+from collections.abc import Callable, Iterator, Sequence
+from dataclasses import dataclass
+from pathlib import Path
+
+from velm_sim.access_point import AccessPoint, Credentials
+from velm_sim.build import Build
+from velm_sim.cloud import HOSTS, Cloud
+from velm_sim.daemon import wait_until
+from velm_sim.etc_files import ADMIN
+from velm_sim.ipc_client import IpcClient
+from velm_sim.namespaces import Network, remove_stale
+from velm_sim.phone import Phone, Profile
+
+from .https import ordinary_hash
+from .micro import integrity_objects, required
+from .servers import ADDRESS
+from .watch import CLIENT_CORE, SERVER_CORE, cpu_us, end, next_timer_ms, pin, wakeups
+
+CLOUD_ADDRESS = "127.0.1.1"
+SOURCES = tuple(f"127.0.0.{host}" for host in range(2, 66))
+# velmd pushes once in that time by its clock, which is moved. There and back, so that the access
+# token, fetched before the first step, stays good.
+STEP_S = 61
+# A timer that is due later belongs to an open request, which velmd keeps for ten minutes.
+DUE_SOON_MS = 5000
+PATIENCE_S = 10.0
+
+
+@dataclass(frozen=True)
+class Round:
+    """What one round cost velmd, from the request until nothing is due any more."""
+
+    cpu_us: float
+    visit_cpu_us: float  # of it, from the phones' coming on
+    wakeups: int
+    wait_us: float  # from the phone's coming to the report, without the phone's own time
+    last_report_us: float  # from the first phone's coming to the last report, all in all
+
+
+@dataclass
+class Scene:
+    """A daemon with its phones paired and its access token at hand."""
+
+    access_point: AccessPoint
+    cloud: Cloud
+    phones: Sequence[Phone]
+    clock: Path
+    _step: int = 0
+
+    @property
+    def pid(self) -> int:
+        return self.access_point.daemon.pid
+
+    def settle(self, longer_than_ms: int = DUE_SOON_MS) -> None:
+        """Until velmd sleeps and nothing is due soon."""
+
+        def nothing_is_due() -> bool:
+            due = next_timer_ms(self.pid)
+            return due is not None and (due < 0 or due > longer_than_ms)
+
+        wait_until(nothing_is_due, PATIENCE_S, "velmd has something to do all the time")
+
+    def timers_left(self) -> int:
+        """With no local client connected any more; 0 when velmd would sleep for ever."""
+        with contextlib.suppress(TimeoutError):
+            wait_until(lambda: next_timer_ms(self.pid) == -1, PATIENCE_S, "a timer is left")
+        return 0 if next_timer_ms(self.pid) == -1 else 1
+
+    def client(self) -> contextlib.AbstractContextManager[IpcClient]:
+        return contextlib.closing(IpcClient(self.access_point.socket_path, PATIENCE_S))
+
+    def round(
+        self, visit: Callable[[Sequence[Phone]], float] | None = None, reports: int = 1
+    ) -> Round:
+        """`visit` is what the phones do after the pushes; it tells how long they themselves took."""
+        with self.client() as client:
+            self._move_clock()
+            self.settle()
+            before, woken, pushed = cpu_us(self.pid), wakeups(self.pid), len(self.cloud.fcm.requests)
+            client.request()
+            self.cloud.fcm.wait(pushed + len(self.phones), PATIENCE_S + len(self.phones))
+            self.wait_for_answers()
+            came, at = cpu_us(self.pid), time.perf_counter_ns()
+            own_us = (visit or one_phone)(self.phones)
+            for _ in range(reports):
+                client.receive_report()
+            took_us = (time.perf_counter_ns() - at) / 1000
+            self.settle()
+            return Round(
+                cpu_us(self.pid) - before, cpu_us(self.pid) - came, wakeups(self.pid) - woken,
+                took_us - own_us, took_us,
+            )  # fmt: skip
+
+    def visits(self, visit: Callable[[Sequence[Phone]], float], reports: int) -> Round:
+        """The phones come without a push."""
+        with self.client() as client:
+            self.settle()
+            before, woken, at = cpu_us(self.pid), wakeups(self.pid), time.perf_counter_ns()
+            own_us = visit(self.phones)
+            for _ in range(reports):
+                client.receive_report()
+            took_us = (time.perf_counter_ns() - at) / 1000
+            self.settle()
+            spent = cpu_us(self.pid) - before
+            return Round(spent, spent, wakeups(self.pid) - woken, took_us - own_us, took_us)
+
+    def _move_clock(self) -> None:
+        self._step = 2 if self._step == 1 else 1
+        move_clock(self.clock, self._step * STEP_S)
+        for phone in self.phones:
+            if hasattr(phone, "clock_offset"):
+                phone.clock_offset = float(self._step * STEP_S)
+        self.cloud.clock_offset = float(self._step * STEP_S)
+
+    def wait_for_answers(self) -> None:
+        wait_until(lambda: not self.cloud.open_connections, PATIENCE_S, "a push is not answered")
+
+
+def move_clock(file: Path, seconds: int) -> None:
+    """In place: velmd has the file mapped."""
+    with open(file, "r+b", buffering=0) as opened:
+        opened.write(struct.pack("=q", seconds))
+
+
+def one_phone(phones: Sequence[Phone]) -> float:
+    """The first phone comes with a new connection; how long it itself took."""
+    begin = time.thread_time_ns()
+    come(phones[0])
+    return (time.thread_time_ns() - begin) / 1000
+
+
+def come(phone: Phone) -> None:
+    with phone.host.session() as session:
+        reply = phone.send(phone.prepare("/challenge"), session)
+        if reply.status != 200:
+            raise RuntimeError(f"/challenge answered {reply.status}")
+        located = phone.prepare_location(challenge=reply.json()["challenge"])
+        reply = phone.send(located, session)
+        if reply.status != 200:
+            raise RuntimeError(f"/location answered {reply.status}")
+
+
+def pair(phone: Phone) -> None:
+    if phone.pair().status != 200:
+        raise RuntimeError("a phone cannot be paired")
+
+
+@dataclass(frozen=True)
+class Kind:
+    """By what the phones prove themselves."""
+
+    name: str
+    is_android: bool = False
+
+
+APP_ATTEST, PLAY_INTEGRITY = Kind("App Attest"), Kind("Play Integrity", is_android=True)
+
+
+class Setting:
+    """The namespace, the cloud and the secrets: made once, for any number of scenes."""
+
+    def __init__(self, build: Build, cleanup: contextlib.ExitStack) -> None:
+        self.build, self._programs = build, build.directory / "bin"
+        remove_stale()
+        self.scratch = Path(cleanup.enter_context(tempfile.TemporaryDirectory(prefix="velm-round-")))
+        self.credentials = Credentials()
+        self.network = Network()
+        cleanup.callback(self.network.close)
+        secret = self.credentials
+        self.cloud = Cloud(
+            self.network.ap, CLOUD_ADDRESS, secret.cloud, secret.account,
+            integrity_keys=secret.integrity,
+        )  # fmt: skip
+        self.cloud.start()
+        cleanup.callback(self.cloud.stop)
+
+    @contextlib.contextmanager
+    def scene(
+        self, kind: Kind, phones: int = 1, heap: Path | None = None,
+        settings: dict[str, str] | None = None,
+    ) -> Iterator[Scene]:  # fmt: skip
+        """`heap` is where a daemon counts what it takes from the heap."""
+        self.cloud.reset()
+        with contextlib.ExitStack() as cleanup:
+            access_point = AccessPoint(self.build, self.network, self.credentials)
+            cleanup.callback(access_point.close)
+            self._configure(access_point, phones)
+            access_point.nvram_set({"zelkad_debug_level": "error", **(settings or {})})
+            clock = access_point.directory / "clock"
+            clock.write_bytes(bytes(8))
+            self._start(access_point, clock, heap)
+            made = [self._phone(access_point, kind, number) for number in range(phones)]
+            scene = Scene(access_point, self.cloud, made, clock)
+            pair(made[0])
+            self._fetch_access_token(scene)
+            for phone in made[1:]:
+                pair(phone)
+            yield scene
+
+    def _configure(self, access_point: AccessPoint, phones: int) -> None:
+        access_point.configure(
+            {
+                "logger.file": "no",
+                "logger.level": "error",
+                "app.android.integrity.method": "local",
+                "pairings.limit": str(max(10, phones)),
+            }
+        )
+        access_point.etc.set_hosts(dict.fromkeys(HOSTS, CLOUD_ADDRESS))
+        fields = {access_point.login.username: ordinary_hash(), "root": "*", "nobody": "*"}
+        access_point.etc.set_accounts([], fields)
+
+    def _start(self, access_point: AccessPoint, clock: Path, heap: Path | None) -> None:
+        preload = [self._programs / "velm-round-clock.so"]
+        environment = {"VELM_ROUND_CLOCK": str(clock)}
+        if heap:
+            preload.append(self._programs / "velm-round-heap.so")
+            environment["VELM_ROUND_HEAP"] = str(heap)
+        for library in preload:
+            required(self._programs, library.name)
+        daemon = access_point.prepare(
+            through=pin(SERVER_CORE), preload=preload, environment=environment
+        )
+        daemon.start()
+        daemon.wait_until_serving()
+
+    def _phone(self, access_point: AccessPoint, kind: Kind, number: int) -> Phone:
+        phone: Phone = access_point.android_phone() if kind.is_android else access_point.phone()
+        if not kind.is_android:
+            phone.profile = Profile(name=f"Phone {number}")
+        phone.host.namespace, phone.host.source = self.network.ap, SOURCES[number]
+        return phone
+
+    def _fetch_access_token(self, scene: Scene) -> None:
+        """By a request that does not count, while one phone is paired."""
+        with scene.client() as client:
+            client.request()
+            self.cloud.fcm.wait(1, PATIENCE_S)
+            scene.wait_for_answers()
+
+    @contextlib.contextmanager
+    def floor(self) -> Iterator[Callable[[], dict[str, float]]]:
+        """Each call does every piece of a round once, beside no daemon."""
+        at = self.scratch / "floor"
+        at.mkdir(exist_ok=True)
+        secret = self.credentials
+        secret.server.write(at / "server_cert.pem", at / "server_key.pem")
+        secret.cloud.choices["right"].write(at / "cloud_cert.pem", at / "cloud_key.pem")
+        (at / "cloud_ca.pem").write_text(secret.cloud.authority.pem)
+        hashed = ordinary_hash()
+        files = {
+            "passwd": f"admin:{hashed}:1000:1000::/:/bin/false\n".encode(),
+            "hash": hashed.encode(),
+            "password": ADMIN.password.encode(),
+            **integrity_objects(bytes(32)),
+        }
+        for name, content in files.items():
+            (at / name).write_bytes(content)
+        cores = ("-1", "-1") if (os.cpu_count() or 1) < 2 else (str(SERVER_CORE), str(CLIENT_CORE))
+        command = [required(self._programs, "velm-round-floor"), str(at), ADDRESS, HOSTS[0], *cores]
+        process = subprocess.Popen(
+            self.network.ap.command(*command), stdin=subprocess.PIPE, stdout=subprocess.PIPE
+        )
+        try:
+            yield lambda: ask(process)
+        finally:
+            end(process)
+            for stream in (process.stdin, process.stdout):
+                if stream:
+                    stream.close()
+
+
+def ask(process: subprocess.Popen[bytes]) -> dict[str, float]:
+    assert process.stdin and process.stdout
+    process.stdin.write(b"\n")
+    process.stdin.flush()
+    said: dict[str, float] = json.loads(process.stdout.readline() or "null") or {}
+    if not said:
+        raise RuntimeError("velm-round-floor ended")
+    return said
