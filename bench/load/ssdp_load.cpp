@@ -30,6 +30,7 @@ struct ssdp_run {
     std::string search;
     unique_fd socket;
     load_clock::time_point start = load_clock::now();
+    load_clock::time_point sent_last{};
     load_result result{};
     std::uint64_t outstanding = 0;
     std::string a_reply{};
@@ -47,6 +48,7 @@ struct ssdp_run {
         }
         ++result.sent;
         ++outstanding;
+        sent_last = load_clock::now();
         return true;
     }
     bool fill()
@@ -72,6 +74,10 @@ struct ssdp_run {
                 continue;
             }
             ++result.answered;
+            if (options.outstanding == 1) { // else nobody knows which search is answered
+                result.latencies_us.push_back(
+                    static_cast<float>(load_seconds_since(sent_last) * 1e6));
+            }
             outstanding -= outstanding > 0 ? 1 : 0;
             if (a_reply.empty()) {
                 a_reply = reply;

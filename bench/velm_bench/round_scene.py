@@ -172,7 +172,7 @@ class Setting:
     """The namespace, the cloud and the secrets: made once, for any number of scenes."""
 
     def __init__(self, build: Build, cleanup: contextlib.ExitStack) -> None:
-        self.build, self._programs = build, build.directory / "bin"
+        self.build, self.programs = build, build.directory / "bin"
         remove_stale()
         self.scratch = Path(cleanup.enter_context(tempfile.TemporaryDirectory(prefix="velm-round-")))
         self.credentials = Credentials()
@@ -223,13 +223,13 @@ class Setting:
         access_point.etc.set_accounts([], fields)
 
     def _start(self, access_point: AccessPoint, clock: Path, heap: Path | None) -> None:
-        preload = [self._programs / "velm-round-clock.so"]
+        preload = [self.programs / "velm-round-clock.so"]
         environment = {"VELM_ROUND_CLOCK": str(clock)}
         if heap:
-            preload.append(self._programs / "velm-round-heap.so")
+            preload.append(self.programs / "velm-round-heap.so")
             environment["VELM_ROUND_HEAP"] = str(heap)
         for library in preload:
-            required(self._programs, library.name)
+            required(self.programs, library.name)
         daemon = access_point.prepare(
             through=pin(SERVER_CORE), preload=preload, environment=environment
         )
@@ -269,7 +269,7 @@ class Setting:
         for name, content in files.items():
             (at / name).write_bytes(content)
         cores = ("-1", "-1") if (os.cpu_count() or 1) < 2 else (str(SERVER_CORE), str(CLIENT_CORE))
-        command = [required(self._programs, "velm-round-floor"), str(at), ADDRESS, HOSTS[0], *cores]
+        command = [required(self.programs, "velm-round-floor"), str(at), ADDRESS, HOSTS[0], *cores]
         process = subprocess.Popen(
             self.network.ap.command(*command), stdin=subprocess.PIPE, stdout=subprocess.PIPE
         )

@@ -27,6 +27,7 @@ namespace {
 constexpr char usage[] =
     "usage: velm-bench attest|assert|integrity DIR N\n"
     "       velm-bench round [--quick] [--rounds N]\n"
+    "       velm-bench growth [--quick] [--axis NAME]\n"
     "Runs the daemon's verification N times on files of DIR and prints one line,\n"
     "\"us_per_op WALL CPU\": microseconds an operation, by the clock and of the processor.\n"
     "\n"
@@ -43,7 +44,7 @@ constexpr char usage[] =
     "with faketime(1). A token is judged by every rule of the verdict, but the files hold no\n"
     "request: message digest, package name and clock are taken from the verdict itself.\n"
     "\n"
-    "\"round\" measures whole rounds of a daemon in a network namespace, as root:\n"
+    "\"round\" and \"growth\" measure a whole daemon in a network namespace, as root:\n"
     "bench/README.md says how.\n"
     "\n"
     "Exit status: 0, or 1 when an object is refused or a file is missing, with the reasons.\n";
@@ -208,6 +209,7 @@ struct scenario_row {
 };
 constexpr scenario_row scenarios[] = {
     {"round", "velm_bench.rounds"},
+    {"growth", "velm_bench.growth"},
 };
 
 /// Becomes that program.
