@@ -1,3 +1,4 @@
+include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES C CXX)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
@@ -5,7 +6,12 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT VELM_SANITIZE)
-    add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE
-                        -D_FORTIFY_SOURCE=2 -ffunction-sections -fdata-sections)
+    add_compile_options(-fstack-protector-strong -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
+                        -ffunction-sections -fdata-sections)
+    # clang has it for some machines only.
+    check_cxx_compiler_flag("-Werror -fstack-clash-protection" VELM_HAS_STACK_CLASH_PROTECTION)
+    if(VELM_HAS_STACK_CLASH_PROTECTION)
+        add_compile_options(-fstack-clash-protection)
+    endif()
     add_link_options(-Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--gc-sections -Wl,--as-needed)
 endif()
