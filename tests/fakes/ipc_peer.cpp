@@ -21,8 +21,9 @@ unique_fd ipc_connect(const std::string &path)
 
 bool ipc_send(const unique_fd &socket, const ipc_bytes &packet)
 {
-    const ssize_t sent =
-        send(socket.get(), packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    // An emulator refuses a null pointer also where there is nothing to send.
+    const void *const data = packet.empty() ? "" : static_cast<const void *>(packet.data());
+    const ssize_t sent = send(socket.get(), data, packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     return sent == static_cast<ssize_t>(packet.size());
 }
 

@@ -103,10 +103,10 @@ TEST_F(Fatal, ExhaustedMemoryWithoutANameSpeaksOfTheAllocator)
     EXPECT_DEATH(exhaust_memory(), "ERROR memory - malloc: memory is null: not enough memory");
 }
 
-/// More than any machine has, and hidden from the optimiser.
+/// More than an object may have on any machine, and hidden from the optimiser.
 std::size_t too_much()
 {
-    volatile std::size_t size = SIZE_MAX / 4;
+    volatile std::size_t size = SIZE_MAX / 2 + 1;
     return size;
 }
 
