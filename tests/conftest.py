@@ -7,6 +7,8 @@ from pathlib import Path
 import pytest
 from _pytest.terminal import TerminalReporter
 from velm_harness.sample import seed_of_the_day
+from velm_sim.build import is_foreign
+from velm_sim.ipc_client import follow_device
 
 REPOSITORY = Path(__file__).resolve().parents[1]
 
@@ -35,6 +37,24 @@ def pytest_addoption(parser: pytest.Parser) -> None:
         help="what the phones and the cloud are willing to negotiate: what their TLS library does "
         "by itself, or that version alone with FIPS-like ciphers, curves and signatures",
     )
+
+
+def _daemon(config: pytest.Config) -> Path:
+    return Path(config.getoption("--build"), "bin", "velmd")
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    if _daemon(config).exists():  # not every test needs it
+        follow_device(_daemon(config))
+
+
+def pytest_collection_modifyitems(config: pytest.Config, items: list[pytest.Item]) -> None:
+    """An emulated daemon is spared what the emulator cannot do; the marker says what."""
+    if not _daemon(config).exists() or not is_foreign(_daemon(config)):
+        return
+    for item in items:
+        for marker in item.iter_markers("not_emulated"):
+            item.add_marker(pytest.mark.skip(reason=f"emulated: {marker.args[0]}"))
 
 
 def pytest_terminal_summary(terminalreporter: TerminalReporter, config: pytest.Config) -> None:

@@ -2,11 +2,17 @@
 
 from __future__ import annotations
 
+import os
+import sys
 import sysconfig
 from pathlib import Path
 from typing import Any
 
 PROGRAMS = ("velmd", "nvram", "velmctl")
+
+
+ELF_CLASS, ELF_DATA, ELF_MACHINE = 4, 5, slice(18, 20)
+BIG_ENDIAN = 2
 
 
 class BuildError(RuntimeError):
@@ -53,10 +59,36 @@ class Build:
         """Raises what programs have reported in `directory` and was not raised before."""
 
 
+def _elf_header(program: Path) -> bytes:
+    """Empty when it is no program, but a script."""
+    with open(program, "rb") as file:
+        head = file.read(20)
+    return head if head[:4] == b"\x7fELF" else b""
+
+
+def byte_order(program: Path) -> str:
+    """Of the machine that a program was built for, as `struct` writes it."""
+    head = _elf_header(program)
+    if not head:
+        return "="
+    return ">" if head[ELF_DATA] == BIG_ENDIAN else "<"
+
+
+def is_foreign(program: Path) -> bool:
+    """True when it was built for another machine than this one."""
+    head, own = _elf_header(program), _elf_header(Path(sys.executable))
+    return bool(head) and [head[at] for at in (ELF_CLASS, ELF_DATA, ELF_MACHINE)] != [
+        own[at] for at in (ELF_CLASS, ELF_DATA, ELF_MACHINE)
+    ]
+
+
 def faketime_library() -> Path:
     """The library that moves the clock of the program that preloads it."""
     triplet = sysconfig.get_config_var("MULTIARCH") or "*"
-    found = sorted(Path("/usr/lib").glob(f"{triplet}/faketime/libfaketime.so.1"))
+    root = Path("/")
+    if "QEMU_LD_PREFIX" in os.environ:  # an emulated program takes the one of its own machine
+        root, triplet = Path(os.environ["QEMU_LD_PREFIX"]), "*"
+    found = sorted(root.glob(f"usr/lib/{triplet}/faketime/libfaketime.so.1"))
     if not found:
         raise BuildError("libfaketime is not installed")
     return found[0]

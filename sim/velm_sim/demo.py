@@ -21,7 +21,7 @@ from .console import Console
 from .daemon import DaemonError
 from .demo_scene import Scene, scene
 from .demo_stay import stay
-from .ipc_client import IpcClient, Report
+from .ipc_client import IpcClient, Report, follow_device
 from .limits import PUSH_GAP
 from .namespaces import NetworkError
 from .phone import Phone, Prepared, sample_location
@@ -220,7 +220,9 @@ def main() -> int:
     console = Console(STEPS)
     try:
         console.step("An access point comes up in network namespaces of its own")
-        with scene(Build(options.build)) as now:
+        build = Build(options.build)
+        follow_device(build.program("velmd"))
+        with scene(build) as now:
             show_access_point(console, now)
             try:
                 run(console, now)

@@ -9,6 +9,9 @@ import struct
 import time
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Any
+
+from .build import byte_order
 
 REQUEST = 0x1000
 REPORT = 0xA000
@@ -16,10 +19,36 @@ STATUS_OK = 0
 STATUS_BUSY = 1
 STATUS_NO_PAIRED_DEVICES = 3
 
-HEADER = struct.Struct("=HHIII")
+class DeviceStruct:
+    """A `struct.Struct` in the byte order of the device, which is this machine's until told otherwise."""
+
+    order = "="
+
+    def __init__(self, layout: str) -> None:
+        self._layout = layout
+        self.size = struct.calcsize(f"={layout}")
+
+    def pack(self, *values: Any) -> bytes:
+        return struct.pack(f"{self.order}{self._layout}", *values)
+
+    def unpack(self, data: bytes) -> tuple[Any, ...]:
+        return struct.unpack(f"{self.order}{self._layout}", data)
+
+    def unpack_from(self, data: bytes, offset: int = 0) -> tuple[Any, ...]:
+        return struct.unpack_from(f"{self.order}{self._layout}", data, offset)
+
+
+def follow_device(program: Path) -> None:
+    """Frames are in the byte order of that program from now on: the device's, also when it is emulated
+    here."""
+    DeviceStruct.order = byte_order(program)
+
+
+HEADER = DeviceStruct("HHIII")
+WANTED_WITHIN = DeviceStruct("H")
 REQUEST_PAYLOAD_LENGTH = 140
 # valid, ip, os, model, time, BSSID present, BSSID, RSSI, reserved, doubles, height kind, vertical
-REPORT_LAYOUT = struct.Struct("=I 4s 64s 64s I B 6s x h 2x 8s 6d I 4x d")
+REPORT_LAYOUT = DeviceStruct("I 4s 64s 64s I B 6s x h 2x 8s 6d I 4x d")
 assert HEADER.size == 16 and REPORT_LAYOUT.size == 224
 
 
@@ -122,7 +151,7 @@ class IpcClient:
         if request_id is None:
             request_id, self._next_id = self._next_id, self._next_id + 1
         if payload is None:
-            payload = struct.pack("=H", wanted_within).ljust(REQUEST_PAYLOAD_LENGTH, b"\0")
+            payload = WANTED_WITHIN.pack(wanted_within).ljust(REQUEST_PAYLOAD_LENGTH, b"\0")
         stated = len(payload) if length is None else length
         frame = Frame(frame_type, stated, request_id, int(time.time()), 0, payload)
         self.send(frame.encode())

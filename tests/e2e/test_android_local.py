@@ -491,6 +491,7 @@ def test_a_token_beyond_the_header_is_refused_before_anybody_looks_at_it(
     assert WORKER not in access_point.log(mark)
 
 
+@pytest.mark.not_emulated("the emulator's memory is measured as well")
 def test_hostile_tokens_leave_no_memory_behind(
     access_point: AccessPoint, paired_phone: AndroidPhone
 ) -> None:

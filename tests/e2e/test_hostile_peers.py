@@ -15,7 +15,7 @@ from collections.abc import Callable, Iterator
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
-from velm_sim.ipc_client import REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
+from velm_sim.ipc_client import HEADER, REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
 from velm_sim.limits import LOCAL_CLIENTS
 from velm_sim.phone import Phone, sample_location
@@ -414,14 +414,14 @@ def test_above_the_cap_the_quietest_local_client_leaves_and_the_others_are_serve
 
 
 def frame(frame_id: int) -> bytes:
-    return struct.pack("=HHIII", REQUEST, 140, frame_id, 0, 0) + bytes(140)
+    return HEADER.pack(REQUEST, 140, frame_id, 0, 0) + bytes(140)
 
 
 FLOODS: dict[str, bytes] = {
     "26 requests a packet": b"".join(frame(number) for number in range(26)),
     "half frames": frame(1)[:100],
-    "frames to skip": struct.pack("=HHIII", REQUEST, 65535, 1, 0, 0) + bytes(4000),
-    "strange types": struct.pack("=HHIII", 9, 140, 1, 0, 0) + bytes(140),
+    "frames to skip": HEADER.pack(REQUEST, 65535, 1, 0, 0) + bytes(4000),
+    "strange types": HEADER.pack(9, 140, 1, 0, 0) + bytes(140),
 }
 
 

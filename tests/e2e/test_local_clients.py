@@ -108,6 +108,7 @@ def fill(phone: Phone, client: IpcClient) -> int:
     raise AssertionError("what waits for a client has no bound")
 
 
+@pytest.mark.not_emulated("the emulator's memory is measured as well")
 def test_what_was_answered_with_200_is_reported_and_what_has_no_room_with_503(
     access_point: AccessPoint, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -198,6 +199,7 @@ def test_a_client_that_waits_for_its_report_keeps_its_place(
 # What is left behind.
 
 
+@pytest.mark.not_emulated("the emulator's memory is measured as well")
 def test_a_long_packet_leaves_no_memory_behind(
     access_point: AccessPoint, connect_ipc: Callable[[], IpcClient]
 ) -> None:

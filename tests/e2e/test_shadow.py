@@ -128,6 +128,7 @@ def test_the_hash_is_not_in_the_log_though_it_traces(cold_access_point: AccessPo
     assert FIELD.rpartition("$")[2] not in cold_access_point.log()
 
 
+@pytest.mark.not_emulated("what the emulator translates anew takes time as well")
 def test_a_refusal_takes_as_much_work_whether_the_account_is_there_or_not(
     cold_access_point: AccessPoint,
 ) -> None:

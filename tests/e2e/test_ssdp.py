@@ -259,6 +259,7 @@ def flood(flooder: Searcher, searcher: Searcher, rounds: int) -> None:
             pytest.fail("searches are not answered any more")
 
 
+@pytest.mark.not_emulated("what 50,000 datagrams take is the emulator's time and memory")
 @pytest.mark.begun_first
 def test_fifty_thousand_datagrams_cost_no_memory_and_keep_nobody_waiting(
     cold_access_point: AccessPoint, network: Network, searcher: Searcher
