@@ -1,0 +1,134 @@
+#!/usr/bin/env bash
+# Cross-builds for another machine and tries the build under an emulator: unit tests, the demo and the
+# end-to-end tests in which machines differ. Installs the cross compiler; takes the other machine's
+# libraries and the emulator from Debian packages without installing them (scripts/cross-root.sh).
+# Everything lies below build/cross. Each step says how long it took.
+# The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
+#
+# usage: scripts/cross.sh ARCH [--quick]      ARCH: arm64, armhf, s390x or mipsel
+#
+#   --quick   builds with clang, which is twice as fast, and leaves out the end-to-end tests and the
+#             unit tests of modules that handle no bytes, characters, words or times themselves
+set -u
+cd "$(dirname "$0")/.." || exit 1
+
+usage() {
+    sed -n 's/^# *\(usage: .*\)/\1/p' "$0" >&2
+    exit 2
+}
+
+arch=${1:-}
+case $arch in
+    arm64) triplet=aarch64-linux-gnu emulator=aarch64 ;;
+    armhf) triplet=arm-linux-gnueabihf emulator=arm ;;
+    s390x) triplet=s390x-linux-gnu emulator=s390x ;;
+    mipsel) triplet=mipsel-linux-gnu emulator=mipsel ;;
+    *) usage ;;
+esac
+case ${2:-} in
+    --quick) form=quick ;;
+    "") form=whole ;;
+    *) usage ;;
+esac
+if [ "$(id -u)" -ne 0 ]; then
+    echo "Emulator and tests need namespaces: run it as root." >&2
+    exit 1
+fi
+
+at=$PWD/build/cross
+root=$at/$arch/root
+build=$at/$arch/build
+[ $form = whole ] || build=$at/$arch/build-quick
+qemu=$at/emulator/root/usr/bin/qemu-$emulator
+results=$build/results
+mkdir -p "$results"
+rm -f "$results"/*
+failed_steps=()
+
+# Modules in which a machine's byte order, char, words or time_t show.
+quick_tests='^(accounts|android_validation|bytes|conffile|config|crypto|cutils|http_server|ios_validation_(auth_data|cbor|certificate|ios_app_validate|objects|signature)|ipc|json|launch|platform|story|text|velm_(challenge|conn|http_server|ipc|location|nvram|ssdp|user|utils)).*_test$|^ipc_header_c11$|^velmctl_'
+chosen_tests=.
+[ $form = whole ] || chosen_tests=$quick_tests
+end_to_end_tests=(
+    tests/e2e/test_{round_trip,http_api,bad_input,local_clients,ssdp,tls,login,shadow}.py
+    tests/e2e/test_{android_local,stories,velmctl,control_api,vendor_platform,platform_check}.py
+)
+
+step() { # NAME COMMAND...: a step that fails is reported
+    local name=$1 begun=$SECONDS status=0
+    shift
+    printf '\n== %s\n' "$name"
+    "$@" || { status=1; failed_steps+=("$name"); }
+    printf '(%d s)\n' $((SECONDS - begun))
+    return $status
+}
+
+finish() {
+    printf '\n'
+    local name
+    for name in ${failed_steps[@]+"${failed_steps[@]}"}; do
+        printf 'failed: %s\n' "$name"
+    done
+    printf '%s, %s, after %d s: ' "$arch" "$form" $SECONDS
+    exec /usr/bin/python3 scripts/sum-results.py "$results" ${failed_steps[@]+"${failed_steps[@]}"}
+}
+
+foreign() { # COMMAND...
+    ./scripts/run-foreign.py "$qemu" "$root" "$@"
+}
+
+configure() {
+    local clang=OFF
+    [ $form = whole ] || clang=ON
+    VELM_SYSROOT=$root cmake -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DVELM_BENCH=OFF \
+        "-DCMAKE_TOOLCHAIN_FILE=$PWD/cmake/toolchains/$arch.cmake" "-DVELM_EMULATOR=$qemu" \
+        "-DVELM_CROSS_CLANG=$clang"
+}
+
+compile() {
+    local log=$results/build.log targets=()
+    configure >"$log" 2>&1 || { tail -n 100 "$log"; return 1; }
+    if [ $form = quick ]; then
+        # A test program and its target have one name.
+        mapfile -t targets < <(ctest --test-dir "$build" -N -R "$chosen_tests" |
+            sed -n 's/^ *Test *#[0-9]*: //p')
+        targets=(--target velmd velmctl nvram "${targets[@]}")
+    fi
+    cmake --build "$build" ${targets[@]+"${targets[@]}"} >>"$log" 2>&1 || { tail -n 100 "$log"; return 1; }
+}
+
+unit() {
+    local log=$results/unit.log status=0 file
+    rm -rf "$build/test-results"
+    echo "Left out, because an emulated program can take all memory of this machine:"
+    ctest --test-dir "$build" -N -L exhausts_memory -R "$chosen_tests" | sed -n 's/^ *Test *#[0-9]*: /    /p'
+    foreign ctest --test-dir "$build" -j "$(nproc)" -R "$chosen_tests" -LE exhausts_memory \
+        --output-on-failure >"$log" 2>&1 || status=1
+    [ $status -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$log" | tail -n 400
+    tail -n 4 "$log"
+    for file in "$build/test-results"/*.xml; do
+        [ -e "$file" ] && cp "$file" "$results/unit-$(basename "$file")"
+    done
+    return $status
+}
+
+demo() {
+    PYTHONPATH=sim foreign /usr/bin/python3 -m velm_sim.demo --build "$build" >"$results/demo.log" 2>&1 ||
+        { tail -n 60 "$results/demo.log"; return 1; }
+    tail -n 1 "$results/demo.log"
+}
+
+end_to_end() {
+    foreign /usr/bin/python3 -m pytest -q -p no:cacheprovider -n 4 --dist loadgroup \
+        --build="$build" --junitxml="$results/e2e.xml" "${end_to_end_tests[@]}"
+}
+
+compilers=("g++-$triplet")
+[ $form = whole ] || compilers+=(clang-14)
+step "install what is missing" ./scripts/install-dependencies.sh "${compilers[@]}" || finish
+step "root and emulator" ./scripts/cross-root.sh "$arch" "$at" || finish
+step "build" compile || finish
+step "unit tests" unit
+step "demo" demo
+[ $form = quick ] || step "end-to-end tests" end_to_end
+finish
