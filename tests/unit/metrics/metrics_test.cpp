@@ -4,6 +4,9 @@
 
 #include <algorithm>
 
+#include "request/paths.h"
+#include "request/status.h"
+
 namespace {
 
 std::size_t index_of_route(std::string_view route)
@@ -52,6 +55,20 @@ TEST(Metrics, RepliesAreCountedByRouteAndStatus)
     EXPECT_EQ(replies("/pair", 401), 0U);
     EXPECT_EQ(replies("/pairings", 401), 1U);
     EXPECT_EQ(replies("/pairings", 200), 0U);
+}
+
+TEST(Metrics, EachPathAndEachStatusOfTheServerIsCountedAsItself)
+{
+    for (const request_path_row &row : request_paths) {
+        for (const int status : http_statuses) {
+            const std::uint64_t before = replies(row.path, status);
+            metrics_count_reply(row.path, status);
+            EXPECT_EQ(replies(row.path, status), before + 1) << row.path << ' ' << status;
+        }
+    }
+    EXPECT_EQ(replies("other", 0), 0U);
+    EXPECT_EQ(http_statuses.front(), http_status_ok);
+    EXPECT_EQ(http_statuses.back(), http_status_unavailable);
 }
 
 TEST(Metrics, WhatNobodyKnowsIsCountedAsOther)
