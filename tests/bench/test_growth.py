@@ -94,17 +94,26 @@ def test_so_many_bssids_are_set(count: int, radios: int) -> None:
 @pytest.fixture(scope="module")
 def setting(pytestconfig: pytest.Config) -> Iterator[Setting]:
     build = Build(pytestconfig.getoption("--build"))
-    for name in ("velm-https-load", "velm-load", "velm-round-clock.so"):
+    for name in ("velm-https-load", "velm-load", "velm-round-floor", "velm-round-clock.so"):
         if not build.program(name).exists():
             pytest.skip(f"{name}, which scripts/bench.sh builds, is not there")
     with contextlib.ExitStack() as cleanup:
         yield Setting(build, cleanup)
 
 
+def test_a_try_on_a_slow_core_counts_at_the_pace_of_a_quick_one(setting: Setting) -> None:
+    hashes = iter([200.0, 200.0, 100.0, 100.0])
+    tries = iter([(20.0, 60.0), (11.0, 40.0)])
+    extent = growth.Extent(1, 1, 1, 0.1, 1, {})
+    meter = growth.Meter(setting, extent, lambda: next(hashes), 100.0)
+    assert meter._best(2, lambda: next(tries)) == (10.0, 30.0)
+
+
 @pytest.mark.parametrize("axis", [growth.CONNECTIONS, growth.BSSIDS_AXIS])
 def test_a_point_has_all_four_costs(setting: Setting, axis: str) -> None:
-    extent = growth.Extent(1, 2, 0.1, 50, {})
-    made = list(growth.AXES[axis](growth.Meter(setting, extent), 70 if "B" in axis else 20))
+    extent = growth.Extent(1, 1, 2, 0.1, 50, {})
+    with growth.meter(setting, extent) as meter:
+        made = list(growth.AXES[axis](meter, 70 if "B" in axis else 20))
     assert [point.what for point in made] == ["round", "phone's part of it", "/info", "search"]
     assert {point.axis for point in made} == {axis}
     for point in made:
