@@ -12,7 +12,7 @@ import pytest
 from velm_bench import growth
 from velm_bench.growth import Point
 from velm_bench.growth_plot import scale, svg
-from velm_bench.round_scene import Setting
+from velm_bench.round_scene import APP_ATTEST, Setting, come
 from velm_sim.access_point import BSSIDS
 from velm_sim.build import Build
 
@@ -109,14 +109,22 @@ def test_a_try_on_a_slow_core_counts_at_the_pace_of_a_quick_one(setting: Setting
     assert meter._best(2, lambda: next(tries)) == (10.0, 30.0)
 
 
-@pytest.mark.parametrize("axis", [growth.CONNECTIONS, growth.BSSIDS_AXIS])
-def test_a_point_has_all_four_costs(setting: Setting, axis: str) -> None:
+def test_a_point_has_all_four_costs(setting: Setting) -> None:
     extent = growth.Extent(1, 1, 2, 0.1, 50, {})
     with growth.meter(setting, extent) as meter:
-        made = list(growth.AXES[axis](meter, 70 if "B" in axis else 20))
+        made = list(growth.with_connections(meter, 20))
     assert [point.what for point in made] == ["round", "phone's part of it", "/info", "search"]
-    assert {point.axis for point in made} == {axis}
+    assert {(point.axis, point.count) for point in made} == {(growth.CONNECTIONS, 20)}
     for point in made:
         assert 0 < point.cpu_us and 0 < point.p99_us
     whole, part, info, search = (point.cpu_us for point in made)
     assert whole > info > search and part > info
+
+
+def test_the_last_of_many_bssids_is_one_of_the_daemons(setting: Setting) -> None:
+    with setting.scene(APP_ATTEST, settings=growth.bssid_settings(70)) as scene:
+        scene.phones[0].bssid = "02:00:00:00:01:05"
+        come(scene.phones[0])
+        scene.phones[0].bssid = "02:00:00:00:01:06"
+        with pytest.raises(RuntimeError):
+            come(scene.phones[0])
