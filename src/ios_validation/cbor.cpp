@@ -78,6 +78,9 @@ cbor_shape indefinite_children_walk(byte_reader &in, std::uint64_t per_element, 
         ++items;
     }
     in.skip(1);
+    if (items % per_element != 0) {
+        return cbor_shape::malformed; // libcbor 0.5 would make a null value of what lacks
+    }
     return items > count_limit * per_element ? std::max(worst, cbor_shape::foreign) : worst;
 }
 
