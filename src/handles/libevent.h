@@ -13,8 +13,11 @@
 #include "handles/handle.h"
 
 // Else each struct timeval would be read in another way than it was written, without any error.
+// The header that libevent's CMake build makes does not say it.
+#ifdef EVENT__SIZEOF_TIME_T
 static_assert(sizeof(std::time_t) == EVENT__SIZEOF_TIME_T,
               "libevent was built with another time_t: build both with -D_TIME_BITS=64 or none");
+#endif
 
 using event_base_ptr = handle<event_base, event_base_free>;
 using event_config_ptr = handle<event_config, event_config_free>;
