@@ -6,6 +6,10 @@ target_compile_options(velm_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Werror -Wshadow -Wformat=2 -Wcast-align -Wundef
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast>
     "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")
+if(CMAKE_VERSION VERSION_LESS 3.21) # names the files of a build below the source by relative paths
+    file(RELATIVE_PATH VELM_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+    target_compile_options(velm_warnings INTERFACE "-ffile-prefix-map=${VELM_SOURCE_FROM_BUILD}/=")
+endif()
 
 # For the shipped code only: gtest's macros do not compile under these.
 add_library(velm_strict_warnings INTERFACE)

@@ -10,6 +10,12 @@ struct module_state {
 };
 module_state state;
 
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+using looked_at_context = const X509_STORE_CTX;
+#else
+using looked_at_context = X509_STORE_CTX;
+#endif
+
 } // namespace
 
 extern "C" {
@@ -19,7 +25,7 @@ int X509_verify_cert(X509_STORE_CTX *)
     return 1;
 }
 
-STACK_OF(X509) * X509_STORE_CTX_get0_chain(const X509_STORE_CTX *)
+STACK_OF(X509) * X509_STORE_CTX_get0_chain(looked_at_context *)
 {
     return state.chain.get();
 }

@@ -8,6 +8,8 @@
 
 #include <array>
 #include <csignal>
+#include <filesystem>
+#include <string>
 
 extern char **environ;
 
@@ -30,6 +32,17 @@ void drain(const unique_fd &from, std::string &to)
     }
 }
 
+/// A listener that is not close-on-exec would listen on in the child. Older C libraries have no
+/// posix_spawn_file_actions_addclosefrom_np().
+void close_the_others(posix_spawn_file_actions_t &actions)
+{
+    for (const auto &entry : std::filesystem::directory_iterator{"/proc/self/fd"}) {
+        if (const int fd = std::stoi(entry.path().filename()); fd > STDERR_FILENO) {
+            posix_spawn_file_actions_addclose(&actions, fd);
+        }
+    }
+}
+
 } // namespace
 
 child_program::child_program(const std::vector<std::string> &arguments)
@@ -45,8 +58,7 @@ child_program::child_program(const std::vector<std::string> &arguments)
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out_end.get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, error_end.get(), STDERR_FILENO);
-    // A listener that is not close-on-exec would listen on in the child.
-    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+    close_the_others(actions);
     EXPECT_EQ(posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
 }

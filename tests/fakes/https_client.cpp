@@ -81,10 +81,10 @@ tls_identity::tls_identity(const char *passphrase)
     const file_ptr cert_file{std::fopen(cert_path.c_str(), "we")};
     const file_ptr key_file{std::fopen(key_path.c_str(), "we")};
     require(PEM_write_X509(cert_file.get(), certificate.get()) == 1, "certificate file");
-    const std::string secret = passphrase == nullptr ? "" : passphrase;
+    std::string secret = passphrase == nullptr ? "" : passphrase;
     require(PEM_write_PKCS8PrivateKey(
                 key_file.get(), key.get(), passphrase == nullptr ? nullptr : EVP_aes_128_cbc(),
-                secret.c_str(), static_cast<int>(secret.size()), nullptr, nullptr) == 1,
+                secret.data(), static_cast<int>(secret.size()), nullptr, nullptr) == 1,
             "key file");
 }
 

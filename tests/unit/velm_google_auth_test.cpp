@@ -294,7 +294,8 @@ std::string pem_of(EVP_PKEY *pkey, const char *passphrase)
 {
     const bio_ptr bio{BIO_new(BIO_s_mem())};
     PEM_write_bio_PKCS8PrivateKey(bio.get(), pkey, passphrase ? EVP_aes_128_cbc() : nullptr,
-                                  passphrase, passphrase ? 4 : 0, nullptr, nullptr);
+                                  const_cast<char *>(passphrase), passphrase ? 4 : 0, nullptr,
+                                  nullptr);
     std::string text(BIO_ctrl_pending(bio.get()), '\0');
     BIO_read(bio.get(), text.data(), static_cast<int>(text.size()));
     return text;

@@ -39,6 +39,9 @@ TEST_P(Groups, AreServedWhenTheyAreQuick)
 {
     serve_tuned();
     const auto peer = client();
+    if (OPENSSL_VERSION_NUMBER < 0x30000000L && std::string_view{GetParam().name} == "ffdhe2048") {
+        GTEST_SKIP() << "OpenSSL 1.1.1 has no such group, so it cannot ask for one";
+    }
     ASSERT_EQ(SSL_set1_groups_list(peer->tls(), GetParam().name), 1);
     EXPECT_EQ(peer->handshake(), GetParam().served);
 }

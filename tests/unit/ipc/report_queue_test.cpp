@@ -1,9 +1,10 @@
 #include "ipc/report_queue.h"
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <string>
+
+#include "fakes/heap_in_use.h"
 
 namespace {
 
@@ -76,20 +77,20 @@ TEST_F(LocationQueue, HasRoomForAsManyAsItSaysAndForNoneMore)
 
 TEST_F(LocationQueue, HoldsNoMoreMemoryThanItsLimitWhateverItHolds)
 {
-    const std::size_t before = mallinfo2().uordblks; // an instrumented allocator says 0
+    const std::size_t before = heap_in_use(); // an instrumented allocator says 0
     std::size_t number = 0;
     while (number < 100000 && add(auth_of(std::to_string(number) + std::string(1000, 'x')))) {
         ++number;
     }
     EXPECT_LT(number, 100000U);
-    EXPECT_LE(mallinfo2().uordblks - before, location_queue_limit);
+    EXPECT_LE(heap_in_use() - before, location_queue_limit);
     location_queue_clear();
     number = 0;
     while (number < 100000 && add(auth_of(std::to_string(number)), "{}", "1.2.3.4")) {
         ++number;
     }
     EXPECT_GE(number, 700U);
-    EXPECT_LE(mallinfo2().uordblks - before, location_queue_limit);
+    EXPECT_LE(heap_in_use() - before, location_queue_limit);
 }
 
 TEST_F(LocationQueue, OfAPhonesWordsOnlyThoseThatAReportHoldsAreKept)
@@ -98,9 +99,9 @@ TEST_F(LocationQueue, OfAPhonesWordsOnlyThoseThatAReportHoldsAreKept)
     for (int i = 0; i < 2000; ++i) {
         numbers += ",0";
     }
-    const std::size_t before = mallinfo2().uordblks;
+    const std::size_t before = heap_in_use();
     EXPECT_TRUE(add(auth_of("a", numbers + "]"), R"({"latitude": 1)" + numbers + "]}"));
-    EXPECT_LT(mallinfo2().uordblks - before, 4096U);
+    EXPECT_LT(heap_in_use() - before, 4096U);
 }
 
 } // namespace

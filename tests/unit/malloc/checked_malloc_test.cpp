@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "fakes/captured_log.h"
+#include "fakes/heap_in_use.h"
 #include "handles/fd.h"
 
 namespace {
@@ -78,10 +79,10 @@ TEST_F(CheckedMalloc, NothingIsNoShortage)
 
 TEST_F(CheckedMalloc, IsThatOfTheAllocatorWhenThereIsMemory)
 {
-    const std::size_t before = mallinfo2().uordblks;
+    const std::size_t before = heap_in_use();
     void *const memory = std::malloc(hidden(1000));
     EXPECT_GE(malloc_usable_size(memory), 1000U);
-    EXPECT_GT(mallinfo2().uordblks, before);
+    EXPECT_GT(heap_in_use(), before);
     void *const larger = std::realloc(memory, hidden(2000));
     EXPECT_GE(malloc_usable_size(larger), 2000U);
     std::free(larger);

@@ -2,10 +2,10 @@
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
-#include <malloc.h>
 
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
+#include "fakes/heap_in_use.h"
 #include "logger/common_logger.h"
 #include "metrics/metrics.h"
 #include "story/view.h"
@@ -648,7 +648,7 @@ TEST_F(Story, TakesAtMost56KibibytesAndAllocatesNothingHoweverMuchHappens)
     EXPECT_LE(story_size(), std::size_t{56} * 1024);
     common_logger_set("enabled", "no");
     const std::string longest(1000, 'x');
-    const std::size_t before = mallinfo2().uordblks;
+    const std::size_t before = heap_in_use();
     for (std::uint32_t seq = 1; seq <= 100; ++seq) {
         story_request_came(seq, {1, 0, seq});
         story_run_asked(seq);
@@ -664,7 +664,7 @@ TEST_F(Story, TakesAtMost56KibibytesAndAllocatesNothingHoweverMuchHappens)
         story_report_sent(seq % 2);
         story_report_done(longest.c_str(), seq);
     }
-    EXPECT_EQ(mallinfo2().uordblks, before);
+    EXPECT_EQ(heap_in_use(), before);
 }
 
 TEST_F(Story, TellsEachChangeOnce)
