@@ -97,8 +97,9 @@ TEST_F(IpcCmd, ARequestReachesTheHandlerWithADeadlineSixHundredSecondsAhead)
     EXPECT_EQ(handled[0].type, 4096);
     EXPECT_EQ(handled[0].deadline, 1700000600);
     ASSERT_EQ(handled[0].payload.size(), 140U);
-    EXPECT_EQ(handled[0].payload[0], 515 & 0xff);
-    EXPECT_EQ(handled[0].payload[1], 515 >> 8);
+    std::uint16_t wanted_within = 0;
+    std::memcpy(&wanted_within, handled[0].payload.data(), sizeof wanted_within);
+    EXPECT_EQ(wanted_within, 515);
     EXPECT_TRUE(conn.written.empty());
 }
 
@@ -217,8 +218,12 @@ TEST_F(IpcCmd, AnAnswerIsTheHeaderWithThePayloadBehindIt)
     const captured_log log;
     EXPECT_EQ(velm_ipc_cmd_send_resp(&conn, 40960, 7, 3, payload.data(), payload.size()), 1);
     ASSERT_EQ(conn.written.size(), 1U);
-    const ipc_bytes expected_head{0x00, 0xa0, 224,  0,    7, 0, 0, 0,
-                                  0x00, 0xf1, 0x53, 0x65, 3, 0, 0, 0};
+    // In the byte order of the machine.
+    const std::uint16_t type_and_length[] = {40960, 224};
+    const std::uint32_t id_time_status[] = {7, 1700000000, 3};
+    ipc_bytes expected_head(16);
+    std::memcpy(expected_head.data(), type_and_length, sizeof type_and_length);
+    std::memcpy(expected_head.data() + 4, id_time_status, sizeof id_time_status);
     EXPECT_EQ(conn.written[0], join({expected_head, payload}));
     EXPECT_TRUE(log.has("TRACE IPC_CMD - velm_ipc_cmd_send_resp - payload size: 224"));
     EXPECT_TRUE(log.has("TRACE IPC_CMD - velm_ipc_cmd_send_resp - total size:   240"));

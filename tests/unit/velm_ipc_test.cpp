@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 
 #include "fakes/captured_log.h"
@@ -116,7 +117,9 @@ TEST_F(Ipc, ARequestReachesTheCommandHandlerUnderTheServersOwnNumber)
     EXPECT_EQ(taken[1].seq, 2U);
     EXPECT_EQ(taken[0].type, 4096);
     EXPECT_EQ(taken[0].payload.size(), 140U);
-    EXPECT_EQ(taken[1].payload[0], 31);
+    std::uint16_t wanted_within = 0;
+    std::memcpy(&wanted_within, taken[1].payload.data(), sizeof wanted_within);
+    EXPECT_EQ(wanted_within, 31);
 }
 
 TEST_F(Ipc, AnAnswerGoesToTheConnectionThatAskedUnderTheIdItChose)

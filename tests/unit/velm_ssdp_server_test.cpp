@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -463,6 +464,9 @@ TEST_F(WaitingForItsAddress, AStopEndsTheWaiting)
 
 TEST_F(SsdpServer, AnyNumberOfAnnouncementsLeavesOneMembership)
 {
+    if (is_emulated() && std::endian::native == std::endian::big) {
+        GTEST_SKIP() << "the emulator loses the interface of a membership, so none can be left";
+    }
     ssdp_server_start();
     const captured_log log;
     for (int i = 0; i < 100; ++i) { // the kernel refuses the 21st group of a socket
