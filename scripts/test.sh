@@ -63,6 +63,10 @@ soak() { # PRESET
         --build "build/$1" --junit "$results/soak.xml"
 }
 
+bench_tests() { # PRESET: the load client is built on demand
+    ./scripts/build.sh "$1" velm-https-load && python_tests "$1" bench tests/bench
+}
+
 # A command beside the next steps. It has the processor time that they leave, so it slows no test down.
 declare -A beside
 begin() { # NAME COMMAND...
@@ -88,7 +92,7 @@ storms_and_soak() { # PRESET-OF-THE-STORMS PRESET-OF-THE-SOAK: the storms mostly
     return $status
 }
 
-step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container
+step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container strace
 step "build ${presets[0]}" ./scripts/build.sh "${presets[0]}"
 for index in "${!presets[@]}"; do
     preset=${presets[index]}
@@ -114,7 +118,7 @@ step "tests of the harness" python_tests "${presets[0]}" harness tests/harness
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
 step "storm, $instrumented, and soak, ${presets[0]}" storms_and_soak "$instrumented" "${presets[0]}"
 step "lint, begun before the tests of ${presets[-1]}" end lint
-step "tests of the benchmarks' report" python_tests "${presets[0]}" bench tests/bench
+step "tests of the benchmarks' report" bench_tests "${presets[0]}"
 
 printf '\n'
 for name in ${failed_steps[@]+"${failed_steps[@]}"}; do

@@ -94,7 +94,7 @@ def test_a_whole_other_authority_vouches_for_nobody(
 def test_no_password_opens_an_account_whose_field_is_none(cold_access_point: AccessPoint) -> None:
     fields = ("*", "!", "x", "*LK*", "!!", "*0", "*1", "!*", "*NP*")
     tries = [
-        (f"shut{number}-{place}", field, password)  # five tries for a name
+        (f"shut{number}-{place}", field, password)  # each name once, so that none is blocked
         for number, field in enumerate(fields)
         for place, password in enumerate((field, "x", "*", "*0", "*1", "!", "\t", "password"))
     ]
