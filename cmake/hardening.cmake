@@ -3,6 +3,12 @@ include(CheckPIESupported)
 check_pie_supported(LANGUAGES C CXX)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
+# CMake puts its -pie behind the flags of whoever builds, and of -pie and -static-pie the last one holds.
+if("${CMAKE_EXE_LINKER_FLAGS} ${CMAKE_CXX_FLAGS}" MATCHES "(^| )-static-pie( |$)")
+    set(CMAKE_C_LINK_OPTIONS_PIE -fPIE -static-pie)
+    set(CMAKE_CXX_LINK_OPTIONS_PIE -fPIE -static-pie)
+endif()
+
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT VELM_SANITIZE)
