@@ -29,7 +29,7 @@ once() { # NAME COMMAND...
 
 tools() {
     ./scripts/install-dependencies.sh musl-dev dpkg-dev patch gcc-12 g++-12 libgmp-dev libmpfr-dev \
-        libmpc-dev debian-archive-keyring
+        libmpc-dev autoconf automake libtool debian-archive-keyring
 }
 
 # ---- Debian's source packages, from where this machine has its packages ----
@@ -53,8 +53,9 @@ fetch_whole() { # NAME RELEASE VERSION
 }
 
 fetch_original() { # NAME RELEASE VERSION
+    local version=${3#*:}
     private_apt "$2" apt-get source --tar-only "$1=$3" && mkdir -p "$sources/$1" &&
-        tar -xf "${1}_${3%-*}.orig.tar."?z* --strip-components 1 -C "$sources/$1" &&
+        tar -xf "${1}_${version%-*}.orig.tar."?z* --strip-components 1 -C "$sources/$1" &&
         echo "$1 $3: without what Debian has changed" >>"$out/remarks"
 }
 
@@ -84,11 +85,19 @@ END
     chmod +x "$toolchain/bin/$target-$1"
 }
 
+# musl-dev has the specs for C. The runtime comes from here: Debian's belongs to glibc. And they do not know
+# -static-pie.
+make_specs() {
+    local musl=/usr/lib/$target
+    sed -e "s|^libgcc.a%s .*|$toolchain/lib/libgcc.a %:if-exists($toolchain/lib/libgcc_eh.a)|" \
+        -e "s|$musl/Scrt1.o|%{static-pie:$musl/rcrt1.o;:$musl/Scrt1.o}|" \
+        -e 's|^-dynamic-linker [^ ]*|%{static-pie:-static -pie --no-dynamic-linker -z text;:&}|' \
+        "$musl/musl-gcc.specs" >"$toolchain/musl.specs"
+}
+
 make_compilers() {
     local name
-    # musl-dev has the specs for C. The runtime comes from here: Debian's belongs to glibc.
-    sed "s|^libgcc.a%s .*|$toolchain/lib/libgcc.a %:if-exists($toolchain/lib/libgcc_eh.a)|" \
-        "/usr/lib/$target/musl-gcc.specs" >"$toolchain/musl.specs"
+    make_specs
     mkdir -p "$toolchain/kernel" "$toolchain/lib"
     ln -sfn /usr/include/linux "$toolchain/kernel/linux"
     ln -sfn /usr/include/asm-generic "$toolchain/kernel/asm-generic"
@@ -177,6 +186,15 @@ with_openssl() {
         make -j "$(nproc)" build_libs && make install_dev
 }
 
+# Debian's musl comes without crypt().
+with_libxcrypt() {
+    fetch libxcrypt && cd "$sources/libxcrypt" || return
+    [ -e configure ] || autoreconf -fi || return
+    ./configure --host=$target --prefix="$prefix" --disable-shared --enable-static --with-pic \
+        --disable-obsolete-api --disable-werror CC="$toolchain/bin/$target-gcc" &&
+        make -j "$(nproc)" && make install
+}
+
 # Where no source can be had, Debian's static library is taken: it has code for glibc, but asks nothing
 # of it except this function.
 with_cjose() {
@@ -225,18 +243,28 @@ build_dynamic() {
         readelf -d "$out/dynamic/bin/velmd" | sed -n 's/.*Shared library: //p'
 }
 
-build_static() {
-    configure static -DCMAKE_EXE_LINKER_FLAGS=-static && compile static "${programs[@]}" &&
-        ! readelf -l "$out/static/bin/velmd" | grep 'interpreter'
+needs_nobody() { # PROGRAM: no dynamic linker, no library
+    ! readelf -ld "$1" | grep -e interpreter -e NEEDED
+}
+
+# -U: a cached answer of the last time would hide the default.
+link_statically() { # FLAG PROGRAM...
+    configure static -DCMAKE_EXE_LINKER_FLAGS="$1" -UVELM_CHECK_MALLOC && compile static "${@:2}" &&
+        grep -x 'VELM_CHECK_MALLOC:BOOL=OFF' "$out/static/CMakeCache.txt" &&
+        needs_nobody "$out/static/bin/velmd" && readelf -h "$out/static/bin/velmd" | grep 'Type:'
+}
+
+build_without_pie() {
+    link_statically -static velmd && "$out/static/bin/velmd" -v
 }
 
 # Nothing lies behind a static program's own malloc: told to replace it all the same, it says so.
 refuse() {
     local said status=0
-    configure static -DCMAKE_EXE_LINKER_FLAGS=-static -DVELM_CHECK_MALLOC=ON && compile static velmd || return
-    said=$("$out/static/bin/velmd" -V 2>&1) || status=$?
-    echo "$said"
-    rm -r "$out/static/CMakeCache.txt"
+    configure static -DCMAKE_EXE_LINKER_FLAGS=-static-pie -DVELM_CHECK_MALLOC=ON && compile static velmd &&
+        needs_nobody "$out/static/bin/velmd" || return
+    said=$("$out/static/bin/velmd" -v 2>&1) || status=$?
+    echo "$said (status $status)"
     [ $status -ne 0 ] && [[ $said == *"-DVELM_CHECK_MALLOC=OFF"* ]]
 }
 
@@ -257,11 +285,13 @@ step "cjson" once cjson with_cmake cjson -DENABLE_CJSON_TEST=OFF
 step "libcbor" once libcbor with_cmake libcbor -DWITH_EXAMPLES=OFF
 step "jansson" once jansson with_cmake jansson -DJANSSON_BUILD_DOCS=OFF -DJANSSON_WITHOUT_TESTS=ON \
     -DJANSSON_EXAMPLES=OFF
+step "libxcrypt" once libxcrypt with_libxcrypt
 step "cjose" once cjose with_cjose
 step "link dynamically" case_of dynamic "links dynamically" build_dynamic
 step "demo, dynamic" case_of demo-dynamic "demo of the dynamic programs" demo dynamic
 step "static, with VELM_CHECK_MALLOC=ON" case_of refuse "says that it cannot check memory" refuse
-step "link statically" case_of static "links statically" build_static
+step "link with -static" case_of no-pie "links with -static and starts" build_without_pie
+step "link with -static-pie" case_of static "links with -static-pie" link_statically -static-pie "${programs[@]}"
 step "demo, static" case_of demo-static "demo of the static programs" demo static
-[ ! -e "$out/remarks" ] || { echo && cat "$out/remarks"; }
+[ ! -e "$out/remarks" ] || { echo && sort -u "$out/remarks"; }
 finish
