@@ -8,6 +8,7 @@ target_compile_options(velm_warnings INTERFACE
     "-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=" "-ffile-prefix-map=${CMAKE_BINARY_DIR}=.")
 if(CMAKE_VERSION VERSION_LESS 3.21) # names the files of a build below the source by relative paths
     file(RELATIVE_PATH VELM_SOURCE_FROM_BUILD ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+    string(REGEX REPLACE "/$" "" VELM_SOURCE_FROM_BUILD "${VELM_SOURCE_FROM_BUILD}")
     target_compile_options(velm_warnings INTERFACE "-ffile-prefix-map=${VELM_SOURCE_FROM_BUILD}/=")
 endif()
 
