@@ -147,7 +147,8 @@ make_runtime() {
     "$gcc/configure" --target=$target --enable-languages=c,c++ --disable-bootstrap --disable-multilib \
         --disable-nls --disable-lto --disable-plugin --enable-default-pie &&
         make -j "$(nproc)" MAKEINFO=true configure-gcc all-build-libiberty &&
-        make -C gcc -o xgcc -o specs -o gcc-cross -o macro_list STMP_FIXINC= libgcc-support || return
+        make -C gcc -o xgcc -o specs -o gcc-cross -o macro_list STMP_FIXINC= \
+            libgcc-support tm.h options.h insn-constants.h insn-modes.h || return
     local common=(
         --build=x86_64-linux-gnu "--host=$target" "--target=$target" "--with-target-subdir=$target"
         --with-cross-host=x86_64-linux-gnu "--prefix=$toolchain" "CC=$target-gcc" 'CFLAGS=-O2 -g0'
