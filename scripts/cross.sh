@@ -43,7 +43,8 @@ qemu=$at/emulator/root/usr/bin/qemu-$emulator
 results=$build/results
 mkdir -p "$results"
 rm -f "$results"/*
-failed_steps=()
+# shellcheck source=/dev/null
+. scripts/steps.sh
 
 # Modules in which a machine's byte order, char, words or time_t show.
 quick_tests='^(accounts|android_validation|bytes|conffile|config|crypto|cutils|http_server|ios_validation_(auth_data|cbor|certificate|ios_app_validate|objects|signature)|ipc|json|launch|platform|story|text|velm_(challenge|conn|http_server|ipc|location|nvram|ssdp|user|utils)).*_test$|^ipc_header_c11$|^velmctl_'
@@ -53,25 +54,6 @@ end_to_end_tests=(
     tests/e2e/test_{round_trip,http_api,bad_input,local_clients,ssdp,tls,login,shadow}.py
     tests/e2e/test_{android_local,stories,velmctl,control_api,vendor_platform,platform_check}.py
 )
-
-step() { # NAME COMMAND...: a step that fails is reported
-    local name=$1 begun=$SECONDS status=0
-    shift
-    printf '\n== %s\n' "$name"
-    "$@" || { status=1; failed_steps+=("$name"); }
-    printf '(%d s)\n' $((SECONDS - begun))
-    return $status
-}
-
-finish() {
-    printf '\n'
-    local name
-    for name in ${failed_steps[@]+"${failed_steps[@]}"}; do
-        printf 'failed: %s\n' "$name"
-    done
-    printf '%s, %s, after %d s: ' "$arch" "$form" $SECONDS
-    exec /usr/bin/python3 scripts/sum-results.py "$results" ${failed_steps[@]+"${failed_steps[@]}"}
-}
 
 foreign() { # COMMAND...
     ./scripts/run-foreign.py "$qemu" "$root" "$@"
@@ -98,18 +80,13 @@ compile() {
 }
 
 unit() {
-    local log=$results/unit.log status=0 file
+    local log=$results/unit.log status=0
     rm -rf "$build/test-results"
     echo "Left out, because an emulated program can take all memory of this machine:"
     ctest --test-dir "$build" -N -L exhausts_memory -R "$chosen_tests" | sed -n 's/^ *Test *#[0-9]*: /    /p'
     foreign ctest --test-dir "$build" -j "$(nproc)" -R "$chosen_tests" -LE exhausts_memory \
         --output-on-failure >"$log" 2>&1 || status=1
-    [ $status -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$log" | tail -n 400
-    tail -n 4 "$log"
-    for file in "$build/test-results"/*.xml; do
-        [ -e "$file" ] && cp "$file" "$results/unit-$(basename "$file")"
-    done
-    return $status
+    unit_results "$log" "$build" "$status"
 }
 
 demo() {
@@ -131,4 +108,5 @@ step "build" compile || finish
 step "unit tests" unit
 step "demo" demo
 [ $form = quick ] || step "end-to-end tests" end_to_end
+printf '\n%s, %s, after %d s\n' "$arch" "$form" $SECONDS
 finish

@@ -84,17 +84,12 @@ compile() {
 }
 
 unit() {
-    local status=0 file
+    local status=0
     rm -rf "$build/test-results"
     # shellcheck disable=SC2016  # the inner shell expands it
     inside sh -c 'cd "$0" && ctest -j "$(nproc)" --output-on-failure' "$build" \
         >"$results/unit.log" 2>&1 || status=$?
-    [ $status -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$results/unit.log" | tail -n 400
-    tail -n 4 "$results/unit.log"
-    for file in "$build/test-results"/*.xml; do
-        [ -e "$file" ] && cp "$file" "$results/unit-$(basename "$file")"
-    done
-    return $status
+    unit_results "$results/unit.log" "$build" "$status"
 }
 
 # The phones and the cloud need a newer Python than the root has, so they run here. The programs run here

@@ -34,6 +34,17 @@ case_of() { # FILE NAME COMMAND...
     return $status
 }
 
+# After ctest: what is worth reading of its log, and its test cases for the sum.
+unit_results() { # LOG BUILD STATUS
+    local log=$1 file
+    [ "$3" -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$log" | tail -n 400
+    tail -n 4 "$log"
+    for file in "$2/test-results"/*.xml; do
+        [ -e "$file" ] && cp "$file" "$results/unit-$(basename "$file")"
+    done
+    return "$3"
+}
+
 finish() { # the last line says "N passed, N failed"; ends the script
     local name
     printf '\n'
