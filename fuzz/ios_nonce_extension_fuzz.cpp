@@ -25,12 +25,28 @@ void with_nonce(test_bytes *value, const test_bytes &nonce)
     }
 }
 
-void is_found(const good_object &good, const test_bytes &leaf, const test_bytes &value)
+void is_found(const X509 *certificate, const test_bytes &value)
 {
+    FUZZ_REQUIRE(std::ranges::equal(ios_app_certificate_nonce_extension(certificate), value));
+}
+
+/// The certificate is encoded and parsed, which takes most of the time, and the attestation checked.
+void is_attested(const good_object &good, const test_bytes &value, std::size_t size, bool wanted)
+{
+    const test_bytes leaf = good.phone.leaf(value);
     const x509_ptr parsed =
         ios_app_certificate_verify(good.root.c_str(), leaf, good.phone.intermediate());
     FUZZ_REQUIRE(parsed != nullptr);
-    FUZZ_REQUIRE(std::ranges::equal(ios_app_certificate_nonce_extension(parsed.get()), value));
+    is_found(parsed.get(), value);
+
+    attestation_parts parts;
+    parts.auth_data = good.auth_data;
+    parts.x5c = {leaf, good.phone.intermediate()};
+    const test_bytes object = parts.encode();
+    const allocation_meter meter;
+    const ios_outcome outcome = good.phone.attest(ios_phone_app_id, object, good.phone.hash);
+    FUZZ_REQUIRE(meter.peak() <= 16 * size + 200 * 1024);
+    FUZZ_REQUIRE((outcome.result != 0) == (wanted && leaf.size() <= 4096));
 }
 
 } // namespace
@@ -40,20 +56,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static const good_object good;
     test_bytes value{data, data + size};
     with_nonce(&value, good.nonce);
-    const test_bytes leaf = good.phone.leaf(value);
-    if (size % 4 == 0) { // parsing takes most of the time, and the attestation does it too
-        is_found(good, leaf, value);
-    }
-
-    attestation_parts parts;
-    parts.auth_data = good.auth_data;
-    parts.x5c = {leaf, good.phone.intermediate()};
-    const test_bytes object = parts.encode();
-    const allocation_meter meter;
-    const ios_outcome outcome = good.phone.attest(ios_phone_app_id, object, good.phone.hash);
-    FUZZ_REQUIRE(meter.peak() <= 16 * size + 200 * 1024);
+    is_found(good.phone.credential(value), value);
     const bool ends_in_nonce =
         value.size() >= 32 && std::equal(good.nonce.begin(), good.nonce.end(), value.end() - 32);
-    FUZZ_REQUIRE((outcome.result != 0) == (ends_in_nonce && leaf.size() <= 4096));
+    if (ends_in_nonce || size % 8 == 0) { // of the refused ones, some
+        is_attested(good, value, size, ends_in_nonce);
+    }
     return 0;
 }

@@ -82,15 +82,21 @@ ios_outcome ios_phone::check_assertion(const test_bytes &key, std::uint32_t stor
     return outcome;
 }
 
-test_bytes ios_phone::leaf(const test_bytes &extension) const
+X509 *ios_phone::credential(const test_bytes &extension) const
 {
-    // With the signature of another value: nobody looks, and signing would take longer than all else.
     X509 *const certificate = credential_.get();
     const int index = X509_get_ext_count(certificate) - 1;
     const asn1_octets_ptr value{ASN1_OCTET_STRING_new()};
     FUZZ_REQUIRE(ASN1_OCTET_STRING_set(value.get(), extension.data(),
                                        static_cast<int>(extension.size())) == 1);
     FUZZ_REQUIRE(X509_EXTENSION_set_data(X509_get_ext(certificate, index), value.get()) == 1);
+    return certificate;
+}
+
+test_bytes ios_phone::leaf(const test_bytes &extension) const
+{
+    // With the signature of another value: nobody looks, and signing would take longer than all else.
+    X509 *const certificate = credential(extension);
     FUZZ_REQUIRE(i2d_re_X509_tbs(certificate, nullptr) > 0); // what was encoded before is not valid
     return certificate_der(certificate);
 }

@@ -30,7 +30,10 @@ class ios_phone {
     [[nodiscard]] ios_outcome attest(const char *app_id, fuzz_bytes object, fuzz_bytes hash) const;
     [[nodiscard]] ios_outcome check_assertion(const test_bytes &key, std::uint32_t stored,
                                               fuzz_bytes object, fuzz_bytes hash) const;
-    /// A credential certificate of the phone's key with this value of the nonce extension.
+    /// The phone's credential certificate, which has this value of the nonce extension until the next
+    /// call.
+    [[nodiscard]] X509 *credential(const test_bytes &extension) const;
+    /// The same, encoded.
     [[nodiscard]] test_bytes leaf(const test_bytes &extension) const;
     /// The same, quicker, for an extension as Apple makes it around this nonce.
     [[nodiscard]] test_bytes leaf_with_nonce(const test_bytes &nonce) const;
