@@ -21,7 +21,7 @@ from .console import Console
 from .daemon import DaemonError
 from .demo_scene import Scene, scene
 from .demo_stay import stay
-from .ipc_client import IpcClient, Report, follow_device
+from .ipc_client import IpcClient, follow_device
 from .limits import PUSH_GAP
 from .namespaces import NetworkError
 from .phone import Phone, Prepared, sample_location
@@ -145,18 +145,8 @@ def deliver(console: Console, phone: Phone, location: dict[str, Any], proof: str
     require(reply.status == 200, f"/location answered {reply.status}")
 
 
-def expected(phone: Phone, location: dict[str, Any]) -> Report:
-    """The report that says exactly what the phone said."""
-    return Report(
-        1, str(phone.host.source), phone.profile.os_version, phone.profile.model,
-        int(location["timestamp"]), 1, phone.bssid, location["rssi"], bytes(8),
-        location["latitude"], location["longitude"], location["accuracy"], location["accuracy"],
-        0.0, location["altitude"], 2, location["verticalAccuracy"],
-    )  # fmt: skip
-
-
 def compare(console: Console, watcher: IpcClient, phone: Phone, location: dict[str, Any]) -> None:
-    report, wanted = watcher.receive_report(), expected(phone, location)
+    report, wanted = watcher.receive_report(), phone.expected_report(location)
     require(report == wanted, f"the report differs\n  sent     {wanted}\n  received {report}")
     console.fact(
         "report",

@@ -13,6 +13,7 @@ from dataclasses import dataclass, field, replace
 from typing import Any
 
 from .app_attest import AttestationAuthority, AttestKey, make_assertion, make_attestation, sha256
+from .ipc_client import Report
 from .lan_http import LanHost, Reply, Session
 
 Members = Mapping[str, Any]
@@ -98,6 +99,28 @@ class Phone:
     profile: Profile = field(default_factory=Profile)
     key: AttestKey = field(default_factory=AttestKey.generate)
     counter: int = 0
+
+    def expected_report(self, location: Members) -> Report:
+        """What local clients get when this phone has posted that location."""
+        return Report(
+            valid=1,
+            phone_ip=str(self.host.source),
+            os_version=self.profile.os_version,
+            phone_model=self.profile.model,
+            time=int(location["timestamp"]),
+            bssid_present=1,
+            bssid=self.bssid.lower(),
+            rssi=int(location["rssi"]),
+            reserved=bytes(8),
+            latitude=location["latitude"],
+            longitude=location["longitude"],
+            horizontal_uncertainty1=location["accuracy"],
+            horizontal_uncertainty2=location["accuracy"],
+            orientation=0.0,
+            height=location["altitude"],
+            height_kind=2,
+            vertical_uncertainty=location["verticalAccuracy"],
+        )
 
     # The API's unsigned calls.
 

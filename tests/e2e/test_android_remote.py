@@ -11,7 +11,6 @@ from dataclasses import replace
 import pytest
 from test_android_local import RULES
 from test_interrupted import LEAVINGS
-from test_round_trip import assert_report_matches
 from velm_sim.access_point import AccessPoint
 from velm_sim.android_phone import AndroidPhone
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer, Endpoint
@@ -97,7 +96,7 @@ def test_a_request_ends_in_the_report_of_an_android_phone(
     cloud.fcm.wait()
     location = sample_location()
     assert phone.location(location).status == 200
-    assert_report_matches(ipc.receive_report(), phone, location)
+    assert ipc.receive_report() == phone.expected_report(location)
     assert not cloud.refusals
 
 

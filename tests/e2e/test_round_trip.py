@@ -21,28 +21,6 @@ from velm_sim.limits import PUSH_GAP
 from velm_sim.phone import Phone, sample_location
 
 
-def assert_report_matches(report: Report, phone: Phone, location: dict[str, object]) -> None:
-    assert report == Report(
-        valid=1,
-        phone_ip=str(phone.host.source),
-        os_version=phone.profile.os_version,
-        phone_model=phone.profile.model,
-        time=int(str(location["timestamp"])),
-        bssid_present=1,
-        bssid=phone.bssid.lower(),
-        rssi=int(float(str(location["rssi"]))),
-        reserved=bytes(8),
-        latitude=float(str(location["latitude"])),
-        longitude=float(str(location["longitude"])),
-        horizontal_uncertainty1=float(str(location["accuracy"])),
-        horizontal_uncertainty2=float(str(location["accuracy"])),
-        orientation=0.0,
-        height=float(str(location["altitude"])),
-        height_kind=2,
-        vertical_uncertainty=float(str(location["verticalAccuracy"])),
-    )
-
-
 @pytest.mark.parametrize("address", ["192.168.100.100", "203.0.113.255"])
 def test_a_phone_with_an_address_of_fifteen_or_fewer_characters_is_served(
     address: str, access_point: AccessPoint, phone: Phone, ipc: IpcClient
@@ -56,7 +34,7 @@ def test_a_phone_with_an_address_of_fifteen_or_fewer_characters_is_served(
         assert phone.pair().status == 200
         location = sample_location()
         assert phone.location(location).status == 200
-        assert_report_matches(ipc.receive_report(), phone, location)
+        assert ipc.receive_report() == phone.expected_report(location)
     finally:
         network.ap.batch(f"route del {address}/32 dev br0\n")
         network.phone.batch(f"addr del {address}/32 dev eth0\n")
@@ -76,7 +54,7 @@ def test_a_request_ends_in_a_report_for_every_client(
     for client in (ipc, bystander):
         frame = client.receive()
         assert (frame.type, frame.status) == (REPORT, STATUS_OK)
-        assert_report_matches(Report.decode(frame.payload), paired_phone, location)
+        assert Report.decode(frame.payload) == paired_phone.expected_report(location)
 
 
 def test_the_push_carries_what_the_app_needs(
@@ -159,7 +137,7 @@ def test_three_locations_in_one_body_are_three_reports(
     locations = [sample_location(rssi=-40 - number) for number in range(3)]
     assert paired_phone.location(locations).status == 200
     for location in locations:
-        assert_report_matches(ipc.receive_report(), paired_phone, location)
+        assert ipc.receive_report() == paired_phone.expected_report(location)
 
 
 def test_pairing_is_stored_with_the_attested_key(
@@ -212,7 +190,7 @@ def test_reload_keeps_pairings_and_forgets_challenges(
     client = connect_ipc()
     location = sample_location()
     assert paired_phone.location(location).status == 200
-    assert_report_matches(client.receive_report(), paired_phone, location)
+    assert client.receive_report() == paired_phone.expected_report(location)
 
 
 @pytest.mark.movable_clock
