@@ -28,9 +28,6 @@ namespace {
 
 constexpr char log_category[] = "velm_fcm_messaging";
 
-/// Between the pushes of one run, and before the first, so that the phones do not all answer at once.
-constexpr long push_gap_s = 1;
-
 constexpr int http_ok = 200;
 constexpr int http_unauthorized = 401;
 constexpr int http_not_found = 404;
@@ -267,7 +264,7 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
         }
         const allocation_name naming{__func__, "cm_params_copy"};
         auto context = std::make_unique<send_context>(send_context{index, *params});
-        delay_s += push_gap_s;
+        delay_s += velm_fcm_push_gap_s;
         common_async_action_schedule(send_push, context.release(), delay_s, 0);
     }
 }

@@ -4,6 +4,9 @@
 
 #include "velm_config.h"
 
+/// Seconds before each push of a run, also the first, so that the phones do not all answer at once.
+inline constexpr long velm_fcm_push_gap_s = 1;
+
 /// Sends the push to each paired phone through the FCM HTTP v1 API.
 
 /// Remembers the configuration (borrowed) and loads the service-account key. If the file is

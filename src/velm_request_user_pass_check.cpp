@@ -27,7 +27,7 @@ struct login_policy {
     int max_failed_attempts;
     std::time_t block_time_s;
 };
-constexpr login_policy policy{true, 5, 60};
+constexpr login_policy policy{true, velm_login_max_failures, 60};
 
 /// Wrong logins in a row.
 struct failure_series {

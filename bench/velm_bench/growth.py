@@ -92,7 +92,7 @@ class Meter:
     ) -> Iterator[Point]:
         tries = self.extent.tries
         visit = self._best(tries, lambda: self._visits(scene, others))
-        # Each phone's push has a second of its own.
+        # One push follows the other.
         rounds = 1 if len(scene.phones) > MANY else self.extent.rounds
         whole = self._best(rounds, lambda: self._round(scene, others))
         yield Point(axis, count, "round", whole[0], visit[1])

@@ -20,6 +20,7 @@ from velm_sim.cloud import HOSTS, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.etc_files import ADMIN
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import PUSH_GAP
 from velm_sim.namespaces import Network, remove_stale
 from velm_sim.phone import Phone, Profile
 
@@ -90,7 +91,7 @@ class Scene:
             self.settle()
             before, woken, pushed = cpu_us(self.pid), wakeups(self.pid), len(self.cloud.fcm.requests)
             client.request()
-            self.cloud.fcm.wait(pushed + len(self.phones), PATIENCE_S + len(self.phones))
+            self.cloud.fcm.wait(pushed + len(self.phones), PATIENCE_S + PUSH_GAP * len(self.phones))
             self.wait_for_answers()
             came, at = cpu_us(self.pid), time.perf_counter_ns()
             own_us = (visit or one_phone)(self.phones)

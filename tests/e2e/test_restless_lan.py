@@ -108,7 +108,7 @@ def moved(cold: Moved) -> Moved:
 
 
 def serves_at(moved: Moved, address: str) -> None:
-    wait_until(lambda: moved.listening() == [address], 10, f"nobody listens at {address}")
+    wait_until(lambda: moved.listening() == [address], LAN_COMMAND_TIME + 5, f"nobody listens at {address}")
     moved.wait_until_serving(moved.host(address))
     assert moved.daemon.alive()
 

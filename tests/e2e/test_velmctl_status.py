@@ -55,7 +55,7 @@ def test_status_for_people(
         "  LAN            br0, 192.168.1.1 since 10:00:00, 0 moves\n"
         "  HTTPS          port 8443, 1 of 64 connections, 3 at most\n"
         "  discovery      port 1900, 10 searches, 4 answered\n"
-        "  local clients  /var/afc/zelka_daemon, 1 of 32 connections, 2 at most, 0 open requests\n"
+        "  local clients  /var/afc/zelka_daemon, 1 of 20 connections, 2 at most, 0 open requests\n"
         "  certificate    CN=velmd, until 2027-01-01 00:00:00 (39 days left)\n"
         "  fingerprint    SHA-256 AB:CD\n"
         "  clock          plausible\n"

@@ -131,7 +131,8 @@ TEST_F(Fcm, ThreePairingsInSlotsZeroFourAndSevenAreSentOneAfterAnother)
     velm_fcm_messaging_push_to_all(30, 0);
     answer_token(R"({"access_token":"x","valid_to":1700003599})");
     run_actions();
-    EXPECT_EQ(run_actions(), (std::vector<long>{1, 2, 3}));
+    constexpr long gap = velm_fcm_push_gap_s;
+    EXPECT_EQ(run_actions(), (std::vector<long>{gap, 2 * gap, 3 * gap}));
     ASSERT_EQ(sent.size(), 3U);
     EXPECT_NE(sent[1].data.post_data.find(R"("token":"tb")"), std::string::npos);
 }

@@ -661,20 +661,22 @@ TEST_F(Ipc, AcceptedSocketsAreCloseOnExecAndNonBlocking)
     EXPECT_EQ(found, 1);
 }
 
-TEST_F(Ipc, ThirtyTwoMayConnectAndOneMoreGetsThePlaceOfTheQuietest)
+TEST_F(Ipc, WhenAllPlacesAreTakenOneMoreGetsThatOfTheQuietest)
 {
     const captured_log log;
+    constexpr int limit = velm_ipc_connection_limit;
     std::vector<unique_fd> clients;
-    for (std::size_t i = 0; i < velm_ipc_connection_limit; ++i) {
+    for (int i = 0; i < limit; ++i) {
         clients.push_back(connect());
     }
     respond_at_once = true;
     ipc_send(clients[0], ipc_request(1)); // so the second is quiet for longer
     ASSERT_TRUE(answer_to(clients[0]).has_value());
-    EXPECT_EQ(log.count("Connection accepted"), 32);
+    EXPECT_EQ(log.count("Connection accepted"), limit);
     const unique_fd newcomer = connect();
     EXPECT_EQ(answer_to(clients[1]), ipc_bytes{});
-    EXPECT_TRUE(log.contains("WARN IPC - accept_cb - too many connections: 32"));
+    EXPECT_TRUE(
+        log.contains("WARN IPC - accept_cb - too many connections: " + std::to_string(limit)));
     ipc_send(newcomer, ipc_request(7));
     EXPECT_TRUE(answer_to(newcomer).has_value());
     for (std::size_t i = 2; i < clients.size(); ++i) {

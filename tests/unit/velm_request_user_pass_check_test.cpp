@@ -37,6 +37,7 @@ void velm_request_preprocessor_continue(velm_request_preprocessor *, int break_c
 namespace {
 
 constexpr std::time_t start_time = 1700000000;
+constexpr int max_failures = velm_login_max_failures;
 
 class UserPassCheck : public testing::Test {
   protected:
@@ -93,11 +94,11 @@ class UserPassCheck : public testing::Test {
         return login(name.c_str(), "right") == VELM_BREAK_LOGIN && logins == before;
     }
 
-    /// Failures at these seconds after the start.
-    static void fail_at(const std::vector<int> &seconds)
+    /// So many failures, the first that many seconds after the start, each other so much later.
+    static void fail(int times, int second = 0, int apart = 0)
     {
-        for (const int second : seconds) {
-            fake_clock_set(start_time + second);
+        for (int i = 0; i < times; ++i) {
+            fake_clock_set(start_time + second + i * apart);
             EXPECT_EQ(login("admin", "wrong"), VELM_BREAK_LOGIN);
         }
     }
@@ -128,15 +129,15 @@ TEST_F(UserPassCheck, RefusesAbsentAndEmptyCredentialsUnseen)
 
 TEST_F(UserPassCheck, AbsentCredentialsCountAsFailures)
 {
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < max_failures; ++i) {
         EXPECT_EQ(login(nullptr, nullptr), VELM_BREAK_LOGIN);
     }
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
 }
 
-TEST_F(UserPassCheck, AfterFiveFailuresTheRightPasswordIsRefusedUnseenWithTheSecondsLeft)
+TEST_F(UserPassCheck, AfterTheLastFailureTheRightPasswordIsRefusedUnseenWithTheSecondsLeft)
 {
-    fail_at({0, 0, 0, 0, 0});
+    fail(max_failures);
     logins = 0;
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
     EXPECT_EQ(logins, 0);
@@ -144,17 +145,17 @@ TEST_F(UserPassCheck, AfterFiveFailuresTheRightPasswordIsRefusedUnseenWithTheSec
                          "login blocked (60 seconds remained)"));
 }
 
-TEST_F(UserPassCheck, AfterFourFailuresTheRightPasswordIsAcceptedAndTheCountIsZeroAgain)
+TEST_F(UserPassCheck, OneFailureBeforeTheRightPasswordIsAcceptedAndTheCountIsZeroAgain)
 {
-    fail_at({0, 0, 0, 0});
+    fail(max_failures - 1);
     EXPECT_EQ(login("admin", "right"), 0);
-    fail_at({0, 0, 0, 0});
+    fail(max_failures - 1);
     EXPECT_EQ(login("admin", "right"), 0);
 }
 
 TEST_F(UserPassCheck, IsBlockedFor60SecondsFromTheFirstFailure)
 {
-    fail_at({0, 10, 20, 30, 40});
+    fail(max_failures, 0, 10);
     fake_clock_set(start_time + 59);
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
     EXPECT_TRUE(log_.contains("login blocked (1 seconds remained)"));
@@ -164,56 +165,57 @@ TEST_F(UserPassCheck, IsBlockedFor60SecondsFromTheFirstFailure)
 
 TEST_F(UserPassCheck, TheCountIsZeroAgainAfterTheBlock)
 {
-    fail_at({0, 0, 0, 0, 0});
-    fail_at({60, 60, 60, 60});
-    EXPECT_EQ(login("admin", "right"), 0) << "four failures of a new series do not block";
-    fail_at({60, 60, 60, 60, 60});
+    fail(max_failures);
+    fail(max_failures - 1, 60);
+    EXPECT_EQ(login("admin", "right"), 0) << "a new series may have as many";
+    fail(max_failures, 60);
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
     EXPECT_TRUE(log_.contains("login blocked (60 seconds remained)"));
 }
 
 TEST_F(UserPassCheck, ABlockedAttemptIsNotCounted)
 {
-    fail_at({0, 0, 0, 0, 0, 30, 59});
+    fail(max_failures);
+    fail(2, 30, 29);
     fake_clock_set(start_time + 60);
     EXPECT_EQ(login("admin", "right"), 0);
 }
 
 TEST_F(UserPassCheck, ASeriesOfFailuresHasNoEndButASuccess)
 {
-    fail_at({0, 100, 200, 300, 400});
-    EXPECT_EQ(login("admin", "right"), 0) << "the fifth came long after the block would be over";
+    fail(max_failures, 0, 100);
+    EXPECT_EQ(login("admin", "right"), 0) << "the last came long after the block would be over";
 }
 
-TEST_F(UserPassCheck, ANameIsRefusedAfterFiveFailuresWhateverOthersDo)
+TEST_F(UserPassCheck, ANameIsRefusedAfterTheLastFailureWhateverOthersDo)
 {
-    fail_between_right_ones("admin", 4);
+    fail_between_right_ones("admin", max_failures - 1);
     EXPECT_FALSE(is_blocked("admin"));
-    fail_between_right_ones("admin", 5);
+    fail_between_right_ones("admin", max_failures);
     EXPECT_TRUE(is_blocked("admin"));
     EXPECT_TRUE(log_.has("WARN velm_request_user_pass_check - make_user_pass_check - login blocked "
                          "(60 seconds remained) for this user name"));
     EXPECT_EQ(login("other", "right"), 0);
 }
 
-TEST_F(UserPassCheck, OfAHundredWrongPasswordsBetweenRightOnesOfAnotherFiveAreLookedAt)
+TEST_F(UserPassCheck, OfAHundredWrongPasswordsBetweenRightOnesOfAnotherOneRowIsLookedAt)
 {
     int seen = 0;
     for (int i = 0; i < 100; ++i) {
         logins = 0;
         EXPECT_EQ(login("admin", "wrong"), VELM_BREAK_LOGIN);
         seen += logins;
-        if (i % 4 == 3) {
+        if (i % (max_failures - 1) == max_failures - 2) {
             EXPECT_EQ(login("other", "right"), 0);
         }
     }
-    EXPECT_EQ(seen, 5);
+    EXPECT_EQ(seen, max_failures);
 }
 
 TEST_F(UserPassCheck, ANameIsRefusedFor60SecondsFromItsFirstFailure)
 {
-    for (const int second : {0, 10, 20, 30, 40}) {
-        fake_clock_set(start_time + second);
+    for (int i = 0; i < max_failures; ++i) {
+        fake_clock_set(start_time + 10 * i);
         fail_between_right_ones("admin", 1);
     }
     fake_clock_set(start_time + 59);
@@ -221,13 +223,13 @@ TEST_F(UserPassCheck, ANameIsRefusedFor60SecondsFromItsFirstFailure)
     EXPECT_TRUE(log_.contains("login blocked (1 seconds remained) for this user name"));
     fake_clock_set(start_time + 60);
     EXPECT_EQ(login("admin", "right"), 0);
-    fail_between_right_ones("admin", 4);
+    fail_between_right_ones("admin", max_failures - 1);
     EXPECT_FALSE(is_blocked("admin")) << "a new row begins with nothing";
 }
 
 TEST_F(UserPassCheck, ARefusedAttemptOfANameIsNotCounted)
 {
-    fail_between_right_ones("admin", 5);
+    fail_between_right_ones("admin", max_failures);
     for (int i = 0; i < 10; ++i) {
         EXPECT_TRUE(is_blocked("admin"));
     }
@@ -236,9 +238,9 @@ TEST_F(UserPassCheck, ARefusedAttemptOfANameIsNotCounted)
     EXPECT_EQ(login("admin", "right"), 0);
 }
 
-TEST_F(UserPassCheck, ANameThatNoAccountHasIsRefusedAfterFiveToo)
+TEST_F(UserPassCheck, ANameThatNoAccountHasIsRefusedToo)
 {
-    fail_between_right_ones("nobody", 5);
+    fail_between_right_ones("nobody", max_failures);
     EXPECT_TRUE(is_blocked("nobody"));
     EXPECT_FALSE(is_blocked("nobod"));
     fail_between_right_ones("Nobody", 1);
@@ -248,7 +250,7 @@ TEST_F(UserPassCheck, ANameThatNoAccountHasIsRefusedAfterFiveToo)
 TEST_F(UserPassCheck, LongNamesAreToldApartByTheirLastCharacter)
 {
     const std::string beginning(1023, 'n');
-    fail_between_right_ones(beginning + "a", 5);
+    fail_between_right_ones(beginning + "a", max_failures);
     EXPECT_TRUE(is_blocked(beginning + "a"));
     EXPECT_FALSE(is_blocked(beginning + "b"));
 }
@@ -258,7 +260,7 @@ TEST_F(UserPassCheck, OfSixtyFiveNamesTheOneWhoseLastFailureIsLongestAgoIsForgot
     std::vector<std::string> names;
     for (int number = 0; number < 64; ++number) {
         names.push_back("name" + std::to_string(number));
-        fail_between_right_ones(names.back(), 5);
+        fail_between_right_ones(names.back(), max_failures);
     }
     EXPECT_TRUE(is_blocked(names.front()));
     fail_between_right_ones("one more", 1);
@@ -272,7 +274,7 @@ TEST_F(UserPassCheck, ARightPasswordGivesItsNamesPlaceBack)
 {
     fail_between_right_ones("admin", 1);
     for (int number = 0; number < 63; ++number) {
-        fail_between_right_ones("name" + std::to_string(number), 5);
+        fail_between_right_ones("name" + std::to_string(number), max_failures);
     }
     EXPECT_EQ(login("admin", "right"), 0);
     fail_between_right_ones("one more", 1);
@@ -281,20 +283,20 @@ TEST_F(UserPassCheck, ARightPasswordGivesItsNamesPlaceBack)
 
 TEST_F(UserPassCheck, AClockThatWasSetBackBlocksNobody)
 {
-    fail_at({0, 0, 0, 0, 0});
+    fail(max_failures);
     fake_clock_set(start_time - 1);
     EXPECT_EQ(login("admin", "right"), 0);
     fake_clock_set(start_time);
-    fail_between_right_ones("admin", 5);
+    fail_between_right_ones("admin", max_failures);
     fake_clock_set(start_time - 3600);
     EXPECT_EQ(login("admin", "right"), 0);
-    fail_at({-3600, -3600, -3600, -3600, -3600});
+    fail(max_failures, -3600);
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN) << "counts as ever by the new time";
 }
 
 TEST_F(UserPassCheck, AClockThatIsSetBackALittleMakesNoBlockLonger)
 {
-    fail_at({0, 0, 0, 0, 0});
+    fail(max_failures);
     fake_clock_set(start_time + 3);
     fake_clock_advance_steady(59);
     EXPECT_EQ(login("admin", "right"), VELM_BREAK_LOGIN);
@@ -304,7 +306,7 @@ TEST_F(UserPassCheck, AClockThatIsSetBackALittleMakesNoBlockLonger)
 
 TEST_F(UserPassCheck, TheThrottleOutlivesAReload)
 {
-    fail_at({0, 0, 0, 0, 0});
+    fail(max_failures);
     velm_request_user_pass_check_init(nullptr);
     EXPECT_TRUE(log_.has("TRACE velm_request_user_pass_check - velm_request_user_pass_check_init"));
     EXPECT_FALSE(shadow_is_used());
@@ -324,7 +326,7 @@ TEST_F(UserPassCheck, DoesNotBeginWhenTheRequestHasGone)
     p.client_username = "admin";
     p.client_password = "wrong";
     p.request_gone = true;
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i <= max_failures; ++i) {
         make_user_pass_check(&p);
     }
     turn_test_loop();
@@ -346,12 +348,12 @@ TEST_F(UserPassCheck, ExplainsARefusalWithoutNamingTheUser)
     fake_clock_set(start_time);
     EXPECT_EQ(refused("eve"),
               (std::pair<std::string, std::string>{"its user name or password is wrong", ""}));
-    fail_between_right_ones("eve", 4);
+    fail_between_right_ones("eve", max_failures - 1);
     EXPECT_EQ(refused("eve"),
               (std::pair<std::string, std::string>{
                   "too many wrong passwords came for its user name, so its logins are blocked",
                   "60 s more"}));
-    for (int i = 0; i < 5; ++i) {
+    for (int i = 0; i < max_failures; ++i) {
         login("admin", "wrong");
     }
     EXPECT_EQ(refused("bob"),

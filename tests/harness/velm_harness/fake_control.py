@@ -125,7 +125,7 @@ STATUS: Document = {
     "localClients": {
         "socket": "/var/afc/zelka_daemon",
         "listening": True,
-        "connections": {"now": 1, "most": 2, "limit": 32},
+        "connections": {"now": 1, "most": 2, "limit": 20},
         "openRequests": 0,
     },
     "certificate": {

@@ -12,6 +12,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/paused_request.h"
 #include "handles/cjson.h"
+#include "http_server/intake.h"
 #include "logger/common_logger.h"
 #include "velm_request_preprocessor.h"
 
@@ -162,11 +163,15 @@ TEST_F(Body, HoldsNoMoreValuesForWhatIsTextOrEmptyOrBehindTheValue)
     EXPECT_EQ(status(beside_auth("1") + repeated(2000, ",")), 200);
 }
 
-TEST_F(Body, MayHoldAListOfEightyWholeLocations)
+TEST_F(Body, MayHoldAsManyWholeLocationsAsItsBytes)
 {
     const std::string place = R"({"latitude":1,"longitude":2,"accuracy":3,"altitude":4,)"
-                              R"("verticalAccuracy":5,"rssi":-6,"timestamp":7})";
-    EXPECT_EQ(status(R"({"auth":{"deviceId":"a"},"location":)" + list_of(80, place) + '}'), 200);
+                              R"("verticalAccuracy":5,"rssi":-6,"timestamp":"7"})";
+    const std::string before = R"({"auth":{"deviceId":"a"},"location":)";
+    const std::size_t bytes =
+        http_server_max_body_size - before.size() - std::string_view{"[]}"}.size();
+    const std::size_t most = (bytes + 1) / (place.size() + 1);
+    EXPECT_EQ(status(before + list_of(most, place) + '}'), 200);
 }
 
 TEST_F(Body, OfNoRequestEndsTheProcess)

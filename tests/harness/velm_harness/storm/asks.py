@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import time
 from collections.abc import Callable
 
 from velm_sim.answers import GARBAGE, HANG_UP, SILENCE, Answer
@@ -12,7 +11,6 @@ from velm_sim.namespaces import Network
 from .limits import AccessToken
 from .model import Expected
 from .phones import step_info
-from .schedule import PAIRINGS_LIMIT
 from .world import REFUSING_ADDRESS, SILENT_ADDRESS, World
 
 SENT = Answer.json({"name": "sent"})
@@ -81,7 +79,7 @@ def _ask(world: World, ask: Callable[[], int]) -> None:
     if model.needs_push_token():
         model.token_requests += 1
         model.push_token = AccessToken.fresh(model.moment)
-    world.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
+    world.perhaps_push()
     model.expect_pushes()
     world.log.mark()
     ask()

@@ -13,13 +13,13 @@ from collections.abc import Callable, Iterator
 from dataclasses import replace
 
 from velm_sim.daemon import wait_until
+from velm_sim.limits import LAN_COMMAND_TIME
 from velm_sim.ssdp import Searcher, search_message
 
 from .lan_events import EVENTS, batch, pause
 from .log import StormFailure, require
 from .phones import step_info
 from .proofs import fetch_challenge
-from .schedule import PAIRINGS_LIMIT
 from .traffic import traffic
 from .world import World
 
@@ -43,7 +43,7 @@ def _reload_beside(world: World, reload_ms: int | None) -> Iterator[None]:
         yield
         return
     hang_up = lambda: os.kill(world.daemon.pid, signal.SIGHUP)  # noqa: E731
-    world.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
+    world.perhaps_push()
     if reload_ms < 0:
         hang_up()
         pause(-reload_ms)
@@ -199,9 +199,9 @@ def step_address_command(world: World, how: str) -> None:
     world.log.mark()
     world.address_command.write_text(how)
     try:
-        world.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
+        world.perhaps_push()
         os.kill(world.daemon.pid, signal.SIGHUP)
-        world.log.wait(r"velm_google_auth_init\b", timeout=15.0)
+        world.log.wait(r"velm_google_auth_init\b", timeout=LAN_COMMAND_TIME + 10.0)
         served_again(world)
     finally:
         world.address_command.write_text("works")

@@ -19,6 +19,7 @@ from velm_sim.cloud import HOSTS, Cloud
 from velm_sim.daemon import wait_until
 from velm_sim.etc_files import ADMIN, ODD_ACCOUNTS, ROOT, SECOND
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import PUSH_GAP
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, Profile
 from velm_sim.play_integrity import IntegrityKeys
@@ -211,10 +212,14 @@ class World:
             client.close()
         self.clients.clear()
 
+    def perhaps_push(self) -> None:
+        """The pushes of a run may be under way until all phones have had theirs."""
+        self.perhaps_until = time.monotonic() + PAIRINGS_LIMIT * PUSH_GAP + 1.5
+
     # What changes its settings.
 
     def reload(self) -> None:
-        self.perhaps_until = time.monotonic() + PAIRINGS_LIMIT + 1.5
+        self.perhaps_push()
         self.access_point.reload()
         # The first address of the bridge is the one that the command tells.
         first = self.bridge.addresses[0]
