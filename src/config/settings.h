@@ -21,11 +21,10 @@ using config_field =
 struct config_setting {
     const char *key; // in the file and in the log
     config_field field;
-    const char *standard; // the default, as it would be written in the file
-    const char *nvram;    // the name of the setting in nvram that overrides the file; null: none
-    const char *meaning;  // one sentence, which velmd.conf(5) has too
-    bool is_traced =
-        true; // tools in the field compare these lines of the log: a later one has none
+    const char *standard;  // the default, as it would be written in the file
+    const char *nvram;     // the name of the setting in nvram that overrides the file; null: none
+    const char *meaning;   // one sentence, which velmd.conf(5) has too
+    bool is_traced = true; // tools compare these TRACE lines: a new setting has none, so give false
 };
 
 /// The settings of the file, in the order of the record.
