@@ -190,6 +190,15 @@ def test_no_text_from_outside_commands_the_terminal(
         assert "\nRound 99" not in done.stdout
 
 
+def test_an_open_round_has_a_likely_cause_so_far(control: FakeControl, velmctl: Velmctl) -> None:
+    control.answer(
+        "/v1/rounds", rounds(round_of(state="open", closed=None, cause=None, reports=[],
+                                      visits=[WRONG_BSSID]))
+    )  # fmt: skip
+    told = velmctl.run("explain").stdout
+    assert "\nLikely cause so far: " in told and "Remedy: " in told
+
+
 def test_follow_tells_what_is_new(
     control: FakeControl, velmctl: Velmctl, tmp_path: Path
 ) -> None:

@@ -220,14 +220,15 @@ explain_story explain_round(const control_round &round, control_moment now,
                             const explain_names &names, explain_style style)
 {
     explain_speaker speaker{now, names, style};
-    explain_story story{title_of(round, speaker), {}, ending_of(round, speaker, style), "", ""};
+    explain_story story{title_of(round, speaker), {}, ending_of(round, speaker, style), "", "", ""};
     story.sentences = sentences_of(round, speaker, story.ending);
     // Told alone, each thing that happens is a sentence of its own already.
     const bool is_open =
         round.state == "open" && !round.cause.has_value() && style == explain_style::told;
     const control_round told = is_open ? with_cause_so_far(round) : round;
     if (told.cause.has_value()) {
-        story.cause = (is_open ? "So far: " : "") + as_sentence(cause_text(told));
+        story.cause_label = is_open ? "Likely cause so far:" : "Likely cause:";
+        story.cause = as_sentence(cause_text(told));
         story.remedy = remedy_of(told);
     }
     return story;

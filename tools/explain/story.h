@@ -13,6 +13,7 @@ struct explain_story {
     std::string title;                  // who asked, and when
     std::vector<std::string> sentences; // in the order of time
     std::string ending;                 // or how long it may go on; may be empty
+    std::string cause_label;            // an open round has a cause so far
     std::string cause;                  // why no location came; empty: one came, or may yet
     std::string remedy;                 // empty: there is none
 };

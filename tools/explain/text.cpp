@@ -19,7 +19,7 @@ std::string round_text(const explain_story &story, const velmctl_paint &paint)
         out += "  " + story.ending + '\n';
     }
     if (!story.cause.empty()) {
-        out += paint(velmctl_colour::red, "Likely cause:") + ' ' + story.cause + '\n';
+        out += paint(velmctl_colour::red, story.cause_label) + ' ' + story.cause + '\n';
     }
     if (!story.remedy.empty()) {
         out += paint(velmctl_colour::green, "Remedy:") + ' ' + story.remedy + '\n';
@@ -65,7 +65,7 @@ void add_lines(std::vector<std::string> &out, const std::string &place, const ex
         add_line(out, place, sentence);
     }
     add_line(out, place, story.ending);
-    add_line(out, place + "Likely cause: ", story.cause);
+    add_line(out, place + story.cause_label + ' ', story.cause);
     add_line(out, place + "Remedy: ", story.remedy);
 }
 
