@@ -10,7 +10,7 @@
 /// another name does not reset this count. At most 64 names are remembered: the name whose last
 /// failure is longest ago is forgotten.
 
-/// Wrong logins in a row, of all or for one user name, that block.
+/// So many wrong logins in a row block all logins. As many for one user name block that name.
 inline constexpr int velm_login_max_failures = 5;
 
 /// The counts of failures outlive a reload. Without a record the shadow database is not used.

@@ -14,6 +14,7 @@ from pathlib import Path
 from velm_sim.access_point import BSSIDS, PORT
 from velm_sim.build import Build
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import LOCAL_CLIENTS
 
 from .figures import number
 from .growth_plot import svg
@@ -56,14 +57,14 @@ BSSIDS_AXIS, SETTINGS = "BSSIDs", "settings in the store"
 # Half of the most is among them: there it shows whether something grows faster than linear.
 FULL = Extent(2, 3, 20, 0.5, 2000, {
     PHONES: (1, 8, 32, 64),
-    CLIENTS: (1, 4, 16, 32),
+    CLIENTS: (1, 4, LOCAL_CLIENTS // 2, LOCAL_CLIENTS),
     CONNECTIONS: (1, 8, 32, 64),
     BSSIDS_AXIS: (1, 32, 256, 512),
     SETTINGS: (10, 500, 5000, 10000),
 })  # fmt: skip
 QUICK = Extent(1, 2, 4, 0.2, 200, {
     PHONES: (1, 2, 4),
-    CLIENTS: (1, 16, 32),
+    CLIENTS: (1, LOCAL_CLIENTS // 2, LOCAL_CLIENTS),
     CONNECTIONS: (1, 32, 64),
     BSSIDS_AXIS: (1, 256, 512),
     SETTINGS: (10, 5000, 10000),

@@ -8,8 +8,8 @@
  * A client sends requests; the daemon answers a request at once with busy or "no paired devices",
  * or not at all, and sends every connected client a report whenever a paired phone has delivered a
  * location. A client that reads gets every report. One that does not read holds them up for all, so
- * it loses its connection after 15 s: read all the time, or close. With more than 32 clients, the user
- * with most places loses one: that of its quietest client.
+ * it loses its connection after 15 s: read all the time, or close. At most 32 clients stay connected.
+ * When one more comes, the user with most connections loses that of its quietest client.
  *
  * Every frame is a packet of its own: a header, then header.len bytes of payload. All numbers
  * are in the byte order of the machine, except where a comment says otherwise.

@@ -31,6 +31,10 @@ APP_ID = "Q4TZ8KM2W7.com.norvale.afc"
 SERIAL_NUMBER = "NV-2207-001942"
 VENDOR = "NORVALE"
 BSSIDS = ("00:1a:2b:3c:4d:50", "00:1a:2b:3c:4d:51", "00:1A:2B:3C:4D:60")
+PAIRING_MEMBERS = (
+    "status", "dev_id", "dev_type", "name", "push_token", "date_added", "dev_model", "os_version",
+    "attestation_key",
+)  # fmt: skip
 LARGEST_CONFIGURATION = 4096
 LONGEST_MOMENT = 2.0
 
@@ -169,10 +173,8 @@ class AccessPoint:
 
     def pairing(self, slot: int) -> dict[str, str | None]:
         """What nvram holds of a pairing."""
-        members = ("status", "dev_id", "dev_type", "name", "push_token", "date_added", "dev_model")
         return {
-            member: self.nvram_get(f"zelkad_pairing_{slot}_{member}")
-            for member in (*members, "os_version", "attestation_key")
+            member: self.nvram_get(f"zelkad_pairing_{slot}_{member}") for member in PAIRING_MEMBERS
         }
 
     # The daemon.

@@ -14,7 +14,7 @@ inline constexpr std::size_t config_name_size = 20;
 /// Where the value of a setting came from.
 enum class config_source : std::uint8_t { standard, file, command_line, nvram, platform };
 
-/// More than the table has rows: config/settings.cpp has the compiler check it.
+/// The most rows that the table may have. config/settings.cpp has the compiler check it.
 inline constexpr std::size_t config_rows_max = 32;
 
 /// All settings of the daemon; config/settings.h has the table of their names and defaults. There is one

@@ -9,8 +9,8 @@
 
 #include "handles/fd.h"
 
-/// How long a shell command may take: the one that prints the LAN address is the only one. One that
-/// takes longer is ended, with all that it has started, and has failed.
+/// The time that a shell command may take. The daemon runs one only: it prints the LAN address. A command
+/// that takes longer is ended, with all that it has started, and has failed.
 inline constexpr std::chrono::seconds common_launch_time{5};
 
 /// A shell and what it runs, in a process group of their own. Letting go ends them all.

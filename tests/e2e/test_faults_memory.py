@@ -20,7 +20,7 @@ import pytest
 from velm_harness.allocation_fault import AllocationFault
 from velm_harness.preloads import library
 from velm_harness.sample import Sample
-from velm_sim.access_point import AccessPoint
+from velm_sim.access_point import PAIRING_MEMBERS, AccessPoint
 from velm_sim.build import Build
 from velm_sim.cloud import Cloud
 from velm_sim.daemon import Daemon, wait_until
@@ -141,7 +141,7 @@ def assert_whole(access_point: AccessPoint, store: Path) -> None:
     assert settings["ap_vendor"] == "NORVALE"
     members = [name for name in settings if name.startswith("zelkad_pairing_0_")]
     if settings.get("zelkad_pairing_0_status") == "Valid":
-        assert len(members) == 9 and settings["zelkad_pairing_0_attestation_key"]
+        assert len(members) == len(PAIRING_MEMBERS) and settings["zelkad_pairing_0_attestation_key"]
     else:
         assert not members or set(settings[name] for name in members) <= {"", "Invalid"}
 

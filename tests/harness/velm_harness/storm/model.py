@@ -6,6 +6,7 @@ import time
 from collections import Counter, deque
 from dataclasses import dataclass, field
 
+from velm_sim.access_point import PAIRING_MEMBERS
 from velm_sim.limits import PUSH_GAP
 
 from .limits import AccessToken, Junk, Logins, Moment
@@ -16,10 +17,7 @@ CHALLENGE_LIFE = 60
 PUSH_INTERVAL = 60
 GOOGLE_SILENCE = 3599
 DUE_MARGIN = 0.2  # seconds by which a push may leave before its time
-DELETED_KEYS = (
-    "dev_id", "dev_type", "name", "push_token", "dev_model", "os_version", "date_added",
-    "attestation_key",
-)  # fmt: skip
+DELETED_KEYS = tuple(member for member in PAIRING_MEMBERS if member != "status")
 GIVEN = "*"  # of an attestation key: any text, known to be the phone's own
 SPOILT = "c3BvaWx0"
 
