@@ -145,7 +145,7 @@ class Network:
 
     def _wire(self) -> None:
         self.ap.batch(
-            "link add br0 type bridge\n"
+            "link add br0 type bridge forward_delay 0\n"
             f"link add lan0 type veth peer name eth0 netns {self.phone.name}\n"
             f"link add wan0 type veth peer name eth0 netns {self.cloud.name}\n"
             "link set lan0 master br0\n"
