@@ -49,6 +49,8 @@ struct load_run {
 
 load_run *running = nullptr; // of the session callback, which OpenSSL gives no argument
 
+volatile std::sig_atomic_t was_ended = 0; // by SIGTERM: what it saw until then is printed
+
 /// TLS 1.3 tickets come with the first answer; each takes the place of the one before.
 int keep_session(SSL *tls, SSL_SESSION *session) noexcept
 {
@@ -115,13 +117,24 @@ bool prepare(load_run *run)
     return run->options->requests_path.empty() || read_requests(run);
 }
 
+/// Until the time is over or somebody ends it; requests of a file that are not repeated, until all are
+/// sent.
+bool has_more(const load_run *run)
+{
+    if (run->requests.empty() || run->options->repeats) {
+        return was_ended == 0 && load_clock::now() < run->end;
+    }
+    return run->next_request < run->requests.size();
+}
+
 /// Null when there is nothing more to ask.
 const std::string *take_request(load_run *run)
 {
-    if (run->requests.empty()) {
-        return load_clock::now() < run->end ? &run->repeated_request : nullptr;
+    if (!has_more(run)) {
+        return nullptr;
     }
-    return run->next_request < run->requests.size() ? &run->requests[run->next_request++] : nullptr;
+    return run->requests.empty() ? &run->repeated_request
+                                 : &run->requests[run->next_request++ % run->requests.size()];
 }
 
 void wait_for(load_run *run, std::size_t index, std::uint32_t events)
@@ -170,9 +183,7 @@ bool may_open_again(load_run *run, load_progress progress)
         ++run->result.failures;
         ++run->failures_in_a_row;
     }
-    const bool more = run->requests.empty() ? load_clock::now() < run->end
-                                            : run->next_request < run->requests.size();
-    return more && run->failures_in_a_row < max_failures_in_a_row;
+    return has_more(run) && run->failures_in_a_row < max_failures_in_a_row;
 }
 
 void count_resumed(load_result *result, const load_connection &connection)
@@ -321,9 +332,8 @@ double seconds_to_first_answer(load_run *run, load_clock::time_point begin)
     return -1;
 }
 
-bool run_first(load_run *run)
+pid_t start_command(const load_run *run)
 {
-    const auto begin = load_clock::now();
     const pid_t child = fork();
     if (child == 0) {
         std::vector<char *> arguments;
@@ -333,6 +343,13 @@ bool run_first(load_run *run)
         execvp(arguments.front(), arguments.data());
         _exit(127);
     }
+    return child;
+}
+
+bool run_first(load_run *run)
+{
+    const auto begin = load_clock::now();
+    const pid_t child = start_command(run);
     const double seconds = child < 0 ? -1 : seconds_to_first_answer(run, begin);
     if (child > 0) {
         kill(child, SIGTERM);
@@ -340,6 +357,17 @@ bool run_first(load_run *run)
     }
     std::printf("{\"first_answer_s\": %.6f}\n", seconds);
     return seconds >= 0;
+}
+
+bool run_ended(const load_run *run)
+{
+    const auto begin = load_clock::now();
+    const pid_t child = start_command(run);
+    int status = -1;
+    const bool good = child > 0 && waitpid(child, &status, 0) == child && status == 0;
+    const double seconds = std::chrono::duration<double>(load_clock::now() - begin).count();
+    std::printf("{\"ended_s\": %.6f}\n", seconds);
+    return good;
 }
 
 bool run_mode(load_run *run)
@@ -352,6 +380,7 @@ bool run_mode(load_run *run)
     case load_mode::kept:
     case load_mode::fresh:
     case load_mode::again:
+    case load_mode::ended: // has no server
         break;
     }
     const bool good = run_load(run);
@@ -371,5 +400,11 @@ int main(int argc, char **argv)
     load_run run;
     run.options = &*options;
     running = &run;
+    if (options->repeats) {
+        std::signal(SIGTERM, [](int) noexcept { was_ended = 1; });
+    }
+    if (options->mode == load_mode::ended) {
+        return run_ended(&run) ? 0 : 1;
+    }
     return make_context(&run) && prepare(&run) && run_mode(&run) ? 0 : 1;
 }

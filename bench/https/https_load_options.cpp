@@ -11,8 +11,9 @@
 const char load_usage[] =
     "usage: velm-https-load kept|fresh|again|idle --server A.B.C.D:PORT --ca FILE\n"
     "           [--source A.B.C.D]... [--tls 1.2|1.3] [--connections N] [--seconds S]\n"
-    "           [--path PATH | --requests FILE]\n"
-    "       velm-https-load first --server A.B.C.D:PORT --ca FILE -- COMMAND...\n";
+    "           [--path PATH | --requests FILE [--repeat]]\n"
+    "       velm-https-load first --server A.B.C.D:PORT --ca FILE -- COMMAND...\n"
+    "       velm-https-load ended -- COMMAND...\n";
 
 namespace {
 
@@ -25,6 +26,7 @@ constexpr option long_options[] = {
     {"seconds", required_argument, nullptr, 'd'},
     {"path", required_argument, nullptr, 'p'},
     {"requests", required_argument, nullptr, 'r'},
+    {"repeat", no_argument, nullptr, 'R'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -34,7 +36,7 @@ struct mode_name {
 };
 constexpr mode_name mode_names[] = {
     {"kept", load_mode::kept}, {"fresh", load_mode::fresh}, {"again", load_mode::again},
-    {"idle", load_mode::idle}, {"first", load_mode::first},
+    {"idle", load_mode::idle}, {"first", load_mode::first}, {"ended", load_mode::ended},
 };
 
 bool parse_mode(std::string_view text, load_mode *mode)
@@ -101,6 +103,9 @@ bool apply_option(int letter, const char *value, load_options *options)
     case 'r':
         options->requests_path = value;
         return true;
+    case 'R':
+        options->repeats = true;
+        return true;
     default:
         return false;
     }
@@ -108,8 +113,10 @@ bool apply_option(int letter, const char *value, load_options *options)
 
 bool is_complete(const load_options &options)
 {
-    return options.server.sin_port != 0 && !options.authority_path.empty() &&
-           (options.mode != load_mode::first || !options.command.empty());
+    const bool wants_command = options.mode == load_mode::first || options.mode == load_mode::ended;
+    const bool wants_server = options.mode != load_mode::ended;
+    return (!wants_server || (options.server.sin_port != 0 && !options.authority_path.empty())) &&
+           (!wants_command || !options.command.empty());
 }
 
 } // namespace

@@ -14,6 +14,7 @@ enum class load_mode {
     again, // each request on a connection of its own, resuming the session before it
     idle,  // one request on each connection, which is then held until standard input ends
     first, // starts a server and asks it until the first 200
+    ended, // starts a program and waits until it has ended
 };
 
 struct load_options {
@@ -26,7 +27,8 @@ struct load_options {
     double seconds = 1.0;
     std::string path = "/info";
     std::string requests_path;         // a file of whole requests, each sent once
-    std::vector<const char *> command; // the server of mode `first`, null at the end
+    bool repeats = false;              // the requests, from the first on, until the time is over
+    std::vector<const char *> command; // of the modes `first` and `ended`, null at the end
 };
 
 extern const char load_usage[];

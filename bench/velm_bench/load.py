@@ -86,6 +86,29 @@ class LoadClient:
         return judged(server, mode, json.loads(done.stdout), spent)
 
     @contextlib.contextmanager
+    def repeating(
+        self, server: Server, requests: Path, connections: int, limit_s: float
+    ) -> Iterator[None]:
+        """The requests of the file again and again while this lasts. Each must be answered with 200."""
+        command = self.command(
+            "kept", server, "ecdsa", "--connections", str(connections),
+            "--requests", str(requests), "--repeat", "--seconds", str(limit_s),
+        )  # fmt: skip
+        with subprocess.Popen(
+            command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        ) as process:
+            before = cpu_us(server.pid)
+            try:
+                yield
+                ended = process.poll() is not None
+            finally:
+                process.terminate()
+                said, problem = process.communicate(timeout=20)
+            if ended or process.returncode != 0:
+                raise LoadError(f"{server.name}, repeating: {problem.strip() or said.strip()}")
+            judged(server, "repeating", json.loads(said), cpu_us(server.pid) - before)
+
+    @contextlib.contextmanager
     def idle_connections(self, server: Server, count: int) -> Iterator[None]:
         """Each has been asked once."""
         command = self.command("idle", server, "ecdsa", "--connections", str(count))

@@ -20,6 +20,7 @@ from velm_sim.namespaces import Namespace, Network
 from .watch import SERVER_CORE, end, pin
 
 ADDRESS = Network.AP_ADDRESS
+LAN_BRIDGE = "br0"
 KINDS = ("ecdsa", "rsa")
 NGINX_PORTS = {"ecdsa": 9443, "rsa": 9444}
 LIGHTTPD_PORTS = {"ecdsa": 9543, "rsa": 9544}
