@@ -14,13 +14,15 @@ inline constexpr std::size_t story_pushes_kept = 64;
 inline constexpr std::size_t story_visits_kept = 96;
 inline constexpr std::size_t story_unasked_kept = 64;
 inline constexpr std::size_t story_reports_kept = 64;
+inline constexpr std::size_t story_touched_kept = 16;
 
 /// Visits in no order; their numbers tell it.
 template <std::size_t Size>
 struct story_visits {
     std::array<story_visit, Size> places;
-    std::uint64_t last = 0;  // the number of the newest
-    std::size_t touched = 0; // the place of the visit that came or was repeated last
+    std::uint64_t last = 0; // the number of the newest
+    /// The place of the visit that came or was repeated last, of addresses with that rest (visits.cpp).
+    std::array<std::uint8_t, story_touched_kept> touched{};
     std::uint64_t repeats_end_with =
         0; // a visit of this number or before is not counted up any more
 };

@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cstring>
 #include <iterator>
@@ -90,7 +92,8 @@ template <std::size_t Size>
 story_visit &visits_add(story_visits<Size> &visits, const story_visit_note &note,
                         const char *device_id)
 {
-    story_visit &touched = visits.places[visits.touched];
+    std::uint8_t &place_touched = visits.touched[ntohl(note.address) % visits.touched.size()];
+    story_visit &touched = visits.places[place_touched];
     if (touched.number != 0 && may_repeat(visits, touched) && is_same(touched, note, device_id)) {
         visit_repeat(touched, note); // what a flood does, without a look at the others
         return touched;
@@ -101,7 +104,7 @@ story_visit &visits_add(story_visits<Size> &visits, const story_visit_note &note
     story_visit *const place = repeats                 ? own.newest
                                : own.count >= Size / 4 ? own.oldest
                                                        : own.oldest_of_all;
-    visits.touched = static_cast<std::size_t>(place - visits.places.data());
+    place_touched = static_cast<std::uint8_t>(place - visits.places.data());
     if (repeats) {
         visit_repeat(*place, note);
         return *place;

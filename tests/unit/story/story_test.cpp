@@ -235,6 +235,31 @@ TEST_F(Story, TellsTheSamePhoneAgainAsTimes)
     EXPECT_GE(story_look().visits[0]->until, story_look().visits[0]->at);
 }
 
+TEST_F(Story, TellsPhonesThatTakeTurnsAsTimes)
+{
+    const char *const hosts[] = {"10.0.0.1", "10.0.0.2", "10.0.0.17", "10.0.1.1"};
+    for (int i = 0; i < 5; ++i) {
+        for (const char *host : hosts) {
+            story_visit_came(
+                {.address = address_of(host), .route = location, .check = story_device_check});
+        }
+    }
+    const auto visits = story_look().visits;
+    ASSERT_THAT(visits, SizeIs(4));
+    for (const story_visit *visit : visits) {
+        EXPECT_EQ(visit->times, 5U);
+    }
+}
+
+TEST_F(Story, OfAnAddressThatAlternatesRepeatsOnlyItsNewest)
+{
+    for (const char *route : {location, challenge, location}) {
+        story_visit_came({.address = phone_address, .route = route, .check = story_device_check});
+        story_visit_came({.address = address_of("10.0.0.1"), .route = route});
+    }
+    EXPECT_THAT(story_look().visits, SizeIs(6));
+}
+
 TEST_F(Story, OfTheSameVisitBeforeAndAfterARoundBeganHasTwo)
 {
     ask(1);
