@@ -26,6 +26,11 @@ constexpr std::size_t max_read = 8;
 constexpr const char *compared_names[] = {"Connection", "Transfer-Encoding", "Content-Type"};
 constexpr std::size_t usual_head = 512;
 
+bool is_blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
 bool same_name(std::string_view name, std::string_view other)
 {
     return name.size() == other.size() && strncasecmp(name.data(), other.data(), name.size()) == 0;
@@ -81,7 +86,7 @@ class header_lines {
             refuse(head_, "too many headers", http_status_header_fields_too_large);
             return;
         }
-        if (!line.empty() && blanks.find(line.front()) != std::string_view::npos) {
+        if (!line.empty() && is_blank(line.front())) {
             add_folded(line);
             return;
         }
@@ -111,7 +116,7 @@ class header_lines {
         const std::size_t colon = line.find(':');
         const std::string_view name = line.substr(0, colon);
         if (colon == std::string_view::npos || name.empty() ||
-            name.find_first_of(blanks) != std::string_view::npos) {
+            std::any_of(name.begin(), name.end(), is_blank)) {
             refuse(head_, "no header");
             return;
         }
