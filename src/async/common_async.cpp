@@ -31,16 +31,22 @@ constexpr int steps_at_once = 4;
 
 using context_ptr = std::unique_ptr<common_async_context>;
 
+/// An action call. Its context is made when it runs: a request has three of them.
+struct waiting_action {
+    common_async_callback callback = nullptr;
+    void *user_data = nullptr;
+};
+
 struct module_state {
     event_base *base = nullptr;
     unique_fd pipe_read;
     unique_fd pipe_write;
     event_ptr event_pipe_watcher;
     event_ptr next_turn; // a timer without delay
-    std::deque<context_ptr> waiting;
-    std::deque<context_ptr> waiting_long;
+    std::deque<waiting_action> waiting;
+    std::deque<waiting_action> waiting_long;
     unsigned passed_over = 0; // others that ran since a long one could have
-    bool awake = false;       // a pointer lies in the pipe or the timer is set: the loop will turn
+    bool awake = false;       // a pointer lies in the pipe, or next_turn is set or active
     bool loop_turns = false;  // it has, so whoever calls from now on is one of its callbacks
 };
 module_state state;
@@ -54,17 +60,18 @@ context_ptr make_context(common_async_callback callback, void *user_data)
     return context;
 }
 
-void action_run(context_ptr ctx, short events)
+void action_run(common_async_context *ctx, short events)
 {
-    if (ctx == nullptr || ctx->callback == nullptr) {
+    if (ctx->callback == nullptr) {
         FATAL("%s: %s is null: %s", "action_cb", "ctx->cb", "null reference");
     }
-    ctx->callback(ctx->user_data, events, ctx.get());
+    ctx->callback(ctx->user_data, events, ctx);
 }
 
 void action_cb(evutil_socket_t, short events, void *argument) noexcept
 {
-    action_run(adopt<common_async_context>(argument), events);
+    const context_ptr ctx = adopt<common_async_context>(argument);
+    action_run(ctx.get(), events);
 }
 
 /// No kernel object says that an action waits: the loop is awake, and with a timer that is due it
@@ -77,7 +84,7 @@ void ask_for_next_turn()
 }
 
 /// The queue whose first action is next; one of them is not empty.
-std::deque<context_ptr> &next_queue()
+std::deque<waiting_action> &next_queue()
 {
     if (state.waiting_long.empty()) {
         return state.waiting;
@@ -90,11 +97,11 @@ std::deque<context_ptr> &next_queue()
     return state.waiting;
 }
 
-void run_front(std::deque<context_ptr> &queue)
+void run_front(std::deque<waiting_action> &queue)
 {
-    context_ptr context = std::move(queue.front());
+    common_async_context context{nullptr, queue.front().callback, queue.front().user_data};
     queue.pop_front();
-    action_run(std::move(context), EV_READ);
+    action_run(&context, EV_READ);
 }
 
 /// The loop has met nothing else in this turn, and only what the last action queued waits.
@@ -108,7 +115,7 @@ bool is_next_step_alone()
 /// a request that is alone follow at once: to ask the kernel in between costs as much as a step.
 void run_next()
 {
-    std::deque<context_ptr> &queue = next_queue();
+    std::deque<waiting_action> &queue = next_queue();
     const bool was_alone = common_async_waiting() == 1;
     run_front(queue);
     for (int step = 1; step < steps_at_once && was_alone && is_next_step_alone(); ++step) {
@@ -135,17 +142,28 @@ void event_pipe_cb(evutil_socket_t fd, short, void *) noexcept
     run_next();
 }
 
-void wake_loop(const char *caller, const common_async_context *first)
+/// When the first that waits runs.
+enum class first_run {
+    in_this_turn, // after all that the loop has met in it
+    in_next_turn, // after a look for input
+};
+
+/// A loop that does not turn yet finds a pointer in the pipe.
+void wake_loop(const char *caller, first_run when)
 {
     if (state.awake) {
         return;
     }
     state.awake = true;
+    if (state.loop_turns && when == first_run::in_this_turn) {
+        event_active(state.next_turn.get(), EV_TIMEOUT, 1);
+        return;
+    }
     if (state.loop_turns) {
         ask_for_next_turn();
         return;
     }
-    const void *pointer = first;
+    const void *const pointer = &state;
     if (write(state.pipe_write.get(), &pointer, sizeof pointer) !=
         static_cast<ssize_t>(sizeof pointer)) {
         FATAL("%s: error writing to pipe: %s", caller, std::strerror(errno));
@@ -180,15 +198,17 @@ void common_async_init()
 
 int common_async_action_call(common_async_callback callback, void *user_data)
 {
-    state.waiting.push_back(make_context(callback, user_data));
-    wake_loop(__func__, state.waiting.back().get());
+    const allocation_name naming{__func__, "ctx"};
+    state.waiting.push_back({callback, user_data});
+    wake_loop(__func__, first_run::in_this_turn);
     return 0;
 }
 
 int common_async_action_call_long(common_async_callback callback, void *user_data)
 {
-    state.waiting_long.push_back(make_context(callback, user_data));
-    wake_loop(__func__, state.waiting_long.back().get());
+    const allocation_name naming{__func__, "ctx"};
+    state.waiting_long.push_back({callback, user_data});
+    wake_loop(__func__, first_run::in_next_turn);
     return 0;
 }
 

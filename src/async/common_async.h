@@ -4,13 +4,14 @@
 
 #include <cstddef>
 
-/// Calls that run later on the event loop: as soon as the loop turns next (an action call), or
-/// after a delay (an action schedule). Loop thread only.
+/// Calls that run later on the event loop: when the callbacks of this turn have returned (an action call),
+/// or after a delay (an action schedule). Loop thread only.
 ///
-/// Action calls run in the order they were made, never inside the call that makes them, one a loop
-/// turn; but what an action queued follows it in the same turn while nothing else waits, up to four
-/// in a row. They wait in memory; the pipe only wakes the loop, so any number can be queued from one
-/// callback without blocking.
+/// Action calls run in the order they were made, never inside the call that makes them. When none waits,
+/// the first one runs at the end of the turn in which it is made, after everything that the loop has met.
+/// The others follow one a loop turn; but what an action queued follows it in the same turn while nothing
+/// else waits, up to four in a row. They wait in memory; the pipe only wakes the loop, so any number can
+/// be queued from one callback without blocking.
 
 struct common_async_context;
 

@@ -136,6 +136,46 @@ TEST_F(Async, ANextStepWaitsATurnWhenTheLoopHasOtherEvents)
     EXPECT_EQ(ran.back(), 3);
 }
 
+void call_two(evutil_socket_t, short, void *) noexcept
+{
+    ran.push_back(0);
+    common_async_action_call(note, number(1));
+    common_async_action_call(note, number(2));
+}
+
+TEST_F(Async, TheFirstActionOfACallbackRunsBehindTheOtherEventsOfItsTurn)
+{
+    const event_ptr caller{event_new(base, -1, EV_READ, call_two, nullptr)};
+    const event_ptr other{event_new(base, -1, EV_READ, note_event, number(100))};
+    common_async_action_call(note, number(7));
+    run_until(1); // from now on the loop turns without the pipe
+
+    event_active(caller.get(), EV_READ, 1);
+    event_active(other.get(), EV_READ, 1);
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, (std::vector{7, 0, 100, 1}));
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran.back(), 2);
+}
+
+void call_long(evutil_socket_t, short, void *) noexcept
+{
+    common_async_action_call_long(note, number(1));
+}
+
+TEST_F(Async, ALongActionOfACallbackRunsOnALaterTurn)
+{
+    const event_ptr caller{event_new(base, -1, EV_READ, call_long, nullptr)};
+    common_async_action_call(note, number(7));
+    run_until(1);
+
+    event_active(caller.get(), EV_READ, 1);
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, std::vector{7});
+    event_base_loop(base, EVLOOP_ONCE);
+    EXPECT_EQ(ran, (std::vector{7, 1}));
+}
+
 TEST_F(Async, AnActionThatQueuesItselfForEverLeavesTurnsToTheOthers)
 {
     common_async_action_call(queue_itself, number(0));
