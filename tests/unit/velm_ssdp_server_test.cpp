@@ -304,6 +304,26 @@ TEST_F(SsdpServer, ThirtyTwoSearchesAtOnceAreAnsweredInOneTurn)
     EXPECT_EQ(answered, 32);
 }
 
+TEST_F(SsdpServer, ManyAtOnceAfterManyAloneAreAnsweredInAFewTurns)
+{
+    ssdp_server_start();
+    for (int i = 0; i < 21; ++i) {
+        ask();
+        ASSERT_TRUE(wait_answer().has_value());
+    }
+    for (int i = 0; i < 32; ++i) {
+        ask();
+    }
+    for (int turn = 0; turn < 8; ++turn) {
+        event_base_loop(base.get(), EVLOOP_ONCE | EVLOOP_NONBLOCK);
+    }
+    int answered = 0;
+    while (phone.receive()) {
+        ++answered;
+    }
+    EXPECT_EQ(answered, 32);
+}
+
 TEST_F(SsdpServer, AFloodLeavesTurnsToTheOthers)
 {
     ssdp_server_start();
