@@ -1,6 +1,7 @@
 #include "http_server/handshakes.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 #include "handles/evhtp.h"
@@ -104,7 +105,8 @@ void on_check(evutil_socket_t, short, void *) noexcept
 void on_first_bytes(evutil_socket_t, short, void *argument) noexcept
 {
     auto *const handshake = static_cast<http_handshake *>(argument);
-    handshake->first_bytes.reset();
+    // It goes after libevent's own read event has come: the kernel need not know that they changed places.
+    const event_ptr first_bytes = std::move(handshake->first_bytes);
     handshake->now = phase::waits;
     go_on();
 }
@@ -128,8 +130,8 @@ void http_handshake_await(http_handshake *handshake)
 {
     evhtp_connection_t *const connection = handshake->connection;
     bufferevent_disable(connection->bev, EV_READ);
-    handshake->first_bytes.reset(
-        event_new(connection->evbase, connection->sock, EV_READ, on_first_bytes, handshake));
+    handshake->first_bytes.reset(event_new(connection->evbase, connection->sock,
+                                           EV_READ | EV_PERSIST, on_first_bytes, handshake));
     REQUIRE_MEMORY(handshake->first_bytes, "first_bytes");
     const int rc = event_add(handshake->first_bytes.get(), nullptr);
     REQUIRE_CALL(rc == 0, "event_add(first_bytes, NULL)", rc);
