@@ -165,6 +165,12 @@ cjose_jwk_ptr verification_key_import(const std::string &text)
     return key;
 }
 
+/// Copied whole: from a pair of pointers to bytes it would be one by one.
+std::string text_of(const std::uint8_t *bytes, std::size_t length)
+{
+    return {reinterpret_cast<const char *>(bytes), length};
+}
+
 bool header_says(cjose_header_t *header, const char *name, std::string_view wanted)
 {
     cjose_err error{};
@@ -244,7 +250,7 @@ std::optional<std::string> decrypt(std::string_view token, const std::string &ke
         story_reason_set("the decryption key does not open its integrity token");
         return std::nullopt;
     }
-    return std::string{text.get(), text.get() + length};
+    return text_of(text.get(), length);
 }
 
 cjose_jws_ptr signed_text_import(const std::string &text)
@@ -303,7 +309,7 @@ std::optional<std::string> verified_payload(const std::string &text, const std::
                   text_or_empty(error.function), static_cast<long>(error.line));
         return std::nullopt;
     }
-    return std::string{payload, payload + length};
+    return text_of(payload, length);
 }
 
 } // namespace

@@ -9,6 +9,10 @@ const char *json_text_or_empty(const cJSON *object, const char *name)
 
 bool json_has_nul_in_string(std::string_view json)
 {
+    if (json.find("\\u0000") == std::string_view::npos &&
+        json.find('\0') == std::string_view::npos) {
+        return false; // nearly always
+    }
     bool inside = false;
     for (std::size_t i = 0; i < json.size(); ++i) {
         if (json[i] == '"') {
