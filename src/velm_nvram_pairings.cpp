@@ -72,12 +72,45 @@ bool field_equals(int index, const char *field, std::string_view value)
     return stored != nullptr && value == stored.get();
 }
 
+json_ptr make_pairing()
+{
+    json_ptr pairing{cJSON_CreateObject()};
+    if (pairing == nullptr) {
+        FATAL("%s: %s is null: %s", "velm_nvram_pairings_create_empty_pairing", "pairing",
+              "not enough memory");
+    }
+    return pairing;
+}
+
+enum class member_is { any, one_of_members_and_new };
+
+/// For a new member nothing is looked for, and its name is borrowed: a slot is read seven times in a round,
+/// and both together take longer than reading its settings.
+void put_member(cJSON *pairing, const char *field, const char *value, member_is which)
+{
+    constexpr char function[] = "velm_nvram_pairings_update_pairing_field";
+    json_ptr text{cJSON_CreateString(value == nullptr ? "" : value)};
+    if (text == nullptr) {
+        FATAL("%s: %s is null: %s", function, "text", "not enough memory");
+    }
+    bool stored = false;
+    if (which == member_is::one_of_members_and_new) {
+        stored = cJSON_AddItemToObjectCS(pairing, field, text.get()) != 0;
+    } else if (cJSON_GetObjectItemCaseSensitive(pairing, field) != nullptr) {
+        stored = cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get()) != 0;
+    } else {
+        stored = cJSON_AddItemToObject(pairing, field, text.get()) != 0;
+    }
+    REQUIRE_CALL_BY(function, stored, "cJSON_AddItemToObject(pairing, field, text)", 0);
+    (void)text.release();
+}
+
 json_ptr read_slot(int index)
 {
-    json_ptr pairing = velm_nvram_pairings_create_empty_pairing();
+    json_ptr pairing = make_pairing();
     for (const char *member : members) {
-        velm_nvram_pairings_update_pairing_field(pairing.get(), member,
-                                                 read_field(index, member).get());
+        put_member(pairing.get(), member, read_field(index, member).get(),
+                   member_is::one_of_members_and_new);
     }
     return pairing;
 }
@@ -209,10 +242,9 @@ int velm_nvram_pairings_is_valid_pairing(int index)
 
 json_ptr velm_nvram_pairings_create_empty_pairing()
 {
-    json_ptr pairing{cJSON_CreateObject()};
-    REQUIRE_MEMORY(pairing, "pairing");
+    json_ptr pairing = make_pairing();
     for (const char *member : members) {
-        velm_nvram_pairings_update_pairing_field(pairing.get(), member, "");
+        put_member(pairing.get(), member, "", member_is::one_of_members_and_new);
     }
     return pairing;
 }
@@ -221,14 +253,7 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
 {
     REQUIRE_NOT_NULL(pairing, "pairing");
     REQUIRE_NOT_NULL(field, "field");
-    json_ptr text{cJSON_CreateString(value == nullptr ? "" : value)};
-    REQUIRE_MEMORY(text, "text");
-    const bool present = cJSON_GetObjectItemCaseSensitive(pairing, field) != nullptr;
-    const bool stored =
-        (present ? cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get())
-                 : cJSON_AddItemToObject(pairing, field, text.get())) != 0;
-    REQUIRE_CALL(stored, "cJSON_AddItemToObject(pairing, field, text)", 0);
-    (void)text.release();
+    put_member(pairing, field, value, member_is::any);
 }
 
 json_ptr velm_nvram_pairings_select_pairing_by_index(int index)
