@@ -79,8 +79,16 @@ bool is_salt(char character)
 
 bool is_never_in_a_setting(char character)
 {
-    return character <= ' ' || character > '~' ||
-           std::string_view{":;*!\\"}.find(character) != std::string_view::npos;
+    switch (character) { // a search in a text would cost each login 20,000 instructions
+    case ':':
+    case ';':
+    case '*':
+    case '!':
+    case '\\':
+        return true;
+    default:
+        return character <= ' ' || character > '~';
+    }
 }
 
 /// A locked account's field, or one that only says "the hash is elsewhere": no password matches it,
