@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "logger/fatal.h"
+#include "malloc/tls_rooms.h"
 
 namespace {
 
@@ -76,6 +77,7 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     }
     const ssize_t received = most == 0 ? -1 : recv(intake->socket, to, most, 0);
     if (received > 0) {
+        tls_room_reached(to, static_cast<std::size_t>(received));
         take(intake, to, static_cast<std::size_t>(received));
     } else if (received < 0 && is_for_later(errno)) {
         BIO_set_retry_read(bio);

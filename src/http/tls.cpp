@@ -38,6 +38,9 @@ module_state state;
 /// Any other key exchange would cost this processor up to seconds, for a server's asking.
 constexpr char groups[] = "X25519:P-256:P-384";
 constexpr char tls12_ciphers[] = "DEFAULT:!kDHE";
+/// Nearly every request is shorter. OpenSSL takes a buffer of this size, in place of 17 kB, for as long as a
+/// connection lasts.
+constexpr long sent_record = 4096;
 
 using subject_text = std::array<char, 256>;
 
@@ -195,6 +198,7 @@ bool http_client_tls_set_up(const char *ca_file)
     }
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_max_send_fragment(context, sent_record);
     int rc = static_cast<int>(SSL_CTX_set1_groups_list(context, groups));
     REQUIRE_CALL_BY(set_up, rc == 1, "SSL_CTX_set1_groups_list(context, groups)", rc);
     rc = SSL_CTX_set_cipher_list(context, tls12_ciphers);

@@ -60,11 +60,16 @@ place place_of(const void *memory) noexcept
             state.begin + number * tls_room_most};
 }
 
+/// The kernel is asked once for rooms that follow one another.
 void trim(const rooms &kind, unsigned char *begin) noexcept
 {
-    for (std::size_t number = 0; number < kind.at_hand; ++number) {
-        if ((kind.taken & 1U << number) == 0) {
-            madvise(begin + number * tls_room_most, tls_room_most, MADV_DONTNEED);
+    std::size_t free = 0; // right before `number`
+    for (std::size_t number = 0; number <= kind.at_hand; ++number) {
+        if (number < kind.at_hand && (kind.taken & 1U << number) == 0) {
+            ++free;
+        } else if (free > 0) {
+            madvise(begin + (number - free) * tls_room_most, free * tls_room_most, MADV_DONTNEED);
+            free = 0;
         }
     }
 }

@@ -446,6 +446,20 @@ TEST_F(HttpClientTls, AnAnswerInRecordsOfOneByteIsServedUpToItsLimit)
     }
 }
 
+TEST_F(HttpClientTls, ARequestOfSeveralRecordsArrivesWhole)
+{
+    set_up();
+    context = make_server_context(leaf({.dns_names = {"cloud.example.test"}}));
+    server.emplace(base, context.get());
+    http_client_request_data data = request("https://cloud.example.test:" + server->port() + "/");
+    for (const std::size_t length : {4000U, 8192U, 40'000U}) {
+        data.post_data.assign(length, 'x');
+        data.post_data.back() = 'y';
+        EXPECT_EQ(fetch(HTTP_CLIENT_POST, data).code, 200);
+        EXPECT_TRUE(server->requests.back().ends_with("\r\n\r\n" + data.post_data)) << length;
+    }
+}
+
 TEST_F(HttpClientTls, ABodyOf64KibibytesIsServed)
 {
     set_up();

@@ -115,6 +115,28 @@ TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
     tls_room_give_back(taken);
 }
 
+TEST(TlsRooms, AreGivenBackOnBothSidesOfOneThatIsTaken)
+{
+    std::vector<void *> rooms;
+    for (std::size_t i = 0; i < tls_rooms_at_hand_for_records; ++i) {
+        rooms.push_back(tls_room_take(tls_room_record_most));
+        std::memset(rooms.back(), 'p', tls_room_most);
+    }
+    for (std::size_t i = 0; i < rooms.size(); ++i) {
+        if (i != 1) {
+            tls_room_give_back(rooms[i]);
+            std::memset(rooms[i], 0, tls_room_most); // resident again, whatever came before
+        }
+    }
+    tls_rooms_trim();
+    for (std::size_t i = 0; i < rooms.size(); ++i) {
+        EXPECT_EQ(resident_pages(rooms[i]), i == 1 ? tls_room_most / 4096 : 0U) << i;
+    }
+    tls_room_give_back(rooms[1]);
+    tls_rooms_trim();
+    EXPECT_EQ(resident_pages(rooms[1]), 0U);
+}
+
 TEST(TlsRooms, WhenAllAreTakenTheAllocatorIsToBeAsked)
 {
     std::vector<void *> rooms;
