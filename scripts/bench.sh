@@ -7,9 +7,9 @@
 set -eu
 cd "$(dirname "$0")/.."
 
-# What only the benchmarks want: the peers, and the tracer that counts system calls. Debian starts
+# What only the benchmarks want: the peers, and what counts system calls and instructions. Debian starts
 # what it installs; the peers measured here are processes of our own, so that none stays behind.
-peers="nginx-light lighttpd lighttpd-mod-openssl mosquitto strace"
+peers="nginx-light lighttpd lighttpd-mod-openssl mosquitto strace valgrind"
 install_peers() (
     policy=/usr/sbin/policy-rc.d
     if [ ! -e "$policy" ] && [ "$(id -u)" -eq 0 ]; then
@@ -23,6 +23,6 @@ install_peers() (
 install_peers
 
 ./scripts/build.sh release velmd velmctl nvram velm-https-load velm-micro velm-bench velm-load \
-    velm-round-floor velm-round-clock velm-round-heap
+    velm-round-floor velm-round-clock velm-round-hash velm-round-heap
 
 PYTHONPATH=sim:bench exec /usr/bin/python3 -B -m velm_bench --output build/bench "$@"

@@ -16,12 +16,24 @@
 /// Processor time of this process for one call, kernel included.
 [[nodiscard]] double round_floor_cpu_us(const std::function<void()> &work);
 
+/// Work of the daemon, and its two proofs by themselves. They only call it: callgrind counts what runs in
+/// functions of these names (`velm_bench/instructions.py`).
+extern "C" {
+void round_floor_counted(const std::function<void()> &work);
+void round_floor_counted_check(const std::function<void()> &work);
+void round_floor_counted_token(const std::function<void()> &work);
+}
+
+/// Which end of a connection is the daemon's.
+enum class round_tls_daemon { server, client };
+
 /// Both ends of a TLS connection in memory. A connection is a handshake, `exchanges` requests with their
 /// answers, and its end.
 class round_tls {
   public:
     /// `client` has to check the server's chain and that it is for `host`.
-    round_tls(ssl_ctx_ptr server, ssl_ctx_ptr client, std::string host, int exchanges);
+    round_tls(ssl_ctx_ptr server, ssl_ctx_ptr client, std::string host, int exchanges,
+              round_tls_daemon daemon);
 
     struct times {
         double server_us = 0;
@@ -34,6 +46,7 @@ class round_tls {
     ssl_ctx_ptr server_, client_;
     std::string host_;
     int exchanges_;
+    round_tls_daemon daemon_;
 };
 
 /// A server's context with certificate and key from files, as the daemon's or, with `is_cloud`, as the library

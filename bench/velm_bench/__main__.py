@@ -159,7 +159,10 @@ def main() -> int:
         print(f"\nFurthest from its target: {worst.what}, {worst.unit}")
     missing = sum(one.verdict is Verdict.NOT_MEASURED for one in run.figures)
     print(f"\n{given.output}: table.txt, figures.json, figures.svg")
-    return 1 if missing else 0
+    left = rounds.left_behind(run.figures)
+    for line in left:
+        print(f"left behind by a round: {line}", file=sys.stderr)
+    return 1 if missing or left else 0
 
 
 if __name__ == "__main__":

@@ -24,10 +24,11 @@ from velm_sim.limits import PUSH_GAP
 from velm_sim.namespaces import Network, remove_stale
 from velm_sim.phone import Phone, Profile
 
+from . import instructions
 from .https import ordinary_hash
 from .micro import integrity_objects, required
 from .servers import ADDRESS
-from .watch import CLIENT_CORE, SERVER_CORE, cpu_us, end, next_timer_ms, pin, wakeups
+from .watch import CLIENT_CORE, SERVER_CORE, cpu_us, end, next_timer_ms, page_faults, pin, wakeups
 
 CLOUD_ADDRESS = "127.0.1.1"
 SOURCES = tuple(f"127.0.0.{host}" for host in range(2, 66))
@@ -44,8 +45,10 @@ class Round:
     """What one round cost velmd, from the request until nothing is due any more."""
 
     cpu_us: float
+    hashes_us: float  # of it, by velmd's password hashes
     visit_cpu_us: float  # of it, from the phones' coming on
     wakeups: int
+    page_faults: int
     wait_us: float  # from the phone's coming to the report, without the phone's own time
     last_report_us: float  # from the first phone's coming to the last report, all in all
 
@@ -58,11 +61,16 @@ class Scene:
     cloud: Cloud
     phones: Sequence[Phone]
     clock: Path
+    hashes: Path  # where the daemon adds up what its password hashes take
+    patience_s: float = PATIENCE_S
     _step: int = 0
 
     @property
     def pid(self) -> int:
         return self.access_point.daemon.pid
+
+    def hashes_us(self) -> float:
+        return float(struct.unpack("=Q", self.hashes.read_bytes())[0]) / 1000
 
     def settle(self, longer_than_ms: int = DUE_SOON_MS) -> None:
         """Until velmd sleeps and nothing is due soon."""
@@ -71,51 +79,61 @@ class Scene:
             due = next_timer_ms(self.pid)
             return due is not None and (due < 0 or due > longer_than_ms)
 
-        wait_until(nothing_is_due, PATIENCE_S, "velmd has something to do all the time")
+        wait_until(nothing_is_due, self.patience_s, "velmd has something to do all the time")
 
     def timers_left(self) -> int:
         """With no local client connected any more; 0 when velmd would sleep for ever."""
         with contextlib.suppress(TimeoutError):
-            wait_until(lambda: next_timer_ms(self.pid) == -1, PATIENCE_S, "a timer is left")
+            wait_until(lambda: next_timer_ms(self.pid) == -1, self.patience_s, "a timer is left")
         return 0 if next_timer_ms(self.pid) == -1 else 1
 
     def client(self) -> contextlib.AbstractContextManager[IpcClient]:
-        return contextlib.closing(IpcClient(self.access_point.socket_path, PATIENCE_S))
+        return contextlib.closing(IpcClient(self.access_point.socket_path, self.patience_s))
 
     def round(
-        self, visit: Callable[[Sequence[Phone]], float] | None = None, reports: int = 1
-    ) -> Round:
-        """`visit` is what the phones do after the pushes; it tells how long they themselves took."""
+        self, visit: Callable[[Sequence[Phone]], float] | None = None, reports: int = 1,
+        beside: Callable[[], object] = lambda: None,
+    ) -> Round:  # fmt: skip
+        """`visit` is what the phones do after the pushes; it tells how long they themselves took.
+        `beside` runs twice while velmd waits: for the push's second, and when all is done but giving
+        memory back. Nearly all of a round is between the two."""
         with self.client() as client:
             self._move_clock()
             self.settle()
             before, woken, pushed = cpu_us(self.pid), wakeups(self.pid), len(self.cloud.fcm.requests)
+            hashed, faults = self.hashes_us(), page_faults(self.pid)
             client.request()
-            self.cloud.fcm.wait(pushed + len(self.phones), PATIENCE_S + PUSH_GAP * len(self.phones))
+            beside()
+            self.cloud.fcm.wait(pushed + len(self.phones), self.patience_s + PUSH_GAP * len(self.phones))
             self.wait_for_answers()
             came, at = cpu_us(self.pid), time.perf_counter_ns()
             own_us = (visit or one_phone)(self.phones)
             for _ in range(reports):
                 client.receive_report()
             took_us = (time.perf_counter_ns() - at) / 1000
+            beside()
             self.settle()
             return Round(
-                cpu_us(self.pid) - before, cpu_us(self.pid) - came, wakeups(self.pid) - woken,
-                took_us - own_us, took_us,
+                cpu_us(self.pid) - before, self.hashes_us() - hashed, cpu_us(self.pid) - came,
+                wakeups(self.pid) - woken, page_faults(self.pid) - faults, took_us - own_us, took_us,
             )  # fmt: skip
 
     def visits(self, visit: Callable[[Sequence[Phone]], float], reports: int) -> Round:
         """The phones come without a push."""
         with self.client() as client:
             self.settle()
-            before, woken, at = cpu_us(self.pid), wakeups(self.pid), time.perf_counter_ns()
+            before, woken, hashed = cpu_us(self.pid), wakeups(self.pid), self.hashes_us()
+            faults, at = page_faults(self.pid), time.perf_counter_ns()
             own_us = visit(self.phones)
             for _ in range(reports):
                 client.receive_report()
             took_us = (time.perf_counter_ns() - at) / 1000
             self.settle()
             spent = cpu_us(self.pid) - before
-            return Round(spent, spent, wakeups(self.pid) - woken, took_us - own_us, took_us)
+            return Round(
+                spent, self.hashes_us() - hashed, spent, wakeups(self.pid) - woken,
+                page_faults(self.pid) - faults, took_us - own_us, took_us,
+            )  # fmt: skip
 
     def _move_clock(self) -> None:
         self._step = 2 if self._step == 1 else 1
@@ -126,7 +144,7 @@ class Scene:
         self.cloud.clock_offset = float(self._step * STEP_S)
 
     def wait_for_answers(self) -> None:
-        wait_until(lambda: not self.cloud.open_connections, PATIENCE_S, "a push is not answered")
+        wait_until(lambda: not self.cloud.open_connections, self.patience_s, "a push is not answered")
 
 
 def move_clock(file: Path, seconds: int) -> None:
@@ -190,20 +208,23 @@ class Setting:
     @contextlib.contextmanager
     def scene(
         self, kind: Kind, phones: int = 1, heap: Path | None = None,
-        settings: dict[str, str] | None = None,
+        settings: dict[str, str] | None = None, profile: Path | None = None,
     ) -> Iterator[Scene]:  # fmt: skip
-        """`heap` is where a daemon counts what it takes from the heap."""
+        """`heap` is where a daemon counts what it takes from the heap, `profile` where its
+        instructions are counted."""
         self.cloud.reset()
         with contextlib.ExitStack() as cleanup:
             access_point = AccessPoint(self.build, self.network, self.credentials)
             cleanup.callback(access_point.close)
             self._configure(access_point, phones)
             access_point.nvram_set({"zelkad_debug_level": "error", **(settings or {})})
-            clock = access_point.directory / "clock"
-            clock.write_bytes(bytes(8))
-            self._start(access_point, clock, heap)
+            clock, hashes = (access_point.directory / name for name in ("clock", "hashes"))
+            for file in (clock, hashes):
+                file.write_bytes(bytes(8))
+            patience_s = PATIENCE_S if profile is None else instructions.PATIENCE_S
+            self._start(access_point, clock, hashes, heap, profile, patience_s)
             made = [self._phone(access_point, kind, number) for number in range(phones)]
-            scene = Scene(access_point, self.cloud, made, clock)
+            scene = Scene(access_point, self.cloud, made, clock, hashes, patience_s)
             pair(made[0])
             self._fetch_access_token(scene)
             for phone in made[1:]:
@@ -223,19 +244,21 @@ class Setting:
         fields = {access_point.login.username: ordinary_hash(), "root": "*", "nobody": "*"}
         access_point.etc.set_accounts([], fields)
 
-    def _start(self, access_point: AccessPoint, clock: Path, heap: Path | None) -> None:
-        preload = [self.programs / "velm-round-clock.so"]
-        environment = {"VELM_ROUND_CLOCK": str(clock)}
+    def _start(
+        self, access_point: AccessPoint, clock: Path, hashes: Path, heap: Path | None,
+        profile: Path | None, patience_s: float,
+    ) -> None:  # fmt: skip
+        preload = [self.programs / f"velm-round-{name}.so" for name in ("clock", "hash")]
+        environment = {"VELM_ROUND_CLOCK": str(clock), "VELM_ROUND_HASH": str(hashes)}
         if heap:
             preload.append(self.programs / "velm-round-heap.so")
             environment["VELM_ROUND_HEAP"] = str(heap)
         for library in preload:
             required(self.programs, library.name)
-        daemon = access_point.prepare(
-            through=pin(SERVER_CORE), preload=preload, environment=environment
-        )
+        through = pin(SERVER_CORE) + (instructions.counting(profile) if profile else [])
+        daemon = access_point.prepare(through=through, preload=preload, environment=environment)
         daemon.start()
-        daemon.wait_until_serving()
+        daemon.wait_until_serving(patience_s)
 
     def _phone(self, access_point: AccessPoint, kind: Kind, number: int) -> Phone:
         phone: Phone = access_point.android_phone() if kind.is_android else access_point.phone()
@@ -254,6 +277,12 @@ class Setting:
     @contextlib.contextmanager
     def floor(self) -> Iterator[Callable[[], dict[str, float]]]:
         """Each call does every piece of a round once, beside no daemon."""
+        with self.floor_process() as process:
+            yield lambda: ask(process)
+
+    @contextlib.contextmanager
+    def floor_process(self, through: Sequence[str] = ()) -> Iterator[subprocess.Popen[bytes]]:
+        """To be asked. `through` is a command that runs it."""
         at = self.scratch / "floor"
         at.mkdir(exist_ok=True)
         secret = self.credentials
@@ -272,10 +301,10 @@ class Setting:
         cores = ("-1", "-1") if (os.cpu_count() or 1) < 2 else (str(SERVER_CORE), str(CLIENT_CORE))
         command = [required(self.programs, "velm-round-floor"), str(at), ADDRESS, HOSTS[0], *cores]
         process = subprocess.Popen(
-            self.network.ap.command(*command), stdin=subprocess.PIPE, stdout=subprocess.PIPE
+            self.network.ap.command(*through, *command), stdin=subprocess.PIPE, stdout=subprocess.PIPE
         )
         try:
-            yield lambda: ask(process)
+            yield process
         finally:
             end(process)
             for stream in (process.stdin, process.stdout):

@@ -11,18 +11,20 @@ import struct
 import sys
 import threading
 from collections import Counter
-from collections.abc import Callable, Iterator, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
 from velm_sim.build import Build
 from velm_sim.phone import Phone
 
-from .figures import Figure, at_most, ratio_at_most, table
-from .round_scene import APP_ATTEST, PLAY_INTEGRITY, Kind, Round, Scene, Setting, come
+from . import instructions
+from .figures import Figure, Verdict, at_most, number, ratio_at_most, table
+from .round_scene import APP_ATTEST, PLAY_INTEGRITY, Kind, Round, Scene, Setting, ask, come
 from .watch import CLIENT_CORE, calls_by_name, traced
 
 MANY = 10  # phones
+LEFT = (": timers left", ": more on the heap")
 
 
 @dataclass(frozen=True)
@@ -31,12 +33,12 @@ class Extent:
 
     rounds: int
     traced: int
-    counted: int  # with the heap watched
+    counted: int  # with the heap watched, or the instructions
     visits: int  # of many phones
 
 
-FULL = Extent(11, 2, 2, 12)
-QUICK = Extent(2, 1, 1, 2)
+FULL = Extent(21, 2, 2, 12)
+QUICK = Extent(3, 1, 1, 2)
 WARM_UP = 1
 HEAP_WARM_UP = 2  # what is kept for good has come by then
 
@@ -57,6 +59,40 @@ class Pieces:
             said["hashes_us"], said["server_connection_us"] + beside, said["signing_us"] + beside
         )
 
+    @property
+    def all_us(self) -> float:
+        return self.hashes_us + self.rest_us
+
+    def between(self, other: Pieces) -> Pieces:
+        return Pieces(
+            (self.hashes_us + other.hashes_us) / 2, (self.rest_us + other.rest_us) / 2,
+            (self.signing_only_us + other.signing_only_us) / 2,
+        )  # fmt: skip
+
+
+@dataclass(frozen=True)
+class Turn:
+    """A round, and its floor from right before and right after its work."""
+
+    round: Round
+    floor: Pieces
+
+    @property
+    def rest_us(self) -> float:
+        return self.round.cpu_us - self.round.hashes_us
+
+
+@dataclass(frozen=True)
+class Instructions:
+    """Of one round in user space, by library."""
+
+    velmd: Counter[str]
+    floor: Counter[str]
+
+    @staticmethod
+    def without_hashes(counted: Counter[str]) -> int:
+        return sum(count for name, count in counted.items() if not name.startswith("libcrypt.so"))
+
 
 @dataclass(frozen=True)
 class Counts:
@@ -68,6 +104,7 @@ class Counts:
     heap_bytes: float  # taken by a round
     heap_blocks: float
     heap_more: int  # held after the last round, beyond what was held after the first
+    instructions: Instructions | None  # None without callgrind
 
     @property
     def calls_per_round(self) -> float:
@@ -78,18 +115,29 @@ def median(values: Sequence[float]) -> float:
     return statistics.median(values)
 
 
+def turn(scene: Scene, floor: Callable[[], dict[str, float]], kind: Kind) -> Turn:
+    """A machine that does other things changes its pace within seconds. So a round is compared with the
+    floors from within it only."""
+    floors: list[Pieces] = []
+    made = scene.round(beside=lambda: floors.append(Pieces.of(floor(), kind)))
+    before, after = floors
+    return Turn(made, before.between(after))
+
+
 def measure(
     scene: Scene, floor: Callable[[], dict[str, float]], kind: Kind, count: int
-) -> tuple[list[Round], list[Pieces]]:
-    """Rounds and floors take turns, so that whatever else the machine does strikes both alike."""
-    rounds, floors = [], []
-    for turn in range(WARM_UP + count):
-        pieces = Pieces.of(floor(), kind)
-        made = scene.round()
-        if turn >= WARM_UP:
-            rounds.append(made)
-            floors.append(pieces)
-    return rounds, floors
+) -> list[Turn]:
+    return [turn(scene, floor, kind) for _ in range(WARM_UP + count)][WARM_UP:]
+
+
+def median_ratio(pairs: Iterable[tuple[float, float]]) -> tuple[float, float, str]:
+    """Of figures and their floors, the two whose ratio is the median, and what half of the ratios lie
+    between."""
+    ordered = sorted(pairs, key=lambda pair: pair[0] / pair[1])
+    last = len(ordered) - 1
+    low, high = (ordered[at] for at in (round(last / 4), round(3 * last / 4)))
+    spread = f"half of them {low[0] / low[1]:.2f} to {high[0] / high[1]:.2f}"
+    return (*ordered[last // 2], spread)
 
 
 def count_calls(scene: Scene, scratch: Path, rounds: int) -> Counter[str]:
@@ -125,43 +173,86 @@ def count_heap(
     return taken[1], taken[0], after[3] - before[3]
 
 
+def count_instructions(setting: Setting, kind: Kind, rounds: int) -> Instructions | None:
+    if not instructions.can_count():
+        return None
+    profile, found = setting.scratch / "velmd.callgrind", Instructions(Counter(), Counter())
+    with setting.scene(kind, profile=profile) as scene:
+        for _ in range(HEAP_WARM_UP):
+            scene.round()
+        with instructions.counted(scene.pid, profile, found.velmd):
+            for _ in range(rounds):
+                scene.round()
+    proof = "round_floor_counted_token" if kind.is_android else "round_floor_counted_check"
+    profile = setting.scratch / "floor.callgrind"
+    through = instructions.counting(profile, ["round_floor_counted", proof])
+    with setting.floor_process(through) as process:
+        ask(process)
+        with instructions.counted(process.pid, profile, found.floor):
+            for _ in range(rounds):
+                ask(process)
+    for counted in (found.velmd, found.floor):
+        for name in counted:
+            counted[name] //= rounds
+    return found
+
+
 def of_kind(setting: Setting, kind: Kind, extent: Extent) -> list[Figure]:
     with setting.scene(kind) as scene, setting.floor() as floor:
-        rounds, floors = measure(scene, floor, kind, extent.rounds)
+        turns = measure(scene, floor, kind, extent.rounds)
         calls = count_calls(scene, setting.scratch, extent.traced)
         timers = scene.timers_left()
     taken, blocks, more = count_heap(setting, kind, extent.counted)
-    counts = Counts(calls, extent.traced, timers, taken, blocks, more)
-    return list(figures(kind, rounds, floors, counts))
+    counted = count_instructions(setting, kind, extent.counted)
+    counts = Counts(calls, extent.traced, timers, taken, blocks, more, counted)
+    return list(figures(kind, turns, counts))
 
 
-def figures(
-    kind: Kind, rounds: Sequence[Round], floors: Sequence[Pieces], counts: Counts
-) -> Iterator[Figure]:
-    """The best round and the best of each piece: what disturbs them only makes them worse."""
+def figures(kind: Kind, turns: Sequence[Turn], counts: Counts) -> Iterator[Figure]:
     what = f"round, {kind.name}"
-    spent = min(one.cpu_us for one in rounds)
-    rest = min(one.rest_us for one in floors)
-    hashes = min(one.hashes_us for one in floors)
-    yield Figure(what, "us CPU", spent, "its floor", hashes + rest, ratio_at_most(1.10))
-    yield Figure(
-        f"{what}, without two hashes", "us CPU", spent - hashes, "its floor", rest,
-        ratio_at_most(1.5),
-    )  # fmt: skip
-    bare = min(one.signing_only_us for one in floors)
-    yield Figure(
-        f"{what}, without two hashes", "us CPU", spent - hashes, "floor, a signing for a handshake", bare
-    )
+    rest = f"{what}, without two hashes"
+    spent, bare, spread = median_ratio((one.round.cpu_us, one.floor.all_us) for one in turns)
+    yield Figure(what, "us CPU", spent, "its floor", bare, ratio_at_most(1.10), spread)
+    spent, bare, spread = median_ratio((one.rest_us, one.floor.rest_us) for one in turns)
+    yield Figure(rest, "us CPU", spent, "its floor", bare, ratio_at_most(1.5), spread)
+    spent, bare, _ = median_ratio((one.rest_us, one.floor.signing_only_us) for one in turns)
+    yield Figure(rest, "us CPU", spent, "floor, a signing for a handshake", bare)
+    yield from instruction_figures(what, rest, counts.instructions)
+    rounds = [one.round for one in turns]
     yield Figure(f"{what}: system calls", "", counts.calls_per_round)
     yield Figure(f"{what}: taken from the heap", "bytes", counts.heap_bytes)
     yield Figure(f"{what}: taken from the heap", "blocks", counts.heap_blocks)
     yield Figure(f"{what}: wake-ups", "", median([one.wakeups for one in rounds]))
+    yield Figure(f"{what}: page faults", "", median([one.page_faults for one in rounds]))
     yield Figure(
         f"{what}: phone's coming to report, without its own time", "us",
         median([one.wait_us for one in rounds]),
     )  # fmt: skip
-    yield Figure(f"{what}: timers left", "", counts.timers_left, target=at_most(0))
-    yield Figure(f"{what}: more on the heap", "bytes", counts.heap_more, target=at_most(0))
+    yield Figure(f"{what}{LEFT[0]}", "", counts.timers_left, target=at_most(0))
+    yield Figure(f"{what}{LEFT[1]}", "bytes", counts.heap_more, target=at_most(0))
+
+
+def instruction_figures(
+    what: str, rest: str, counted: Instructions | None
+) -> Iterator[Figure]:
+    unit = "million instructions"
+    if counted is None:
+        yield Figure(what, unit, None, note="valgrind is not installed")
+        return
+    yield Figure(
+        what, unit, counted.velmd.total() / 1e6, "its floor", counted.floor.total() / 1e6
+    )
+    velmd, floor = map(Instructions.without_hashes, (counted.velmd, counted.floor))
+    yield Figure(rest, unit, velmd / 1e6, "its floor", floor / 1e6)
+
+
+def left_behind(figures: Iterable[Figure]) -> list[str]:
+    """What a round has left, though it may leave nothing, on whatever machine."""
+    return [
+        f"{figure.what}: {number(figure.value)} {figure.unit}".rstrip()
+        for figure in figures
+        if figure.what.endswith(LEFT) and figure.verdict is Verdict.MISSED
+    ]
 
 
 # Many phones at once.
@@ -262,7 +353,10 @@ def main() -> int:
     with prepared(Build(given.build)) as setting:
         made = [figure for _, part in parts(setting, extent) for figure in part()]
     print(table(made))
-    return 0
+    left = left_behind(made)
+    for line in left:
+        print(f"left behind by a round: {line}", file=sys.stderr)
+    return 1 if left else 0
 
 
 if __name__ == "__main__":

@@ -49,6 +49,11 @@ def wakeups(pid: int) -> int:
     return int(found.group(1))
 
 
+def page_faults(pid: int) -> int:
+    """Those that no disk was asked for."""
+    return int(Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[7])
+
+
 # Of the machines that Linux knows: x86-64 has both of them, arm64 the second.
 _WAITS = {"epoll_wait": ("232",), "epoll_pwait": ("281", "22")}
 
