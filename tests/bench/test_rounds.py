@@ -150,6 +150,18 @@ def test_without_callgrind_the_instructions_are_not_measured() -> None:
     ]
 
 
+def test_many_phones_are_compared_with_the_visits_beside_them_and_the_worst_counts() -> None:
+    def crowd(last_us: float, pace: float) -> rounds.Crowd:
+        return rounds.Crowd(Round(8e4, 7e4, 8e4, 12, 15, 1, pace * last_us), pace * 9e3, pace * 8e3)
+
+    made = [crowd(72_000, 1.0), crowd(81_000, 2.0), crowd(72_000, 3.0)]
+    found = rounds.crowd_figures(made, made[0].together)
+    assert found[0].ratio == pytest.approx(0.9)
+    assert found[0].verdict is Verdict.HELD
+    assert found[0].note == "the median 0.80"
+    assert found[1].ratio == pytest.approx(81 / 80)
+
+
 @pytest.mark.parametrize(
     ("values", "wanted"),
     [([3.0], 3.0), ([1.0, 9.0, 2.0], 9.0), (list(map(float, range(1, 201))), 198.0)],
