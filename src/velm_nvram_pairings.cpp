@@ -280,7 +280,7 @@ json_ptr velm_nvram_pairings_select_pairing(const char *dev_id)
 
 int velm_nvram_pairings_pairing_exists(const char *dev_id)
 {
-    return velm_nvram_pairings_select_pairing(dev_id) != nullptr ? 1 : 0;
+    return velm_nvram_pairings_select_index_by_field(dev_id) >= 0 ? 1 : 0;
 }
 
 void velm_nvram_pairings_write_pairing(const cJSON *pairing)

@@ -19,6 +19,7 @@
 /// What may still be taken from the socket, and where in the records it is.
 struct http_client_intake {
     int socket = -1;
+    const SSL *tls = nullptr;
     int records_left = 0;       // in this turn
     std::size_t bytes_left = 0; // in this turn
     int without_data = 0;       // records in a row

@@ -223,12 +223,21 @@ int socket_of(BIO *bio)
 /// of the send buffer only before it begins a new piece.
 constexpr int send_flags = MSG_NOSIGNAL | MSG_EOR;
 
+/// Nobody waits for a ticket of TLS 1.3: the kernel sends it with the first answer, or alone after 200 ms. In
+/// TLS 1.2 it is a part of the handshake.
+bool is_only_ticket(const SSL *tls)
+{
+    return SSL_get_state(tls) == TLS_ST_SW_SESSION_TICKET && SSL_version(tls) == TLS1_3_VERSION;
+}
+
 /// OpenSSL writes.
 int on_bio_write(BIO *bio, const char *from, int size) noexcept
 {
     auto *const stream = static_cast<http_tls_stream *>(BIO_get_data(bio));
     BIO_clear_flags(bio, BIO_FLAGS_RWS | BIO_FLAGS_SHOULD_RETRY);
-    const ssize_t sent = send(socket_of(bio), from, static_cast<std::size_t>(size), send_flags);
+    const int flags =
+        stream != nullptr && is_only_ticket(stream->tls) ? MSG_NOSIGNAL | MSG_MORE : send_flags;
+    const ssize_t sent = send(socket_of(bio), from, static_cast<std::size_t>(size), flags);
     const bool waits = sent < 0 && (errno == EAGAIN || errno == EINTR);
     if (waits) {
         BIO_set_flags(bio, BIO_FLAGS_WRITE | BIO_FLAGS_SHOULD_RETRY);
