@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -484,7 +483,7 @@ TEST_F(WaitingForItsAddress, AStopEndsTheWaiting)
 
 TEST_F(SsdpServer, AnyNumberOfAnnouncementsLeavesOneMembership)
 {
-    if (is_emulated() && std::endian::native == std::endian::big) {
+    if (is_emulated() && sizeof(long) == 8) { // which it takes the number of the interface for
         GTEST_SKIP() << "the emulator loses the interface of a membership, so none can be left";
     }
     ssdp_server_start();
