@@ -168,7 +168,11 @@ TEST_F(GoogleAuth, TheJwtIsTheKnownAnswer)
 
 TEST_F(GoogleAuth, TheTimesOfTheJwtStayWholeAfter2038)
 {
-    const auto jwt = velm_google_auth_make_jwt(key.get(), "s", "a", 4102444800);
+    constexpr auto in_2100 = static_cast<std::time_t>(4102444800);
+    if (in_2100 < 0) {
+        GTEST_SKIP() << "no moment after 2038 with the time_t of this libevent";
+    }
+    const auto jwt = velm_google_auth_make_jwt(key.get(), "s", "a", in_2100);
     ASSERT_TRUE(jwt);
     EXPECT_TRUE(log.contains("\"exp\":4102448400,\"iat\":4102444800}"));
 }
