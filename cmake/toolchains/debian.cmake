@@ -1,9 +1,8 @@
 # For a Debian cross compiler; the files beside this one name the machine and include it. The device's
 # libraries are looked for in VELM_SYSROOT alone: -DVELM_SYSROOT=..., or a variable of the environment.
-# scripts/cross.sh makes such a root. VELM_CROSS_CLANG=ON takes clang 14 and the same root.
-option(VELM_CROSS_CLANG "Cross-compile with clang 14" OFF)
+# scripts/cross.sh makes such a root.
 set(VELM_SYSROOT "$ENV{VELM_SYSROOT}" CACHE PATH "Root with the device's headers and libraries")
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VELM_SYSROOT VELM_CROSS_CLANG)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES VELM_SYSROOT)
 if(NOT IS_DIRECTORY "${VELM_SYSROOT}/usr/include")
     message(FATAL_ERROR "VELM_SYSROOT must name a root with usr/include; it is \"${VELM_SYSROOT}\"")
 endif()
@@ -11,15 +10,8 @@ endif()
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_LIBRARY_ARCHITECTURE ${VELM_TRIPLET})
 set(CMAKE_SYSROOT ${VELM_SYSROOT})
-if(VELM_CROSS_CLANG)
-    set(CMAKE_C_COMPILER clang-14)
-    set(CMAKE_CXX_COMPILER clang++-14)
-    set(CMAKE_C_COMPILER_TARGET ${VELM_TRIPLET})
-    set(CMAKE_CXX_COMPILER_TARGET ${VELM_TRIPLET})
-else()
-    set(CMAKE_C_COMPILER ${VELM_TRIPLET}-gcc)
-    set(CMAKE_CXX_COMPILER ${VELM_TRIPLET}-g++)
-endif()
+set(CMAKE_C_COMPILER ${VELM_TRIPLET}-gcc)
+set(CMAKE_CXX_COMPILER ${VELM_TRIPLET}-g++)
 
 # Programs come from the build machine, everything else from the root. pkg-config does not read these
 # variables, and would find the build machine's libraries.

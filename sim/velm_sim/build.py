@@ -13,6 +13,7 @@ PROGRAMS = ("velmd", "nvram", "velmctl")
 
 ELF_CLASS, ELF_DATA, ELF_MACHINE = 4, 5, slice(18, 20)
 BIG_ENDIAN = 2
+CLASS_64 = 2
 
 
 class BuildError(RuntimeError):
@@ -72,6 +73,11 @@ def byte_order(program: Path) -> str:
     if not head:
         return "="
     return ">" if head[ELF_DATA] == BIG_ENDIAN else "<"
+
+
+def has_wide_words(program: Path) -> bool:
+    """True when it was built for a machine of 64 bits."""
+    return _elf_header(program)[ELF_CLASS : ELF_CLASS + 1] == bytes([CLASS_64])
 
 
 def is_foreign(program: Path) -> bool:

@@ -61,6 +61,7 @@ def refused(access_point: AccessPoint, phone: AndroidPhone, request: Prepared) -
 # The good path.
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("hashed", [False, True], ids=["nonce", "request hash"])
 def test_a_request_ends_in_the_report_of_an_android_phone(
     hashed: bool, cloud: Cloud, phone: AndroidPhone, ipc: IpcClient
@@ -214,6 +215,7 @@ def test_a_phone_with_a_bad_verdict_does_not_pair(
     assert access_point.pairing(0)["status"] != "Valid"
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize(
     ("hashed", "age", "accepted"),
     [(False, 50, True), (False, 65, False), (True, 3590, True), (True, 3605, False)],
@@ -228,6 +230,7 @@ def test_the_age_of_a_token(
         assert "token expired" in refused(access_point, paired_phone, request)
 
 
+@pytest.mark.each_machine
 def test_a_body_changed_after_the_token_was_made_is_refused(
     access_point: AccessPoint, paired_phone: AndroidPhone
 ) -> None:

@@ -181,6 +181,7 @@ def test_a_wrong_login_of(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("path", ["/pair by assertion", "/location"])
 def test_a_bad_assertion_of(
     path: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
@@ -220,6 +221,7 @@ def test_a_bad_assertion_of(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
+@pytest.mark.each_machine
 def test_a_bad_attestation(
     access_point: AccessPoint, paired_phone: Phone, silent_client: None
 ) -> None:
@@ -322,6 +324,7 @@ def test_a_bad_choice_of_the_phone_to_remove(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
+@pytest.mark.each_machine
 def test_a_bad_location(
     access_point: AccessPoint, paired_phone: Phone, silent_client: None
 ) -> None:
@@ -344,6 +347,7 @@ def test_a_bad_location(
     assert outcomes(access_point, paired_phone, cases) == {}
 
 
+@pytest.mark.each_machine
 def test_a_refusal_names_its_check_and_cuts_a_long_id_between_characters(
     access_point: AccessPoint, phone: Phone
 ) -> None:
@@ -384,6 +388,7 @@ def test_an_unknown_path(access_point: AccessPoint, phone: Phone) -> None:
     assert outcomes(access_point, phone, cases) == {}
 
 
+IN_CHUNKS = b"POST /challenge HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
 NO_REQUESTS: dict[str, tuple[bytes, int, str]] = {
     "a body that is announced too long": (
         b"POST /challenge HTTP/1.1\r\nContent-Length: 8193\r\n\r\n",
@@ -391,7 +396,7 @@ NO_REQUESTS: dict[str, tuple[bytes, int, str]] = {
         "body too long",
     ),
     "a body that becomes too long": (
-        b"POST /challenge HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+        IN_CHUNKS
         + b"1000\r\n" + b"x" * 4096 + b"\r\n1000\r\n" + b"x" * 4096 + b"\r\n1\r\nx\r\n0\r\n\r\n",
         413,
         "body too long",
@@ -420,11 +425,15 @@ NO_REQUESTS: dict[str, tuple[bytes, int, str]] = {
         501,
         "unknown transfer encoding",
     ),
+    "a chunk size of another letter": (IN_CHUNKS + b"g\r\n", 0, "chunks that are none"),
+    "a dash as chunk size": (IN_CHUNKS + b"-\r\n", 0, "chunks that are none"),
+    "a chunk size and a semicolon": (IN_CHUNKS + b"3;\r\nabc\r\n", 0, "chunks that are none"),
     "no version": (b"GET /info\r\n\r\n", 400, "no http request"),
     "no request": (b"\x16\x03\x01 hello\r\n\r\n", 0, "the parser takes it for no request"),
 }  # fmt: skip
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("name", NO_REQUESTS)
 def test_the_connection_is_closed_after(
     name: str, access_point: AccessPoint, paired_phone: Phone, silent_client: None
@@ -442,6 +451,7 @@ def test_the_connection_is_closed_after(
     assert paired_phone.info().status == 200
 
 
+@pytest.mark.each_machine
 def test_a_connection_that_a_client_ends_is_closed_wherever_it_says_so(
     access_point: AccessPoint,
 ) -> None:
@@ -464,6 +474,7 @@ BAD_FRAMES: dict[str, bytes] = {
 }
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("name", BAD_FRAMES)
 def test_a_frame_of_a_local_client_that_is(
     name: str, access_point: AccessPoint, paired_phone: Phone

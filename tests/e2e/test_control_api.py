@@ -62,6 +62,7 @@ PROVOKED: dict[int, Callable[[AccessPoint, str], ControlAnswer]] = {
 }
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("path", PATHS)
 def test_each_documented_status_is_answered_as_it_is_documented(
     path: str, access_point: AccessPoint
@@ -113,6 +114,7 @@ def test_what_is_refused_shows_in_the_pairing(
     assert pairing["lastPush"] is None and pairing["lastPushStatus"] is None
 
 
+@pytest.mark.each_machine
 def test_settings_say_where_they_came_from(cold_access_point: AccessPoint) -> None:
     cold_access_point.nvram_set({"zelkad_pairing_maxnum": "3", "ap_serial_number": ""})
     file = str(cold_access_point.configuration_file)
@@ -161,6 +163,7 @@ def test_a_renewed_certificate_shows_after_the_reload(access_point: AccessPoint)
     assert after["notBefore"] < after["notAfter"]
 
 
+@pytest.mark.each_machine
 @pytest.mark.movable_clock
 def test_a_clock_that_was_never_set_is_seen(access_point: AccessPoint) -> None:
     assert status_of(access_point)["clock"] == {"plausible": True, "why": None}
@@ -227,6 +230,7 @@ def metrics_of(access_point: AccessPoint) -> dict[str, float]:
     return samples
 
 
+@pytest.mark.each_machine
 def test_metrics_count_what_happened(
     paired_phone: Phone, access_point: AccessPoint, cloud: Cloud
 ) -> None:

@@ -70,6 +70,7 @@ class Reader(threading.Thread):
         return self.reports
 
 
+@pytest.mark.each_machine
 def test_every_client_that_reads_gets_every_report_of_the_longest_list(
     paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
 ) -> None:
@@ -86,6 +87,7 @@ def test_every_client_that_reads_gets_every_report_of_the_longest_list(
         assert client.is_silent(0.1)
 
 
+@pytest.mark.each_machine
 def test_reports_come_in_the_order_of_the_lists(
     paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
 ) -> None:
@@ -240,6 +242,7 @@ def test_a_request_wakes_nobody_once_its_report_has_come(
 # What is said of a place, and the socket's path.
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize(
     "changes",
     [{"latitude": 90.5}, {"longitude": -180.5}, {"latitude": -91}, {"longitude": 181}],

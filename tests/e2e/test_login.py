@@ -19,6 +19,7 @@ def status_of(phone: Phone, username: str, password: str, session: Session | Non
     return phone.send(request, session).status
 
 
+@pytest.mark.each_machine
 def test_the_right_password_opens(phone: Phone) -> None:
     assert status_of(phone, ADMIN.username, ADMIN.password) == 200
 
@@ -47,6 +48,7 @@ def test_an_account_without_a_hash_stays_shut_and_the_daemon_alive(
     assert access_point.daemon_alive()
 
 
+@pytest.mark.each_machine
 def test_an_account_with_an_empty_field_takes_any_password_but_the_empty_one(
     access_point: AccessPoint, phone: Phone
 ) -> None:
@@ -56,6 +58,7 @@ def test_an_account_with_an_empty_field_takes_any_password_but_the_empty_one(
     assert access_point.daemon_alive()
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("method", ["$1$", "$5$", "$6$"])
 def test_hash_methods(method: str, cold_access_point: AccessPoint) -> None:
     cold_access_point.etc.set_accounts([], {"other": hashed("the password", method)})
@@ -71,6 +74,7 @@ def test_a_new_password_counts_at_once(access_point: AccessPoint, phone: Phone) 
     assert status_of(phone, "admin", "changed") == 200
 
 
+@pytest.mark.each_machine
 @pytest.mark.movable_clock
 def test_the_lock_is_for_everybody_and_measured_from_the_first_failure(
     access_point: AccessPoint, phone: Phone
@@ -127,6 +131,7 @@ def test_a_name_is_remembered_while_up_to_63_others_fail(
     assert status_of(phone, "other", "right") == 200
 
 
+@pytest.mark.each_machine
 @pytest.mark.movable_clock
 def test_a_clock_that_is_set_back_shuts_nobody_out(
     access_point: AccessPoint, phone: Phone

@@ -53,6 +53,7 @@ def check(
     )  # fmt: skip
 
 
+@pytest.mark.each_machine
 def test_a_good_library_passes_and_keeps_its_settings(build: Build, tmp_path: Path) -> None:
     (tmp_path / "nvram.txt").write_text("zelkad_mode=1\n")
     done = check(build, "vendor", tmp_path, "--register")
@@ -73,6 +74,7 @@ def test_without_its_option_nothing_is_registered(build: Build, tmp_path: Path) 
     assert not (tmp_path / "registry.txt").exists()
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("fault", BROKEN)
 def test_a_library_that_breaks_a_rule_fails(build: Build, tmp_path: Path, fault: str) -> None:
     done = check(build, "broken", tmp_path, "--register", fault=fault)

@@ -33,6 +33,7 @@ def start(access_point: AccessPoint, shadow: str | None, entries: dict[str, str]
     return access_point.phone()
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("method", ["$6$", "$y$"])
 def test_the_password_of_the_shadow_file_opens_and_no_other(
     method: str, cold_access_point: AccessPoint
@@ -96,6 +97,7 @@ REFUSED = {
 }
 
 
+@pytest.mark.each_machine
 def test_accounts_that_may_not_log_in_are_refused_with_a_reason(
     cold_access_point: AccessPoint,
 ) -> None:
@@ -117,6 +119,7 @@ def test_an_empty_field_takes_any_password_as_that_of_an_account_does(
     assert status_of(phone, "open", "anything") == 200
 
 
+@pytest.mark.each_machine
 def test_an_old_password_in_its_days_of_grace_opens(cold_access_point: AccessPoint) -> None:
     phone = start(cold_access_point, "yes", {"admin": f"{FIELD}:1:0:10:7::"})
     assert status_of(phone, "admin", PASSWORD) == 200

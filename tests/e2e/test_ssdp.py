@@ -62,6 +62,7 @@ def assert_silent(searcher: Searcher, datagrams: list[bytes], to: str) -> None:
     assert searcher.receive(0) is None
 
 
+@pytest.mark.each_machine
 @pytest.mark.parametrize("to", [GROUP, Network.AP_ADDRESS])
 def test_a_search_is_answered_to_the_byte(
     to: str, access_point: AccessPoint, searcher: Searcher
@@ -69,6 +70,7 @@ def test_a_search_is_answered_to_the_byte(
     assert_exact(searcher.ask(search_message(), to), access_point)
 
 
+@pytest.mark.each_machine
 def test_the_location_that_was_found_serves_info(
     access_point: AccessPoint, network: Network
 ) -> None:
@@ -117,6 +119,7 @@ def test_libgssdp_finds_the_daemon(access_point: AccessPoint, network: Network) 
     ]
 
 
+@pytest.mark.each_machine
 def test_the_group_is_served_on_the_lan_only(
     access_point: AccessPoint, network: Network, searcher: Searcher
 ) -> None:
@@ -136,6 +139,7 @@ def test_the_group_is_served_on_the_lan_only(
         assert outside.receive(0) is None
 
 
+@pytest.mark.each_machine
 def test_thirty_two_outstanding_searches_are_all_answered(
     access_point: AccessPoint, searcher: Searcher
 ) -> None:

@@ -66,6 +66,7 @@ def wait_for_push(access_point: AccessPoint, status: int) -> None:
     )
 
 
+@pytest.mark.each_machine
 def test_the_story_of_a_good_round(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -124,6 +125,7 @@ def test_a_phone_that_comes_after_another_has_answered_is_told_in_the_round_too(
     assert not [visit for visit in outside if visit["route"] == "/location"]
 
 
+@pytest.mark.each_machine
 def test_the_story_of_the_caller_has_its_process_and_user(
     access_point: AccessPoint, paired_phone: Phone, ipc: IpcClient
 ) -> None:
@@ -164,6 +166,7 @@ def test_the_story_of_a_phone_that_names_another_bssid(
     assert visit["why"] in story["causeText"]
 
 
+@pytest.mark.each_machine
 @pytest.mark.movable_clock
 def test_the_story_of_a_challenge_that_is_too_old(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
@@ -351,6 +354,7 @@ def test_nothing_secret_is_told(
     assert "/location" in text and paired_phone.profile.device_id in text
 
 
+@pytest.mark.each_machine
 def test_the_wait_for_news_ends_with_a_visit(access_point: AccessPoint, phone: Phone) -> None:
     latest = access_point.control.json("/v1/rounds")["latest"]
     assert phone.info().status == 200

@@ -13,6 +13,7 @@ def expected_version(policy: TlsPolicy) -> str:
     return "TLSv1.3" if policy == DEFAULT else f"TLSv{policy.name}"
 
 
+@pytest.mark.each_machine
 @pytest.mark.each_tls
 def test_a_phone_gets_the_version_and_cipher_that_it_allows(
     phone: Phone, tls_policy: TlsPolicy
@@ -23,6 +24,7 @@ def test_a_phone_gets_the_version_and_cipher_that_it_allows(
     assert tls_policy.allows(agreed)
 
 
+@pytest.mark.each_machine
 @pytest.mark.each_tls
 def test_the_daemon_takes_the_version_and_cipher_that_the_cloud_allows(
     cloud: Cloud, paired_phone: Phone, ipc: IpcClient, tls_policy: TlsPolicy

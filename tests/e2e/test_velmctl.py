@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import subprocess
 
+import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.cloud import Cloud
 from velm_sim.phone import Phone, sample_location
@@ -15,6 +16,7 @@ def velmctl(access_point: AccessPoint, *arguments: str) -> subprocess.CompletedP
     return subprocess.run([program, *arguments], capture_output=True, text=True, timeout=20)
 
 
+@pytest.mark.each_machine
 def test_locate_prints_the_report(
     access_point: AccessPoint, cloud: Cloud, paired_phone: Phone
 ) -> None:
@@ -38,6 +40,7 @@ def test_locate_passes_the_time_wanted(
     client.communicate(timeout=20)
 
 
+@pytest.mark.each_machine
 def test_locate_says_that_no_phone_is_paired(access_point: AccessPoint) -> None:
     done = velmctl(access_point, "locate", "--socket", str(access_point.socket_path))
     assert done.returncode == 3 and done.stderr
@@ -57,6 +60,7 @@ def test_without_a_daemon_it_fails(cold_access_point: AccessPoint) -> None:
     assert done.returncode not in (0, 3, 4) and done.stderr
 
 
+@pytest.mark.each_machine
 def test_watch_prints_reports_as_they_come(
     access_point: AccessPoint, paired_phone: Phone
 ) -> None:

@@ -22,6 +22,8 @@ import pytest
 from velm_harness.version import VERSION
 from velm_sim.build import Build
 
+pytestmark = pytest.mark.each_machine
+
 REPOSITORY = Path(__file__).resolve().parents[2]
 PLATFORM_FUNCTIONS = {
     "nvram_unf_get",

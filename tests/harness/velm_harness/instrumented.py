@@ -6,7 +6,7 @@ import os
 import signal
 from pathlib import Path
 
-from velm_sim.build import Build
+from velm_sim.build import Build, is_foreign
 from velm_sim.daemon import Daemon, wait_until
 
 from .preloads import library
@@ -25,6 +25,7 @@ class InstrumentedBuild(Build):
         super().__init__(directory)
         self.is_asan = "asan" in self.directory.name
         self.is_coverage = "coverage" in self.directory.name
+        self.is_emulated = is_foreign(self.program("velmd"))
         self._judged: set[Path] = set()
 
     def preload(self) -> tuple[Path, ...]:
@@ -52,8 +53,8 @@ class InstrumentedBuild(Build):
         return limit + (QUARANTINE_KIB if self.is_asan else 0)
 
     def time_limit(self, seconds: float) -> float:
-        """Instrumented, the daemon computes several times as long."""
-        return seconds * (5 if self.is_asan else 1)
+        """Instrumented or emulated, the daemon computes several times as long."""
+        return seconds * (5 if self.is_asan or self.is_emulated else 1)
 
     def before_end(self, daemon: Daemon) -> None:
         """Makes an instrumented daemon look for leaks now."""
