@@ -295,6 +295,9 @@ TEST_F(Reply, IsCutToItsBufferRatherThanWrittenBeyondIt)
 
 TEST_F(Reply, ATimeBeyondAllCalendarsIsLeftOut)
 {
+    if (sizeof(std::time_t) == 4) {
+        GTEST_SKIP() << "every time of 32 bits is in the calendar";
+    }
     const auto never = std::numeric_limits<std::time_t>::max();
     EXPECT_NE(write({never, "192.168.1.1", 1, uuid}).find("DATE: \r\n"), std::string::npos);
 }
