@@ -104,8 +104,9 @@ class Daemon:
         self.pid = int(file.read_text())
         self.process = None
 
-    def wait_until_serving(self, timeout: float = 10.0) -> None:
+    def wait_until_serving(self, timeout: float | None = None) -> None:
         """Returns when HTTPS and IPC listen."""
+        timeout = timeout or self.build.time_limit(10.0)
 
         def serving() -> bool:
             if not self.alive():
