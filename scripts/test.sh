@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds release and asan, runs all unit and end-to-end tests on both and
 # reads the sources (scripts/lint.sh). On the first preset the end-to-end tests that depend
-# on the version of TLS run again with phones and a cloud that are strict about it. Each step says how
-# long it took.
+# on the version of TLS run again with phones and a cloud that are strict about it. For another machine it
+# runs the quick form of scripts/cross.sh. Each step says how long it took.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
 # usage: scripts/test.sh [PRESET ...]      default: release asan
@@ -11,6 +11,8 @@ cd "$(dirname "$0")/.." || exit 1
 
 presets=("$@")
 [ ${#presets[@]} -gt 0 ] || presets=(release asan)
+other=armhf # the quickest machine of scripts/cross.sh
+other_compiler=g++-arm-linux-gnueabihf
 results=build/test-results
 rm -rf "$results"
 mkdir -p "$results"
@@ -67,6 +69,17 @@ bench_tests() { # PRESET: the load client is built on demand
     ./scripts/build.sh "$1" velm-https-load && python_tests "$1" bench tests/bench
 }
 
+# Its programs were built beside other steps, but its tests have times to keep.
+other_machine() {
+    local file status=0
+    end "build-$other" || return
+    ./scripts/cross.sh "$other" --quick || status=$?
+    for file in build/cross/"$other"/build/results/*.xml; do
+        [ -e "$file" ] && cp "$file" "$results/$other-$(basename "$file")"
+    done
+    return $status
+}
+
 # A command beside the next steps. It has the processor time that they leave, so it slows no test down.
 declare -A beside
 begin() { # NAME COMMAND...
@@ -92,7 +105,7 @@ storms_and_soak() { # PRESET-OF-THE-STORMS PRESET-OF-THE-SOAK: the storms mostly
     return $status
 }
 
-step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container strace
+step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container strace "$other_compiler"
 step "build ${presets[0]}" ./scripts/build.sh "${presets[0]}"
 for index in "${!presets[@]}"; do
     preset=${presets[index]}
@@ -100,6 +113,7 @@ for index in "${!presets[@]}"; do
     if [ -n "$next" ]; then
         begin "build-$next" ./scripts/build.sh "$next"
     else
+        begin "build-$other" ./scripts/cross.sh "$other" --quick --build
         begin lint ./scripts/lint.sh --junitxml "$results/lint.xml"
     fi
     step "unit tests, $preset" unit "$preset"
@@ -118,6 +132,7 @@ step "tests of the harness" python_tests "${presets[0]}" harness tests/harness
 case " ${presets[*]} " in *" asan "*) instrumented=asan ;; *) instrumented=${presets[0]} ;; esac
 step "storm, $instrumented, and soak, ${presets[0]}" storms_and_soak "$instrumented" "${presets[0]}"
 step "lint, begun before the tests of ${presets[-1]}" end lint
+step "$other: unit tests and demo under an emulator" other_machine
 step "tests of the benchmarks' report" bench_tests "${presets[0]}"
 
 printf '\n'
