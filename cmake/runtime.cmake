@@ -22,8 +22,10 @@ if(VELM_STATIC_RUNTIME AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT VELM_SANI
     set(VELM_STATIC_RUNTIME_OPTIONS -static-libstdc++ -static-libgcc)
     check_linker_flag(CXX "${VELM_STATIC_RUNTIME_OPTIONS}" VELM_HAS_STATIC_RUNTIME)
     if(VELM_HAS_STATIC_RUNTIME)
+        # Ours too: on MIPS every function that is called by its address would have a name in the program.
         target_link_options(velm_runtime INTERFACE ${VELM_STATIC_RUNTIME_OPTIONS}
-            -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a)
+            -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a
+            -Wl,--exclude-libs,libvelm_core.a:libvelm_plain.a:libvelm_platform_host.a)
         # Before libm, which the compiler adds: what libcbor wants of it stands in libc as well.
         target_link_libraries(velm_runtime INTERFACE -Wl,-lc)
     else()
