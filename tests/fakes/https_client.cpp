@@ -14,6 +14,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "fakes/emulated.h"
+
 namespace {
 
 using evp_pkey_ctx_ptr = handle<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
@@ -118,7 +120,8 @@ bool turn_until(event_base *loop, const std::function<bool()> &condition)
     const event_ptr ticks{event_new(loop, -1, EV_PERSIST, tick, nullptr)};
     const timeval millisecond{0, 1000};
     event_add(ticks.get(), &millisecond);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{10};
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds{is_emulated() ? 60 : 10};
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

@@ -7,6 +7,8 @@
 #include <array>
 #include <cstring>
 
+#include "fakes/emulated.h"
+
 unique_fd ipc_connect(const std::string &path)
 {
     unique_fd client{socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
@@ -73,7 +75,7 @@ ipc_bytes ipc_payload(const ipc_bytes &packet)
 bool ipc_turn_until(event_base *base, const std::function<bool()> &condition,
                     std::chrono::seconds limit)
 {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const auto deadline = std::chrono::steady_clock::now() + limit * (is_emulated() ? 5 : 1);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

@@ -16,6 +16,7 @@
 
 #include "async/common_async.h"
 #include "fakes/captured_log.h"
+#include "fakes/emulated.h"
 #include "handles/fd.h"
 #include "http/dns.h"
 #include "http/http_client.h"
@@ -89,7 +90,8 @@ class http_client_fixture : public testing::Test {
     }
 
     /// Turns the loop until the condition holds; false after the deadline.
-    bool run_until(const std::function<bool()> &condition, int deadline_ms = 8000)
+    bool run_until(const std::function<bool()> &condition,
+                   int deadline_ms = is_emulated() ? 60000 : 8000)
     {
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds{deadline_ms};
         while (!condition() && std::chrono::steady_clock::now() < end) {
