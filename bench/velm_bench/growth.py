@@ -170,7 +170,10 @@ def with_phones(meter: Meter, count: int) -> Iterator[Point]:
 
 def with_clients(meter: Meter, count: int) -> Iterator[Point]:
     with meter.setting.scene(APP_ATTEST) as scene, contextlib.ExitStack() as opened:
-        others = [opened.enter_context(scene.client()) for _ in range(count - 1)]
+        others = []
+        for _ in range(count - 1):
+            others.append(opened.enter_context(scene.client()))
+            scene.settle(longer_than_ms=0)  # taken: only five can wait
         yield from meter.measure(CLIENTS, count, scene, others)
 
 
