@@ -105,7 +105,8 @@ storms_and_soak() { # PRESET-OF-THE-STORMS PRESET-OF-THE-SOAK: the storms mostly
     return $status
 }
 
-step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container strace "$other_compiler"
+step "install what is missing" ./scripts/install-dependencies.sh systemd systemd-container strace valgrind \
+    "$other_compiler"
 step "build ${presets[0]}" ./scripts/build.sh "${presets[0]}"
 for index in "${!presets[@]}"; do
     preset=${presets[index]}
