@@ -347,16 +347,19 @@ TEST_F(ExplainStory, TheDaemonsOwnWordsAreTheCause)
 TEST_F(ExplainStory, AnOpenRoundSaysWhatStandsInTheWaySoFar)
 {
     round.run = {false, "too soon", "the last push run began less than 60 s before"};
-    EXPECT_EQ(story().cause, "So far: The last push run began less than 60 s before.");
+    EXPECT_EQ(story().cause_label, "Likely cause so far:");
+    EXPECT_EQ(story().cause, "The last push run began less than 60 s before.");
     EXPECT_EQ(story().remedy, explain_cause("too soon")->remedy);
     round.run = {true, {}, {}};
     round.pushes = {some_push()};
     EXPECT_EQ(story().cause, "");
     round.pushes[0].status = 500;
-    EXPECT_EQ(story().cause, "So far: The push service took no push.");
+    EXPECT_EQ(story().cause_label, "Likely cause so far:");
+    EXPECT_EQ(story().cause, "The push service took no push.");
     EXPECT_EQ(story().remedy, explain_push_remedy(500));
     round.visits = {refused_by("device_check")};
-    EXPECT_EQ(story().cause, "So far: Each phone that came was refused.");
+    EXPECT_EQ(story().cause_label, "Likely cause so far:");
+    EXPECT_EQ(story().cause, "Each phone that came was refused.");
     EXPECT_EQ(story().remedy, explain_check("device_check")->remedy);
     round.pushes[0].status = 200;
     round.visits.push_back(some_visit()); // it overcame that
