@@ -72,7 +72,14 @@ bench_tests() { # PRESET: the load client is built on demand
 # Its programs were built beside other steps, but its tests have times to keep.
 other_machine() {
     local file status=0
-    end "build-$other" || return
+    end "build-$other" || status=$?
+    if [ $status -ne 0 ] && grep -qx 'failed: root and emulator' "$results/build-$other.log"; then
+        # A mirror without the other machine's packages is no fault of the code; the sum says "skipped".
+        printf '<testsuite name="%s"><testcase name="%s"><skipped message="%s"/></testcase></testsuite>\n' \
+            "$other" "$other" "its packages cannot be fetched" >"$results/$other.xml"
+        return 0
+    fi
+    [ $status -eq 0 ] || return "$status"
     ./scripts/cross.sh "$other" --quick || status=$?
     for file in build/cross/"$other"/build/results/*.xml; do
         [ -e "$file" ] && cp "$file" "$results/$other-$(basename "$file")"
