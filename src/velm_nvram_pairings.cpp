@@ -8,6 +8,7 @@
 #include <ctime>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 #include "handles/malloc.h"
 #include "logger/fatal.h"
@@ -82,35 +83,38 @@ json_ptr make_pairing()
     return pairing;
 }
 
-enum class member_is { any, one_of_members_and_new };
+constexpr char update_field[] = "velm_nvram_pairings_update_pairing_field";
 
-/// For a new member nothing is looked for, and its name is borrowed: a slot is read seven times in a round,
-/// and both together take longer than reading its settings.
-void put_member(cJSON *pairing, const char *field, const char *value, member_is which)
+json_ptr make_text(const char *value)
 {
-    constexpr char function[] = "velm_nvram_pairings_update_pairing_field";
     json_ptr text{cJSON_CreateString(value == nullptr ? "" : value)};
     if (text == nullptr) {
-        FATAL("%s: %s is null: %s", function, "text", "not enough memory");
+        FATAL("%s: %s is null: %s", update_field, "text", "not enough memory");
     }
-    bool stored = false;
-    if (which == member_is::one_of_members_and_new) {
-        stored = cJSON_AddItemToObjectCS(pairing, field, text.get()) != 0;
-    } else if (cJSON_GetObjectItemCaseSensitive(pairing, field) != nullptr) {
-        stored = cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get()) != 0;
-    } else {
-        stored = cJSON_AddItemToObject(pairing, field, text.get()) != 0;
-    }
-    REQUIRE_CALL_BY(function, stored, "cJSON_AddItemToObject(pairing, field, text)", 0);
+    return text;
+}
+
+/// The pairing has the text now.
+void hand_over(json_ptr text, cJSON_bool stored)
+{
+    REQUIRE_CALL_BY(update_field, stored != 0, "cJSON_AddItemToObject(pairing, field, text)", 0);
     (void)text.release();
+}
+
+/// One of `members`, which the pairing does not have yet: it is not looked for, and its name is borrowed. A
+/// slot is read seven times in a round, and both together take longer than reading its settings.
+void add_member(cJSON *pairing, const char *member, const char *value)
+{
+    json_ptr text = make_text(value);
+    const cJSON_bool stored = cJSON_AddItemToObjectCS(pairing, member, text.get());
+    hand_over(std::move(text), stored);
 }
 
 json_ptr read_slot(int index)
 {
     json_ptr pairing = make_pairing();
     for (const char *member : members) {
-        put_member(pairing.get(), member, read_field(index, member).get(),
-                   member_is::one_of_members_and_new);
+        add_member(pairing.get(), member, read_field(index, member).get());
     }
     return pairing;
 }
@@ -244,7 +248,7 @@ json_ptr velm_nvram_pairings_create_empty_pairing()
 {
     json_ptr pairing = make_pairing();
     for (const char *member : members) {
-        put_member(pairing.get(), member, "", member_is::one_of_members_and_new);
+        add_member(pairing.get(), member, "");
     }
     return pairing;
 }
@@ -253,7 +257,12 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
 {
     REQUIRE_NOT_NULL(pairing, "pairing");
     REQUIRE_NOT_NULL(field, "field");
-    put_member(pairing, field, value, member_is::any);
+    json_ptr text = make_text(value);
+    const bool present = cJSON_GetObjectItemCaseSensitive(pairing, field) != nullptr;
+    const cJSON_bool stored =
+        present ? cJSON_ReplaceItemInObjectCaseSensitive(pairing, field, text.get())
+                : cJSON_AddItemToObject(pairing, field, text.get());
+    hand_over(std::move(text), stored);
 }
 
 json_ptr velm_nvram_pairings_select_pairing_by_index(int index)

@@ -9,7 +9,8 @@
 /// The JSON body of a request.
 
 /// In a body, at any depth, the object "auth" and its members included. Each becomes an object of a
-/// hundred bytes and more, whatever its length. The longest list of whole locations that a body has bytes for fits.
+/// hundred bytes and more, whatever its length. The longest list of whole locations that a body has bytes
+/// for fits.
 inline constexpr std::size_t velm_request_max_values = 1000;
 
 /// How deep objects and arrays may be nested. A location has 3. The parser reads by recursion, and what

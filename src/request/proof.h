@@ -4,9 +4,8 @@
 
 #include "handles/cjson.h"
 
-/// What a phone's pairing held when the phone proved itself. Other checks run
-/// after the proof, and other requests may change the pairing. So it is looked at again before the work of
-/// the route.
+/// What a phone's pairing held when the phone proved itself. Other checks run after the proof, and other
+/// requests may change the pairing. So it is looked at again before the work of the route.
 struct velm_request_proof {
     bool paired = false;
     std::string attestation_key; // empty: the pairing has none, or there is none

@@ -23,8 +23,8 @@ struct story_visits {
     std::uint64_t last = 0; // the number of the newest
     /// The place of the visit that came or was repeated last, of addresses with that rest (visits.cpp).
     std::array<std::uint8_t, story_touched_kept> touched{};
-    std::uint64_t repeats_end_with =
-        0; // a visit of this number or before is not counted up any more
+    /// A visit of this number or before is not counted up any more.
+    std::uint64_t repeats_end_with = 0;
 };
 
 struct story_memory {

@@ -94,7 +94,10 @@ def test_so_many_bssids_are_set(count: int, radios: int) -> None:
 @pytest.fixture(scope="module")
 def setting(pytestconfig: pytest.Config) -> Iterator[Setting]:
     build = Build(pytestconfig.getoption("--build"))
-    for name in ("velm-https-load", "velm-load", "velm-round-floor", "velm-round-clock.so", "velm-round-hash.so"):
+    for name in (
+        "velm-https-load", "velm-load", "velm-round-floor", "velm-round-clock.so",
+        "velm-round-hash.so",
+    ):  # fmt: skip
         if not build.program(name).exists():
             pytest.skip(f"{name}, which scripts/bench.sh builds, is not there")
     with contextlib.ExitStack() as cleanup:

@@ -13,6 +13,7 @@ import time
 from collections.abc import Callable, Iterator
 
 import pytest
+from velm_harness.bare_tls import shaken_hands
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import HEADER, REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
@@ -192,22 +193,6 @@ def half_greeting(host: LanHost) -> socket.socket:
     raw = host.connect_tcp()
     raw.sendall(b"\x16\x03\x01\x40\x00\x01\x02\x01\x40" + bytes(15000))
     return raw
-
-
-def shaken_hands(host: LanHost) -> tuple[socket.socket, ssl.SSLObject, ssl.MemoryBIO]:
-    """A client whose records wait until they are taken and sent."""
-    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-    client = host.context().wrap_bio(incoming, outgoing, server_hostname=host.server)
-    raw = host.connect_tcp()
-    while True:
-        try:
-            client.do_handshake()
-            break
-        except ssl.SSLWantReadError:
-            raw.sendall(outgoing.read())
-            incoming.write(raw.recv(65536))
-    raw.sendall(outgoing.read())
-    return raw, client, outgoing
 
 
 def half_record(host: LanHost) -> socket.socket:

@@ -108,7 +108,8 @@ def moved(cold: Moved) -> Moved:
 
 
 def serves_at(moved: Moved, address: str) -> None:
-    wait_until(lambda: moved.listening() == [address], LAN_COMMAND_TIME + 5, f"nobody listens at {address}")
+    limit = LAN_COMMAND_TIME + 5
+    wait_until(lambda: moved.listening() == [address], limit, f"nobody listens at {address}")
     moved.wait_until_serving(moved.host(address))
     assert moved.daemon.alive()
 

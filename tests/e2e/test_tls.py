@@ -5,11 +5,12 @@ from __future__ import annotations
 import socket
 import ssl
 import struct
+from collections.abc import Iterator
 
 import pytest
+from velm_harness.bare_tls import shaken_hands
 from velm_sim.cloud import Cloud
 from velm_sim.ipc_client import IpcClient
-from velm_sim.lan_http import LanHost
 from velm_sim.phone import Phone
 from velm_sim.tls_policy import DEFAULT, TlsPolicy, negotiated
 
@@ -43,20 +44,17 @@ def test_the_daemon_takes_the_version_and_cipher_that_the_cloud_allows(
         assert tls_policy.allows(agreed)
 
 
-# A TLS 1.3 handshake from which the client's last words have not been sent yet.
+Shaken = tuple[socket.socket, ssl.SSLObject, ssl.MemoryBIO]
 
 
-def shaken_hands(host: LanHost) -> tuple[socket.socket, ssl.SSLObject, ssl.MemoryBIO]:
-    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-    client = host.context().wrap_bio(incoming, outgoing, server_hostname=host.server)
-    raw = host.connect_tcp()
-    while True:
-        try:
-            client.do_handshake()
-            return raw, client, outgoing
-        except ssl.SSLWantReadError:
-            raw.sendall(outgoing.read())
-            incoming.write(raw.recv(65536))
+@pytest.fixture
+def shaken(phone: Phone, tls_policy: TlsPolicy) -> Iterator[Shaken]:
+    """A TLS 1.3 handshake from which the client's last words have not been sent yet."""
+    if expected_version(tls_policy) != "TLSv1.3":
+        pytest.skip("in TLS 1.2 the ticket is a part of the handshake")
+    made = shaken_hands(phone.host)
+    with made[0]:
+        yield made
 
 
 def records(received: bytes) -> int:
@@ -67,36 +65,24 @@ def records(received: bytes) -> int:
     return count
 
 
-def only_with_tls_1_3(policy: TlsPolicy) -> None:
-    if expected_version(policy) != "TLSv1.3":
-        pytest.skip("in TLS 1.2 the ticket is a part of the handshake")
-
-
 def packets_with_data(raw: socket.socket) -> int:
     """Received so far, by the kernel's count (tcpi_data_segs_in)."""
-    return int(struct.unpack_from("=I", raw.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 160), 152)[0])
+    info = raw.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 160)
+    return int(struct.unpack_from("=I", info, 152)[0])
 
 
-def test_the_ticket_comes_in_one_packet_with_the_first_answer(
-    phone: Phone, tls_policy: TlsPolicy
-) -> None:
-    only_with_tls_1_3(tls_policy)
-    raw, client, outgoing = shaken_hands(phone.host)
-    with raw:
-        client.write(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n")
-        before, received = packets_with_data(raw), b""
-        raw.sendall(outgoing.read())
-        while records(received) < 2:
-            received += raw.recv(65536)
-        assert packets_with_data(raw) - before == 1
+def test_the_ticket_comes_in_one_packet_with_the_first_answer(shaken: Shaken) -> None:
+    raw, client, outgoing = shaken
+    client.write(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n")
+    before, received = packets_with_data(raw), b""
+    raw.sendall(outgoing.read())
+    while records(received) < 2:
+        received += raw.recv(65536)
+    assert packets_with_data(raw) - before == 1
 
 
-def test_the_ticket_comes_within_a_second_when_nothing_is_asked(
-    phone: Phone, tls_policy: TlsPolicy
-) -> None:
-    only_with_tls_1_3(tls_policy)
-    raw, _, outgoing = shaken_hands(phone.host)
-    with raw:
-        raw.sendall(outgoing.read())
-        raw.settimeout(1)
-        assert records(raw.recv(65536)) == 1
+def test_the_ticket_comes_within_a_second_when_nothing_is_asked(shaken: Shaken) -> None:
+    raw, _, outgoing = shaken
+    raw.sendall(outgoing.read())
+    raw.settimeout(1)
+    assert records(raw.recv(65536)) == 1
