@@ -4,13 +4,11 @@
  * does to their pace would be a large part of the rest. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
+
+#include "round_page.h"
 
 static uint64_t before_there_is_a_file;
 static uint64_t *spent = &before_there_is_a_file;
@@ -19,16 +17,8 @@ static char *(*next)(const char *, const char *);
 __attribute__((constructor(101))) static void find_file(void)
 {
     *(void **)&next = dlsym(RTLD_NEXT, "crypt");
-    const char *name = getenv("VELM_ROUND_HASH");
-    const int fd = name != NULL ? open(name, O_RDWR | O_CLOEXEC) : -1;
-    if (fd < 0) {
-        return;
-    }
-    void *const page = mmap(NULL, sizeof *spent, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (page != MAP_FAILED) {
-        spent = page;
-    }
-    close(fd);
+    uint64_t *const page = round_page("VELM_ROUND_HASH", sizeof *spent, O_RDWR);
+    spent = page != NULL ? page : spent;
 }
 
 static uint64_t processor_time(void)

@@ -2,14 +2,12 @@
  * given back, in the file VELM_ROUND_HEAP. A block counts with the room that it has. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <malloc.h>
 #include <stddef.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
+
+#include "round_page.h"
 
 struct counts {
     uint64_t blocks, bytes;           /* taken so far */
@@ -27,17 +25,11 @@ static struct counts *counts = &before_there_is_a_file;
 
 __attribute__((constructor(101))) static void find_file(void)
 {
-    const char *name = getenv("VELM_ROUND_HEAP");
-    const int fd = name != NULL ? open(name, O_RDWR | O_CLOEXEC) : -1;
-    if (fd < 0) {
-        return;
-    }
-    void *const page = mmap(NULL, sizeof *counts, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (page != MAP_FAILED) {
+    void *const page = round_page("VELM_ROUND_HEAP", sizeof *counts, O_RDWR);
+    if (page != NULL) {
         memcpy(page, counts, sizeof *counts);
         counts = page;
     }
-    close(fd);
 }
 
 static void *taken(void *block)
