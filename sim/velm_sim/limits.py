@@ -1,6 +1,7 @@
-"""The limits of the daemon that its peers meet: phones, local clients and their tests.
+"""Limits of the daemon that several of its peers meet: phones, local clients and their tests.
 
-src/ has each one as a constant, docs/limits.md says where. A change there is a change here.
+src/ has each one as a constant, docs/limits.md says where. A change there is a change here. Limits that
+only a few tests meet are figures in those tests.
 """
 
 from __future__ import annotations

@@ -25,7 +25,7 @@ const cJSON *find_body(evhtp_request_t *request, const http_work &work, velm_req
     return parsed->body.get();
 }
 
-/// Which of the checks it would have been, where the work of a route checks something itself.
+/// The check that a story names when the work of a route refuses by itself. A 412 or 424 is the proof.
 const char *check_of(http_status status)
 {
     switch (status) {
