@@ -1,6 +1,8 @@
 /* Preloaded into an AddressSanitizer build under test: SIGUSR2 makes it look for leaks and go on.
  * The daemon never ends in an orderly way, so the check at exit would never run. The signal may come
- * in the middle of an allocation, whose locks the check needs: so it is made before the loop waits. */
+ * in the middle of an allocation, whose locks the check needs: so it is made before the loop waits.
+ *
+ * It also stands between the sanitizer and libfaketime, which is preloaded behind it: see clock_gettime. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -8,13 +10,17 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 extern int __lsan_do_recoverable_leak_check(void) __attribute__((weak));
 
 typedef int wait_function(int, struct epoll_event *, int, int);
+typedef int clock_function(clockid_t, struct timespec *);
 
 static volatile sig_atomic_t wanted;
+static clock_function *next_clock; /* libfaketime's, or the C library's */
 
 static void want_check(int signal_number)
 {
@@ -36,6 +42,15 @@ static void look_for_leaks(void)
     }
 }
 
+/* Where the kernel lends a clock without a system call, the sanitizer's allocator asks for the time here, under
+ * the lock of a size. The first block is wanted before libfaketime is ready, which would then allocate
+ * under that lock, and wait for itself. So until all libraries are ready the time is the kernel's. */
+int clock_gettime(clockid_t clock, struct timespec *time)
+{
+    return next_clock == NULL ? (int)syscall(SYS_clock_gettime, clock, time)
+                              : next_clock(clock, time);
+}
+
 /* The signal wakes it; one that came just before is served at the loop's next turn. */
 int epoll_wait(int epoll, struct epoll_event *events, int size, int timeout)
 {
@@ -53,6 +68,8 @@ int epoll_wait(int epoll, struct epoll_event *events, int size, int timeout)
 
 __attribute__((constructor)) static void watch(void)
 {
+    void *const found = dlsym(RTLD_NEXT, "clock_gettime");
+    memcpy(&next_clock, &found, sizeof found);
     /* Only the program itself: the commands that it runs inherit the preload. */
     if (__lsan_do_recoverable_leak_check != NULL) {
         struct sigaction action = {.sa_handler = want_check};
