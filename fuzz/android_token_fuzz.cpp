@@ -8,9 +8,12 @@
 #include "fakes/integrity_token_maker.h"
 #include "fuzz_target.h"
 
-/// Play Integrity tokens. The first byte says where the input stands: 0, the token as it travels; 1, a
-/// JWE's header with the rest made to fit; 2, what the JWE holds; 3, the header and, behind a NUL, the
-/// payload of a JWS that is signed as it should be; 4, the parts of a JWE, each behind its length.
+/// Play Integrity tokens. The first byte says what the input is:
+/// 0, the token as a phone sends it;
+/// 1, the header of a JWE, whose rest is made to fit;
+/// 2, the content of a JWE;
+/// 3, the header and, behind a NUL, the payload of a JWS with a good signature;
+/// 4, the parts of a JWE, each behind its length.
 
 namespace {
 

@@ -36,7 +36,7 @@ void accepted(const cJSON *verdict)
                                         static_cast<unsigned long long>(now - 3600));
 }
 
-/// The judgement is of the verdict, not of how it is written.
+/// The result depends on the verdict, not on how its JSON is written.
 void run(const std::string &json)
 {
     static const test_bytes digest = sha256_of({});

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The three escapes and nothing else, by another road: search and replace from the left.
+/// The three escapes and nothing else, by another method: search and replace from the left.
 std::string unescaped(const std::string &text)
 {
     std::string out;

@@ -23,6 +23,6 @@ void fake_cloud_turn();
 /// Answers the oldest request; the body is terminated, as the client's is.
 void fake_cloud_answer(int code, const std::string &body);
 
-/// No header of the request can be told apart from another one by who sends it: none holds the end
-/// of a line that the client would let through.
+/// Requires that the client refuses the headers of the request, or sends one line for each: no text
+/// from outside can forge a header of its own.
 void fake_cloud_headers_are_clean(const http_client_request_data &data);

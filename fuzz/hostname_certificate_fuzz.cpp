@@ -38,7 +38,7 @@ std::string_view dns_name(const GENERAL_NAME *name)
         {ASN1_STRING_get0_data(text), static_cast<std::size_t>(ASN1_STRING_length(text))});
 }
 
-/// Some DNS name matches, and no name with a NUL stands before it; by a walk over all of them.
+/// A walk over all names: a DNS name has to match, and no name before it may have a NUL.
 void alternative_names(fuzz_bytes extension, const std::string &host, result found)
 {
     const std::uint8_t *position = extension.data();

@@ -19,7 +19,8 @@
 
 /// The way of bytes from a client to a route: the real server on the loopback, without TLS.
 
-/// The input of a connection without TLS is closed to all but the socket, where ours is open.
+/// libevent lets only the socket add to the input of a connection without TLS. The server adds to it
+/// itself, so this opens the input first.
 extern "C" int evbuffer_add_reference(evbuffer *buffer, const void *data, std::size_t size,
                                       evbuffer_ref_cleanup_cb cleanup, void *argument)
 {
@@ -29,7 +30,7 @@ extern "C" int evbuffer_add_reference(evbuffer *buffer, const void *data, std::s
     return real(buffer, data, size, cleanup, argument);
 }
 
-/// A refusal is written around the library, straight into TLS: here nobody hears it.
+/// The server writes a refusal straight into TLS. There is none here, so nobody gets it.
 extern "C" int SSL_write(SSL *, const void *, int)
 {
     return -1;
@@ -40,7 +41,7 @@ extern "C" int SSL_shutdown(SSL *)
     return -1;
 }
 
-/// What is read before the handshake is done is bounded: here there is none.
+/// The server counts the bytes that come before the handshake is done. Here no handshake is made.
 extern "C" BIO *SSL_get_rbio(const SSL *)
 {
     static BIO *const nobodys = BIO_new(BIO_s_mem());

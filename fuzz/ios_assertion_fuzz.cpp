@@ -3,9 +3,9 @@
 #include "allocation_meter.h"
 #include "ios_phone.h"
 
-/// Assertions. The first byte says which way: 0, the object as it travels, checked with the key and
-/// hash of a real phone; else authenticator data with a good signature around it, behind four bytes
-/// of stored counter.
+/// Assertions. The first byte says what follows. 0: the object as a phone sends it, checked with the
+/// key and hash of a real phone. Otherwise: four bytes of stored counter, then authenticator data,
+/// which gets a good signature.
 
 namespace {
 
@@ -25,7 +25,7 @@ void raw(const ios_phone &phone, fuzz_bytes object)
     const ios_outcome outcome =
         phone.check_assertion(sample.public_key, 0, object, sample.assertion->client_data_hash);
     FUZZ_REQUIRE(meter.peak() <= 200 * object.size() + 64 * 1024);
-    // The signature is of another app: whatever passes it fails there.
+    // The key signed for another app, so even an object whose signature is good is refused.
     FUZZ_REQUIRE(outcome.result == 0);
 }
 

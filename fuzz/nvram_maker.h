@@ -6,7 +6,7 @@
 
 #include "fuzz_target.h"
 
-/// Bytes of the nvram store's files with checksums that hold, however odd what they are over.
+/// Makes files of the nvram store. Their checksums are right, however odd their bytes are.
 
 using nvram_bytes = std::vector<std::uint8_t>;
 
@@ -16,5 +16,5 @@ using nvram_bytes = std::vector<std::uint8_t>;
 /// A header of these fields, the boot id cut or filled up with zeros.
 [[nodiscard]] nvram_bytes nvram_make_header(std::uint64_t sequence, std::string_view boot_id);
 
-/// Records around bodies that stand behind their lengths, the high byte first.
+/// Records around these bodies. Each body follows its length, which has the high byte first.
 [[nodiscard]] nvram_bytes nvram_make_records(fuzz_input bodies);

@@ -78,7 +78,7 @@ void make_file(const store_folder &folder, const char *name, std::string_view bo
     }
 }
 
-/// The store reports damage on standard error; here there is no end of it.
+/// The store reports damage on standard error. A fuzzer would fill the screen with it.
 class quiet_errors {
   public:
     quiet_errors() : kept_{stderr}
@@ -97,7 +97,7 @@ class quiet_errors {
     std::FILE *kept_;
 };
 
-/// What was set and committed is there for every other process, and after a power cut.
+/// Every other process sees what was set and committed, and so does a start after a power cut.
 void change_and_commit(const std::string &path, nvram_store &store)
 {
     const std::array changes{nvram_change{"fuzz", "value"}, nvram_change{"gone", std::nullopt}};
