@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -20,11 +19,10 @@
 #include "handles/config_pairs.h"
 #include "handles/exhaustion.h"
 #include "logger/keys.h"
+#include "logger/line_buffer.h"
 #include "logger/log_file.h"
 
 namespace {
-
-constexpr std::size_t line_capacity = 8000;
 
 struct category_entry {
     std::string name;
@@ -45,74 +43,6 @@ struct module_state {
     const common_logger_observer *observer = nullptr;
 };
 module_state state;
-
-/// A line under construction: never more than the buffer holds, always terminated.
-class line_buffer {
-  public:
-    [[gnu::format(printf, 2, 0)]] bool append(const char *format, va_list arguments)
-    {
-        const std::size_t room = text_.size() - length_;
-        const int written = std::vsnprintf(&text_[length_], room, format, arguments);
-        if (written < 0) {
-            return false;
-        }
-        length_ += std::min(static_cast<std::size_t>(written), room - 1);
-        return true;
-    }
-
-    [[gnu::format(printf, 2, 3)]] void append(const char *format, ...)
-    {
-        va_list arguments;
-        va_start(arguments, format);
-        append(format, arguments);
-        va_end(arguments);
-    }
-
-    void append_time(const std::tm &time)
-    {
-        length_ += std::strftime(&text_[length_], text_.size() - length_, "%F %T", &time);
-    }
-
-    /// The newline of a line that filled the buffer takes the place of its last character.
-    void end_line()
-    {
-        length_ = std::min(length_, text_.size() - 2);
-        text_[length_++] = '\n';
-        text_[length_] = '\0';
-    }
-
-    /// Nothing from outside may end the line or steer the terminal that shows it.
-    void replace_control_characters(std::size_t from)
-    {
-        for (std::size_t i = from; i < length_; ++i) {
-            const auto c = static_cast<unsigned char>(text_[i]);
-            const bool is_c1 = c == 0xc2 && i + 1 < length_ &&
-                               static_cast<unsigned char>(text_[i + 1]) >= 0x80 &&
-                               static_cast<unsigned char>(text_[i + 1]) < 0xa0;
-            if (is_c1) {
-                text_[i] = '?';
-                text_[++i] = '?';
-            } else if (c == '\n' || c == '\t' || c == '\r') {
-                text_[i] = ' ';
-            } else if (c < 0x20 || c == 0x7f) {
-                text_[i] = '?';
-            }
-        }
-    }
-
-    [[nodiscard]] std::size_t length() const
-    {
-        return length_;
-    }
-    [[nodiscard]] const char *text(std::size_t from = 0) const
-    {
-        return &text_[from];
-    }
-
-  private:
-    std::array<char, line_capacity> text_;
-    std::size_t length_ = 0;
-};
 
 bool is_true(std::string_view value)
 {
