@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <ctime>
 #include <optional>
 #include <string_view>
@@ -12,6 +11,7 @@
 
 #include "handles/malloc.h"
 #include "logger/fatal.h"
+#include "pairings/slot.h"
 #include "velm_utils.h"
 
 namespace {
@@ -44,33 +44,6 @@ int pairings_limit()
 bool is_slot(int index)
 {
     return index >= 0 && index < pairings_limit();
-}
-
-using key_text = std::array<char, 64>;
-
-/// "zelkad_pairing_<slot>_<member>", put together by hand: every look at a slot begins with it, and
-/// printing it takes several times as long as the look itself. What does not fit is cut.
-key_text key_of(int index, std::string_view field)
-{
-    constexpr std::string_view prefix = "zelkad_pairing_";
-    key_text key{};
-    char *at = key.data() + prefix.copy(key.data(), prefix.size());
-    char *const end = key.data() + key.size() - 1; // behind it stays a zero
-    at = std::to_chars(at, end, index).ptr;
-    *at++ = '_';
-    field.copy(at, static_cast<std::size_t>(end - at));
-    return key;
-}
-
-malloc_text read_field(int index, const char *field)
-{
-    return malloc_text{nvram_unf_get(key_of(index, field).data())};
-}
-
-bool field_equals(int index, const char *field, std::string_view value)
-{
-    const malloc_text stored = read_field(index, field);
-    return stored != nullptr && value == stored.get();
 }
 
 json_ptr make_pairing()
@@ -114,7 +87,7 @@ json_ptr read_slot(int index)
 {
     json_ptr pairing = make_pairing();
     for (const char *member : members) {
-        add_member(pairing.get(), member, read_field(index, member).get());
+        add_member(pairing.get(), member, pairing_slot_read(index, member).get());
     }
     return pairing;
 }
@@ -122,10 +95,10 @@ json_ptr read_slot(int index)
 /// A phone can only be found, pushed to and unpaired by its device id: a slot without one is free.
 bool is_live(int index)
 {
-    if (!field_equals(index, "status", status_valid)) {
+    if (!pairing_slot_equals(index, "status", status_valid)) {
         return false;
     }
-    const malloc_text dev_id = read_field(index, "dev_id");
+    const malloc_text dev_id = pairing_slot_read(index, "dev_id");
     return dev_id != nullptr && *dev_id != '\0';
 }
 
@@ -143,27 +116,20 @@ std::optional<int> first_free_slot()
 std::optional<int> find_slot(const char *dev_id)
 {
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (field_equals(index, "dev_id", dev_id)) {
+        if (pairing_slot_equals(index, "dev_id", dev_id)) {
             return index;
         }
     }
     return std::nullopt;
 }
 
-/// An absent key reads as empty, as a store may keep an empty value.
-bool field_holds(int index, const char *field, const char *value)
-{
-    const malloc_text stored = read_field(index, field);
-    return value != nullptr && std::string_view{value} == (stored == nullptr ? "" : stored.get());
-}
-
 bool slot_holds(int index, const cJSON *pairing)
 {
-    return field_equals(index, "status", status_valid) &&
+    return pairing_slot_equals(index, "status", status_valid) &&
            std::all_of(
                written_from_record.begin(), written_from_record.end(), [&](const char *member) {
-                   return field_holds(index, member,
-                                      velm_utils_get_field_value_from_json_object(pairing, member));
+                   return pairing_slot_keeps(
+                       index, member, velm_utils_get_field_value_from_json_object(pairing, member));
                });
 }
 
@@ -224,7 +190,7 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
     if (!is_slot(index)) {
         FATAL("%s: invalid pairing index", __func__);
     }
-    const key_text key = key_of(index, field);
+    const pairing_key key = pairing_slot_key(index, field);
     if (const int rc = nvram_set(key.data(), value); rc != 0) {
         LOG_ERROR("%s - nvram_set failed: %d, %s", __func__, rc, key.data());
     }
@@ -241,7 +207,7 @@ int velm_nvram_pairings_is_valid_pairing(int index)
     if (!is_slot(index)) {
         FATAL("%s: invalid pairing index", __func__);
     }
-    return field_equals(index, "status", status_valid) ? 1 : 0;
+    return pairing_slot_equals(index, "status", status_valid) ? 1 : 0;
 }
 
 json_ptr velm_nvram_pairings_create_empty_pairing()
@@ -371,7 +337,7 @@ json_ptr velm_nvram_pairings_get_push_tokens()
         if (!is_live(index)) {
             continue;
         }
-        const malloc_text token = read_field(index, "push_token");
+        const malloc_text token = pairing_slot_read(index, "push_token");
         if (token != nullptr && *token != '\0') {
             append(tokens.get(), json_ptr{cJSON_CreateString(token.get())});
         }
@@ -397,7 +363,7 @@ void velm_nvram_pairings_print_pairings()
     LOG_TRACE("velm pairings [");
     for (int index = 0; index < pairings_limit(); ++index) {
         for (const char *member : members) {
-            const malloc_text value = read_field(index, member);
+            const malloc_text value = pairing_slot_read(index, member);
             LOG_TRACE("   zelkad_pairing_%d_%s=%s", index, member,
                       value == nullptr ? "" : value.get());
         }
