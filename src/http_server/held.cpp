@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -24,6 +25,27 @@ void move_to(std::string *text, std::size_t room)
 void http_held_wipe(std::string *text)
 {
     OPENSSL_cleanse(text->data(), text->size());
+}
+
+void http_held_wipe(evbuffer *buffer)
+{
+    evbuffer_iovec pieces[4];
+    const int count = evbuffer_peek(buffer, -1, nullptr, pieces, std::size(pieces));
+    for (int i = 0; i < std::min<int>(count, std::size(pieces)); ++i) {
+        OPENSSL_cleanse(pieces[i].iov_base, pieces[i].iov_len);
+    }
+}
+
+void http_held_take_over(std::string *text, evbuffer *input)
+{
+    evbuffer_iovec piece{};
+    while (evbuffer_get_length(input) != 0) {
+        evbuffer_peek(input, -1, nullptr, &piece, 1);
+        http_held_make_room(text, piece.iov_len);
+        text->append(static_cast<const char *>(piece.iov_base), piece.iov_len);
+        OPENSSL_cleanse(piece.iov_base, piece.iov_len);
+        evbuffer_drain(input, piece.iov_len);
+    }
 }
 
 void http_held_make_room(std::string *text, std::size_t size)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <event2/buffer.h>
+
 #include <cstddef>
 #include <string>
 
@@ -8,6 +10,13 @@
 /// Internal to the server's connections.
 
 void http_held_wipe(std::string *text);
+
+/// The same for what lies in a buffer of the library; it stays there. A message reaches the library in one
+/// piece: what lies behind the fourth piece of a buffer is not overwritten.
+void http_held_wipe(evbuffer *buffer);
+
+/// Moves all that is in the buffer behind the text, and overwrites where it lay.
+void http_held_take_over(std::string *text, evbuffer *input);
 
 /// Room for that many bytes more.
 void http_held_make_room(std::string *text, std::size_t size);

@@ -1,7 +1,6 @@
 #include "http_server/intake.h"
 
 #include <event2/buffer.h>
-#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <cstring>
@@ -67,8 +66,8 @@ intake_result refuse(http_intake *intake, const char *reason, int status)
     intake->refused_room = std::min(intake->held.capacity(), refused_room_max);
     http_held_wipe(&intake->held);
     std::string{}.swap(intake->held);
-    http_held_wipe(&intake->body);
-    intake->body.clear();
+    http_held_wipe(&intake->body.text);
+    intake->body.text.clear();
     intake->lifted = {};
     return intake_result::refused;
 }
@@ -159,21 +158,6 @@ intake_result begin_answering(http_intake *intake)
     return intake_result::moved_on;
 }
 
-/// What the parser gets. Of a body that came in chunks it sees the length: where `char` is unsigned it
-/// would take sizes of chunks that are no numbers.
-std::string whole_message(http_intake *intake)
-{
-    std::string bytes = std::exchange(intake->head, {});
-    if (intake->chunked) {
-        constexpr std::string_view blank_line = "\r\n";
-        bytes.erase(bytes.size() - blank_line.size());
-        bytes.append("Content-Length: " + std::to_string(intake->body.size()) + "\r\n\r\n");
-    }
-    http_held_make_room(&bytes, intake->body.size());
-    http_held_move_behind(&bytes, &intake->body);
-    return bytes;
-}
-
 std::size_t lifted_size(const http_intake *intake)
 {
     std::size_t size = 0;
@@ -187,8 +171,8 @@ intake_result give_message(http_intake *intake)
 {
     // The library keeps all of it. The checks are going to keep a part of the body beside that: until
     // they say how much, its size is taken for it.
-    intake->kept = intake->body.size();
-    std::string bytes = whole_message(intake);
+    intake->kept = intake->body.text.size();
+    std::string bytes = http_body_join(std::exchange(intake->head, {}), &intake->body);
     const wiped_at_end wiping{&bytes}; // a password is in it
     intake->handed = bytes.size() + lifted_size(intake);
     if (!is_admitted(intake)) {
@@ -213,9 +197,9 @@ intake_result begin_body(http_intake *intake, const http_head &head)
     if (!head.chunked && head.body_size > http_server_max_body_size) {
         return refuse(intake, "body too long", http_status_content_too_large);
     }
-    intake->chunked = head.chunked;
-    intake->chunks = {};
-    intake->body_size = static_cast<std::size_t>(head.body_size);
+    intake->body.chunked = head.chunked;
+    intake->body.chunks = {};
+    intake->body.announced = static_cast<std::size_t>(head.body_size);
     intake->phase = message_phase::body;
     if (head.expects_continue) {
         constexpr std::string_view leave = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -248,38 +232,12 @@ intake_result take_head(http_intake *intake)
     return head.chunked || head.body_size != 0 ? begin_body(intake, head) : give_message(intake);
 }
 
-chunks_result take_announced(http_intake *intake, std::string_view *input)
-{
-    const std::string_view piece = input->substr(0, intake->body_size - intake->body.size());
-    intake->body.append(piece);
-    input->remove_prefix(piece.size());
-    return intake->body.size() == intake->body_size ? chunks_result::whole
-                                                    : chunks_result::wants_more;
-}
-
-/// Moves what is held over to the body, as far as it belongs to it.
-chunks_result gather_body(http_intake *intake)
-{
-    std::string_view input{intake->held};
-    if (intake->chunked) {
-        http_held_make_room(
-            &intake->body, std::min(input.size(), http_server_max_body_size - intake->body.size()));
-    } else {
-        intake->body.reserve(intake->body_size); // at once: it never moves
-    }
-    const chunks_result result = intake->chunked
-                                     ? http_chunks_take(&intake->chunks, &input, &intake->body)
-                                     : take_announced(intake, &input);
-    http_held_take_off(&intake->held, intake->held.size() - input.size());
-    return result;
-}
-
 intake_result take_body(http_intake *intake)
 {
     if (intake->held.empty()) {
         return intake_result::waits;
     }
-    switch (gather_body(intake)) {
+    switch (http_body_take(&intake->body, &intake->held)) {
     case chunks_result::wants_more:
         return intake_result::waits;
     case chunks_result::whole:
@@ -353,15 +311,6 @@ evhtp_res on_headers(evhtp_request_t *request, evhtp_headers_t *headers, void *a
 
 } // namespace
 
-void http_intake_wipe(evbuffer *buffer)
-{
-    evbuffer_iovec pieces[4];
-    const int count = evbuffer_peek(buffer, -1, nullptr, pieces, std::size(pieces));
-    for (int i = 0; i < std::min<int>(count, std::size(pieces)); ++i) {
-        OPENSSL_cleanse(pieces[i].iov_base, pieces[i].iov_len);
-    }
-}
-
 void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
                        const library_callbacks &callbacks)
 {
@@ -381,15 +330,7 @@ intake_result http_intake_read(http_intake *intake)
     if (intake->phase == message_phase::refused) {
         return throw_away(intake);
     }
-    evbuffer *const input = bufferevent_get_input(intake->connection->bev);
-    evbuffer_iovec piece{};
-    while (evbuffer_get_length(input) != 0) {
-        evbuffer_peek(input, -1, nullptr, &piece, 1);
-        http_held_make_room(&intake->held, piece.iov_len);
-        intake->held.append(static_cast<const char *>(piece.iov_base), piece.iov_len);
-        OPENSSL_cleanse(piece.iov_base, piece.iov_len);
-        evbuffer_drain(input, piece.iov_len);
-    }
+    http_held_take_over(&intake->held, bufferevent_get_input(intake->connection->bev));
     return take_all_held(intake);
 }
 
@@ -400,7 +341,7 @@ intake_result http_intake_written(http_intake *intake)
     }
     bufferevent *const bev = intake->connection->bev;
     if (is_answered(intake)) { // and will be freed
-        http_intake_wipe(intake->connection->request->buffer_in);
+        http_held_wipe(intake->connection->request->buffer_in);
     }
     if (!survives(intake,
                   [intake, bev] { intake->library.write(bev, intake->library.argument); })) {
@@ -414,7 +355,7 @@ intake_result http_intake_written(http_intake *intake)
     intake->lifted = {};
     intake->handed = 0;
     intake->kept = 0;
-    intake->chunked = false;
+    intake->body.chunked = false;
     if (intake->held.empty()) {
         return intake_result::moved_on;
     }
@@ -432,9 +373,9 @@ intake_result http_intake_next(http_intake *intake)
 void http_intake_end(http_intake *intake)
 {
     http_held_wipe(&intake->held);
-    http_held_wipe(&intake->body);
+    http_held_wipe(&intake->body.text);
     if (const evhtp_request_t *const request = intake->connection->request; request != nullptr) {
-        http_intake_wipe(request->buffer_in);
+        http_held_wipe(request->buffer_in);
     }
     http_parser_leave(intake->connection);
     if (intake->gone != nullptr) {
@@ -445,8 +386,8 @@ void http_intake_end(http_intake *intake)
 std::size_t http_intake_size(const http_intake *intake)
 {
     const std::size_t request = intake->handed != 0 ? intake->handed : lifted_size(intake);
-    return intake->held.capacity() + intake->head.capacity() + intake->body.capacity() + request +
-           intake->kept + intake->refused_room;
+    return intake->held.capacity() + intake->head.capacity() + intake->body.text.capacity() +
+           request + intake->kept + intake->refused_room;
 }
 
 bool http_intake_is_paused(const http_intake *intake)

@@ -10,13 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "http_server/chunks.h"
+#include "http_server/body.h"
 #include "http_server/head_filter.h"
 
 /// What a connection sends, on its way to libevhtp's parser: held back until the parser may have it.
 /// First a whole head (see http_server/head_filter.h) and its body in one piece, then nothing
 /// until the reply has left. The library keeps each piece that it gets of a body as a block of its own,
-/// of a kilobyte and more: bytes that come one by one would take a thousand times their number. Internal to the server's connections.
+/// of a kilobyte and more: bytes that come one by one would take a thousand times their number.
+/// Internal to the server's connections.
 
 inline constexpr std::size_t http_server_max_body_size = http_chunks_max_body;
 
@@ -42,21 +43,19 @@ struct http_intake {
     in_addr_t address = 0;                    // the client's, for the log
     library_callbacks library;
     message_phase phase = message_phase::head;
-    std::string held;          // received, not yet given to the parser
-    std::size_t scanned = 0;   // of `held`, while it holds an unfinished head
-    std::string head;          // for the parser, while the body is gathered
-    std::size_t body_size = 0; // as announced, without chunks
-    bool chunked = false;
+    std::string held;         // received, not yet given to the parser
+    std::size_t scanned = 0;  // of `held`, while it holds an unfinished head
+    std::string head;         // for the parser, while the body is gathered
     bool wants_close = false; // says the head that the parser works on
     bool wants_keep_alive = false;
-    http_chunks chunks;
-    std::string body;             // what has come of it; of chunks, only what is in them
+    http_body body;
     std::size_t handed = 0;       // bytes of this request that the library keeps
     std::size_t kept = 0;         // bytes that the checks keep of its body
     std::size_t thrown_away = 0;  // since the request was refused
     std::size_t refused_room = 0; // of the head that was refused; it counts, and is given back
     std::vector<http_head_lifted> lifted; // of the head that the parser works on
-    /// Called with `argument` before a request reaches the library, which keeps it: may close this connection or another.
+    /// Called with `argument` before a request reaches the library, which keeps it: may close this
+    /// connection or another.
     void (*make_room)(void *argument) noexcept = nullptr;
     void *argument = nullptr;
     bool *gone = nullptr; // set when the connection ends inside a call of the library
@@ -78,9 +77,6 @@ void http_intake_start(http_intake *intake, evhtp_connection_t *connection,
 /// The connection has bytes to read, or has sent all that was to be sent.
 [[nodiscard]] intake_result http_intake_read(http_intake *intake);
 [[nodiscard]] intake_result http_intake_written(http_intake *intake);
-
-/// Overwrites what lies in a buffer of the library: a password may be in a body.
-void http_intake_wipe(evbuffer *buffer);
 
 /// Takes up what was sent behind the request before. On a turn of its own: else a client that sends
 /// thousands of requests at once would have them all answered before anybody else is served.
