@@ -14,6 +14,7 @@ from velm_sim.android_phone import AndroidPhone
 from velm_sim.answers import Answer
 from velm_sim.cloud import EXHAUSTED, UNREGISTERED, Cloud
 from velm_sim.ipc_client import IpcClient
+from velm_sim.limits import CONNECTIONS_PER_HOST
 from velm_sim.phone import Phone
 from velm_sim.service_account import MESSAGING_SCOPE
 
@@ -245,7 +246,7 @@ def test_junk_that_comes_all_at_once_gains_nothing(access_point: AccessPoint, cl
     cloud.integrity.reset()
     refusal = Answer.json({"error": {"code": 400}}, 400, delay=0.5)
     cloud.integrity.answer_next(*[refusal] * 10)
-    requests = [stranger.prepare_location(token=JUNK) for _ in range(14)]
+    requests = [stranger.prepare_location(token=JUNK) for _ in range(CONNECTIONS_PER_HOST - 2)]
     with ThreadPoolExecutor(len(requests)) as pool:
         replies = list(pool.map(stranger.send, requests))
     assert [reply.status for reply in replies] == [412] * len(requests)

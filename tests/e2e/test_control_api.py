@@ -18,7 +18,7 @@ from velm_sim.cloud import Cloud
 from velm_sim.control import ControlAnswer
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import IpcClient
-from velm_sim.limits import LOCAL_CLIENTS
+from velm_sim.limits import CONNECTIONS, CONNECTIONS_PER_HOST, LOCAL_CLIENTS
 from velm_sim.namespaces import Network
 from velm_sim.phone import Phone, Profile
 from velm_sim.ssdp import discover
@@ -264,7 +264,7 @@ def test_metrics_count_what_happened(
     }
     assert {name: grown[name] for name in expected} == expected
     assert grown["velmd_password_hashes_total"] >= 3
-    assert after["velmd_connections_max"] == 64
+    assert after["velmd_connections_max"] == CONNECTIONS
     assert after["process_resident_memory_bytes"] > 1 << 20
     assert after["process_open_fds"] == pytest.approx(access_point.daemon.descriptors(), abs=2)
     assert after["process_cpu_seconds_total"] >= before["process_cpu_seconds_total"]
@@ -279,7 +279,7 @@ def test_reloads_are_counted(access_point: AccessPoint) -> None:
 
 def test_connections_above_the_cap_are_counted(access_point: AccessPoint) -> None:
     with ExitStack() as open_ones:
-        for _ in range(18):
+        for _ in range(CONNECTIONS_PER_HOST + 2):
             open_ones.enter_context(
                 access_point.lan_host().connect_tcp()
             )
@@ -288,7 +288,7 @@ def test_connections_above_the_cap_are_counted(access_point: AccessPoint) -> Non
             10,
             "two refused connections",
         )
-        assert metrics_of(access_point)["velmd_connections"] == 16
+        assert metrics_of(access_point)["velmd_connections"] == CONNECTIONS_PER_HOST
 
 
 # What came from outside, and what is secret.

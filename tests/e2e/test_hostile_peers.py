@@ -18,7 +18,7 @@ from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import HEADER, REQUEST, STATUS_NO_PAIRED_DEVICES, IpcClient
 from velm_sim.lan_http import LanHost
-from velm_sim.limits import LOCAL_CLIENTS
+from velm_sim.limits import CONNECTIONS, CONNECTIONS_PER_HOST, LOCAL_CLIENTS
 from velm_sim.phone import Phone, sample_location
 
 # No connection that does nothing useful is kept for longer.
@@ -133,8 +133,7 @@ def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
     assert access_point.phone().info().status == 200
 
 
-HOSTS_THAT_FILL_IT = 4
-PER_HOST = 16
+HOSTS_THAT_FILL_IT = CONNECTIONS // CONNECTIONS_PER_HOST
 # What connections without a login may add to the daemon's memory: those of one host, and all.
 ONE_HOST_KIB = 400
 ALL_HOSTS_KIB = 1300
@@ -256,7 +255,7 @@ def test_memory_stays_within_its_bound_while_connections_are_filled_with(
     mark, before, others = daemon.log_mark(), daemon.resident_kib(), daemon.descriptors()
     limit = access_point.build.memory_limit_kib(ONE_HOST_KIB if hosts == 1 else ALL_HOSTS_KIB)
     connections = []
-    for number in range(hosts * PER_HOST):
+    for number in range(hosts * CONNECTIONS_PER_HOST):
         connections.append(FILLINGS[name](access_point.lan_host(number % hosts)))
         assert daemon.resident_kib() - before < limit
     assert "too many connections" not in daemon.log(mark)
@@ -288,7 +287,7 @@ def test_a_greeting_without_end_takes_no_memory(
     connections = [
         connection
         for host in range(HOSTS_THAT_FILL_IT)
-        for connection in open_connections(host, PER_HOST, tls=False)
+        for connection in open_connections(host, CONNECTIONS_PER_HOST, tls=False)
     ]
     record = b"\x16\x03\x01\x40\x00"
     say(connections, record + b"\x01\x02\x01\x40" + bytes(16380))  # of 131,392 bytes, it says
@@ -310,7 +309,7 @@ def test_who_takes_much_makes_room_for_who_takes_little(
     request = paired_phone.prepare_pair()
     with access_point.lan_host(5).session() as session:
         session.connect()
-        say(open_connections(1, PER_HOST), UNFINISHED["heads of 60 KiB"])
+        say(open_connections(1, CONNECTIONS_PER_HOST), UNFINISHED["heads of 60 KiB"])
         reply = session.request(request.path, request.body, request.headers)
     assert reply.status == 200
     access_point.daemon.wait_log("keep_within_memory - closing a connection", start=mark)
@@ -319,12 +318,14 @@ def test_who_takes_much_makes_room_for_who_takes_little(
 def test_at_the_cap_of_an_address_new_ones_are_closed_at_once_and_old_ones_served(
     access_point: AccessPoint, open_connections: Callable[..., list[socket.socket]]
 ) -> None:
-    old = open_connections(0, PER_HOST)
+    old = open_connections(0, CONNECTIONS_PER_HOST)
     (new,) = open_connections(0, 1, tls=False)
     wait_until(lambda: is_closed(new), 1, "one more is not closed at once")
     assert all(map(serves, old))
     assert access_point.phone(1).info().status == 200
-    access_point.daemon.wait_log("too many connections: 16, 16 of this address")
+    access_point.daemon.wait_log(
+        f"too many connections: {CONNECTIONS_PER_HOST}, {CONNECTIONS_PER_HOST} of this address"
+    )
 
 
 def test_at_the_cap_of_all_new_ones_are_closed_at_once_and_old_ones_served(
@@ -333,12 +334,12 @@ def test_at_the_cap_of_all_new_ones_are_closed_at_once_and_old_ones_served(
     old = [
         connection
         for host in range(HOSTS_THAT_FILL_IT)
-        for connection in open_connections(host, PER_HOST)
+        for connection in open_connections(host, CONNECTIONS_PER_HOST)
     ]
     (new,) = open_connections(HOSTS_THAT_FILL_IT, 1, tls=False)
     wait_until(lambda: is_closed(new), 1, "one more is not closed at once")
     assert all(map(serves, old))
-    access_point.daemon.wait_log("too many connections: 64, 0 of this address")
+    access_point.daemon.wait_log(f"too many connections: {CONNECTIONS}, 0 of this address")
     full = access_point.daemon.descriptors()
     old[0].close()
     wait_until(lambda: access_point.daemon.descriptors() < full, 5, "no room is made")

@@ -23,9 +23,9 @@ from dataclasses import dataclass
 from cryptography.hazmat.primitives import hashes, hmac
 from cryptography.hazmat.primitives.ciphers.aead import AESGCM
 from velm_sim.lan_http import LanHost
+from velm_sim.limits import CONNECTIONS_PER_HOST
 from velm_sim.tls_policy import libssl, native_context
 
-PER_HOST = 16
 CONNECTIONS_PER_SECOND = 40
 RESETS_PER_SECOND = 2500
 GREETING_BYTES_PER_SECOND = 10_000
@@ -225,7 +225,7 @@ def sending(make: Callable[[TlsClient], Iterator[bytes]]) -> Callable[[Target], 
         clients: list[tuple[TlsClient, Iterator[bytes]]] = []
         next_one = 0.0
         while not target.is_over():
-            if len(clients) < PER_HOST and time.monotonic() > next_one:
+            if len(clients) < CONNECTIONS_PER_HOST and time.monotonic() > next_one:
                 next_one = time.monotonic() + 1 / CONNECTIONS_PER_SECOND
                 with contextlib.suppress(OSError):
                     client = TlsClient(target)
