@@ -35,12 +35,12 @@ case_of() { # FILE NAME COMMAND...
 }
 
 # After ctest: what is worth reading of its log, and its test cases for the sum.
-unit_results() { # LOG BUILD STATUS
-    local log=$1 file
+unit_results() { # LOG BUILD STATUS [NAME]      NAME: whose results they are, where several builds are tried
+    local log=$1 name=unit${4:+-$4} file
     [ "$3" -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$log" | tail -n 400
     tail -n 4 "$log"
     for file in "$2/test-results"/*.xml; do
-        [ -e "$file" ] && cp "$file" "$results/unit-$(basename "$file")"
+        [ -e "$file" ] && cp "$file" "$results/$name-$(basename "$file")"
     done
     return "$3"
 }

@@ -16,28 +16,14 @@ other_compiler=g++-arm-linux-gnueabihf
 results=build/test-results
 rm -rf "$results"
 mkdir -p "$results"
-failed_steps=()
+# shellcheck source=/dev/null
+. scripts/steps.sh
 
-step() { # NAME COMMAND...: a step that fails is reported, and the others still run
-    local name=$1
-    shift
-    local begun=$SECONDS
-    printf '\n== %s\n' "$name"
-    "$@" || failed_steps+=("$name")
-    printf '(%d s)\n' $((SECONDS - begun))
-}
-
-unit() {
+unit() { # PRESET
+    local log=$results/unit-$1.log status=0
     rm -rf "build/$1/test-results"
-    ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure >"$results/unit-$1.log" 2>&1
-    local status=$?
-    [ $status -eq 0 ] || grep -vE '^ *[0-9]+/[0-9]+ Test .*Passed|^ *Start ' "$results/unit-$1.log" | tail -n 400
-    tail -n 4 "$results/unit-$1.log"
-    local file
-    for file in "build/$1/test-results"/*.xml; do
-        [ -e "$file" ] && cp "$file" "$results/unit-$1-$(basename "$file")"
-    done
-    return $status
+    ctest --test-dir "build/$1" -j "$(nproc)" --output-on-failure >"$log" 2>&1 || status=1
+    unit_results "$log" "build/$1" "$status" "$1"
 }
 
 python_tests() { # PRESET NAME FOLDER [OPTION ...]
@@ -142,9 +128,4 @@ step "storm, $instrumented, and soak, ${presets[0]}" storms_and_soak "$instrumen
 step "lint, begun before the tests of ${presets[-1]}" end lint
 step "$other: unit tests and demo under an emulator" other_machine
 step "tests of the benchmarks' report" bench_tests "${presets[0]}"
-
-printf '\n'
-for name in ${failed_steps[@]+"${failed_steps[@]}"}; do
-    printf 'failed: %s\n' "$name"
-done
-/usr/bin/python3 scripts/sum-results.py "$results" ${failed_steps[@]+"${failed_steps[@]}"}
+finish
