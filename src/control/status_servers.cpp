@@ -7,6 +7,7 @@
 
 #include "control/members.h"
 #include "control/status_parts.h"
+#include "crypto/asn1_time.h"
 #include "cutils/interface_addresses.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
@@ -108,13 +109,6 @@ std::string fingerprint_of(const X509 *certificate)
     return text;
 }
 
-/// Nothing for a time that is none.
-std::optional<std::time_t> time_of(const ASN1_TIME *time)
-{
-    std::tm parts{};
-    return ASN1_TIME_to_tm(time, &parts) == 1 ? std::optional{timegm(&parts)} : std::nullopt;
-}
-
 void add_certificate(cJSON *document)
 {
     const X509 *const shown = velm_http_server_certificate();
@@ -126,7 +120,7 @@ void add_certificate(cJSON *document)
     control_add_text(certificate, "subject", subject_of(shown));
     control_add_text(certificate, "sha256", fingerprint_of(shown));
     const auto add = [certificate](const char *name, const ASN1_TIME *time) {
-        control_add_moment(certificate, name, std::int64_t{time_of(time).value_or(0)} * 1000);
+        control_add_moment(certificate, name, asn1_time_seconds(time).value_or(0) * 1000);
     };
     add("notBefore", X509_get0_notBefore(shown));
     add("notAfter", X509_get0_notAfter(shown));
@@ -140,7 +134,8 @@ const char *why_clock_is_wrong()
         return "it shows a time before 2025, so it has not been set";
     }
     const X509 *const shown = velm_http_server_certificate();
-    const auto begin = shown != nullptr ? time_of(X509_get0_notBefore(shown)) : std::nullopt;
+    const auto begin =
+        shown != nullptr ? asn1_time_seconds(X509_get0_notBefore(shown)) : std::nullopt;
     return begin && now < *begin ? "it shows a time before the server's certificate is valid"
                                  : nullptr;
 }

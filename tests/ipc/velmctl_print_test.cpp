@@ -45,6 +45,13 @@ velm_location_report sample_report()
 
 constexpr velm_frame_header report_header{0xa000, 224, 7, 1700000005, 0};
 
+TEST(VelmctlText, ATimeIsRightToTheEndOf32UnsignedBits)
+{
+    EXPECT_EQ(velmctl_time_to_text(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(velmctl_time_to_text(2682374400), "2055-01-01T00:00:00Z");
+    EXPECT_EQ(velmctl_time_to_text(4294967295), "2106-02-07T06:28:15Z");
+}
+
 TEST(VelmctlText, AReportIsAGroupOfLinesWithEveryValue)
 {
     EXPECT_EQ(velmctl_report_to_text(report_header, sample_report()),

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <utility>
 
+#include "text/utc.h"
+
 namespace {
 
 constexpr double largest_whole = 9007199254740991.0; // each whole number up to here has a double
@@ -48,7 +50,7 @@ std::optional<control_moment> control_moment_parse(const std::string &text)
         parts.tm_hour > 23 || parts.tm_min > 59 || parts.tm_sec > 60) {
         return std::nullopt;
     }
-    const std::chrono::seconds since{timegm(&parts)};
+    const std::chrono::seconds since{utc_seconds_of(parts)};
     return control_moment{since + std::chrono::milliseconds{digits(text, 20, 3)}};
 }
 

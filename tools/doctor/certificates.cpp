@@ -1,7 +1,9 @@
 #include <chrono>
-#include <ctime>
+#include <cstdint>
+#include <optional>
 #include <string>
 
+#include "crypto/asn1_time.h"
 #include "tools/doctor/checks.h"
 #include "tools/doctor/read_certificate.h"
 #include "tools/terminal/times.h"
@@ -30,13 +32,12 @@ std::string end_of(const X509 *certificate)
     const ASN1_TIME *const end = X509_get0_notAfter(certificate);
     int days = 0;
     int seconds = 0;
-    std::tm parts{};
-    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1 || ASN1_TIME_to_tm(end, &parts) != 1) {
+    const std::optional<std::int64_t> moment = asn1_time_seconds(end);
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1 || !moment) {
         return " ends soon";
     }
-    const auto moment = std::chrono::system_clock::from_time_t(timegm(&parts));
     const std::string date =
-        velmctl_date_of(std::chrono::floor<std::chrono::milliseconds>(moment)).substr(0, 10);
+        velmctl_date_of(velmctl_moment{std::chrono::seconds{*moment}}).substr(0, 10);
     const bool is_over = days < 0 || seconds < 0;
     return is_over ? " has ended on " + date
                    : " ends on " + date + ", in " + velmctl_count_of(days, "day", "days");

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <limits>
 
+#include "text/utc.h"
 #include "tools/terminal/text.h"
 
 namespace {
@@ -93,9 +94,7 @@ const char *status_to_text(std::uint32_t status)
 
 std::string velmctl_time_to_text(std::uint32_t time)
 {
-    const auto seconds = static_cast<std::time_t>(time);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
+    const std::tm parts = utc_parts_of(time).value_or(std::tm{});
     std::array<char, 32> text{};
     std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
     return text.data();

@@ -3,6 +3,8 @@
 #include <array>
 #include <ctime>
 
+#include "text/utc.h"
+
 namespace {
 
 std::tm parts_of(velmctl_moment moment)
@@ -10,7 +12,10 @@ std::tm parts_of(velmctl_moment moment)
     const auto seconds = std::chrono::floor<std::chrono::seconds>(moment.time_since_epoch());
     const std::time_t time = static_cast<std::time_t>(seconds.count());
     std::tm parts{};
-    localtime_r(&time, &parts);
+    // The time zone is the C library's. Beyond its time_t the moment is shown in UTC.
+    if (time != seconds.count() || localtime_r(&time, &parts) == nullptr) {
+        return utc_parts_of(seconds.count()).value_or(std::tm{});
+    }
     return parts;
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 
 /// Moments and durations as people read them, in the time zone of who reads.
+/// What is beyond the time_t of the C library is shown in UTC.
 
 using velmctl_moment = std::chrono::sys_time<std::chrono::milliseconds>;
 

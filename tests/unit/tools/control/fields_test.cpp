@@ -37,6 +37,8 @@ TEST(ControlMoment, IsCountedFromTheEpoch)
 {
     EXPECT_EQ(control_moment_parse("1970-01-02T00:00:01.007Z")->time_since_epoch().count(),
               86401007);
+    EXPECT_EQ(control_moment_parse("2055-01-01T00:00:00.000Z")->time_since_epoch().count(),
+              2682374400000);
 }
 
 class ControlFields : public testing::Test {

@@ -36,6 +36,13 @@ TEST_F(TerminalTimes, AMomentBeforeTheEpochIsAMomentToo)
     EXPECT_EQ(velmctl_date_of(velmctl_moment{-1ms}), "1970-01-01 01:59:59");
 }
 
+TEST_F(TerminalTimes, ADateIn2055IsShownWhateverTheCLibraryCanHold)
+{
+    // By the clock of the reader, or in UTC where time_t ends in 2038.
+    EXPECT_EQ(velmctl_date_of(velmctl_moment{2682374400s}),
+              sizeof(std::time_t) > 4 ? "2055-01-01 02:00:00" : "2055-01-01 00:00:00");
+}
+
 TEST(TerminalDurations, HaveTheUnitThatMatters)
 {
     EXPECT_EQ(velmctl_duration_of(0s), "0 s");
