@@ -49,7 +49,7 @@ std::string_view value_of(std::string_view line)
     return begin == std::string_view::npos ? "" : line.substr(begin, last + 1 - begin);
 }
 
-const char *parse_fields(std::string_view rest, control_head &head)
+const char *parse_fields(std::string_view rest, velmctl_head &head)
 {
     while (!rest.empty()) {
         const std::string_view line = take_line(rest);
@@ -69,12 +69,12 @@ const char *parse_fields(std::string_view rest, control_head &head)
 
 } // namespace
 
-const char *control_head_parse(std::string_view text, control_head &head)
+const char *velmctl_head_parse(std::string_view text, velmctl_head &head)
 {
     if (head.size == 0) {
         const std::size_t end = text.find(end_of_head);
-        if (end > control_head_limit) { // or none
-            return text.size() > control_head_limit ? no_http : nullptr;
+        if (end > velmctl_head_limit) { // or none
+            return text.size() > velmctl_head_limit ? no_http : nullptr;
         }
         std::string_view rest = text.substr(0, end + 2);
         if (!parse_status(take_line(rest), head.status)) {
@@ -87,5 +87,5 @@ const char *control_head_parse(std::string_view text, control_head &head)
         head.size = end + end_of_head.size();
     }
     const std::size_t body = head.length.value_or(text.size() - head.size);
-    return body > control_body_limit ? too_long : nullptr;
+    return body > velmctl_body_limit ? too_long : nullptr;
 }

@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using deadline = steady_clock::time_point;
 
-control_answer failure(control_result result, std::string why)
+velmctl_answer failure(control_result result, std::string why)
 {
     return {result, 0, {}, std::move(why)};
 }
@@ -59,7 +59,7 @@ int connect_until(int socket, const sockaddr_un &address, deadline end)
     }
 }
 
-std::optional<control_answer> connect_to(const std::string &path, deadline end, unique_fd &socket)
+std::optional<velmctl_answer> connect_to(const std::string &path, deadline end, unique_fd &socket)
 {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -79,7 +79,7 @@ std::optional<control_answer> connect_to(const std::string &path, deadline end, 
     return std::nullopt;
 }
 
-std::optional<control_answer> send_request(int socket, const std::string &target, deadline end)
+std::optional<velmctl_answer> send_request(int socket, const std::string &target, deadline end)
 {
     const std::string request =
         "GET " + target + " HTTP/1.1\r\nHost: velmd\r\nConnection: close\r\n\r\n";
@@ -123,22 +123,22 @@ reading read_some(int socket, std::string &text, deadline end)
     }
 }
 
-control_answer finish(const control_head &head, std::string &text)
+velmctl_answer finish(const velmctl_head &head, std::string &text)
 {
     const std::size_t length = head.length.value_or(text.size() - head.size);
     return {control_result::done, head.status, text.substr(head.size, length), {}};
 }
 
-control_answer receive(int socket, deadline end)
+velmctl_answer receive(int socket, deadline end)
 {
     std::string text;
-    control_head head;
+    velmctl_head head;
     while (true) {
         const reading got = read_some(socket, text, end);
         if (got == reading::late) {
             return failure(control_result::timed_out, "it did not answer in time");
         }
-        const char *const problem = control_head_parse(text, head);
+        const char *const problem = velmctl_head_parse(text, head);
         if (problem != nullptr) {
             return failure(control_result::broken, problem);
         }
@@ -157,7 +157,7 @@ control_answer receive(int socket, deadline end)
 
 } // namespace
 
-control_answer control_ask(const std::string &path, const std::string &target, milliseconds limit)
+velmctl_answer control_ask(const std::string &path, const std::string &target, milliseconds limit)
 {
     const deadline end = steady_clock::now() + limit;
     unique_fd socket;

@@ -15,7 +15,7 @@ enum class control_result {
     broken, // what came is no answer of such a daemon
 };
 
-struct control_answer {
+struct velmctl_answer {
     control_result result = control_result::broken;
     int status = 0; // of HTTP, when done
     std::string body;
@@ -23,5 +23,5 @@ struct control_answer {
 };
 
 /// Asks for `target`, such as "/v1/status". The whole exchange takes at most `limit`.
-[[nodiscard]] control_answer control_ask(const std::string &path, const std::string &target,
+[[nodiscard]] velmctl_answer control_ask(const std::string &path, const std::string &target,
                                          std::chrono::milliseconds limit);

@@ -17,13 +17,13 @@ std::string control_path_of(const velmctl_options &options)
     return place.path;
 }
 
-bool control_is_good(const control_answer &answer)
+bool control_is_good(const velmctl_answer &answer)
 {
     constexpr int ok = 200;
     return answer.result == control_result::done && answer.status == ok;
 }
 
-int control_complain(const std::string &path, const control_answer &answer)
+int control_complain(const std::string &path, const velmctl_answer &answer)
 {
     constexpr int busy = 503;
     const std::string shown = velmctl_text_for_terminal(path);
@@ -61,7 +61,7 @@ int control_refuse(const std::string &problem)
 control_fetched control_fetch(const std::string &path, const std::string &target,
                               std::chrono::milliseconds limit)
 {
-    const control_answer answer = control_ask(path, target, limit);
+    const velmctl_answer answer = control_ask(path, target, limit);
     if (!control_is_good(answer)) {
         return {nullptr, control_complain(path, answer)};
     }

@@ -15,10 +15,10 @@ inline constexpr std::chrono::seconds control_time{10};
 [[nodiscard]] std::string control_path_of(const velmctl_options &options);
 
 /// Says why there is no answer; gives the exit status.
-[[nodiscard]] int control_complain(const std::string &path, const control_answer &answer);
+[[nodiscard]] int control_complain(const std::string &path, const velmctl_answer &answer);
 
 /// True for an answer with status 200.
-[[nodiscard]] bool control_is_good(const control_answer &answer);
+[[nodiscard]] bool control_is_good(const velmctl_answer &answer);
 
 struct control_fetched {
     json_ptr document; // null: there is none, and it was said why

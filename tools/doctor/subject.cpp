@@ -65,7 +65,7 @@ std::optional<control_status> ask_daemon(const velmctl_options &options, std::st
         problem = place.problem;
         return std::nullopt;
     }
-    const control_answer answer = control_ask(place.path, "/v1/status", control_time);
+    const velmctl_answer answer = control_ask(place.path, "/v1/status", control_time);
     if (answer.result == control_result::unreachable) {
         problem = "it does not run, or not for this user: " + place.path + ": " + answer.why;
         return std::nullopt;

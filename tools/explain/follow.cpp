@@ -47,7 +47,7 @@ class follower {
     /// One question. Gives the exit status when it was the last one.
     std::optional<int> turn()
     {
-        const control_answer answer = ask();
+        const velmctl_answer answer = ask();
         if (!control_is_good(answer)) {
             return lose(answer);
         }
@@ -65,7 +65,7 @@ class follower {
         return tell(*material) ? std::nullopt : std::optional<int>{velmctl_exit_wrong};
     }
 
-    control_answer ask() const
+    velmctl_answer ask() const
     {
         if (!latest_.has_value()) {
             return control_ask(path_, "/v1/rounds", control_time);
@@ -76,7 +76,7 @@ class follower {
     }
 
     /// What may be otherwise in a moment.
-    static bool may_pass(const control_answer &answer)
+    static bool may_pass(const velmctl_answer &answer)
     {
         constexpr int busy = 503;
         return answer.result == control_result::done ? answer.status == busy
@@ -84,7 +84,7 @@ class follower {
     }
 
     /// A daemon that was there is waited for.
-    std::optional<int> lose(const control_answer &answer)
+    std::optional<int> lose(const velmctl_answer &answer)
     {
         if (!has_told_ || !may_pass(answer)) {
             return control_complain(path_, answer);

@@ -12,7 +12,7 @@ namespace {
 explain_names ask_names(const std::string &path)
 {
     std::string problem;
-    const control_answer answer = control_ask(path, "/v1/status", control_time);
+    const velmctl_answer answer = control_ask(path, "/v1/status", control_time);
     const json_ptr document =
         control_is_good(answer) ? control_document_parse(answer.body, problem) : nullptr;
     if (document == nullptr) {

@@ -21,7 +21,7 @@ constexpr milliseconds pause{50};
 constexpr int http_ok = 200;
 constexpr int http_busy = 503;
 
-bool is_busy(const control_answer &answer)
+bool is_busy(const velmctl_answer &answer)
 {
     return answer.result == control_result::timed_out || answer.result == control_result::ended ||
            (answer.result == control_result::done && answer.status == http_busy);
@@ -78,7 +78,7 @@ reload_asked reload_ask(const std::string &path)
     if (path.empty()) {
         return {};
     }
-    const control_answer answer = control_ask(path, "/v1/status", question_limit);
+    const velmctl_answer answer = control_ask(path, "/v1/status", question_limit);
     if (is_busy(answer)) {
         return {reload_answer::busy, std::nullopt};
     }

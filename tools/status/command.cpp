@@ -15,7 +15,7 @@ namespace {
 std::string text_of(const control_status &status, const std::string &path)
 {
     std::string problem;
-    const control_answer answer = control_ask(path, "/v1/rounds", control_time);
+    const velmctl_answer answer = control_ask(path, "/v1/rounds", control_time);
     const json_ptr document =
         control_is_good(answer) ? control_document_parse(answer.body, problem) : nullptr;
     const control_rounds rounds =
@@ -53,7 +53,7 @@ int velmctl_metrics(const velmctl_options &options)
     if (path.empty()) {
         return velmctl_exit_unreachable;
     }
-    const control_answer answer = control_ask(path, "/v1/metrics", control_time);
+    const velmctl_answer answer = control_ask(path, "/v1/metrics", control_time);
     if (!control_is_good(answer)) {
         return control_complain(path, answer);
     }

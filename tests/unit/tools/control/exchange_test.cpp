@@ -64,7 +64,7 @@ class ControlExchange : public testing::Test {
         return send(peer, text.data(), text.size(), MSG_NOSIGNAL) > 0;
     }
 
-    control_answer ask(std::chrono::milliseconds limit = 5s)
+    velmctl_answer ask(std::chrono::milliseconds limit = 5s)
     {
         return control_ask(path, "/v1/status", limit);
     }
@@ -79,7 +79,7 @@ class ControlExchange : public testing::Test {
 TEST_F(ControlExchange, GivesStatusAndBody)
 {
     serve([](int peer) { say(peer, "HTTP/1.1 404 No\r\ncontent-length:  2 \r\n\r\n{}surplus"); });
-    const control_answer answer = ask();
+    const velmctl_answer answer = ask();
     EXPECT_EQ(answer.result, control_result::done);
     EXPECT_EQ(answer.status, 404);
     EXPECT_EQ(answer.body, "{}");
@@ -112,7 +112,7 @@ TEST_F(ControlExchange, AFloodIsCutOff)
         while (!ended && say(peer, flood)) {
         }
     });
-    const control_answer answer = ask();
+    const velmctl_answer answer = ask();
     EXPECT_EQ(answer.result, control_result::broken);
     EXPECT_EQ(answer.why, "its answer is too long");
 }
@@ -150,8 +150,8 @@ class ControlHead : public testing::TestWithParam<head_case> {};
 
 TEST_P(ControlHead, IsReadAsFarAsItHasCome)
 {
-    control_head head;
-    EXPECT_EQ(control_head_parse(GetParam().text, head) == nullptr, GetParam().good);
+    velmctl_head head;
+    EXPECT_EQ(velmctl_head_parse(GetParam().text, head) == nullptr, GetParam().good);
     EXPECT_EQ(head.size, GetParam().size);
 }
 
@@ -172,17 +172,17 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(ControlHead, AndBodyHaveALimit)
 {
-    control_head head;
+    velmctl_head head;
     const std::string begin = "HTTP/1.1 200 OK\r\nX: ";
-    const std::string fits(control_head_limit - begin.size(), 'x');
-    EXPECT_EQ(control_head_parse(begin + fits, head), nullptr);
-    EXPECT_NE(control_head_parse(begin + fits + 'x', head), nullptr);
+    const std::string fits(velmctl_head_limit - begin.size(), 'x');
+    EXPECT_EQ(velmctl_head_parse(begin + fits, head), nullptr);
+    EXPECT_NE(velmctl_head_parse(begin + fits + 'x', head), nullptr);
     const std::string length = "HTTP/1.1 200 OK\r\nContent-Length: ";
-    EXPECT_EQ(control_head_parse(length + std::to_string(control_body_limit) + "\r\n\r\n", head),
+    EXPECT_EQ(velmctl_head_parse(length + std::to_string(velmctl_body_limit) + "\r\n\r\n", head),
               nullptr);
-    control_head other;
+    velmctl_head other;
     EXPECT_NE(
-        control_head_parse(length + std::to_string(control_body_limit + 1) + "\r\n\r\n", other),
+        velmctl_head_parse(length + std::to_string(velmctl_body_limit + 1) + "\r\n\r\n", other),
         nullptr);
 }
 
