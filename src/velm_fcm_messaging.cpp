@@ -22,7 +22,6 @@
 #include "story/reason.h"
 #include "story/story.h"
 #include "velm_nvram_pairings.h"
-#include "velm_utils.h"
 
 namespace {
 
@@ -164,21 +163,10 @@ http_client_request_data make_request(const send_context &context)
     return velm_google_account_make_request(state.account, uri, body.get());
 }
 
-/// Null when no phone is paired in the slot: one without a device id is free.
-json_ptr read_live_slot(int index)
-{
-    if (!velm_nvram_pairings_is_valid_pairing(index)) {
-        return nullptr;
-    }
-    json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
-    const char *const dev_id = velm_utils_get_field_value_from_json_object(pairing.get(), "dev_id");
-    return dev_id == nullptr || *dev_id == '\0' ? nullptr : std::move(pairing);
-}
-
-/// The same when its turn has come; a reload may have lowered the limit.
+/// Null when no phone is paired there any more. A reload may have lowered the limit.
 json_ptr read_slot_that_is_due(int index)
 {
-    json_ptr pairing = index < state.config->pairings_limit ? read_live_slot(index) : nullptr;
+    json_ptr pairing = velm_nvram_pairings_select_live_pairing(index);
     if (pairing == nullptr) {
         LOG_DEBUG("%s - slot %d is not paired any more", "send_push", index);
     }
@@ -259,7 +247,7 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
     LOG_TRACE("%s - %d", __func__, state.config->pairings_limit);
     long delay_s = 0;
     for (int index = 0; index < state.config->pairings_limit; ++index) {
-        if (read_live_slot(index) == nullptr) {
+        if (velm_nvram_pairings_select_live_pairing(index) == nullptr) {
             continue;
         }
         const allocation_name naming{__func__, "cm_params_copy"};

@@ -236,12 +236,19 @@ json_ptr velm_nvram_pairings_select_pairing_by_index(int index)
     return is_slot(index) ? read_slot(index) : nullptr;
 }
 
+json_ptr velm_nvram_pairings_select_live_pairing(int index)
+{
+    return is_slot(index) && is_live(index) ? read_slot(index) : nullptr;
+}
+
 json_ptr velm_nvram_pairings_read_pairings(int only_valid)
 {
     json_ptr list = make_list();
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!only_valid || is_live(index)) {
-            append(list.get(), read_slot(index));
+        json_ptr pairing =
+            only_valid != 0 ? velm_nvram_pairings_select_live_pairing(index) : read_slot(index);
+        if (pairing != nullptr) {
+            append(list.get(), std::move(pairing));
         }
     }
     return list;

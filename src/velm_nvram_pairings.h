@@ -32,6 +32,9 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
 /// The slot's record, live or not; null when the index is outside the limit.
 [[nodiscard]] json_ptr velm_nvram_pairings_select_pairing_by_index(int index);
 
+/// The same of a live slot: the phone that is paired there. Null for a slot that is not live.
+[[nodiscard]] json_ptr velm_nvram_pairings_select_live_pairing(int index);
+
 /// The records of all slots, or of the live ones, in slot order.
 [[nodiscard]] json_ptr velm_nvram_pairings_read_pairings(int only_valid);
 

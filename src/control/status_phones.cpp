@@ -1,6 +1,5 @@
 #include <chrono>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "control/members.h"
@@ -19,15 +18,6 @@ void add_number_or_null(cJSON *object, const char *name, bool is_known, double n
     } else {
         control_add_null(object, name);
     }
-}
-
-/// Null for a slot in which no phone is paired.
-json_ptr read_live_slot(int index)
-{
-    json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
-    const bool is_live = std::string_view{json_text_or_empty(pairing.get(), "status")} == "Valid" &&
-                         *json_text_or_empty(pairing.get(), "dev_id") != '\0';
-    return is_live ? std::move(pairing) : nullptr;
 }
 
 /// What was heard last of a paired phone, as far as it is remembered.
@@ -127,7 +117,7 @@ void control_status_add_phones(cJSON *document, const velm_config &config)
     const story_view seen = story_look();
     cJSON *const pairings = control_add_list(document, "pairings");
     for (int slot = 0; slot < config.pairings_limit; ++slot) {
-        const json_ptr pairing = read_live_slot(slot);
+        const json_ptr pairing = velm_nvram_pairings_select_live_pairing(slot);
         if (pairing != nullptr) {
             control_append(pairings, pairing_object(seen, slot, pairing.get()));
         }

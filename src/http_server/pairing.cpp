@@ -287,11 +287,9 @@ http_outcome list_pairings(const http_asked & /*asked*/)
     cJSON *const pairings = cJSON_AddArrayToObject(response_json.get(), "pairings");
     REQUIRE_MEMORY(pairings, "pairings");
     for (int index = 0; index < http_server_config()->pairings_limit; ++index) {
-        if (velm_nvram_pairings_is_valid_pairing(index) != 0) {
-            const json_ptr pairing = velm_nvram_pairings_select_pairing_by_index(index);
-            if (*velm_utils_get_field_value_from_json_object(pairing.get(), "dev_id") != '\0') {
-                cJSON_AddItemToArray(pairings, listed_pairing(pairing.get()).release());
-            }
+        const json_ptr pairing = velm_nvram_pairings_select_live_pairing(index);
+        if (pairing != nullptr) {
+            cJSON_AddItemToArray(pairings, listed_pairing(pairing.get()).release());
         }
     }
     return {http_status_ok, nullptr, std::move(response_json)};

@@ -217,6 +217,32 @@ TEST_F(Pairings, ADeadSlotIsStillReadableByIndex)
     EXPECT_EQ(velm_nvram_pairings_select_pairing_by_index(-1), nullptr);
 }
 
+TEST_F(Pairings, ALiveSlotIsValidAndHasADeviceId)
+{
+    insert("id-1", "a");
+    const json_ptr live = velm_nvram_pairings_select_live_pairing(0);
+    ASSERT_NE(live, nullptr);
+    EXPECT_EQ(field(live, "dev_id"), "id-1");
+    EXPECT_EQ(field(live, "name"), "a");
+    fake_nvram.values["zelkad_pairing_0_dev_id"] = "";
+    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+    fake_nvram.values.erase("zelkad_pairing_0_dev_id");
+    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+    fake_nvram.values["zelkad_pairing_0_dev_id"] = "id-1";
+    fake_nvram.values["zelkad_pairing_0_status"] = "valid";
+    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+}
+
+TEST_F(Pairings, NoSlotOutsideTheLimitIsLive)
+{
+    for (const char *id : {"id-1", "id-2", "id-3"}) {
+        insert(id);
+    }
+    EXPECT_NE(velm_nvram_pairings_select_live_pairing(2), nullptr);
+    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(3), nullptr);
+    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(-1), nullptr);
+}
+
 TEST_F(Pairings, OnlyTheExactWordValidMakesASlotLive)
 {
     for (const char *status : {"valid", "Valid ", "Vali", "Invalid", ""}) {
