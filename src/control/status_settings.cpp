@@ -4,11 +4,11 @@
 #include <utility>
 
 #include "config/file_notes.h"
+#include "config/setting_text.h"
 #include "config/settings.h"
 #include "control/members.h"
 #include "control/status_parts.h"
 #include "logger/keys.h"
-#include "text/or_empty.h"
 #include "text/utf8.h"
 
 namespace {
@@ -16,21 +16,6 @@ namespace {
 // In the order of config_source.
 constexpr const char *source_names[] = {"default", "file", "command line", "nvram", "platform"};
 static_assert(std::size(source_names) == static_cast<std::size_t>(config_source::platform) + 1);
-
-std::string text_of(bool value)
-{
-    return value ? config_yes : "no";
-}
-
-std::string text_of(std::uint16_t value)
-{
-    return std::to_string(value);
-}
-
-std::string text_of(const char *value)
-{
-    return value;
-}
 
 void add_setting(cJSON *settings, const char *key, const std::string &value, config_source source)
 {
@@ -44,9 +29,8 @@ void add_setting(cJSON *settings, const char *key, const std::string &value, con
 void add_rows(cJSON *settings, const velm_config &config, std::span<const config_setting> rows)
 {
     for (const config_setting &row : rows) {
-        const std::string value =
-            std::visit([&config](auto field) { return text_of(config.*field); }, row.field);
-        add_setting(settings, row.key, value, config_source_of(config, row));
+        add_setting(settings, row.key, config_setting_text(config, row),
+                    config_source_of(config, row));
     }
 }
 
@@ -94,19 +78,6 @@ void add_other_pairs(cJSON *document, cJSON *settings, const velm_config &config
     }
 }
 
-/// One text, like the command line's.
-std::string bssids_text(const velm_config &config)
-{
-    std::string text;
-    const cJSON *bssid = nullptr;
-    cJSON_ArrayForEach(bssid, config.bssids_list.get())
-    {
-        text += text.empty() ? "" : ",";
-        text += text_or_empty(cJSON_GetStringValue(bssid));
-    }
-    return text;
-}
-
 struct named_file {
     const char *key;
     char (velm_config::*path)[config_path_size];
@@ -152,7 +123,8 @@ void control_status_add_settings(cJSON *document, const velm_config &config)
     cJSON *const settings = control_add_list(document, "settings");
     add_rows(settings, config, config_file_settings());
     add_rows(settings, config, config_platform_settings());
-    add_setting(settings, "bssids.list", bssids_text(config), config_source::platform);
+    add_setting(settings, "bssids.list", config_bssids_text(config.bssids_list.get()),
+                config_source::platform);
     add_other_pairs(document, settings, config);
     cJSON *const list = control_add_list(document, "files");
     for (const named_file &file : files) {

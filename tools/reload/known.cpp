@@ -6,12 +6,11 @@
 #include <cerrno>
 #include <chrono>
 #include <string_view>
-#include <variant>
 
+#include "config/setting_text.h"
 #include "config/settings.h"
 #include "handles/cjson.h"
 #include "logger/keys.h"
-#include "text/or_empty.h"
 #include "velm_config.h"
 #include "velm_nvram_config.h"
 #include "velm_sys_params.h"
@@ -20,21 +19,6 @@ namespace {
 
 constexpr std::string_view certificate_key = "http.server.cert.path";
 constexpr std::string_view private_key_key = "http.server.key.path";
-
-std::string text_of(bool value)
-{
-    return value ? config_yes : config_no;
-}
-
-std::string text_of(std::uint16_t value)
-{
-    return std::to_string(value);
-}
-
-std::string text_of(const char *value)
-{
-    return value;
-}
 
 const control_setting *setting_of(const control_status &status, std::string_view key)
 {
@@ -53,8 +37,7 @@ std::optional<std::string> new_value(const reload_view &view, std::string_view k
 {
     for (const config_setting &row : config_file_settings()) {
         if (key == row.key) {
-            return std::visit([&view](auto field) { return text_of(view.config.*field); },
-                              row.field);
+            return config_setting_text(view.config, row);
         }
     }
     return std::nullopt;
@@ -129,19 +112,6 @@ bool loses_settings(const reload_view &view)
            std::ranges::any_of(view.status.settings, is_lost_of_logger);
 }
 
-std::string bssids_now()
-{
-    std::string text;
-    const json_ptr list = sys_bssids();
-    const cJSON *bssid = nullptr;
-    cJSON_ArrayForEach(bssid, list.get())
-    {
-        text += text.empty() ? "" : ",";
-        text += text_or_empty(cJSON_GetStringValue(bssid));
-    }
-    return text;
-}
-
 bool is_known_of_nvram(const check_finding &finding, const reload_view &view)
 {
     const std::string_view name = std::string_view{finding.place.name}.substr(6); // "nvram "
@@ -152,7 +122,7 @@ bool is_known_of_nvram(const check_finding &finding, const reload_view &view)
         }
     }
     const control_setting *const bssids = setting_of(view.status, "bssids.list");
-    return bssids != nullptr && bssids->value == bssids_now() &&
+    return bssids != nullptr && bssids->value == config_bssids_text(sys_bssids().get()) &&
            get_lanif_name_wlif().value_or(view.status.lan.interface) == view.status.lan.interface;
 }
 
