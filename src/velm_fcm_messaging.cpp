@@ -19,6 +19,7 @@
 #include "json/text.h"
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
+#include "request/status.h"
 #include "story/reason.h"
 #include "story/story.h"
 #include "velm_nvram_pairings.h"
@@ -26,10 +27,6 @@
 namespace {
 
 constexpr char log_category[] = "velm_fcm_messaging";
-
-constexpr int http_ok = 200;
-constexpr int http_unauthorized = 401;
-constexpr int http_not_found = 404;
 
 struct module_state {
     const velm_config *config = nullptr;
@@ -104,7 +101,7 @@ void push_refused(const send_context &context, int code)
     LOG_ERROR("%s - [%s,%s,%s,%d]", function, json_text_or_empty(pairing, "dev_id"),
               json_text_or_empty(pairing, "dev_type"), json_text_or_empty(pairing, "push_token"),
               code);
-    if (code == http_unauthorized) {
+    if (code == http_status_unauthorized) {
         velm_google_account_refuse_token(state.account, context.access_token_number, log_category,
                                          function);
     }
@@ -126,16 +123,17 @@ void send_push_handler(int code, evkeyvalq *headers, const char *body, std::size
                   static_cast<int>(length), body);
     }
     const cJSON *pairing = context->pairing.get();
-    if (code == http_not_found) {
+    if (code == http_status_not_found) {
         const char *const meaning = meaning_of_404(pairing, body, length, content_type_of(headers));
         story_push_ends(context->told, code, meaning);
         end_pairing(pairing, meaning, code);
         return;
     }
     story_push_ends(context->told, std::max(code, 0),
-                    code == http_ok ? nullptr
-                                    : velm_fcm_answer_words(code, body, length, nullptr).c_str());
-    if (code != http_ok) {
+                    code == http_status_ok
+                        ? nullptr
+                        : velm_fcm_answer_words(code, body, length, nullptr).c_str());
+    if (code != http_status_ok) {
         push_refused(*context, code);
     }
 }

@@ -19,14 +19,13 @@
 #include "handles/argument.h"
 #include "http/http_client.h"
 #include "logger/fatal.h"
+#include "request/status.h"
 #include "story/reason.h"
 
 namespace {
 
 constexpr char log_category[] = "velm_google_integrity";
 
-constexpr int http_bad_request = 400; // Google refuses to decode the token
-constexpr int http_unauthorized = 401;
 constexpr int http_too_many_requests = 429;
 
 /// After a 429, the time from the last request in which none is sent.
@@ -75,14 +74,14 @@ void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t
                             void *argument) noexcept
 {
     auto request = adopt<verdict_request>(argument);
-    request->junk = code == http_bad_request;
+    request->junk = code == http_status_bad_request; // Google refuses to decode the token
     if (code == http_too_many_requests) {
         state.limit_reached = true;
         request->refusal = quota_is_used_up;
     }
     const json_ptr answer =
         velm_google_answer_parse(code, body, length, log_category, __func__, request.get());
-    if (code == http_unauthorized) {
+    if (code == http_status_unauthorized) {
         velm_google_account_refuse_token(state.account, request->access_token_number, log_category,
                                          __func__);
     }

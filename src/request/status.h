@@ -4,7 +4,7 @@
 #include <cstddef>
 
 /// The HTTP statuses that the server answers with. A new one needs its enumerator and its phrase, both
-/// here; the metrics then count it.
+/// here; the metrics then count it. Answers of the cloud are compared with them too.
 enum http_status : int {
     http_status_ok = 200,
     http_status_bad_request = 400,
