@@ -1,21 +1,11 @@
-#include <sys/stat.h>
-
 #include <string>
 
+#include "tools/control/place.h"
 #include "tools/doctor/checks.h"
 #include "tools/doctor/info.h"
 #include "tools/status/problems.h"
 
 namespace {
-
-/// One file may be called by two paths.
-bool is_same_file(const std::string &one, const std::string &other)
-{
-    struct stat first {};
-    struct stat second {};
-    return one == other || (stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
-                            first.st_dev == second.st_dev && first.st_ino == second.st_ino);
-}
 
 /// A daemon may be there and not say how it is.
 void tell_without_status(const doctor_subject &subject, doctor_report &report)
@@ -54,7 +44,7 @@ void doctor_check_daemon(const doctor_subject &subject, doctor_report &report)
         report.fail("daemon: " + problem,
                     "Look at velmctl status, and at the lines about it here.");
     }
-    if (!is_same_file(status.daemon.configuration_file.value_or(""), subject.config_path)) {
+    if (!control_is_same_file(status.daemon.configuration_file.value_or(""), subject.config_path)) {
         report.warn("daemon: it reads the configuration " +
                         status.daemon.configuration_file.value_or("of no file"),
                     "Give that file to velmctl doctor with -c.");

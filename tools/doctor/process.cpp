@@ -47,14 +47,6 @@ std::string config_path_of(pid_t process)
     return path.empty() || path.front() == '/' ? path : place_of(process, "cwd/") + path;
 }
 
-bool is_same_file(const std::string &one, const std::string &other)
-{
-    struct stat first {};
-    struct stat second {};
-    return one == other || (stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
-                            first.st_dev == second.st_dev && first.st_ino == second.st_ino);
-}
-
 std::vector<pid_t> all_processes()
 {
     std::vector<pid_t> processes;
@@ -120,7 +112,7 @@ std::optional<pid_t> doctor_find_process(const std::string &config_path)
 {
     for (const pid_t process : all_processes()) {
         if (doctor_process_if_daemon(process).has_value() &&
-            is_same_file(config_path_of(process), config_path)) {
+            control_is_same_file(config_path_of(process), config_path)) {
             return process;
         }
     }
@@ -143,7 +135,7 @@ bool doctor_process_has_other_accounts(pid_t process)
     constexpr char accounts[] = "/etc/passwd";
     struct stat theirs {};
     const std::string path = place_of(process, "root") + accounts;
-    return stat(path.c_str(), &theirs) == 0 && !is_same_file(path, accounts);
+    return stat(path.c_str(), &theirs) == 0 && !control_is_same_file(path, accounts);
 }
 
 std::optional<bool> doctor_process_has_port(pid_t process, std::uint16_t port, int kind)

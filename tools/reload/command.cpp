@@ -50,7 +50,7 @@ std::string other_file_problem(const velmctl_options &options, const reload_daem
         return "";
     }
     const auto &read = daemon.status->daemon.configuration_file;
-    if (reload_is_same_file(read.value_or(""), *options.config_path)) {
+    if (control_is_same_file(read.value_or(""), *options.config_path)) {
         return "";
     }
     return "the daemon reads " + (read ? velmctl_text_for_terminal(*read) : "no file") + ", not " +

@@ -1,10 +1,9 @@
 #include "tools/reload/daemon.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <thread>
 
+#include "request/status.h"
 #include "tools/control/document.h"
 #include "tools/control/exchange.h"
 #include "tools/control/place.h"
@@ -18,13 +17,11 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds question_limit{2000};
 constexpr milliseconds pause{50};
-constexpr int http_ok = 200;
-constexpr int http_busy = 503;
 
 bool is_busy(const velmctl_answer &answer)
 {
     return answer.result == control_result::timed_out || answer.result == control_result::ended ||
-           (answer.result == control_result::done && answer.status == http_busy);
+           (answer.result == control_result::done && answer.status == http_status_unavailable);
 }
 
 /// A daemon with all places taken is asked again until the limit.
@@ -57,8 +54,8 @@ std::optional<pid_t> pid_without_status(const velmctl_options &options)
 /// Another daemon may be at the default place: ours reads the file that is meant.
 bool reads_file_of(const velmctl_options &options, const control_status &status)
 {
-    return reload_is_same_file(status.daemon.configuration_file.value_or(""),
-                               options.config_path.value_or(control_default_config));
+    return control_is_same_file(status.daemon.configuration_file.value_or(""),
+                                options.config_path.value_or(control_default_config));
 }
 
 void take(reload_daemon &daemon, const std::string &path, reload_asked asked)
@@ -83,7 +80,7 @@ reload_asked reload_ask(const std::string &path)
         return {reload_answer::busy, std::nullopt};
     }
     std::string problem;
-    const bool is_good = answer.result == control_result::done && answer.status == http_ok;
+    const bool is_good = answer.result == control_result::done && answer.status == http_status_ok;
     const json_ptr document = is_good ? control_document_parse(answer.body, problem) : nullptr;
     if (document == nullptr) {
         return {};
@@ -109,12 +106,4 @@ reload_daemon reload_find(const velmctl_options &options)
         daemon.pid = pid_without_status(options);
     }
     return daemon;
-}
-
-bool reload_is_same_file(const std::string &one, const std::string &other)
-{
-    struct stat first {};
-    struct stat second {};
-    return one == other || (stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
-                            first.st_dev == second.st_dev && first.st_ino == second.st_ino);
 }

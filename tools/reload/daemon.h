@@ -36,6 +36,3 @@ struct reload_daemon {
 /// pid file. When control.sock has changed, a daemon that reads the same file may still be at the
 /// default place.
 [[nodiscard]] reload_daemon reload_find(const velmctl_options &options);
-
-/// True when both are one file, whatever each is called.
-[[nodiscard]] bool reload_is_same_file(const std::string &one, const std::string &other);
