@@ -70,6 +70,15 @@ void control_add_number(cJSON *object, const char *name, double number)
     REQUIRE_MEMORY(cJSON_AddNumberToObject(object, name, number), name);
 }
 
+void control_add_number_or_null(cJSON *object, const char *name, bool is_known, double number)
+{
+    if (is_known) {
+        control_add_number(object, name, number);
+    } else {
+        control_add_null(object, name);
+    }
+}
+
 void control_add_bool(cJSON *object, const char *name, bool value)
 {
     REQUIRE_MEMORY(cJSON_AddBoolToObject(object, name, value ? 1 : 0), name);

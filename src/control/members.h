@@ -20,6 +20,8 @@ void control_add_text(cJSON *object, const char *name, std::string_view text);
 void control_add_text_or_null(cJSON *object, const char *name, const char *text);
 
 void control_add_number(cJSON *object, const char *name, double number);
+/// Null for a number that is not known.
+void control_add_number_or_null(cJSON *object, const char *name, bool is_known, double number);
 void control_add_bool(cJSON *object, const char *name, bool value);
 void control_add_null(cJSON *object, const char *name);
 

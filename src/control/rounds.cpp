@@ -23,15 +23,6 @@ story_moment now()
     return std::chrono::duration_cast<milliseconds>(since).count();
 }
 
-void add_number_or_null(cJSON *object, const char *name, bool is_known, double number)
-{
-    if (is_known) {
-        control_add_number(object, name, number);
-    } else {
-        control_add_null(object, name);
-    }
-}
-
 json_ptr push_object(const story_push &push)
 {
     json_ptr object = control_object();
@@ -39,8 +30,8 @@ json_ptr push_object(const story_push &push)
     control_add_text(object.get(), "name", push.name);
     control_add_text(object.get(), "model", push.model);
     control_add_moment(object.get(), "at", push.at);
-    add_number_or_null(object.get(), "milliseconds", push.ended, push.milliseconds);
-    add_number_or_null(object.get(), "status", push.status > 0, push.status);
+    control_add_number_or_null(object.get(), "milliseconds", push.ended, push.milliseconds);
+    control_add_number_or_null(object.get(), "status", push.status > 0, push.status);
     control_add_text_or_null(object.get(), "error", or_null(push.error));
     return object;
 }
@@ -54,7 +45,7 @@ json_ptr visit_object(const story_visit &visit)
     control_add_address(object.get(), "address", visit.address);
     control_add_text_or_null(object.get(), "deviceId", or_null(visit.device_id));
     control_add_text_or_null(object.get(), "route", visit.route);
-    add_number_or_null(object.get(), "status", visit.status != 0, visit.status);
+    control_add_number_or_null(object.get(), "status", visit.status != 0, visit.status);
     control_add_bool(object.get(), "accepted", visit.check == nullptr);
     control_add_text_or_null(object.get(), "check", visit.check);
     control_add_text_or_null(object.get(), "why", visit.why);

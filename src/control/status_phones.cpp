@@ -11,15 +11,6 @@
 
 namespace {
 
-void add_number_or_null(cJSON *object, const char *name, bool is_known, double number)
-{
-    if (is_known) {
-        control_add_number(object, name, number);
-    } else {
-        control_add_null(object, name);
-    }
-}
-
 /// What was heard last of a paired phone, as far as it is remembered.
 struct last_contact {
     const story_push *push = nullptr;
@@ -72,8 +63,8 @@ void add_last_contact(cJSON *object, const last_contact &last)
 {
     const bool was_pushed = last.push != nullptr;
     control_add_moment(object, "lastPush", was_pushed ? last.push->at : 0);
-    add_number_or_null(object, "lastPushStatus", was_pushed && last.push->status > 0,
-                       was_pushed ? last.push->status : 0);
+    control_add_number_or_null(object, "lastPushStatus", was_pushed && last.push->status > 0,
+                               was_pushed ? last.push->status : 0);
     control_add_moment(object, "lastVisit", last.visit != nullptr ? last.visit->until : 0);
     if (last.visit != nullptr) {
         control_add_bool(object, "lastVisitAccepted", last.visit->check == nullptr);
@@ -107,7 +98,7 @@ void add_last_report(cJSON *document)
     control_add_moment(report, "at", at.count());
     control_add_text(report, "deviceId", last->device_id);
     control_add_text(report, "address", last->address);
-    add_number_or_null(report, "accuracyMeters", last->accuracy_m != 0, last->accuracy_m);
+    control_add_number_or_null(report, "accuracyMeters", last->accuracy_m != 0, last->accuracy_m);
 }
 
 } // namespace
