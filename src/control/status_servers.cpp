@@ -9,6 +9,7 @@
 #include "control/status_parts.h"
 #include "crypto/asn1_time.h"
 #include "cutils/interface_addresses.h"
+#include "cutils/moment.h"
 #include "handles/openssl.h"
 #include "http_server/connections.h"
 #include "ipc/places.h"
@@ -21,9 +22,6 @@
 #include "velm_ssdp_server.h"
 
 namespace {
-
-// A clock that shows less was never set: this program is younger.
-constexpr std::time_t program_is_younger = 1735689600; // 2025-01-01
 
 double number_of(metric which)
 {
@@ -130,7 +128,7 @@ void add_certificate(cJSON *document)
 const char *why_clock_is_wrong()
 {
     const std::time_t now = std::time(nullptr);
-    if (now < program_is_younger) {
+    if (!velm_clock_was_set(now)) {
         return "it shows a time before 2025, so it has not been set";
     }
     const X509 *const shown = velm_http_server_certificate();

@@ -16,3 +16,10 @@ struct velm_moment {
 /// long ago, since the clock was set back: nothing is held up for longer than the period.
 [[nodiscard]] bool velm_moment_is_within(const velm_moment &then,
                                          std::chrono::duration<double> period);
+
+/// False for a clock that shows a time before 2025: this program is younger, so nobody has set the clock.
+[[nodiscard]] constexpr bool velm_clock_was_set(std::time_t now)
+{
+    constexpr std::time_t begin_of_2025 = 1735689600;
+    return now >= begin_of_2025;
+}

@@ -4,14 +4,12 @@
 #include <string>
 
 #include "cutils/interface_addresses.h"
+#include "cutils/moment.h"
 #include "handles/malloc.h"
 #include "tools/doctor/checks.h"
 #include "tools/status/problems.h"
 
 namespace {
-
-// A clock that shows less was never set: this program is younger.
-constexpr std::time_t program_is_younger = 1735689600; // 2025-01-01
 
 /// A setting of our own, so that no other one changes.
 constexpr char nvram_probe[] = "zelkad_doctor";
@@ -42,7 +40,7 @@ control_status log_settings_of(const doctor_subject &subject)
 
 void doctor_check_clock(const doctor_subject &, doctor_report &report)
 {
-    if (std::time(nullptr) < program_is_younger) {
+    if (!velm_clock_was_set(std::time(nullptr))) {
         report.fail("clock: it shows a time before 2025, so it was never set",
                     "Set the clock, by NTP for example: certificates and tokens depend on it.");
     } else {

@@ -56,4 +56,11 @@ TEST_F(Moment, IsWithinNoLongerWhenTheClockIsSetBackALittle)
     EXPECT_FALSE(velm_moment_is_within(then, seconds{60}));
 }
 
+TEST(Clock, WasSetWhenItShowsTheYear2025OrLater)
+{
+    EXPECT_FALSE(velm_clock_was_set(0));
+    EXPECT_FALSE(velm_clock_was_set(1735689599));
+    EXPECT_TRUE(velm_clock_was_set(1735689600));
+}
+
 } // namespace
