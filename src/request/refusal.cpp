@@ -5,6 +5,7 @@
 
 #include "logger/common_logger.h"
 #include "request/input.h"
+#include "text/utf8.h"
 #include "velm_utils.h"
 
 namespace {
@@ -14,11 +15,6 @@ constexpr char log_category[] = "velm_http_server";
 /// Twice the length of the ids that the apps make.
 constexpr int shown_id_limit = 72;
 
-bool is_continuation(char byte)
-{
-    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-}
-
 /// How much of the text is shown: whole characters only.
 int shown_length(const char *text)
 {
@@ -26,7 +22,7 @@ int shown_length(const char *text)
     while (length < shown_id_limit && text[length] != '\0') {
         ++length;
     }
-    while (length > 0 && is_continuation(text[length])) {
+    while (length > 0 && utf8_is_continuation(text[length])) {
         --length;
     }
     return length;

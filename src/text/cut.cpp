@@ -2,14 +2,7 @@
 
 #include <cstring>
 
-namespace {
-
-bool is_continuation(char byte)
-{
-    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
-}
-
-} // namespace
+#include "text/utf8.h"
 
 void text_cut_to(char *field, std::size_t size, const char *text)
 {
@@ -19,7 +12,7 @@ void text_cut_to(char *field, std::size_t size, const char *text)
     }
     std::size_t length = strnlen(text, size);
     if (length == size) {
-        for (--length; length > 0 && is_continuation(text[length]); --length) {
+        for (--length; length > 0 && utf8_is_continuation(text[length]); --length) {
         }
     }
     std::memcpy(field, text, length);

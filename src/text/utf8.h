@@ -10,5 +10,11 @@
 
 [[nodiscard]] bool is_utf8(std::string_view text);
 
+/// True for a byte that continues a sequence: no text may be cut before it.
+[[nodiscard]] constexpr bool utf8_is_continuation(char byte)
+{
+    return (static_cast<unsigned char>(byte) & 0xc0) == 0x80;
+}
+
 /// The text with U+FFFD in the place of each byte that belongs to no UTF-8 sequence.
 [[nodiscard]] std::string utf8_mended(std::string_view text);

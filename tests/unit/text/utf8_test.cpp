@@ -94,4 +94,12 @@ TEST(Utf8Mended, ReplacesEachByteThatBelongsToNoCharacter)
     EXPECT_TRUE(is_utf8(utf8_mended("\xed\xa0\x80\xc0\x80")));
 }
 
+TEST(Utf8Text, ASequenceIsContinuedByBytesFrom80ToBf)
+{
+    for (unsigned byte = 0; byte < 0x100; ++byte) {
+        EXPECT_EQ(utf8_is_continuation(static_cast<char>(byte)), byte >= 0x80 && byte <= 0xbf)
+            << byte;
+    }
+}
+
 } // namespace
