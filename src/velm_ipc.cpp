@@ -22,6 +22,7 @@
 #include "logger/fatal.h"
 #include "metrics/metrics.h"
 #include "story/story.h"
+#include "text/or_empty.h"
 #include "velm_conn.h"
 #include "velm_ipc_cmd.h"
 
@@ -369,11 +370,6 @@ bool path_fits(const char *path)
     return false;
 }
 
-const char *or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
-
 } // namespace
 
 void velm_ipc_destroy(velm_ipc *server) noexcept
@@ -388,8 +384,8 @@ velm_ipc_ptr velm_ipc_create(event_base *base, const char *client_path, const ch
     }
     velm_ipc_ptr server{release_new<velm_ipc>()};
     server->base = base;
-    server->client_path = or_empty(client_path);
-    server->server_path = or_empty(server_path);
+    server->client_path = text_or_empty(client_path);
+    server->server_path = text_or_empty(server_path);
     if (!server->server_path.empty() && !server_listen(server.get())) {
         return nullptr;
     }

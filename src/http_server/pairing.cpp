@@ -13,6 +13,7 @@
 #include "logger/fatal.h"
 #include "request/input.h"
 #include "story/reason.h"
+#include "text/or_empty.h"
 #include "velm_attestation_engine.h"
 #include "velm_challenge_engine.h"
 #include "velm_nvram_pairings.h"
@@ -122,8 +123,7 @@ const cJSON *unpair_object(const cJSON *body)
 /// A member that may be left out counts as empty then.
 const char *optional_text(const cJSON *object, const char *name)
 {
-    const char *const text = velm_utils_get_field_value_from_json_object(object, name);
-    return text != nullptr ? text : "";
+    return text_or_empty(velm_utils_get_field_value_from_json_object(object, name));
 }
 
 bool optional_text_fits(const char *text, std::size_t limit)

@@ -55,12 +55,20 @@ bool aaguid_allowed(const ios_app_validator &iav, const aaguid &id)
     return id == production_aaguid || (iav.allow_develop != 0 && id == develop_aaguid);
 }
 
-std::optional<ios_attestation_obj> attestation_read(bytes_view attestation)
+std::optional<cbor_item_ptr> cbor_read(bytes_view bytes)
 {
-    const auto cbor = ios_app_cbor_decode(attestation);
+    auto cbor = ios_app_cbor_decode(bytes);
     if (!cbor.has_value()) {
         LOG_DEBUG("Cannot decode CBOR");
         story_reason_set("it is no CBOR");
+    }
+    return cbor;
+}
+
+std::optional<ios_attestation_obj> attestation_read(bytes_view attestation)
+{
+    const auto cbor = cbor_read(attestation);
+    if (!cbor.has_value()) {
         return std::nullopt;
     }
     auto object = ios_attestation_obj_create(cbor->get());
@@ -73,10 +81,8 @@ std::optional<ios_attestation_obj> attestation_read(bytes_view attestation)
 
 std::optional<ios_assertion_obj> assertion_read(bytes_view assertion)
 {
-    const auto cbor = ios_app_cbor_decode(assertion);
+    const auto cbor = cbor_read(assertion);
     if (!cbor.has_value()) {
-        LOG_DEBUG("Cannot decode CBOR");
-        story_reason_set("it is no CBOR");
         return std::nullopt;
     }
     auto object = ios_assertion_obj_create(cbor->get());
