@@ -5,18 +5,17 @@
 #include <velm/location_policy.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "cutils/resting_listener.h"
 #include "handles/argument.h"
 #include "handles/libevent.h"
+#include "ipc/listener.h"
+#include "ipc/open_requests.h"
 #include "ipc/places.h"
 #include "ipc/socket.h"
 #include "logger/fatal.h"
@@ -27,13 +26,6 @@
 #include "velm_ipc_cmd.h"
 
 namespace {
-
-struct outstanding_request {
-    velm_conn *conn; // removed together with the request
-    std::uint32_t seq;
-    std::uint32_t id; // the client's
-    std::time_t deadline;
-};
 
 struct connection {
     velm_conn_ptr conn;
@@ -51,14 +43,12 @@ enum class timer_state { rests, until_next_tick, until_oldest_request };
 struct velm_ipc {
     event_base *base = nullptr;
     std::string client_path;
-    std::string server_path;
-    evconnlistener_ptr listener;
-    resting_listener listener_rest;
+    velm_ipc_listener listener;
     event_ptr timer; // for the next tick that has something to do: nobody else wakes the process
     timer_state timer_waits = timer_state::rests;
     std::vector<connection> connections;
-    velm_conn *client = nullptr;               // the one of the connections that we made ourselves
-    std::vector<outstanding_request> requests; // in the order in which they came
+    velm_conn *client = nullptr; // the one of the connections that we made ourselves
+    velm_ipc_open_requests requests;
     std::uint64_t heard = 0;
     std::uint32_t request_seq = 0;
     std::uint32_t report_seq = 0;
@@ -71,7 +61,6 @@ namespace {
 
 constexpr char log_category[] = "IPC";
 constexpr timeval tick_interval{1, 0};
-constexpr timeval listener_pause_time{0, 200000};
 // The clock on the wall, by which requests wait, may be set forward: it is looked at this often.
 constexpr std::time_t longest_sleep_s = 3;
 
@@ -83,25 +72,19 @@ connection *connection_of(velm_ipc *server, const velm_conn *conn)
                           [conn](const connection &one) { return one.conn.get() == conn; });
 }
 
-void request_add(velm_ipc *server, const outstanding_request &request)
+void request_add(velm_ipc *server, const velm_ipc_open_request &request)
 {
-    server->requests.push_back(request);
+    server->requests.add(request);
     ++connection_of(server, request.conn)->requests;
 }
 
-/// None when it is not there. Most are taken back as soon as they have come, so the last is looked
-/// at first.
-std::optional<outstanding_request> request_take(velm_ipc *server, std::uint32_t seq)
+/// None when it is not there.
+std::optional<velm_ipc_open_request> request_take(velm_ipc *server, std::uint32_t seq)
 {
-    const auto found =
-        std::find_if(server->requests.rbegin(), server->requests.rend(),
-                     [seq](const outstanding_request &request) { return request.seq == seq; });
-    if (found == server->requests.rend()) {
-        return std::nullopt;
+    const auto request = server->requests.take(seq);
+    if (request) {
+        --connection_of(server, request->conn)->requests;
     }
-    const outstanding_request request = *found;
-    server->requests.erase(std::next(found).base());
-    --connection_of(server, request.conn)->requests;
     return request;
 }
 
@@ -111,12 +94,6 @@ bool wants_to_connect(const velm_ipc *server)
     return !server->client_path.empty() && !connected;
 }
 
-/// Also when the clock stepped back behind the request's arrival: it may have waited for long.
-bool has_waited_too_long(const outstanding_request &request, std::time_t now)
-{
-    return now > request.deadline || request.deadline > now + velm_ipc_cmd_request_lifetime_s;
-}
-
 timer_state timer_wanted(const velm_ipc *server)
 {
     if (wants_to_connect(server) ||
@@ -124,7 +101,8 @@ timer_state timer_wanted(const velm_ipc *server)
                     [](const connection &one) { return velm_conn_is_closed(one.conn.get()); })) {
         return timer_state::until_next_tick;
     }
-    return server->requests.empty() ? timer_state::rests : timer_state::until_oldest_request;
+    return server->requests.first_deadline().has_value() ? timer_state::until_oldest_request
+                                                         : timer_state::rests;
 }
 
 timeval timer_delay(const velm_ipc *server, timer_state wanted)
@@ -132,7 +110,8 @@ timeval timer_delay(const velm_ipc *server, timer_state wanted)
     if (wanted == timer_state::until_next_tick) {
         return tick_interval;
     }
-    const std::time_t left = server->requests.front().deadline - std::time(nullptr);
+    const std::time_t now = std::time(nullptr);
+    const std::time_t left = server->requests.first_deadline().value_or(now) - now;
     // Who has its report waits for nothing more, though the request is kept until its time is over.
     const std::time_t longest =
         server->has_reported ? velm_ipc_cmd_request_lifetime_s + 1 : longest_sleep_s;
@@ -213,26 +192,10 @@ velm_conn *connection_add(velm_ipc *server, unique_fd socket, const ucred &peer)
     return server->connections.back().conn.get();
 }
 
-/// A peer that the kernel does not tell counts as root's.
-ucred peer_of(int socket)
-{
-    ucred peer{};
-    socklen_t size = sizeof peer;
-    if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        return {};
-    }
-    return peer;
-}
-
 void closed_connections_remove(velm_ipc *server)
 {
-    std::erase_if(server->requests, [](const outstanding_request &request) {
-        const bool is_gone = velm_conn_is_closed(request.conn);
-        if (is_gone) {
-            story_client_gone(request.seq);
-        }
-        return is_gone;
-    });
+    server->requests.remove_of_closed(
+        [](const velm_ipc_open_request &request) { story_client_gone(request.seq); });
     if (server->client != nullptr && velm_conn_is_closed(server->client)) {
         server->client = nullptr;
     }
@@ -269,49 +232,13 @@ void make_room(const char *caller, velm_ipc *server)
     }
 }
 
-void accept_cb(evconnlistener *, evutil_socket_t fd, sockaddr *address, int, void *context) noexcept
+void accept_cb(void *context, unique_fd socket, const ucred &peer)
 {
-    unique_fd socket{fd};
-    LOG_TRACE("Accept new connection...");
-    if (address->sa_family != AF_UNIX) {
-        LOG_ERROR("Invalid protocol");
-        return;
-    }
-    const ucred peer = peer_of(fd);
-    LOG_DEBUG("%s - pid: %d uid: %u gid: %u", __func__, peer.pid, peer.uid, peer.gid);
     auto *const server = static_cast<velm_ipc *>(context);
     make_room(__func__, server);
     if (connection_add(server, std::move(socket), peer) != nullptr) {
         LOG_INFO("Connection accepted");
     }
-}
-
-void listener_error_cb(evconnlistener *, void *context) noexcept
-{
-    LOG_ERROR("Listener error");
-    static_cast<velm_ipc *>(context)->listener_rest.rest(listener_pause_time);
-}
-
-bool server_listen(velm_ipc *server)
-{
-    unique_fd socket = velm_ipc_socket_listen(server->server_path.c_str());
-    if (!socket) {
-        const int error = errno;
-        LOG_ERROR("Cannot create listener");
-        LOG_ERROR("%s - %s: %s", __func__, server->server_path.c_str(), std::strerror(error));
-        return false;
-    }
-    server->listener.reset(evconnlistener_new(server->base, accept_cb, server,
-                                              LEV_OPT_CLOSE_ON_FREE | LEV_OPT_CLOSE_ON_EXEC, 0,
-                                              socket.get()));
-    if (server->listener == nullptr) {
-        LOG_ERROR("Cannot create listener");
-        return false;
-    }
-    (void)socket.release(); // the listener closes it
-    server->listener_rest.watch(server->listener.get());
-    evconnlistener_set_error_cb(server->listener.get(), listener_error_cb);
-    return true;
 }
 
 void client_reconnect(velm_ipc *server)
@@ -329,22 +256,12 @@ void client_reconnect(velm_ipc *server)
     }
 }
 
-void orphaned_requests_remove(velm_ipc *server)
+void orphaned_request_forget(const velm_ipc_open_request &request)
 {
-    const std::time_t now = std::time(nullptr);
-    std::erase_if(server->requests, [now, server](const outstanding_request &request) {
-        if (!has_waited_too_long(request, now)) {
-            return false;
-        }
-        // Our number first, the client's second, whatever the words say: the line is read so.
-        LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
-        --connection_of(server, request.conn)->requests;
-        story_request_dropped(request.seq);
-        return true;
-    });
-    if (server->requests.empty()) {
-        server->requests.shrink_to_fit(); // a flood leaves nothing behind
-    }
+    // Our number first, the client's second, whatever the words say: the line is read so.
+    LOG_TRACE("Removing orphaned request id=%u seq=%u", request.seq, request.id);
+    --connection_of(velm_conn_server(request.conn), request.conn)->requests;
+    story_request_dropped(request.seq);
 }
 
 void timer_cb(evutil_socket_t, short, void *context) noexcept
@@ -385,8 +302,8 @@ velm_ipc_ptr velm_ipc_create(event_base *base, const char *client_path, const ch
     velm_ipc_ptr server{release_new<velm_ipc>()};
     server->base = base;
     server->client_path = text_or_empty(client_path);
-    server->server_path = text_or_empty(server_path);
-    if (!server->server_path.empty() && !server_listen(server.get())) {
+    if (*text_or_empty(server_path) != '\0' &&
+        !server->listener.server_listen(base, server_path, accept_cb, server.get())) {
         return nullptr;
     }
     timer_make(server.get());
@@ -456,7 +373,7 @@ void velm_ipc_tick(velm_ipc *server)
 {
     client_reconnect(server);
     closed_connections_remove(server);
-    orphaned_requests_remove(server);
+    server->requests.remove_late(std::time(nullptr), orphaned_request_forget);
     story_close_expired();
     timer_adjust(server);
 }
