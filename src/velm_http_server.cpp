@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -74,21 +73,22 @@ bool init_tls(evhtp_t *http_server_instance, evhtp_ssl_cfg_t *http_server_ssl_co
                            SSL_CTX_check_private_key(http_server_instance->ssl_ctx) == 1;
     if (!can_serve) {
         const openssl_error error = openssl_last_error();
-        LOG_ERROR("%s - cannot use %s with %s: %s", __func__, http_server_ssl_config->pemfile,
-                  http_server_ssl_config->privfile,
-                  error.code != 0 ? error.text.c_str() : "no reason given");
+        LOG_REASON(LOG_LEVEL_ERROR, "%s - cannot use %s with %s: %s", __func__,
+                   http_server_ssl_config->pemfile, http_server_ssl_config->privfile,
+                   error.code != 0 ? error.text.c_str() : "no reason given");
     }
     ERR_clear_error();
     return can_serve;
 }
 
-/// evhtp_bind_socket takes text that is no address for one. False, and errno, when it failed.
+/// evhtp_bind_socket takes text that is no address for one. False, and errno, when it failed: with
+/// EADDRNOTAVAIL the address may come, anything else ends the process.
 bool bind_socket(evhtp_t *http_server_instance)
 {
     const std::string address = velm_config_lan_ip_address(state.config);
     in_addr checked{};
     if (inet_pton(AF_INET, address.c_str(), &checked) != 1) {
-        LOG_ERROR("%s - no IPv4 address: %s", __func__, address.c_str());
+        LOG_REASON(LOG_LEVEL_ERROR, "%s - no IPv4 address: %s", __func__, address.c_str());
         errno = EINVAL;
         return false;
     }
@@ -97,20 +97,17 @@ bool bind_socket(evhtp_t *http_server_instance)
                           HTTP_SERVER_MAX_CONNS) >= 0;
     const int error = errno;
     if (!is_bound && error != EADDRNOTAVAIL) {
-        LOG_ERROR("%s - %s:%u: %s", __func__, address.c_str(),
-                  unsigned{state.config->http_server_port}, std::strerror(error));
+        LOG_REASON(LOG_LEVEL_ERROR, "%s - %s:%u: %s", __func__, address.c_str(),
+                   unsigned{state.config->http_server_port}, std::strerror(error));
     }
     errno = error;
     return is_bound;
 }
 
-void say_bind_failed()
-{
-    LOG_ERROR("%s: call failed: %s result: %i loc: %s:%i", "http_server_start",
-              "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
-              "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)",
-              library_failure, __FILE__, __LINE__);
-}
+constexpr char start_name[] = "http_server_start"; // its steps log in its name
+constexpr char bind_call[] =
+    "evhtp_bind_socket( http_server_instance, velm_config->lan_ip_address, "
+    "velm_config->http_server_port, HTTP_SERVER_MAX_CONNS)";
 
 void bind_again(evutil_socket_t, short, void *) noexcept;
 
@@ -119,7 +116,8 @@ void bind_again(evutil_socket_t, short, void *) noexcept;
 void wait_for_address()
 {
     if (!state.address_wait.is_waiting()) {
-        say_bind_failed();
+        LOG_ERROR("%s: call failed: %s result: %i loc: %s:%i", start_name, bind_call,
+                  library_failure, __FILE__, __LINE__);
         const std::string address = velm_config_lan_ip_address(state.config);
         LOG_INFO("%s - until an interface has %s", __func__, address.c_str());
         process_notify_status("Waits for the LAN address %s; serves local clients",
@@ -148,8 +146,11 @@ void bind_or_wait()
     } else if (errno == EADDRNOTAVAIL) {
         wait_for_address();
     } else {
-        say_bind_failed();
-        std::abort();
+        process_notify_status("Ended: cannot listen at %s:%u",
+                              velm_config_lan_ip_address(state.config).c_str(),
+                              unsigned{state.config->http_server_port});
+        FATAL("%s: call failed: %s result: %i loc: %s:%i", start_name, bind_call, library_failure,
+              __FILE__, __LINE__);
     }
 }
 

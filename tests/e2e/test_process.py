@@ -2,17 +2,21 @@
 
 from __future__ import annotations
 
+import contextlib
 import fcntl
 import json
 import os
 import signal
+import socket
 import stat
 import struct
+from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 from velm_sim.access_point import AccessPoint
 from velm_sim.daemon import Daemon, DaemonError, wait_until
+from velm_sim.namespaces import Network
 
 
 def output(access_point: AccessPoint) -> str:
@@ -67,6 +71,43 @@ def test_a_fatal_line_that_no_log_has_goes_to_standard_error(
     cold_access_point.prepare(daemonize=daemonize).start()
     wait_until(lambda: "evhtp_ssl_init" in output(cold_access_point), 10, "nothing is said")
     assert " ERROR velm_http_server - http_server_start: call failed: " in output(cold_access_point)
+
+
+@contextlib.contextmanager
+def taken(access_point: AccessPoint, port: int) -> Iterator[None]:
+    """A port of the LAN address at which another program listens."""
+    with access_point.network.ap.socket() as other:
+        other.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        other.bind((Network.AP_ADDRESS, port))
+        other.listen(1)
+        yield
+
+
+def says_that_it_cannot_listen(access_point: AccessPoint, port: int) -> bool:
+    said = output(access_point)
+    why = f"bind_socket - {Network.AP_ADDRESS}:{port}: Address already in use\n"
+    return why in said and "call failed: evhtp_bind_socket( http_server_instance, " in said
+
+
+def test_standard_error_says_why_a_port_in_use_ends_it(cold_access_point: AccessPoint) -> None:
+    without_a_log(cold_access_point)
+    with taken(cold_access_point, cold_access_point.port):
+        assert ended(cold_access_point.prepare()) == -signal.SIGABRT
+    assert says_that_it_cannot_listen(cold_access_point, cold_access_point.port)
+
+
+def test_standard_error_says_why_a_new_port_in_use_ends_a_reload(
+    cold_access_point: AccessPoint,
+) -> None:
+    without_a_log(cold_access_point)
+    daemon = cold_access_point.prepare()
+    daemon.start()
+    daemon.wait_until_serving()
+    with taken(cold_access_point, 8444):
+        cold_access_point.configure({"http.server.port": "8444"})
+        daemon.kill(signal.SIGHUP)
+        assert daemon.process and daemon.process.wait(timeout=20) == -signal.SIGABRT
+    assert says_that_it_cannot_listen(cold_access_point, 8444)
 
 
 def test_a_fatal_line_that_a_log_has_does_not_go_to_standard_error(

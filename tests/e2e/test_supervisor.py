@@ -147,6 +147,22 @@ def test_a_daemon_that_nvram_switched_off_was_no_failure(
     assert daemon.process and daemon.process.wait(timeout=10) == 0
 
 
+def test_an_address_at_which_it_cannot_listen_is_told(
+    cold_access_point: AccessPoint, supervisor: Supervisor
+) -> None:
+    assert cold_access_point.nvram("unset", "lan0_ifnames").returncode == 0
+    file = str(cold_access_point.configuration_file)
+    cold_access_point.configure({})
+    daemon = cold_access_point.prepare(
+        arguments=["-c", file, "-i", "no address"], environment=supervisor.environment
+    )
+    daemon.start()
+    told = supervisor.wait("STATUS")
+    assert told == {"STATUS": "Ended: cannot listen at no address:8443"}
+    assert daemon.process and daemon.process.wait(timeout=10) == -signal.SIGABRT
+    assert supervisor.nothing_waits(), "it was never ready"
+
+
 def test_the_reason_of_an_end_is_told(
     cold_access_point: AccessPoint, supervisor: Supervisor
 ) -> None:

@@ -19,6 +19,7 @@
 #include "http_server/connections.h"
 #include "http_server/routes.h"
 #include "request/paths.h"
+#include "logger/common_logger.h"
 #include "velm_challenge_engine.h"
 #include "velm_request_preprocessor.h"
 
@@ -207,6 +208,15 @@ class HttpServer : public testing::Test {
     }
 
     static inline event_base *const loop = event_base_new();
+    /// Where another server listens than the one that a start would stop.
+    void start_at_a_port_in_use()
+    {
+        const evhtp_ptr other{evhtp_new(loop, nullptr)};
+        config.http_server_port = free_port();
+        evhtp_bind_socket(other.get(), "127.0.0.1", config.http_server_port, 1);
+        http_server_start();
+    }
+
     static inline tls_identity identity;
     captured_log log;
     velm_config config{};
@@ -855,15 +865,38 @@ TEST_F(WaitingForItsAddress, AnotherFailureThenEndsTheDaemon)
 TEST_F(HttpServer, APortInUseEndsTheDaemon)
 {
     start();
-    EXPECT_DEATH(
-        {
-            // Another server than the one that a start would stop.
-            const evhtp_ptr other{evhtp_new(loop, nullptr)};
-            config.http_server_port = free_port();
-            evhtp_bind_socket(other.get(), "127.0.0.1", config.http_server_port, 1);
-            http_server_start();
-        },
-        bind_failed);
+    EXPECT_DEATH(start_at_a_port_in_use(), bind_failed);
+}
+
+/// Standard error has the reason and then the fatal line.
+class EndsWithTheLogOff : public HttpServer {
+  protected:
+    EndsWithTheLogOff()
+    {
+        common_logger_set("enabled", "no");
+    }
+};
+
+TEST_F(EndsWithTheLogOff, AtAPortInUseAndSaysWhy)
+{
+    EXPECT_DEATH(start_at_a_port_in_use(),
+                 "bind_socket - 127\\.0\\.0\\.1:[0-9]+: Address already in use\n.*" +
+                     string{bind_failed});
+}
+
+TEST_F(EndsWithTheLogOff, AtNoAddressAndSaysWhy)
+{
+    stand_in.address = "nonsense";
+    EXPECT_DEATH(http_server_start(),
+                 "bind_socket - no IPv4 address: nonsense\n.*" + string{bind_failed});
+}
+
+TEST_F(EndsWithTheLogOff, WithoutACertificateAndSaysWhich)
+{
+    velm_config_text(config.http_server_cert_path, "/nonexistent.pem");
+    velm_http_server_init(&config);
+    EXPECT_DEATH(http_server_start(), "init_tls - cannot use /nonexistent\\.pem with .*: .*\n.*" +
+                                          string{ssl_init_failed});
 }
 
 } // namespace
