@@ -216,6 +216,7 @@ void process_notify_reloading()
 
 void process_notify_ready()
 {
+    state.retry.reset(); // readiness that is told now would be taken for the end of the reload
     if (state.socket && !state.is_ready) {
         state.is_ready = true;
         state.retries = 0;

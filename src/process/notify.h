@@ -20,7 +20,7 @@ void process_notify_set_event_base(event_base *base);
 /// the last one. Control characters become "?", so that nothing can add a line to the message.
 [[gnu::format(printf, 1, 2)]] void process_notify_status(const char *format, ...);
 
-/// A reload has begun.
+/// A reload has begun. Readiness that the supervisor has not taken yet is not told any more.
 void process_notify_reloading();
 
 /// All servers have started, or a reload has ended: "READY=1" with the pid and the status. Says so once

@@ -82,6 +82,14 @@ class Notify : public testing::Test {
         }
         return messages;
     }
+    /// Sends statuses until the kernel takes no more of them: "0" to "1999".
+    static void fill_supervisor()
+    {
+        const int kernel_buffer_messages = 2000; // the kernel queues far fewer
+        for (int i = 0; i < kernel_buffer_messages; ++i) {
+            process_notify_status("%d", i);
+        }
+    }
     [[nodiscard]] bool has_timer() const
     {
         return event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED) > 0;
@@ -230,15 +238,26 @@ TEST_F(Notify, AFullSupervisorNeverBlocksAndIsToldReadinessAgain)
 {
     process_notify_begin();
     process_notify_set_event_base(base.get());
-    const int kernel_buffer_messages = 2000; // the kernel queues far fewer
-    for (int i = 0; i < kernel_buffer_messages; ++i) {
-        process_notify_status("%d", i);
-    }
+    fill_supervisor();
     process_notify_ready();
     EXPECT_TRUE(has_timer());
     EXPECT_LT(told().size(), 2000U);
     EXPECT_THAT(turn_until_told(), ElementsAre(ready_of_this + "1999"));
     EXPECT_FALSE(has_timer());
+}
+
+TEST_F(Notify, AReloadThatBeginsTakesBackTheReadinessThatWaits)
+{
+    process_notify_begin();
+    process_notify_set_event_base(base.get());
+    fill_supervisor();
+    process_notify_ready();
+    ASSERT_TRUE(has_timer());
+    process_notify_reloading();
+    EXPECT_FALSE(has_timer()) << "the reload would look finished";
+    EXPECT_LT(told().size(), 2000U);
+    process_notify_ready();
+    EXPECT_THAT(told(), ElementsAre(ready_of_this + "1999"));
 }
 
 TEST_F(Notify, TheWatchdogIsFedFromTheLoop)
