@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,9 @@ namespace {
 
 constexpr char log_category[] = "main";
 constexpr std::size_t status_size = 200;
-constexpr long interval_min_us = 1000; // a supervisor that wants more would get nothing else
+/// A supervisor that wants messages more often would get nothing else.
+constexpr std::int64_t interval_min_us = 1000;
+constexpr std::int64_t interval_max_us = 86'400'000'000; // a day; its seconds fit any time_t
 constexpr timeval retry_delay{0, 100'000};
 constexpr int retries_max = 50;
 
@@ -33,8 +36,8 @@ struct module_state {
     unique_fd socket; // none: nobody wants to be told
     sockaddr_un address{};
     socklen_t address_length = 0;
-    long watchdog_us = 0; // 0: no watchdog
-    long watchdog_pid = 0;
+    std::int64_t watchdog_us = 0; // 0: no watchdog
+    std::int64_t watchdog_pid = 0;
     event_base *base = nullptr;
     event_ptr watchdog;
     event_ptr retry;
@@ -54,9 +57,9 @@ std::string take_variable(const char *name)
 }
 
 /// 0 for what is no number.
-long number_of(std::string_view text)
+std::int64_t number_of(std::string_view text)
 {
-    long number = 0;
+    std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     return error == std::errc{} && end == text.data() + text.size() ? number : 0;
 }
@@ -175,8 +178,10 @@ void process_notify_set_event_base(event_base *base)
     }
     state.watchdog.reset(event_new(base, -1, EV_PERSIST, on_watchdog, nullptr));
     REQUIRE_MEMORY(state.watchdog, "watchdog");
-    const long interval_us = std::max(state.watchdog_us / 2, interval_min_us);
-    const timeval interval{interval_us / 1'000'000, interval_us % 1'000'000};
+    const std::int64_t interval_us =
+        std::clamp(state.watchdog_us / 2, interval_min_us, interval_max_us);
+    const timeval interval{static_cast<time_t>(interval_us / 1'000'000),
+                           static_cast<suseconds_t>(interval_us % 1'000'000)};
     const int rc = evtimer_add(state.watchdog.get(), &interval);
     REQUIRE_CALL(rc == 0, "evtimer_add(watchdog, &interval)", rc);
 }
@@ -211,12 +216,12 @@ void process_notify_reloading()
     std::snprintf(message, sizeof message, "RELOADING=1\nMONOTONIC_USEC=%lld",
                   static_cast<long long>(now.tv_sec) * 1'000'000 + now.tv_nsec / 1000);
     state.is_ready = false;
+    state.retry.reset(); // readiness that is told now would be taken for the end of the reload
     send_message(message);
 }
 
 void process_notify_ready()
 {
-    state.retry.reset(); // readiness that is told now would be taken for the end of the reload
     if (state.socket && !state.is_ready) {
         state.is_ready = true;
         state.retries = 0;
