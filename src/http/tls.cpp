@@ -68,12 +68,14 @@ loaded_context load_context(const char *ca_file)
     return {ca_file != nullptr ? ca_file : "", std::move(context), ERR_get_error()};
 }
 
-/// What was prepared serves once, and only for the file that it was prepared for.
+/// What was prepared serves once, and only for the file that it was prepared for. A file that could not
+/// be used then may be whole now.
 loaded_context take_context(const char *ca_file)
 {
     std::optional<loaded_context> prepared = std::exchange(state.prepared, std::nullopt);
-    return prepared && ca_file != nullptr && prepared->ca_file == ca_file ? *std::move(prepared)
-                                                                          : load_context(ca_file);
+    const bool serves = prepared && prepared->context != nullptr && ca_file != nullptr &&
+                        prepared->ca_file == ca_file;
+    return serves ? *std::move(prepared) : load_context(ca_file);
 }
 
 subject_text subject_of(X509 *cert)

@@ -571,6 +571,16 @@ TEST_F(HttpClientTls, SetUpOfAFileThatPreparingCouldNotUseFailsWithItsError)
     EXPECT_FALSE(http_client_tls_is_set_up());
 }
 
+TEST_F(HttpClientTls, SetUpReadsAFileAgainThatPreparingCouldNotUse)
+{
+    write_file("late.pem", "half a file\n");
+    http_client_prepare_ssl(path("late.pem").c_str());
+    std::filesystem::copy_file(path("ca.pem"), path("late.pem"),
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(http_client_setup_ssl(path("late.pem").c_str()), 0);
+    EXPECT_FALSE(log.contains("SSL ERROR"));
+}
+
 TEST_F(HttpClientTls, SetUpOfAnotherFileThanThePreparedOneReadsThatFile)
 {
     http_client_prepare_ssl(path("ca.pem").c_str());
