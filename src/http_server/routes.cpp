@@ -7,6 +7,7 @@
 #include "http_server/connections.h"
 #include "http_server/log.h"
 #include "http_server/pause.h"
+#include "http_server/refusals.h"
 #include "http_server/visits.h"
 #include "logger/fatal.h"
 #include "request/input.h"
@@ -129,7 +130,9 @@ void http_method_default(evhtp_request_t *req, void *) noexcept
     } else if (is_path(req, route_pairings)) {
         begin_route(req, route_pairings);
     } else {
-        LOG_WARN("%s - unknown path", __func__);
+        if (http_refusals_tell(request_peer_address(req).value_or(in_addr{}).s_addr)) {
+            LOG_WARN("%s - unknown path", __func__);
+        }
         http_visit_tell(req, {.status = http_status_not_found,
                               .check = story_path,
                               .why = "no route has this path",

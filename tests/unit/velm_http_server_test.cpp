@@ -17,9 +17,10 @@
 #include "fakes/https_client.h"
 #include "handles/evhtp.h"
 #include "http_server/connections.h"
+#include "http_server/refusals.h"
 #include "http_server/routes.h"
-#include "request/paths.h"
 #include "logger/common_logger.h"
+#include "request/paths.h"
 #include "velm_challenge_engine.h"
 #include "velm_request_preprocessor.h"
 
@@ -207,7 +208,6 @@ class HttpServer : public testing::Test {
         return connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
     }
 
-    static inline event_base *const loop = event_base_new();
     /// Where another server listens than the one that a start would stop.
     void start_at_a_port_in_use()
     {
@@ -217,6 +217,7 @@ class HttpServer : public testing::Test {
         http_server_start();
     }
 
+    static inline event_base *const loop = event_base_new();
     static inline tls_identity identity;
     captured_log log;
     velm_config config{};
@@ -292,18 +293,16 @@ TEST_F(HttpServer, RequestsThatComeTogetherAreAnsweredOneALoopTurn)
     const auto peer = connected();
     string many;
     for (int i = 0; i < 800; ++i) {
-        many += "GET /x HTTP/1.1\r\n\r\n";
+        many += "GET /pair HTTP/1.1\r\n\r\n";
     }
     peer->send(many);
-    const auto answered = [this] {
-        return log.count("WARN velm_http_server - http_method_default - unknown path");
-    };
+    const auto answered = [] { return stand_in.bodies_parsed; };
     for (int before = answered(); before < 800; before = answered()) {
         event_base_loop(loop, EVLOOP_ONCE);
         ASSERT_LE(answered() - before, 2);
     }
     for (int i = 0; i < 800; ++i) {
-        ASSERT_EQ(peer->receive().status, 404) << i;
+        ASSERT_EQ(peer->receive().status, 400) << i;
     }
 }
 
@@ -335,6 +334,17 @@ INSTANTIATE_TEST_SUITE_P(Paths, OtherPath,
                                          "/slowly/../info", "//info", "/Info", "/%69nfo",
                                          "/challengeX", "/unpair/x", "/location/../pair",
                                          "/locationlocation", "http://ap"));
+
+TEST_F(HttpServer, UnknownPathsAreAllAnsweredAndTheirLinesAreLimited)
+{
+    start();
+    const auto peer = connected();
+    constexpr int limit = http_refusals_of_address;
+    for (int i = 0; i < limit + 20; ++i) {
+        ASSERT_EQ(peer->ask(request_to("/nowhere")).status, 404) << i;
+    }
+    EXPECT_EQ(log.count("WARN velm_http_server - http_method_default - unknown path"), limit);
+}
 
 TEST_F(HttpServer, TheQueryIsNoPartOfThePath)
 {
