@@ -34,14 +34,23 @@ mode_t narrow(const char *path)
     return file_mode_narrow(file.get(), pid_file_mode);
 }
 
+/// Whoever may write into the folder could have the file of anybody emptied by a link.
+int flags_for_link(const char *path)
+{
+    struct stat found {};
+    const bool is_trusted = lstat(path, &found) == 0 && S_ISLNK(found.st_mode) &&
+                            (found.st_uid == 0 || found.st_uid == geteuid());
+    return is_trusted ? 0 : O_NOFOLLOW;
+}
+
 } // namespace
 
 velm_pid_file velm_pid_file_claim(const char *path)
 {
     const std::string absolute = *path == '/' ? path : std::string{"/"} + path;
     // Without waiting, since a FIFO opens when it has a reader.
-    unique_fd file{open(absolute.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-                        pid_file_mode)};
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    unique_fd file{open(absolute.c_str(), flags | flags_for_link(absolute.c_str()), pid_file_mode)};
     struct stat found {};
     if (!file || fstat(file.get(), &found) != 0) {
         return {};

@@ -18,7 +18,8 @@ struct velm_pid_file {
 
 /// Opens and locks the file, and empties it: its pid is nobody's now. A file that another process holds
 /// stays as it is. The mode of a file that is taken over is narrowed to at most 0644. A relative path counts
-/// from "/". A file that is not regular is not locked, nor is a file of a file system without locks.
+/// from "/". A symbolic link there is followed only if it belongs to root or to the user of this process. A
+/// file that is not regular is not locked, nor is a file of a file system without locks.
 [[nodiscard]] velm_pid_file velm_pid_file_claim(const char *path);
 
 /// Writes the pid of this process. False when that fails.

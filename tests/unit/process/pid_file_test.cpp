@@ -102,6 +102,47 @@ TEST_F(PidFile, OfARelativePathLiesBelowTheRoot)
     EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+/// A link to a file with a text, which belongs to that user.
+class PidFileLink : public PidFile {
+  protected:
+    void make_link(uid_t owner)
+    {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root makes a link of another user";
+        }
+        directory.write("target", "text\n");
+        std::filesystem::create_symlink(directory.path("target"), path);
+        ASSERT_EQ(lchown(path.c_str(), owner, 0), 0);
+    }
+};
+
+TEST_F(PidFileLink, OfRootIsFollowed)
+{
+    make_link(0);
+    const velm_pid_file claimed = velm_pid_file_claim(path.c_str());
+    ASSERT_TRUE(claimed.file);
+    EXPECT_TRUE(velm_pid_file_write(claimed));
+    EXPECT_EQ(directory.read("target"), own);
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+}
+
+TEST_F(PidFileLink, OfAnotherUserIsNotFollowed)
+{
+    make_link(65534);
+    const velm_pid_file claimed = velm_pid_file_claim(path.c_str());
+    EXPECT_FALSE(claimed.file);
+    EXPECT_FALSE(claimed.is_held_by_other);
+    EXPECT_EQ(directory.read("target"), "text\n");
+}
+
+TEST_F(PidFileLink, OfAnotherUserToNothingMakesNothing)
+{
+    make_link(65534);
+    std::filesystem::remove(directory.path("target"));
+    EXPECT_FALSE(velm_pid_file_claim(path.c_str()).file);
+    EXPECT_FALSE(std::filesystem::exists(directory.path("target")));
+}
+
 TEST_F(PidFile, ThatIsADeviceServesAnyNumberOfDaemons)
 {
     const velm_pid_file first = velm_pid_file_claim("/dev/null");
