@@ -20,6 +20,7 @@ namespace {
 constexpr char log_category[] = "launch";
 constexpr std::size_t chunk_size = 1024;
 constexpr std::size_t output_max = std::size_t{1024} * 1024; // nothing that we run prints a page
+constexpr useconds_t wait_step_us = 100;
 constexpr char shell_path[] = "/bin/sh";
 
 /// What a child gets in place of ours: its standard output, a process group that can be ended whole,
@@ -133,9 +134,18 @@ bool common_launch_process::read_to_end()
     return error_ == 0;
 }
 
+/// A shell ends within microseconds of its output, or much later if it has closed its output itself.
 std::optional<int> common_launch_process::wait()
 {
     int status = 0;
-    const pid_t ended = waitpid(std::exchange(shell_, 0), &status, 0);
+    pid_t ended = 0;
+    while ((ended = waitpid(shell_, &status, WNOHANG)) == 0) {
+        if (std::chrono::steady_clock::now() >= end_) {
+            errno = ETIMEDOUT;
+            return std::nullopt; // letting go ends it
+        }
+        usleep(wait_step_us);
+    }
+    shell_ = 0;
     return ended < 0 ? std::nullopt : std::optional{status};
 }

@@ -22,7 +22,7 @@ class common_launch_process {
     common_launch_process &operator=(const common_launch_process &) = delete;
 
     /// Takes what waits in the pipe, and never waits for more. True at the end of the output, or when
-    /// nothing can be read any more: common_launch_end then does not wait either.
+    /// nothing can be read any more: common_launch_end then waits for the end of the shell alone.
     [[nodiscard]] bool read();
 
     /// Reads to the end of the output; false when the time was over before, or reading failed.
@@ -34,7 +34,8 @@ class common_launch_process {
         end_ = {};
     }
 
-    /// The raw wait status of the shell, whose output has ended; nothing without one, and errno.
+    /// Waits for the end of the shell, whose output has ended, until the time is over. Its raw wait status;
+    /// nothing without one, and errno.
     [[nodiscard]] std::optional<int> wait();
 
     [[nodiscard]] int descriptor() const noexcept

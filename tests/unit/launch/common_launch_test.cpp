@@ -135,6 +135,33 @@ TEST(Launch, WhatTakesTooLongIsEndedWithAllThatItStarted)
     EXPECT_EQ(read(reader.get(), &byte, 1), 0);
 }
 
+TEST(Launch, AShellThatOutlivesItsOutputIsEndedWhenItsTimeIsOver)
+{
+    if (is_emulated()) {
+        GTEST_SKIP()
+            << "the emulator lets posix_spawn return before the child has its process group";
+    }
+    const captured_log log;
+    common_launched launched = common_launch_begin("echo all; exec >&-; sleep 1000; true");
+    ASSERT_NE(launched.pipe, nullptr);
+    EXPECT_TRUE(launched.pipe->read_to_end());
+    launched.pipe->end_time();
+    std::string output = "old";
+    EXPECT_EQ(common_launch_end(std::move(launched), nullptr, &output), -3);
+    EXPECT_EQ(output, "");
+    EXPECT_TRUE(log.has("ERROR launch - pclose failed: Connection timed out"));
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST(Launch, AShellThatOutlivesItsOutputForAMomentIsWaitedFor)
+{
+    int status = 0;
+    std::string output;
+    EXPECT_EQ(common_launch("echo all; exec >&-; sleep 0.1; exit 3", &status, &output), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(output, "all\n");
+}
+
 TEST(Launch, WhatWaitsInThePipeIsTakenWithoutWaiting)
 {
     int gate[2] = {-1, -1};
