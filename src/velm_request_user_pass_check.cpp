@@ -57,7 +57,7 @@ module_state state;
 /// How long this series keeps logins off; 0 when it does not. A block that is over takes the count
 /// with it. So does one that begins in the future: the clock was set back, and nobody knows for how
 /// long the block would last.
-std::time_t seconds_blocked(failure_series *series, const login_policy &rules)
+std::time_t end_or_seconds_left(failure_series *series, const login_policy &rules)
 {
     if (!rules.enabled || series->count < rules.max_failed_attempts) {
         return 0;
@@ -66,7 +66,8 @@ std::time_t seconds_blocked(failure_series *series, const login_policy &rules)
         *series = {};
         return 0;
     }
-    return series->first.wall + rules.block_time_s - std::time(nullptr);
+    // The second that is left may end between these two readings of the clock.
+    return std::max<std::time_t>(series->first.wall + rules.block_time_s - std::time(nullptr), 1);
 }
 
 void count_failure(failure_series *series)
@@ -120,14 +121,14 @@ void explain_block(velm_request_preprocessor &p, const char *why, std::time_t se
 bool login_blocked(velm_request_preprocessor &p, const std::optional<common_sha256_digest> &name,
                    const login_policy &rules)
 {
-    std::time_t seconds = seconds_blocked(&state.of_all, rules);
+    std::time_t seconds = end_or_seconds_left(&state.of_all, rules);
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained)", check_name, static_cast<int>(seconds));
         explain_block(p, "too many wrong passwords came, so logins are blocked", seconds);
         return true;
     }
     name_failures *const entry = name.has_value() ? find_name(*name) : nullptr;
-    seconds = entry != nullptr ? seconds_blocked(&entry->failures, rules) : 0;
+    seconds = entry != nullptr ? end_or_seconds_left(&entry->failures, rules) : 0;
     if (seconds > 0) {
         LOG_WARN("%s - login blocked (%d seconds remained) for this user name", check_name,
                  static_cast<int>(seconds));

@@ -6,6 +6,7 @@
 
 namespace {
 std::optional<std::time_t> fixed_now;
+std::time_t step_s;
 std::time_t steady_ahead_s;
 
 /// The clock behind this one: the C library's, or that of faketime where a program runs under it.
@@ -31,6 +32,9 @@ extern "C" std::time_t time(std::time_t *result) noexcept
     timespec real{};
     clock_gettime(CLOCK_REALTIME, &real);
     const std::time_t now = fixed_now.value_or(real.tv_sec);
+    if (step_s != 0) {
+        fixed_now = now + step_s;
+    }
     if (result != nullptr) {
         *result = now;
     }
@@ -47,6 +51,11 @@ void fake_clock_advance(std::time_t seconds)
     fixed_now = fixed_now.value_or(time(nullptr)) + seconds;
 }
 
+void fake_clock_advance_at_each_reading(std::time_t seconds)
+{
+    step_s = seconds;
+}
+
 void fake_clock_advance_steady(std::time_t seconds)
 {
     steady_ahead_s += seconds;
@@ -60,4 +69,5 @@ void fake_clock_break()
 void fake_clock_reset()
 {
     fixed_now.reset();
+    step_s = 0;
 }

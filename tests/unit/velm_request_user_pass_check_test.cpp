@@ -163,6 +163,18 @@ TEST_F(UserPassCheck, IsBlockedFor60SecondsFromTheFirstFailure)
     EXPECT_EQ(login("admin", "right"), 0);
 }
 
+TEST_F(UserPassCheck, ABlockThatEndsWhileItIsLookedAtHoldsForThisLogin)
+{
+    fail(max_failures);
+    fake_clock_set(start_time + 59);
+    fake_clock_advance_at_each_reading(1);
+    EXPECT_TRUE(is_blocked("admin"));
+    EXPECT_TRUE(log_.contains("login blocked (1 seconds remained)"));
+    fake_clock_advance_at_each_reading(0);
+    fake_clock_set(start_time + 60);
+    EXPECT_EQ(login("admin", "right"), 0);
+}
+
 TEST_F(UserPassCheck, TheCountIsZeroAgainAfterTheBlock)
 {
     fail(max_failures);
