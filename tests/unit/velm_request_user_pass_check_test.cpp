@@ -224,6 +224,35 @@ TEST_F(UserPassCheck, OfAHundredWrongPasswordsBetweenRightOnesOfAnotherOneRowIsL
     EXPECT_EQ(seen, max_failures);
 }
 
+TEST_F(UserPassCheck, WhoeverKnowsAPasswordUnblocksANameBy64OthersWithARightLoginAfterEachFour)
+{
+    int made = 0;
+    int in_a_row = 0;
+    const auto guess = [&made, &in_a_row](const std::string &name) {
+        if (in_a_row == max_failures - 1) {
+            ASSERT_EQ(login("other", "right"), 0);
+            in_a_row = 0;
+            ++made;
+        }
+        logins = 0;
+        ASSERT_EQ(login(name.c_str(), "wrong"), VELM_BREAK_LOGIN);
+        ASSERT_EQ(logins, 1) << name << " is blocked";
+        ++in_a_row;
+        ++made;
+    };
+    for (int i = 0; i < max_failures; ++i) {
+        guess("admin");
+    }
+    for (int i = 0; i < 63; ++i) {
+        guess("name" + std::to_string(i));
+    }
+    EXPECT_TRUE(is_blocked("admin"));
+    guess("one more");
+    EXPECT_FALSE(is_blocked("admin"));
+    constexpr int wrong = max_failures + 64;
+    EXPECT_EQ(made, wrong + (wrong - 1) / (max_failures - 1));
+}
+
 TEST_F(UserPassCheck, ANameIsRefusedFor60SecondsFromItsFirstFailure)
 {
     for (int i = 0; i < max_failures; ++i) {
