@@ -110,20 +110,15 @@ void pause_reading()
     }
 }
 
+/// The observer of losses may have gone since they were queued.
 void hand_over(const address_event &event)
 {
     common_netlink_observer *const observer = state.observer.get();
-    switch (event.what) {
-    case news::address_came:
+    if (event.what == news::address_came) {
         observer->callback(event.ifname.data(), event.address.data(), observer->user_data,
                            observer);
-        break;
-    case news::address_went:
-        state.loss_callback(event.address.data());
-        break;
-    case news::messages_were_lost:
-        state.loss_callback(nullptr);
-        break;
+    } else if (state.loss_callback != nullptr) {
+        state.loss_callback(event.what == news::address_went ? event.address.data() : nullptr);
     }
 }
 

@@ -956,6 +956,16 @@ TEST_F(NetlinkLosses, WaitInNoLargerNumberThanOtherReports)
     EXPECT_EQ(seen.back(), "br0 192.168.2.1");
 }
 
+TEST_F(NetlinkLosses, ThatWaitWhenTheCallbackIsTakenAwayAreNotReported)
+{
+    observe();
+    kernel.present = {"br0 192.168.2.1"};
+    common_netlink_read_datagram(lost_address(br0, "192.168.1.1"));
+    common_netlink_observe_losses(nullptr);
+    settle();
+    EXPECT_TRUE(seen.empty());
+}
+
 TEST_F(NetlinkLosses, WithoutACallbackAreNotReported)
 {
     common_netlink_observe_losses(nullptr);
