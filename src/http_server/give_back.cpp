@@ -45,7 +45,8 @@ void on_memory_return(evutil_socket_t, short, void *) noexcept
 void begin(event *timer, const timeval &time)
 {
     if (timer != nullptr && evtimer_pending(timer, nullptr) == 0) {
-        evtimer_add(timer, &time);
+        const int rc = evtimer_add(timer, &time);
+        REQUIRE_CALL(rc == 0, "evtimer_add(timer, &time)", rc);
     }
 }
 

@@ -1,9 +1,11 @@
 #include "http_server/give_back.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 
 #include "fakes/https_client.h"
@@ -15,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 int trimmed = 0; // how often the heap was given back
+bool timers_fail = false;
 
 class GiveBack : public testing::Test {
   protected:
@@ -34,6 +37,14 @@ extern "C" int malloc_trim(std::size_t /*pad*/) noexcept
 {
     ++trimmed;
     return 1;
+}
+
+/// In front of libevent's.
+extern "C" int event_add(event *ev, const timeval *timeout)
+{
+    static const auto behind =
+        reinterpret_cast<decltype(&event_add)>(dlsym(RTLD_NEXT, "event_add"));
+    return timers_fail ? -1 : behind(ev, timeout);
 }
 
 namespace {
@@ -74,6 +85,19 @@ TEST_F(GiveBack, AfterFourEndsTheHeapIsGivenBackWithinMillisecondsAndTheRoomsOfT
 TEST_F(GiveBack, ConnectionsThatComeWaitForASecond)
 {
     expect_a_second_after(loop.get(), 8, http_give_back_soon);
+}
+
+[[noreturn]] void give_back_without_timers()
+{
+    timers_fail = true;
+    http_give_back_soon();
+    std::_Exit(0);
+}
+
+TEST_F(GiveBack, ATimerThatCannotBeSetEndsTheDaemon)
+{
+    EXPECT_DEATH(give_back_without_timers(),
+                 "begin: call failed: evtimer_add\\(timer, &time\\) result: -1");
 }
 
 } // namespace
