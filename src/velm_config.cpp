@@ -169,8 +169,9 @@ void velm_config_load_pairs(velm_config *config, const conffile_ptr &cfile)
     REQUIRE_NOT_NULL(config, "config");
     const setting_rows rows = config_file_settings();
     load_rows(*config, cfile.get(), rows);
-    load_rows(*config, cfile.get(),
-              rows.last(1)); // vendor.id once more, as ever: it changes nothing
+    // The order of applying is fixed, and has the last row, vendor.id, twice. The second time writes the
+    // same text.
+    load_rows(*config, cfile.get(), rows.last(1));
     place_control_socket(*config);
     keep_other_pairs(*config, cfile.get());
 }

@@ -94,7 +94,7 @@ void send_integrity_handler(int code, evkeyvalq *, const char *body, std::size_t
 }
 
 /// False, and a log line, while Google wants to be left alone; else the request counts as sent.
-bool limit_allows()
+bool take_turn()
 {
     if (state.limit_reached && velm_moment_is_within(state.last_request, silence)) {
         LOG_WARN("%s - daily limit reached", "send_integrity");
@@ -124,7 +124,7 @@ void send_integrity(verdict_request_ptr request)
         return_verdict(std::move(request), nullptr);
         return;
     }
-    if (!limit_allows()) {
+    if (!take_turn()) {
         request->refusal = quota_is_used_up;
         return_verdict(std::move(request), nullptr);
         return;

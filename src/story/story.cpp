@@ -128,7 +128,7 @@ bool is_busy_one_of(const story_round &round, const story_round &other)
 
 /// A client that is turned away again and again has one round for that: the place of `round` is free
 /// again.
-bool joins_the_one_before(story_round &round)
+bool join_the_one_before(story_round &round)
 {
     if (round.id != kept.last_round || round.id < 2) {
         return false;
@@ -223,7 +223,7 @@ void story_request_wants(std::uint32_t seq, std::uint32_t timeout_s)
 void story_request_refused(std::uint32_t seq, story_cause why)
 {
     story_round *const round = round_find(seq);
-    if (round == nullptr || (why == story_cause::busy && joins_the_one_before(*round))) {
+    if (round == nullptr || (why == story_cause::busy && join_the_one_before(*round))) {
         return;
     }
     round->run_left_out = why;
