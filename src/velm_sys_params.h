@@ -11,7 +11,8 @@
 /// What the platform knows of the access point itself, read from nvram and from `ip`.
 
 /// Every IPv4 address of the LAN bridge (the one whose members include "wl0"), one a line.
-/// Runs a command and blocks meanwhile: start-up and reload only.
+/// Runs a command and blocks meanwhile. velmctl may wait. The daemon asks through lan/query, which does not
+/// block the loop.
 [[nodiscard]] std::optional<std::string> get_ipv4_address_wlif();
 
 inline constexpr int no_lan_bridge = -1;
@@ -21,6 +22,7 @@ inline constexpr int no_lan_bridge = -1;
 [[nodiscard]] common_launched get_ipv4_address_wlif_begin();
 [[nodiscard]] std::optional<std::string> get_ipv4_address_wlif_end(common_launched command);
 
+/// The name of the LAN bridge, as nvram holds it; nothing when no bridge has "wl0".
 [[nodiscard]] std::optional<std::string> get_lanif_name_wlif();
 
 /// The LAN bridge with the setting in nvram that has its name; nothing when no bridge has "wl0".
@@ -45,6 +47,7 @@ struct sys_bssid {
 /// strings, empty without radios.
 [[nodiscard]] json_ptr sys_bssids();
 
+/// The access point's serial number; nothing when nvram does not hold one.
 [[nodiscard]] std::optional<std::string> sys_serial_number();
 /// Nothing when nvram holds an empty one.
 [[nodiscard]] std::optional<std::string> sys_mac_address();

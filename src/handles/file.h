@@ -9,9 +9,6 @@
 /// A C stream.
 using stdio_file = handle<std::FILE, std::fclose>;
 
-/// The reading end of a command started by popen; letting go waits for the command's end.
-using command_pipe = handle<std::FILE, pclose>;
-
 /// A stream just opened, or null as it came; want of memory ends the process. Without memory for its
 /// buffer a stream works on, byte by byte.
 inline std::FILE *opened_stream(std::FILE *stream)

@@ -41,7 +41,7 @@ struct json_wipe_and_delete {
     }
 
   private:
-    // NOLINTNEXTLINE(misc-no-recursion): cJSON parses no deeper than CJSON_NESTING_LIMIT
+    // NOLINTNEXTLINE(misc-no-recursion): a body is nested at most velm_request_max_depth (100) deep
     static void wipe(cJSON *item) noexcept
     {
         for (; item != nullptr; item = item->next) {

@@ -18,7 +18,8 @@ struct common_launched {
 /// Waits for its end; what `common_launch` returns.
 [[nodiscard]] int common_launch_end(common_launched launched, int *status, std::string *output);
 
-/// Runs a shell command to its end and blocks meanwhile: only for start-up.
+/// Runs a shell command to its end. It blocks meanwhile, for up to common_launch_time.
+/// Part of the interface; only tests call it.
 /// 0 when it ended normally: `status` then holds the raw wait status and `output` what it printed
 /// (both may be null). -2 for a null command, -3 for every other failure; `output` is then empty.
 [[nodiscard]] int common_launch(const char *command, int *status, std::string *output);

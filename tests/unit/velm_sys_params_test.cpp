@@ -7,7 +7,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/fake_nvram.h"
-#include "handles/file.h"
+#include "handles/handle.h"
 #include "launch/common_launch.h"
 
 namespace {
@@ -193,7 +193,8 @@ INSTANTIATE_TEST_SUITE_P(
 /// Runs a command in a shell in which `ip` prints this text.
 std::string run_with_ip_answer(const std::string &answer, const std::string &command)
 {
-    const command_pipe pipe{popen(("ip() { echo '" + answer + "'; }\n" + command).c_str(), "re")};
+    const handle<std::FILE, pclose> pipe{
+        popen(("ip() { echo '" + answer + "'; }\n" + command).c_str(), "re")};
     std::string output(1000, '\0');
     output.resize(std::fread(output.data(), 1, output.size(), pipe.get()));
     return output;
