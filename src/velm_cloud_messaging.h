@@ -16,6 +16,7 @@ void velm_cloud_messaging_init(const velm_config *config);
 void velm_cloud_messaging_push_to_all(std::uint32_t timeout, std::uint32_t type);
 
 /// The message for one pairing, a new object. A null pairing is fatal.
+/// Part of the interface; only tests call it. A push makes its message in google/push_content.
 [[nodiscard]] json_ptr velm_cloud_messaging_generate_push_content(const cJSON *pairing,
                                                                   std::uint32_t timeout,
                                                                   std::uint32_t type);

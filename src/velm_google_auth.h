@@ -5,6 +5,7 @@
 
 /// OAuth 2.0 access tokens of a Google service account, by the JWT-bearer grant (RFC 7523).
 
+/// Leaves requests under way alone: they end by their answer or its time-out. The configuration is not read.
 void velm_google_auth_init(const velm_config *config);
 
 /// `token` is null on failure and when the answer holds no token. Else it is an object of two

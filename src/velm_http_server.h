@@ -22,6 +22,7 @@ void velm_http_server_stop();
 /// An interface has got an address: a server that waits for its own tries again at once.
 void velm_http_server_address_came();
 
+/// False without a server, and while the server waits for its address.
 [[nodiscard]] bool velm_http_server_is_listening();
 
 /// The certificate that phones are shown; null when nobody is served. Borrowed until the loop goes on.
@@ -32,4 +33,7 @@ void velm_http_server_address_came();
 /// one ERROR line, and the bind is tried again until it succeeds or the server is stopped
 /// (lan/wait.h). Port 0 means no server. Runs inside the loop.
 void http_server_start();
+
+/// Closes all connections and ends the server, if one runs, and the wait for an address. From a loop event,
+/// never from a route's callback.
 void http_server_stop();

@@ -13,11 +13,17 @@
 /// Serves the local location-policy clients: a request becomes a push to the paired phones, and a
 /// phone's location a report to every connected client.
 
+/// Before anything else here; the base is borrowed for the life of the process.
 void velm_location_policy_ipc_set_event_base(event_base *base);
+
+/// Remembers the configuration (borrowed; null is fatal). Drops the locations that still wait for clients, with
+/// a line in the log. Runs again before every start.
 void velm_location_policy_ipc_init(const velm_config *config);
 
 /// Starts the IPC server at the configured socket, ending a running one first. From a loop event.
 void location_policy_ipc_start();
+
+/// Ends the server with all its connections and their requests. From a loop event.
 void location_policy_ipc_stop();
 
 /// Hands a phone's location on; copies its arguments and works later on the loop. The report waits

@@ -21,6 +21,7 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
 [[nodiscard]] int velm_nvram_pairings_select_index_by_field(const char *dev_id);
 
 /// 1 when the slot's "status" is "Valid", also without a device id. An index outside the limit is fatal.
+/// Part of the interface; only tests call it.
 [[nodiscard]] int velm_nvram_pairings_is_valid_pairing(int index);
 
 /// All nine members, empty.
@@ -35,11 +36,13 @@ void velm_nvram_pairings_update_pairing_field(cJSON *pairing, const char *field,
 /// The same of a live slot: the phone that is paired there. Null for a slot that is not live.
 [[nodiscard]] json_ptr velm_nvram_pairings_select_live_pairing(int index);
 
-/// The records of all slots, or of the live ones, in slot order.
+/// The records of all slots, or of the live ones, in slot order. Part of the interface; only tests call it.
 [[nodiscard]] json_ptr velm_nvram_pairings_read_pairings(int only_valid);
 
 /// The record of the first slot with this device id, or null.
 [[nodiscard]] json_ptr velm_nvram_pairings_select_pairing(const char *dev_id);
+
+/// 1 when a slot, live or not, bears the device id; else 0.
 [[nodiscard]] int velm_nvram_pairings_pairing_exists(const char *dev_id);
 
 /// Stores a record in the slot of its device id, else in the lowest slot that is not live; a full
@@ -65,7 +68,7 @@ void velm_nvram_pairings_delete_pairing(const char *dev_id);
 /// 1 when at least as many slots are live as the limit says.
 [[nodiscard]] int velm_nvram_pairings_limit_reached();
 
-/// The push tokens of the live slots, empty ones left out, in slot order.
+/// The push tokens of the live slots, empty ones left out, in slot order. Part of the interface; only tests call it.
 [[nodiscard]] json_ptr velm_nvram_pairings_get_push_tokens();
 
 /// Prints, then commits nvram; an ERROR line when that fails.

@@ -11,6 +11,7 @@
 /// meanwhile. Then the route gets the result. request/checks.h has the break codes, the choice of
 /// checks and the report of a check. request/body.h has the parser of the body.
 
+/// Changes nothing: a record that is under way goes on. The configuration is not read.
 void velm_request_preprocessor_init(const velm_config *config);
 
 /// A record in its first state. From its start on it owns itself. It ends when the callback has

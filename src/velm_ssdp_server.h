@@ -26,6 +26,8 @@ void ssdp_server_start();
 /// another one.
 void velm_ssdp_server_address_came(const char *address);
 
+/// Ends the server, and the attempts to join the group. Without a server it only logs.
 void ssdp_server_stop();
 
+/// True while there is a socket that reads searches, also before the group is joined.
 [[nodiscard]] bool velm_ssdp_server_is_listening();

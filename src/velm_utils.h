@@ -33,6 +33,7 @@ velm_utils_unescape_html_encoded_base64_chars(const char *html_escaped_base64_st
 [[nodiscard]] std::string velm_utils_timestamp_to_string(unsigned long timestamp);
 
 /// Base-10 strtoul; false exactly when it sets errno, and then `dest` is left alone.
+/// Part of the interface; only tests call it.
 [[nodiscard]] bool velm_utils_parse_timestamp(const char *src, unsigned long *dest);
 
 /// Six fields of one or two hexadecimal digits joined by colons; what follows is ignored.
@@ -54,4 +55,5 @@ velm_utils_unescape_html_encoded_base64_chars(const char *html_escaped_base64_st
 [[nodiscard]] json_ptr velm_split_string(const char *string, const char *separator);
 
 /// Logs 1 to 8192 bytes at TRACE as upper-case hexadecimal pairs; null or 0 bytes log nothing.
+/// Part of the interface; only tests call it.
 void velm_utils_log_hex(const void *bytes, std::size_t count);

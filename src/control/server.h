@@ -31,4 +31,5 @@ void control_server_start(const char *path);
 /// Something new has happened, with that number: who waits for one above a lower number is answered.
 void control_server_tell(std::uint64_t number);
 
+/// False for the empty path, and for one that could not be had.
 [[nodiscard]] bool control_server_is_listening();

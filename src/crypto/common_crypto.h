@@ -14,6 +14,7 @@
 
 using common_sha256_digest = sha256_digest;
 
+/// Nothing for no bytes, and when OpenSSL fails.
 [[nodiscard]] std::optional<std::string>
 common_crypto_base64_encode(std::span<const std::uint8_t> bytes);
 

@@ -33,6 +33,7 @@ struct http_client_request_data {
     std::string post_data;
     int timeout_s = 0; // for the whole exchange, connecting included; 0 or less: the default
     std::size_t max_body_size = http_client_body_size_max; // of the answer, in bytes
+    // These turn checks of the server's certificate off. No caller sets them; the callers' tests look at that.
     bool skip_server_verification = false;
     bool skip_hostname_verification = false;
 };
@@ -59,7 +60,7 @@ void http_client_prepare_ssl(const char *ca_file);
 /// Lets go of the TLS context; requests in flight keep theirs.
 void http_client_free_ssl();
 
-/// Null or empty: none is sent.
+/// Null or empty: none is sent. Part of the interface; only tests call it.
 void http_client_set_user_agent_string(const char *user_agent);
 
 /// Appends a header; null arguments are fatal.
@@ -75,6 +76,6 @@ void http_client_add_header(http_client_request_data *data, const char *header_n
 
 /// A connection that the caller holds, to pin requests to one host: it keeps the scheme, host,
 /// port and checks of the first request, and a request that differs in them does not start.
-/// Freeing it ends its requests with code -5.
+/// Freeing it ends its requests with code -5. Part of the interface; only tests call both.
 [[nodiscard]] http_client_connection *http_client_connection_create();
 void http_client_connection_free(http_client_connection *connection);

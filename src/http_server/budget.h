@@ -27,7 +27,10 @@ struct http_budget_share {
 /// Before the first one joins.
 void http_budget_open(const http_budget_limits &limits);
 
+/// Once for each share, which stays where it is until it leaves.
 void http_budget_join(http_budget_share *share);
+
+/// Counts the share as 0 and forgets it. A share that has left, or never joined, may leave again.
 void http_budget_leave(http_budget_share *share);
 
 /// How much the connection holds now. To be called after every step that may have changed it: to add

@@ -9,6 +9,7 @@
 /// lain. And what a text has more room than bytes would count as held: it grows and shrinks by little.
 /// Internal to the server's connections.
 
+/// Overwrites the characters of the text, which keeps its length.
 void http_held_wipe(std::string *text);
 
 /// The same for what lies in a buffer of the library; it stays there. A message reaches the library in one

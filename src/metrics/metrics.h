@@ -105,6 +105,7 @@ struct metrics_push_count {
 /// After this many statuses the others are counted together, as status -1.
 inline constexpr std::size_t metrics_push_statuses = 16;
 
+/// `status` is the cloud's, 0 for a push without an answer. -1 is taken by the others: it must not be given.
 void metrics_count_push(int status) noexcept;
 
 /// Those that have come, in the order of their first coming; behind them such without pushes.

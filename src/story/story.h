@@ -37,6 +37,7 @@ void story_request_refused(std::uint32_t seq, story_cause why);
 
 /// It waited for as long as a request is kept.
 void story_request_dropped(std::uint32_t seq);
+/// The connection of its client has ended, so nobody waits for it.
 void story_client_gone(std::uint32_t seq);
 void story_clients_gone(); // all of them: the daemon ends their connections
 
