@@ -1,7 +1,5 @@
 #include "tools/control/place.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 
 #include "conffile/conffile.h"
@@ -71,12 +69,4 @@ std::string control_pid_file_of(const std::optional<std::string> &config)
 {
     const std::string path = read_settings(config).config.pid_file_path;
     return path.empty() || path.starts_with('/') ? path : '/' + path;
-}
-
-bool control_is_same_file(const std::string &one, const std::string &other)
-{
-    struct stat first {};
-    struct stat second {};
-    return one == other || (stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
-                            first.st_dev == second.st_dev && first.st_ino == second.st_ino);
 }

@@ -22,6 +22,3 @@ struct control_place {
 
 /// Where the daemon's pid file is, by the same file; empty when it has none.
 [[nodiscard]] std::string control_pid_file_of(const std::optional<std::string> &config);
-
-/// True when both paths name one file, also by way of links. A path that names nothing equals itself only.
-[[nodiscard]] bool control_is_same_file(const std::string &one, const std::string &other);

@@ -1,6 +1,6 @@
 #include <string>
 
-#include "tools/control/place.h"
+#include "tools/control/same_file.h"
 #include "tools/doctor/checks.h"
 #include "tools/doctor/info.h"
 #include "tools/status/problems.h"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/control/place.h"
+#include "tools/control/same_file.h"
 
 namespace {
 

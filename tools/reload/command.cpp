@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tools/control/place.h"
+#include "tools/control/same_file.h"
 #include "tools/reload/changes.h"
 #include "tools/reload/check.h"
 #include "tools/reload/daemon.h"

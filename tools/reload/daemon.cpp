@@ -7,6 +7,7 @@
 #include "tools/control/document.h"
 #include "tools/control/exchange.h"
 #include "tools/control/place.h"
+#include "tools/control/same_file.h"
 #include "tools/reload/target.h"
 #include "velm_config.h"
 

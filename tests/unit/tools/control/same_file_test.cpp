@@ -1,4 +1,4 @@
-#include "tools/control/place.h"
+#include "tools/control/same_file.h"
 
 #include <gtest/gtest.h>
 
