@@ -375,6 +375,7 @@ int main(int argc, char **argv)
     const velm_lan_answer lan = velm_lan_query_wait(prepare_libraries);
     identify_access_point(lan);
     set_up_https_client();
+    // For what a platform's library draws with rand(): nothing of ours does.
     std::srand(static_cast<unsigned>(getpid()) ^ static_cast<unsigned>(std::time(nullptr)));
     make_event_base();
     watch_sighup();

@@ -71,8 +71,8 @@ void on_ended(control_connection &ended)
     std::erase_if(state.connections, [&ended](const auto &one) { return one.get() == &ended; });
 }
 
-/// True when the answer has to wait for something that has not happened yet.
-bool begins_to_wait(control_connection &connection, const control_request &request)
+/// Lets the connection wait, and says true, when its answer is about something that has not happened yet.
+bool wait_if_wanted(control_connection &connection, const control_request &request)
 {
     const auto wanted = control_wait_of(request);
     if (connection.has_waited() || !wanted || wanted->seconds == 0) {
@@ -97,7 +97,7 @@ void answer_one(void *, short, common_async_context *) noexcept
     }
     control_connection &connection = **due;
     const control_request request = control_request_read(connection.head()).request;
-    if (!begins_to_wait(connection, request)) {
+    if (!wait_if_wanted(connection, request)) {
         connection.answer(control_answer_text(control_route(request)));
     }
 }
@@ -120,8 +120,8 @@ void endings_limit()
     }
 }
 
-/// Looks for those who have gone only when their place is wanted.
-bool has_free_place()
+/// True when there is a place. Those who have gone give up theirs only now that it is wanted.
+bool make_place()
 {
     if (count(takes_place) >= control_place_limit) {
         std::erase_if(state.connections, [](const auto &one) { return one->is_left(); });
@@ -131,7 +131,7 @@ bool has_free_place()
 
 void connection_add(unique_fd socket)
 {
-    const bool has_place = has_free_place();
+    const bool has_place = make_place();
     state.connections.push_back(
         std::make_unique<control_connection>(state.base, std::move(socket), owner));
     if (!has_place) {

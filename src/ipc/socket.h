@@ -21,7 +21,8 @@ inline constexpr int velm_ipc_backlog = 5;
 /// A socket that listens at the path, which others than the owner and the group cannot use. A socket
 /// that was there before is removed and the parent directory made. What is no socket, a link included,
 /// stays, with a line in the log, and the call fails: it is somebody's file.
-/// Of the IPC's own kind it is deliberately not close-on-exec, unlike the other descriptors of the process.
+/// Of the IPC's own kind it is not close-on-exec, as its interface wants: the command that prints the LAN
+/// address inherits it, for its 5 s at most. All other descriptors of the process are close-on-exec.
 [[nodiscard]] unique_fd velm_ipc_socket_listen(const char *path, int kind = SOCK_SEQPACKET,
                                                int backlog = velm_ipc_backlog);
 
