@@ -42,9 +42,11 @@ static void look_for_leaks(void)
     }
 }
 
-/* Where the kernel lends a clock without a system call, the sanitizer's allocator asks for the time here, under
- * the lock of a size. The first block is wanted before libfaketime is ready, which would then allocate
- * under that lock, and wait for itself. So until all libraries are ready the time is the kernel's. */
+/* The sanitizer's allocator asks for the time when it takes the first block of a size, under that size's lock.
+ * libfaketime, which is not ready yet, looks for functions that the C library does not have. The text of that
+ * failure is a block as well: of the same size it waits for the lock for ever. Whether that size was in use
+ * before depends on the length of the program's path. So until all libraries are ready the time is the
+ * kernel's. */
 int clock_gettime(clockid_t clock, struct timespec *time)
 {
     return next_clock == NULL ? (int)syscall(SYS_clock_gettime, clock, time)
