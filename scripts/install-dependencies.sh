@@ -29,8 +29,12 @@ install_dependencies() (
     export DEBIAN_FRONTEND=noninteractive
     log=$(mktemp)
     trap 'rm -f "$log"' EXIT
+    mkdir -p /run/lock
+    exec 9>/run/lock/velmd-install-dependencies
+    flock 9 # apt does not wait for another of these scripts that installs
     # shellcheck disable=SC2086  # one word a package
-    if ! { apt-get -q update && apt-get -qy install --no-install-recommends $missing; } >"$log" 2>&1
+    if ! { apt-get -q update && apt-get -qy -o DPkg::Lock::Timeout=300 install --no-install-recommends $missing; } \
+        >"$log" 2>&1
     then
         tail -n 40 "$log" >&2
         return 1
