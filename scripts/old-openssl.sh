@@ -56,11 +56,12 @@ inside() { # COMMAND...
     unshare --mount --pid --fork --kill-child --propagation private sh -euc '
         root=$1 sources=$2 build=$3
         shift 3
-        mkdir -p "$root$sources" "$build"
+        mkdir -p "$build"
         mount --bind "$root" "$root" # tests change how the root is mounted
         mount -t proc proc "$root/proc"
         mount --rbind /dev "$root/dev"
         mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
+        mkdir -p "$root$sources" # only now: the clone may lie in /tmp
         mount --bind "$sources" "$root$sources"
         mount -o remount,bind,ro "$root$sources"
         mount --bind "$build" "$root$build"
