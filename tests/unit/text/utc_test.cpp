@@ -57,6 +57,27 @@ INSTANTIATE_TEST_SUITE_P(
                     utc_case{"LastOfFourDigits", 253402300799, 9999, 12, 31, 23, 59, 59}),
     [](const auto &row) { return std::string{row.param.name}; });
 
+TEST(UtcDays, EveryDayOfFourHundredYearsFollowsTheOneBefore)
+{
+    constexpr std::int64_t day = 24 * 60 * 60;
+    std::tm before = utc_parts_of(0).value();
+    for (std::int64_t moment = day; moment < 146097 * day; moment += day) {
+        std::tm parts = utc_parts_of(moment).value();
+        ASSERT_EQ(utc_seconds_of(parts), moment);
+        ++before.tm_mday; // one too many counts on into the next month
+        ASSERT_EQ(utc_seconds_of(before), moment);
+        std::time_t libc = static_cast<std::time_t>(moment);
+        std::tm expected{};
+        if (libc == moment) { // a time_t of 32 bits ends in 2038
+            gmtime_r(&libc, &expected);
+            ASSERT_EQ(parts.tm_year, expected.tm_year);
+            ASSERT_EQ(parts.tm_mon, expected.tm_mon);
+            ASSERT_EQ(parts.tm_mday, expected.tm_mday);
+        }
+        before = parts;
+    }
+}
+
 TEST(UtcParts, AreNoneForAYearWithoutFourDigits)
 {
     EXPECT_FALSE(utc_parts_of(-62167219201).has_value());
