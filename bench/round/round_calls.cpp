@@ -248,7 +248,7 @@ void round_calls::run(const round_work &work)
     await();
     receive(local_.get());
     epoll_event event{};
-    (void)epoll_wait(epoll_.get(), &event, 1, 0); // the push's second, without the second
+    (void)epoll_wait(epoll_.get(), &event, 1, 0); // velmd waits here before the push; we do not
     push(work);
     serve_phone(work);
     send_all(local_.get(), size::report);

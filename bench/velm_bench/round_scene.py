@@ -95,7 +95,7 @@ class Scene:
         beside: Callable[[], object] = lambda: None,
     ) -> Round:  # fmt: skip
         """`visit` is what the phones do after the pushes; it tells how long they themselves took.
-        `beside` runs twice while velmd waits: for the push's second, and when all is done but giving
+        `beside` runs twice while velmd waits: for the push's turn, and when all is done but giving
         memory back. Nearly all of a round is between the two."""
         with self.client() as client:
             self._move_clock()

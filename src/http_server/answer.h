@@ -8,7 +8,7 @@
 
 /// The one way in which a result callback answers.
 
-/// How the work of a route ends. By the status of a refusal a story names its check.
+/// How the work of a route ends. A story names a check for a refusal: the status decides which one.
 struct http_outcome {
     http_status status = http_status_ok;
     const char *refusal = nullptr; // the reason for the log, a literal; null: nothing was refused

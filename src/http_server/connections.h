@@ -16,7 +16,7 @@
 struct http_connection_limits {
     /// An idle TLS connection costs 17 kB: together 1.1 MB of a small device.
     std::size_t total = 64;
-    /// A phone opens a few at a time; what is left serves the others when one host takes its share.
+    /// A phone opens a few at a time. When one host has taken its share, the rest serves the others.
     std::size_t per_address = 16;
     http_handshake_limits handshakes;
     /// From accept, or from the end of the last reply, to the last byte of the next request, the TLS
