@@ -134,18 +134,30 @@ bool common_launch_process::read_to_end()
     return error_ == 0;
 }
 
+bool common_launch_process::has_ended()
+{
+    if (shell_ == 0) {
+        return true;
+    }
+    const pid_t ended = waitpid(shell_, &status_, WNOHANG);
+    if (ended == 0) {
+        return false;
+    }
+    wait_error_ = ended < 0 ? errno : 0;
+    shell_ = 0;
+    return true;
+}
+
 /// A shell ends within microseconds of its output, or much later if it has closed its output itself.
 std::optional<int> common_launch_process::wait()
 {
-    int status = 0;
-    pid_t ended = 0;
-    while ((ended = waitpid(shell_, &status, WNOHANG)) == 0) {
+    while (!has_ended()) {
         if (std::chrono::steady_clock::now() >= end_) {
             errno = ETIMEDOUT;
             return std::nullopt; // letting go ends it
         }
         usleep(wait_step_us);
     }
-    shell_ = 0;
-    return ended < 0 ? std::nullopt : std::optional{status};
+    errno = wait_error_;
+    return wait_error_ != 0 ? std::nullopt : std::optional{status_};
 }

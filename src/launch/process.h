@@ -34,8 +34,11 @@ class common_launch_process {
         end_ = {};
     }
 
+    /// Whether the shell has ended, without waiting for it.
+    [[nodiscard]] bool has_ended();
+
     /// Waits for the end of the shell, whose output has ended, until the time is over. Its raw wait status;
-    /// nothing without one, and errno.
+    /// nothing without one, and errno. It does not wait when has_ended has said yes.
     [[nodiscard]] std::optional<int> wait();
 
     [[nodiscard]] int descriptor() const noexcept
@@ -52,7 +55,9 @@ class common_launch_process {
     unique_fd output_; // what the command prints comes here, never blocking
     std::chrono::steady_clock::time_point end_;
     std::string text_;
-    int error_ = 0; // of reading
+    int status_ = 0;     // the shell's, when it has ended
+    int wait_error_ = 0; // or why nobody knows it
+    int error_ = 0;      // of reading
     bool is_at_end_ = false;
 };
 

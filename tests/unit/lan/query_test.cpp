@@ -83,6 +83,32 @@ TEST_F(LanQuery, TheLoopTurnsWhileTheCommandRuns)
     EXPECT_EQ(answers[0].addresses, "first\nsecond\n");
 }
 
+TEST_F(LanQuery, TheLoopTurnsWhileTheShellOutlivesItsOutput)
+{
+    int gate[2] = {-1, -1};
+    ASSERT_EQ(pipe(gate), 0);
+    const unique_fd reader{gate[0]};
+    unique_fd writer{gate[1]};
+    // The shell says all, and lives until the test, which turns the loop meanwhile, closes the gate.
+    begin("exec " + std::to_string(writer.get()) + ">&-; echo all; exec >&-; read line <&" +
+          std::to_string(reader.get()) + "; exit 0");
+    static int ticks;
+    ticks = 0;
+    const timeval tick{0, 10 * 1000};
+    const event_ptr ticking{event_new(
+        base, -1, EV_PERSIST, [](evutil_socket_t, short, void *) { ++ticks; }, nullptr)};
+    event_add(ticking.get(), &tick);
+    while (ticks < 20) {
+        event_base_loop(base, EVLOOP_ONCE);
+    }
+    EXPECT_TRUE(answers.empty());
+    writer.reset();
+    event_del(ticking.get());
+    event_base_dispatch(base);
+    ASSERT_EQ(answers.size(), 1U);
+    EXPECT_EQ(answers[0].addresses, "all\n");
+}
+
 TEST_F(LanQuery, WithoutABridgeNobodyWasAsked)
 {
     begin("");
