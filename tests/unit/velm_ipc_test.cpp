@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +13,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/fake_clock.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/no_descriptors.h"
 #include "fakes/temporary_directory.h"
 #include "handles/libevent.h"
 #include "story/story.h"
@@ -787,17 +787,12 @@ TEST_F(Ipc, OutOfDescriptorsItNeitherSpinsNorDiesAndServesAgain)
 {
     const unique_fd waiting = ipc_connect(socket_path);
     ASSERT_TRUE(waiting);
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none_left{3, limit.rlim_max};
-    {
-        const captured_log log;
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
-        ipc_turn(base.get(), 200);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-        EXPECT_EQ(log.count("ERROR IPC - Listener error"), 1) << "the loop spins";
-    }
     const captured_log log;
+    {
+        const no_descriptors none{3};
+        ipc_turn(base.get(), 200);
+    }
+    EXPECT_EQ(log.count("ERROR IPC - Listener error"), 1) << "the loop spins";
     EXPECT_TRUE(ipc_turn_until(base.get(), [&log] { return log.contains("Connection accepted"); }));
     ipc_send(waiting, ipc_request(1));
     EXPECT_TRUE(turn_until_taken(1));

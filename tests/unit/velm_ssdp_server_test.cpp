@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "fakes/emulated.h"
 #include "fakes/fake_clock.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/no_descriptors.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
 
@@ -600,13 +600,11 @@ TEST_F(SsdpServer, APortThatCannotBeBoundIsFatal)
 
 TEST_F(SsdpServer, WithoutADescriptorForTheSocketThereIsNoServer)
 {
-    rlimit usual{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
-    const rlimit none{0, usual.rlim_max};
     const captured_log log;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    ssdp_server_start();
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    {
+        const no_descriptors none;
+        ssdp_server_start();
+    }
     EXPECT_TRUE(log.has("ERROR velm_ssdp_server - prepare_socket: failed to create socket: Too "
                         "many open files"));
     EXPECT_EQ(server_socket(), -1);

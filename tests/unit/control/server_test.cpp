@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -20,6 +19,7 @@
 #include "control/rounds.h"
 #include "control/status.h"
 #include "fakes/captured_log.h"
+#include "fakes/no_descriptors.h"
 #include "fakes/temporary_directory.h"
 #include "handles/fd.h"
 #include "handles/libevent.h"
@@ -490,16 +490,14 @@ TEST_F(ControlServer, OutOfDescriptorsItRestsAndServesAgain)
 {
     client waiting{path};
     waiting.send(status_request);
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none_left{3, limit.rlim_max};
     {
         const captured_log log;
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
-        for (int i = 0; i < 200; ++i) {
-            turn();
+        {
+            const no_descriptors none{3};
+            for (int i = 0; i < 200; ++i) {
+                turn();
+            }
         }
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
         EXPECT_EQ(log.count("WARN control - accept_later - cannot accept: "), 1)
             << "the loop spins";
     }

@@ -1,8 +1,9 @@
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstring>
 #include <list>
+
+#include "fakes/no_descriptors.h"
 
 #include "fixture.h"
 
@@ -112,17 +113,14 @@ TEST_F(HttpClientFailures, AConnectionThatFailsAtOnceStillTellsItAfterTheCall)
 
 TEST_F(HttpClientFailures, WithoutDescriptorsARequestFailsAndTheNextOneSucceeds)
 {
-    rlimit usual{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const unique_fd first_free{dup(0)};
-    rlimit none = usual;
-    none.rlim_cur = static_cast<rlim_t>(first_free.get());
     const http_client_request_data data = request(uri());
     test_outcome outcome;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int started =
-        http_request_internal(HTTP_CLIENT_GET, data, test_outcome::handler, &outcome);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    int started = 1;
+    {
+        const no_descriptors none{static_cast<rlim_t>(first_free.get())};
+        started = http_request_internal(HTTP_CLIENT_GET, data, test_outcome::handler, &outcome);
+    }
     EXPECT_EQ(started, 0);
     EXPECT_TRUE(run_until([&outcome] { return outcome.calls > 0; }));
     EXPECT_LE(outcome.code, 0);

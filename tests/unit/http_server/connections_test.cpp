@@ -1,9 +1,9 @@
 // First: libevhtp's headers rename what the system's regex.h declares.
+#include "fakes/no_descriptors.h"
 #include "fakes/served_connections.h"
 
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <sys/resource.h>
 
 #include "http_server/refusals.h"
 
@@ -59,14 +59,12 @@ TEST_F(Connections, OutOfDescriptorsTheListenerRestsAndServesAgainWhenSomeAreFre
     limits.listener_rest = {0, 20 * 1000};
     serve(limits);
     auto peer = client();
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{3, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     const std::clock_t cpu_before = std::clock();
-    turn_for(loop, 200ms);
+    {
+        const no_descriptors none{3};
+        turn_for(loop, 200ms);
+    }
     const double cpu_s = static_cast<double>(std::clock() - cpu_before) / CLOCKS_PER_SEC;
-    setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_GE(log.count("on_accept_error - cannot accept: Too many open files"), 2);
     EXPECT_LE(log.count("cannot accept"), 12);
     EXPECT_LT(cpu_s, 0.15);
@@ -81,13 +79,11 @@ TEST_F(Connections, TheListenerMayEndWhileItRests)
     limits.listener_rest = {0, 20 * 1000};
     serve(limits);
     const auto peer = client();
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{3, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    EXPECT_TRUE(turn_until(loop, [this] { return log.contains("cannot accept"); }));
-    stop();
-    setrlimit(RLIMIT_NOFILE, &before);
+    {
+        const no_descriptors none{3};
+        EXPECT_TRUE(turn_until(loop, [this] { return log.contains("cannot accept"); }));
+        stop();
+    }
     turn_for(loop, 50ms);
 }
 

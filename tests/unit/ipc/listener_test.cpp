@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <string>
@@ -11,6 +10,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/ipc_peer.h"
+#include "fakes/no_descriptors.h"
 #include "fakes/temporary_directory.h"
 
 namespace {
@@ -90,13 +90,11 @@ TEST_F(IpcListener, WithoutDescriptorsItRestsAndThenServes)
 {
     ASSERT_TRUE(listen(path));
     const unique_fd waiting = ipc_connect(path);
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none_left{3, limit.rlim_max};
     const captured_log log;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none_left), 0);
-    ipc_turn(base.get(), 200);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    {
+        const no_descriptors none{3};
+        ipc_turn(base.get(), 200);
+    }
     EXPECT_EQ(log.count("ERROR IPC - Listener error"), 1) << "the loop spins";
     EXPECT_TRUE(accepted.empty());
     EXPECT_TRUE(turn_until_accepted(1));

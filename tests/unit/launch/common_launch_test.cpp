@@ -1,7 +1,6 @@
 #include "launch/common_launch.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include "fakes/captured_log.h"
 #include "fakes/emulated.h"
+#include "fakes/no_descriptors.h"
 #include "handles/fd.h"
 
 namespace {
@@ -77,13 +77,12 @@ TEST(Launch, OfACommandEndedByASignalFails)
 TEST(Launch, WithoutDescriptorsFails)
 {
     const captured_log log;
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit none{0, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
     std::string output = "old";
-    const int result = common_launch("echo never", nullptr, &output);
-    setrlimit(RLIMIT_NOFILE, &before);
+    int result = 0;
+    {
+        const no_descriptors none;
+        result = common_launch("echo never", nullptr, &output);
+    }
     EXPECT_EQ(result, -3);
     EXPECT_EQ(output, "");
     EXPECT_TRUE(log.has("ERROR launch - popen failed: Too many open files"));

@@ -1,12 +1,13 @@
 #include "nvram_watch.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
+
+#include "fakes/no_descriptors.h"
 
 #include "store_directory.h"
 
@@ -124,15 +125,14 @@ TEST_F(Watch, WithoutAFreeDescriptorItIsNeverQuiet)
 {
     const std::string path = at;
     nvram_watch blind;
-    rlimit usual{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
-    const rlimit none{0, usual.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    // Nothing of the fixture here: the sanitizer opens a pipe to look at it.
-    blind.begin(path);
-    blind.settle();
-    const bool quiet = blind.is_quiet();
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    bool quiet = true;
+    {
+        const no_descriptors none;
+        // Nothing of the fixture here: the sanitizer opens a pipe to look at it.
+        blind.begin(path);
+        blind.settle();
+        quiet = blind.is_quiet();
+    }
     EXPECT_FALSE(quiet);
     blind.begin(path);
     blind.settle();
