@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "request/status.h"
 #include "tools/control/document.h"
 #include "tools/control/place.h"
 #include "tools/terminal/output.h"
@@ -19,13 +20,11 @@ std::string control_path_of(const velmctl_options &options)
 
 bool control_is_good(const velmctl_answer &answer)
 {
-    constexpr int ok = 200;
-    return answer.result == control_result::done && answer.status == ok;
+    return answer.result == control_result::done && answer.status == http_status_ok;
 }
 
 int control_complain(const std::string &path, const velmctl_answer &answer)
 {
-    constexpr int busy = 503;
     const std::string shown = velmctl_text_for_terminal(path);
     switch (answer.result) {
     case control_result::unreachable:
@@ -42,7 +41,7 @@ int control_complain(const std::string &path, const velmctl_answer &answer)
     case control_result::done:
         break;
     }
-    if (answer.status == busy) {
+    if (answer.status == http_status_unavailable) {
         std::fputs(
             "velmctl: the daemon is busy: other programs use its control socket; try again\n",
             stderr);

@@ -62,11 +62,11 @@ TEST(UtcDays, EveryDayOfFourHundredYearsFollowsTheOneBefore)
     constexpr std::int64_t day = 24 * 60 * 60;
     std::tm before = utc_parts_of(0).value();
     for (std::int64_t moment = day; moment < 146097 * day; moment += day) {
-        std::tm parts = utc_parts_of(moment).value();
+        const std::tm parts = utc_parts_of(moment).value();
         ASSERT_EQ(utc_seconds_of(parts), moment);
         ++before.tm_mday; // one too many counts on into the next month
         ASSERT_EQ(utc_seconds_of(before), moment);
-        std::time_t libc = static_cast<std::time_t>(moment);
+        const auto libc = static_cast<std::time_t>(moment);
         std::tm expected{};
         if (libc == moment) { // a time_t of 32 bits ends in 2038
             gmtime_r(&libc, &expected);
