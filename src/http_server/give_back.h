@@ -12,6 +12,6 @@ void http_give_back_open(event_base *base);
 /// no timer set, while none comes or goes.
 void http_give_back_soon();
 
-/// The same, to be called when a connection is being freed. When several have gone, what they had on the
-/// heap is given back within milliseconds; rooms that the next handshake is going to use are not.
+/// The same, to be called when a connection is being freed. When the heap has grown much, what it has is
+/// given back within milliseconds; rooms that the next handshake is going to use are not.
 void http_give_back_after_end();

@@ -97,25 +97,41 @@ void *checked(void *memory, std::size_t size) noexcept
     return memory;
 }
 
-/// Overwrites what it frees, unless that is smaller.
-void free_wiped_from(void *memory, std::size_t wiped_size) noexcept
+void free_wiped(void *memory) noexcept
 {
-    if (memory == nullptr || !is_ready()) {
-        return;
+    if (memory != nullptr && is_ready()) {
+        std::memset(memory, 0, malloc_usable_size(memory));
+        next.free(memory);
     }
-    const std::size_t room = malloc_usable_size(memory);
-    if (room >= wiped_size) {
-        std::memset(memory, 0, room);
+}
+
+/// How many blocks that may hold a record OpenSSL has on the heap. Nearly always all of them have rooms, and
+/// then the size of the hundreds of blocks that a handshake frees is not asked.
+constinit std::size_t records_on_heap = 0;
+
+bool may_hold_record(void *memory) noexcept
+{
+    return memory != nullptr && malloc_usable_size(memory) >= tls_record_size;
+}
+
+void count_record(void *memory) noexcept
+{
+    if (may_hold_record(memory)) {
+        ++records_on_heap;
     }
-    next.free(memory);
 }
 
 void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
 {
+    if (size < tls_room_least) {
+        return size == 0 ? nullptr : checked(next.malloc(size), size);
+    }
     if (void *const room = tls_room_take(size); room != nullptr) {
         return room;
     }
-    return size == 0 ? nullptr : checked(next.malloc(size), size);
+    void *const memory = checked(next.malloc(size), size);
+    count_record(memory);
+    return memory;
 }
 
 /// OpenSSL frees nothing 64 times for each record: it clears its errors, 16 with two texts each.
@@ -126,8 +142,11 @@ void openssl_free(void *memory, const char * /*file*/, int /*line*/) noexcept
     }
     if (tls_room_is_one(memory)) {
         tls_room_give_back(memory);
+    } else if (records_on_heap > 0 && may_hold_record(memory)) {
+        --records_on_heap;
+        free_wiped(memory);
     } else {
-        free_wiped_from(memory, tls_record_size);
+        next.free(memory);
     }
 }
 
@@ -138,7 +157,13 @@ void *openssl_realloc(void *old, std::size_t size, const char *file, int line) n
         return openssl_malloc(size, file, line);
     }
     if (!tls_room_is_one(old)) {
-        return std::realloc(old, size);
+        const bool was_counted = may_hold_record(old);
+        void *const moved = std::realloc(old, size);
+        if (was_counted && (moved != nullptr || size == 0)) {
+            --records_on_heap;
+        }
+        count_record(moved);
+        return moved;
     }
     if (size != 0 && size <= tls_room_most) {
         return old;
@@ -231,7 +256,7 @@ void *realloc(void *old, std::size_t size) noexcept
 
 void free(void *memory) noexcept
 {
-    free_wiped_from(memory, 0);
+    free_wiped(memory);
 }
 
 void *memalign(std::size_t alignment, std::size_t size) noexcept

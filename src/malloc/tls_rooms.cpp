@@ -122,7 +122,9 @@ void tls_room_reached(const void *begin, std::size_t size) noexcept
 void tls_room_give_back(void *room) noexcept
 {
     const place given = place_of(room);
-    if (given.number < given.kind->at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0) {
+    const bool stays =
+        given.number < given.kind->at_hand || madvise(room, tls_room_most, MADV_DONTNEED) != 0;
+    if (stays && given.kind == &state.of_records) {
         std::memset(room, 0, given.kind->reached[given.number]);
     }
     given.kind->taken = static_cast<std::uint16_t>(given.kind->taken & ~(1U << given.number));

@@ -8,7 +8,8 @@
 /// though a greeting has a tenth of that.
 ///
 /// Here each has pages of its own, and only pages that bytes reached are resident. What is given back
-/// is zero, and gone, except for the first rooms of either kind, which one connection after another uses.
+/// is gone, except for the first rooms of either kind, which one connection after another uses. A room
+/// for a record is overwritten then. One for messages OpenSSL has overwritten itself (`BUF_MEM_free`).
 
 /// Of which sizes there are rooms.
 inline constexpr std::size_t tls_room_least = 12 * 1024;
@@ -19,10 +20,10 @@ inline constexpr std::size_t tls_room_record_most = 20 * 1024;
 /// How many there are of either kind: address space, not memory.
 inline constexpr std::size_t tls_rooms = 16;
 /// How many of them stay resident until tls_rooms_trim: to take pages anew costs a tenth of a resumed
-/// connection. One handshake uses one of either kind, and one address has two handshakes at a time. A record
-/// stays resident only as far as bytes reached it, so that there are some for other connections.
+/// connection. One handshake uses one of either kind, and one address has two handshakes at a time: so two
+/// phones that come at once find theirs. A record stays resident only as far as bytes reached it.
 inline constexpr std::size_t tls_rooms_at_hand_for_records = 4;
-inline constexpr std::size_t tls_rooms_at_hand_for_messages = 2;
+inline constexpr std::size_t tls_rooms_at_hand_for_messages = 4;
 
 /// Null when the size is another, all are taken, or pages do not divide a room: then the allocator is to
 /// be asked.
@@ -32,7 +33,8 @@ inline constexpr std::size_t tls_rooms_at_hand_for_messages = 2;
 [[nodiscard]] bool tls_room_is_one(const void *memory) noexcept;
 
 /// Bytes have been put there. Whoever says so of a room says it of all that is written into it: only that
-/// far it is overwritten when it is given back. A room of which nobody says so is overwritten whole.
+/// far it is overwritten when it is given back. A room for a record of which nobody says so is overwritten
+/// whole.
 /// Nothing is done for memory that is no room.
 void tls_room_reached(const void *begin, std::size_t size) noexcept;
 

@@ -16,7 +16,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int trimmed = 0; // how often the heap was given back
+int trimmed = 0;            // how often the heap was given back
+std::intptr_t heap_end = 0; // what the C library says of it
 bool timers_fail = false;
 
 class GiveBack : public testing::Test {
@@ -24,6 +25,7 @@ class GiveBack : public testing::Test {
     GiveBack()
     {
         trimmed = 0;
+        heap_end = 0x10000000;
         http_give_back_open(loop.get());
     }
 
@@ -37,6 +39,12 @@ extern "C" int malloc_trim(std::size_t /*pad*/) noexcept
 {
     ++trimmed;
     return 1;
+}
+
+/// The same: of the heap only its end is asked here.
+extern "C" void *sbrk(std::intptr_t /*more*/) noexcept
+{
+    return reinterpret_cast<void *>(heap_end);
 }
 
 /// In front of libevent's.
@@ -59,27 +67,50 @@ void expect_a_second_after(event_base *loop, int times, void (*call)())
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 990ms);
 }
 
-TEST_F(GiveBack, AFewEndsWaitForASecond)
+/// What four connections have.
+constexpr std::intptr_t much = 64 * 1024;
+
+TEST_F(GiveBack, EndsWaitForASecondWhileTheHeapDoesNotGrowMuch)
 {
-    expect_a_second_after(loop.get(), 3, http_give_back_after_end);
+    heap_end += much - 1;
+    expect_a_second_after(loop.get(), 1000, http_give_back_after_end);
 }
 
-TEST_F(GiveBack, AfterFourEndsTheHeapIsGivenBackWithinMillisecondsAndTheRoomsOfTlsAreNot)
+TEST_F(GiveBack, WhenTheHeapHasGrownMuchItIsGivenBackWithinMillisecondsAndTheRoomsOfTlsAreNot)
 {
     void *const room = tls_room_take(tls_room_least);
     ASSERT_NE(room, nullptr);
     std::memset(room, 1, tls_room_least);
     tls_room_give_back(room);
     const auto begin = std::chrono::steady_clock::now();
-    for (int i = 0; i < 4; ++i) {
-        http_give_back_after_end();
-    }
+    heap_end += much;
+    http_give_back_after_end();
     EXPECT_EQ(trimmed, 0); // what has ended is not freed yet
     EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 1; }));
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 900ms);
     unsigned char first_page = 0;
     ASSERT_EQ(mincore(room, 1, &first_page), 0);
     EXPECT_EQ(first_page & 1, 1);
+}
+
+TEST_F(GiveBack, EachTimeThatItGrowsMuchMoreAndFromItsEndAnewAfterASecond)
+{
+    const auto ended_with = [this](std::intptr_t more) {
+        const int before = trimmed;
+        heap_end += more;
+        http_give_back_after_end();
+        turn_for(loop.get(), 20ms);
+        return trimmed - before;
+    };
+    EXPECT_EQ(ended_with(much), 1);
+    EXPECT_EQ(ended_with(much - 1), 0);
+    EXPECT_EQ(ended_with(1), 1);
+    EXPECT_EQ(ended_with(0), 0);
+    EXPECT_EQ(ended_with(-much), 0); // shorter, and as long again
+    EXPECT_EQ(ended_with(much), 0);
+    heap_end -= 2 * much;
+    EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 3; })); // the second is over
+    EXPECT_EQ(ended_with(much), 1);
 }
 
 TEST_F(GiveBack, ConnectionsThatComeWaitForASecond)

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <openssl/buffer.h>
 #include <openssl/crypto.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "fakes/captured_log.h"
 #include "fakes/heap_in_use.h"
 #include "handles/fd.h"
+#include "malloc/tls_rooms.h"
 
 namespace {
 
@@ -176,9 +178,49 @@ INSTANTIATE_TEST_SUITE_P(
                                  [](void *block) { sink = std::realloc(block, hidden(0)); }, true},
                     freeing_case{"ARecordOfTls", 16704, take_of_openssl,
                                  [](void *block) { OPENSSL_free(block); }, true},
+                    freeing_case{"ARecordOfTlsWithoutARoom", 50000, take_of_openssl,
+                                 [](void *block) { OPENSSL_free(block); }, true},
                     freeing_case{"AnObjectOfOpenssl", 3000, take_of_openssl,
                                  [](void *block) { OPENSSL_free(block); }, false}),
     [](const auto &row) { return std::string{row.param.name}; });
+
+TEST_F(CheckedMalloc, WhatOpensslMadeLargerOrSmallerIsOverwrittenByItsLastSize)
+{
+    void *const grown = OPENSSL_realloc(OPENSSL_malloc(3000), 50000);
+    void *const shrunk = OPENSSL_realloc(OPENSSL_malloc(50000), 3000);
+    void *const fence = std::malloc(hidden(64));
+    struct {
+        void *block;
+        std::size_t size;
+        bool wiped;
+    } const cases[] = {{grown, 50000, true}, {shrunk, 3000, false}};
+    for (const auto &one : cases) {
+        ASSERT_NE(one.block, nullptr);
+        std::memcpy(static_cast<char *>(one.block) + behind_the_allocators_own, secret,
+                    sizeof secret);
+        const auto address = reinterpret_cast<std::uintptr_t>(one.block);
+        OPENSSL_free(one.block);
+        EXPECT_NE(holds_secret(address, one.size), one.wiped) << one.size;
+    }
+    std::free(fence);
+}
+
+TEST_F(CheckedMalloc, OpensslOverwritesARoomForMessagesItself)
+{
+    BUF_MEM *const messages = BUF_MEM_new();
+    ASSERT_NE(messages, nullptr);
+    ASSERT_EQ(BUF_MEM_grow(messages, 16384), 16384U); // as a handshake does it
+    char *const room = messages->data;
+    ASSERT_TRUE(tls_room_is_one(room));
+    ASSERT_GT(messages->max, tls_room_record_most) << "a room for a record, which we overwrite";
+    std::memcpy(room + behind_the_allocators_own, secret, sizeof secret);
+    std::memcpy(room + messages->max - sizeof secret, secret, sizeof secret);
+    const auto address = reinterpret_cast<std::uintptr_t>(room);
+    const std::size_t size = messages->max;
+    ASSERT_TRUE(holds_secret(address, size));
+    BUF_MEM_free(messages);
+    EXPECT_FALSE(holds_secret(address, size));
+}
 
 TEST_F(CheckedMalloc, ReallocKeepsWhatThereWas)
 {

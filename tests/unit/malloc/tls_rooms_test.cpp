@@ -42,11 +42,11 @@ TEST(TlsRooms, AreForTheLargeBuffersOnly)
     EXPECT_FALSE(tls_room_is_one(nullptr));
 }
 
-TEST(TlsRooms, AreZeroAgainForTheNext)
+TEST(TlsRooms, OfRecordsAreZeroAgainForTheNext)
 {
     std::vector<void *> rooms;
-    for (std::size_t i = 0; i < tls_rooms_at_hand_for_messages + 1; ++i) {
-        rooms.push_back(tls_room_take(tls_room_most));
+    for (std::size_t i = 0; i < tls_rooms_at_hand_for_records + 1; ++i) {
+        rooms.push_back(tls_room_take(tls_room_record_most));
         std::memset(rooms.back(), 'p', tls_room_most);
     }
     for (void *const room : rooms) {
@@ -102,6 +102,7 @@ TEST(TlsRooms, AreResidentAsFarAsBytesReachedThemAndOnlyTheFirstStaySo)
     EXPECT_EQ(resident_pages(last), 0U);
     *last = 1;
     EXPECT_EQ(resident_pages(last), 1U);
+    std::memset(rooms.front(), 1, tls_room_most);
     for (void *const room : rooms) {
         tls_room_give_back(room);
     }
