@@ -24,6 +24,7 @@
 #include "handles/libevent.h"
 #include "handles/malloc.h"
 #include "http/http_client.h"
+#include "http_server/key_file.h"
 #include "lan/lan.h"
 #include "lan/query.h"
 #include "logger/fatal.h"
@@ -158,10 +159,15 @@ void prepare_https_client()
     http_client_prepare_ssl(process.config->http_client_ca_cert_path);
 }
 
-void prepare_libraries()
+/// What takes milliseconds and needs no LAN address.
+void prepare_servers()
 {
     init_tls_library();
     prepare_https_client();
+    if (process.config->http_server_port != 0) {
+        http_key_file_prepare(process.config->http_server_key_path);
+    }
+    velm_attestation_engine_prepare();
 }
 
 void load_settings()
@@ -372,7 +378,7 @@ int main(int argc, char **argv)
     announce_version();
     control_status_init(process.config.get(), process.config_path);
     load_settings();
-    const velm_lan_answer lan = velm_lan_query_wait(prepare_libraries);
+    const velm_lan_answer lan = velm_lan_query_wait(prepare_servers);
     identify_access_point(lan);
     set_up_https_client();
     // For what a platform's library draws with rand(): nothing of ours does.

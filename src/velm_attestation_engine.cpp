@@ -243,11 +243,16 @@ clone_android_verify_assertion_input(bytes_view assertion_object, bytes_view mes
 
 } // namespace
 
+void velm_attestation_engine_prepare()
+{
+    state.verifies = state.verifies || ios_app_signature_self_test();
+}
+
 void velm_attestation_engine_init(const velm_config *config)
 {
     LOG_TRACE("%s", __func__);
     REQUIRE_NOT_NULL(config, "config");
-    state.verifies = state.verifies || ios_app_signature_self_test();
+    velm_attestation_engine_prepare();
     REQUIRE_CALL(state.verifies, "ios_app_signature_self_test()", 0);
     state.config = config;
     velm_google_integrity_init(config);

@@ -9,6 +9,10 @@
 
 /// Decides whether a phone is a genuine copy of the app on a genuine device.
 
+/// Checks once that signatures are verified rightly, which velm_attestation_engine_init would do otherwise.
+/// Logs nothing.
+void velm_attestation_engine_prepare();
+
 /// Remembers the configuration (borrowed) and loads the keys and the root certificate. Problems are
 /// logged, and what an earlier run loaded stays in use. Runs again on reload.
 void velm_attestation_engine_init(const velm_config *config);

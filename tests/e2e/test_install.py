@@ -89,6 +89,12 @@ def test_the_installed_daemon_runs(installed: Path, build: Build) -> None:
     assert run(installed / "sbin" / "velmd", "-v") == f"velmd {VERSION}\n"
 
 
+def test_the_loader_searches_first_where_most_symbols_are(installed: Path, hardened: None) -> None:
+    dynamic = run("readelf", "--dynamic", installed / "sbin" / "velmd")
+    libraries = re.findall(r"\(NEEDED\).*\[(.+)\]", dynamic)
+    assert libraries[0].startswith("libcrypto.so"), libraries
+
+
 def test_the_installed_headers_are_enough_for_a_c_program(installed: Path, tmp_path: Path) -> None:
     source = tmp_path / "client.c"
     headers = [name for name in INSTALLED if name.endswith(".h")]
