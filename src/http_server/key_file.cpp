@@ -8,11 +8,11 @@
 
 namespace {
 
-struct prepared_key {
-    std::string path;
-    evp_pkey_ptr key;
+struct module_state {
+    evp_pkey_ptr prepared;
+    std::string prepared_path;
 };
-prepared_key prepared;
+module_state state;
 
 evp_pkey_ptr read(const char *path)
 {
@@ -26,12 +26,13 @@ evp_pkey_ptr read(const char *path)
 
 evp_pkey_ptr http_key_file_read(const char *path)
 {
-    prepared_key before = std::exchange(prepared, {});
-    return before.key != nullptr && before.path == path ? std::move(before.key) : read(path);
+    evp_pkey_ptr prepared = std::move(state.prepared);
+    return prepared != nullptr && state.prepared_path == path ? std::move(prepared) : read(path);
 }
 
 void http_key_file_prepare(const char *path)
 {
-    prepared = {path, read(path)};
+    state.prepared = read(path);
+    state.prepared_path = path;
     ERR_clear_error();
 }
