@@ -1,7 +1,7 @@
-/* Preloaded into velmd: adds up the processor time that its password hashes take, in nanoseconds, in
- * the first eight bytes of the file VELM_ROUND_HASH. Taken from the time of a round this leaves the
- * rest. The hashes of a floor would not do: they are three quarters of a round, and what the machine
- * does to their pace would be a large part of the rest. */
+/* Preloaded into velmd and into the floor: adds up the processor time that the password hashes take, in
+ * nanoseconds, in the first eight bytes of the file VELM_ROUND_HASH. Taken from the time of a round this
+ * leaves the rest. Hashes beside the round would not do: they are three quarters of a round, and what the
+ * machine does to their pace would be a large part of the rest. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stddef.h>

@@ -7,8 +7,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-/* What the libraries that are preloaded into velmd share with the benchmark: the beginning of the file that
- * a variable of the environment names. Null when there is none. `access` is O_RDONLY or O_RDWR. */
+/* What a preloaded library shares with the benchmark: the beginning of the file that a variable of the
+ * environment names. Null when there is none. `access` is O_RDONLY or O_RDWR. */
 static void *round_page(const char *variable, size_t size, int access)
 {
     const char *name = getenv(variable);

@@ -7,7 +7,7 @@ import re
 import shutil
 import subprocess
 from collections import Counter
-from collections.abc import Iterator, Sequence
+from collections.abc import Iterator
 from pathlib import Path
 
 # Of what runs at a fiftieth of its pace.
@@ -18,12 +18,9 @@ def can_count() -> bool:
     return all(shutil.which(name) for name in ("valgrind", "callgrind_control"))
 
 
-def counting(into: Path, only_in: Sequence[str] = ()) -> list[str]:
-    """The words before a command that shall be counted; with `only_in` what those functions do."""
-    return [
-        "valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={into}",
-        *(f"--toggle-collect={name}" for name in only_in),
-    ]  # fmt: skip
+def counting(into: Path) -> list[str]:
+    """The words before a command that shall be counted."""
+    return ["valgrind", "--quiet", "--tool=callgrind", f"--callgrind-out-file={into}"]
 
 
 @contextlib.contextmanager

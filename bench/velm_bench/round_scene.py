@@ -1,23 +1,21 @@
 """A round as it happens on a device, on the loopback of one namespace: a local client asks, velmd pushes,
-a phone comes with its location, the client has the report."""
+a phone comes with its location, the client has the report. A bare program does the same with the same peers."""
 
 from __future__ import annotations
 
 import contextlib
-import json
-import os
 import struct
-import subprocess
 import tempfile
 import time
-from collections.abc import Callable, Iterator, Sequence
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
 from velm_sim.access_point import AccessPoint, Credentials
+from velm_sim.answers import Recorded
 from velm_sim.build import Build
 from velm_sim.cloud import HOSTS, Cloud
-from velm_sim.daemon import wait_until
+from velm_sim.daemon import Daemon, wait_until
 from velm_sim.etc_files import ADMIN
 from velm_sim.ipc_client import IpcClient
 from velm_sim.limits import PUSH_GAP
@@ -28,9 +26,10 @@ from . import instructions
 from .https import ordinary_hash
 from .micro import integrity_objects, required
 from .servers import ADDRESS
-from .watch import CLIENT_CORE, SERVER_CORE, cpu_us, end, next_timer_ms, page_faults, pin, wakeups
+from .watch import SERVER_CORE, cpu_us, next_timer_ms, page_faults, pin, wakeups
 
 CLOUD_ADDRESS = "127.0.1.1"
+FLOOR_PORT = 8444
 SOURCES = tuple(f"127.0.0.{host}" for host in range(2, 66))
 # velmd pushes once in that time by its clock, which is moved. There and back, so that the access
 # token, fetched before the first step, stays good.
@@ -42,44 +41,49 @@ PATIENCE_S = 10.0
 
 @dataclass(frozen=True)
 class Round:
-    """What one round cost velmd, from the request until nothing is due any more."""
+    """What one round cost the process, from the request until nothing is due any more."""
 
     cpu_us: float
-    hashes_us: float  # of it, by velmd's password hashes
+    hashes_us: float  # of it, by password hashes
     visit_cpu_us: float  # of it, from the phones' coming on
     wakeups: int
     page_faults: int
     wait_us: float  # from the phone's coming to the report, without the phone's own time
     last_report_us: float  # from the first phone's coming to the last report, all in all
 
+    @property
+    def rest_us(self) -> float:
+        return self.cpu_us - self.hashes_us
+
 
 @dataclass
 class Scene:
-    """A daemon with its phones paired and its access token at hand."""
+    """The process under measurement and its peers: velmd, with its phones paired and its access token at
+    hand, or the bare program of the floor."""
 
-    access_point: AccessPoint
+    daemon: Daemon
     cloud: Cloud
     phones: Sequence[Phone]
-    clock: Path
-    hashes: Path  # where the daemon adds up what its password hashes take
+    hashes: Path  # where the process adds up what its password hashes take
+    clock: Path | None  # what moves velmd's clock; the floor looks at none
     patience_s: float = PATIENCE_S
     _step: int = 0
 
     @property
     def pid(self) -> int:
-        return self.access_point.daemon.pid
+        return self.daemon.pid
 
     def hashes_us(self) -> float:
         return float(struct.unpack("=Q", self.hashes.read_bytes())[0]) / 1000
 
     def settle(self, longer_than_ms: int = DUE_SOON_MS) -> None:
-        """Until velmd sleeps and nothing is due soon."""
+        """Until the process sleeps and nothing is due soon."""
 
         def nothing_is_due() -> bool:
             due = next_timer_ms(self.pid)
             return due is not None and (due < 0 or due > longer_than_ms)
 
-        wait_until(nothing_is_due, self.patience_s, "velmd has something to do all the time")
+        wait_until(nothing_is_due, self.patience_s, "there is something to do all the time")
 
     def timers_left(self) -> int:
         """With no local client connected any more; 0 when velmd would sleep for ever."""
@@ -88,22 +92,18 @@ class Scene:
         return 0 if next_timer_ms(self.pid) == -1 else 1
 
     def client(self) -> contextlib.AbstractContextManager[IpcClient]:
-        return contextlib.closing(IpcClient(self.access_point.socket_path, self.patience_s))
+        return contextlib.closing(IpcClient(self.daemon.socket_path, self.patience_s))
 
     def round(
-        self, visit: Callable[[Sequence[Phone]], float] | None = None, reports: int = 1,
-        beside: Callable[[], object] = lambda: None,
-    ) -> Round:  # fmt: skip
-        """`visit` is what the phones do after the pushes; it tells how long they themselves took.
-        `beside` runs twice while velmd waits: for the push's turn, and when all is done but giving
-        memory back. Nearly all of a round is between the two."""
+        self, visit: Callable[[Sequence[Phone]], float] | None = None, reports: int = 1
+    ) -> Round:
+        """`visit` is what the phones do after the pushes; it tells how long they themselves took."""
         with self.client() as client:
             self._move_clock()
             self.settle()
             before, woken, pushed = cpu_us(self.pid), wakeups(self.pid), len(self.cloud.fcm.requests)
             hashed, faults = self.hashes_us(), page_faults(self.pid)
             client.request()
-            beside()
             gaps = PUSH_GAP * len(self.phones)
             self.cloud.fcm.wait(pushed + len(self.phones), self.patience_s + gaps)
             self.wait_for_answers()
@@ -112,7 +112,6 @@ class Scene:
             for _ in range(reports):
                 client.receive_report()
             took_us = (time.perf_counter_ns() - at) / 1000
-            beside()
             self.settle()
             return Round(
                 cpu_us(self.pid) - before, self.hashes_us() - hashed, cpu_us(self.pid) - came,
@@ -137,6 +136,8 @@ class Scene:
             )  # fmt: skip
 
     def _move_clock(self) -> None:
+        if self.clock is None:
+            return
         self._step = 2 if self._step == 1 else 1
         move_clock(self.clock, self._step * STEP_S)
         for phone in self.phones:
@@ -170,6 +171,13 @@ def come(phone: Phone) -> None:
         reply = phone.send(located, session)
         if reply.status != 200:
             raise RuntimeError(f"/location answered {reply.status}")
+
+
+def as_sent(request: Recorded) -> bytes:
+    """Byte for byte, except that the names of headers are in lower case."""
+    headers = "".join(f"{name}: {value}\r\n" for name, value in request.headers.items())
+    head = f"{request.method} {request.path} HTTP/1.1\r\n{headers}\r\n"
+    return head.encode("latin-1") + request.body
 
 
 def pair(phone: Phone) -> None:
@@ -219,13 +227,11 @@ class Setting:
             cleanup.callback(access_point.close)
             self._configure(access_point, phones)
             access_point.nvram_set({"zelkad_debug_level": "error", **(settings or {})})
-            clock, hashes = (access_point.directory / name for name in ("clock", "hashes"))
-            for file in (clock, hashes):
-                file.write_bytes(bytes(8))
+            clock, hashes = (counter(access_point.directory / name) for name in ("clock", "hashes"))
             patience_s = PATIENCE_S if profile is None else instructions.PATIENCE_S
             self._start(access_point, clock, hashes, heap, profile, patience_s)
             made = [self._phone(access_point, kind, number) for number in range(phones)]
-            scene = Scene(access_point, self.cloud, made, clock, hashes, patience_s)
+            scene = Scene(access_point.daemon, self.cloud, made, hashes, clock, patience_s)
             pair(made[0])
             self._fetch_access_token(scene)
             for phone in made[1:]:
@@ -242,6 +248,9 @@ class Setting:
             }
         )
         access_point.etc.set_hosts(dict.fromkeys(HOSTS, CLOUD_ADDRESS))
+        self._set_accounts(access_point)
+
+    def _set_accounts(self, access_point: AccessPoint) -> None:
         fields = {access_point.login.username: ordinary_hash(), "root": "*", "nobody": "*"}
         access_point.etc.set_accounts([], fields)
 
@@ -249,17 +258,18 @@ class Setting:
         self, access_point: AccessPoint, clock: Path, hashes: Path, heap: Path | None,
         profile: Path | None, patience_s: float,
     ) -> None:  # fmt: skip
-        preload = [self.programs / f"velm-round-{name}.so" for name in ("clock", "hash")]
-        environment = {"VELM_ROUND_CLOCK": str(clock), "VELM_ROUND_HASH": str(hashes)}
-        if heap:
-            preload.append(self.programs / "velm-round-heap.so")
-            environment["VELM_ROUND_HEAP"] = str(heap)
-        for library in preload:
-            required(self.programs, library.name)
-        through = pin(SERVER_CORE) + (instructions.counting(profile) if profile else [])
-        daemon = access_point.prepare(through=through, preload=preload, environment=environment)
+        watched = {"clock": clock, "hash": hashes, **({"heap": heap} if heap else {})}
+        daemon = access_point.prepare(
+            through=words_before(profile), preload=self._preload(watched),
+            environment=preload_files(watched),
+        )  # fmt: skip
         daemon.start()
         daemon.wait_until_serving(patience_s)
+
+    def _preload(self, watched: Mapping[str, Path]) -> tuple[Path, ...]:
+        return tuple(
+            Path(required(self.programs, f"velm-round-{name}.so")) for name in watched
+        )
 
     def _phone(self, access_point: AccessPoint, kind: Kind, number: int) -> Phone:
         phone: Phone = access_point.android_phone() if kind.is_android else access_point.phone()
@@ -276,48 +286,50 @@ class Setting:
             scene.wait_for_answers()
 
     @contextlib.contextmanager
-    def floor(self) -> Iterator[Callable[[], dict[str, float]]]:
-        """Each call does every piece of a round once, beside no daemon."""
-        with self.floor_process() as process:
-            yield lambda: ask(process)
-
-    @contextlib.contextmanager
-    def floor_process(self, through: Sequence[str] = ()) -> Iterator[subprocess.Popen[bytes]]:
-        """To be asked. `through` is a command that runs it."""
-        at = self.scratch / "floor"
-        at.mkdir(exist_ok=True)
-        secret = self.credentials
-        secret.server.write(at / "server_cert.pem", at / "server_key.pem")
-        secret.cloud.choices["right"].write(at / "cloud_cert.pem", at / "cloud_key.pem")
-        (at / "cloud_ca.pem").write_text(secret.cloud.authority.pem)
-        hashed = ordinary_hash()
-        files = {
-            "passwd": f"admin:{hashed}:1000:1000::/:/bin/false\n".encode(),
-            "hash": hashed.encode(),
-            "password": ADMIN.password.encode(),
-            **integrity_objects(bytes(32)),
-        }
-        for name, content in files.items():
-            (at / name).write_bytes(content)
-        cores = ("-1", "-1") if (os.cpu_count() or 1) < 2 else (str(SERVER_CORE), str(CLIENT_CORE))
-        command = [required(self.programs, "velm-round-floor"), str(at), ADDRESS, HOSTS[0], *cores]
-        process = subprocess.Popen(
-            self.network.ap.command(*through, *command), stdin=subprocess.PIPE, stdout=subprocess.PIPE
-        )
-        try:
-            yield process
-        finally:
-            end(process)
-            for stream in (process.stdin, process.stdout):
-                if stream:
-                    stream.close()
+    def floor(self, kind: Kind, profile: Path | None = None) -> Iterator[Scene]:
+        """The bare program beside a velmd that has its scene. It has a phone of its own, and sends what
+        velmd pushed last, whose access token is good."""
+        with contextlib.ExitStack() as cleanup:
+            access_point = AccessPoint(self.build, self.network, self.credentials)
+            cleanup.callback(access_point.close)
+            self._set_accounts(access_point)
+            at = access_point.directory
+            files = {
+                "push": as_sent(self.cloud.fcm.requests[-1]),
+                "password": ADMIN.password.encode(),
+                **integrity_objects(bytes(32)),
+            }
+            for name, content in files.items():
+                (at / name).write_bytes(content)
+            hashes = counter(at / "hashes")
+            patience_s = PATIENCE_S if profile is None else instructions.PATIENCE_S
+            watched = {"hash": hashes}
+            command = [
+                *words_before(profile), required(self.programs, "velm-round-floor"), str(at), ADDRESS,
+                str(FLOOR_PORT), CLOUD_ADDRESS, HOSTS[0], "token" if kind.is_android else "check",
+            ]  # fmt: skip
+            daemon = Daemon(
+                self.build, at, access_point.inside(*command), preload_files(watched), FLOOR_PORT,
+                at / "socket", preload=self._preload(watched),
+            )  # fmt: skip
+            cleanup.callback(daemon.kill)
+            daemon.start()
+            daemon.wait_until_serving(patience_s)
+            phone = self._phone(access_point, kind, 0)
+            phone.host.port = FLOOR_PORT
+            yield Scene(daemon, self.cloud, [phone], hashes, None, patience_s)
 
 
-def ask(process: subprocess.Popen[bytes]) -> dict[str, float]:
-    assert process.stdin and process.stdout
-    process.stdin.write(b"\n")
-    process.stdin.flush()
-    said: dict[str, float] = json.loads(process.stdout.readline() or "null") or {}
-    if not said:
-        raise RuntimeError("velm-round-floor ended")
-    return said
+def counter(file: Path) -> Path:
+    """Eight bytes that a preloaded library shares with us."""
+    file.write_bytes(bytes(8))
+    return file
+
+
+def preload_files(watched: Mapping[str, Path]) -> dict[str, str]:
+    return {f"VELM_ROUND_{name.upper()}": str(file) for name, file in watched.items()}
+
+
+def words_before(profile: Path | None) -> list[str]:
+    """The command that runs the process under measurement."""
+    return pin(SERVER_CORE) + (instructions.counting(profile) if profile else [])

@@ -1,5 +1,5 @@
-"""velm-bench round: what a whole round costs velmd, beside what its arithmetic and its system calls cost by
-themselves in the same run."""
+"""velm-bench round: what a whole round costs velmd, beside what it costs a bare program that has the same peers
+in the same run."""
 
 from __future__ import annotations
 
@@ -20,7 +20,7 @@ from velm_sim.phone import Phone
 
 from . import instructions
 from .figures import Figure, Verdict, at_most, number, ratio_at_most, table
-from .round_scene import APP_ATTEST, PLAY_INTEGRITY, Kind, Round, Scene, Setting, ask, come
+from .round_scene import APP_ATTEST, PLAY_INTEGRITY, Kind, Round, Scene, Setting, come
 from .watch import CLIENT_CORE, calls_by_name, traced
 
 MANY = 10  # phones
@@ -44,42 +44,21 @@ HEAP_WARM_UP = 2  # what is kept for good has come by then
 
 
 @dataclass(frozen=True)
-class Pieces:
-    """The floor of one round."""
-
-    hashes_us: float
-    rest_us: float
-    signing_only_us: float  # the rest with one bare signing in place of the server's connection
-
-    @classmethod
-    def of(cls, said: dict[str, float], kind: Kind) -> Pieces:
-        proof = said["token_us"] if kind.is_android else said["check_us"]
-        beside = said["client_connection_us"] + proof + said["calls_us"]
-        return cls(
-            said["hashes_us"], said["server_connection_us"] + beside, said["signing_us"] + beside
-        )
-
-    @property
-    def all_us(self) -> float:
-        return self.hashes_us + self.rest_us
-
-    def between(self, other: Pieces) -> Pieces:
-        return Pieces(
-            (self.hashes_us + other.hashes_us) / 2, (self.rest_us + other.rest_us) / 2,
-            (self.signing_only_us + other.signing_only_us) / 2,
-        )  # fmt: skip
-
-
-@dataclass(frozen=True)
 class Turn:
-    """A round, and its floor from right before and right after its work."""
+    """A round of velmd, and those of the bare program right before and right after it. A machine that does
+    other things changes its pace within seconds, so a round is compared with these two only."""
 
     round: Round
-    floor: Pieces
+    before: Round
+    after: Round
 
     @property
-    def rest_us(self) -> float:
-        return self.round.cpu_us - self.round.hashes_us
+    def floor_us(self) -> float:
+        return (self.before.cpu_us + self.after.cpu_us) / 2
+
+    @property
+    def floor_rest_us(self) -> float:
+        return (self.before.rest_us + self.after.rest_us) / 2
 
 
 @dataclass(frozen=True)
@@ -99,6 +78,7 @@ class Counts:
     """What must be counted by runs of their own, since counting takes time."""
 
     calls: Counter[str]
+    floor_calls: Counter[str]
     rounds: int
     timers_left: int
     heap_bytes: float  # taken by a round
@@ -106,28 +86,22 @@ class Counts:
     heap_more: int  # held after the last round, beyond what was held after the first
     instructions: Instructions | None  # None without callgrind
 
-    @property
-    def calls_per_round(self) -> float:
-        return self.calls.total() / self.rounds
-
 
 def median(values: Sequence[float]) -> float:
     return statistics.median(values)
 
 
-def turn(scene: Scene, floor: Callable[[], dict[str, float]], kind: Kind) -> Turn:
-    """A machine that does other things changes its pace within seconds. So a round is compared with the
-    floors from within it only."""
-    floors: list[Pieces] = []
-    made = scene.round(beside=lambda: floors.append(Pieces.of(floor(), kind)))
-    before, after = floors
-    return Turn(made, before.between(after))
-
-
-def measure(
-    scene: Scene, floor: Callable[[], dict[str, float]], kind: Kind, count: int
-) -> list[Turn]:
-    return [turn(scene, floor, kind) for _ in range(WARM_UP + count)][WARM_UP:]
+def measure(scene: Scene, floor: Scene, count: int) -> list[Turn]:
+    """They take turns: one sleeps while the other has its round."""
+    for _ in range(WARM_UP):
+        scene.round()
+    floors = [floor.round() for _ in range(WARM_UP + 1)][WARM_UP:]
+    turns = []
+    for _ in range(count):
+        made = scene.round()
+        floors.append(floor.round())
+        turns.append(Turn(made, *floors[-2:]))
+    return turns
 
 
 def median_ratio(pairs: Iterable[tuple[float, float]]) -> tuple[float, float, str]:
@@ -176,21 +150,18 @@ def count_heap(
 def count_instructions(setting: Setting, kind: Kind, rounds: int) -> Instructions | None:
     if not instructions.can_count():
         return None
-    profile, found = setting.scratch / "velmd.callgrind", Instructions(Counter(), Counter())
-    with setting.scene(kind, profile=profile) as scene:
-        for _ in range(HEAP_WARM_UP):
-            scene.round()
-        with instructions.counted(scene.pid, profile, found.velmd):
-            for _ in range(rounds):
-                scene.round()
-    proof = "round_floor_counted_token" if kind.is_android else "round_floor_counted_check"
-    profile = setting.scratch / "floor.callgrind"
-    through = instructions.counting(profile, ["round_floor_counted", proof])
-    with setting.floor_process(through) as process:
-        ask(process)
-        with instructions.counted(process.pid, profile, found.floor):
-            for _ in range(rounds):
-                ask(process)
+    found = Instructions(Counter(), Counter())
+    profiles = [setting.scratch / f"{name}.callgrind" for name in ("velmd", "floor")]
+    with (
+        setting.scene(kind, profile=profiles[0]) as scene,
+        setting.floor(kind, profile=profiles[1]) as floor,
+    ):
+        for one, profile, into in zip((scene, floor), profiles, (found.velmd, found.floor), strict=True):
+            for _ in range(HEAP_WARM_UP):
+                one.round()
+            with instructions.counted(one.pid, profile, into):
+                for _ in range(rounds):
+                    one.round()
     for counted in (found.velmd, found.floor):
         for name in counted:
             counted[name] //= rounds
@@ -198,28 +169,29 @@ def count_instructions(setting: Setting, kind: Kind, rounds: int) -> Instruction
 
 
 def of_kind(setting: Setting, kind: Kind, extent: Extent) -> list[Figure]:
-    with setting.scene(kind) as scene, setting.floor() as floor:
-        turns = measure(scene, floor, kind, extent.rounds)
-        calls = count_calls(scene, setting.scratch, extent.traced)
+    with setting.scene(kind) as scene, setting.floor(kind) as floor:
+        turns = measure(scene, floor, extent.rounds)
+        calls, floor_calls = (
+            count_calls(one, setting.scratch, extent.traced) for one in (scene, floor)
+        )
         timers = scene.timers_left()
     taken, blocks, more = count_heap(setting, kind, extent.counted)
     counted = count_instructions(setting, kind, extent.counted)
-    counts = Counts(calls, extent.traced, timers, taken, blocks, more, counted)
+    counts = Counts(calls, floor_calls, extent.traced, timers, taken, blocks, more, counted)
     return list(figures(kind, turns, counts))
 
 
 def figures(kind: Kind, turns: Sequence[Turn], counts: Counts) -> Iterator[Figure]:
     what = f"round, {kind.name}"
     rest = f"{what}, without two hashes"
-    spent, bare, spread = median_ratio((one.round.cpu_us, one.floor.all_us) for one in turns)
+    spent, bare, spread = median_ratio((one.round.cpu_us, one.floor_us) for one in turns)
     yield Figure(what, "us CPU", spent, "its floor", bare, ratio_at_most(1.10), spread)
-    spent, bare, spread = median_ratio((one.rest_us, one.floor.rest_us) for one in turns)
+    spent, bare, spread = median_ratio((one.round.rest_us, one.floor_rest_us) for one in turns)
     yield Figure(rest, "us CPU", spent, "its floor", bare, ratio_at_most(1.5), spread)
-    spent, bare, _ = median_ratio((one.rest_us, one.floor.signing_only_us) for one in turns)
-    yield Figure(rest, "us CPU", spent, "floor, a signing for a handshake", bare)
     yield from instruction_figures(what, rest, counts.instructions)
     rounds = [one.round for one in turns]
-    yield Figure(f"{what}: system calls", "", counts.calls_per_round)
+    calls, bare = (made.total() / counts.rounds for made in (counts.calls, counts.floor_calls))
+    yield Figure(f"{what}: system calls", "", calls, "its floor", bare)
     yield Figure(f"{what}: taken from the heap", "bytes", counts.heap_bytes)
     yield Figure(f"{what}: taken from the heap", "blocks", counts.heap_blocks)
     yield Figure(f"{what}: wake-ups", "", median([one.wakeups for one in rounds]))
@@ -347,11 +319,11 @@ def parts(setting: Setting, extent: Extent) -> list[Part]:
 
 
 @contextlib.contextmanager
-def own_core() -> Iterator[None]:
-    """Phones and cloud run in this process: it leaves the daemon's core alone."""
+def on_core(core: int) -> Iterator[None]:
+    """This thread, and what it starts meanwhile."""
     before = os.sched_getaffinity(0)
-    if len(before) > 1:
-        os.sched_setaffinity(0, {CLIENT_CORE})
+    if (os.cpu_count() or 1) > 1:
+        os.sched_setaffinity(0, {core})
     try:
         yield
     finally:
@@ -361,7 +333,7 @@ def own_core() -> Iterator[None]:
 @contextlib.contextmanager
 def prepared(build: Build) -> Iterator[Setting]:
     with contextlib.ExitStack() as cleanup:
-        cleanup.enter_context(own_core())
+        cleanup.enter_context(on_core(CLIENT_CORE))  # phones and cloud are in this process
         yield Setting(build, cleanup)
 
 

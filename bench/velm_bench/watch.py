@@ -56,11 +56,15 @@ def page_faults(pid: int) -> int:
 
 # Of the machines that Linux knows: x86-64 has both of them, arm64 the second.
 _WAITS = {"epoll_wait": ("232",), "epoll_pwait": ("281", "22")}
+_RECEIVES = ("45", "207")  # recvfrom, without a limit
 
 
 def next_timer_ms(pid: int) -> int | None:
-    """How long an event loop that sleeps may sleep at most; -1 for ever, None when it does not sleep."""
+    """How long a process that waits for whatever comes next may sleep at most; -1 for ever, None when it
+    does not wait. An event loop waits in epoll, the bare program of a round's floor in recvfrom."""
     words = Path(f"/proc/{pid}/syscall").read_text().split()
+    if words[0] in _RECEIVES:
+        return -1
     if words[0] not in {number for numbers in _WAITS.values() for number in numbers}:
         return None
     return ctypes.c_int32(int(words[4], 16) & 0xFFFFFFFF).value

@@ -95,8 +95,7 @@ def test_so_many_bssids_are_set(count: int, radios: int) -> None:
 def setting(pytestconfig: pytest.Config) -> Iterator[Setting]:
     build = Build(pytestconfig.getoption("--build"))
     for name in (
-        "velm-https-load", "velm-load", "velm-round-floor", "velm-round-clock.so",
-        "velm-round-hash.so",
+        "velm-https-load", "velm-load", "velm-round-clock.so", "velm-round-hash.so",
     ):  # fmt: skip
         if not build.program(name).exists():
             pytest.skip(f"{name}, which scripts/bench.sh builds, is not there")
@@ -114,8 +113,7 @@ def test_a_try_on_a_slow_core_counts_at_the_pace_of_a_quick_one(setting: Setting
 
 def test_a_point_has_all_four_costs(setting: Setting) -> None:
     extent = growth.Extent(1, 1, 2, 0.1, 50, {})
-    with growth.meter(setting, extent) as meter:
-        made = list(growth.with_connections(meter, 20))
+    made = list(growth.with_connections(growth.meter(setting, extent), 20))
     assert [point.what for point in made] == ["round", "phone's part of it", "/info", "search"]
     assert {(point.axis, point.count) for point in made} == {(growth.CONNECTIONS, 20)}
     for point in made:

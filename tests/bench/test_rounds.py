@@ -1,78 +1,63 @@
-"""velm-bench round: what it counts is what a daemon did, and its floor does the work that it names."""
+"""velm-bench round: what it counts is what a daemon did, and it is compared with what was measured beside it."""
 
 from __future__ import annotations
 
 import contextlib
+import os
 import shutil
 import subprocess
 import sys
 from collections import Counter
 from collections.abc import Iterator
+from dataclasses import replace
 from pathlib import Path
 
 import pytest
 from velm_bench import rounds
 from velm_bench.figures import Figure, Verdict
-from velm_bench.instructions import by_library, can_count, counted, counting
+from velm_bench.instructions import by_library
 from velm_bench.round_scene import (
     APP_ATTEST,
     PLAY_INTEGRITY,
     Kind,
     Round,
     Setting,
-    ask,
     move_clock,
 )
-from velm_bench.watch import calls_by_name, next_timer_ms, traced
-from velm_sim.build import Build
+from velm_bench.watch import CLIENT_CORE, SERVER_CORE, calls_by_name, next_timer_ms, traced
 from velm_sim.daemon import wait_until
-
-PIECES = {
-    "hashes_us": 7000.0, "server_connection_us": 300.0, "client_connection_us": 900.0,
-    "signing_us": 50.0, "check_us": 100.0, "token_us": 150.0, "calls_us": 400.0,
-}  # fmt: skip
-
-
-@pytest.fixture(scope="module")
-def setting(pytestconfig: pytest.Config) -> Iterator[Setting]:
-    build = Build(pytestconfig.getoption("--build"))
-    for name in (
-        "velm-round-floor", "velm-round-clock.so", "velm-round-hash.so", "velm-round-heap.so",
-    ):
-        if not build.program(name).exists():
-            pytest.exit(f"{build.program(name)} is not built", returncode=2)
-    with contextlib.ExitStack() as cleanup:
-        yield Setting(build, cleanup)
-
 
 # The arithmetic.
 
 
 def counts(**changes: object) -> rounds.Counts:
-    made = {
-        "calls": Counter(epoll_wait=30, ioctl=170), "rounds": 2, "timers_left": 0,
+    members = {
+        "calls": Counter(epoll_wait=30, ioctl=170), "floor_calls": Counter(read=50), "rounds": 2,
+        "timers_left": 0,
         "heap_bytes": 4e5, "heap_blocks": 4e3, "heap_more": 0, "instructions": None, **changes,
     }  # fmt: skip
-    return rounds.Counts(**made)  # type: ignore[arg-type]
+    return rounds.Counts(**members)  # type: ignore[arg-type]
 
 
-HASHES_US = 7000.0
+HASHES_US, FLOOR_US = 7000.0, 8700.0
 
 
-def turn(spent_us: float, kind: Kind = APP_ATTEST, pace: float = 1.0) -> rounds.Turn:
+def made(spent_us: float, pace: float = 1.0) -> Round:
     """On a machine that takes `pace` times as long."""
-    made = rounds.Pieces.of({name: pace * value for name, value in PIECES.items()}, kind)
     spent_us *= pace
-    return rounds.Turn(Round(spent_us, pace * HASHES_US, spent_us, 12, 15, 9000, 12000), made)
+    return Round(spent_us, pace * HASHES_US, spent_us, 12, 15, 9000, 12000)
 
 
-def judged(spent_us: float, kind: Kind = APP_ATTEST, **changes: object) -> dict[str, Figure]:
-    made = rounds.figures(kind, [turn(spent_us, kind)], counts(**changes))
-    # The first of a name is the one with a target.
-    found: dict[str, Figure] = {}
-    for figure in made:
-        found.setdefault(figure.what, figure)
-    return found
+def turn(spent_us: float, pace: float = 1.0) -> rounds.Turn:
+    return rounds.Turn(made(spent_us, pace), made(FLOOR_US, pace), made(FLOOR_US, pace))
+
+
+def judged(spent_us: float, **changes: object) -> dict[str, Figure]:
+    return {
+        figure.what: figure
+        for figure in rounds.figures(APP_ATTEST, [turn(spent_us)], counts(**changes))
+        if figure.unit != "million instructions"
+    }
 
 
 @pytest.mark.parametrize(
@@ -94,15 +79,12 @@ def test_a_round_is_held_against_its_floor_with_and_without_the_hashes(
     assert found["round, App Attest, without two hashes"].verdict is without
 
 
-def test_the_floor_of_an_android_phone_has_its_token_in_place_of_the_check() -> None:
-    assert judged(9000, PLAY_INTEGRITY)["round, Play Integrity"].peer_value == 8750
-
-
 def test_a_timer_or_a_byte_that_is_left_misses_the_target() -> None:
     found = judged(9000)
     assert found["round, App Attest: timers left"].verdict is Verdict.HELD
     assert found["round, App Attest: more on the heap"].verdict is Verdict.HELD
-    assert found["round, App Attest: system calls"].value == 100
+    calls = found["round, App Attest: system calls"]
+    assert (calls.value, calls.peer_value) == (100, 25)
     found = judged(9000, timers_left=1, heap_more=1)
     assert found["round, App Attest: timers left"].verdict is Verdict.MISSED
     assert found["round, App Attest: more on the heap"].verdict is Verdict.MISSED
@@ -119,9 +101,9 @@ def test_what_a_round_leaves_behind_is_told() -> None:
 def test_a_round_is_compared_with_the_floor_from_beside_it_and_the_median_counts() -> None:
     """The machine's pace is another in each; once only the round was disturbed, once only its floor."""
     turns = [turn(9550, pace=pace) for pace in (1.0, 1.7, 2.5)]
-    disturbed = turn(9550)
-    turns.append(rounds.Turn(turn(15000).round, disturbed.floor))
-    turns.append(rounds.Turn(disturbed.round, turn(9550, pace=1.3).floor))
+    usual = turn(9550)
+    turns.append(replace(usual, round=made(15000)))
+    turns.append(replace(usual, before=made(FLOOR_US, pace=1.3)))
     found = list(rounds.figures(APP_ATTEST, turns, counts()))
     assert found[0].ratio == pytest.approx(9550 / 8700)
     assert found[1].ratio == pytest.approx(1.5)
@@ -129,23 +111,45 @@ def test_a_round_is_compared_with_the_floor_from_beside_it_and_the_median_counts
 
 
 def test_a_floor_is_the_mean_of_two() -> None:
-    one, other = turn(9000).floor, turn(9000, pace=3.0).floor
-    assert one.between(other) == turn(9000, pace=2.0).floor
+    one = rounds.Turn(made(9000), made(FLOOR_US), made(FLOOR_US, pace=3.0))
+    assert one.floor_us == 2 * FLOOR_US
+    assert one.floor_rest_us == 2 * (FLOOR_US - HASHES_US)
+
+
+class Rounds:
+    """Stands for a scene: whose turn it was is written down."""
+
+    def __init__(self, name: str, turns: list[str]) -> None:
+        self.name, self.turns = name, turns
+
+    def round(self) -> Round:
+        self.turns.append(self.name)
+        return made(float(len(self.turns)))
+
+
+def test_velmd_and_its_floor_take_turns() -> None:
+    turns: list[str] = []
+    velmd, floor = Rounds("velmd", turns), Rounds("floor", turns)
+    found = rounds.measure(velmd, floor, 3)  # type: ignore[arg-type]
+    assert turns == ["velmd", "floor", *("floor", "velmd") * 3, "floor"]
+    assert [(one.before.cpu_us, one.round.cpu_us, one.after.cpu_us) for one in found] == [
+        (3, 4, 5), (5, 6, 7), (7, 8, 9),
+    ]  # fmt: skip
 
 
 def test_instructions_are_compared_with_and_without_the_hashes() -> None:
     velmd = Counter({"libcrypt.so.1.1.0": 86_000_000, "libcrypto.so.3": 8_000_000, "velmd": 400_000})
     floor = Counter({"libcrypt.so.1.1.0": 86_000_000, "libcrypto.so.3": 7_000_000})
-    made = rounds.figures(
+    figures = rounds.figures(
         APP_ATTEST, [turn(9000)], counts(instructions=rounds.Instructions(velmd, floor))
     )
-    found = [(one.value, one.peer_value) for one in made if one.unit == "million instructions"]
+    found = [(one.value, one.peer_value) for one in figures if one.unit == "million instructions"]
     assert found == [(94.4, 93.0), (8.4, 7.0)]
 
 
 def test_without_callgrind_the_instructions_are_not_measured() -> None:
-    made = rounds.figures(APP_ATTEST, [turn(9000)], counts())
-    assert [one.verdict for one in made if one.unit == "million instructions"] == [
+    figures = rounds.figures(APP_ATTEST, [turn(9000)], counts())
+    assert [one.verdict for one in figures if one.unit == "million instructions"] == [
         Verdict.NOT_MEASURED
     ]
 
@@ -154,8 +158,8 @@ def test_many_phones_are_compared_with_the_visits_beside_them_and_the_worst_coun
     def crowd(last_us: float, pace: float) -> rounds.Crowd:
         return rounds.Crowd(Round(8e4, 7e4, 8e4, 12, 15, 1, pace * last_us), pace * 9e3, pace * 8e3)
 
-    made = [crowd(72_000, 1.0), crowd(81_000, 2.0), crowd(72_000, 3.0)]
-    found = rounds.crowd_figures(made, made[0].together)
+    crowds = [crowd(72_000, 1.0), crowd(81_000, 2.0), crowd(72_000, 3.0)]
+    found = rounds.crowd_figures(crowds, crowds[0].together)
     assert found[0].ratio == pytest.approx(0.9)
     assert found[0].verdict is Verdict.HELD
     assert found[0].note == "the median 0.80"
@@ -205,22 +209,6 @@ def test_instructions_are_counted_for_the_library_that_ran_them() -> None:
     assert by_library(PROFILE) == Counter({"velmd": 129, "libc.so.6": 4999})
 
 
-@pytest.mark.skipif(not can_count(), reason="valgrind, which scripts/bench.sh installs, is not there")
-def test_the_floor_is_counted_by_its_daemons_part_alone(setting: Setting) -> None:
-    """Two hashes, by which the rest is known to be there, and neither the check nor the other ends."""
-    found: dict[str, Counter[str]] = {}
-    for name in ("round_floor_counted", "round_floor_counted_check"):
-        profile = setting.scratch / name
-        found[name] = Counter()
-        with setting.floor_process(counting(profile, [name])) as process:
-            with counted(process.pid, profile, found[name]):
-                ask(process)
-    whole, check = found.values()
-    assert 60e6 < whole["libcrypt.so.1.1.0"] < 120e6
-    assert whole["libssl.so.3"] > 50_000 and "libssl.so.3" not in check
-    assert 300_000 < check.total() < 3_000_000 < rounds.Instructions.without_hashes(whole) < 20e6
-
-
 def test_calls_are_counted_by_name_without_the_one_that_was_under_way() -> None:
     trace = (
         "7 epoll_wait(3, [], 32, 1000) = 0\n"
@@ -260,6 +248,29 @@ def test_when_the_next_timer_is_due_is_read_from_outside(timeout: str, wanted: i
         wait_until(lambda: next_timer_ms(process.pid) == wanted, 5, "the timer is not seen")
 
 
+@pytest.mark.parametrize(("call", "wanted"), [("one.recv(1)", -1), ("os.read(one.fileno(), 1)", None)])
+def test_of_a_bare_program_that_waits_recv_alone_is_known(call: str, wanted: int | None) -> None:
+    """Its other waits belong to a round."""
+    script = f"import os, socket; one, other = socket.socketpair(); print(flush=True); {call}"
+    with subprocess.Popen([sys.executable, "-c", script], stdout=subprocess.PIPE) as process:
+        try:
+            assert process.stdout and process.stdout.readline()
+            state = Path(f"/proc/{process.pid}/stat")
+            wait_until(lambda: state.read_text().split()[2] == "S", 5, "it does not sleep")
+            assert next_timer_ms(process.pid) == wanted
+        finally:
+            process.kill()
+
+
+def test_a_thread_stays_on_a_core_for_as_long_as_it_is_told() -> None:
+    if (os.cpu_count() or 1) < 2:
+        pytest.skip("one core")
+    before = os.sched_getaffinity(0)
+    with rounds.on_core(CLIENT_CORE), rounds.on_core(SERVER_CORE):
+        assert os.sched_getaffinity(0) == {SERVER_CORE}
+    assert os.sched_getaffinity(0) == before
+
+
 def test_a_traced_process_shows_each_call(tmp_path: Path) -> None:
     if not shutil.which("strace"):
         pytest.skip("strace, which scripts/bench.sh installs, is not there")
@@ -276,48 +287,18 @@ def test_a_traced_process_shows_each_call(tmp_path: Path) -> None:
     assert (found["getppid"], found["read"]) == (3, 3)
 
 
-# The floor.
-
-
-def test_the_floor_does_every_piece_each_time(setting: Setting) -> None:
-    with setting.floor() as floor:
-        said = [floor(), floor()]
-    for one in said:
-        assert set(one) == set(PIECES)
-        assert min(one.values()) > 5, "each of them takes some microseconds"
-    # Two hashes of 5000 rounds are milliseconds, and a check takes longer than to sign.
-    assert said[1]["hashes_us"] > 1000 > said[1]["check_us"] / 10
-    assert said[1]["client_connection_us"] > said[1]["check_us"]
-
-
-def test_a_floor_with_another_password_fails(setting: Setting) -> None:
-    with setting.floor():
-        at = setting.scratch / "floor"
-        (at / "password").write_text("another")
-        done = subprocess.run(
-            [str(setting.build.program("velm-round-floor")), str(at), "192.168.1.1",
-             "fcm.googleapis.com", "-1", "-1"],
-            input="\n", capture_output=True, text=True, timeout=20,
-        )  # fmt: skip
-    assert (done.returncode, done.stdout) == (1, "")
-    assert "the password has another hash" in done.stderr
-
-
 # A daemon.
 
 
 @pytest.mark.parametrize("kind", [APP_ATTEST, PLAY_INTEGRITY], ids=lambda kind: kind.name)
 def test_rounds_follow_one_another_within_the_minute(setting: Setting, kind: Kind) -> None:
     with setting.scene(kind) as scene:
-        beside: list[float] = []
-        one = scene.round(beside=lambda: beside.append(scene.hashes_us()))
+        one = scene.round()
         assert scene.timers_left() == 0
         assert len(scene.cloud.token.requests) == 1, "the access token was at hand"
         assert len(scene.cloud.fcm.requests) == 2
     assert 0 < one.hashes_us < one.visit_cpu_us < one.cpu_us
     assert one.hashes_us > one.cpu_us / 4, "most of a round are its two hashes"
-    # Before the phone came and after it.
-    assert len(beside) == 2 and beside[1] - beside[0] == pytest.approx(one.hashes_us)
     assert 0 < one.wait_us <= one.last_report_us
     assert one.wakeups > 0 and one.page_faults > 0
 
@@ -331,9 +312,9 @@ def test_of_the_heap_of_a_round_no_byte_is_left(setting: Setting) -> None:
 
 def test_phones_that_come_together_are_all_heard(setting: Setting) -> None:
     with setting.scene(APP_ATTEST, phones=3) as scene:
-        made = scene.visits(rounds.all_phones, reports=3)
-    assert 0 < made.cpu_us
-    assert made.last_report_us > 0
+        seen = scene.visits(rounds.all_phones, reports=3)
+    assert 0 < seen.cpu_us
+    assert seen.last_report_us > 0
 
 
 def test_a_moved_clock_stays_in_its_file(tmp_path: Path) -> None:
