@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <charconv>
+#include <cstdint>
 
 std::optional<sockaddr_in> ssdp_address_parse(const std::string &text)
 {
