@@ -1,16 +1,30 @@
 #!/usr/bin/env bash
-# Does the oldest toolchain that docs/porting.md promises build velmd, and does it work with the oldest
-# libraries? Makes a Debian 11 below build/old, builds there (GCC 10, CMake 3.18, OpenSSL 1.1.1, libcbor
-# 0.5, cjose 0.6.1), runs the unit tests there and the demo with the programs from there. For a Debian 12,
+# Does velmd build and work on another Debian? Debian 11 has the oldest toolchain and libraries that
+# docs/porting.md promises: GCC 10, CMake 3.18, OpenSSL 1.1.1, libcbor 0.5, cjose 0.6.1. Debian 13 has newer
+# ones than this machine: GCC 14, OpenSSL 3.5. Makes that Debian below build/debian-NUMBER, builds all
+# programs there, runs the unit tests there and the demo with the programs from there. For a Debian 12,
 # as root. The root is kept for the next time; --anew makes a new one.
 # The last line says "N passed, N failed"; the exit status is 0 only when nothing failed.
 #
-# usage: scripts/old-openssl.sh [--anew] [MIRROR]     MIRROR: of Debian 11, if it is not this machine's
+# usage: scripts/other-debian.sh [--anew] 11|13 [MIRROR]     MIRROR: of that Debian, if it is not this machine's
 set -u
 cd "$(dirname "$0")/.." || exit 1
 
+anew=
+if [ "${1:-}" = --anew ]; then
+    anew=yes
+    shift
+fi
+case "${1:-}" in
+    11) release=bullseye bench=OFF ;; # Google Benchmark is too old there
+    13) release=trixie bench=ON ;;
+    *)
+        echo "usage: $0 [--anew] 11|13 [MIRROR]" >&2
+        exit 2
+        ;;
+esac
 source_root=$PWD
-out=$PWD/build/old
+out=$PWD/build/debian-$1
 root=$out/root
 build=$out/build
 results=$out/test-results
@@ -19,14 +33,10 @@ packages=(
     libcjose-dev libjansson-dev libcjson-dev libcrypt-dev libgtest-dev libgmock-dev
     openssl procps
 )
+[ "$bench" = OFF ] || packages+=(libbenchmark-dev)
 # shellcheck source=/dev/null
 . scripts/steps.sh
 
-anew=
-if [ "${1:-}" = --anew ]; then
-    anew=yes
-    shift
-fi
 if [ "$(id -u)" -ne 0 ]; then
     echo "A root is made and entered: run it as root." >&2
     exit 1
@@ -44,8 +54,8 @@ make_root() { # MIRROR
     rm -rf "$root"
     local wanted
     wanted=$(IFS=, && echo "${packages[*]}")
-    quietly "$out/root.log" mmdebstrap --variant=essential --include="$wanted" bullseye "$root" \
-        "deb ${1:-$(debian_mirror)} bullseye main" || return
+    quietly "$out/root.log" mmdebstrap --variant=essential --include="$wanted" "$release" "$root" \
+        "deb ${1:-$(debian_mirror)} $release main" || return
     touch "$root/complete"
 }
 
@@ -59,6 +69,7 @@ inside() { # COMMAND...
         mkdir -p "$build"
         mount --bind "$root" "$root" # tests change how the root is mounted
         mount -t proc proc "$root/proc"
+        mount -t sysfs -o ro sysfs "$root/sys"
         mount --rbind /dev "$root/dev"
         mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
         mkdir -p "$root$sources" # only now: the clone may lie in /tmp
@@ -80,7 +91,7 @@ versions() {
 
 compile() {
     quietly "$results/configure.log" inside cmake -S . -B "$build" -G Ninja \
-        -DCMAKE_BUILD_TYPE=Release -DVELM_BENCH=OFF &&
+        -DCMAKE_BUILD_TYPE=Release -DVELM_BENCH=$bench &&
         quietly "$results/build.log" inside cmake --build "$build" -j "$(nproc)" -- -k 0
 }
 
@@ -93,7 +104,7 @@ unit() {
     unit_results "$results/unit.log" "$build" "$status"
 }
 
-# The phones and the cloud need a newer Python than the root has, so they run here. The programs run here
+# The phones and the cloud need a newer Python than Debian 11 has, so they run here. The programs run here
 # as well, but with the root's loader and libraries.
 demo() {
     local program loader
@@ -113,7 +124,7 @@ demo() {
 }
 
 step "install what is missing" tools || finish
-step "make a Debian 11" make_root "$@" || finish
+step "make a Debian $1" make_root "${@:2}" || finish
 step "what it has" versions
 step "build all programs and tests" compile
 step "unit tests" unit
