@@ -25,7 +25,7 @@ from .figures import Figure, Target, ratio_at_most
 
 PACKAGE = "com.norvale.afc"
 # Of pairs that velm-micro names NAME/velmd and NAME/bare.
-RATIOS = {"attest": 1.25, "assert": 1.10, "integrity": 1.15}
+RATIOS = {"attest": 1.10, "assert": 1.02, "integrity": 1.05}
 
 
 class MissingProgram(RuntimeError):
