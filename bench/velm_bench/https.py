@@ -43,7 +43,7 @@ class Extent:
     micro_seconds: float
 
 
-FULL = Extent(12, 0.4, 320, 40, 15, 0.3)
+FULL = Extent(12, 0.4, 320, 40, 60, 0.3)
 QUICK = Extent(1, 0.3, 48, 6, 3, 0.02)
 
 
