@@ -24,6 +24,7 @@ from velm_sim.app_attest import (
 from .figures import Figure, Target, ratio_at_most
 
 PACKAGE = "com.norvale.afc"
+TRIES = 5  # in turn: whatever else the machine does makes one only slower
 # Of pairs that velm-micro names NAME/velmd and NAME/bare.
 RATIOS = {"attest": 1.10, "assert": 1.02, "integrity": 1.05}
 
@@ -45,20 +46,21 @@ def required(programs: Path, name: str) -> str:
 def micro(programs: Path, seconds: float) -> list[Figure]:
     command = [
         required(programs, "velm-micro"), "--benchmark_format=json",
-        f"--benchmark_min_time={seconds}",
+        f"--benchmark_min_time={seconds}", f"--benchmark_repetitions={TRIES}",
+        "--benchmark_enable_random_interleaving=true",
     ]  # fmt: skip
     done = subprocess.run(command, capture_output=True, text=True, timeout=180, check=True)
     return micro_figures(json.loads(done.stdout))
 
 
 def micro_figures(said: dict[str, Any]) -> list[Figure]:
-    """Pairs side by side, every other benchmark alone."""
+    """The best try of each. Pairs side by side, every other benchmark alone."""
     to_us = {"ns": 1e-3, "us": 1.0, "ms": 1e3, "s": 1e6}
-    times = {
-        one["name"]: one["cpu_time"] * to_us[one["time_unit"]]
-        for one in said["benchmarks"]
-        if one.get("run_type", "iteration") == "iteration"
-    }
+    times: dict[str, float] = {}
+    for one in said["benchmarks"]:
+        if one.get("run_type", "iteration") == "iteration":
+            time_us = one["cpu_time"] * to_us[one["time_unit"]]
+            times[one["name"]] = min(time_us, times.get(one["name"], time_us))
     return list(_paired(times))
 
 
@@ -162,14 +164,21 @@ def operation_us(programs: Path, kind: str, objects: Path, times: int) -> float:
 
 def verifications(programs: Path, scratch: Path, seconds: float) -> list[Figure]:
     objects = make_objects(scratch / "objects")
-    p384, p256 = verify_us("ecdsap384", seconds * 3), verify_us("ecdsap256", seconds * 3)
     times = max(round(seconds * 1000), 20)
+    bare_us: dict[str, list[float]] = {"ecdsap384": [], "ecdsap256": []}
+    own_us: dict[str, list[float]] = {"attest": [], "assert": [], "integrity": []}
+    for _ in range(TRIES):
+        for curve, tries in bare_us.items():
+            tries.append(verify_us(curve, seconds))
+        for kind, tries in own_us.items():
+            tries.append(operation_us(programs, kind, objects, times))
+    p384, p256 = min(bare_us["ecdsap384"]), min(bare_us["ecdsap256"])
     rows: tuple[tuple[str, str, str, float, Target | None], ...] = (
         ("attest", "attestation", "2 openssl ecdsap384", 2 * p384, ratio_at_most(1.25)),
         ("assert", "assertion", "openssl ecdsap256", p256, ratio_at_most(1.10)),
         ("integrity", "integrity token and verdict", "openssl ecdsap256", p256, None),
     )
     return [
-        Figure(what, "us CPU", operation_us(programs, kind, objects, times), peer, bare, target)
+        Figure(what, "us CPU", min(own_us[kind]), peer, bare, target)
         for kind, what, peer, bare, target in rows
     ]

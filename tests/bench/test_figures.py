@@ -131,7 +131,9 @@ def test_micro_benchmarks_are_paired_by_name() -> None:
     found = micro_figures(
         {
             "benchmarks": [
+                one("assert/velmd", 120.0, "us"),
                 one("assert/velmd", 110.0, "us"),
+                one("assert/velmd", 130.0, "us"),
                 one("assert/bare", 0.1, "ms"),
                 one("log/disabled", 2.0, "ns"),
                 {**one("assert/velmd_mean", 1.0, "us"), "run_type": "aggregate"},
