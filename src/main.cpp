@@ -2,6 +2,7 @@
 #include <nvram.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -145,12 +146,20 @@ void override_bssids(velm_config &config)
     config.bssids_list = std::move(bssids);
 }
 
+/// The command that prints the LAN address is three programs, and may have no core but ours: it would wait until
+/// our time slice is over, and the servers for it.
+void let_command_run()
+{
+    sched_yield();
+}
+
 void init_tls_library()
 {
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
+    let_command_run();
     RAND_poll();
 }
 
@@ -159,14 +168,17 @@ void prepare_https_client()
     http_client_prepare_ssl(process.config->http_client_ca_cert_path);
 }
 
-/// What takes milliseconds and needs no LAN address.
+/// What takes milliseconds and needs no LAN address, while the command that prints it runs.
 void prepare_servers()
 {
     init_tls_library();
+    let_command_run();
     prepare_https_client();
+    let_command_run();
     if (process.config->http_server_port != 0) {
         http_key_file_prepare(process.config->http_server_key_path);
     }
+    let_command_run();
     velm_attestation_engine_prepare();
 }
 
