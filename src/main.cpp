@@ -1,7 +1,5 @@
 #include <event2/event.h>
 #include <nvram.h>
-#include <openssl/rand.h>
-#include <openssl/ssl.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -21,6 +19,7 @@
 #include "config/settings.h"
 #include "control/server.h"
 #include "control/status.h"
+#include "crypto/library.h"
 #include "cutils/common_netlink.h"
 #include "handles/libevent.h"
 #include "handles/malloc.h"
@@ -146,39 +145,23 @@ void override_bssids(velm_config &config)
     config.bssids_list = std::move(bssids);
 }
 
-/// The command that prints the LAN address is three programs, and may have no core but ours: it would wait until
-/// our time slice is over, and the servers for it.
-void let_command_run()
-{
-    sched_yield();
-}
-
-void init_tls_library()
-{
-    OPENSSL_init_ssl(0, nullptr);
-    OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
-    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    let_command_run();
-    RAND_poll();
-}
-
 void prepare_https_client()
 {
     http_client_prepare_ssl(process.config->http_client_ca_cert_path);
 }
 
-/// What takes milliseconds and needs no LAN address, while the command that prints it runs.
+/// What takes milliseconds and needs no LAN address, while the command that prints it runs. That is three
+/// programs, which may have no core but ours: they would wait for the end of our time slice.
 void prepare_servers()
 {
-    init_tls_library();
-    let_command_run();
+    crypto_library_init();
+    sched_yield();
     prepare_https_client();
-    let_command_run();
+    sched_yield();
     if (process.config->http_server_port != 0) {
         http_key_file_prepare(process.config->http_server_key_path);
     }
-    let_command_run();
+    sched_yield();
     velm_attestation_engine_prepare();
 }
 
