@@ -9,8 +9,8 @@
 
 /// Decides whether a phone is a genuine copy of the app on a genuine device.
 
-/// Checks once that signatures are verified rightly, which velm_attestation_engine_init would do otherwise.
-/// Logs nothing.
+/// Checks once that signatures are verified rightly, while something else is waited for. Otherwise
+/// velm_attestation_engine_init does it; what is wrong is fatal there. Logs nothing.
 void velm_attestation_engine_prepare();
 
 /// Remembers the configuration (borrowed) and loads the keys and the root certificate. Problems are

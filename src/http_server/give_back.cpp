@@ -16,8 +16,8 @@ namespace {
 constexpr timeval soon{1, 0};
 
 /// A host may make and lose a thousand connections per second. While each takes the room that another has
-/// left, nothing is given back: only to take it again would cost a tenth of a handshake. But what they leave
-/// may not add up for a second, so this much more heap, as four connections have, is given back very soon.
+/// left, nothing is given back: only to take it again would cost more than 5 % of a handshake. But what they
+/// leave may not add up for a second, so this much more heap, as four connections have, is given back very soon.
 constexpr std::size_t much_more = std::size_t{64} * 1024;
 constexpr timeval very_soon{0, 5 * 1000};
 

@@ -20,8 +20,9 @@ class velm_ipc_listener {
     velm_ipc_listener(const velm_ipc_listener &) = delete;
     velm_ipc_listener &operator=(const velm_ipc_listener &) = delete;
 
-    /// Its name is in the log, as is accept_cb's. Listens at the path (see velm_ipc_socket_listen) until this object ends; called once. Accepted sockets are
-    /// close-on-exec and do not block. False, with lines in the log, when the socket cannot be set up.
+    /// Listens at the path (see velm_ipc_socket_listen) until this object ends; called once. Accepted sockets
+    /// are close-on-exec and do not block. False, with lines in the log, when the socket cannot be set up. The
+    /// name of this function is in the log, as is accept_cb's.
     [[nodiscard]] bool server_listen(event_base *base, const char *path,
                                      velm_ipc_accepted_handler handler, void *context);
 

@@ -34,8 +34,7 @@ inline constexpr std::size_t tls_rooms_at_hand_for_messages = 4;
 
 /// Bytes have been put there. Whoever says so of a room says it of all that is written into it: only that
 /// far it is overwritten when it is given back. A room for a record of which nobody says so is overwritten
-/// whole.
-/// Nothing is done for memory that is no room.
+/// whole. Nothing is done for memory that is no room.
 void tls_room_reached(const void *begin, std::size_t size) noexcept;
 
 void tls_room_give_back(void *room) noexcept;

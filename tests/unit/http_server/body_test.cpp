@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -20,13 +21,16 @@ http_body chunked()
     return body;
 }
 
+void expect_whole(http_body body, std::string held, std::string_view text, std::string_view rest)
+{
+    EXPECT_EQ(http_body_take(&body, &held), chunks_result::whole);
+    EXPECT_EQ(body.text, text);
+    EXPECT_EQ(held, rest);
+}
+
 TEST(HttpBody, OfNoBytesIsWholeAtOnceAndTakesNothing)
 {
-    http_body body = announced(0);
-    std::string held = "GET /";
-    EXPECT_EQ(http_body_take(&body, &held), chunks_result::whole);
-    EXPECT_EQ(body.text, "");
-    EXPECT_EQ(held, "GET /");
+    expect_whole(announced(0), "GET /", "", "GET /");
 }
 
 TEST(HttpBody, ThatHasHalfComeWantsMore)
@@ -42,11 +46,7 @@ TEST(HttpBody, ThatHasHalfComeWantsMore)
 
 TEST(HttpBody, LeavesWhatIsBehindItToTheNextRequest)
 {
-    http_body body = announced(3);
-    std::string held = "abcG";
-    EXPECT_EQ(http_body_take(&body, &held), chunks_result::whole);
-    EXPECT_EQ(body.text, "abc");
-    EXPECT_EQ(held, "G");
+    expect_whole(announced(3), "abcG", "abc", "G");
 }
 
 TEST(HttpBody, InChunksIsWhatIsInThem)

@@ -64,20 +64,29 @@ TEST_F(LanQuery, TheAnswerComesFromTheLoop)
     EXPECT_EQ(answers[0].addresses, "192.168.1.1\n");
 }
 
+/// A command that reads from it waits until the test writes or opens it.
+struct gate {
+    gate()
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe(ends), 0);
+        reader.reset(ends[0]);
+        writer.reset(ends[1]);
+    }
+    unique_fd reader, writer;
+};
+
 TEST_F(LanQuery, TheLoopTurnsWhileTheCommandRuns)
 {
-    int gate[2] = {-1, -1};
-    ASSERT_EQ(pipe(gate), 0);
-    const unique_fd reader{gate[0]};
-    unique_fd writer{gate[1]};
-    begin("exec " + std::to_string(writer.get()) + ">&-; echo first; cat <&" +
-          std::to_string(reader.get()));
+    gate closed;
+    begin("exec " + std::to_string(closed.writer.get()) + ">&-; echo first; cat <&" +
+          std::to_string(closed.reader.get()));
     for (int i = 0; i < 10; ++i) {
         event_base_loop(base, EVLOOP_NONBLOCK);
     }
     EXPECT_TRUE(answers.empty());
-    EXPECT_EQ(write(writer.get(), "second\n", 7), 7);
-    writer.reset();
+    EXPECT_EQ(write(closed.writer.get(), "second\n", 7), 7);
+    closed.writer.reset(); // opens it
     event_base_dispatch(base);
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].addresses, "first\nsecond\n");
@@ -85,13 +94,10 @@ TEST_F(LanQuery, TheLoopTurnsWhileTheCommandRuns)
 
 TEST_F(LanQuery, TheLoopTurnsWhileTheShellOutlivesItsOutput)
 {
-    int gate[2] = {-1, -1};
-    ASSERT_EQ(pipe(gate), 0);
-    const unique_fd reader{gate[0]};
-    unique_fd writer{gate[1]};
-    // The shell says all, and lives until the test, which turns the loop meanwhile, closes the gate.
-    begin("exec " + std::to_string(writer.get()) + ">&-; echo all; exec >&-; read line <&" +
-          std::to_string(reader.get()) + "; exit 0");
+    gate closed;
+    // The shell says all, and lives until the test, which turns the loop meanwhile, opens the gate.
+    begin("exec " + std::to_string(closed.writer.get()) + ">&-; echo all; exec >&-; read line <&" +
+          std::to_string(closed.reader.get()) + "; exit 0");
     static int ticks;
     ticks = 0;
     const timeval tick{0, 10 * 1000};
@@ -102,7 +108,7 @@ TEST_F(LanQuery, TheLoopTurnsWhileTheShellOutlivesItsOutput)
         event_base_loop(base, EVLOOP_ONCE);
     }
     EXPECT_TRUE(answers.empty());
-    writer.reset();
+    closed.writer.reset(); // opens it
     event_del(ticking.get());
     event_base_dispatch(base);
     ASSERT_EQ(answers.size(), 1U);
