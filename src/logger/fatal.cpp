@@ -7,6 +7,10 @@ namespace {
 
 constexpr char log_category[] = "memory";
 
+constexpr char is_null[] = "%s: %s is null: %s";
+constexpr char has_failed[] = "%s: call failed: %s result: %i loc: %s:%i";
+constexpr char no_memory[] = "not enough memory";
+
 struct module_state {
     const char *function = "malloc";
     const char *object = "memory";
@@ -17,10 +21,33 @@ void out_of_memory()
 {
     // What the line itself asks for, it does without.
     std::set_new_handler(nullptr);
-    FATAL("%s: %s is null: %s", state.function, state.object, "not enough memory");
+    FATAL(is_null, state.function, state.object, no_memory);
 }
 
 } // namespace
+
+void fatal_null_reference(const char *category, const char *file, int line, const char *function,
+                          const char *name)
+{
+    common_logger_tell(category, LOG_LEVEL_ERROR, file, line, is_null, function, name,
+                       "null reference");
+    std::abort();
+}
+
+void fatal_not_enough_memory(const char *category, const char *file, int line,
+                             const char *function, const char *name)
+{
+    common_logger_tell(category, LOG_LEVEL_ERROR, file, line, is_null, function, name, no_memory);
+    std::abort();
+}
+
+void fatal_call(const char *category, const char *file, int line, const char *function,
+                const char *call, int result)
+{
+    common_logger_tell(category, LOG_LEVEL_ERROR, file, line, has_failed, function, call, result,
+                       file, line);
+    std::abort();
+}
 
 allocation_name::allocation_name(const char *function, const char *object) noexcept
     : outer_function_{state.function}, outer_object_{state.object}
@@ -45,7 +72,6 @@ void fatal_install_memory_handler()
 /// know how to write names.
 void __gnu_cxx::__verbose_terminate_handler()
 {
-    FATAL("%s: call failed: %s result: %i loc: %s:%i", "std::terminate", "the C++ library", 0,
-          __FILE__, __LINE__);
+    fatal_call(log_category, __FILE__, __LINE__, "std::terminate", "the C++ library", 0);
 }
 #endif

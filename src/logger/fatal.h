@@ -20,7 +20,7 @@
 #define REQUIRE_NOT_NULL(pointer, name)                                                           \
     do {                                                                                          \
         if ((pointer) == nullptr) {                                                               \
-            FATAL("%s: %s is null: %s", __func__, name, "null reference");                        \
+            fatal_null_reference(log_category, __FILE__, __LINE__, __func__, name);               \
         }                                                                                         \
     } while (false)
 
@@ -28,7 +28,7 @@
 #define REQUIRE_MEMORY(pointer, name)                                                             \
     do {                                                                                          \
         if ((pointer) == nullptr) {                                                               \
-            FATAL("%s: %s is null: %s", __func__, name, "not enough memory");                     \
+            fatal_not_enough_memory(log_category, __FILE__, __LINE__, __func__, name);            \
         }                                                                                         \
     } while (false)
 
@@ -40,11 +40,18 @@
 #define REQUIRE_CALL_BY(function, condition, call, result)                                        \
     do {                                                                                          \
         if (!(condition)) {                                                                       \
-            FATAL("%s: call failed: %s result: %i loc: %s:%i", function, call, (result),          \
-                  __FILE__, __LINE__);                                                            \
+            fatal_call(log_category, __FILE__, __LINE__, function, call, (result));               \
         }                                                                                         \
     } while (false)
 // clang-format on
+
+/// What these macros say, and the end. They are functions since 230 places in the daemon have one of them.
+[[noreturn]] void fatal_null_reference(const char *category, const char *file, int line,
+                                       const char *function, const char *name);
+[[noreturn]] void fatal_not_enough_memory(const char *category, const char *file, int line,
+                                          const char *function, const char *name);
+[[noreturn]] void fatal_call(const char *category, const char *file, int line,
+                             const char *function, const char *call, int result);
 
 /// Names the object that the C++ allocations of this scope make, so that the fatal line of
 /// exhausted memory names it:
