@@ -35,7 +35,7 @@ struct allocator {
     void *(*memalign)(std::size_t, std::size_t);
     void *(*aligned_alloc)(std::size_t, std::size_t);
     int (*posix_memalign)(void **, std::size_t, std::size_t);
-    void (*free)(void *);
+    void (*free)(void *) noexcept;
 };
 constinit allocator next{};
 constinit bool is_looked_up = false;
@@ -121,10 +121,10 @@ void count_record(void *memory) noexcept
     }
 }
 
-void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
+[[gnu::noinline]] void *openssl_malloc_large(std::size_t size) noexcept
 {
-    if (size < tls_room_least) {
-        return size == 0 ? nullptr : checked(next.malloc(size), size);
+    if (size == 0) {
+        return nullptr;
     }
     if (void *const room = tls_room_take(size); room != nullptr) {
         return room;
@@ -134,17 +134,34 @@ void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noex
     return memory;
 }
 
+void *openssl_malloc(std::size_t size, const char * /*file*/, int /*line*/) noexcept
+{
+    if (size == 0 || size >= tls_room_least) [[unlikely]] {
+        return openssl_malloc_large(size);
+    }
+    return checked(next.malloc(size), size);
+}
+
+[[gnu::noinline]] void openssl_free_large(void *memory) noexcept
+{
+    if (tls_room_is_one(memory)) {
+        tls_room_give_back(memory);
+    } else if (may_hold_record(memory)) {
+        --records_on_heap;
+        free_wiped(memory);
+    } else {
+        next.free(memory);
+    }
+}
+
 /// OpenSSL frees nothing 64 times for each record: it clears its errors, 16 with two texts each.
 void openssl_free(void *memory, const char * /*file*/, int /*line*/) noexcept
 {
     if (memory == nullptr) {
         return;
     }
-    if (tls_room_is_one(memory)) {
-        tls_room_give_back(memory);
-    } else if (records_on_heap > 0 && may_hold_record(memory)) {
-        --records_on_heap;
-        free_wiped(memory);
+    if (records_on_heap > 0 || tls_room_is_one(memory)) [[unlikely]] {
+        openssl_free_large(memory);
     } else {
         next.free(memory);
     }

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <utility>
 
+constinit std::uintptr_t tls_rooms_at = 0 - tls_rooms_size;
+
 namespace {
 
 /// Of one kind. They follow one another.
@@ -30,8 +32,6 @@ struct module_state {
 constinit module_state state{};
 static_assert(tls_rooms == 16 && tls_room_most < UINT16_MAX);
 
-constexpr std::size_t all_rooms = 2 * tls_rooms * tls_room_most;
-
 /// Null without address space, and where a page is larger than a room's share of them: pages that two
 /// rooms have in common cannot be given back. Then the heap serves.
 unsigned char *reserve() noexcept
@@ -39,7 +39,7 @@ unsigned char *reserve() noexcept
     if (tls_room_most % static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) != 0) {
         return nullptr;
     }
-    void *const memory = mmap(nullptr, all_rooms, PROT_READ | PROT_WRITE,
+    void *const memory = mmap(nullptr, tls_rooms_size, PROT_READ | PROT_WRITE,
                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     return memory == MAP_FAILED ? nullptr : static_cast<unsigned char *>(memory);
 }
@@ -84,6 +84,9 @@ void *tls_room_take(std::size_t size) noexcept
     if (!state.is_reserved) {
         state.is_reserved = true;
         state.begin = reserve();
+        if (state.begin != nullptr) {
+            tls_rooms_at = reinterpret_cast<std::uintptr_t>(state.begin);
+        }
     }
     const bool is_record = size <= tls_room_record_most;
     rooms &kind = is_record ? state.of_records : state.of_messages;
@@ -95,13 +98,6 @@ void *tls_room_take(std::size_t size) noexcept
     kind.reached[first_free] = tls_room_most;
     kind.is_told[first_free] = false;
     return state.begin + ((is_record ? 0 : tls_rooms) + first_free) * tls_room_most;
-}
-
-bool tls_room_is_one(const void *memory) noexcept
-{
-    const auto at = reinterpret_cast<std::uintptr_t>(memory);
-    const auto begin = reinterpret_cast<std::uintptr_t>(state.begin);
-    return begin != 0 && at - begin < all_rooms; // below it, the difference is larger than any
 }
 
 void tls_room_reached(const void *begin, std::size_t size) noexcept

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 /// Rooms for the two large buffers that OpenSSL takes and gives back all the time: one for a record
 /// (17 kB) and one for the messages of a handshake (22 kB). On the heap they would lie between objects
@@ -29,8 +30,17 @@ inline constexpr std::size_t tls_rooms_at_hand_for_messages = 4;
 /// be asked.
 [[nodiscard]] void *tls_room_take(std::size_t size) noexcept;
 
-/// It is a room that was taken.
-[[nodiscard]] bool tls_room_is_one(const void *memory) noexcept;
+/// Address space of all rooms, and where it begins. While there is none, that is the end of what can be
+/// addressed, where no block lies.
+inline constexpr std::size_t tls_rooms_size = 2 * tls_rooms * tls_room_most;
+[[gnu::visibility("hidden")]] extern constinit std::uintptr_t tls_rooms_at;
+
+/// It is a room that was taken. A handshake asks for each of thousands of blocks.
+[[nodiscard]] inline bool tls_room_is_one(const void *memory) noexcept
+{
+    // Of what lies below, the difference is larger than any.
+    return reinterpret_cast<std::uintptr_t>(memory) - tls_rooms_at < tls_rooms_size;
+}
 
 /// Bytes have been put there. Whoever says so of a room says it of all that is written into it: only that
 /// far it is overwritten when it is given back. A room for a record of which nobody says so is overwritten
