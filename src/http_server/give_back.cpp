@@ -3,8 +3,10 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "handles/libevent.h"
 #include "http_server/log.h"
@@ -15,16 +17,23 @@ namespace {
 
 constexpr timeval soon{1, 0};
 
-/// A host may make and lose a thousand connections per second. While each takes the room that another has
-/// left, nothing is given back: only to take it again would cost more than 5 % of a handshake. But what they
-/// leave may not add up for a second, so this much more heap, as four connections have, is given back very soon.
-constexpr std::size_t much_more = std::size_t{64} * 1024;
+/// What a phone takes for its visit stays at the end of the heap for the next one. To give it back would take six
+/// system calls, and the next visit would have a dozen page faults.
+constexpr std::size_t kept = std::size_t{64} * 1024;
+
+/// As much again, which four connections have. A host may make and lose a thousand connections per second. What
+/// they leave may not add up for a second, so this much more heap is given back very soon.
+constexpr std::size_t much_more = 2 * kept;
 constexpr timeval very_soon{0, 5 * 1000};
+
+/// Nothing has been given back: the start has freed much, and of that nothing is kept.
+constexpr std::uintptr_t never = std::numeric_limits<std::uintptr_t>::max();
 
 struct module_state {
     event_ptr memory_return;
     event_ptr heap_return;
-    std::uintptr_t heap_end = 0; // the highest that was acted on, since all was given back
+    std::uintptr_t lowest = 0;  // where the heap ended when all had been given back
+    std::uintptr_t highest = 0; // the same until the heap has grown much; then what was acted on last
 };
 module_state state;
 
@@ -38,23 +47,31 @@ std::uintptr_t heap_end() noexcept
 #endif
 }
 
-void give_back_heap() noexcept
+void give_back_heap([[maybe_unused]] std::size_t keep) noexcept
 {
 #ifdef __GLIBC__
-    malloc_trim(0);
+    malloc_trim(keep);
 #endif
 }
 
 void on_heap_return(evutil_socket_t, short, void *) noexcept
 {
-    give_back_heap();
+    give_back_heap(kept);
 }
 
 void on_memory_return(evutil_socket_t, short, void *) noexcept
 {
     tls_rooms_trim();
-    give_back_heap();
-    state.heap_end = heap_end();
+    give_back_heap(state.lowest == never ? 0 : kept);
+    state.lowest = std::min(state.lowest, heap_end());
+    state.highest = state.lowest;
+}
+
+/// Connections that stay lift the end of the heap. It is compared with the lowest one, so that what they had is
+/// given back when they have left.
+bool has_grown_much() noexcept
+{
+    return state.highest != state.lowest || heap_end() >= state.lowest + much_more;
 }
 
 void begin(event *timer, const timeval &time)
@@ -73,19 +90,22 @@ void http_give_back_open(event_base *base)
     REQUIRE_MEMORY(state.memory_return, "memory_return");
     state.heap_return.reset(evtimer_new(base, on_heap_return, nullptr));
     REQUIRE_MEMORY(state.heap_return, "heap_return");
-    state.heap_end = heap_end();
+    state.lowest = never;
+    state.highest = heap_end();
 }
 
 void http_give_back_soon()
 {
-    begin(state.memory_return.get(), soon);
+    if (has_grown_much()) {
+        begin(state.memory_return.get(), soon);
+    }
 }
 
 void http_give_back_after_end()
 {
-    http_give_back_soon();
-    if (const std::uintptr_t end = heap_end(); end >= state.heap_end + much_more) {
-        state.heap_end = end;
+    if (const std::uintptr_t end = heap_end(); end >= state.highest + much_more) {
+        state.highest = end;
         begin(state.heap_return.get(), very_soon);
     }
+    http_give_back_soon();
 }

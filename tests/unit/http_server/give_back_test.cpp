@@ -17,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 
 int trimmed = 0;            // how often the heap was given back
+std::size_t last_kept = 0;  // at its end, the last time
 std::intptr_t heap_end = 0; // what the C library says of it
 bool timers_fail = false;
 
@@ -35,16 +36,17 @@ class GiveBack : public testing::Test {
 } // namespace
 
 /// In place of the C library's.
-extern "C" int malloc_trim(std::size_t /*pad*/) noexcept
+extern "C" int malloc_trim(std::size_t pad) noexcept
 {
     ++trimmed;
+    last_kept = pad;
     return 1;
 }
 
 /// The same: of the heap only its end is asked here.
 extern "C" void *sbrk(std::intptr_t /*more*/) noexcept
 {
-    return reinterpret_cast<void *>(heap_end);
+    return reinterpret_cast<void *>(heap_end); // NOLINT(performance-no-int-to-ptr)
 }
 
 /// In front of libevent's.
@@ -67,8 +69,9 @@ void expect_a_second_after(event_base *loop, int times, void (*call)())
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 990ms);
 }
 
-/// What four connections have.
-constexpr std::intptr_t much = 64 * 1024;
+constexpr std::intptr_t kept = 64 * 1024;
+/// What is kept, and what four connections have.
+constexpr std::intptr_t much = 2 * kept;
 
 TEST_F(GiveBack, EndsWaitForASecondWhileTheHeapDoesNotGrowMuch)
 {
@@ -116,6 +119,63 @@ TEST_F(GiveBack, EachTimeThatItGrowsMuchMoreAndFromItsEndAnewAfterASecond)
 TEST_F(GiveBack, ConnectionsThatComeWaitForASecond)
 {
     expect_a_second_after(loop.get(), 8, http_give_back_soon);
+}
+
+/// When what the start has freed is given back.
+class GiveBackLater : public GiveBack {
+  protected:
+    GiveBackLater()
+    {
+        http_give_back_soon();
+        EXPECT_TRUE(turn_until(loop.get(), [] { return trimmed == 1; }));
+        EXPECT_EQ(last_kept, 0);
+    }
+
+    /// How often the heap is given back, within milliseconds or when that second is over.
+    [[nodiscard]] int trimmed_after(void (*call)()) const
+    {
+        const int before = trimmed;
+        call();
+        turn_for(loop.get(), 1050ms);
+        return trimmed - before;
+    }
+};
+
+TEST_F(GiveBackLater, WhatOnePhoneLeavesIsKeptForTheNextOne)
+{
+    void *const room = tls_room_take(tls_room_least);
+    ASSERT_NE(room, nullptr);
+    std::memset(room, 1, tls_room_least);
+    tls_room_give_back(room);
+    unsigned char first_page = 0;
+    heap_end += much - 1;
+    EXPECT_EQ(trimmed_after(http_give_back_soon), 0);
+    EXPECT_EQ(trimmed_after(http_give_back_after_end), 0);
+    ASSERT_EQ(mincore(room, 1, &first_page), 0);
+    EXPECT_EQ(first_page & 1, 1);
+    heap_end += 1;
+    EXPECT_EQ(trimmed_after(http_give_back_soon), 1);
+    EXPECT_EQ(last_kept, kept);
+    ASSERT_EQ(mincore(room, 1, &first_page), 0);
+    EXPECT_EQ(first_page & 1, 0);
+}
+
+TEST_F(GiveBackLater, AllIsGivenBackWhenTheHeapWasLongerMeanwhile)
+{
+    heap_end += much;
+    http_give_back_after_end();
+    heap_end -= much;
+    EXPECT_EQ(trimmed_after(http_give_back_after_end), 2);
+    EXPECT_EQ(trimmed_after(http_give_back_after_end), 0);
+}
+
+TEST_F(GiveBackLater, WhatConnectionsHadIsGivenBackWhenTheyLeaveThoughItWasThereWhenTheyCame)
+{
+    heap_end += much;
+    EXPECT_EQ(trimmed_after(http_give_back_soon), 1); // they stay, and so does the heap's end
+    EXPECT_EQ(trimmed_after(http_give_back_after_end), 2);
+    heap_end -= 2 * much;
+    EXPECT_EQ(trimmed_after(http_give_back_after_end), 0);
 }
 
 [[noreturn]] void give_back_without_timers()
