@@ -26,7 +26,7 @@ from .packets import Load as PacketLoad
 from .round_scene import APP_ATTEST, Scene, Setting, come
 from .rounds import MANY, highest, on_core, prepared
 from .servers import ADDRESS, Server
-from .watch import SERVER_CORE, cpu_us
+from .watch import SERVER_CORE, cpu_us, forget_environment
 
 SSIDS_OF_A_RADIO = 64
 
@@ -302,6 +302,7 @@ def main() -> int:
     parser.add_argument("--output", type=Path, help="a directory; else BUILD/../bench")
     given = parser.parse_args()
     build = Build(given.build)
+    forget_environment()
     with prepared(build) as setting:
         points = measure(setting, QUICK if given.quick else FULL, given.axis or tuple(AXES))
     write(points, given.output or build.directory.parent / "bench")

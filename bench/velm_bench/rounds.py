@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import dataclasses
 import os
 import statistics
 import struct
@@ -21,7 +22,7 @@ from velm_sim.phone import Phone
 from . import instructions
 from .figures import Figure, Verdict, at_most, number, ratio_at_most, table
 from .round_scene import APP_ATTEST, PLAY_INTEGRITY, Kind, Round, Scene, Setting, come
-from .watch import CLIENT_CORE, calls_by_name, traced
+from .watch import CLIENT_CORE, awake, calls_by_name, forget_environment, traced
 
 MANY = 10  # phones
 LEFT = (": timers left", ": more on the heap")
@@ -32,13 +33,14 @@ class Extent:
     """How often."""
 
     rounds: int
-    traced: int
+    processes: int  # that share these rounds
+    traced: int  # of each process
     counted: int  # with the heap watched, or the instructions
     visits: int  # of many phones
 
 
-FULL = Extent(21, 2, 2, 12)
-QUICK = Extent(3, 1, 1, 2)
+FULL = Extent(18, 3, 1, 2, 12)
+QUICK = Extent(3, 1, 1, 1, 2)
 WARM_UP = 1
 HEAP_WARM_UP = 2  # what is kept for good has come by then
 
@@ -169,15 +171,20 @@ def count_instructions(setting: Setting, kind: Kind, rounds: int) -> Instruction
 
 
 def of_kind(setting: Setting, kind: Kind, extent: Extent) -> list[Figure]:
-    with setting.scene(kind) as scene, setting.floor(kind) as floor:
-        turns = measure(scene, floor, extent.rounds)
-        calls, floor_calls = (
-            count_calls(one, setting.scratch, extent.traced) for one in (scene, floor)
-        )
-        timers = scene.timers_left()
+    """In several processes of either, one after another: where the pages of a process lie makes all its
+    rounds some percent slower or quicker."""
+    turns: list[Turn] = []
+    calls, floor_calls, timers = Counter[str](), Counter[str](), 0
+    for _ in range(extent.processes):
+        with setting.scene(kind) as scene, setting.floor(kind) as floor:
+            turns += measure(scene, floor, -(-extent.rounds // extent.processes))
+            calls += count_calls(scene, setting.scratch, extent.traced)
+            floor_calls += count_calls(floor, setting.scratch, extent.traced)
+            timers += scene.timers_left()
     taken, blocks, more = count_heap(setting, kind, extent.counted)
     counted = count_instructions(setting, kind, extent.counted)
-    counts = Counts(calls, floor_calls, extent.traced, timers, taken, blocks, more, counted)
+    traced_rounds = extent.traced * extent.processes
+    counts = Counts(calls, floor_calls, traced_rounds, timers, taken, blocks, more, counted)
     return list(figures(kind, turns, counts))
 
 
@@ -333,6 +340,7 @@ def on_core(core: int) -> Iterator[None]:
 @contextlib.contextmanager
 def prepared(build: Build) -> Iterator[Setting]:
     with contextlib.ExitStack() as cleanup:
+        cleanup.enter_context(awake())
         cleanup.enter_context(on_core(CLIENT_CORE))  # phones and cloud are in this process
         yield Setting(build, cleanup)
 
@@ -345,7 +353,8 @@ def main() -> int:
     given = parser.parse_args()
     extent = QUICK if given.quick else FULL
     if given.rounds:
-        extent = Extent(given.rounds, extent.traced, extent.counted, extent.visits)
+        extent = dataclasses.replace(extent, rounds=given.rounds)
+    forget_environment()
     with prepared(Build(given.build)) as setting:
         made = [figure for _, part in parts(setting, extent) for figure in part()]
     print(table(made))

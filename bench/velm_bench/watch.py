@@ -7,6 +7,7 @@ import ctypes
 import os
 import re
 import signal
+import struct
 import subprocess
 import time
 from collections import Counter
@@ -52,6 +53,26 @@ def wakeups(pid: int) -> int:
 def page_faults(pid: int) -> int:
     """Those that no disk was asked for."""
     return int(Path(f"/proc/{pid}/stat").read_text().rpartition(")")[2].split()[7])
+
+
+def forget_environment() -> None:
+    """As on a device, whose processes have a short one: who looks for a name there may look at all of them."""
+    for name in set(os.environ) - {"PATH", "HOME", "TMPDIR"}:
+        del os.environ[name]
+
+
+@contextlib.contextmanager
+def awake() -> Iterator[None]:
+    """The cores wait without going to sleep, where the kernel lets one ask for it (its PM QoS interface). What
+    wakes a core up pays for that: the same password hash takes up to 1.8 times as long."""
+    try:
+        wish = open("/dev/cpu_dma_latency", "wb", buffering=0)
+    except OSError:
+        yield
+        return
+    with wish:  # it holds as long as the file is open
+        wish.write(struct.pack("=i", 0))  # us
+        yield
 
 
 # Of the machines that Linux knows: x86-64 has both of them, arm64 the second.
