@@ -135,7 +135,7 @@ def test_a_flood_of_headers_is_cut_off(access_point: AccessPoint) -> None:
 
 HOSTS_THAT_FILL_IT = CONNECTIONS // CONNECTIONS_PER_HOST
 # What connections without a login may add to the daemon's memory: those of one host, and all.
-ONE_HOST_KIB = 400
+ONE_HOST_KIB = 464  # 64 of it at the end of the heap, kept for the next one
 ALL_HOSTS_KIB = 1300
 
 
