@@ -46,8 +46,7 @@ struct nvram_name_order {
     using is_transparent = void;
     [[nodiscard]] bool operator()(std::string_view one, std::string_view other) const noexcept
     {
-        const int order =
-            std::memcmp(one.data(), other.data(), std::min(one.size(), other.size()));
+        const int order = std::memcmp(one.data(), other.data(), std::min(one.size(), other.size()));
         return order != 0 ? order < 0 : one.size() < other.size();
     }
 };

@@ -32,8 +32,9 @@ constexpr std::uintptr_t never = std::numeric_limits<std::uintptr_t>::max();
 struct module_state {
     event_ptr memory_return;
     event_ptr heap_return;
-    std::uintptr_t lowest = 0;  // where the heap ended when all had been given back
-    std::uintptr_t highest = 0; // the same until the heap has grown much; then what was acted on last
+    std::uintptr_t lowest = 0; // where the heap ended when all had been given back
+    std::uintptr_t highest =
+        0; // the same until the heap has grown much; then what was acted on last
 };
 module_state state;
 

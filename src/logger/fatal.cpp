@@ -34,8 +34,8 @@ void fatal_null_reference(const char *category, const char *file, int line, cons
     std::abort();
 }
 
-void fatal_not_enough_memory(const char *category, const char *file, int line,
-                             const char *function, const char *name)
+void fatal_not_enough_memory(const char *category, const char *file, int line, const char *function,
+                             const char *name)
 {
     common_logger_tell(category, LOG_LEVEL_ERROR, file, line, is_null, function, name, no_memory);
     std::abort();

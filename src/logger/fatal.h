@@ -50,8 +50,8 @@
                                        const char *function, const char *name);
 [[noreturn]] void fatal_not_enough_memory(const char *category, const char *file, int line,
                                           const char *function, const char *name);
-[[noreturn]] void fatal_call(const char *category, const char *file, int line,
-                             const char *function, const char *call, int result);
+[[noreturn]] void fatal_call(const char *category, const char *file, int line, const char *function,
+                             const char *call, int result);
 
 /// Names the object that the C++ allocations of this scope make, so that the fatal line of
 /// exhausted memory names it:
