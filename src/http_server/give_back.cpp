@@ -33,8 +33,8 @@ struct module_state {
     event_ptr memory_return;
     event_ptr heap_return;
     std::uintptr_t lowest = 0; // where the heap ended when all had been given back
-    std::uintptr_t highest =
-        0; // the same until the heap has grown much; then what was acted on last
+    /// The same, until the heap has grown much: then where it ended when that was acted on last.
+    std::uintptr_t highest = 0;
 };
 module_state state;
 
