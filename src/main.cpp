@@ -140,7 +140,7 @@ void override_bssids(velm_config &config)
     }
     json_ptr bssids = sys_bssids();
     if (bssids == nullptr) {
-        FATAL("%s: %s is null: %s", "update_config", "sys_bssids", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, "update_config", "sys_bssids");
     }
     config.bssids_list = std::move(bssids);
 }
@@ -324,12 +324,11 @@ void watch_sighup()
     process.event_sighup.reset(
         event_new(process.base.get(), SIGHUP, EV_SIGNAL | EV_PERSIST, on_sighup, nullptr));
     if (process.event_sighup == nullptr) {
-        FATAL("%s: %s is null: %s", "main", "event_sighup", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, "main", "event_sighup");
     }
     const int rc = event_add(process.event_sighup.get(), nullptr);
     if (rc != 0) {
-        FATAL("%s: call failed: %s result: %i loc: %s:%i", "main", "event_add(event_sighup, NULL)",
-              rc, __FILE__, __LINE__);
+        fatal_call(log_category, __FILE__, __LINE__, "main", "event_add(event_sighup, NULL)", rc);
     }
     process_unblock_sighup();
 }

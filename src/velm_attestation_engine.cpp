@@ -46,7 +46,7 @@ validator_user_data *user_data_of(const ios_app_validator *iav, const char *call
 {
     void *user_data = iav != nullptr ? ios_app_validator_get_user_data(iav) : nullptr;
     if (user_data == nullptr) {
-        FATAL("%s: %s is null: %s", caller, "iav", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, caller, "iav");
     }
     return static_cast<validator_user_data *>(user_data);
 }
@@ -88,7 +88,7 @@ ios_app_validator_ptr validator_create(const char *caller, validator_user_data *
 {
     auto iav = ios_app_validator_new(state.config->app_ios_appid, &validator_callbacks, user_data);
     if (iav == nullptr) {
-        FATAL("%s: %s is null: %s", caller, "iav", "not enough memory");
+        fatal_not_enough_memory(log_category, __FILE__, __LINE__, caller, "iav");
     }
     ios_app_validator_set_develop(iav.get(), 1);
     if (!state.ios_root_ca.empty() &&

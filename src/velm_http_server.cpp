@@ -149,8 +149,7 @@ void bind_or_wait()
         process_notify_status("Ended: cannot listen at %s:%u",
                               velm_config_lan_ip_address(state.config).c_str(),
                               unsigned{state.config->http_server_port});
-        FATAL("%s: call failed: %s result: %i loc: %s:%i", start_name, bind_call, library_failure,
-              __FILE__, __LINE__);
+        fatal_call(log_category, __FILE__, __LINE__, start_name, bind_call, library_failure);
     }
 }
 

@@ -50,8 +50,8 @@ json_ptr make_pairing()
 {
     json_ptr pairing{cJSON_CreateObject()};
     if (pairing == nullptr) {
-        FATAL("%s: %s is null: %s", "velm_nvram_pairings_create_empty_pairing", "pairing",
-              "not enough memory");
+        fatal_not_enough_memory(log_category, __FILE__, __LINE__,
+                                "velm_nvram_pairings_create_empty_pairing", "pairing");
     }
     return pairing;
 }
@@ -62,7 +62,7 @@ json_ptr make_text(const char *value)
 {
     json_ptr text{cJSON_CreateString(value == nullptr ? "" : value)};
     if (text == nullptr) {
-        FATAL("%s: %s is null: %s", update_field, "text", "not enough memory");
+        fatal_not_enough_memory(log_category, __FILE__, __LINE__, update_field, "text");
     }
     return text;
 }

@@ -144,7 +144,7 @@ std::optional<int> assert_check(velm_request_preprocessor &p)
 void require_field(const void *field, const char *name)
 {
     if (field == nullptr) {
-        FATAL("%s: %s is null: %s", check_name, name, "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, check_name, name);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <map>
 #include <optional>
 #include <span>
@@ -46,7 +45,8 @@ struct nvram_name_order {
     using is_transparent = void;
     [[nodiscard]] bool operator()(std::string_view one, std::string_view other) const noexcept
     {
-        const int order = std::memcmp(one.data(), other.data(), std::min(one.size(), other.size()));
+        const std::size_t size = std::min(one.size(), other.size());
+        const int order = std::char_traits<char>::compare(one.data(), other.data(), size);
         return order != 0 ? order < 0 : one.size() < other.size();
     }
 };

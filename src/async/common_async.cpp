@@ -63,7 +63,7 @@ context_ptr make_context(common_async_callback callback, void *user_data)
 void action_run(common_async_context *ctx, short events)
 {
     if (ctx->callback == nullptr) {
-        FATAL("%s: %s is null: %s", "action_cb", "ctx->cb", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, "action_cb", "ctx->cb");
     }
     ctx->callback(ctx->user_data, events, ctx);
 }

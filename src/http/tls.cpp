@@ -58,7 +58,7 @@ loaded_context load_context(const char *ca_file)
     ERR_clear_error();
     ssl_ctx_ptr context{SSL_CTX_new(TLS_method())};
     if (context == nullptr) {
-        FATAL("%s: %s is null: %s", set_up, "ssl_ctx", "not enough memory");
+        fatal_not_enough_memory(log_category, __FILE__, __LINE__, set_up, "ssl_ctx");
     }
     errno = 0;
     if (SSL_CTX_load_verify_locations(context.get(), ca_file, nullptr) != 1) {

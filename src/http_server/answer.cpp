@@ -99,7 +99,7 @@ void http_server_answer(evhtp_request_t *request, int break_code, const http_wor
 {
     LOG_TRACE("%s - start", work.handler);
     if (request == nullptr) {
-        FATAL("%s: %s is null: %s", work.handler, "req", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, work.handler, "req");
     }
     if (break_code == VELM_BREAK_NONE) {
         reply(request, work_done(request, work));

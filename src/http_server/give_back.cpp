@@ -38,7 +38,8 @@ struct module_state {
 };
 module_state state;
 
-/// Of glibc, which knows it without asking the kernel. With another C library nothing is given back here.
+/// Of glibc, which knows it without asking the kernel. With another C library only what the start has left in
+/// rooms is given back: it has no function to give back the heap, and of rooms few stay.
 std::uintptr_t heap_end() noexcept
 {
 #ifdef __GLIBC__

@@ -49,7 +49,7 @@ bool has_header(const evhtp_request_t *req, const char *name)
 void require_request(const evhtp_request_t *req, const char *handler)
 {
     if (req == nullptr) {
-        FATAL("%s: %s is null: %s", handler, "req", "null reference");
+        fatal_null_reference(log_category, __FILE__, __LINE__, handler, "req");
     }
 }
 

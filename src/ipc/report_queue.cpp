@@ -90,7 +90,7 @@ void source_add(const char *caller, const char *ip, const cJSON *auth)
     const allocation_name naming{caller, "d->auth"};
     added.source.auth = copy_auth(auth);
     if (added.source.auth == nullptr) {
-        FATAL("%s: %s is null: %s", caller, "d->auth", "not enough memory");
+        fatal_not_enough_memory(log_category, __FILE__, __LINE__, caller, "d->auth");
     }
     state.size += added.size;
     state.sources.push_back(std::move(added));

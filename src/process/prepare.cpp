@@ -37,8 +37,7 @@ void log_libevent(int severity, const char *message) noexcept
 
 void libevent_is_broken(int code) noexcept
 {
-    FATAL("%s: call failed: %s result: %i loc: %s:%i", __func__, "libevent", code, __FILE__,
-          __LINE__);
+    fatal_call(log_category, __FILE__, __LINE__, __func__, "libevent", code);
 }
 
 void block_sighup(int how)

@@ -53,8 +53,8 @@ std::string request_body_require(const evhtp_request_t *request, const char *cal
 {
     std::optional<std::string> body = request_body_copy(request, caller, object);
     if (!body.has_value()) {
-        FATAL("%s: call failed: %s result: %i loc: %s:%i", caller,
-              "evbuffer_copyout(req->buffer_in, body_buf, body_len)", -1, __FILE__, __LINE__);
+        fatal_call(log_category, __FILE__, __LINE__, caller,
+                   "evbuffer_copyout(req->buffer_in, body_buf, body_len)", -1);
     }
     return std::move(*body);
 }

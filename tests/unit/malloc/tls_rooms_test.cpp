@@ -27,6 +27,15 @@ std::size_t resident_pages(void *room)
         std::count_if(pages.begin(), pages.end(), [](byte page) { return (page & 1) != 0; }));
 }
 
+/// The first test of the program: later ones have taken some.
+TEST(TlsRooms, WhileNoneIsTakenNoMemoryIsOne)
+{
+    const std::vector<byte> heap(tls_room_least);
+    EXPECT_FALSE(tls_room_is_one(heap.data()));
+    EXPECT_FALSE(tls_room_is_one(&heap));
+    EXPECT_FALSE(tls_room_is_one(nullptr));
+}
+
 TEST(TlsRooms, AreForTheLargeBuffersOnly)
 {
     EXPECT_EQ(tls_room_take(tls_room_least - 1), nullptr);
