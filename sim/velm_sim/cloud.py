@@ -13,6 +13,7 @@ import tempfile
 import threading
 import time
 import urllib.parse
+from collections.abc import Iterator
 from pathlib import Path
 
 from .answers import Answer, Endpoint, Recorded
@@ -85,7 +86,8 @@ class Cloud:
     `certificate` names the server certificate; `handshakes` False accepts connections and never
     speaks TLS: it says nothing, or, as long as the client stays, `flood` over and over. When `hangs_up`
     is "closes" or "resets", it ends the connection so at the greeting. `negotiated` has the version and
-    cipher of every connection; `broken` tells how those ended that did not end well.
+    cipher of every connection, `resumed` whether it went on from the session of an earlier one; `broken`
+    tells how those ended that did not end well.
     """
 
     def __init__(
@@ -124,6 +126,7 @@ class Cloud:
         self.refusals: list[str] = []
         self.connections = 0
         self.negotiated: list[tuple[str, str]] = []
+        self.resumed: list[bool] = []
         self.broken: list[str] = []
         for endpoint in (self.token, self.fcm, self.integrity, self.unknown):
             endpoint.reset()
@@ -162,6 +165,19 @@ class Cloud:
                 with contextlib.suppress(OSError):
                     connection.shutdown(socket.SHUT_RDWR)
 
+    @contextlib.contextmanager
+    def without_sessions(self) -> Iterator[None]:
+        """Meanwhile it hands out none that a later connection could go on from."""
+        contexts = self.certificates.contexts.values()
+        usual = [context.num_tickets for context in contexts]
+        for context in contexts:
+            context.num_tickets = 0
+        try:
+            yield
+        finally:
+            for context, count in zip(contexts, usual, strict=True):
+                context.num_tickets = count
+
     def _accept(self, listener: socket.socket) -> None:
         while True:
             try:
@@ -196,6 +212,7 @@ class Cloud:
         # The plain socket stays this thread's own, so that it can be shut down from another.
         with context.wrap_socket(raw.dup(), server_side=True) as tls:
             self.negotiated.append(negotiated(tls))
+            self.resumed.append(tls.session_reused)
             request = _read_request(tls)
             if request:
                 self._answer(tls, self._endpoint(request).handle(request))

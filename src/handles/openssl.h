@@ -17,6 +17,7 @@ using x509_store_ptr = handle<X509_STORE, X509_STORE_free>;
 using x509_store_ctx_ptr = handle<X509_STORE_CTX, X509_STORE_CTX_free>;
 using ssl_ctx_ptr = handle<SSL_CTX, SSL_CTX_free>;
 using ssl_ptr = handle<SSL, SSL_free>;
+using ssl_session_ptr = handle<SSL_SESSION, SSL_SESSION_free>;
 
 /// OPENSSL_free is a macro, so it needs a function to stand for it.
 struct openssl_free_deleter {

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <optional>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "crypto/openssl_error.h"
 #include "handles/exhaustion.h"
 #include "http/hostname.h"
+#include "http/sessions.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -123,10 +125,8 @@ bool check_hostname(X509_STORE_CTX *store, const char *host)
     return refuse(http_client_hostname_result_name(result), host, cert);
 }
 
-const http_client_peer *peer_of(X509_STORE_CTX *store)
+const http_client_peer *peer_of(const SSL *ssl)
 {
-    const auto *ssl = static_cast<const SSL *>(
-        X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     return ssl == nullptr
                ? nullptr
                : static_cast<const http_client_peer *>(SSL_get_ex_data(ssl, peer_index()));
@@ -134,7 +134,8 @@ const http_client_peer *peer_of(X509_STORE_CTX *store)
 
 bool server_is_the_one_meant(X509_STORE_CTX *store)
 {
-    const http_client_peer *peer = peer_of(store);
+    const http_client_peer *peer = peer_of(static_cast<const SSL *>(
+        X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx())));
     if (peer == nullptr) {
         X509_STORE_CTX_set_error(store, X509_V_ERR_APPLICATION_VERIFICATION);
         return refuse("Error", "", X509_STORE_CTX_get0_cert(store));
@@ -157,6 +158,31 @@ bool server_is_the_one_meant(X509_STORE_CTX *store)
 int verify_callback(X509_STORE_CTX *store, void *) noexcept
 {
     return server_is_the_one_meant(store) ? 1 : 0;
+}
+
+bool is_fully_verified(const http_client_peer &peer)
+{
+    return !peer.skip_server_verification && !peer.skip_hostname_verification;
+}
+
+/// Called when the server sends a ticket. 1: the session is ours now. Not from a connection that is older
+/// than the context of now: other authorities may have vouched for its server.
+int on_session(SSL *ssl, SSL_SESSION *session) noexcept
+{
+    const http_client_peer *peer = peer_of(ssl);
+    const bool counts = peer != nullptr && is_fully_verified(*peer) &&
+                        SSL_get_SSL_CTX(ssl) == state.default_context.get();
+    return counts && http_client_session_keep(peer->host, session, SSL_session_reused(ssl) != 0,
+                                              std::chrono::steady_clock::now())
+               ? 1
+               : 0;
+}
+
+/// Sessions are kept by us, for the hosts that they belong to.
+void keep_sessions_of(SSL_CTX *context)
+{
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+    SSL_CTX_sess_set_new_cb(context, on_session);
 }
 
 bool is_address(const char *host)
@@ -185,6 +211,9 @@ ssl_ptr http_client_tls_new(const http_client_peer *peer)
     }
     const int rc = SSL_set_ex_data(ssl.get(), peer_index(), const_cast<http_client_peer *>(peer));
     REQUIRE_CALL(rc == 1, "SSL_set_ex_data(ssl, index, peer)", rc);
+    if (is_fully_verified(*peer)) {
+        http_client_session_offer(peer->host, ssl.get(), std::chrono::steady_clock::now());
+    }
     return ssl;
 }
 
@@ -209,6 +238,8 @@ bool http_client_tls_set_up(const char *ca_file)
     const int index = peer_index();
     REQUIRE_CALL_BY(set_up, index >= 0, "SSL_get_ex_new_index(0, \"http_client_ctx\")", index);
     SSL_CTX_set_cert_verify_callback(context, verify_callback, nullptr);
+    keep_sessions_of(context);
+    http_client_sessions_forget(); // other authorities may have vouched for them
     state.default_context = std::move(loaded.context);
     LOG_TRACE("https setup correct");
     return true;
@@ -227,5 +258,6 @@ void http_client_tls_prepare(const char *ca_file)
 
 void http_client_tls_forget()
 {
+    http_client_sessions_forget();
     state.default_context.reset();
 }

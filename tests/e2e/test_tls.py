@@ -5,11 +5,13 @@ from __future__ import annotations
 import socket
 import ssl
 import struct
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 
 import pytest
 from velm_harness.bare_tls import shaken_hands
+from velm_sim.access_point import AccessPoint
 from velm_sim.cloud import Cloud
+from velm_sim.daemon import wait_until
 from velm_sim.ipc_client import IpcClient
 from velm_sim.phone import Phone
 from velm_sim.tls_policy import DEFAULT, TlsPolicy, negotiated
@@ -42,6 +44,51 @@ def test_the_daemon_takes_the_version_and_cipher_that_the_cloud_allows(
     for agreed in cloud.negotiated:
         assert agreed[0] == expected_version(tls_policy)
         assert tls_policy.allows(agreed)
+
+
+def push(number: int, access_point: AccessPoint, cloud: Cloud, ipc: IpcClient) -> None:
+    """Each a minute after the one before."""
+    access_point.move_clock(number * 61)
+    cloud.clock_offset = number * 61
+    ipc.request()
+    cloud.fcm.wait(number + 1)
+    wait_until(lambda: not cloud.open_connections, 10, "the connection does not end")
+
+
+@pytest.mark.each_machine
+@pytest.mark.each_tls
+@pytest.mark.movable_clock
+def test_a_push_goes_on_from_the_session_of_the_one_before(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient,
+    tls_policy: TlsPolicy,
+) -> None:  # fmt: skip
+    for number in range(3):
+        push(number, access_point, cloud, ipc)
+    goes_on = expected_version(tls_policy) == "TLSv1.3"
+    # The first connection was for the token, to another host.
+    assert cloud.resumed == [False, False, goes_on, goes_on]
+
+
+@pytest.mark.movable_clock
+def test_after_a_reload_the_cloud_shows_its_certificate_again(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, connect_ipc: Callable[[], IpcClient]
+) -> None:
+    push(0, access_point, cloud, connect_ipc())
+    access_point.reload()
+    push(1, access_point, cloud, connect_ipc())
+    assert not any(cloud.resumed)
+
+
+@pytest.mark.movable_clock
+def test_a_session_does_not_help_a_cloud_with_a_wrong_certificate(
+    access_point: AccessPoint, cloud: Cloud, paired_phone: Phone, ipc: IpcClient
+) -> None:
+    push(0, access_point, cloud, ipc)
+    cloud.certificate = "other_ca"
+    access_point.move_clock(61)
+    ipc.request()
+    access_point.daemon.wait_log("HTTPS NOK - verify cert error: unable to get local issuer certificate")
+    assert len(cloud.fcm.requests) == 1
 
 
 Shaken = tuple[socket.socket, ssl.SSLObject, ssl.MemoryBIO]

@@ -43,6 +43,7 @@ class test_server {
     std::function<void(bufferevent *)> on_request;
     std::vector<std::string> requests; // whole, head and body
     std::vector<std::string> server_names;
+    std::vector<bool> resumed; // whether a request came in a session of an earlier connection
     int connections = 0;
 
   private:
@@ -99,6 +100,7 @@ class test_server {
         if (SSL *ssl = bufferevent_openssl_get_ssl(to.bufev.get()); ssl != nullptr) {
             const char *name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
             server_names.emplace_back(name != nullptr ? name : "");
+            resumed.push_back(SSL_session_reused(ssl) != 0);
         }
         if (on_request) {
             on_request(to.bufev.get());
