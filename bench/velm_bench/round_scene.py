@@ -31,9 +31,10 @@ from .watch import SERVER_CORE, cpu_us, next_timer_ms, page_faults, pin, wakeups
 CLOUD_ADDRESS = "127.0.1.1"
 FLOOR_PORT = 8444
 SOURCES = tuple(f"127.0.0.{host}" for host in range(2, 66))
-# velmd pushes once in that time by its clock, which is moved. There and back, so that the access
-# token, fetched before the first step, stays good.
+# velmd pushes once in that time by its clock, which is moved on by as much before each round. After so many
+# steps it is set back, so that the access token, fetched before the first one, stays good.
 STEP_S = 61
+STEPS = 50
 # A timer that is due later belongs to an open request, which velmd keeps for ten minutes.
 DUE_SOON_MS = 5000
 PATIENCE_S = 10.0
@@ -138,7 +139,7 @@ class Scene:
     def _move_clock(self) -> None:
         if self.clock is None:
             return
-        self._step = 2 if self._step == 1 else 1
+        self._step = self._step % STEPS + 1
         move_clock(self.clock, self._step * STEP_S)
         for phone in self.phones:
             if hasattr(phone, "clock_offset"):

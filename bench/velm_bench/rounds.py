@@ -33,14 +33,15 @@ class Extent:
     """How often."""
 
     rounds: int
+    whole_handshakes: int  # more rounds, in which the cloud goes on from no session
     processes: int  # that share these rounds
     traced: int  # of each process
     counted: int  # with the heap watched, or the instructions
     visits: int  # of many phones
 
 
-FULL = Extent(18, 3, 1, 2, 12)
-QUICK = Extent(3, 1, 1, 1, 2)
+FULL = Extent(18, 9, 3, 1, 2, 12)
+QUICK = Extent(3, 2, 1, 1, 1, 2)
 WARM_UP = 1
 HEAP_WARM_UP = 2  # what is kept for good has come by then
 
@@ -174,28 +175,29 @@ def of_kind(setting: Setting, kind: Kind, extent: Extent) -> list[Figure]:
     """In several processes of either, one after another: where the pages of a process lie makes all its
     rounds some percent slower or quicker."""
     turns: list[Turn] = []
+    whole: list[Turn] = []
     calls, floor_calls, timers = Counter[str](), Counter[str](), 0
     for _ in range(extent.processes):
         with setting.scene(kind) as scene, setting.floor(kind) as floor:
             turns += measure(scene, floor, -(-extent.rounds // extent.processes))
+            with setting.cloud.without_sessions():
+                whole += measure(scene, floor, -(-extent.whole_handshakes // extent.processes))
+            scene.round()  # so that a session is at hand again
             calls += count_calls(scene, setting.scratch, extent.traced)
             floor_calls += count_calls(floor, setting.scratch, extent.traced)
             timers += scene.timers_left()
     taken, blocks, more = count_heap(setting, kind, extent.counted)
     counted = count_instructions(setting, kind, extent.counted)
+    with setting.cloud.without_sessions():
+        counted_whole = count_instructions(setting, kind, extent.counted)
     traced_rounds = extent.traced * extent.processes
     counts = Counts(calls, floor_calls, traced_rounds, timers, taken, blocks, more, counted)
-    return list(figures(kind, turns, counts))
+    return [*figures(kind, turns, counts), *whole_figures(kind, whole, counted_whole)]
 
 
 def figures(kind: Kind, turns: Sequence[Turn], counts: Counts) -> Iterator[Figure]:
     what = f"round, {kind.name}"
-    rest = f"{what}, without two hashes"
-    spent, bare, spread = median_ratio((one.round.cpu_us, one.floor_us) for one in turns)
-    yield Figure(what, "us CPU", spent, "its floor", bare, ratio_at_most(1.10), spread)
-    spent, bare, spread = median_ratio((one.round.rest_us, one.floor_rest_us) for one in turns)
-    yield Figure(rest, "us CPU", spent, "its floor", bare, ratio_at_most(1.5), spread)
-    yield from instruction_figures(what, rest, counts.instructions)
+    yield from against_floor(what, turns, counts.instructions)
     rounds = [one.round for one in turns]
     calls, bare = (made.total() / counts.rounds for made in (counts.calls, counts.floor_calls))
     yield Figure(f"{what}: system calls", "", calls, "its floor", bare)
@@ -209,6 +211,24 @@ def figures(kind: Kind, turns: Sequence[Turn], counts: Counts) -> Iterator[Figur
     )  # fmt: skip
     yield Figure(f"{what}{LEFT[0]}", "", counts.timers_left, target=at_most(0))
     yield Figure(f"{what}{LEFT[1]}", "bytes", counts.heap_more, target=at_most(0))
+
+
+def whole_figures(
+    kind: Kind, turns: Sequence[Turn], counted: Instructions | None
+) -> Iterator[Figure]:
+    """Of rounds in which the cloud has to show its certificates, as the floor's always does."""
+    return against_floor(f"round, {kind.name}, whole handshakes", turns, counted)
+
+
+def against_floor(
+    what: str, turns: Sequence[Turn], counted: Instructions | None
+) -> Iterator[Figure]:
+    rest = f"{what}, without two hashes"
+    spent, bare, spread = median_ratio((one.round.cpu_us, one.floor_us) for one in turns)
+    yield Figure(what, "us CPU", spent, "its floor", bare, ratio_at_most(1.10), spread)
+    spent, bare, spread = median_ratio((one.round.rest_us, one.floor_rest_us) for one in turns)
+    yield Figure(rest, "us CPU", spent, "its floor", bare, ratio_at_most(1.5), spread)
+    yield from instruction_figures(what, rest, counted)
 
 
 def instruction_figures(

@@ -79,6 +79,14 @@ def test_a_round_is_held_against_its_floor_with_and_without_the_hashes(
     assert found["round, App Attest, without two hashes"].verdict is without
 
 
+def test_rounds_with_whole_handshakes_are_held_against_the_floor_too() -> None:
+    found = list(rounds.whole_figures(APP_ATTEST, [turn(9571)], None))
+    assert [(one.what, one.verdict) for one in found[:2]] == [
+        ("round, App Attest, whole handshakes", Verdict.MISSED),
+        ("round, App Attest, whole handshakes, without two hashes", Verdict.MISSED),
+    ]
+
+
 def test_a_timer_or_a_byte_that_is_left_misses_the_target() -> None:
     found = judged(9000)
     assert found["round, App Attest: timers left"].verdict is Verdict.HELD
@@ -301,6 +309,20 @@ def test_rounds_follow_one_another_within_the_minute(setting: Setting, kind: Kin
     assert one.hashes_us > one.cpu_us / 4, "most of a round are its two hashes"
     assert 0 < one.wait_us <= one.last_report_us
     assert one.wakeups > 0 and one.page_faults > 0
+
+
+def test_meanwhile_the_cloud_hands_out_no_sessions(setting: Setting) -> None:
+    def pushes(scene: rounds.Scene, number: int) -> list[bool]:
+        before = len(scene.cloud.resumed)
+        for _ in range(number):
+            scene.round()
+        return scene.cloud.resumed[before:]
+
+    with setting.scene(APP_ATTEST) as scene:
+        assert pushes(scene, 2) == [True, True], "the first push came with the access token"
+        with setting.cloud.without_sessions():
+            assert pushes(scene, 3) == [True, False, False], "the first one used the last session"
+        assert pushes(scene, 2) == [False, True]
 
 
 def test_of_the_heap_of_a_round_no_byte_is_left(setting: Setting) -> None:
