@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "crypto/openssl_error.h"
+#include "http/sessions.h"
 #include "logger/fatal.h"
 
 namespace {
@@ -253,8 +254,19 @@ void http_client_connection::finish(http_client_end end)
     } else {
         close();
     }
+    if (end != http_client_answered) {
+        forget_session();
+    }
     if (!exchanges_.empty()) {
         begin_later();
+    }
+}
+
+/// Of a connection that has failed. Tickets come before the answer.
+void http_client_connection::forget_session()
+{
+    if (target_.scheme == http_client_scheme::https) {
+        http_client_session_forget(peer_.host);
     }
 }
 
@@ -284,6 +296,7 @@ void http_client_connection::cancel(const http_client_exchange *exchange)
         return;
     }
     close();
+    forget_session();
     next_turn_.reset();
     if (!exchanges_.empty()) {
         begin_later();

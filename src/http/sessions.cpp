@@ -73,6 +73,13 @@ void http_client_session_offer(const std::string &host, SSL *tls, time_point now
     LOG_TRACE("%s - server: '%s'", __func__, host.c_str());
 }
 
+void http_client_session_forget(const std::string &host)
+{
+    if (const auto known = find(host); known != state.hosts.end()) {
+        state.hosts.erase(known);
+    }
+}
+
 void http_client_sessions_forget()
 {
     state.hosts.clear();

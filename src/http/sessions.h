@@ -10,8 +10,8 @@
 /// on from one needs neither certificates nor signatures (RFC 8446 section 2.2), and agrees on new keys like
 /// any other. Only sessions of TLS 1.3 are kept: in TLS 1.2 no new keys would be agreed on.
 ///
-/// A session serves once (RFC 8446 appendix C.4), and the next one comes with the answer. So a connection that
-/// fails leaves none behind, and the one after it begins anew, whatever the reason was.
+/// A session serves once (RFC 8446 appendix C.4). The server sends the next one before its answer. When a
+/// connection fails, that one is forgotten too, so the connection after it begins anew, whatever the reason was.
 
 /// Then the server must show its certificates again.
 inline constexpr std::chrono::hours http_client_session_time{48};
@@ -30,5 +30,8 @@ inline constexpr std::size_t http_client_sessions_max = 4;
 /// passed, and the certificate that it began with is still valid.
 void http_client_session_offer(const std::string &host, SSL *tls,
                                std::chrono::steady_clock::time_point now);
+
+/// Of one host, whose connection has failed.
+void http_client_session_forget(const std::string &host);
 
 void http_client_sessions_forget();

@@ -168,6 +168,22 @@ TEST_F(HttpClientSessions, AfterAHandshakeThatFailsTheNextOneIsWhole)
     EXPECT_EQ(server->resumed, (std::vector{false, false}));
 }
 
+TEST_F(HttpClientSessions, AfterARequestThatIsNotAnsweredTheHandshakeIsWhole)
+{
+    fetch_from();
+    server->on_request = [](bufferevent *) {}; // the tickets have been sent
+    http_client_request_data impatient = to("cloud.example.test");
+    impatient.timeout_s = 1;
+    EXPECT_EQ(fetch(HTTP_CLIENT_GET, impatient).code, -1);
+    server->on_request = nullptr;
+    EXPECT_EQ(fetch_from(), 200);
+    server->reply = "no HTTP\r\n\r\n";
+    EXPECT_LT(fetch_from(), 0);
+    server->reply = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+    EXPECT_EQ(fetch_from(), 200);
+    EXPECT_EQ(server->resumed, (std::vector{false, true, false, true, false}));
+}
+
 TEST_F(HttpClientSessions, WithoutAllChecksNoSessionIsKeptOrUsed)
 {
     for (const bool skip_chain : {true, false}) {
