@@ -3,6 +3,7 @@
 #include <openssl/x509.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 #include <vector>
 
@@ -16,12 +17,14 @@ using time_point = std::chrono::steady_clock::time_point;
 
 struct known_host {
     std::string name;
-    time_point proved;       // when it has shown its certificates
-    ssl_session_ptr session; // null while it is in use
+    ssl_session_ptr session;
 };
 
 struct module_state {
     std::vector<known_host> hosts; // the one that was heard of last comes last
+    // Of the time of proof in a session. Indexes are never given back.
+    int proved_index = -1;
+    char proved_index_name[16] = "proved";
 };
 module_state state;
 
@@ -29,6 +32,43 @@ auto find(const std::string &host)
 {
     return std::find_if(state.hosts.begin(), state.hosts.end(),
                         [&host](const known_host &known) { return known.name == host; });
+}
+
+int proved_index()
+{
+    if (state.proved_index < 0) {
+        state.proved_index =
+            SSL_SESSION_get_ex_new_index(0, state.proved_index_name, nullptr, nullptr, nullptr);
+    }
+    return state.proved_index;
+}
+
+/// Seconds, and one more, so that no time is a null pointer. A pointer of 32 bits has room for 68 years of
+/// uptime. OpenSSL copies it into each session that comes of this one.
+void *mark_of(time_point proved)
+{
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(proved.time_since_epoch()).count();
+    return reinterpret_cast<void *>( // NOLINT(performance-no-int-to-ptr): a number, never followed
+        static_cast<std::intptr_t>(seconds + 1));
+}
+
+/// Meaningful only for a session that is marked.
+time_point proved_at(const SSL_SESSION *session)
+{
+    const auto mark =
+        reinterpret_cast<std::intptr_t>(SSL_SESSION_get_ex_data(session, proved_index()));
+    return time_point{std::chrono::seconds{mark - 1}};
+}
+
+/// A session of a handshake that has proved the server is marked here. False for one that should have a
+/// mark and has none.
+bool has_time_of_proof(SSL_SESSION *session, bool resumed, time_point now)
+{
+    if (SSL_SESSION_get_ex_data(session, proved_index()) != nullptr) {
+        return true;
+    }
+    return !resumed && SSL_SESSION_set_ex_data(session, proved_index(), mark_of(now)) == 1;
 }
 
 bool has_valid_certificate(SSL_SESSION *session)
@@ -42,30 +82,30 @@ bool has_valid_certificate(SSL_SESSION *session)
 bool http_client_session_keep(const std::string &host, SSL_SESSION *session, bool resumed,
                               time_point now)
 {
-    const auto before = find(host);
     if (SSL_SESSION_get_protocol_version(session) != TLS1_3_VERSION ||
-        (resumed && before == state.hosts.end())) {
+        !has_time_of_proof(session, resumed, now)) {
         return false;
     }
-    const time_point proved = resumed ? before->proved : now;
+    const auto before = find(host);
     if (before != state.hosts.end()) {
         state.hosts.erase(before);
     } else if (state.hosts.size() == http_client_sessions_max) {
         state.hosts.erase(state.hosts.begin());
     }
-    state.hosts.push_back({host, proved, ssl_session_ptr{session}});
+    state.hosts.push_back({host, ssl_session_ptr{session}});
     return true;
 }
 
 void http_client_session_offer(const std::string &host, SSL *tls, time_point now)
 {
     const auto known = find(host);
-    if (known == state.hosts.end() || known->session == nullptr) {
+    if (known == state.hosts.end()) {
         return;
     }
     const ssl_session_ptr session = std::move(known->session);
-    if (now - known->proved >= http_client_session_time || !has_valid_certificate(session.get())) {
-        state.hosts.erase(known);
+    state.hosts.erase(known);
+    if (now - proved_at(session.get()) >= http_client_session_time ||
+        !has_valid_certificate(session.get())) {
         return;
     }
     const int rc = SSL_set_session(tls, session.get());

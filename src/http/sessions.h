@@ -20,8 +20,8 @@ inline constexpr std::chrono::hours http_client_session_time{48};
 inline constexpr std::size_t http_client_sessions_max = 4;
 
 /// Keeps the session in place of the one before. `resumed`: its handshake went on from an earlier one, so the
-/// server has shown nothing, and the time of the host's last proof goes on. True when it was kept and is owned
-/// here now.
+/// server has shown nothing, and the time of that one's proof goes on. Another connection's proof does not
+/// count for it. True when it was kept and is owned here now.
 [[nodiscard]] bool http_client_session_keep(const std::string &host, SSL_SESSION *session,
                                             bool resumed,
                                             std::chrono::steady_clock::time_point now);

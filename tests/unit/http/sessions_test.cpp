@@ -242,6 +242,15 @@ class HttpClientSession : public testing::Test {
         return kept;
     }
 
+    /// Keeps a new session, and returns the one that a connection gets that goes on from it.
+    static ssl_session_ptr keep_one_and_go_on(const std::string &host)
+    {
+        const ssl_session_ptr made = make_session();
+        SSL_SESSION_up_ref(made.get());
+        EXPECT_TRUE(keep(host, ssl_session_ptr{made.get()}));
+        return ssl_session_ptr{SSL_SESSION_dup(made.get())};
+    }
+
     [[nodiscard]] bool is_offered(const std::string &host,
                                   std::chrono::steady_clock::time_point now = moment) const
     {
@@ -257,11 +266,11 @@ class HttpClientSession : public testing::Test {
 TEST_F(HttpClientSession, IsOfferedToItsHostOnce)
 {
     EXPECT_FALSE(is_offered("a.test"));
-    EXPECT_TRUE(keep("a.test", make_session()));
+    ssl_session_ptr next = keep_one_and_go_on("a.test");
     EXPECT_FALSE(is_offered("b.test"));
     EXPECT_TRUE(is_offered("a.test"));
     EXPECT_FALSE(is_offered("a.test")) << "it serves once";
-    EXPECT_TRUE(keep("a.test", make_session(), true));
+    EXPECT_TRUE(keep("a.test", std::move(next), true));
     EXPECT_TRUE(is_offered("a.test"));
 }
 
@@ -282,13 +291,22 @@ TEST_F(HttpClientSession, ServesFor48HoursAfterTheServerHasProvedItself)
 
 TEST_F(HttpClientSession, ThatWasResumedHasTheTimeOfTheProof)
 {
-    EXPECT_TRUE(keep("a.test", make_session()));
+    ssl_session_ptr next = keep_one_and_go_on("a.test");
     EXPECT_TRUE(is_offered("a.test", moment + 47h));
-    EXPECT_TRUE(keep("a.test", make_session(), true, moment + 47h));
+    EXPECT_TRUE(keep("a.test", std::move(next), true, moment + 47h));
     EXPECT_FALSE(is_offered("a.test", moment + 48h));
 }
 
-TEST_F(HttpClientSession, ThatWasResumedIsNotKeptWithoutTheOneBefore)
+TEST_F(HttpClientSession, ThatWasResumedGainsNoTimeByTheProofOfAnotherConnection)
+{
+    ssl_session_ptr next = keep_one_and_go_on("a.test");
+    EXPECT_TRUE(is_offered("a.test", moment + 47h));
+    EXPECT_TRUE(keep("a.test", make_session(), false, moment + 47h));
+    EXPECT_TRUE(keep("a.test", std::move(next), true, moment + 47h));
+    EXPECT_FALSE(is_offered("a.test", moment + 48h));
+}
+
+TEST_F(HttpClientSession, ThatWasResumedIsNotKeptWithoutATimeOfProof)
 {
     EXPECT_FALSE(keep("a.test", make_session(), true));
     EXPECT_FALSE(is_offered("a.test"));
