@@ -19,6 +19,10 @@ inline constexpr std::chrono::hours http_client_session_time{48};
 /// Hosts. The cloud has three.
 inline constexpr std::size_t http_client_sessions_max = 4;
 
+/// Bytes of the ticket and of all certificates that the server has shown, needed or not. A session holds them,
+/// and certificates in memory take up to 15 times as much.
+inline constexpr std::size_t http_client_session_size_max = std::size_t{16} * 1024;
+
 /// Keeps the session in place of the one before. `resumed`: its handshake went on from an earlier one, so the
 /// server has shown nothing, and the time of that one's proof goes on. Another connection's proof does not
 /// count for it. True when it was kept and is owned here now.

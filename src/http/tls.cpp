@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <openssl/err.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -165,13 +166,27 @@ bool is_fully_verified(const http_client_peer &peer)
     return !peer.skip_server_verification && !peer.skip_hostname_verification;
 }
 
+bool is_small(const SSL *ssl, const SSL_SESSION *session)
+{
+    const unsigned char *ticket = nullptr;
+    std::size_t size = 0;
+    SSL_SESSION_get0_ticket(session, &ticket, &size);
+    STACK_OF(X509) *const chain = SSL_get_peer_cert_chain(ssl);
+    // A null chain has -1 certificates.
+    for (int i = 0; i < sk_X509_num(chain) && size <= http_client_session_size_max; ++i) {
+        size += static_cast<std::size_t>(std::max(0, i2d_X509(sk_X509_value(chain, i), nullptr)));
+    }
+    return size <= http_client_session_size_max;
+}
+
 /// Called when the server sends a ticket. 1: the session is ours now. Not from a connection that is older
 /// than the context of now: other authorities may have vouched for its server.
 int on_session(SSL *ssl, SSL_SESSION *session) noexcept
 {
     const http_client_peer *peer = peer_of(ssl);
     const bool counts = peer != nullptr && is_fully_verified(*peer) &&
-                        SSL_get_SSL_CTX(ssl) == state.default_context.get();
+                        SSL_get_SSL_CTX(ssl) == state.default_context.get() &&
+                        is_small(ssl, session);
     return counts && http_client_session_keep(peer->host, session, SSL_session_reused(ssl) != 0,
                                               std::chrono::steady_clock::now())
                ? 1

@@ -184,6 +184,23 @@ TEST_F(HttpClientSessions, AfterARequestThatIsNotAnsweredTheHandshakeIsWhole)
     EXPECT_EQ(server->resumed, (std::vector{false, true, false, true, false}));
 }
 
+TEST_F(HttpClientSessions, OfAServerThatShowsMoreThan16KibibytesOfCertificatesIsNotKept)
+{
+    for (const auto &[names, is_kept] : {std::pair{400, true}, std::pair{450, false}}) {
+        // 37 bytes each
+        const std::vector<std::string> long_names(static_cast<std::size_t>(names),
+                                                  std::string(30, 'a') + ".test");
+        ssl_ctx_ptr shows_more = make_server_context(good);
+        SSL_CTX_add1_chain_cert(shows_more.get(),
+                                make_test_certificate({.dns_names = long_names}).cert.get());
+        serve(std::move(shows_more));
+        EXPECT_EQ(fetch_from(), 200);
+        EXPECT_EQ(fetch_from(), 200);
+        EXPECT_EQ(server->resumed, (std::vector{false, is_kept})) << names;
+        http_client_sessions_forget();
+    }
+}
+
 TEST_F(HttpClientSessions, WithoutAllChecksNoSessionIsKeptOrUsed)
 {
     for (const bool skip_chain : {true, false}) {
