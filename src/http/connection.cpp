@@ -263,7 +263,7 @@ void http_client_connection::finish(http_client_end end)
 }
 
 /// Of a connection that has failed. Tickets come before the answer.
-void http_client_connection::forget_session()
+void http_client_connection::forget_session() const
 {
     if (target_.scheme == http_client_scheme::https) {
         http_client_session_forget(peer_.host);

@@ -89,7 +89,7 @@ class http_client_connection {
     void watch(short events);
     void close();
     void finish(http_client_end end);
-    void forget_session();
+    void forget_session() const;
     void begin_later();
 
     event_base *base_ = nullptr;
