@@ -201,6 +201,26 @@ TEST_F(HttpClientSessions, OfAServerThatShowsMoreThan16KibibytesOfCertificatesIs
     }
 }
 
+TEST_F(HttpClientSessions, OfAServerThatSendsATicketOfMoreThan16KibibytesIsNotKept)
+{
+    static std::vector<char> data;
+    const auto fill = [](SSL *ssl, void *) {
+        return SSL_SESSION_set1_ticket_appdata(SSL_get_session(ssl), data.data(), data.size());
+    };
+    const auto take = [](SSL *, SSL_SESSION *, const unsigned char *, std::size_t,
+                         SSL_TICKET_STATUS, void *) { return SSL_TICKET_RETURN_USE_RENEW; };
+    for (const auto &[size, is_kept] : {std::pair{15000, true}, std::pair{17000, false}}) {
+        data.assign(static_cast<std::size_t>(size), 'x');
+        ssl_ctx_ptr sends_more = make_server_context(good);
+        SSL_CTX_set_session_ticket_cb(sends_more.get(), fill, take, nullptr);
+        serve(std::move(sends_more));
+        EXPECT_EQ(fetch_from(), 200);
+        EXPECT_EQ(fetch_from(), 200);
+        EXPECT_EQ(server->resumed, (std::vector{false, is_kept})) << size;
+        http_client_sessions_forget();
+    }
+}
+
 TEST_F(HttpClientSessions, WithoutAllChecksNoSessionIsKeptOrUsed)
 {
     for (const bool skip_chain : {true, false}) {
