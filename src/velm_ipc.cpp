@@ -118,14 +118,9 @@ timeval timer_delay(const velm_ipc *server, timer_state wanted)
     return {std::clamp(left + 1, std::time_t{1}, longest), 0};
 }
 
-/// After every change that may make a tick due sooner, or not at all. One that is set for a request
-/// which has been answered meanwhile is left: it finds out, and is set for the next one.
-void timer_adjust(velm_ipc *server)
+void timer_set(velm_ipc *server, timer_state wanted)
 {
-    const timer_state wanted = timer_wanted(server);
-    if (wanted == std::exchange(server->timer_waits, wanted)) {
-        return;
-    }
+    server->timer_waits = wanted;
     if (wanted == timer_state::rests) {
         event_del(server->timer.get());
         return;
@@ -133,6 +128,26 @@ void timer_adjust(velm_ipc *server)
     const timeval delay = timer_delay(server, wanted);
     const int rc = event_add(server->timer.get(), &delay);
     REQUIRE_CALL(rc == 0, "event_add(timer, &tv)", rc);
+}
+
+/// After every change that may make a tick due sooner, or not at all. One that is set for a request
+/// which has been answered meanwhile is left: it finds out, and is set for the next one.
+void timer_adjust(velm_ipc *server)
+{
+    const timer_state wanted = timer_wanted(server);
+    if (wanted != server->timer_waits) {
+        timer_set(server, wanted);
+    }
+}
+
+/// After the first report: the clock need not be looked at before the oldest request's time is over. A
+/// tick for something else stays where it is, however many reports come.
+void timer_put_off(velm_ipc *server)
+{
+    const bool had_reported = std::exchange(server->has_reported, true);
+    if (!had_reported && server->timer_waits == timer_state::until_oldest_request) {
+        timer_set(server, timer_wanted(server));
+    }
 }
 
 int frame_handler(velm_conn *conn, std::uint32_t id, std::uint16_t type, const void *payload,
@@ -338,7 +353,7 @@ int velm_ipc_broadcast_report(velm_ipc *server, const void *payload, std::size_t
 {
     int all_sent = 1;
     std::uint32_t clients = 0;
-    server->has_reported = true;
+    timer_put_off(server);
     for (const connection &one : server->connections) {
         velm_conn *const conn = one.conn.get();
         if (velm_conn_is_closed(conn)) {

@@ -81,6 +81,13 @@ int give_up()
     return 0;
 }
 
+/// OpenSSL 3 takes an end without a goodbye for a fault, and would tell the client. Nobody is there who
+/// reads it: the kernel's answer would be a reset.
+void send_no_alert(SSL *tls)
+{
+    SSL_set_shutdown(tls, SSL_get_shutdown(tls) | SSL_SENT_SHUTDOWN);
+}
+
 /// More than 0 when something has come. What is held stays below the longest record.
 int receive(BIO *bio, http_tls_stream *stream)
 {
@@ -101,6 +108,9 @@ int receive(BIO *bio, http_tls_stream *stream)
     const ssize_t size = recv(stream->socket, state.scratch.data(), room, 0);
     if (size <= 0) {
         stream->ended = size == 0;
+        if (stream->ended) {
+            send_no_alert(stream->tls);
+        }
         return size < 0 && (errno == EAGAIN || errno == EINTR) ? would_block(bio)
                                                                : static_cast<int>(size);
     }

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import http.client
 import socket
 import ssl
 import struct
@@ -133,3 +134,15 @@ def test_the_ticket_comes_within_a_second_when_nothing_is_asked(shaken: Shaken) 
     raw.sendall(outgoing.read())
     raw.settimeout(1)
     assert records(raw.recv(65536)) == 1
+
+
+@pytest.mark.each_machine
+@pytest.mark.each_tls
+def test_a_phone_that_ends_without_a_goodbye_is_told_nothing(phone: Phone) -> None:
+    with phone.host.connect_tls() as connection:
+        connection.sendall(b"GET /info HTTP/1.1\r\nHost: x\r\n\r\n")
+        answer = http.client.HTTPResponse(connection)
+        answer.begin()
+        assert answer.read()
+        connection.shutdown(socket.SHUT_WR)  # of the socket: what it gives from here on is no plain text
+        assert connection.recv(65536) == b""

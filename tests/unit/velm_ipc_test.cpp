@@ -325,9 +325,17 @@ TEST_F(Ipc, ARequestWhoseReportHasComeWakesNobodyUntilItsTimeIsOver)
     ipc_send(client, ipc_request(1));
     ASSERT_TRUE(turn_until_taken(1));
     EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
+    EXPECT_NEAR(timer_due(base).value_or(0), 601, 1);
     turn_timer_on();
     EXPECT_NEAR(timer_due(base).value_or(0), 601, 1);
     EXPECT_EQ(respond(1), 1);
+}
+
+TEST_F(Ipc, AReportWithoutARequestSetsNoTimer)
+{
+    const unique_fd client = connect();
+    EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
+    EXPECT_FALSE(timer_is_set(base));
 }
 
 TEST_F(Ipc, ARequestAfterAReportIsLookedAfterEveryThreeSecondsAgain)
@@ -336,7 +344,6 @@ TEST_F(Ipc, ARequestAfterAReportIsLookedAfterEveryThreeSecondsAgain)
     ipc_send(client, ipc_request(1));
     ASSERT_TRUE(turn_until_taken(1));
     EXPECT_EQ(velm_ipc_broadcast_report(server.get(), "report", 6), 1);
-    turn_timer_on();
     ipc_send(client, ipc_request(2));
     ASSERT_TRUE(turn_until_taken(2));
     EXPECT_NEAR(timer_due(base).value_or(0), 3, 0.5);
