@@ -245,7 +245,7 @@ void prepare_to_send_push(void *argument, short, common_async_context *) noexcep
     LOG_TRACE("%s - %d", __func__, state.config->pairings_limit);
     long delay_s = 0;
     for (int index = 0; index < state.config->pairings_limit; ++index) {
-        if (velm_nvram_pairings_select_live_pairing(index) == nullptr) {
+        if (!velm_nvram_pairings_is_live(index)) {
             continue;
         }
         const allocation_name naming{__func__, "cm_params_copy"};

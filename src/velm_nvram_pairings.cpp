@@ -75,7 +75,7 @@ void hand_over(json_ptr text, cJSON_bool stored)
 }
 
 /// One of `members`, which the pairing does not have yet: it is not looked for, and its name is borrowed. A
-/// slot is read seven times in a round, and both together take longer than reading its settings.
+/// slot is read six times in a round, and both together take longer than reading its settings.
 void add_member(cJSON *pairing, const char *member, const char *value)
 {
     json_ptr text = make_text(value);
@@ -210,6 +210,11 @@ int velm_nvram_pairings_is_valid_pairing(int index)
     return pairing_slot_equals(index, "status", status_valid) ? 1 : 0;
 }
 
+bool velm_nvram_pairings_is_live(int index)
+{
+    return is_slot(index) && is_live(index);
+}
+
 json_ptr velm_nvram_pairings_create_empty_pairing()
 {
     json_ptr pairing = make_pairing();
@@ -238,7 +243,7 @@ json_ptr velm_nvram_pairings_select_pairing_by_index(int index)
 
 json_ptr velm_nvram_pairings_select_live_pairing(int index)
 {
-    return is_slot(index) && is_live(index) ? read_slot(index) : nullptr;
+    return velm_nvram_pairings_is_live(index) ? read_slot(index) : nullptr;
 }
 
 json_ptr velm_nvram_pairings_read_pairings(int only_valid)

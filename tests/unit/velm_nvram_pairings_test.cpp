@@ -224,13 +224,17 @@ TEST_F(Pairings, ALiveSlotIsValidAndHasADeviceId)
     ASSERT_NE(live, nullptr);
     EXPECT_EQ(field(live, "dev_id"), "id-1");
     EXPECT_EQ(field(live, "name"), "a");
+    EXPECT_TRUE(velm_nvram_pairings_is_live(0));
     fake_nvram.values["zelkad_pairing_0_dev_id"] = "";
     EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+    EXPECT_FALSE(velm_nvram_pairings_is_live(0));
     fake_nvram.values.erase("zelkad_pairing_0_dev_id");
     EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+    EXPECT_FALSE(velm_nvram_pairings_is_live(0));
     fake_nvram.values["zelkad_pairing_0_dev_id"] = "id-1";
     fake_nvram.values["zelkad_pairing_0_status"] = "valid";
     EXPECT_EQ(velm_nvram_pairings_select_live_pairing(0), nullptr);
+    EXPECT_FALSE(velm_nvram_pairings_is_live(0));
 }
 
 TEST_F(Pairings, NoSlotOutsideTheLimitIsLive)
@@ -239,8 +243,11 @@ TEST_F(Pairings, NoSlotOutsideTheLimitIsLive)
         insert(id);
     }
     EXPECT_NE(velm_nvram_pairings_select_live_pairing(2), nullptr);
-    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(3), nullptr);
-    EXPECT_EQ(velm_nvram_pairings_select_live_pairing(-1), nullptr);
+    EXPECT_TRUE(velm_nvram_pairings_is_live(2));
+    for (const int outside : {3, -1}) {
+        EXPECT_EQ(velm_nvram_pairings_select_live_pairing(outside), nullptr);
+        EXPECT_FALSE(velm_nvram_pairings_is_live(outside));
+    }
 }
 
 TEST_F(Pairings, OnlyTheExactWordValidMakesASlotLive)
