@@ -1,5 +1,6 @@
 #include "bare_tls.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -117,17 +118,17 @@ std::string_view bare_tls::read()
 void bare_tls::say_end()
 {
     (void)SSL_shutdown(tls_.get());
-    send();
+    send(MSG_MORE); // the socket is closed next: both go in one packet
 }
 
-void bare_tls::send()
+void bare_tls::send(int flags)
 {
     auto &packet = wire_.packet;
     const int length =
         BIO_read(wire_.waiting.get(), packet.data(), static_cast<int>(packet.size()));
     if (length > 0) { // a server has nothing to say before it has heard
         round_floor_require(
-            ::write(socket_.get(), packet.data(), static_cast<std::size_t>(length)) == length,
+            ::send(socket_.get(), packet.data(), static_cast<std::size_t>(length), flags) == length,
             "send");
     }
 }

@@ -48,7 +48,7 @@ class bare_tls {
 
   private:
     void shake_hands();
-    void send();
+    void send(int flags = 0);
     [[nodiscard]] bool receive();
 
     bare_tls_wire &wire_;

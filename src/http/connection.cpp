@@ -130,8 +130,7 @@ void http_client_connection::on_connected(std::unique_ptr<http_client_stream> st
     }
     self->stream_ = std::move(stream);
     self->step_ = handshake == http_client_io::done ? step::sending : step::shaking_hands;
-    // It can be written to at once; then the loop has turned.
-    self->await(handshake == http_client_io::done ? http_client_io::wants_to_write : handshake);
+    self->await(handshake == http_client_io::done ? self->take_step() : handshake);
 }
 
 void http_client_connection::watch(short events)

@@ -86,8 +86,8 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     return static_cast<int>(received);
 }
 
-/// Nothing answers the end of our side of a TLS 1.3 handshake, and the request follows in the next turn: the
-/// kernel sends both in one packet. If nothing follows, it sends the end alone after 200 ms.
+/// Nothing answers the end of our side of a TLS 1.3 handshake, and the request follows at once: the kernel
+/// sends both in one packet. If nothing follows, it sends the end alone after 200 ms.
 bool ends_handshake(const SSL *tls)
 {
     return SSL_get_state(tls) == TLS_ST_CW_FINISHED && SSL_version(tls) == TLS1_3_VERSION;
@@ -97,7 +97,8 @@ int on_bio_write(BIO *bio, const char *from, int size) noexcept
 {
     const auto *const intake = static_cast<const http_client_intake *>(BIO_get_data(bio));
     BIO_clear_retry_flags(bio);
-    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (ends_handshake(intake->tls) ? MSG_MORE : 0);
+    const bool more_follows = intake->says_goodbye || ends_handshake(intake->tls);
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (more_follows ? MSG_MORE : 0);
     const ssize_t sent = send(intake->socket, from, static_cast<std::size_t>(size), flags);
     if (sent < 0 && is_for_later(errno)) {
         BIO_set_retry_write(bio);
@@ -145,9 +146,11 @@ http_client_stream::http_client_stream(unique_fd socket, ssl_ptr tls)
 
 http_client_stream::~http_client_stream()
 {
-    // A farewell, unless a failure has made it impossible.
+    // A goodbye, unless a failure has made it impossible. The socket is closed next, and the kernel sends
+    // both in one packet.
     if (tls_ != nullptr && tls_errors_.empty() && socket_error_ == 0 &&
         SSL_is_init_finished(tls_.get()) != 0) {
+        intake_.says_goodbye = true;
         SSL_shutdown(tls_.get());
         ERR_clear_error();
     }
