@@ -40,7 +40,7 @@ class Extent:
     visits: int  # of many phones
 
 
-FULL = Extent(18, 9, 3, 1, 2, 12)
+FULL = Extent(18, 18, 3, 1, 2, 12)
 QUICK = Extent(3, 2, 1, 1, 1, 2)
 WARM_UP = 1
 HEAP_WARM_UP = 2  # what is kept for good has come by then
