@@ -141,7 +141,8 @@ void timer_adjust(velm_ipc *server)
 }
 
 /// After the first report: the clock need not be looked at before the oldest request's time is over. A
-/// tick for something else stays where it is, however many reports come.
+/// tick that a closed connection or a new attempt to connect waits for stays where it is, however many
+/// reports come.
 void timer_put_off(velm_ipc *server)
 {
     const bool had_reported = std::exchange(server->has_reported, true);

@@ -92,7 +92,7 @@ json_ptr read_slot(int index)
     return pairing;
 }
 
-/// A phone can only be found, pushed to and unpaired by its device id: a slot without one is free.
+/// A phone can only be found, pushed to and unpaired by its device id.
 bool is_live(int index)
 {
     if (!pairing_slot_equals(index, "status", status_valid)) {

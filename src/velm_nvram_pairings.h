@@ -24,7 +24,8 @@ void velm_nvram_pairings_write_pairing_field_by_index(int index, const char *fie
 /// Part of the interface; only tests call it.
 [[nodiscard]] int velm_nvram_pairings_is_valid_pairing(int index);
 
-/// Whether a phone is paired there: "Valid" and with a device id. False for an index outside the limit.
+/// Whether a phone is paired there: "Valid" and with a device id. A slot that is not live is free. False
+/// for an index outside the limit.
 [[nodiscard]] bool velm_nvram_pairings_is_live(int index);
 
 /// All nine members, empty.

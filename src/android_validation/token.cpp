@@ -42,23 +42,21 @@ constexpr std::size_t encrypted_key_characters = 54; // 40 bytes: a 32-byte key,
 constexpr std::size_t iv_characters = 16;            // 12 bytes
 constexpr std::size_t tag_characters = 22;           // 16 bytes
 
-/// The parts between the dots; nothing unless there are exactly as many as wanted, and none empty.
-/// What characters they are made of is not asked here: the library has decoded each part before, and
-/// it refuses all that is not base64url.
+/// The parts between the dots; nothing unless there are exactly as many as wanted, and none empty. To
+/// be asked when the library has imported the text: it has decoded each part then, and refuses foreign
+/// characters. So the length of a part tells how many bytes it has.
 template <std::size_t Count>
 std::optional<std::array<std::string_view, Count>> parts_of(std::string_view compact)
 {
     std::array<std::string_view, Count> parts;
     for (std::size_t i = 0; i < Count; ++i) {
-        const std::size_t end = i + 1 < Count ? compact.find('.') : compact.size();
-        if (end == std::string_view::npos) {
+        const std::size_t dot = compact.find('.');
+        const bool is_last = i + 1 == Count;
+        parts[i] = compact.substr(0, dot);
+        if (is_last != (dot == std::string_view::npos) || parts[i].empty()) {
             return std::nullopt;
         }
-        parts[i] = compact.substr(0, end);
-        compact.remove_prefix(i + 1 < Count ? end + 1 : end);
-        if (parts[i].empty()) {
-            return std::nullopt;
-        }
+        compact.remove_prefix(is_last ? compact.size() : dot + 1);
     }
     return parts;
 }

@@ -130,6 +130,7 @@ void http_client_connection::on_connected(std::unique_ptr<http_client_stream> st
     }
     self->stream_ = std::move(stream);
     self->step_ = handshake == http_client_io::done ? step::sending : step::shaking_hands;
+    // The race needs nothing of itself any more, so it may end in here.
     self->await(handshake == http_client_io::done ? self->take_step() : handshake);
 }
 

@@ -86,7 +86,7 @@ int on_bio_read(BIO *bio, char *to, int size) noexcept
     return static_cast<int>(received);
 }
 
-/// Nothing answers the end of our side of a TLS 1.3 handshake, and the request follows at once: the kernel
+/// Nothing answers the end of our side of a TLS 1.3 handshake, and whoever connects has a request: the kernel
 /// sends both in one packet. If nothing follows, it sends the end alone after 200 ms.
 bool ends_handshake(const SSL *tls)
 {

@@ -26,7 +26,7 @@ struct http_client_intake {
     bool flooded = false;       // too many of them
     bool heard = false;         // anything at all
     bool ended = false;
-    bool says_goodbye = false; // the last that is sent
+    bool says_goodbye = false;           // what is sent now; then the socket is closed
     std::array<unsigned char, 5> head{}; // of the record that is being read
     std::size_t head_read = 0;
     std::size_t body_left = 0;

@@ -81,11 +81,13 @@ int give_up()
     return 0;
 }
 
-/// OpenSSL 3 takes an end without a goodbye for a fault, and would tell the client. Nobody is there who
-/// reads it: the kernel's answer would be a reset.
-void send_no_alert(SSL *tls)
+/// The client has ended without a goodbye. OpenSSL 3 would send an alert and 1.1.1 a goodbye, but nearly
+/// always the client has closed its socket, and its system would answer with a reset. OpenSSL sends no
+/// alert after its own goodbye: so it is told that it has sent one.
+void say_nothing_more(SSL *tls)
 {
     SSL_set_shutdown(tls, SSL_get_shutdown(tls) | SSL_SENT_SHUTDOWN);
+    SSL_set_quiet_shutdown(tls, 1); // libevhtp takes the former back
 }
 
 /// More than 0 when something has come. What is held stays below the longest record.
@@ -109,7 +111,7 @@ int receive(BIO *bio, http_tls_stream *stream)
     if (size <= 0) {
         stream->ended = size == 0;
         if (stream->ended) {
-            send_no_alert(stream->tls);
+            say_nothing_more(stream->tls);
         }
         return size < 0 && (errno == EAGAIN || errno == EINTR) ? would_block(bio)
                                                                : static_cast<int>(size);

@@ -49,7 +49,7 @@ def packets(scene: Scene, trace: Path) -> Sequence[int]:
 
 
 def test_the_floor_sends_the_packets_of_velmd(setting: Setting) -> None:
-    """Except for the sessions of the cloud's: the floor begins anew each time."""
+    """Without sessions, since the floor has none with the cloud."""
     if not shutil.which("strace"):
         pytest.skip("strace, which scripts/bench.sh installs, is not there")
     with (

@@ -144,5 +144,5 @@ def test_a_phone_that_ends_without_a_goodbye_is_told_nothing(phone: Phone) -> No
         answer = http.client.HTTPResponse(connection)
         answer.begin()
         assert answer.read()
-        connection.shutdown(socket.SHUT_WR)  # of the socket: what it gives from here on is no plain text
+        connection.shutdown(socket.SHUT_WR)  # ends TCP only; from here on recv() gives raw bytes
         assert connection.recv(65536) == b""

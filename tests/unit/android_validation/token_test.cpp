@@ -362,7 +362,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, MisshapenToken, testing::Values(
     [](const auto &row) { return std::string{row.param.name}; });
 // clang-format on
 
-/// The bytes that are neither base64url, nor the dot between parts, nor padding.
+/// The bytes that are neither base64url nor the dot between parts nor padding.
 std::string foreign_bytes()
 {
     const std::string_view known = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
@@ -400,6 +400,27 @@ TEST_F(AndroidToken, WhoseSignedTextHoldsAForeignByteAnywhereIsRefusedBeforeItIs
             bad[i] = foreign[i % foreign.size()];
             expect_library_line(open_inner(bad), "cjose_jws_import");
         }
+    }
+}
+
+TEST_F(AndroidToken, WithOneDotMoreAnywhereIsRefusedBeforeItIsDecrypted)
+{
+    const std::string good = jwe_make({secret}, signed_text).compact();
+    for (std::size_t i = 0; i < good.size(); ++i) {
+        std::string bad = good;
+        bad[i] = '.';
+        EXPECT_EQ(open(bad).has_value(), good[i] == '.');
+        EXPECT_FALSE(log.contains("cjose_jwe_decrypt"));
+    }
+}
+
+TEST_F(AndroidToken, WhoseSignedTextHasOneDotMoreAnywhereIsRefusedBeforeItIsVerified)
+{
+    for (std::size_t i = 0; i < signed_text.size(); ++i) {
+        std::string bad = signed_text;
+        bad[i] = '.';
+        EXPECT_EQ(open_inner(bad).has_value(), signed_text[i] == '.');
+        EXPECT_FALSE(log.contains("cjose_jws_verify"));
     }
 }
 

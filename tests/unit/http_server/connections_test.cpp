@@ -449,6 +449,18 @@ INSTANTIATE_TEST_SUITE_P(Ways, HalfClose,
                                          half_close_case{"TcpAtOnce", false, true}),
                          [](const auto &row) { return string{row.param.name}; });
 
+TEST_F(Connections, AClientThatEndsWithoutAGoodbyeIsToldNothing)
+{
+    serve();
+    const auto peer = connected();
+    peer->send("GET /now HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(peer->receive().status, 200);
+    shutdown(peer->fd(), SHUT_WR);
+    EXPECT_TRUE(reaches(0));
+    char byte = 0;
+    EXPECT_EQ(recv(peer->fd(), &byte, 1, MSG_DONTWAIT), 0) << "the end of TCP comes first";
+}
+
 TEST_F(Connections, AClientThatGoesInTheMiddleOfAnythingIsForgotten)
 {
     serve();
