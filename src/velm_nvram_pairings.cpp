@@ -92,20 +92,10 @@ json_ptr read_slot(int index)
     return pairing;
 }
 
-/// A phone can only be found, pushed to and unpaired by its device id.
-bool is_live(int index)
-{
-    if (!pairing_slot_equals(index, "status", status_valid)) {
-        return false;
-    }
-    const malloc_text dev_id = pairing_slot_read(index, "dev_id");
-    return dev_id != nullptr && *dev_id != '\0';
-}
-
 std::optional<int> first_free_slot()
 {
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!is_live(index)) {
+        if (!velm_nvram_pairings_is_live(index)) {
             return index;
         }
     }
@@ -210,9 +200,14 @@ int velm_nvram_pairings_is_valid_pairing(int index)
     return pairing_slot_equals(index, "status", status_valid) ? 1 : 0;
 }
 
+/// A phone can only be found, pushed to and unpaired by its device id.
 bool velm_nvram_pairings_is_live(int index)
 {
-    return is_slot(index) && is_live(index);
+    if (!is_slot(index) || !pairing_slot_equals(index, "status", status_valid)) {
+        return false;
+    }
+    const malloc_text dev_id = pairing_slot_read(index, "dev_id");
+    return dev_id != nullptr && *dev_id != '\0';
 }
 
 json_ptr velm_nvram_pairings_create_empty_pairing()
@@ -332,7 +327,7 @@ int velm_nvram_pairings_count_pairings()
 {
     int count = 0;
     for (int index = 0; index < pairings_limit(); ++index) {
-        count += is_live(index) ? 1 : 0;
+        count += velm_nvram_pairings_is_live(index) ? 1 : 0;
     }
     return count;
 }
@@ -346,7 +341,7 @@ json_ptr velm_nvram_pairings_get_push_tokens()
 {
     json_ptr tokens = make_list();
     for (int index = 0; index < pairings_limit(); ++index) {
-        if (!is_live(index)) {
+        if (!velm_nvram_pairings_is_live(index)) {
             continue;
         }
         const malloc_text token = pairing_slot_read(index, "push_token");

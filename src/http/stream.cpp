@@ -147,7 +147,7 @@ http_client_stream::http_client_stream(unique_fd socket, ssl_ptr tls)
 http_client_stream::~http_client_stream()
 {
     // A goodbye, unless a failure has made it impossible. The socket is closed next, and the kernel sends
-    // both in one packet.
+    // both in one packet. If the server has said something that nobody read, it sends a reset instead.
     if (tls_ != nullptr && tls_errors_.empty() && socket_error_ == 0 &&
         SSL_is_init_finished(tls_.get()) != 0) {
         intake_.says_goodbye = true;
