@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import re
 import shutil
+from collections import Counter
 from collections.abc import Sequence
 from dataclasses import replace
 from pathlib import Path
@@ -31,20 +32,22 @@ def test_the_floor_has_velmds_round_with_its_peers(setting: Setting, kind: Kind)
     assert len(by_floor.body) == len(pushed.body)
 
 
-SENT = re.compile(r"(?:sendto|write)\(\d+, .*\) = (\d+)$")
+SENT = re.compile(r"(?:sendto|write)\((?P<fd>\d+), .*\) = (?P<size>\d+)$")
+CLOSED = re.compile(r"close\((?P<fd>\d+)\)")
 
 
 def packets(scene: Scene, trace: Path) -> Sequence[int]:
     """Their sizes, in the order in which a round sends them."""
     with traced(scene.pid, trace):
         scene.round()
-    found, held = [], 0
+    found: list[int] = []
+    held: Counter[str] = Counter()  # by the kernel, until more is sent or the socket closed
     for line in trace.read_text().splitlines():
         if sent := SENT.search(line):
-            held += int(sent.group(1))
-            if "MSG_MORE" not in line:
-                found.append(held)
-                held = 0
+            held[sent["fd"]] += int(sent["size"])
+        ended = sent if "MSG_MORE" not in line else None
+        if (end := ended or CLOSED.search(line)) and held[end["fd"]]:
+            found.append(held.pop(end["fd"]))
     return found
 
 
